@@ -1,0 +1,36 @@
+# Compiler settings of every target, and the static library of each module.
+
+add_library(talvek_flags INTERFACE)
+target_compile_options(talvek_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
+    $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor>)
+target_include_directories(talvek_flags INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_definitions(talvek_flags INTERFACE _GNU_SOURCE)
+
+# A recording appliance keeps files over 2 GiB and runs past January 2038: the 64-bit forms of
+# off_t and time_t everywhere. COMMON.h refuses a program that is compiled otherwise.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+    target_compile_definitions(talvek_flags INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
+if(TALVEK_SANITIZE)
+    target_compile_options(talvek_flags INTERFACE
+        -fsanitize=${TALVEK_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(talvek_flags INTERFACE -fsanitize=${TALVEK_SANITIZE})
+endif()
+
+# talvek_add_module(<folder> [<needed library>...]) makes talvek_<folder> of <folder>/*.cpp.
+# main.cpp, where there is one, belongs to a program and not to the library.
+function(talvek_add_module folder)
+    file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp
+        ${PROJECT_SOURCE_DIR}/${folder}/internal/*.cpp)
+    list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
+    if(NOT sources)
+        add_library(talvek_${folder} INTERFACE)
+        return()
+    endif()
+    add_library(talvek_${folder} STATIC ${sources})
+    target_compile_options(talvek_${folder} PRIVATE -fstack-protector-strong)
+    target_link_libraries(talvek_${folder} PUBLIC talvek_flags ${ARGN})
+    set_target_properties(talvek_${folder} PROPERTIES ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
+endfunction()

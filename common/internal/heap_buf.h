@@ -1,0 +1,42 @@
+#ifndef TALVEK_COMMON_INTERNAL_HEAP_BUF_H
+#define TALVEK_COMMON_INTERNAL_HEAP_BUF_H
+
+#include <stdlib.h>
+
+#include <utility>
+
+namespace talvek {
+
+// Owns a block of malloc, calloc or realloc.
+template <typename T>
+class HeapBuf {
+  public:
+    HeapBuf() = default;
+    explicit HeapBuf(T *block) : block_(block) {}
+    HeapBuf(HeapBuf &&other) : block_(other.Release()) {}
+    HeapBuf &operator=(HeapBuf &&other) {
+        Reset(other.Release());
+        return *this;
+    }
+    HeapBuf(const HeapBuf &) = delete;
+    HeapBuf &operator=(const HeapBuf &) = delete;
+    ~HeapBuf() { free(block_); }
+
+    // A zeroed block of `count` elements; empty when there is no memory.
+    static HeapBuf Zeroed(size_t count) {
+        return HeapBuf{static_cast<T *>(calloc(count, sizeof(T)))};
+    }
+
+    [[nodiscard]] T *get() const { return block_; }
+    T &operator[](size_t index) const { return block_[index]; }
+    explicit operator bool() const { return block_ != nullptr; }
+    [[nodiscard]] T *Release() { return std::exchange(block_, nullptr); }
+    void Reset(T *block = nullptr) { free(std::exchange(block_, block)); }
+
+  private:
+    T *block_ = nullptr;
+};
+
+}  // namespace talvek
+
+#endif

@@ -1,0 +1,135 @@
+// The logger of all modules: one message, one line, one write.
+
+#include "common/log.h"
+
+#include <errno.h>
+#include <limits.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include "common/internal/heap_buf.h"
+#include "common/internal/scope_exit.h"
+
+namespace talvek {
+namespace {
+
+constexpr size_t kFirstMessageSize = 256;
+
+struct LineStyle {
+    const char *before;
+    const char *after;
+};
+
+constexpr LineStyle kPlain{"", ""};
+constexpr LineStyle kYellow{"\033[33m", "\033[0m"};
+
+struct Origin {
+    const char *module;
+    int line;
+    const char *function;  // null for none
+};
+
+enum class Formatted { kOk, kNoMemory, kNoMemoryToGrow };
+
+// Formats into a block that grows to the message: once for up to 255 characters, twice for more.
+Formatted FormatMessage(HeapBuf<char> &message, const char *pFormat, va_list args) {
+    size_t size = kFirstMessageSize;
+    message.Reset(static_cast<char *>(malloc(size)));
+    if (!message) {
+        return Formatted::kNoMemory;
+    }
+    for (;;) {
+        va_list pass;
+        va_copy(pass, args);
+        const int length = vsnprintf(message.get(), size, pFormat, pass);
+        va_end(pass);
+        if (length >= 0 && static_cast<size_t>(length) < size) {
+            return Formatted::kOk;
+        }
+        // A negative report has no length to grow to. Doubling stops at the largest length that
+        // printf can report, so a format that never succeeds ends here too.
+        if (length < 0 && size > INT_MAX / 2) {
+            return Formatted::kNoMemoryToGrow;
+        }
+        size = length >= 0 ? static_cast<size_t>(length) + 1 : size * 2;
+        char *grown = static_cast<char *>(realloc(message.get(), size));
+        if (grown == nullptr) {
+            return Formatted::kNoMemoryToGrow;
+        }
+        static_cast<void>(message.Release());
+        message.Reset(grown);
+    }
+}
+
+// The stream stays locked from the line to its flush, so that the line leaves in one piece.
+int WriteLine(const LineStyle &style, const Origin &origin, const char *pMessage) {
+    flockfile(stdout);
+    const ScopeExit unlock{[] { funlockfile(stdout); }};
+    const int count = origin.function != nullptr
+                          ? printf("%s%s,%d:%s(): %s%s", style.before, origin.module, origin.line,
+                                   origin.function, pMessage, style.after)
+                          : printf("%s%s,%d: %s%s", style.before, origin.module, origin.line,
+                                   pMessage, style.after);
+    fflush(stdout);
+    return count;
+}
+
+int LogLine(const LineStyle &style, const Origin &origin, const char *pFormat, va_list args) {
+    const int savedErrno = errno;
+    const ScopeExit restoreErrno{[savedErrno] { errno = savedErrno; }};
+    HeapBuf<char> message;
+    switch (FormatMessage(message, pFormat, args)) {
+        case Formatted::kOk:
+            return WriteLine(style, origin, message.get());
+        case Formatted::kNoMemoryToGrow:
+            message.Reset();
+            return WriteLine(
+                style, {origin.module, origin.line, origin.function ? origin.function : "(null)"},
+                "Failed to print");
+        case Formatted::kNoMemory:
+            break;
+    }
+    return -1;
+}
+
+}  // namespace
+}  // namespace talvek
+
+int COM_Log(const char *pModule, int line, const char *pFunction, const char *pFormat, ...) {
+    va_list args;
+    va_start(args, pFormat);
+    const int count = talvek::LogLine(talvek::kPlain, {pModule, line, pFunction}, pFormat, args);
+    va_end(args);
+    return count;
+}
+
+int COM_LogColor(const char *pModule, int line, const char *pFunction, const char *pFormat, ...) {
+    va_list args;
+    va_start(args, pFormat);
+    const int count = talvek::LogLine(talvek::kYellow, {pModule, line, pFunction}, pFormat, args);
+    va_end(args);
+    return count;
+}
+
+int COM_PrintTimeStamp(const char *pModule, int line) {
+    struct timeval now;
+    if (gettimeofday(&now, nullptr) == -1) {
+        return -1;
+    }
+    struct tm calendar;
+    if (gmtime_r(&now.tv_sec, &calendar) == nullptr) {
+        return -1;
+    }
+    char text[32] = {};
+    strftime(text, sizeof text, "%Y/%m/%d %H:%M:%S", &calendar);
+    const long usec = static_cast<long>(now.tv_usec);
+    if (pModule == nullptr) {
+        printf("[%s.%06ld] ", text, usec);
+    } else {
+        printf("%s,%d: [%s.%06ld] ", pModule, line, text, usec);
+    }
+    return 0;
+}

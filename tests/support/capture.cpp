@@ -1,0 +1,67 @@
+#include "support/capture.h"
+
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <regex>
+#include <sstream>
+
+namespace talvek::test {
+namespace {
+
+std::string CaptureFds(const std::function<void()> &body, bool errors) {
+    fflush(nullptr);
+    const int sink = memfd_create("capture", MFD_CLOEXEC);
+    const int savedOut = dup(STDOUT_FILENO);
+    const int savedErr = dup(STDERR_FILENO);
+    EXPECT_GE(sink, 0);
+    dup2(sink, STDOUT_FILENO);
+    if (errors) {
+        dup2(sink, STDERR_FILENO);
+    }
+    body();
+    fflush(nullptr);
+    dup2(savedOut, STDOUT_FILENO);
+    dup2(savedErr, STDERR_FILENO);
+    close(savedOut);
+    close(savedErr);
+
+    std::string text;
+    char block[4096];
+    off_t at = 0;
+    ssize_t count;
+    while ((count = pread(sink, block, sizeof block, at)) > 0) {
+        text.append(block, static_cast<size_t>(count));
+        at += count;
+    }
+    close(sink);
+    return text;
+}
+
+}  // namespace
+
+std::string Capture(const std::function<void()> &body) {
+    return CaptureFds(body, false);
+}
+
+std::string CaptureAll(const std::function<void()> &body) {
+    return CaptureFds(body, true);
+}
+
+std::vector<std::string> LogLines(const std::string &output) {
+    static const std::regex prefix{"^(COMMON|DEV|DNS|TALVEK),[0-9]+:"};
+    std::vector<std::string> lines;
+    std::istringstream in{output};
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(std::regex_replace(line, prefix, "$1:"));
+    }
+    return lines;
+}
+
+std::vector<std::string> CaptureLog(const std::function<void()> &body) {
+    return LogLines(Capture(body));
+}
+
+}  // namespace talvek::test
