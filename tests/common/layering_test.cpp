@@ -1,0 +1,63 @@
+// Dependencies between the folders run one way.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+
+namespace {
+
+const std::map<std::string, std::set<std::string>> kMayInclude{
+    {"common", {"common"}},
+    {"dev", {"dev", "common"}},
+    {"dns", {"dns", "common"}},
+    {"service", {"service", "common"}},
+};
+
+TEST(Layering, FoldersIncludeOnlyWhatTheyStandOn) {
+    const std::regex include{"^\\s*#\\s*include\\s+\"([a-z]+)/.*"};
+    int seen = 0;
+    for (const auto &[folder, allowed] : kMayInclude) {
+        const std::filesystem::path root = std::filesystem::path{TALVEK_SOURCE_DIR} / folder;
+        for (const auto &entry : std::filesystem::recursive_directory_iterator{root}) {
+            if (!entry.is_regular_file()) {
+                continue;
+            }
+            std::ifstream in{entry.path()};
+            std::smatch part;
+            for (std::string line; std::getline(in, line);) {
+                if (std::regex_match(line, part, include)) {
+                    ++seen;
+                    EXPECT_TRUE(allowed.contains(part[1])) << entry.path() << ": " << line;
+                }
+            }
+        }
+    }
+    EXPECT_GT(seen, 10);
+}
+
+// What is not for users lives in internal/ and is not named by a header of theirs.
+TEST(Layering, PublicHeadersIncludeNothingInternal) {
+    const std::regex internal{"^\\s*#\\s*include\\s+\"[a-z]+/internal/.*"};
+    int seen = 0;
+    for (const auto &[folder, allowed] : kMayInclude) {
+        const std::filesystem::path root = std::filesystem::path{TALVEK_SOURCE_DIR} / folder;
+        for (const auto &entry : std::filesystem::directory_iterator{root}) {
+            if (entry.path().extension() != ".h") {
+                continue;
+            }
+            ++seen;
+            std::ifstream in{entry.path()};
+            for (std::string line; std::getline(in, line);) {
+                EXPECT_FALSE(std::regex_match(line, internal)) << entry.path() << ": " << line;
+            }
+        }
+    }
+    EXPECT_GT(seen, 2);
+}
+
+}  // namespace
