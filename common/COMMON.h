@@ -33,6 +33,7 @@ static_assert(sizeof(off_t) == 8, "compile with -D_FILE_OFFSET_BITS=64");
 static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 
 #include "common/file.h"
+#include "common/file_content.h"
 #include "common/log.h"
 
 #endif
