@@ -35,5 +35,6 @@ static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 #include "common/file.h"
 #include "common/file_content.h"
 #include "common/log.h"
+#include "common/net_info.h"
 
 #endif

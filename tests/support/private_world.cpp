@@ -116,6 +116,27 @@ void ReplaceDir(const std::string &dir) {
     MountTmpfs(dir);
 }
 
+void WritableRoot() {
+    const std::filesystem::path root{"/media"};
+    MountTmpfs(root);
+    // An emulator with a library root of its own lists that for "/".
+    for (const auto &entry : std::filesystem::directory_iterator{"/proc/.."}) {
+        const std::filesystem::path twin = root / entry.path().filename();
+        if (entry.is_symlink()) {
+            std::filesystem::copy_symlink(entry.path(), twin);
+        } else if (entry.is_directory()) {
+            std::filesystem::create_directory(twin);
+            if (twin.filename() != root.filename()) {
+                ASSERT_EQ(0, mount(entry.path().c_str(), twin.c_str(), nullptr, MS_BIND | MS_REC,
+                                   nullptr))
+                    << entry.path() << strerror(errno);
+            }
+        }
+    }
+    ASSERT_EQ(0, chroot(root.c_str())) << strerror(errno);
+    ASSERT_EQ(0, chdir("/"));
+}
+
 void WriteFile(const std::string &path, const std::string &content) {
     std::error_code ignored;
     std::filesystem::create_directories(std::filesystem::path{path}.parent_path(), ignored);

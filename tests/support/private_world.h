@@ -30,6 +30,9 @@ void FreshEtc();
 // A directory of the test's own over `dir`, below which single files of /proc or /sys are made.
 // The rest of what stood there is gone for the body.
 void ReplaceDir(const std::string &dir);
+// A root directory of the body's own with all the directories of the old one below it, in which new
+// ones can be made. /media is empty in it.
+void WritableRoot();
 
 }  // namespace talvek::test
 

@@ -1,0 +1,182 @@
+#include <arpa/inet.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "common/net_info.h"
+#include "support/canary.h"
+#include "support/capture.h"
+#include "support/command.h"
+#include "support/faults.h"
+#include "support/private_world.h"
+
+namespace {
+
+using talvek::test::CanaryBuf;
+using talvek::test::Capture;
+using talvek::test::CaptureLog;
+using talvek::test::EveryCallFails;
+using talvek::test::Fault;
+using talvek::test::FreshEtc;
+using talvek::test::HeldFds;
+using talvek::test::kMounts;
+using talvek::test::kNetwork;
+using talvek::test::RunCommand;
+using talvek::test::RunInPrivateWorld;
+using talvek::test::WritableRoot;
+using talvek::test::WriteFile;
+
+using Lines = std::vector<std::string>;
+
+TEST(NetInfoFault, LogsWhenThereIsNoSocketAndWritesTheFiller) {
+    struct Case {
+        uint32_t flag;
+        const char *function;
+        std::string filler;
+    };
+    const Case cases[] = {
+        {4, "COM_GetMAC", std::string{"00:00:00:00:00:00\0", 18}},
+        {10, "COM_GetMAC", std::string(2, '\0')},
+        {20, "COM_SubGetNetInfo", std::string{"0.0.0.0\0", 8}},
+        {28, "COM_SubGetNetInfo", std::string{"000.000.000.000\0", 16}},
+        {30, "COM_SubGetNetInfo", std::string(4, '\0')},
+        {31, "COM_SubGetGateway", std::string{"0.0.0.0\0", 8}},
+        {32, "COM_SubGetGateway", std::string{"000.000.000.000\0", 16}},
+        {34, "COM_SubGetGateway", std::string(4, '\0')},
+        {43, "COM_GetMTU", std::string(4, '\0')},
+    };
+    RunInPrivateWorld(kNetwork, [&] {
+        for (const Case &c : cases) {
+            const CanaryBuf out{c.filler.size()};
+            EXPECT_EQ((Lines{"COMMON:" + std::string{c.function} +
+                             "(): socket() error : Too many open files"}),
+                      CaptureLog([&] {
+                          const int fds = HeldFds();
+                          const Fault fault{"socket", 0, EMFILE};
+                          EXPECT_EQ(-1, COM_GetNetInfo(c.flag, "lo", out.bytes()));
+                          EXPECT_TRUE(Fault::Tripped());
+                          EXPECT_EQ(fds, HeldFds());
+                      }));
+            EXPECT_EQ(c.filler, std::string(out.text(), out.size())) << "flag " << c.flag;
+        }
+    });
+}
+
+TEST(NetInfoFault, LogsFailingRequestsWithTheirErrors) {
+    struct Case {
+        uint32_t flag;
+        const char *message;
+    };
+    const Case cases[] = {
+        {4, "COM_GetMAC(): ioctl(SIOCGIFHWADDR) for lo got error : Input/output error"},
+        {20, "COM_SubGetNetInfo(): ioctl(35093:lo) error : Input/output error"},
+        {24, "COM_SubGetNetInfo(): ioctl(35097:lo) error : Input/output error"},
+        {27, "COM_SubGetNetInfo(): ioctl(35099:lo) error : Input/output error"},
+        {31, "COM_SubGetGateway(): ioctl(SIOCGIFDSTADDR[lo]) error : Input/output error"},
+        {43, "COM_GetMTU(): ioctl() error : Input/output error"},
+    };
+    RunInPrivateWorld(kNetwork, [&] {
+        for (const Case &c : cases) {
+            EXPECT_EQ((Lines{std::string{"COMMON:"} + c.message}), CaptureLog([&] {
+                          char out[18];
+                          const Fault fault{"ioctl", 0, EIO};
+                          EXPECT_EQ(-1, COM_GetNetInfo(c.flag, "lo", out));
+                          EXPECT_TRUE(Fault::Tripped());
+                      }));
+        }
+    });
+}
+
+// Only the missing address is passed over in silence.
+TEST(NetInfoFault, KeepsQuietAboutAnInterfaceWithoutAddress) {
+    EXPECT_EQ(Lines{}, CaptureLog([] {
+                  char out[16];
+                  const Fault fault{"ioctl", 0, EADDRNOTAVAIL};
+                  EXPECT_EQ(-1, COM_SubGetNetInfo(20, "lo", out));
+                  EXPECT_STREQ("0.0.0.0", out);
+              }));
+}
+
+TEST(NetInfoFault, LogsTablesThatCannotBeOpened) {
+    char out[18];
+    EXPECT_EQ((Lines{"COMMON:COM_GetArpMAC(): fopen(/proc/net/arp) fail : Permission denied"}),
+              CaptureLog([&] {
+                  const Fault fault{"fopen", 0, EACCES};
+                  COM_GetArpMAC(15, "10.0.0.9", out);
+              }));
+    EXPECT_STREQ("00:00:00:00:00:00", out);
+    EXPECT_EQ((Lines{"COMMON:COM_GetDefaultRoute(): fopen(/proc/net/route) : Permission denied"}),
+              CaptureLog([] {
+                  const CanaryBuf name{16};
+                  const Fault fault{"fopen", 0, EACCES};
+                  EXPECT_EQ(-1, COM_GetDefaultRoute(name.text()));
+                  EXPECT_TRUE(name.UntouchedFrom(0));
+              }));
+}
+
+// The message has the general name also when an interface's own file is the one that failed.
+TEST(NetInfoFault, NamesTheGeneralResolvFileForEveryOne) {
+    RunInPrivateWorld(kMounts, [] {
+        WritableRoot();
+        ASSERT_FALSE(HasFatalFailure());
+        FreshEtc();
+        WriteFile("/etc/resolv.conf.wan", "nameserver 192.0.2.2\n");
+        WriteFile("/mtd1/resolv.conf.wan", "");
+        char out[16];
+        EXPECT_EQ((Lines{"COMMON:COM_GetDnsServer(): fopen(/etc/resolv.conf) : Permission denied"}),
+                  CaptureLog([&] {
+                      const Fault fault{"fopen", 0, EACCES};
+                      EXPECT_EQ(-1, COM_GetDnsServer(35, "eth0", out));
+                  }));
+        EXPECT_STREQ("0.0.0.0", out);
+    });
+}
+
+// Whatever fails, the answer is well formed, and right when the result says so.
+TEST(NetInfoFault, LeavesAWellFormedAnswerWhicheverCallFails) {
+    RunInPrivateWorld(kNetwork, [] {
+        FreshEtc();
+        WriteFile("/etc/resolv.conf", "nameserver 192.0.2.1\nnameserver 192.0.2.2\n");
+        RunCommand(
+            "ip link set lo up && ip link add eth0 address 00:11:22:aa:bb:cc type veth peer name "
+            "far"
+            " && ip link set eth0 up && ip addr add 10.0.0.5/24 brd + dev eth0"
+            " && ip route add default via 10.0.0.1"
+            " && ip neigh add 10.0.0.9 lladdr 00:11:22:aa:bb:cc nud permanent dev eth0");
+        struct Case {
+            uint32_t flag;
+            const char *name;
+            const char *form;
+            const char *right;
+        };
+        const Case cases[] = {
+            {4, nullptr, "([0-9A-F]{2}:){5}[0-9A-F]{2}", "00:11:22:AA:BB:CC"},
+            {15, "10.0.0.9", "([0-9A-F]{2}:){5}[0-9A-F]{2}", "00:11:22:AA:BB:CC"},
+            {20, nullptr, "[0-9]+(\\.[0-9]+){3}", "10.0.0.5"},
+            {25, nullptr, "[0-9]{3}(\\.[0-9]{3}){3}", "010.000.000.255"},
+            {27, nullptr, "[0-9]+(\\.[0-9]+){3}", "255.255.255.0"},
+            {32, nullptr, "[0-9]{3}(\\.[0-9]{3}){3}", "010.000.000.001"},
+            {37, nullptr, "[0-9]+(\\.[0-9]+){3}", "192.0.2.2"},
+        };
+        for (const Case &c : cases) {
+            const int failed = EveryCallFails(EIO, [&] {
+                const CanaryBuf out{18};
+                int result = 0;
+                Capture([&] { result = COM_GetNetInfo(c.flag, c.name, out.bytes()); });
+                EXPECT_TRUE(std::regex_match(out.text(), std::regex{c.form})) << out.text();
+                // Where the default route cannot be read, eth0 stands for it, which has no
+                // gateway of its own then but its own address as peer.
+                if (result == 0 && c.flag != 32) {
+                    EXPECT_STREQ(c.right, out.text());
+                }
+            });
+            EXPECT_LE(3, failed) << "flag " << c.flag;
+        }
+    });
+}
+
+}  // namespace
