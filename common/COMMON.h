@@ -32,9 +32,11 @@
 static_assert(sizeof(off_t) == 8, "compile with -D_FILE_OFFSET_BITS=64");
 static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 
+#include "common/command.h"
 #include "common/file.h"
 #include "common/file_content.h"
 #include "common/log.h"
 #include "common/net_info.h"
+#include "common/process.h"
 
 #endif

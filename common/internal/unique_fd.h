@@ -74,6 +74,29 @@ class UniqueFile {
     FILE *stream_ = nullptr;
 };
 
+// Owns the stream of a popen. Its end closes the pipe and waits for the command. errno outlives the
+// destructor.
+class UniquePipe {
+  public:
+    explicit UniquePipe(FILE *stream) : stream_(stream) {}
+    UniquePipe(const UniquePipe &) = delete;
+    UniquePipe &operator=(const UniquePipe &) = delete;
+    ~UniquePipe() noexcept(false) {
+        if (stream_ != nullptr) {
+            const ErrnoKeeper keep;
+            pclose(stream_);
+        }
+    }
+
+    [[nodiscard]] FILE *get() const { return stream_; }
+    explicit operator bool() const { return stream_ != nullptr; }
+    // Closes now and returns what pclose returned.
+    int Close() { return pclose(std::exchange(stream_, nullptr)); }
+
+  private:
+    FILE *stream_;
+};
+
 // Owns a directory stream. errno outlives the destructor.
 class UniqueDir {
   public:

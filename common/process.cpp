@@ -1,0 +1,172 @@
+// Processes: pid files, stopping by command line, inherited descriptors, reading a command's
+// output.
+
+#include "common/process.h"
+
+#include <ctype.h>
+#include <dirent.h>
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "common/internal/cancel_barrier.h"
+#include "common/internal/child_fds.h"
+#include "common/internal/file_open.h"
+#include "common/internal/module_log.h"
+#include "common/internal/proc_entry.h"
+#include "common/internal/unique_fd.h"
+
+namespace talvek {
+
+void CloseAllButStdFds() {
+#ifdef SYS_close_range
+    if (syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0) == 0) {
+        return;
+    }
+#endif
+    COM_CloseFdExceptSTD(getpid());
+}
+
+namespace {
+
+// Returns whether the signal was sent.
+bool Terminate(int pid, const char *pFirst, const char *pSecond) {
+    if (pid <= 0) {
+        COMMON_LOG_AS("COM_KillDhcpProc", "Invalid pid[%d]\n", pid);
+        return false;
+    }
+    if (kill(pid, SIGTERM) != 0) {
+        COMMON_LOG_PLAIN("kill [%s/%s][%d] failed: %s\n", pFirst, pSecond, pid, strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+struct LineCall {
+    tComLineFn function;
+    const char *line;
+    void *user;
+};
+
+void CallBack(tComLineFn pCallback, const char *pLine, void *pUser) {
+    if (pCallback == nullptr) {
+        return;
+    }
+    LineCall call{pCallback, pLine, pUser};
+    CallBehindBarrier(
+        [](void *pArg) {
+            const LineCall &made = *static_cast<const LineCall *>(pArg);
+            made.function(made.line, made.user);
+            return 0;
+        },
+        &call);
+}
+
+// fgets over a signal that interrupts the read; nullptr at the end of the output.
+const char *NextLine(char *pLine, int size, FILE *pStream) {
+    for (;;) {
+        const char *line = fgets(pLine, size, pStream);
+        if (line != nullptr || feof(pStream) || errno != EINTR) {
+            return line;
+        }
+        clearerr(pStream);
+    }
+}
+
+}  // namespace
+}  // namespace talvek
+
+int COM_SavePid(const char *pFileName) {
+    if (pFileName == nullptr) {
+        return -1;
+    }
+    talvek::UniqueFile stream{fopen(pFileName, "we")};
+    if (!stream) {
+        COMMON_LOG("open(%s) error : %s\n", pFileName, strerror(errno));
+        return -1;
+    }
+    if (fprintf(stream.get(), "%d", getpid()) < 0 || fflush(stream.get()) != 0) {
+        COMMON_LOG("write(%s) error : %s\n", pFileName, strerror(errno));
+    }
+    // Callers ignore the result, and it is the same on success.
+    // Held by SavePid.WritesThePidAndReturnsMinusOne.
+    return -1;
+}
+
+int COM_KillDhcpProc(const char *pFirst, const char *pSecond) {
+    const talvek::UniqueDir proc{pFirst != nullptr && pSecond != nullptr ? opendir("/proc")
+                                                                         : nullptr};
+    if (!proc) {
+        COMMON_LOG("NULL pointer pretection!\n");
+        return -1;
+    }
+    int result = -1;
+    while (const struct dirent *entry = readdir(proc.get())) {
+        char line[128 + 1];
+        if (isdigit(static_cast<unsigned char>(entry->d_name[0])) == 0 ||
+            !talvek::ReadCmdline(entry->d_name, line, sizeof line) ||
+            strstr(line, pFirst) == nullptr || strstr(line, pSecond) == nullptr) {
+            continue;
+        }
+        if (talvek::Terminate(talvek::PidOfEntry(entry->d_name), pFirst, pSecond)) {
+            result = 0;
+        }
+    }
+    return result;
+}
+
+// Between fork and exec in a program with threads this relies on the C library: opendir allocates,
+// and malloc works in the child because fork leaves its locks free; so does the logger's stream.
+int COM_CloseFdExceptSTD(int pid) {
+    char path[40];
+    snprintf(path, sizeof path, "/proc/%d/fd", pid);
+    DIR *dir = opendir(path);
+    if (dir == nullptr) {
+        return COMMON_LOG("opendir(%s) error : %s\n", path, strerror(errno));
+    }
+    const int own = dirfd(dir);
+    bool ownListed = false;
+    while (const struct dirent *entry = readdir(dir)) {
+        const int fd = talvek::PidOfEntry(entry->d_name);
+        if (fd == own) {
+            ownListed = true;
+        } else if (fd > STDERR_FILENO) {
+            close(fd);
+        }
+    }
+    // The listing's own descriptor goes last, or a long listing could not be read to its end. That
+    // closedir then finds it closed is the result that callers know.
+    // Held by CloseFdExceptSTD.ClosesItsOwnListingToo.
+    if (ownListed) {
+        close(own);
+    }
+    return closedir(dir);
+}
+
+int COM_PopenRead(const char *pCmd, void * /*pIgnored*/, void *pUser, tComLineFn pCallback) {
+    signal(SIGCHLD, SIG_DFL);
+    // What was printed so far stands before what the command prints.
+    fflush(stdout);
+    errno = EFAULT;
+    talvek::UniquePipe pipe{pCmd != nullptr ? popen(pCmd, "re") : nullptr};
+    if (!pipe) {
+        COMMON_LOG("popen(%s) error : %s\n", talvek::Shown(pCmd), strerror(errno));
+        return -1;
+    }
+    char line[256];
+    while (talvek::NextLine(line, sizeof line, pipe.get()) != nullptr) {
+        talvek::CallBack(pCallback, line, pUser);
+    }
+    const int status = pipe.Close();
+    if (status == -1) {
+        COMMON_LOG("pclose() error : %s\n", strerror(errno));
+    } else if (status != 0) {
+        COMMON_LOG("pclose() return %d\n", status);
+    }
+    talvek::CallBack(pCallback, nullptr, pUser);
+    return status;
+}
