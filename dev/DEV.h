@@ -24,5 +24,10 @@
  * The headers are plain C11 and can be read by C++. */
 
 #include "dev/device.h"
+#include "dev/disk_stat.h"
+#include "dev/file_system.h"
+#include "dev/mount.h"
+#include "dev/mount_table.h"
+#include "dev/naming.h"
 
 #endif

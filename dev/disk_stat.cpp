@@ -1,0 +1,109 @@
+// The size of a disk and the space on its file system.
+
+#include "dev/disk_stat.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "common/internal/scope_exit.h"
+#include "common/internal/unique_fd.h"
+#include "dev/internal/copy_text.h"
+#include "dev/internal/module_log.h"
+#include "dev/mount.h"
+#include "dev/mount_table.h"
+
+namespace talvek {
+namespace {
+
+constexpr const char *kEntry = "Dev_GetHDStat";
+constexpr uint64_t kSectorSize = 512;
+
+uint64_t DeviceBytes(const char *pDevPath) {
+    const UniqueFd fd{open(pDevPath, O_RDONLY | O_CLOEXEC)};
+    if (!fd) {
+        DEV_LOG_AS(kEntry, "open(%s) failed : %s\n", pDevPath, strerror(errno));
+        return 0;
+    }
+    uint64_t bytes = 0;
+    if (ioctl(fd.get(), BLKGETSIZE64, &bytes) != -1) {
+        return bytes;
+    }
+    DEV_LOG_AS(kEntry, "ioctl(BLKGETSIZE64, %s) error : %s\n", pDevPath, strerror(errno));
+    unsigned long sectors = 0;
+    if (ioctl(fd.get(), BLKGETSIZE, &sectors) != -1) {
+        return sectors * kSectorSize;
+    }
+    DEV_LOG_AS(kEntry, "ioctl(BLKGETSIZE, %s) error : %s\n", pDevPath, strerror(errno));
+    return 0;
+}
+
+uint32_t Bounded(uint64_t count) {
+    return static_cast<uint32_t>(std::min<uint64_t>(count, UINT32_MAX));
+}
+
+bool MeasureFileSystem(const char *pMountPoint, tDevInfo &dev) {
+    struct statfs st;
+    if (statfs(pMountPoint, &st) != 0) {
+        DEV_LOG_AS(kEntry, "statfs(%s, %s) error : %s\n", dev.devPath, pMountPoint,
+                   strerror(errno));
+        return false;
+    }
+    tDiskStat &disk = dev.u.disk;
+    const auto blockSize = static_cast<uint64_t>(st.f_bsize);
+    disk.fsType = static_cast<uint32_t>(st.f_type);
+    disk.blockSize = Bounded(blockSize);
+    disk.freeBlocks = Bounded(st.f_bfree);
+    disk.totalBlocks = Bounded(st.f_blocks);
+    disk.totalBytes = blockSize * st.f_blocks;
+    disk.freeBytes = blockSize * st.f_bfree;
+    return true;
+}
+
+int MeasureThroughOwnMount(tDevInfo &dev, unsigned fsIndex) {
+    char dir[] = "/var/Dev_GetHDStat_XXXXXX";
+    if (mkdtemp(dir) == nullptr) {
+        DEV_LOG_AS(kEntry, "mkdtemp(%s) error : %s\n", dir, strerror(errno));
+        return -1;
+    }
+    const ScopeExit removeDir{[&dir] { rmdir(dir); }};
+    if (Dev_Mount(dev.devPath, dir, fsIndex) != 0) {
+        return -1;
+    }
+    const ScopeExit unmount{[&dir] {
+        // Whoever has looked into the mount meanwhile keeps it; its directory goes all the same.
+        if (Dev_uMount(dir) != 0) {
+            umount2(dir, MNT_DETACH);
+        }
+    }};
+    return MeasureFileSystem(dir, dev) ? 1 : -1;
+}
+
+}  // namespace
+}  // namespace talvek
+
+int Dev_GetHDStat(tDevInfo *pDev, unsigned fsIndex) {
+    using namespace talvek;
+    if (pDev == nullptr) {
+        DEV_LOG("(%p) : Null ptr\n", static_cast<void *>(pDev));
+        return -1;
+    }
+    if (strstr(pDev->devPath, "/dev/md") == nullptr) {
+        pDev->u.disk.deviceBytes = DeviceBytes(pDev->devPath);
+    }
+    char mountPoint[DEV_MOUNT_TEXT_SIZE];
+    if (Dev_nGetMPT(pDev->devPath, mountPoint, 0) != 0) {
+        pDev->mountPoint[0] = '\0';
+        return MeasureThroughOwnMount(*pDev, fsIndex);
+    }
+    CopyText(__func__, pDev->mountPoint, sizeof pDev->mountPoint, mountPoint);
+    return MeasureFileSystem(mountPoint, *pDev) ? 0 : -1;
+}

@@ -1,0 +1,23 @@
+#ifndef TALVEK_DEV_INTERNAL_COPY_TEXT_H
+#define TALVEK_DEV_INTERNAL_COPY_TEXT_H
+
+#include <stdio.h>
+#include <string.h>
+
+#include "dev/internal/module_log.h"
+
+namespace talvek {
+
+// Copies a text into `size` bytes, the NUL counted; what does not fit is cut and logged in the name
+// of the entry `pFunction`.
+inline void CopyText(const char *pFunction, char *pDst, size_t size, const char *pSrc) {
+    const int length = snprintf(pDst, size, "%s", pSrc);
+    if (length >= 0 && static_cast<size_t>(length) >= size) {
+        DEV_LOG_AS(pFunction, "Warning! overflow (len, size) = (%d, %d)\n", length,
+                   static_cast<int>(size));
+    }
+}
+
+}  // namespace talvek
+
+#endif
