@@ -38,6 +38,7 @@ static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 #include "common/log.h"
 #include "common/net_info.h"
 #include "common/process.h"
+#include "common/media.h"
 #include "common/text.h"
 
 #endif
