@@ -26,8 +26,13 @@
 #include "dev/device.h"
 #include "dev/disk_stat.h"
 #include "dev/file_system.h"
+#include "dev/mmc_commands.h"
 #include "dev/mount.h"
 #include "dev/mount_table.h"
 #include "dev/naming.h"
+#include "dev/optical_capacity.h"
+#include "dev/optical_disc.h"
+#include "dev/scsi.h"
+#include "dev/toc.h"
 
 #endif

@@ -21,15 +21,49 @@ typedef struct tScsiAddr {
     uint32_t lun;
 } tScsiAddr;
 
+/* tDiscInfo.discClass */
+enum {
+    DEV_CLASS_CD = 1,
+    DEV_CLASS_DVD_ROM = 2,
+    DEV_CLASS_DVD_MINUS = 3, /* DVD-R, DVD-RW */
+    DEV_CLASS_DVD_PLUS = 4,  /* DVD+R, DVD+RW */
+    DEV_CLASS_DVD_RAM = 5,
+    DEV_CLASS_DDCD = 6,
+    DEV_CLASS_BD = 7
+};
+
+/* tDiscInfo.mediaKind */
+enum {
+    DEV_MEDIA_READ_ONLY = 1,
+    DEV_MEDIA_WRITE_ONCE = 2,
+    DEV_MEDIA_REWRITABLE = 3,
+    DEV_MEDIA_RAM = 4
+};
+
+/* tDiscInfo.recordMode */
+enum {
+    DEV_RECORD_NONE = 0,
+    DEV_RECORD_SEQUENTIAL = 1,
+    DEV_RECORD_RESTRICTED_OVERWRITE = 2,
+    DEV_RECORD_DUAL_LAYER = 5,
+    DEV_RECORD_DUAL_LAYER_JUMP = 6
+};
+
+/* tDiscInfo.discStatus */
+enum {
+    DEV_DISC_EMPTY = 0,
+    DEV_DISC_INCOMPLETE = 1, /* appendable */
+    DEV_DISC_FINALIZED = 2,
+    DEV_DISC_RANDOM_ACCESS = 3
+};
+
 /* The medium in an optical drive, as Dev_GetDiscInfo finds it. */
 typedef struct tDiscInfo {
-    uint32_t discClass;      /* 1 CD, 2 DVD-ROM, 3 DVD-R and DVD-RW, 4 DVD+R and DVD+RW, 5 DVD-RAM,
-                                6 DDCD, 7 BD */
-    uint32_t mediaKind;      /* 1 read-only, 2 write-once, 3 rewritable, 4 RAM */
-    uint32_t recordMode;     /* 0 none, 1 sequential, 2 restricted overwrite, 5 dual layer,
-                                6 dual-layer jump recording */
+    uint32_t discClass;      /* DEV_CLASS_... */
+    uint32_t mediaKind;      /* DEV_MEDIA_... */
+    uint32_t recordMode;     /* DEV_RECORD_... */
     uint32_t cdSubType;      /* disc sub-type of a CD's ATIP, 0 to 7 */
-    uint32_t discStatus;     /* 0 empty, 1 incomplete (appendable), 2 finalized, 3 random access */
+    uint32_t discStatus;     /* DEV_DISC_... */
     uint32_t lastTrackStart; /* logical block address of a CD's last track */
     uint32_t nextLeadIn;     /* position of the next session's lead-in in 2 KB sectors (CD) */
     uint32_t lastTrack;      /* last track in the last session */

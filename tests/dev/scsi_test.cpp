@@ -1,0 +1,555 @@
+#include "dev/scsi.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "support/canary.h"
+#include "support/capture.h"
+#include "support/peer.h"
+#include "support/simulated_drive.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using talvek::test::Bytes;
+using talvek::test::CanaryBuf;
+using talvek::test::Capture;
+using talvek::test::CaptureLog;
+using talvek::test::GuardedCopy;
+using talvek::test::HexText;
+using talvek::test::LogLines;
+using talvek::test::RunPeer;
+using talvek::test::SgAnswer;
+using talvek::test::SgRequest;
+using talvek::test::SimulatedDrive;
+using talvek::test::TakePauses;
+using talvek::test::TempDir;
+using talvek::test::WriteHex;
+using Lines = std::vector<std::string>;
+
+constexpr const char *kNode = "/dev/sg1";
+
+TEST(MmcCmd, HoldsLabelAndKernelRecord) {
+    EXPECT_EQ(64U, offsetof(tMmcCmd, hdr));
+    EXPECT_EQ(64 + sizeof(sg_io_hdr_t), sizeof(tMmcCmd));
+    if (sizeof(void *) == 4) {
+        EXPECT_EQ(128U, sizeof(tMmcCmd));
+    }
+}
+
+// A drive and a request of opcode 25h to it, with a reply buffer of exactly the length asked for.
+class ExecMmc : public ::testing::Test {
+  protected:
+    explicit ExecMmc(unsigned length = 8) : reply_(length, 0) {
+        snprintf(cmd_.label, sizeof cmd_.label, "(%s) READ CAPACITY", kNode);
+        cmd_.hdr.interface_id = 'S';
+        cmd_.hdr.dxfer_direction = SG_DXFER_FROM_DEV;
+        cmd_.hdr.cmd_len = sizeof cdb_;
+        cmd_.hdr.cmdp = cdb_;
+        cmd_.hdr.mx_sb_len = sizeof sense_;
+        cmd_.hdr.sbp = sense_;
+        cmd_.hdr.timeout = 20000;
+        Ask(length);
+        drive_.Reply(0x25, Bytes(64, 0x11));
+    }
+    ~ExecMmc() override { close(fd_); }
+
+    void Ask(unsigned length) {
+        cmd_.hdr.dxfer_len = length;
+        cmd_.hdr.dxferp = reply_.bytes();
+    }
+    Lines LogOf(int result, int verbose) { return LogLines(TextOf(result, verbose)); }
+    std::string TextOf(int result, int verbose) {
+        return Capture([&] { EXPECT_EQ(result, Dev_ExecMMC(&cmd_, fd_, verbose)); });
+    }
+
+    SimulatedDrive drive_{{kNode}};
+    int fd_ = drive_.Open();
+    uint8_t cdb_[10] = {0x25};
+    uint8_t sense_[64] = {};
+    CanaryBuf reply_;
+    tMmcCmd cmd_ = {};
+};
+
+TEST_F(ExecMmc, SucceedsWithoutAWord) {
+    EXPECT_EQ("", TextOf(0, 0));
+    EXPECT_EQ(1U, drive_.requests.size());
+    EXPECT_EQ(0x11, reply_.bytes()[7]);
+}
+
+TEST_F(ExecMmc, FailsWithoutADriverVersion) {
+    drive_.versionError = ENOTTY;
+    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ioctl() error : Inappropriate ioctl for device"},
+              LogOf(-1, 0));
+    EXPECT_TRUE(drive_.requests.empty());
+    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ioctl() error : Bad file descriptor"},
+              CaptureLog([&] { EXPECT_EQ(-1, Dev_ExecMMC(&cmd_, -1, 1)); }));
+}
+
+TEST_F(ExecMmc, RefusesADriverOlderThanThree) {
+    drive_.driverVersion = 29999;
+    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): \"(/dev/sg1) READ CAPACITY\"(25h) ver. too old(29999)"},
+              LogOf(-2, 0));
+    EXPECT_TRUE(drive_.requests.empty());
+    drive_.driverVersion = 30000;
+    EXPECT_EQ(Lines{}, LogOf(0, 0));
+    drive_.driverVersion = 30001;
+    EXPECT_EQ(Lines{}, LogOf(0, 0));
+}
+
+TEST_F(ExecMmc, TellsAFailedRequest) {
+    cdb_[0] = 0xAD;
+    drive_.Next(0xAD, SgAnswer::Error(EIO));
+    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY (ADh) SG_IO ioctl error : "
+                    "Input/output error"},
+              LogOf(-3, 0));
+    cdb_[0] = 0x00;
+    drive_.Next(0x00, SgAnswer::Error(ENOMEM));
+    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY (00h) SG_IO ioctl error : "
+                    "Cannot allocate memory"},
+              LogOf(-3, 1));
+    EXPECT_EQ(2U, drive_.requests.size()) << "nothing is sent twice";
+}
+
+TEST_F(ExecMmc, FailsOnCheckConditionWithASingleLine) {
+    drive_.Next(0x25, SgAnswer::Check(0x02, 0x3A, 0x01));
+    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail"}, LogOf(-4, 0));
+}
+
+TEST_F(ExecMmc, ExplainsACheckCondition) {
+    drive_.Next(0x25, SgAnswer::Check(0x02, 0x3A, 0x01));
+    const Lines expected = {
+        "DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY (25h) sense data :",
+        " 0x70 0x00 0x02 0x00 0x00 0x00 0x00 0x0A 0x00 0x00",
+        " 0x00 0x00 0x3A 0x01 0x00 0x00 0x00 0x00",
+        "Sense Key = 0x02 ",
+        "Additional Sense Code = 0x3A ",
+        "Additional Sense Code Qualifier= 0x01",
+        "DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY scsi status = 0x02",
+        "DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY driver status = 0x08",
+        "DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail",
+    };
+    EXPECT_EQ(expected, LogOf(-4, 1));
+}
+
+// A line break stands before bytes 10, 20 ... and one newline behind the last byte.
+TEST_F(ExecMmc, PrintsSenseInRowsOfTen) {
+    for (const size_t count : {1, 9, 10, 11, 19, 20, 21, 63, 64}) {
+        SgAnswer answer = SgAnswer::Check(0x05, 0x24, 0x00);
+        answer.sense.resize(count);
+        std::string expected;
+        for (size_t i = 0; i < count; ++i) {
+            char text[8];
+            snprintf(text, sizeof text, " 0x%02X", answer.sense[i]);
+            expected += (i > 0 && i % 10 == 0 ? "\n" : "") + std::string{text};
+        }
+        memset(sense_, 0, sizeof sense_);
+        drive_.Next(0x25, answer);
+        const std::string output = TextOf(count >= 3 ? -4 : 0, 1);
+        EXPECT_NE(std::string::npos, output.find("sense data :\n" + expected + "\nSense Key = "))
+            << count << "\n"
+            << output;
+    }
+}
+
+TEST_F(ExecMmc, TellsEachStatusThatIsNotZero) {
+    SgAnswer answer;
+    answer.info = 1;
+    answer.hostStatus = 0x0A;
+    drive_.Next(0x25, answer);
+    EXPECT_EQ("DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY host status = 0x0A", LogOf(0, 1)[0]);
+
+    answer.hostStatus = 0;
+    answer.driverStatus = 0x0A;  // in lower case, as the only one
+    drive_.Next(0x25, answer);
+    EXPECT_EQ("DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY driver status = 0x0a", LogOf(0, 1)[0]);
+
+    answer.driverStatus = 0;
+    answer.status = 0x3E;  // shown unmasked
+    answer.maskedStatus = 0x1F;
+    drive_.Next(0x25, answer);
+    EXPECT_EQ("DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY scsi status = 0x3E", LogOf(0, 1)[0]);
+
+    answer.maskedStatus = 0;  // the unmasked status alone is not told
+    drive_.Next(0x25, answer);
+    EXPECT_EQ("DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail", LogOf(0, 1)[0]);
+}
+
+TEST_F(ExecMmc, TakesKeyCodeAndQualifierEachForAFailure) {
+    const struct {
+        Bytes sense;
+        int result;
+    } cases[] = {
+        {SgAnswer::Check(0x01, 0, 0).sense, -4}, {SgAnswer::Check(0x0F, 0, 0).sense, -4},
+        {SgAnswer::Check(0, 0x01, 0).sense, -4}, {SgAnswer::Check(0, 0, 0x01).sense, -4},
+        {SgAnswer::Check(0xF0, 0, 0).sense, 0},  // the high bits are no key
+        {SgAnswer::Check(0, 0, 0).sense, 0},     {{}, 0},
+    };
+    for (const auto &item : cases) {
+        SgAnswer answer = SgAnswer::Check(0, 0, 0);
+        answer.sense = item.sense;
+        memset(sense_, 0, sizeof sense_);
+        drive_.Next(0x25, answer);
+        TextOf(item.result, 0);
+    }
+}
+
+TEST_F(ExecMmc, CheckConditionWithoutSenseSucceeds) {
+    SgAnswer answer = SgAnswer::Check(0, 0, 0);
+    answer.data = {'a', 'b'};
+    drive_.Next(0x25, answer);
+    EXPECT_EQ((Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail",
+                     "Special case(sense, asc, ascq) = (0, 0, 0)."}),
+              LogOf(0, 0));
+
+    Ask(2);
+    answer.sense.clear();
+    answer.maskedStatus = 0;
+    answer.driverStatus = 0;
+    drive_.Next(0x25, answer);
+    EXPECT_EQ((Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail",
+                     "Special case(sense, asc, ascq) = (0, 0, 0).",
+                     "DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Success", "",
+                     "0000h  61 62 " + std::string(42, ' ') + "|ab|", ""}),
+              LogOf(0, 1));
+}
+
+// Bits of info beside the lowest tell of direct transfers.
+TEST_F(ExecMmc, LooksAtTheCheckBitAlone) {
+    SgAnswer answer;
+    answer.info = 0x6;
+    answer.sense = SgAnswer::Check(2, 0x3A, 0).sense;
+    drive_.Next(0x25, answer);
+    EXPECT_EQ("", TextOf(0, 0));
+}
+
+class ExecMmcDump : public ExecMmc {
+  protected:
+    ExecMmcDump() : ExecMmc(70000) {}
+    // The dump of a reply, without the line ahead of it.
+    std::string DumpOf(const Bytes &data) {
+        drive_.Reply(0x25, data);
+        Ask(static_cast<unsigned>(data.size()));
+        const std::string output = TextOf(0, 1);
+        const std::string head = "((/dev/sg1) READ CAPACITY) Success\n\n";
+        const size_t at = output.find(head);
+        EXPECT_NE(std::string::npos, at) << output;
+        return at == std::string::npos ? "" : output.substr(at + head.size());
+    }
+};
+
+TEST_F(ExecMmcDump, FillsALastRowWithBlanks) {
+    Bytes data;
+    for (int i = 0; i < 20; ++i) {
+        data.push_back(static_cast<uint8_t>('A' + i));
+    }
+    EXPECT_EQ(
+        "0000h  41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 |ABCDEFGHIJKLMNOP|\n"
+        "0010h  51 52 53 54                                     |QRST|\n"
+        "\n",
+        DumpOf(data));
+}
+
+TEST_F(ExecMmcDump, EndsAfterAWholeRow) {
+    EXPECT_EQ("\n", DumpOf({}));
+    EXPECT_EQ("0000h  30 " + std::string(45, ' ') + "|0|\n\n", DumpOf({'0'}));
+    EXPECT_EQ("0000h  30 30 30 30 30 30 30 30 30 30 30 30 30 30 30    |000000000000000|\n\n",
+              DumpOf(Bytes(15, '0')));
+    EXPECT_EQ("0000h  30 30 30 30 30 30 30 30 30 30 30 30 30 30 30 30 |0000000000000000|\n\n",
+              DumpOf(Bytes(16, '0')));
+}
+
+TEST_F(ExecMmcDump, ShowsHighBytesAsThemselves) {
+    EXPECT_EQ("0000h  00 1F 20 7E 7F 80 FF                            |.. ~\x7F\x80\xFF|\n\n",
+              DumpOf({0x00, 0x1F, 0x20, 0x7E, 0x7F, 0x80, 0xFF}));
+}
+
+TEST_F(ExecMmcDump, WritesOffsetsInLowerCase) {
+    const std::string dump = DumpOf(Bytes(0x10000 + 16, ' '));
+    EXPECT_NE(std::string::npos, dump.find("\n00a0h  20 "));
+    EXPECT_NE(std::string::npos, dump.find("\nfff0h  20 "));
+    EXPECT_NE(std::string::npos, dump.find("\n10000h  20 "));
+}
+
+// Only the bytes that arrived differ from zero; the dump has as many as were asked for.
+TEST_F(ExecMmcDump, ShowsAsManyBytesAsWereAskedFor) {
+    memset(reply_.bytes(), 0, 18);
+    drive_.Reply(0x25, Bytes(2, 'x'));
+    Ask(18);
+    EXPECT_EQ((Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Success", "",
+                     "0000h  78 78 00 00 00 00 00 00 00 00 00 00 00 00 00 00 |xx..............|",
+                     "0010h  00 00 " + std::string(42, ' ') + "|..|", ""}),
+              LogOf(0, 1));
+}
+
+TEST_F(ExecMmc, ToleratesWhatACallerLeavesOut) {
+    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): Get Null ptr"},
+              CaptureLog([&] { EXPECT_EQ(-1, Dev_ExecMMC(nullptr, fd_, 1)); }));
+    // Without sense buffer there is no sense, whatever the driver says.
+    drive_.Next(0x25, SgAnswer::Check(0x02, 0x3A, 0x00));
+    cmd_.hdr.sbp = nullptr;
+    cmd_.hdr.mx_sb_len = 0;
+    TextOf(0, 1);
+    // Without reply there is nothing to dump.
+    cmd_.hdr.dxferp = nullptr;
+    cmd_.hdr.dxfer_direction = SG_DXFER_NONE;
+    EXPECT_EQ((Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Success", "", ""}),
+              LogOf(0, 1));
+}
+
+// A driver that claims more sense than the buffer holds is not believed.
+TEST(ExecMmcSense, StaysInsideTheSenseBuffer) {
+    SimulatedDrive drive{{kNode}};
+    const int fd = drive.Open();
+    for (const int room : {0, 2, 3, 12, 13, 14, 18}) {
+        const auto size = static_cast<uint8_t>(room);
+        const GuardedCopy sense{Bytes(size, 0).data(), size};
+        uint8_t cdb[6] = {0x03};
+        tMmcCmd cmd = {};
+        cmd.hdr.cmd_len = sizeof cdb;
+        cmd.hdr.cmdp = cdb;
+        cmd.hdr.mx_sb_len = size;
+        cmd.hdr.sbp = sense.bytes();
+        drive.claimedSense = 255;
+        drive.Next(0x03, SgAnswer::Check(0x02, 0x3A, 0x01));
+        Capture([&] { EXPECT_EQ(size >= 3 ? -4 : 0, Dev_ExecMMC(&cmd, fd, 1)); });
+    }
+    close(fd);
+}
+
+class Drive : public ::testing::Test {
+  protected:
+    Drive() { drive_.Load("drive.hex"); }
+    ~Drive() override { close(fd_); }
+    SimulatedDrive drive_{{kNode}};
+    int fd_ = drive_.Open();
+};
+
+void ExpectUsualForm(const SgRequest &request) {
+    EXPECT_EQ('S', request.interfaceId);
+    EXPECT_EQ(20000U, request.timeout);
+    EXPECT_EQ(64U, request.senseSize);
+    EXPECT_TRUE(request.cleared);
+}
+
+class TestUnitReady : public Drive {};
+
+TEST_F(TestUnitReady, AsksWithoutData) {
+    TakePauses();
+    EXPECT_EQ("", Capture([&] { EXPECT_EQ(1, Dev_TestUnitReady(kNode, fd_)); }));
+    ASSERT_EQ(1U, drive_.requests.size());
+    const SgRequest &request = drive_.requests[0];
+    EXPECT_EQ(Bytes(6, 0), request.cdb);
+    EXPECT_EQ(SG_DXFER_NONE, request.direction);
+    EXPECT_EQ(0U, request.length);
+    ExpectUsualForm(request);
+    EXPECT_EQ(std::vector<double>{}, TakePauses());
+}
+
+TEST_F(TestUnitReady, PausesASecondAfterEachFailure) {
+    const std::string fail = "DEV:Dev_ExecMMC(): ((/dev/sg1) TEST UNIT READY) Fail";
+    for (int failures = 0; failures <= 4; ++failures) {
+        SimulatedDrive drive;
+        const int fd = drive.Open();
+        for (int i = 0; i < failures; ++i) {
+            drive.Next(0x00, SgAnswer::Check(0x02, 0x04, 0x01));  // becoming ready
+        }
+        TakePauses();
+        const int result = failures < 3 ? 1 : 0;
+        const int tries = failures < 3 ? failures + 1 : 3;
+        const int failed = failures < 3 ? failures : 3;
+        EXPECT_EQ(Lines(static_cast<size_t>(failed), fail),
+                  CaptureLog([&] { EXPECT_EQ(result, Dev_TestUnitReady(kNode, fd)); }));
+        EXPECT_EQ(static_cast<size_t>(tries), drive.requests.size());
+        for (const SgRequest &request : drive.requests) {
+            ExpectUsualForm(request);
+        }
+        EXPECT_EQ(std::vector<double>(static_cast<size_t>(failed), 1.0), TakePauses());
+        close(fd);
+    }
+}
+
+TEST_F(TestUnitReady, TakesEveryKindOfFailureForNotReady) {
+    drive_.driverVersion = 29999;
+    Capture([&] { EXPECT_EQ(0, Dev_TestUnitReady(kNode, fd_)); });
+    Capture([] { EXPECT_EQ(0, Dev_TestUnitReady(kNode, -1)); });
+    EXPECT_EQ(6U, TakePauses().size());
+    drive_.driverVersion = 30000;
+    drive_.Next(0x00, SgAnswer::Error(EBUSY));
+    Capture([&] { EXPECT_EQ(1, Dev_TestUnitReady(kNode, fd_)); });
+}
+
+// The label has 64 bytes; a path of any length is cut there.
+TEST_F(TestUnitReady, CutsTheLabel) {
+    drive_.Always(0x00, SgAnswer::Check(0x02, 0x3A, 0x00));
+    const std::string path(100, 'p');
+    EXPECT_EQ("DEV:Dev_ExecMMC(): ((" + std::string(62, 'p') + ") Fail",
+              CaptureLog([&] { Dev_TestUnitReady(path.c_str(), fd_); })[0]);
+    EXPECT_EQ("DEV:Dev_ExecMMC(): (() TEST UNIT READY) Fail",
+              CaptureLog([&] { Dev_TestUnitReady(nullptr, fd_); })[0]);
+}
+
+class Inquiry : public Drive {
+  protected:
+    // The model made of 24 bytes of vendor and product.
+    std::string ModelOf(const std::string &text) {
+        EXPECT_EQ(24U, text.size());
+        drive_.Patch(0x12, 8, Bytes(text.begin(), text.end()));
+        const CanaryBuf model{25};
+        Capture([&] { EXPECT_EQ(1, Dev_Inquiry(kNode, fd_, model.text())); });
+        for (size_t i = strlen(model.text()); i < model.size(); ++i) {
+            EXPECT_EQ('\0', model.text()[i]) << "the rest is zeroed";
+        }
+        return model.text();
+    }
+};
+
+TEST_F(Inquiry, AsksFor96Bytes) {
+    char model[25];
+    Capture([&] { EXPECT_EQ(1, Dev_Inquiry(kNode, fd_, model)); });
+    ASSERT_EQ(1U, drive_.requests.size());
+    const SgRequest &request = drive_.requests[0];
+    EXPECT_EQ((Bytes{0x12, 0, 0, 0, 0x60, 0}), request.cdb);
+    EXPECT_EQ(SG_DXFER_FROM_DEV, request.direction);
+    EXPECT_EQ(96U, request.length);
+    ExpectUsualForm(request);
+}
+
+TEST_F(Inquiry, LogsWhatTheDriveIs) {
+    char model[25];
+    char first[128];
+    snprintf(first, sizeof first, "DEV:Dev_Inquiry(): [/dev/sg1] : pModel = %p",
+             static_cast<void *>(model));
+    EXPECT_EQ((Lines{first, "DEV:Dev_Inquiry(): Vendor          = DRV     ",
+                     "DEV:Dev_Inquiry(): Product ID      = WR-24X   B      ",
+                     "DEV:Dev_Inquiry(): Revision        = 1.02",
+                     "DEV:Dev_Inquiry(): pModel = [DRV WR24X B]"}),
+              CaptureLog([&] { EXPECT_EQ(1, Dev_Inquiry(kNode, fd_, model)); }));
+    EXPECT_STREQ("DRV WR24X B", model);
+}
+
+TEST_F(Inquiry, NeedsNoModel) {
+    const Lines lines = CaptureLog([&] { EXPECT_EQ(1, Dev_Inquiry(nullptr, fd_, nullptr)); });
+    ASSERT_EQ(5U, lines.size());
+    EXPECT_EQ("DEV:Dev_Inquiry(): [] : pModel = (nil)", lines[0]);
+    EXPECT_EQ("DEV:Dev_Inquiry(): pModel = [(null)]", lines[4]);
+}
+
+TEST_F(Inquiry, CompactsTheModel) {
+    EXPECT_EQ("DRV WR24X B", ModelOf("DRV     WR-24X   B      "));
+    EXPECT_EQ(" WR24X B", ModelOf("        WR-24X   B      "));
+    EXPECT_EQ("", ModelOf("                        "));
+    EXPECT_EQ("", ModelOf("------------------------"));
+    EXPECT_EQ("abcdefghijklmnopqrstuvwx", ModelOf("abcdefghijklmnopqrstuvwx"));
+    EXPECT_EQ("azAZ09", ModelOf("a`z{A@Z[0/9:\t\n\x7F\x80\xC4\xFF      "));
+    // A dropped character does not end a run of spaces, nor begins one.
+    EXPECT_EQ("A B", ModelOf("A - - - -- - - -  - - -B"));
+}
+
+TEST_F(Inquiry, LeavesTheModelAfterAFailure) {
+    const CanaryBuf model{25};
+    drive_.Next(0x12, SgAnswer::Check(0x05, 0x24, 0x00));
+    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) INQUIRY) Fail"},
+              CaptureLog([&] { EXPECT_EQ(0, Dev_Inquiry(kNode, fd_, model.text())); }));
+    EXPECT_TRUE(model.UntouchedFrom(0));
+}
+
+// The text that arrived is shown, and nothing behind it.
+TEST_F(Inquiry, TakesAReplyOfAnyLength) {
+    const std::string whole = "DRV     WR-24X   B      ";
+    for (size_t length = 0; length <= 96; ++length) {
+        drive_.cut[0x12] = length;
+        const CanaryBuf model{25};
+        const Lines lines =
+            CaptureLog([&] { EXPECT_EQ(1, Dev_Inquiry(kNode, fd_, model.text())); });
+        const auto part = [&](size_t from, size_t count) {
+            return length <= from ? "" : whole.substr(from - 8, std::min(count, length - from));
+        };
+        EXPECT_EQ("DEV:Dev_Inquiry(): Vendor          = " + part(8, 8), lines[1]);
+        EXPECT_EQ("DEV:Dev_Inquiry(): Product ID      = " + part(16, 16), lines[2]);
+        if (length <= 9) {
+            EXPECT_STREQ(length == 9 ? "D" : "", model.text());
+        }
+        EXPECT_EQ("DEV:Dev_Inquiry(): pModel = [" + std::string{model.text()} + "]", lines[4]);
+    }
+}
+
+TEST_F(Inquiry, AgreesWithSgInq) {
+    const TempDir dir;
+    WriteHex(dir / "inquiry.hex", drive_.Data(0x12));
+    const std::string told = RunPeer("sg_inq --inhex=" + (dir / "inquiry.hex"));
+    if (told.empty()) {
+        GTEST_SKIP() << "sg_inq is not installed";
+    }
+    const Lines lines = CaptureLog([&] { Dev_Inquiry(kNode, fd_, nullptr); });
+    const auto fact = [](const std::string &text, const std::string &key) {
+        const size_t at = text.find(key);
+        return at == std::string::npos
+                   ? "missing"
+                   : text.substr(at + key.size(), text.find('\n', at) - at - key.size());
+    };
+    const auto padded = [](std::string text, size_t size) {
+        return text.append(size - text.size(), ' ');
+    };
+    EXPECT_EQ(
+        "DEV:Dev_Inquiry(): Vendor          = " + padded(fact(told, "Vendor identification: "), 8),
+        lines[1])
+        << told;
+    EXPECT_EQ("DEV:Dev_Inquiry(): Product ID      = " +
+                  padded(fact(told, "Product identification: "), 16),
+              lines[2])
+        << told;
+    EXPECT_EQ(
+        "DEV:Dev_Inquiry(): Revision        = " + padded(fact(told, "Product revision level: "), 4),
+        lines[3])
+        << told;
+}
+
+// Sense key and codes as Debian's decoder reads the same bytes.
+TEST_F(Drive, SenseAgreesWithSgDecodeSense) {
+    const struct {
+        uint8_t key;
+        uint8_t asc;
+        uint8_t ascq;
+        const char *keyText;
+        const char *codeText;
+    } cases[] = {
+        {0x02, 0x3A, 0x00, "Not Ready", "Medium not present"},
+        {0x02, 0x04, 0x01, "Not Ready", "in process of becoming ready"},
+        {0x05, 0x20, 0x00, "Illegal Request", "Invalid command operation code"},
+        {0x06, 0x28, 0x00, "Unit Attention", "medium may have changed"},
+    };
+    for (const auto &item : cases) {
+        const SgAnswer answer = SgAnswer::Check(item.key, item.asc, item.ascq);
+        const std::string told = RunPeer("sg_decode_sense " + HexText(answer.sense));
+        if (told.empty()) {
+            GTEST_SKIP() << "sg_decode_sense is not installed";
+        }
+        EXPECT_NE(std::string::npos, told.find(item.keyText)) << told;
+        EXPECT_NE(std::string::npos, told.find(item.codeText)) << told;
+        drive_.Next(0x5C, answer);
+        uint8_t cdb[10] = {0x5C};
+        uint8_t sense[64] = {};
+        tMmcCmd cmd = {};
+        cmd.hdr.cmd_len = sizeof cdb;
+        cmd.hdr.cmdp = cdb;
+        cmd.hdr.mx_sb_len = sizeof sense;
+        cmd.hdr.sbp = sense;
+        char expected[128];
+        snprintf(expected, sizeof expected,
+                 "Sense Key = 0x%02X \nAdditional Sense Code = 0x%02X \nAdditional Sense Code "
+                 "Qualifier= 0x%02X\n",
+                 item.key, item.asc, item.ascq);
+        EXPECT_NE(std::string::npos,
+                  Capture([&] { EXPECT_EQ(-4, Dev_ExecMMC(&cmd, fd_, 1)); }).find(expected));
+    }
+}
+
+}  // namespace
