@@ -1,0 +1,53 @@
+// Which name servers this unit asks: the "nameserver" lines of /etc/resolv.conf.
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "common/internal/unique_fd.h"
+#include "dns/DNS.h"
+#include "dns/internal/module_log.h"
+
+namespace {
+
+constexpr char kResolvConf[] = "/etc/resolv.conf";
+constexpr char kKeyword[] = "nameserver";
+constexpr char kDelimiters[] = " \r\n";
+constexpr size_t kLineSize = 80;
+
+// The second word of a line that begins with the keyword, or null. Only the line's first ten
+// characters are compared: "nameserver1 10.0.0.1" counts.
+// Held by GetNameServer.ComparesTheFirstTenCharactersAlone.
+const char *ServerOfLine(char *pLine) {
+    if (strncmp(pLine, kKeyword, sizeof kKeyword - 1) != 0) {
+        return nullptr;
+    }
+    char *pRest = nullptr;
+    if (strtok_r(pLine, kDelimiters, &pRest) == nullptr) {
+        return nullptr;
+    }
+    return strtok_r(nullptr, kDelimiters, &pRest);
+}
+
+}  // namespace
+
+int DNS_GetNameServer(char pServers[DNS_MAX_NAME_SERVERS][DNS_NAME_SERVER_SIZE]) {
+    if (pServers == nullptr) {
+        return 0;
+    }
+    const talvek::UniqueFile file{fopen(kResolvConf, "re")};
+    if (!file) {
+        DNS_LOG("fopen(%s) error : %s\n", kResolvConf, strerror(errno));
+        return 0;
+    }
+    int count = 0;
+    char line[kLineSize];
+    while (count < DNS_MAX_NAME_SERVERS && fgets(line, sizeof line, file.get()) != nullptr) {
+        const char *pServer = ServerOfLine(line);
+        if (pServer != nullptr) {
+            snprintf(pServers[count], DNS_NAME_SERVER_SIZE, "%s", pServer);
+            ++count;
+        }
+    }
+    return count;
+}

@@ -1,0 +1,692 @@
+// One query over one socket: waits, sends and receives, each failure among them.
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <limits.h>
+#include <netinet/ip.h>
+#include <netinet/udp.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "dns/DNS.h"
+#include "dns/scripted_server.h"
+#include "support/capture.h"
+
+namespace {
+
+using namespace talvek::test;
+using Builder = ResponseBuilder;
+using Lines = std::vector<std::string>;
+
+// What the thread of a test sees in place of the system: a clock that only waits move on, and sends
+// that end as told.
+struct Pretence {
+    struct Wait {
+        short events;
+        int ms;
+        bool operator==(const Wait &other) const = default;
+    };
+    bool clock = false;      // a wait for a response passes at once and in vain
+    int no_room = 0;         // so do this many waits for room
+    bool fail_send = false;  // a send returns this
+    ssize_t sent = 0;
+    int send_error = 0;
+
+    std::vector<Wait> waits;
+    int64_t ns = 1000000;
+};
+thread_local Pretence *t_pretence = nullptr;
+
+std::ostream &operator<<(std::ostream &out, const Pretence::Wait &wait) {
+    return out << (wait.events == POLLIN ? "read " : "write ") << wait.ms;
+}
+
+class Pretend : public Pretence {
+  public:
+    Pretend() { t_pretence = this; }
+    ~Pretend() { t_pretence = nullptr; }
+};
+
+}  // namespace
+
+extern "C" {
+int __real_poll(struct pollfd *fds, nfds_t count, int ms);
+int __wrap_poll(struct pollfd *fds, nfds_t count, int ms);
+ssize_t __real_sendto(int fd, const void *buf, size_t size, int flags, const struct sockaddr *addr,
+                      socklen_t addrSize);
+ssize_t __wrap_sendto(int fd, const void *buf, size_t size, int flags, const struct sockaddr *addr,
+                      socklen_t addrSize);
+int __wrap_clock_gettime(clockid_t clock, struct timespec *now);
+int __wrap___clock_gettime64(clockid_t clock, struct timespec *now);
+#if defined(__arm__)
+int __real___clock_gettime64(clockid_t clock, struct timespec *now);
+#define REAL_CLOCK_GETTIME __real___clock_gettime64
+#else
+int __real_clock_gettime(clockid_t clock, struct timespec *now);
+#define REAL_CLOCK_GETTIME __real_clock_gettime
+#endif
+}
+
+int __wrap_poll(struct pollfd *fds, nfds_t count, int ms) {
+    Pretence *pPretence = t_pretence;
+    if (pPretence == nullptr) {
+        return __real_poll(fds, count, ms);
+    }
+    pPretence->waits.push_back({fds[0].events, ms});
+    const bool inVain = fds[0].events == POLLIN ? pPretence->clock : pPretence->no_room-- > 0;
+    if (inVain) {
+        pPretence->ns += int64_t{ms} * 1000000;
+        return 0;
+    }
+    return __real_poll(fds, count, ms);
+}
+
+ssize_t __wrap_sendto(int fd, const void *buf, size_t size, int flags, const struct sockaddr *addr,
+                      socklen_t addrSize) {
+    if (t_pretence != nullptr && t_pretence->fail_send) {
+        if (t_pretence->sent < 0) {
+            errno = t_pretence->send_error;
+        }
+        return t_pretence->sent;
+    }
+    return __real_sendto(fd, buf, size, flags, addr, addrSize);
+}
+
+int __wrap_clock_gettime(clockid_t clock, struct timespec *now) {
+    if (t_pretence != nullptr && t_pretence->clock) {
+        now->tv_sec = t_pretence->ns / 1000000000;
+        now->tv_nsec = static_cast<long>(t_pretence->ns % 1000000000);
+        return 0;
+    }
+    return REAL_CLOCK_GETTIME(clock, now);
+}
+
+int __wrap___clock_gettime64(clockid_t clock, struct timespec *now) {
+    return __wrap_clock_gettime(clock, now);
+}
+
+namespace {
+
+constexpr char kServer[] = "127.0.0.1";
+constexpr char kName[] = "www.ex.test";
+
+int Socket(int flags = 0) {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | flags, 0);
+    struct sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    EXPECT_EQ(0, bind(fd, reinterpret_cast<struct sockaddr *>(&any), sizeof any));
+    return fd;
+}
+
+using Send = int (*)(int, const struct sockaddr_in *, const char *, tDnsAddrEntry *, int);
+
+struct Outcome {
+    int result;
+    Lines log;
+    Results results;
+    int ms;
+};
+
+Outcome Ask(Send send, int fd, int timeout, const char *pName = kName) {
+    Outcome outcome{};
+    const struct sockaddr_in server = ServerAddress(kServer);
+    const auto start = std::chrono::steady_clock::now();
+    outcome.log = CaptureLog(
+        [&] { outcome.result = send(fd, &server, pName, outcome.results.entries, timeout); });
+    outcome.ms = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                      std::chrono::steady_clock::now() - start)
+                                      .count());
+    return outcome;
+}
+
+std::vector<Bytes> OneAddress(const Bytes &query, int /*nth*/) {
+    return {Builder{query}.A(Builder::kAnswer, 12, "10.0.0.1").bytes()};
+}
+
+std::vector<Bytes> OneExchanger(const Bytes &query, int /*nth*/) {
+    Builder response{query};
+    const size_t name = response.Mx(10, "mx");
+    return {response.A(Builder::kAdditional, name, "10.0.0.1").bytes()};
+}
+
+void InNetwork(const std::function<void()> &body) {
+    RunWithResolvConf("nameserver 127.0.0.1\n", body);
+}
+
+// ---- The A exchange ----
+
+TEST(SendAQuery, SendsTheQueryOnceAndStoresTheAnswer) {
+    InNetwork([] {
+        ScriptedServer server{kServer, OneAddress};
+        const int fd = Socket();
+        Outcome outcome = Ask(DNS_SendAQuery, fd, 5);
+        EXPECT_EQ(0, outcome.result);
+        EXPECT_EQ(Lines{}, outcome.log);
+        EXPECT_EQ((tDnsAddrEntry{1, 0, 0, 1, Address("10.0.0.1")}), outcome.results[0]);
+        EXPECT_TRUE(outcome.results.UntouchedFrom(1));
+        EXPECT_EQ(std::vector<Bytes>{QueryFor(kName, DNS_TYPE_A)}, server.Queries());
+        EXPECT_EQ(0, close(fd)) << "the socket stays the caller's";
+    });
+}
+
+TEST(SendAQuery, WaitsTheSecondsToldAnd20WhenNegative) {
+    InNetwork([] {
+        const int fd = Socket();
+        for (const auto &[timeout, ms] : {std::pair{0, 0},
+                                          {1, 1000},
+                                          {7, 7000},
+                                          {-1, 20000},
+                                          {-5, 20000},
+                                          {INT_MIN, 20000},
+                                          {2147483, 2147483000}}) {
+            Pretend pretend;
+            pretend.clock = true;
+            const Outcome outcome = Ask(DNS_SendAQuery, fd, timeout);
+            EXPECT_EQ(-1, outcome.result);
+            EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): [0] select() timeout"}, outcome.log);
+            EXPECT_EQ((std::vector<Pretence::Wait>{{POLLOUT, ms}, {POLLIN, ms}}), pretend.waits)
+                << timeout;
+            EXPECT_TRUE(outcome.results.UntouchedFrom(0));
+        }
+    });
+}
+
+// A time-out of more milliseconds than one wait can take is made of several waits.
+TEST(SendAQuery, WaitsAsLongAsItIsTold) {
+    InNetwork([] {
+        const int fd = Socket();
+        Pretend pretend;
+        pretend.clock = true;
+        const int64_t start = pretend.ns;
+        EXPECT_EQ(-1, Ask(DNS_SendAQuery, fd, INT_MAX).result);
+        EXPECT_EQ(int64_t{INT_MAX} * 1000000000, pretend.ns - start);
+    });
+}
+
+TEST(SendAQuery, DoesNotWaitForADeafServerWithATimeoutOfZero) {
+    InNetwork([] {
+        ScriptedServer server{kServer, Deaf};
+        const Outcome outcome = Ask(DNS_SendAQuery, Socket(), 0);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): [0] select() timeout"}, outcome.log);
+        EXPECT_GT(500, outcome.ms);
+    });
+}
+
+TEST(SendAQuery, WaitsASecondForADeafServer) {
+    InNetwork([] {
+        ScriptedServer server{kServer, Deaf};
+        const Outcome outcome = Ask(DNS_SendAQuery, Socket(), 1);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): [0] select() timeout"}, outcome.log);
+        EXPECT_LE(1000, outcome.ms);
+        EXPECT_GT(1900, outcome.ms);
+        EXPECT_EQ(1u, server.Queries().size());
+    });
+}
+
+TEST(SendAQuery, FailsWhenTheSocketDoesNotBecomeWritable) {
+    InNetwork([] {
+        const int fd = Socket();
+        Pretend pretend;
+        pretend.no_room = 2;
+        const Outcome outcome = Ask(DNS_SendAQuery, fd, 3);
+        EXPECT_EQ(-2, outcome.result);
+        EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): select(writeset:" + std::to_string(fd) +
+                        ") timeout! : Connection timed out"},
+                  outcome.log);
+    });
+}
+
+TEST(SendAQuery, FailsOnADescriptorThatIsNotOpen) {
+    InNetwork([] {
+        for (const int fd : {-1, INT_MIN, 999}) {
+            const Outcome outcome = Ask(DNS_SendAQuery, fd, -1);
+            EXPECT_EQ(-2, outcome.result);
+            EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): select(writeset:" + std::to_string(fd) +
+                            ") timeout! : Bad file descriptor"},
+                      outcome.log);
+            EXPECT_GT(500, outcome.ms);
+        }
+    });
+}
+
+TEST(SendAQuery, FailsOnAShortSend) {
+    InNetwork([] {
+        Pretend pretend;
+        pretend.fail_send = true;
+        for (const auto &[sent, error, text] :
+             {std::tuple{ssize_t{-1}, ENETUNREACH, "-1/29 - Network is unreachable"},
+              {ssize_t{0}, 0, "0/29 - Success"},
+              {ssize_t{28}, 0, "28/29 - Success"}}) {
+            pretend.sent = sent;
+            pretend.send_error = error;
+            const Outcome outcome = Ask(DNS_SendAQuery, Socket(), 3);
+            EXPECT_EQ(-2, outcome.result);
+            EXPECT_EQ(Lines{std::string{"DNS:DNS_SendAQuery(): sendto() error : "} + text},
+                      outcome.log);
+        }
+    });
+}
+
+// Signals are sent until the call is over, so that one meets the wait.
+Outcome AskUnderSignals(Send send, int timeout) {
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGUSR1, &action, nullptr);
+    const int fd = Socket();
+    std::atomic<bool> over{false};
+    std::thread sender{[&over, self = pthread_self()] {
+        while (!over) {
+            std::this_thread::sleep_for(std::chrono::milliseconds{30});
+            pthread_kill(self, SIGUSR1);
+        }
+    }};
+    Outcome outcome = Ask(send, fd, timeout);
+    over = true;
+    sender.join();
+    return outcome;
+}
+
+TEST(SendAQuery, EndsWhenASignalInterruptsTheWait) {
+    InNetwork([] {
+        ScriptedServer server{kServer, Deaf};
+        const Outcome outcome = AskUnderSignals(DNS_SendAQuery, 20);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): [0] select() error : Interrupted system call"},
+                  outcome.log);
+        EXPECT_GT(5000, outcome.ms);
+    });
+}
+
+TEST(SendAQuery, DoesNotParseANameError) {
+    InNetwork([] {
+        ScriptedServer server{
+            kServer, [](const Bytes &query, int) -> std::vector<Bytes> {
+                return {Builder{query, 0x8183}.A(Builder::kAnswer, 12, "10.0.0.1").bytes()};
+            }};
+        const Outcome outcome = Ask(DNS_SendAQuery, Socket(), 5);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines{}, outcome.log);
+        EXPECT_TRUE(outcome.results.UntouchedFrom(0));
+        EXPECT_EQ(1u, server.Queries().size());
+    });
+}
+
+// Only these four bytes are a name error: with another identifier, with the bit of an authority or
+// with another code the answers are read.
+TEST(SendAQuery, ParsesEveryResponseThatIsNoNameError) {
+    InNetwork([] {
+        ScriptedServer server{
+            kServer, [](const Bytes &query, int nth) -> std::vector<Bytes> {
+                static constexpr uint32_t kHeads[] = {0xA9FA8182, 0xA9FA8583, 0xA9FA8103,
+                                                      0xA9FB8183, 0x00FA8183, 0xA9FA0183};
+                Bytes response = Builder{query, 0x8180}.A(Builder::kAnswer, 12, "10.0.0.1").bytes();
+                for (size_t i = 0; i < 4; ++i) {
+                    response[i] = static_cast<uint8_t>(kHeads[nth] >> (24 - 8 * i));
+                }
+                return {response};
+            }};
+        for (int i = 0; i < 6; ++i) {
+            Outcome outcome = Ask(DNS_SendAQuery, Socket(), 5);
+            EXPECT_EQ(0, outcome.result) << i;
+            EXPECT_EQ(Address("10.0.0.1"), outcome.results[0].addr);
+        }
+    });
+}
+
+TEST(SendAQuery, TakesTheFirstDatagramFromWhomever) {
+    InNetwork([] {
+        ScriptedServer server{kServer, Deaf};
+        const int fd = Socket();
+        struct sockaddr_in own = {};
+        socklen_t size = sizeof own;
+        ASSERT_EQ(0, getsockname(fd, reinterpret_cast<struct sockaddr *>(&own), &size));
+        own.sin_addr.s_addr = Address("127.0.0.9");
+        Bytes response = OneAddress(QueryFor("other.test", DNS_TYPE_A), 0)[0];
+        response[0] = 0x12;  // another identifier, another question, another sender
+        const int stranger = Socket();
+        ASSERT_EQ(ssize_t(response.size()),
+                  sendto(stranger, response.data(), response.size(), 0,
+                         reinterpret_cast<struct sockaddr *>(&own), sizeof own));
+        Outcome outcome = Ask(DNS_SendAQuery, fd, 5);
+        EXPECT_EQ(0, outcome.result);
+        EXPECT_EQ(Address("10.0.0.1"), outcome.results[0].addr);
+    });
+}
+
+TEST(SendAQuery, FailsAtOnceOnNoise) {
+    InNetwork([] {
+        ScriptedServer server{kServer, [](const Bytes & /*query*/, int nth) -> std::vector<Bytes> {
+                                  // 0 to 17 bytes, then longer ones without a length in them
+                                  const size_t size = nth < 18 ? size_t(nth) : size_t(nth) * 40;
+                                  return {Bytes(size, 0xFF)};
+                              }};
+        const int fd = Socket();
+        for (int nth = 0; nth < 30; ++nth) {
+            const Outcome outcome = Ask(DNS_SendAQuery, fd, 20);
+            EXPECT_EQ(-1, outcome.result);
+            EXPECT_EQ(Lines{}, outcome.log);
+            EXPECT_TRUE(outcome.results.UntouchedFrom(0));
+        }
+    });
+}
+
+// 1023 bytes are received at the most: of a longer datagram the rest is not seen.
+TEST(SendAQuery, CutsADatagramTo1023Bytes) {
+    InNetwork([] {
+        ScriptedServer server{kServer, [](const Bytes & /*query*/, int nth) -> std::vector<Bytes> {
+                                  Bytes response(2000, 0xAA);
+                                  response[7] = 2;
+                                  const size_t length = nth == 0 ? 1023 : 1022;
+                                  response[length - 2] = 0;
+                                  response[length - 1] = 4;
+                                  return {response};
+                              }};
+        EXPECT_EQ(-1, Ask(DNS_SendAQuery, Socket(), 5).result);
+        Outcome outcome = Ask(DNS_SendAQuery, Socket(), 5);
+        EXPECT_EQ(0, outcome.result);
+        EXPECT_EQ((tDnsAddrEntry{1, 0, 0, 1, Address("170.0.0.0")}), outcome.results[0]);
+        EXPECT_EQ(tDnsAddrEntry{}, outcome.results[1]);
+        EXPECT_TRUE(outcome.results.UntouchedFrom(2));
+    });
+}
+
+// An unconnected socket does not hear that nobody listens; a connected one of the caller does.
+TEST(SendAQuery, WaitsInVainWhereNobodyListens) {
+    InNetwork([] {
+        const Outcome outcome = Ask(DNS_SendAQuery, Socket(), 1);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): [0] select() timeout"}, outcome.log);
+        EXPECT_LE(1000, outcome.ms);
+    });
+}
+
+TEST(SendAQuery, LogsAReceiveThatFails) {
+    InNetwork([] {
+        const int fd = Socket();
+        const struct sockaddr_in server = ServerAddress(kServer);
+        ASSERT_EQ(0,
+                  connect(fd, reinterpret_cast<const struct sockaddr *>(&server), sizeof server));
+        const Outcome outcome = Ask(DNS_SendAQuery, fd, 20);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): recvfrom() error : Connection refused"},
+                  outcome.log);
+        EXPECT_GT(5000, outcome.ms);
+    });
+}
+
+TEST(SendAQuery, TakesADescriptorBeyondTheRangeOfSelect) {
+    InNetwork([] {
+        struct rlimit limit = {4096, 4096};
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+            GTEST_SKIP() << "the limit of descriptors cannot be raised";
+        }
+        ScriptedServer server{kServer, OneAddress};
+        for (const int number : {FD_SETSIZE - 1, FD_SETSIZE, FD_SETSIZE + 1, 4000}) {
+            ASSERT_EQ(number, dup2(Socket(), number));
+            EXPECT_EQ(0, Ask(DNS_SendAQuery, number, 5).result);
+        }
+    });
+}
+
+// A datagram whose check sum is bad: the kernel tells of it and drops it when it is read.
+void SendBadDatagram(uint16_t port) {
+    struct {
+        struct udphdr udp;
+        uint8_t data[32];
+    } packet = {};
+    packet.udp.source = htons(53);
+    packet.udp.dest = htons(port);
+    packet.udp.len = htons(sizeof packet);
+    packet.udp.check = htons(0xDEAD);
+    const int raw = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
+    ASSERT_GE(raw, 0) << strerror(errno);
+    const struct sockaddr_in to = ServerAddress(kServer);
+    ASSERT_EQ(ssize_t{sizeof packet},
+              sendto(raw, &packet, sizeof packet, 0, reinterpret_cast<const struct sockaddr *>(&to),
+                     sizeof to));
+    close(raw);
+}
+
+uint16_t PortOf(int fd) {
+    struct sockaddr_in own = {};
+    socklen_t size = sizeof own;
+    EXPECT_EQ(0, getsockname(fd, reinterpret_cast<struct sockaddr *>(&own), &size));
+    return ntohs(own.sin_port);
+}
+
+TEST(SendAQuery, PassesOverADatagramThatTheKernelDrops) {
+    InNetwork([] {
+        for (const int flags : {0, int{SOCK_NONBLOCK}}) {
+            const int fd = Socket(flags);
+            ScriptedServer server{kServer, [](const Bytes &query, int) {
+                                      std::this_thread::sleep_for(std::chrono::milliseconds{50});
+                                      return OneAddress(query, 0);
+                                  }};
+            SendBadDatagram(PortOf(fd));
+            Outcome outcome = Ask(DNS_SendAQuery, fd, 5);
+            EXPECT_EQ(0, outcome.result);
+            EXPECT_EQ(Lines{}, outcome.log);
+            EXPECT_EQ(Address("10.0.0.1"), outcome.results[0].addr);
+        }
+    });
+}
+
+TEST(SendAQuery, KeepsItsTimeoutWhenTheKernelDropsADatagram) {
+    InNetwork([] {
+        const int fd = Socket(SOCK_NONBLOCK);
+        ScriptedServer server{kServer, Deaf};
+        SendBadDatagram(PortOf(fd));
+        const Outcome outcome = Ask(DNS_SendAQuery, fd, 1);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): [0] select() timeout"}, outcome.log);
+        EXPECT_LE(1000, outcome.ms);
+        EXPECT_GT(1900, outcome.ms);
+    });
+}
+
+// A socket that was shut down calls itself readable for ever and holds nothing.
+TEST(SendAQuery, DoesNotSpinOnASocketThatIsReadableAndEmpty) {
+    InNetwork([] {
+        const int fd = Socket();
+        shutdown(fd, SHUT_RD);
+        const Outcome outcome = Ask(DNS_SendAQuery, fd, 20);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(
+            Lines{"DNS:DNS_SendAQuery(): recvfrom() error : Resource temporarily unavailable"},
+            outcome.log);
+        EXPECT_GT(5000, outcome.ms);
+    });
+}
+
+TEST(SendAQuery, RefusesInvalidArguments) {
+    InNetwork([] {
+        ScriptedServer server{kServer, OneAddress};
+        const struct sockaddr_in address = ServerAddress(kServer);
+        const int fd = Socket();
+        Results results;
+        EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): pDomainName is NULL!"}, CaptureLog([&] {
+                      EXPECT_EQ(-1, DNS_SendAQuery(fd, &address, nullptr, results.entries, 1));
+                  }));
+        const std::string tooLong = "a." + std::string(1005, 'b');
+        EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): invalid pDomainName [" + tooLong + "]"},
+                  Ask(DNS_SendAQuery, fd, 1, tooLong.c_str()).log);
+        EXPECT_EQ(-1, DNS_SendAQuery(fd, nullptr, kName, results.entries, 1));
+        EXPECT_EQ(-1, DNS_SendAQuery(fd, &address, kName, nullptr, 1));
+        EXPECT_TRUE(server.Queries().empty());
+        // One byte less is sent; the answer stands behind the 1023 bytes that are received.
+        EXPECT_EQ(-1, Ask(DNS_SendAQuery, fd, 5, tooLong.substr(1).c_str()).result);
+        EXPECT_EQ(1024u, server.Queries().at(0).size());
+    });
+}
+
+// ---- The MX exchange ----
+
+TEST(SendMXQuery, SendsTheQueryOnceWhenItIsAnswered) {
+    InNetwork([] {
+        ScriptedServer server{kServer, OneExchanger};
+        Outcome outcome = Ask(DNS_SendMXQuery, Socket(), 5);
+        EXPECT_EQ(0, outcome.result);
+        EXPECT_EQ(Lines{}, outcome.log);
+        EXPECT_EQ(DNS_TYPE_MX, outcome.results[0].type);
+        EXPECT_EQ(10, outcome.results[0].preference);
+        EXPECT_EQ(Address("10.0.0.1"), outcome.results[0].addr);
+        EXPECT_EQ(std::vector<Bytes>{QueryFor(kName, DNS_TYPE_MX)}, server.Queries());
+    });
+}
+
+TEST(SendMXQuery, AsksTwiceWhereThereAreNoAnswers) {
+    InNetwork([] {
+        ScriptedServer server{kServer, [](const Bytes &query, int nth) -> std::vector<Bytes> {
+                                  return nth == 1 ? OneExchanger(query, nth)
+                                                  : std::vector<Bytes>{Builder{query}.bytes()};
+                              }};
+        Outcome outcome = Ask(DNS_SendMXQuery, Socket(), 5);
+        EXPECT_EQ(0, outcome.result) << "the second attempt was answered";
+        EXPECT_EQ(2u, server.Queries().size());
+        outcome = Ask(DNS_SendMXQuery, Socket(), 5);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines{}, outcome.log);
+        EXPECT_EQ((std::vector<Bytes>(4, QueryFor(kName, DNS_TYPE_MX))), server.Queries());
+    });
+}
+
+// A response with answers ends the attempts, whatever its additional section is worth.
+TEST(SendMXQuery, DoesNotAskAgainForAddresses) {
+    InNetwork([] {
+        ScriptedServer server{kServer, [](const Bytes &query, int nth) -> std::vector<Bytes> {
+                                  Builder response{query};
+                                  response.Mx(10, "mx");
+                                  Bytes bytes = response.bytes();
+                                  bytes[11] = nth == 0 ? 0 : 60;
+                                  return {bytes};
+                              }};
+        Outcome outcome = Ask(DNS_SendMXQuery, Socket(), 5);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines{}, outcome.log);
+        EXPECT_EQ(1u, server.Queries().size());
+        outcome = Ask(DNS_SendMXQuery, Socket(), 5);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines{"DNS:DNS_ParserMX(): Packet Size error!"}, outcome.log);
+        EXPECT_EQ(2u, server.Queries().size());
+    });
+}
+
+TEST(SendMXQuery, WaitsTwiceTheSecondsTold) {
+    InNetwork([] {
+        const int fd = Socket();
+        for (const auto &[timeout, ms] : {std::pair{0, 0}, {1, 1000}, {-1, 20000}}) {
+            Pretend pretend;
+            pretend.clock = true;
+            const Outcome outcome = Ask(DNS_SendMXQuery, fd, timeout);
+            EXPECT_EQ(-1, outcome.result);
+            EXPECT_EQ(Lines(2, "DNS:DNS_SendMXQuery(): select(&readset) timeout!"), outcome.log);
+            EXPECT_EQ((std::vector<Pretence::Wait>{
+                          {POLLOUT, ms}, {POLLIN, ms}, {POLLOUT, ms}, {POLLIN, ms}}),
+                      pretend.waits);
+        }
+    });
+}
+
+TEST(SendMXQuery, FailsWhenTheSocketDoesNotBecomeWritable) {
+    InNetwork([] {
+        Pretend pretend;
+        pretend.no_room = 2;
+        const Outcome outcome = Ask(DNS_SendMXQuery, Socket(), 3);
+        EXPECT_EQ(-2, outcome.result);
+        EXPECT_EQ(Lines(2, "DNS:DNS_SendMXQuery(): select(&writeset) timeout!"), outcome.log);
+    });
+}
+
+TEST(SendMXQuery, FailsOnADescriptorThatIsNotOpen) {
+    InNetwork([] {
+        const Outcome outcome = Ask(DNS_SendMXQuery, -1, -1);
+        EXPECT_EQ(-2, outcome.result);
+        EXPECT_EQ(Lines(2, "DNS:DNS_SendMXQuery(): select(&writeset) timeout!"), outcome.log);
+    });
+}
+
+TEST(SendMXQuery, TakesOnlyASendOfZeroForAFailure) {
+    InNetwork([] {
+        Pretend pretend;
+        pretend.fail_send = true;
+        const Outcome outcome = Ask(DNS_SendMXQuery, Socket(), 3);
+        EXPECT_EQ(-2, outcome.result);
+        EXPECT_EQ(Lines(2, "DNS:DNS_SendMXQuery(): sendto() error : Success"), outcome.log);
+    });
+}
+
+TEST(SendMXQuery, CountsASendErrorAsSent) {
+    InNetwork([] {
+        for (const ssize_t sent : {-1, 1}) {
+            Pretend pretend;
+            pretend.clock = true;
+            pretend.fail_send = true;
+            pretend.sent = sent;
+            pretend.send_error = ENETUNREACH;
+            const Outcome outcome = Ask(DNS_SendMXQuery, Socket(), 3);
+            EXPECT_EQ(-1, outcome.result);
+            EXPECT_EQ(Lines(2, "DNS:DNS_SendMXQuery(): select(&readset) timeout!"), outcome.log);
+            EXPECT_EQ(4u, pretend.waits.size());
+        }
+    });
+}
+
+TEST(SendMXQuery, EndsAnAttemptWhenASignalInterruptsTheWait) {
+    InNetwork([] {
+        ScriptedServer server{kServer, Deaf};
+        const Outcome outcome = AskUnderSignals(DNS_SendMXQuery, 20);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines(2, "DNS:DNS_SendMXQuery(): select(&readset) timeout!"), outcome.log);
+        EXPECT_GT(5000, outcome.ms);
+    });
+}
+
+// The result is that of the second attempt: not sent the first time, not answered the second.
+TEST(SendMXQuery, ReturnsTheFailureOfTheLastAttempt) {
+    InNetwork([] {
+        const int fd = Socket();
+        Pretend pretend;
+        pretend.clock = true;
+        pretend.no_room = 1;
+        const Outcome outcome = Ask(DNS_SendMXQuery, fd, 1);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ((Lines{"DNS:DNS_SendMXQuery(): select(&writeset) timeout!",
+                         "DNS:DNS_SendMXQuery(): select(&readset) timeout!"}),
+                  outcome.log);
+    });
+}
+
+TEST(SendMXQuery, RefusesInvalidArguments) {
+    InNetwork([] {
+        ScriptedServer server{kServer, OneExchanger};
+        const struct sockaddr_in address = ServerAddress(kServer);
+        const int fd = Socket();
+        Results results;
+        const std::string tooLong = "a." + std::string(1005, 'b');
+        for (const char *pName : {static_cast<const char *>(nullptr), tooLong.c_str()}) {
+            const Outcome outcome = Ask(DNS_SendMXQuery, fd, 1, pName);
+            EXPECT_EQ(-1, outcome.result);
+            EXPECT_EQ(Lines{"DNS:DNS_SendMXQuery(): invalid pDomainName"}, outcome.log);
+        }
+        EXPECT_EQ(-1, DNS_SendMXQuery(fd, nullptr, kName, results.entries, 1));
+        EXPECT_EQ(-1, DNS_SendMXQuery(fd, &address, kName, nullptr, 1));
+        EXPECT_TRUE(server.Queries().empty());
+    });
+}
+
+}  // namespace
