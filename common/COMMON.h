@@ -36,9 +36,11 @@ static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 #include "common/file.h"
 #include "common/file_content.h"
 #include "common/log.h"
+#include "common/media.h"
 #include "common/net_info.h"
 #include "common/process.h"
-#include "common/media.h"
 #include "common/text.h"
+#include "common/udp_broadcast.h"
+#include "common/unit_info.h"
 
 #endif

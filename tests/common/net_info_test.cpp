@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <functional>
 #include <string>
@@ -362,6 +363,7 @@ TEST(Addresses, EqualWhatIpSays) {
             const std::string json = RunCommand("ip -json -4 addr show eth0");
             const std::string local = JsonValue(json, "local");
             ASSERT_EQ(0U, std::string{pAddress}.find(local + "/")) << json;
+            ASSERT_NE(std::string::npos, json.find("addr_info")) << json;
             const std::string info = json.substr(json.find("addr_info"));
             std::string broadcast = JsonValue(info, "broadcast");
             broadcast = broadcast.empty() ? "0.0.0.0" : broadcast;
@@ -484,28 +486,42 @@ TEST(Gateway, EqualsWhatIpSays) {
     });
 }
 
+// `make` is the command that makes an interface of the name.
+void ExpectPeerAsGateway(const std::string &name, const std::string &make) {
+    RunCommand(make + " && ip addr add 10.9.0.1 peer 10.9.0.2 dev " + name + " && ip link set " +
+               name + " up && ip route add default dev " + name);
+    EXPECT_EQ("", JsonValue(RunCommand("ip -json route show default"), "gateway"));
+    const std::string json = RunCommand("ip -json -4 addr show " + name);
+    const size_t info = json.find("addr_info");
+    ASSERT_NE(std::string::npos, info) << json;
+    const std::string peer = JsonValue(json.substr(info), "address");
+    EXPECT_EQ("10.9.0.2", peer);
+    EXPECT_EQ(Lines{}, CaptureLog([&] {
+                  ExpectForms(kGatewayForms, COM_SubGetGateway, name.c_str(), peer, 0);
+                  ExpectForms(kGatewayForms, COM_GetNetInfo, name.c_str(), peer, 0);
+                  char route[16] = "kept";
+                  EXPECT_EQ(-1, COM_GetDefaultRoute(route));
+                  EXPECT_STREQ("kept", route);
+              }));
+    EXPECT_EQ((Lines{"COMMON:COM_SubGetGateway(): ioctl(SIOCGIFDSTADDR[(null)]) error : No such "
+                     "device"}),
+              CaptureLog([] {
+                  ExpectAddress(COM_SubGetGateway, 31, nullptr, Form::kText, "0.0.0.0", -1);
+              }));
+}
+
 TEST(Gateway, IsThePeerOfAPointToPointLinkWhoseRouteHasNone) {
+    if (access("/dev/net/tun", R_OK | W_OK) != 0) {
+        GTEST_SKIP() << "/dev/net/tun cannot be used here";
+    }
+    RunInPrivateWorld(kNetwork,
+                      [] { ExpectPeerAsGateway("tun0", "ip tuntap add dev tun0 mode tun"); });
+}
+
+TEST(Gateway, IsThePeerOfAnAddressWithPeerOnAnyLink) {
     RunInPrivateWorld(kNetwork, [] {
-        RunCommand(
-            "ip tuntap add dev tun0 mode tun"
-            " && ip addr add 10.9.0.1 peer 10.9.0.2 dev tun0 && ip link set tun0 up"
-            " && ip route add default dev tun0");
-        EXPECT_EQ("", JsonValue(RunCommand("ip -json route show default"), "gateway"));
-        const std::string info = RunCommand("ip -json -4 addr show tun0");
-        const std::string peer = JsonValue(info.substr(info.find("addr_info")), "address");
-        EXPECT_EQ("10.9.0.2", peer);
-        EXPECT_EQ(Lines{}, CaptureLog([&] {
-                      ExpectForms(kGatewayForms, COM_SubGetGateway, "tun0", peer, 0);
-                      ExpectForms(kGatewayForms, COM_GetNetInfo, "tun0", peer, 0);
-                      char name[16] = "kept";
-                      EXPECT_EQ(-1, COM_GetDefaultRoute(name));
-                      EXPECT_STREQ("kept", name);
-                  }));
-        EXPECT_EQ(
-            (Lines{"COMMON:COM_SubGetGateway(): ioctl(SIOCGIFDSTADDR[(null)]) error : No such "
-                   "device"}),
-            CaptureLog(
-                [] { ExpectAddress(COM_SubGetGateway, 31, nullptr, Form::kText, "0.0.0.0", -1); }));
+        ExpectPeerAsGateway("eth7",
+                            "ip link add eth7 type veth peer name far && ip link set far up");
     });
 }
 

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -93,7 +94,12 @@ void RunInPrivateWorld(unsigned worlds, const std::function<void()> &body, bool 
             _exit(kCannot);
         }
         const auto run = [&body] {
-            body();
+            // An exception must not carry the child out of here, into the rest of the tests.
+            try {
+                body();
+            } catch (const std::exception &error) {
+                ADD_FAILURE() << "the body threw: " << error.what();
+            }
             fflush(nullptr);
             return ::testing::Test::HasFailure() ? 1 : 0;
         };
