@@ -1,0 +1,181 @@
+// Small operations on processes, sockets, escaped texts and ring buffers.
+
+#include "common/io.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "common/internal/file_open.h"
+#include "common/internal/module_log.h"
+#include "common/internal/unique_fd.h"
+
+namespace talvek {
+namespace {
+
+constexpr char kProc[] = "/proc";
+
+// Reads the program name of a process: the first line of its command line, up to the first NUL.
+bool ProgramNameContains(const char *pPid, const char *pText) {
+    char buf[128];
+    if (snprintf(buf, sizeof buf, "%s/%s/%s", kProc, pPid, "cmdline") >=
+        static_cast<int>(sizeof buf)) {
+        return false;
+    }
+    const UniqueFd fd{OpenPath(buf, O_RDONLY)};
+    if (!fd) {
+        return false;  // the process has ended since the directory was read
+    }
+    memset(buf, 0, sizeof buf);
+    if (read(fd.get(), buf, sizeof buf - 1) < 0) {
+        buf[0] = '\0';
+    }
+    // The newline belongs to the line, as a text with a newline at its end may ask for it.
+    char *newline = strchr(buf, '\n');
+    if (newline != nullptr) {
+        newline[1] = '\0';
+    }
+    return strstr(buf, pText) != nullptr;
+}
+
+constexpr int HexValue(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+}
+
+// Calls `copy` with each piece of the ring that a copy of `len` bytes touches, in order, and the
+// number of bytes copied before it.
+template <typename Copy>
+void ForEachRingPiece(int offset, int ringSize, int len, Copy copy) {
+    if (len < 1 || offset < 0 || (ringSize > 0 && offset > ringSize)) {
+        return;
+    }
+    for (int done = 0; done < len; offset = 0) {
+        const int left = len - done;
+        const int count = ringSize > 0 && ringSize - offset < left ? ringSize - offset : left;
+        copy(static_cast<size_t>(offset), static_cast<size_t>(done), static_cast<size_t>(count));
+        done += count;
+    }
+}
+
+struct Timeout {
+    int option;
+    const char *name;
+};
+
+constexpr Timeout kTimeouts[] = {
+    {SO_SNDTIMEO, "SO_SNDTIMEO"},
+    {SO_RCVTIMEO, "SO_RCVTIMEO"},
+};
+
+}  // namespace
+}  // namespace talvek
+
+int COM_CheckProcExist(const char *pText) {
+    if (pText == nullptr) {
+        return -1;
+    }
+    const talvek::UniqueDir dir{opendir(talvek::kProc)};
+    if (!dir) {
+        return -1;
+    }
+    while (const struct dirent *entry = readdir(dir.get())) {
+        const char first = entry->d_name[0];
+        if (first >= '0' && first <= '9' && talvek::ProgramNameContains(entry->d_name, pText)) {
+            return 0;
+        }
+    }
+    return -1;
+}
+
+int COM_DecodeHexEscape(char *pDst, const char *pSrc) {
+    if (pDst == nullptr || pSrc == nullptr) {
+        return -1;
+    }
+    char *to = pDst;
+    for (const char *from = pSrc; *from != '\0';) {
+        // The second digit is looked at only behind a first one, so never beyond the NUL.
+        const int high = *from == '=' ? talvek::HexValue(from[1]) : -1;
+        const int low = high >= 0 ? talvek::HexValue(from[2]) : -1;
+        if (low < 0) {
+            *to++ = *from++;
+            continue;
+        }
+        *to++ = static_cast<char>(high * 16 + low);
+        from += 3;
+    }
+    return static_cast<int>(to - pDst);
+}
+
+int COM_SendAll(int sock, const void *pData, int len) {
+    const char *next = static_cast<const char *>(pData);
+    int left = len;
+    while (left > 0) {
+        const ssize_t sent = send(sock, next, static_cast<size_t>(left), MSG_NOSIGNAL);
+        if (sent <= 0) {
+            break;
+        }
+        next += sent;
+        left -= static_cast<int>(sent);
+    }
+    return left;
+}
+
+void COM_ReadRingBuf(void *pDst, const void *pRing, int offset, int ringSize, int len) {
+    if (pDst == nullptr || pRing == nullptr) {
+        return;
+    }
+    char *dst = static_cast<char *>(pDst);
+    const char *ring = static_cast<const char *>(pRing);
+    talvek::ForEachRingPiece(offset, ringSize, len, [=](size_t at, size_t done, size_t count) {
+        memcpy(dst + done, ring + at, count);
+    });
+}
+
+void COM_WriteRingBuf(void *pRing, int offset, int ringSize, const void *pSrc, int len) {
+    if (pRing == nullptr || pSrc == nullptr) {
+        return;
+    }
+    char *ring = static_cast<char *>(pRing);
+    const char *src = static_cast<const char *>(pSrc);
+    talvek::ForEachRingPiece(offset, ringSize, len, [=](size_t at, size_t done, size_t count) {
+        memcpy(ring + at, src + done, count);
+    });
+}
+
+int COM_SleepTrace(int sec, int nsec, const char *pTag, int line) {
+    const struct timespec time = {.tv_sec = sec, .tv_nsec = nsec};
+    if (pTag == nullptr) {
+        return nanosleep(&time, nullptr);
+    }
+    printf("[%s, %d] : B4 %d. %d sec Sleep\n", pTag, line, sec, nsec);
+    fflush(stdout);  // the line tells that the sleep begins
+    nanosleep(&time, nullptr);
+    const int count = printf("[%s, %d] : After %d. %d sec Sleep\n", pTag, line, sec, nsec);
+    fflush(stdout);
+    return count;
+}
+
+int COM_SetSockTimeout(int sock, int seconds) {
+    const struct timeval time = {.tv_sec = seconds, .tv_usec = 0};
+    for (const talvek::Timeout &timeout : talvek::kTimeouts) {
+        if (setsockopt(sock, SOL_SOCKET, timeout.option, &time, sizeof time) != 0) {
+            COMMON_LOG("setsockopt(%d, %s, %d sec) failed - %s\n", sock, timeout.name, seconds,
+                       strerror(errno));
+            return -1;
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,68 @@
+#ifndef TALVEK_COMMON_IO_H
+#define TALVEK_COMMON_IO_H
+
+/* Small operations on processes, sockets, escaped texts and ring buffers. */
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Tells whether a process runs: whether some /proc/<pid>/cmdline contains a text in its first 127
+ * bytes. The arguments there are separated by NUL bytes, so only the program's name as it was
+ * called (argv[0], up to a newline) is compared.
+ *
+ *   pText  the text, with case; an empty one is contained in every command line
+ *
+ * Returns 0 when one does, else -1; also when pText is NULL or /proc cannot be opened. */
+int COM_CheckProcExist(const char *pText);
+
+/* Decodes the escapes of quoted-printable text (RFC 2045, 6.7): "=" and two hexadecimal digits in
+ * upper or lower case become one byte. An "=" that is followed by anything else is copied, so a
+ * soft line break stays as it is.
+ *
+ *   pDst  strlen(pSrc) bytes at the most; no NUL is added. May be pSrc itself.
+ *   pSrc  NUL-terminated
+ *
+ * Returns the number of bytes written, or -1 when an argument is NULL. */
+int COM_DecodeHexEscape(char *pDst, const char *pSrc);
+
+/* Sends `len` bytes, in as many calls of send as it takes. A peer that has closed gives an error,
+ * not SIGPIPE (MSG_NOSIGNAL).
+ * Returns the number of bytes left unsent: 0 when all were sent; `len` itself when it is below 1.
+ */
+int COM_SendAll(int sock, const void *pData, int len);
+
+/* Copies out of a ring buffer.
+ *
+ *   pDst      `len` bytes; does not overlap the ring
+ *   pRing     the ring's first byte
+ *   offset    where the copy begins, 0 to ringSize; the caller keeps and wraps it
+ *   ringSize  size of the ring in bytes; below 1, pRing is a plain buffer without a wrap
+ *   len       bytes to copy. Not compared with ringSize: a longer copy goes round again.
+ *
+ * Nothing is copied when a pointer is NULL, `len` is below 1 or `offset` lies outside the ring. */
+void COM_ReadRingBuf(void *pDst, const void *pRing, int offset, int ringSize, int len);
+
+/* Copies into a ring buffer: COM_ReadRingBuf the other way. Of a copy that is longer than the ring,
+ * the last bytes stay. */
+void COM_WriteRingBuf(void *pRing, int offset, int ringSize, const void *pSrc, int len);
+
+/* Sleeps, with a line on standard output before and after it when there is a tag.
+ *
+ *   sec, nsec  time to sleep; nsec is 0 to 999999999
+ *   pTag       shown with `line` in both lines; NULL for none
+ *
+ * A signal ends the sleep early. Returns nanosleep's result (0 or -1) without a tag; with one, the
+ * number of bytes of the second line, or a negative number when it could not be written. */
+int COM_SleepTrace(int sec, int nsec, const char *pTag, int line);
+
+/* Sets a socket's send and receive time-outs (SO_SNDTIMEO, SO_RCVTIMEO, socket(7)); 0 waits for
+ * ever.
+ * Returns 0, or -1 when either cannot be set (logged); the receive time-out is then as it was. */
+int COM_SetSockTimeout(int sock, int seconds);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
