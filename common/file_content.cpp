@@ -70,6 +70,23 @@ int PutText(const char *pEntry, const char *pFileName, const char *pBuf, int pla
     return write(fd.get(), pBuf, strlen(pBuf)) > 0 ? 0 : -1;
 }
 
+// A negative count is refused as the kernel refuses it, before it becomes a size_t.
+ssize_t WriteBytes(int fd, const void *pData, int len) {
+    if (len < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    return write(fd, pData, static_cast<size_t>(len));
+}
+
+ssize_t ReadBytes(int fd, void *pBuf, int len) {
+    if (len < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    return read(fd, pBuf, static_cast<size_t>(len));
+}
+
 struct PieceWritten {
     int remaining;
     ssize_t last;  // what the last write returned
@@ -81,8 +98,7 @@ PieceWritten WritePiece(const char *pEntry, int fd, const char *pData, int len) 
     int idle = 0;
     do {
         const int done = len - piece.remaining;
-        piece.last = write(fd, pData == nullptr ? nullptr : pData + done,
-                           static_cast<size_t>(piece.remaining));
+        piece.last = WriteBytes(fd, pData == nullptr ? nullptr : pData + done, piece.remaining);
         if (piece.last == 0 && piece.remaining != 0 && ++idle == kMaxIdleWrites) {
             errno = EIO;
             piece.last = -1;
@@ -188,8 +204,8 @@ int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int len) {
         return -1;
     }
     errno = 0;  // a short write has no error of its own
-    const ssize_t count = write(fd.get(), pData, static_cast<size_t>(len));
-    if (count == len) {
+    const ssize_t count = talvek::WriteBytes(fd.get(), pData, len);
+    if (count >= 0 && count == len) {
         return 0;
     }
     if (count > 0) {
@@ -210,7 +226,7 @@ int COM_SaveRingBufDataIntoFile(const char *pFileName, const void *pRing, int st
     }
     const talvek::Ring ring{static_cast<const char *>(pRing), start, ringSize};
     const int count = talvek::WriteRing(__func__, fd.get(), ring, len);
-    if (count == len) {
+    if (count >= 0 && count == len) {
         return 0;
     }
     if (count > 0) {
@@ -227,8 +243,8 @@ int COM_LoadDataFromFile(const char *pFileName, void *pBuf, int len) {
         COMMON_LOG("open(%s) fail : %s\n", talvek::Shown(pFileName), strerror(errno));
         return -1;
     }
-    const ssize_t count = read(fd.get(), pBuf, static_cast<size_t>(len));
-    if (count == len) {
+    const ssize_t count = talvek::ReadBytes(fd.get(), pBuf, len);
+    if (count >= 0 && count == len) {
         return 0;
     }
     return count > 0 ? 1 : static_cast<int>(count);

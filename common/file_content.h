@@ -1,13 +1,12 @@
 #ifndef TALVEK_COMMON_FILE_CONTENT_H
 #define TALVEK_COMMON_FILE_CONTENT_H
 
-/* Whole files in one call: short texts, blocks of bytes, ring buffers, copies, and the unit's
- * one-line identity files under /etc.
+/* Whole files in one call: short texts, blocks of bytes, ring buffers, and the unit's one-line
+ * identity files under /etc.
  *
  * Failures are logged with the module name COMMON and the entry's own name. A path is a
  * NUL-terminated text; NULL as a path fails like a path that cannot be read (EFAULT). Files are
- * created with mode 0664 less the umask unless the entry says otherwise. No open is tried again,
- * and a write that takes less than it was given is a failure unless the entry says otherwise. */
+ * created with mode 0664 less the umask. No open is tried again. */
 
 #include <stddef.h>
 #include <stdint.h>
@@ -70,30 +69,6 @@ int COM_SaveRingBufDataIntoFile(const char *pFileName, const void *pRing, int st
  * Returns 0 when `len` bytes were read, 1 when fewer but some, 0 (end of file) or -1 as the read
  * returned when none were, -1 when the file cannot be opened (logged). */
 int COM_LoadDataFromFile(const char *pFileName, void *pBuf, int len);
-
-/* Copies a file.
- *
- *   pDst  made or emptied. A missing directory is made (mode 0755) when pDst has at most 127
- *         characters. Must not be the same file as pSrc, which would be emptied. It is emptied also
- *         when pSrc cannot be opened.
- *   pSrc  the file to copy
- *
- * Both files must belong to the caller, or the caller be privileged (O_NOATIME, else EPERM). Mode,
- * owner and times are not copied. Returns 0 or -1; a failed copy leaves what was written. */
-int COM_CopyFile(const char *pDst, const char *pSrc);
-
-/* Moves a file to a place that survives and leaves a link: afterwards pLink is a symbolic link with
- * the text pTarget. A pTarget that does not exist is first made as a copy of the file pLink; one
- * that exists is kept as it is. Missing directories of both are made (mode 0755).
- * Returns the result of COM_CreateSymbolLink, or -1. */
-int COM_CopyAndLink(const char *pTarget, const char *pLink);
-
-/* Appends a file to another, which is created with mode 0777 less the umask when it is missing. A
- * file that is appended to itself is doubled.
- * Returns the number of bytes appended (INT32_MAX when there are more), or -1 on failure and when
- * there was nothing to append; a failed write leaves what was appended before it. A source that
- * cannot be read further counts as ended. */
-int COM_AppendFileToFile(const char *pDst, const char *pSrc);
 
 /* Reads the unit's port number, a text, from /etc/Port: COM_GetFileContent with its rules for the
  * buffer. When that returns -1 the result stays -1 and pBuf holds "80", cut to size - 1. */

@@ -114,8 +114,9 @@ void RunInPrivateWorld(unsigned worlds, const std::function<void()> &body, bool 
     EXPECT_EQ(0, WEXITSTATUS(status)) << "the body failed";
 }
 
-void MountTmpfs(const std::string &dir) {
-    ASSERT_EQ(0, mount("tmpfs", dir.c_str(), "tmpfs", 0, "mode=755")) << dir << strerror(errno);
+void MountTmpfs(const std::string &dir, const std::string &options) {
+    ASSERT_EQ(0, mount("tmpfs", dir.c_str(), "tmpfs", 0, options.c_str()))
+        << dir << " : " << strerror(errno);
 }
 
 void ReplaceDir(const std::string &dir) {

@@ -22,7 +22,8 @@ enum World : unsigned {
 void RunInPrivateWorld(unsigned worlds, const std::function<void()> &body, bool needsRoot = false);
 
 // For bodies in a private world.
-void MountTmpfs(const std::string &dir);  // an empty writable directory over `dir`
+// An empty writable directory over `dir`; the options are those of tmpfs(5).
+void MountTmpfs(const std::string &dir, const std::string &options = "mode=755");
 void WriteFile(const std::string &path, const std::string &content);  // makes directories too
 std::string ReadFile(const std::string &path);  // empty when it cannot be read
 // A writable /etc that holds only the files that the C library looks for (passwd, group, hosts).
