@@ -35,6 +35,8 @@ static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 #include "common/command.h"
 #include "common/file.h"
 #include "common/file_content.h"
+#include "common/file_copy.h"
+#include "common/io.h"
 #include "common/log.h"
 #include "common/media.h"
 #include "common/net_info.h"
@@ -42,5 +44,6 @@ static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 #include "common/text.h"
 #include "common/udp_broadcast.h"
 #include "common/unit_info.h"
+#include "common/system_info.h"
 
 #endif
