@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "common/internal/interface_name.h"
 #include "common/internal/module_log.h"
 #include "common/internal/unique_fd.h"
 
@@ -58,7 +59,7 @@ enum class AddressForm { kText, kPadded, kBinary };
 
 struct AddressRow {
     uint32_t flag;
-    unsigned long request;
+    uint32_t request;
     AddressForm form;
 };
 
@@ -392,6 +393,14 @@ constexpr Service kServices[] = {
 };
 
 }  // namespace
+
+const char *MeantInterface(const char *pName, char (&route)[IFNAMSIZ]) {
+    if (pName != nullptr && strcmp(pName, "auto") != 0) {
+        return pName;
+    }
+    return COM_GetDefaultRoute(route) == 0 ? route : kFallbackInterface;
+}
+
 }  // namespace talvek
 
 int COM_GetNetInfo(uint32_t flag, const char *pName, void *pOut) {
@@ -403,10 +412,7 @@ int COM_GetNetInfo(uint32_t flag, const char *pName, void *pOut) {
             continue;
         }
         char route[IFNAMSIZ];
-        if (pName == nullptr || strcmp(pName, "auto") == 0) {
-            pName = COM_GetDefaultRoute(route) == 0 ? route : talvek::kFallbackInterface;
-        }
-        return service.serve(flag, pName, pOut);
+        return service.serve(flag, talvek::MeantInterface(pName, route), pOut);
     }
     constexpr char kUnknown[] = "unknown";
     memcpy(pOut, kUnknown, sizeof kUnknown);

@@ -16,6 +16,7 @@
 #include <span>
 
 #include "common/file_content.h"
+#include "common/internal/interface_name.h"
 #include "common/internal/module_log.h"
 #include "common/internal/unique_fd.h"
 #include "common/net_info.h"
@@ -107,21 +108,24 @@ int COM_GetUnitNetInfo(tUnitNetInfo *pInfo, const char *pIfName) {
         return -1;
     }
     memset(pInfo, 0, offsetof(tUnitNetInfo, if_info_num));
+    // Looked up once, so that the whole record is of one interface.
+    char route[IFNAMSIZ];
+    const char *pMeant = talvek::MeantInterface(pIfName, route);
     int result = talvek::ReadField("/etc/Model", pInfo->model);
     result += talvek::ReadField("/etc/Proj", pInfo->proj);
     result += talvek::ReadHostName(pInfo->name);
-    result += COM_GetNetInfo(talvek::kAddressText, pIfName, pInfo->ip);
+    result += COM_GetNetInfo(talvek::kAddressText, pMeant, pInfo->ip);
     result += COM_GetPort(pInfo->port, sizeof pInfo->port);
-    result += COM_GetNetInfo(talvek::kNetmaskText, pIfName, pInfo->netmask);
-    result += COM_GetNetInfo(talvek::kGatewayText, pIfName, pInfo->gateway);
-    result += COM_GetNetInfo(talvek::kFirstNameServerText, pIfName, pInfo->dns);
-    result += COM_GetNetInfo(talvek::kColonMac, pIfName, pInfo->mac);
+    result += COM_GetNetInfo(talvek::kNetmaskText, pMeant, pInfo->netmask);
+    result += COM_GetNetInfo(talvek::kGatewayText, pMeant, pInfo->gateway);
+    result += COM_GetNetInfo(talvek::kFirstNameServerText, pMeant, pInfo->dns);
+    result += COM_GetNetInfo(talvek::kColonMac, pMeant, pInfo->mac);
     if (pIfName != nullptr) {
         snprintf(pInfo->dev, sizeof pInfo->dev, "%s", pIfName);
     }
     // A unit without a note is complete. Held by UnitNetInfo.IsCompleteWithoutANote.
     talvek::ReadField("/etc/Note", pInfo->note);
-    result += COM_GetNetInfo(talvek::kMtu, pIfName, &pInfo->mtu);
+    result += COM_GetNetInfo(talvek::kMtu, pMeant, &pInfo->mtu);
     return result;
 }
 

@@ -133,6 +133,21 @@ TEST(UnitNetInfo, CountsWhatFailed) {
     });
 }
 
+TEST(UnitNetInfo, LooksForTheDefaultRouteOnce) {
+    RunInPrivateWorld(kNetwork | kHostname, [] {
+        MakeUnit();
+        ReplaceDir("/proc");
+        const CanaryBuf record{kRecord};
+        EXPECT_EQ((Lines{"COMMON:COM_GetDefaultRoute(): fopen(/proc/net/route) : No such file or "
+                         "directory",
+                         "COMMON:COM_SubGetGateway(): fopen(/proc/net/route) : No such file or "
+                         "directory"}),
+                  CaptureLog([&] { EXPECT_EQ(0, Fill(record, nullptr)); }));
+        EXPECT_EQ("10.0.0.5", Field(record, 128, 16));
+        EXPECT_EQ("10.0.0.5", Field(record, 168, 16)) << "its peer, as the link has no other";
+    });
+}
+
 // Model, project, host name and port are there; address, netmask, gateway, name server, hardware
 // address and MTU fail, in this order.
 TEST(UnitNetInfo, HoldsWellFormedTextsForAnUnknownInterface) {
