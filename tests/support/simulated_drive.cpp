@@ -7,6 +7,7 @@
 #include <scsi/scsi_ioctl.h>
 #include <scsi/sg.h>
 #include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -231,9 +232,9 @@ SgAnswer SimulatedDrive::AnswerTo(const SgRequest &request) {
     if (const auto found = always_.find(opcode); found != always_.end()) {
         return found->second;
     }
-    for (const Stored &stored : stored_) {
-        if (stored.opcode == opcode && Matches(request.cdb, stored.where)) {
-            SgAnswer answer = SgAnswer::Data(stored.data);
+    for (auto stored = stored_.rbegin(); stored != stored_.rend(); ++stored) {
+        if (stored->opcode == opcode && Matches(request.cdb, stored->where)) {
+            SgAnswer answer = SgAnswer::Data(stored->data);
             if (const auto limit = cut.find(opcode); limit != cut.end()) {
                 answer.data.resize(std::min(answer.data.size(), limit->second));
             }
@@ -283,6 +284,9 @@ int SimulatedDrive::Ioctl(unsigned long request, void *arg) {
             const SgAnswer answer = AnswerTo(described);
             if (answer.error != 0) {
                 return FailWith(answer.error);
+            }
+            if (dirty && hdr.dxferp != nullptr) {
+                memset(hdr.dxferp, 0xEE, hdr.dxfer_len);
             }
             Deliver(answer, hdr);
             hdr.sb_len_wr = claimedSense.value_or(hdr.sb_len_wr);
@@ -336,6 +340,16 @@ std::vector<HexReply> LoadHex(const std::string &fixture) {
         }
     }
     return replies;
+}
+
+std::string HexText(const Bytes &bytes) {
+    std::string text;
+    for (const uint8_t byte : bytes) {
+        char hex[4];
+        snprintf(hex, sizeof hex, "%02x", byte);
+        text += (text.empty() ? "" : " ") + std::string{hex};
+    }
+    return text;
 }
 
 std::vector<double> TakePauses() {

@@ -100,6 +100,8 @@ class SimulatedDrive {
 
     // At most so many bytes of the replies to this opcode are sent.
     std::map<uint8_t, size_t> cut;
+    // The rest of the buffer is overwritten too, though the residue says that it did not arrive.
+    bool dirty = false;
 
     // For the stand-ins of open and ioctl.
     [[nodiscard]] bool HasPath(const std::string &path) const;
@@ -132,6 +134,9 @@ struct HexReply {
     Bytes data;
 };
 std::vector<HexReply> LoadHex(const std::string &fixture);
+
+// "12 00 00" of bytes, as programs that decode them take it.
+std::string HexText(const Bytes &bytes);
 
 // What COM_SleepAtLeast was asked for, in seconds, since the last call of TakePauses.
 std::vector<double> TakePauses();

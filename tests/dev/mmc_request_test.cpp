@@ -1,0 +1,353 @@
+// What all the commands that ask a drive about its disc have in common: the form of the requests,
+// the learned lengths, failures, and replies that end early.
+
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "dev/DEV.h"
+#include "disc_fixture.h"
+#include "support/command.h"
+
+namespace {
+
+using talvek::test::Bytes;
+using talvek::test::Capture;
+using talvek::test::Disc;
+using talvek::test::DiscTest;
+using talvek::test::ExpectDataIn;
+using talvek::test::HexText;
+using talvek::test::kNode;
+using talvek::test::Lines;
+using talvek::test::Query;
+using talvek::test::RunCommand;
+using talvek::test::SgAnswer;
+
+int BufferCapacity(const char *pPath, int fd, tDiscInfo *) {
+    return Dev_ReadBufferCapacity(pPath, fd);
+}
+
+struct Command {
+    const char *label;
+    const char *peerName;  // of the opcode in sg_decode_sense, unless disks use it otherwise
+    Query query;
+    tDiscInfo info;  // ahead of the call
+    Bytes cdb;       // as the first issue sends it
+    unsigned length;
+    bool learns;  // issued again
+};
+
+tDiscInfo WithLastTrack(uint32_t track) {
+    tDiscInfo info = Disc(DEV_CLASS_DVD_PLUS, DEV_MEDIA_WRITE_ONCE);
+    info.lastTrack = track;
+    info.discStatus = DEV_DISC_INCOMPLETE;
+    return info;
+}
+
+const Command kCommands[] = {
+    {"READ BUFFER CAPACITY",
+     "Read buffer capacity",
+     BufferCapacity,
+     {},
+     {0x5C, 0, 0, 0, 0, 0, 0, 0, 0x0C, 0},
+     12,
+     false},
+    {"READ DISC INFORMATION",
+     nullptr,
+     Dev_ReadDiscInfo,
+     Disc(DEV_CLASS_DVD_PLUS, DEV_MEDIA_WRITE_ONCE),
+     {0x51, 0, 0, 0, 0, 0, 0, 0, 0x22, 0},
+     34,
+     true},
+    {"(0100b ; ATIP -MSF-)",
+     "Read TOC/PMA/ATIP",
+     Dev_ReadCdATIP,
+     Disc(DEV_CLASS_CD, DEV_MEDIA_WRITE_ONCE),
+     {0x43, 0x02, 0x04, 0, 0, 0, 0, 0, 0x04, 0},
+     4,
+     true},
+    {"(0000b ; Formatted TOC -MSF-)",
+     "Read TOC/PMA/ATIP",
+     Dev_ReadCdToc,
+     Disc(DEV_CLASS_CD, DEV_MEDIA_WRITE_ONCE),
+     {0x43, 0x02, 0, 0, 0, 0, 0x01, 0, 0x04, 0},
+     4,
+     true},
+    {"READ TOC/PMA/ATIP",
+     "Read TOC/PMA/ATIP",
+     Dev_ReadDvdRToc,
+     Disc(DEV_CLASS_DVD_PLUS, DEV_MEDIA_WRITE_ONCE),
+     {0x43, 0, 0, 0, 0, 0, 0x01, 0, 0x04, 0},
+     4,
+     true},
+    {"READ TRACK INFORMATION",
+     nullptr,
+     Dev_ReadTrackInfo,
+     WithLastTrack(0x01020304),
+     {0x52, 0x01, 0x01, 0x02, 0x03, 0x04, 0, 0, 0x24, 0},
+     36,
+     true},
+    {"READ DVD STRUCTURE",
+     "Read DVD/BD structure",
+     Dev_ReadDvdStruct,
+     Disc(DEV_CLASS_DVD_PLUS, DEV_MEDIA_WRITE_ONCE),
+     {0xAD, 0, 0, 0, 0, 0, 0, 0, 0, 0x04, 0, 0},
+     4,
+     true},
+    {"READ DVD STRUCTURE",
+     "Read DVD/BD structure",
+     Dev_ReadDvdStruct,
+     Disc(DEV_CLASS_DVD_MINUS, DEV_MEDIA_WRITE_ONCE),
+     {0xAD, 0, 0, 0, 0, 0, 0, 0x10, 0, 0x04, 0, 0},
+     4,
+     true},
+    {"READ DVD STRUCTURE",
+     "Read DVD/BD structure",
+     Dev_ReadDvdStruct,
+     Disc(DEV_CLASS_DVD_MINUS, DEV_MEDIA_REWRITABLE),
+     {0xAD, 0, 0, 0, 0, 0, 0, 0x10, 0, 0x04, 0, 0},
+     4,
+     true},
+    {"READ DVD STRUCTURE",
+     "Read DVD/BD structure",
+     Dev_ReadDvdStruct,
+     Disc(DEV_CLASS_DVD_MINUS, DEV_MEDIA_READ_ONLY),
+     {0xAD, 0, 0, 0, 0, 0, 0, 0, 0, 0x04, 0, 0},
+     4,
+     true},
+    {"READ DVD STRUCTURE",
+     "Read DVD/BD structure",
+     Dev_ReadDvdStruct,
+     Disc(DEV_CLASS_BD, DEV_MEDIA_REWRITABLE),
+     {0xAD, 0x01, 0, 0, 0, 0, 0, 0x10, 0, 0x04, 0, 0},
+     4,
+     true},
+    {"READ FORMAT CAPACITY",
+     "Read Format capacities",
+     Dev_ReadFormatCapacity,
+     Disc(DEV_CLASS_DVD_PLUS, DEV_MEDIA_REWRITABLE),
+     {0x23, 0, 0, 0, 0, 0, 0, 0, 0xFC, 0},
+     252,
+     true},
+};
+
+// A reply with every field set: 40 bytes that no command reads as an error.
+Bytes FullReply(const Command &command) {
+    Bytes data(40, 0);
+    for (size_t i = 4; i < data.size(); ++i) {
+        data[i] = static_cast<uint8_t>(0x11 * (i % 8 + 1));
+    }
+    data[1] = 38;
+    if (command.cdb[0] == 0x43) {  // one track and the lead-out
+        data[3] = 1;
+        data[6] = 0x01;
+        data[14] = 0xAA;
+    } else if (command.cdb[0] == 0x23) {
+        data[1] = 0;
+        data[3] = 36;
+    }
+    return data;
+}
+
+// The second issue of READ FORMAT CAPACITY has byte 3 + 4, that of the others bytes 0-1 + 2: 40.
+constexpr unsigned kFullLength = 40;
+
+class MmcCommand : public DiscTest {
+  protected:
+    std::string TextFor(const Command &command, int result = 1) {
+        info_ = command.info;
+        return TextOf(command.query, result);
+    }
+};
+
+TEST_F(MmcCommand, AsksAgainForTheLengthThatItLearned) {
+    for (const Command &command : kCommands) {
+        SCOPED_TRACE(command.label);
+        drive_.Reply(command.cdb[0], FullReply(command));
+        drive_.requests.clear();
+        TextFor(command);
+        ASSERT_EQ(command.learns ? 2U : 1U, drive_.requests.size());
+        ExpectDataIn(drive_.requests[0], command.cdb, command.length);
+        if (command.learns) {
+            Bytes cdb = command.cdb;
+            cdb[cdb.size() == 12 ? 9 : 8] = kFullLength;
+            ExpectDataIn(drive_.requests[1], cdb, kFullLength);
+        }
+    }
+}
+
+TEST_F(MmcCommand, SendsOpcodesThatSgDecodeSenseKnowsByTheirNames) {
+    for (const Command &command : kCommands) {
+        if (command.peerName != nullptr) {
+            EXPECT_EQ(command.peerName,
+                      RunCommand("sg_decode_sense --cdb " + HexText(command.cdb)));
+        }
+    }
+}
+
+TEST_F(MmcCommand, FailsWhenEitherIssueFails) {
+    for (const Command &command : kCommands) {
+        const std::string fail =
+            std::string{"DEV:Dev_ExecMMC(): ((/dev/sr0) "} + command.label + ") Fail";
+        for (size_t good = 0; good < (command.learns ? 2U : 1U); ++good) {
+            drive_.requests.clear();
+            for (size_t i = 0; i < good; ++i) {
+                drive_.Next(command.cdb[0], SgAnswer::Data(FullReply(command)));
+            }
+            drive_.Next(command.cdb[0], SgAnswer::Check(0x03, 0x11, 0x00));
+            info_ = command.info;
+            EXPECT_EQ(Lines{fail}, LinesOf(command.query, 0));
+            EXPECT_EQ(good + 1, drive_.requests.size()) << "nothing is sent once more";
+            EXPECT_TRUE(command.info == info_) << command.label;
+        }
+    }
+}
+
+TEST_F(MmcCommand, FailsWithoutDriver) {
+    for (const Command &command : kCommands) {
+        drive_.driverVersion = 29999;
+        TextFor(command, 0);
+        drive_.driverVersion = 30000;
+        drive_.Next(command.cdb[0], SgAnswer::Error(EIO));
+        TextFor(command, 0);
+        EXPECT_TRUE(command.info == info_) << command.label;
+    }
+}
+
+// A drive may announce more than it sends, and a host adapter may spoil the rest of the buffer:
+// only what arrived counts, and a number that did not arrive whole is zero.
+TEST_F(MmcCommand, ReadsNothingBeyondWhatArrived) {
+    for (const Command &command : kCommands) {
+        const Bytes whole = FullReply(command);
+        for (size_t length = 0; length <= whole.size(); ++length) {
+            SCOPED_TRACE(std::string{command.label} + " of " + std::to_string(length));
+            drive_.Reply(command.cdb[0], whole);
+            drive_.cut[command.cdb[0]] = length;
+            info_ = command.info;
+            int clean = -1;
+            int dirty = -1;
+            const std::string text = Capture([&] { clean = command.query(kNode, fd_, &info_); });
+            const tDiscInfo found = info_;
+            info_ = command.info;
+            drive_.dirty = true;
+            EXPECT_EQ(text, Capture([&] { dirty = command.query(kNode, fd_, &info_); }));
+            drive_.dirty = false;
+            EXPECT_EQ(clean, dirty);
+            EXPECT_TRUE(found == info_);
+        }
+    }
+}
+
+// A driver that does not count what arrived leaves the residue at 0: the bytes are there.
+TEST_F(MmcCommand, TakesAllBytesWhenTheDriverDoesNotCount) {
+    for (const Command &command : kCommands) {
+        drive_.Reply(command.cdb[0], FullReply(command));
+        const std::string counted = TextFor(command);
+        const tDiscInfo found = info_;
+        SgAnswer answer = SgAnswer::Data(FullReply(command));
+        answer.countsBytes = false;
+        for (int i = 0; i < (command.learns ? 2 : 1); ++i) {
+            drive_.Next(command.cdb[0], answer);
+        }
+        EXPECT_EQ(counted, TextFor(command));
+        EXPECT_TRUE(found == info_);
+    }
+}
+
+TEST_F(MmcCommand, FailsWithoutDescriptor) {
+    for (const Command &command : kCommands) {
+        if (command.query != BufferCapacity) {
+            drive_.requests.clear();
+            const Lines lines =
+                talvek::test::CaptureLog([&] { EXPECT_EQ(0, command.query(kNode, fd_, nullptr)); });
+            ASSERT_EQ(1U, lines.size());
+            EXPECT_NE(std::string::npos, lines[0].find("(): Get Null ptr"));
+            EXPECT_TRUE(drive_.requests.empty());
+        }
+    }
+}
+
+// Lengths at the ends of what the reply's two bytes can announce.
+struct LearnedLength {
+    uint16_t announced;
+    unsigned asked;
+};
+
+template <size_t kCount>
+void ExpectLengths(talvek::test::SimulatedDrive &drive, int fd, const Command &command,
+                   const LearnedLength (&cases)[kCount]) {
+    for (const LearnedLength &item : cases) {
+        drive.Reply(command.cdb[0], {static_cast<uint8_t>(item.announced >> 8),
+                                     static_cast<uint8_t>(item.announced)});
+        drive.requests.clear();
+        tDiscInfo info = command.info;
+        Capture([&] { command.query(kNode, fd, &info); });
+        ASSERT_EQ(2U, drive.requests.size());
+        Bytes cdb = command.cdb;
+        const size_t at = cdb.size() == 12 ? 8 : 7;
+        cdb[at] = static_cast<uint8_t>(item.asked >> 8);
+        cdb[at + 1] = static_cast<uint8_t>(item.asked);
+        ExpectDataIn(drive.requests[1], cdb, item.asked);
+    }
+}
+
+const Command &CommandOf(Query query) {
+    for (const Command &command : kCommands) {
+        if (command.query == query) {
+            return command;
+        }
+    }
+    ADD_FAILURE();
+    return kCommands[0];
+}
+
+TEST_F(MmcCommand, CapsDiscInformationAt255) {
+    ExpectLengths(drive_, fd_, CommandOf(Dev_ReadDiscInfo),
+                  {{0, 2},
+                   {32, 34},
+                   {252, 254},
+                   {253, 255},
+                   {254, 255},
+                   {298, 255},
+                   {300, 255},
+                   {65535, 255}});
+}
+
+TEST_F(MmcCommand, AsksForTheFullFieldFrom65534On) {
+    for (const Query query : {Dev_ReadTrackInfo, Dev_ReadDvdStruct}) {
+        ExpectLengths(drive_, fd_, CommandOf(query),
+                      {{0, 2},
+                       {34, 36},
+                       {2050, 2052},
+                       {65531, 65533},
+                       {65532, 65535},
+                       {65533, 65535},
+                       {65535, 65535}});
+    }
+}
+
+// The allocation length of READ TOC/PMA/ATIP has two bytes.
+TEST_F(MmcCommand, AsksForNoMoreThanTheTocFieldHolds) {
+    for (const Query query : {Dev_ReadCdATIP, Dev_ReadCdToc, Dev_ReadDvdRToc}) {
+        ExpectLengths(
+            drive_, fd_, CommandOf(query),
+            {{0, 2}, {26, 28}, {65532, 65534}, {65533, 65535}, {65534, 65535}, {65535, 65535}});
+    }
+}
+
+TEST_F(MmcCommand, AsksForTheCapacityListWithItsHeader) {
+    const Command &command = CommandOf(Dev_ReadFormatCapacity);
+    for (const unsigned listLength : {0U, 8U, 248U, 252U, 255U}) {
+        drive_.Reply(0x23, {0, 0, 0, static_cast<uint8_t>(listLength)});
+        drive_.requests.clear();
+        TextFor(command);
+        ASSERT_EQ(2U, drive_.requests.size());
+        Bytes cdb = command.cdb;
+        cdb[7] = static_cast<uint8_t>((listLength + 4) >> 8);
+        cdb[8] = static_cast<uint8_t>(listLength + 4);
+        ExpectDataIn(drive_.requests[1], cdb, listLength + 4);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,197 @@
+#include "dev/toc.h"
+
+#include <gtest/gtest.h>
+#include <stdint.h>
+
+#include <string>
+
+#include "disc_fixture.h"
+
+namespace {
+
+using talvek::test::BigEndian32;
+using talvek::test::Bytes;
+using talvek::test::Capture;
+using talvek::test::Disc;
+using talvek::test::DiscTest;
+using talvek::test::kNode;
+using talvek::test::Lines;
+
+// Two forms of one command: the replies of the fixtures are told apart by the CDB's format byte.
+const std::map<size_t, uint8_t> kAtip = {{2, 0x04}};
+const std::map<size_t, uint8_t> kToc = {{2, 0x00}};
+
+class ReadCdAtip : public DiscTest {
+  protected:
+    ReadCdAtip() {
+        drive_.Load("cd_r_empty.hex");
+        info_ = Disc(1, 2);
+    }
+    static std::string Line(const std::string &text) { return "DEV:Dev_ReadCdATIP(): " + text; }
+};
+
+TEST_F(ReadCdAtip, TellsWhatTheDiscCanHold) {
+    EXPECT_EQ((Lines{"Reference Speed = 4", Line("Disc Type : CD-R"),
+                     "Disc Sub Type = High   Speed", Line("Start Time of Lead-in 97:15:17"),
+                     Line("Start Time of Lead-out 79:59:74"), Line("Disc Space is 719998 KB")}),
+              LinesOf(Dev_ReadCdATIP));
+    // ((79 * 60 + 59) * 75 + 74) * 2
+    EXPECT_EQ(719998U, info_.totalKB);
+    EXPECT_EQ(1U, info_.cdSubType);
+}
+
+TEST_F(ReadCdAtip, TellsTheDiscTypeByBitZero) {
+    drive_.Patch(0x43, 6, {0xFE}, kAtip);
+    EXPECT_EQ(Line("Disc Type : CD-R"), LinesOf(Dev_ReadCdATIP)[1]);
+    drive_.Patch(0x43, 6, {0x01}, kAtip);
+    EXPECT_EQ(Line("Disc Type : CD-RW"), LinesOf(Dev_ReadCdATIP)[1]);
+}
+
+TEST_F(ReadCdAtip, NamesTheSubTypes) {
+    const char *const names[] = {"Normal Speed", "High   Speed", "Ultra  Speed", "Not Defined",
+                                 "Not Defined",  "Not Defined",  "Not Defined",  "Not Defined"};
+    for (unsigned subType = 0; subType < 8; ++subType) {
+        drive_.Patch(0x43, 6, {static_cast<uint8_t>(0xC7 | subType << 3)}, kAtip);
+        EXPECT_EQ(std::string{"Disc Sub Type = "} + names[subType], LinesOf(Dev_ReadCdATIP)[2]);
+        EXPECT_EQ(subType, info_.cdSubType);
+    }
+}
+
+TEST_F(ReadCdAtip, TakesTheReferenceSpeedFromThreeBits) {
+    for (unsigned speed = 0; speed < 8; ++speed) {
+        drive_.Patch(0x43, 4, {static_cast<uint8_t>(0xF8 | speed)}, kAtip);
+        EXPECT_EQ("Reference Speed = " + std::to_string(speed), LinesOf(Dev_ReadCdATIP)[0]);
+    }
+}
+
+// ((255 * 60 + 255) * 75 + 255) * 2 = 2333760
+TEST_F(ReadCdAtip, CountsTimesOfEverySize) {
+    drive_.Patch(0x43, 12, {0xFF, 0xFF, 0xFF}, kAtip);
+    EXPECT_EQ(Line("Disc Space is 2333760 KB"), LinesOf(Dev_ReadCdATIP).back());
+    drive_.Patch(0x43, 12, {0, 0, 0}, kAtip);
+    EXPECT_EQ(Line("Start Time of Lead-out 00:00:00"), LinesOf(Dev_ReadCdATIP)[4]);
+    EXPECT_EQ(0U, info_.totalKB);
+}
+
+class ReadCdToc : public DiscTest {
+  protected:
+    ReadCdToc() { info_ = Disc(1, 2); }
+    static std::string Line(const std::string &text) { return "DEV:Dev_ReadCdToc(): " + text; }
+};
+
+// Track 5 starts at 35:10:05 = 158255 frames. The lead-out is at 40:20:30 = 181530 frames, and
+// 181530 + 6750 = 188280; 188280 + 150 = 188430 is 41:52:30.
+TEST_F(ReadCdToc, TellsTheLastTrackAsLeadIn) {
+    drive_.Load("cd_r_open.hex");
+    EXPECT_EQ((Lines{Line("Last track is 5"), Line("Last Lead-in at 35:10:05"),
+                     Line("Last Lead-out at 40:20:30"), Line("Next Lead-in at 41:52:30")}),
+              LinesOf(Dev_ReadCdToc));
+    EXPECT_EQ(5U, info_.lastTrack);
+    EXPECT_EQ(158255U - 150, info_.lastTrackStart);
+    EXPECT_EQ(188280U, info_.nextLeadIn);
+}
+
+// 15:00:00 is 67500 frames; 67500 + 11250 = 78750; 78750 + 150 = 78900 is 17:32:00.
+TEST_F(ReadCdToc, LeavesTheLongGapBehindASingleTrack) {
+    drive_.Load("cd_rw_open.hex");
+    EXPECT_EQ((Lines{Line("Last track is 1"), Line("Last Lead-in at 00:02:00"),
+                     Line("Last Lead-out at 15:00:00"), Line("Next Lead-in at 17:32:00")}),
+              LinesOf(Dev_ReadCdToc));
+    EXPECT_EQ(0U, info_.lastTrackStart);
+    EXPECT_EQ(78750U, info_.nextLeadIn);
+}
+
+TEST_F(ReadCdToc, ReadsAsManyTracksAsACdHas) {
+    Bytes toc(4 + 8 * 100, 0);
+    toc[0] = 0x03;  // 802 bytes follow
+    toc[1] = 0x22;
+    toc[3] = 99;
+    toc[4 + 8 * 98 + 5] = 70;  // track 99 at 70:00:00
+    toc[4 + 8 * 99 + 5] = 71;  // lead-out at 71:00:00
+    drive_.Reply(0x43, toc);
+    EXPECT_EQ(Line("Last track is 99"), LinesOf(Dev_ReadCdToc)[0]);
+    EXPECT_EQ(70U * 4500 - 150, info_.lastTrackStart);
+    EXPECT_EQ(71U * 4500 + 6750, info_.nextLeadIn);
+}
+
+// The table says how many tracks there are; what the drive sends may be less, or no track at all.
+TEST_F(ReadCdToc, FailsWithoutLastTrackAndLeadOut) {
+    drive_.Load("cd_r_open.hex");
+    const size_t whole = drive_.Data(0x43, kToc).size();
+    for (size_t length = 0; length < whole; ++length) {
+        drive_.cut[0x43] = length;
+        EXPECT_EQ("", TextOf(Dev_ReadCdToc, 0)) << length;
+        EXPECT_TRUE(Disc(1, 2) == info_);
+    }
+    drive_.cut.clear();
+    for (const int tracks : {0, 6, 255}) {
+        drive_.Patch(0x43, 3, {static_cast<uint8_t>(tracks)}, kToc);
+        EXPECT_EQ("", TextOf(Dev_ReadCdToc, 0)) << tracks;
+    }
+}
+
+class ReadDvdRToc : public DiscTest {
+  protected:
+    ReadDvdRToc() {
+        drive_.Load("dvd_plus_r_open.hex");
+        info_ = Disc(4, 2);
+    }
+};
+
+TEST_F(ReadDvdRToc, PrintsTheTracksAndTheLeadOut) {
+    info_.discStatus = 1;
+    EXPECT_EQ((Lines{" Track#1  :             14@0", " Track#2  :             14@100000",
+                     " Track#AA :             14@199999",
+                     "DEV:Dev_ReadDvdRToc(): Used capacity = 390 MB."}),
+              LinesOf(Dev_ReadDvdRToc));
+    EXPECT_EQ(200000U * 2, info_.usedKB);  // 400000 / 1024 = 390.6
+}
+
+TEST_F(ReadDvdRToc, FindsTheUsedCapacityByStatus) {
+    for (const uint32_t discClass : {3U, 4U}) {
+        for (uint32_t status = 0; status < 4; ++status) {
+            info_ = Disc(discClass, 2);
+            info_.discStatus = status;
+            info_.totalKB = 4590208;
+            info_.usedKB = 7;
+            const uint64_t used = status == 1 ? 400000 : status == 2 ? 4590208 : 0;
+            EXPECT_EQ(
+                "DEV:Dev_ReadDvdRToc(): Used capacity = " + std::to_string(used >> 10) + " MB.",
+                LinesOf(Dev_ReadDvdRToc).back());
+            EXPECT_EQ(used, info_.usedKB);
+        }
+    }
+}
+
+TEST_F(ReadDvdRToc, CountsTheWholeRangeOfAddresses) {
+    drive_.Patch(0x43, 24, BigEndian32(0xFFFFFFFF), kToc);
+    info_.discStatus = 1;
+    TextOf(Dev_ReadDvdRToc);
+    EXPECT_EQ(2ULL << 32, info_.usedKB);
+}
+
+TEST_F(ReadDvdRToc, IsForWriteOnceDvdsOnly) {
+    for (const uint32_t discClass : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U}) {
+        for (const uint32_t mediaKind : {1U, 2U, 3U, 4U}) {
+            if ((discClass == 3 || discClass == 4) && mediaKind == 2) {
+                continue;
+            }
+            info_ = Disc(discClass, mediaKind);
+            EXPECT_EQ("", TextOf(Dev_ReadDvdRToc, 0));
+        }
+    }
+    EXPECT_TRUE(drive_.requests.empty());
+}
+
+TEST_F(ReadDvdRToc, FailsWithoutLeadOut) {
+    info_.discStatus = 1;
+    info_.usedKB = 7;
+    const size_t whole = drive_.Data(0x43, kToc).size();
+    for (size_t length = 0; length < whole; ++length) {
+        drive_.cut[0x43] = length;
+        TextOf(Dev_ReadDvdRToc, 0);
+        EXPECT_EQ(7U, info_.usedKB);
+    }
+}
+
+}  // namespace
