@@ -30,14 +30,17 @@
  *     address stands behind the first two bytes 00 04 at offset 15 or later (an RDLENGTH of 4 in
  * the responses of usual servers) and each further one 16 bytes behind the one before, which holds
  *     for compressed owner names. Two bytes 00 04 elsewhere ahead of the address, in a time to live
- *     of 4 seconds say, are taken for that length.
+ *     of 4 seconds say, are taken for that length. Each record of the answer count passes for an
+ *     address: behind an alias, entries after the host's addresses hold bytes of what follows them.
  *   - Compression pointers are read by their low byte: names beyond offset 255 of a response are
  *     misread, and with them the preference of the exchanger. Preferences are read by their low
  *     byte too.
  *   - The addresses of mail exchangers come from the additional section alone, read from the end of
  *     the response as A records of 16 bytes, less one for each record of the authority section. An
- *     exchanger for which the server adds no address is not looked up by itself. AAAA, OPT and
- *     signature records there are misread; a query asks for none of them.
+ *     exchanger for which the server adds no address is not looked up by itself, so a server that
+ *     keeps its responses minimal yields the domain's own addresses; one that adds only the address
+ *     of a name server has that taken for an exchanger's. AAAA, OPT and signature records there are
+ *     misread; a query asks for none of them.
  *   - No search list, no "ndots", no /etc/hosts, no IPv6, no check of the length of a label (63) or
  *     of a name (255). A name without any "." is refused, and a "." at the end of a name becomes a
  *     character of the last label, which no server knows.

@@ -37,8 +37,9 @@ void Append32(Bytes &bytes, uint32_t value) {
 
 }  // namespace
 
-void RunWithResolvConf(const std::string &resolvConf, const std::function<void()> &body) {
-    RunInPrivateWorld(kMounts | kNetwork, [&] {
+void RunWithResolvConf(const std::string &resolvConf, const std::function<void()> &body,
+                       unsigned worlds) {
+    RunInPrivateWorld(kMounts | kNetwork | worlds, [&] {
         BringLoopbackUp();
         FreshEtc();
         WriteFile("/etc/resolv.conf", resolvConf);

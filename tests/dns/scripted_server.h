@@ -17,7 +17,9 @@ namespace talvek::test {
 using Bytes = std::vector<uint8_t>;
 
 // Runs `body` in a network of its own, with loopback up, and an /etc with this resolv.conf.
-void RunWithResolvConf(const std::string &resolvConf, const std::function<void()> &body);
+// `worlds` adds other worlds of its own (private_world.h).
+void RunWithResolvConf(const std::string &resolvConf, const std::function<void()> &body,
+                       unsigned worlds = 0);
 
 // A name server on port 53 that answers each query with the datagrams that the script makes of it.
 // `nth` counts the queries from 0.
