@@ -1,0 +1,133 @@
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "common/settings.h"
+#include "common/text.h"
+#include "support/capture.h"
+#include "support/faults.h"
+
+namespace {
+
+using talvek::test::CaptureLog;
+using talvek::test::EveryCallFails;
+using talvek::test::Fault;
+using talvek::test::HeldBlocks;
+using Lines = std::vector<std::string>;
+
+TEST(GetLineAfterKeyFault, SaysThatThereIsNoMemory) {
+    char *line = nullptr;
+    EXPECT_EQ((Lines{"COMMON:COM_GetLineAfterKey(): CALLOC(1, 4) error:Cannot allocate memory"}),
+              CaptureLog([&] {
+                  const Fault fault{"calloc", 0, ENOMEM};
+                  EXPECT_EQ(nullptr, COM_GetLineAfterKey("k=abc\n", "k=", &line));
+              }));
+    EXPECT_EQ(nullptr, line);
+}
+
+std::string Replace(const std::string &text, const char *pOld, const char *pNew) {
+    char *buf = COM_ReplaceStr(strdup(text.c_str()), pOld, pNew);
+    std::string result{buf};
+    free(buf);
+    return result;
+}
+
+// "a-b-c" takes 6 bytes, and each replacement one more.
+TEST(ReplaceStrFault, TriesAgainUntilTheBlockGrows) {
+    for (int nth = 0; nth < 2; ++nth) {
+        const long blocks = HeldBlocks();
+        EXPECT_EQ(
+            (Lines{"COMMON:COM_ReplaceStr(): REALLOC(" + std::to_string(7 + nth) + ") failed"}),
+            CaptureLog([&] {
+                const Fault fault{"realloc", nth, ENOMEM};
+                EXPECT_EQ("a::b::c", Replace("a-b-c", "-", "::"));
+            }));
+        EXPECT_EQ(blocks, HeldBlocks());
+    }
+}
+
+TEST(ReplaceStrFault, GoesOnWithoutRoomToSpare) {
+    std::string text;
+    std::string expected;
+    for (int i = 0; i < 1000; ++i) {
+        text += "-x";
+        expected += "::x";
+    }
+    // The larger block is asked for once, and cut to the text's size at the end.
+    for (int nth = 0; nth < 2; ++nth) {
+        EXPECT_EQ(Lines{}, CaptureLog([&] {
+                      const Fault fault{"realloc", nth, ENOMEM};
+                      EXPECT_EQ(expected, Replace(text, "-", "::"));
+                      EXPECT_TRUE(Fault::Tripped());
+                  }));
+    }
+}
+
+// A process that may not take more memory: the call waits for it, with a line in the log now and
+// then, and does not burn the processor.
+TEST(ReplaceStrFault, WaitsForMemoryWithoutFloodingTheLog) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer's own memory does not live within a limit";
+#endif
+    Lines log;
+    struct rusage usage = {};
+    int status = 0;
+    log = CaptureLog([&] {
+        const pid_t child = fork();
+        if (child == 0) {
+            char *buf = strdup(std::string(100, '-').c_str());
+            const std::string large(1 << 24, 'x');
+            const struct rlimit limit = {1 << 20, 1 << 20};
+            setrlimit(RLIMIT_AS, &limit);
+            setrlimit(RLIMIT_DATA, &limit);
+            alarm(1);
+            free(COM_ReplaceStr(buf, "-", large.c_str()));
+            _exit(0);
+        }
+        wait4(child, &status, 0, &usage);
+    });
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM);
+    ASSERT_GE(log.size(), 2u);
+    EXPECT_LE(log.size(), 101u);
+    // 99 characters remain, and the NUL.
+    EXPECT_EQ("COMMON:COM_ReplaceStr(): REALLOC(16777316) failed", log[0]);
+    EXPECT_LT(usage.ru_utime.tv_sec, 1);
+    EXPECT_LT(usage.ru_utime.tv_usec, 500000);
+}
+
+TEST(ScrapingFault, LeaksNothingWhateverFails) {
+    EXPECT_GE(EveryCallFails(ENOMEM,
+                             [] {
+                                 char dst[5];
+                                 COM_GetStrInDoubleQuotes("k=\"abcdef\"", "k=", dst, 4);
+                                 COM_GetStrBeforeSpace("k=abcdef ", "k=", dst, 4);
+                                 COM_GetStrBeforeEOL("k=abcdef\n", "k=", dst, 4);
+                                 COM_GetXMLData("<a>abcdef</a>", "a", dst, 4);
+                                 COM_GetXMLData("<b>abcdef</b>", "a", dst, 4);
+                                 char *line = nullptr;
+                                 COM_GetLineAfterKey("k=abcdef\n", "k=", &line);
+                                 free(line);
+                                 tXmlDataItem item = {};
+                                 strcpy(item.name, "A");
+                                 EXPECT_EQ(0, COM_ParserXmlData(
+                                                  "<DATA Name=\"A\" value=\"1\"></DATA>", &item));
+                                 EXPECT_EQ(1, item.value);
+                                 char *buf = strdup("a-b-c");
+                                 if (buf != nullptr) {
+                                     buf = COM_ReplaceStr(buf, "-", "::");
+                                     EXPECT_STREQ("a::b::c", buf);
+                                     free(buf);
+                                 }
+                             }),
+              12);
+}
+
+}  // namespace
