@@ -25,6 +25,7 @@ namespace talvek {
 namespace {
 
 constexpr const char *kEntry = "Dev_GetHDStat";
+constexpr char kDirTemplate[] = "/var/Dev_GetHDStat_XXXXXX";
 constexpr uint64_t kSectorSize = 512;
 
 uint64_t DeviceBytes(const char *pDevPath) {
@@ -69,9 +70,10 @@ bool MeasureFileSystem(const char *pMountPoint, tDevInfo &dev) {
 }
 
 int MeasureThroughOwnMount(tDevInfo &dev, unsigned fsIndex) {
-    char dir[] = "/var/Dev_GetHDStat_XXXXXX";
+    char dir[sizeof kDirTemplate];
+    memcpy(dir, kDirTemplate, sizeof dir);
     if (mkdtemp(dir) == nullptr) {
-        DEV_LOG_AS(kEntry, "mkdtemp(%s) error : %s\n", dir, strerror(errno));
+        DEV_LOG_AS(kEntry, "mkdtemp(%s) error : %s\n", kDirTemplate, strerror(errno));
         return -1;
     }
     const ScopeExit removeDir{[&dir] { rmdir(dir); }};
