@@ -25,6 +25,7 @@
 
 #include "dev/device.h"
 #include "dev/disk_stat.h"
+#include "dev/enumeration.h"
 #include "dev/file_system.h"
 #include "dev/mmc_commands.h"
 #include "dev/mount.h"
