@@ -147,8 +147,8 @@ int DNS_ParserMX(const uint8_t *pResponse, int length, tDnsAddrEntry *pResult) {
         return -1;
     }
     tDnsAddrEntry entries[kMaxRecords];
-    for (int i = 0; i < count; ++i) {
-        const uint8_t *pRecord = pResponse + start + i * kRecordSize;
+    const uint8_t *pRecord = pResponse + start;
+    for (int i = 0; i < count; ++i, pRecord += kRecordSize) {
         tDnsAddrEntry &entry = entries[i];
         entry.valid = 1;
         entry.name_ofs = pRecord[1];
