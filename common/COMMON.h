@@ -47,5 +47,7 @@ static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 #include "common/udp_broadcast.h"
 #include "common/unit_info.h"
 #include "common/system_info.h"
+#include "common/terminal.h"
+#include "common/thread.h"
 
 #endif

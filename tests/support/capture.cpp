@@ -13,6 +13,7 @@ namespace {
 
 std::string CaptureFds(const std::function<void()> &body, bool errors) {
     fflush(nullptr);
+    const bool failedBefore = ::testing::Test::HasFailure();
     const int sink = memfd_create("capture", MFD_CLOEXEC);
     const int savedOut = dup(STDOUT_FILENO);
     const int savedErr = dup(STDERR_FILENO);
@@ -37,6 +38,10 @@ std::string CaptureFds(const std::function<void()> &body, bool errors) {
         at += count;
     }
     close(sink);
+    // Assertions that failed inside told so on the stream that was captured.
+    if (!failedBefore && ::testing::Test::HasFailure()) {
+        fprintf(stderr, "captured before the failure:\n%s\n", text.c_str());
+    }
     return text;
 }
 

@@ -49,7 +49,7 @@ bool Enter(unsigned worlds, std::string &reason) {
         reason = "the user namespace cannot be mapped";
         return false;
     }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    if (mount("none", "/", "none", MS_REC | MS_PRIVATE, "") != 0) {
         reason = std::string{"private mounts : "} + strerror(errno);
         return false;
     }
@@ -60,7 +60,7 @@ bool Enter(unsigned worlds, std::string &reason) {
 int RunAsSecondProcess(const std::function<int()> &run) {
     const pid_t first = fork();
     if (first == 0) {
-        if (mount("proc", "/proc", "proc", 0, nullptr) != 0) {
+        if (mount("proc", "/proc", "proc", 0, "") != 0) {
             _exit(kCannot);
         }
         const pid_t second = fork();

@@ -1,0 +1,183 @@
+// The registry of the program's threads and the watchdog over it.
+
+#include "common/thread.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "common/command.h"
+#include "common/file.h"
+#include "common/internal/module_log.h"
+#include "common/internal/mutex_lock.h"
+#include "common/internal/unique_fd.h"
+
+namespace talvek {
+namespace {
+
+constexpr char kPidDir[] = "/var/run";
+constexpr int kMaxSleepRounds = 1000;
+
+struct Watchdog {
+    pthread_t thread;
+    bool running;
+    struct timespec period;
+};
+
+// The mutex is ready from the start and is never destroyed: threads may register before the
+// watchdog is started and after it has ended.
+pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
+tThreadInfo *g_pThreads = nullptr;  // ends with an entry whose pid is 0
+Watchdog g_watchdog = {};
+pthread_mutex_t g_watchdogMutex = PTHREAD_MUTEX_INITIALIZER;
+
+size_t CountThreads() {
+    size_t count = 0;
+    while (g_pThreads != nullptr && g_pThreads[count].pid != 0) {
+        ++count;
+    }
+    return count;
+}
+
+void WritePidFile(const char *pName) {
+    constexpr const char *kEntry = "COM_LogThread";
+    COM_Mkdir(kPidDir, 0775);
+    char path[256];
+    snprintf(path, sizeof path, "%s/%s.thread.pid", kPidDir, pName);
+    // A descriptor, not a stream: closing a stream writes again what it could not write before, so
+    // that a thread cancelled while it waits for the file would wait on in its clean-up.
+    const UniqueFd file{open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)};
+    if (!file) {
+        COMMON_LOG_AS(kEntry, "fopen(%s) error : %s\n", path, strerror(errno));
+        return;
+    }
+    char digits[16];
+    const int length = snprintf(digits, sizeof digits, "%d", getpid());
+    if (write(file.get(), digits, static_cast<size_t>(length)) != length) {
+        COMMON_LOG_AS(kEntry, "[%s] fprintf() error : %s\n", pName, strerror(errno));
+    }
+}
+
+// Looks at one entry and refreshes its state.
+bool IsHealthy(tThreadInfo &thread) {
+    tProcState process = {};
+    process.pid = thread.pid;
+    memcpy(process.state, thread.state, sizeof process.state);
+    const int result = COM_CheckProcState(&process);
+    memcpy(thread.state, process.state, sizeof thread.state);
+    return result == 0;
+}
+
+void CheckAllThreads() {
+    const MutexLock lock{g_mutex};
+    const size_t count = CountThreads();
+    for (size_t i = 0; i < count; ++i) {
+        if (!IsHealthy(g_pThreads[i])) {
+            COMMON_LOG_AS("COM_ThreadWatchdog", "Warnning!! [pid = %d] [%s] process error\n",
+                          g_pThreads[i].pid, g_pThreads[i].name);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace talvek
+
+int COM_LogThread(const char *pName) {
+    if (pName == nullptr) {
+        return -1;
+    }
+    // The new entry and the terminator behind it, which take the old terminator's place together.
+    tThreadInfo pair[2] = {};
+    pair[0].pid = getpid();
+    snprintf(pair[0].name, sizeof pair[0].name, "%s", pName);
+    talvek::WritePidFile(pName);
+
+    const talvek::MutexLock lock{talvek::g_mutex};
+    const size_t count = talvek::CountThreads();
+    void *pBlock = talvek::g_pThreads;
+    if (COM_ReallocAndCopyBuf((count + 2) * sizeof(tThreadInfo), &pBlock,
+                              count * sizeof(tThreadInfo), pair, sizeof pair) == nullptr) {
+        return -1;
+    }
+    talvek::g_pThreads = static_cast<tThreadInfo *>(pBlock);
+    return static_cast<int>(count) + 1;
+}
+
+int COM_LogThreadMemUsage(int amount) {
+    const talvek::MutexLock lock{talvek::g_mutex};
+    if (talvek::g_pThreads == nullptr) {
+        return -1;
+    }
+    const int32_t pid = getpid();
+    const size_t count = talvek::CountThreads();
+    for (size_t i = 0; i < count; ++i) {
+        tThreadInfo &thread = talvek::g_pThreads[i];
+        if (thread.pid == pid) {
+            // A total that passes 32 bits wraps.
+            thread.mem = static_cast<int32_t>(static_cast<uint32_t>(thread.mem) +
+                                              static_cast<uint32_t>(amount));
+            COMMON_LOG("[%zu] : %d - [%ld] - %s\n", i, thread.pid, static_cast<long>(thread.mem),
+                       thread.name);
+            return 0;
+        }
+    }
+    return 0;
+}
+
+void COM_ShowThread(void) {
+    // A registration may move the array, so that reading it takes the lock too.
+    const talvek::MutexLock lock{talvek::g_mutex};
+    const size_t count = talvek::CountThreads();
+    for (size_t i = 0; i < count; ++i) {
+        const tThreadInfo &thread = talvek::g_pThreads[i];
+        COMMON_LOG("[%zu] : %d - [%s] - [%s] - [%ld]\n", i, thread.pid, thread.name, thread.state,
+                   static_cast<long>(thread.mem));
+    }
+}
+
+int COM_CreateThreadWatchdog(int period) {
+    const talvek::MutexLock lock{talvek::g_watchdogMutex};
+    talvek::Watchdog &watchdog = talvek::g_watchdog;
+    int error = EBUSY;
+    if (!watchdog.running) {
+        // Looking without a pause would keep a processor busy.
+        watchdog.period = {period < 1 ? 1 : period, 0};
+        error = pthread_create(&watchdog.thread, nullptr, COM_ThreadWatchdog, &watchdog);
+        watchdog.running = error == 0;
+    }
+    if (error != 0) {
+        COMMON_LOG("pthread_create() error = %d\n", error);
+    }
+    return error;
+}
+
+int COM_DestroyThreadWatchdog(void) {
+    const talvek::MutexLock lock{talvek::g_watchdogMutex};
+    talvek::Watchdog &watchdog = talvek::g_watchdog;
+    const int error = watchdog.running ? pthread_cancel(watchdog.thread) : ESRCH;
+    if (error != 0) {
+        COMMON_LOG("pthread_cancel() error [%d]\n", error);
+        return error;
+    }
+    pthread_join(watchdog.thread, nullptr);
+    watchdog.running = false;
+    return 0;
+}
+
+void *COM_ThreadWatchdog(void *pData) {
+    const talvek::Watchdog &watchdog = *static_cast<const talvek::Watchdog *>(pData);
+    for (;;) {
+        // A look is not cut short: cancellation waits for the test behind it or for the sleep.
+        int cancelState = 0;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+        talvek::CheckAllThreads();
+        pthread_setcancelstate(cancelState, nullptr);
+        pthread_testcancel();
+        COM_SleepAtLeast(&watchdog.period, talvek::kMaxSleepRounds);
+    }
+}

@@ -1,0 +1,90 @@
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "common/thread.h"
+#include "support/capture.h"
+#include "support/faults.h"
+#include "support/private_world.h"
+
+namespace {
+
+using talvek::test::Capture;
+using talvek::test::CaptureLog;
+using talvek::test::EveryCallFails;
+using talvek::test::Fault;
+using talvek::test::MountTmpfs;
+using talvek::test::RunInPrivateWorld;
+
+using Lines = std::vector<std::string>;
+
+TEST(ThreadFault, ARegistrationWithoutMemoryLeavesTheOthers) {
+    RunInPrivateWorld(talvek::test::kMounts, [] {
+        MountTmpfs("/var");
+        EXPECT_EQ(1, COM_LogThread("one"));
+        const Lines log = CaptureLog([] {
+            const Fault fault{"realloc", 0, ENOMEM};
+            EXPECT_EQ(-1, COM_LogThread("two"));
+        });
+        // Three entries: the old one, the new one and the terminator.
+        EXPECT_EQ((Lines{"COMMON:COM_ReallocAndCopyBuf(): REALLOC(" + std::to_string(3 * 88) +
+                         ") failed : Cannot allocate memory"}),
+                  log);
+        EXPECT_EQ(1U, CaptureLog([] { COM_ShowThread(); }).size());
+        EXPECT_EQ(2, COM_LogThread("three"));
+    });
+}
+
+TEST(ThreadFault, APidFileThatCannotBeWrittenIsTold) {
+    RunInPrivateWorld(talvek::test::kMounts, [] {
+        MountTmpfs("/var");
+        EXPECT_EQ((Lines{"COMMON:COM_LogThread(): [one] fprintf() error : Input/output error"}),
+                  CaptureLog([] {
+                      const Fault fault{"write", 0, EIO};
+                      EXPECT_EQ(1, COM_LogThread("one"));
+                  }));
+        EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : Too many "
+                         "open files"}),
+                  CaptureLog([] {
+                      const Fault fault{"open", 0, EMFILE};
+                      EXPECT_EQ(2, COM_LogThread("one"));
+                  }));
+    });
+}
+
+TEST(ThreadFault, AWatchdogThatCannotStartIsNotStopped) {
+    const Lines log = CaptureLog([] {
+        {
+            const Fault fault{"pthread_create", 0, EAGAIN};
+            EXPECT_EQ(EAGAIN, COM_CreateThreadWatchdog(1));
+        }
+        EXPECT_EQ(ESRCH, COM_DestroyThreadWatchdog());
+    });
+    EXPECT_EQ((Lines{"COMMON:COM_CreateThreadWatchdog(): pthread_create() error = " +
+                         std::to_string(EAGAIN),
+                     "COMMON:COM_DestroyThreadWatchdog(): pthread_cancel() error [" +
+                         std::to_string(ESRCH) + "]"}),
+              log);
+}
+
+// The registry keeps its block for the life of the program: it is made before the count starts.
+TEST(ThreadFault, NothingIsLostWhenACallFails) {
+    RunInPrivateWorld(talvek::test::kMounts, [] {
+        MountTmpfs("/var");
+        COM_LogThread("first");
+        int calls = 0;
+        Capture([&] {
+            calls = EveryCallFails(EIO, [] {
+                COM_LogThread("swept");
+                COM_LogThreadMemUsage(1);
+                COM_ShowThread();
+            });
+        });
+        EXPECT_GT(calls, 6);
+    });
+}
+
+}  // namespace
