@@ -1,0 +1,267 @@
+#include "service/support/program.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "service/support/wire.h"
+#include "support/capture.h"
+#include "support/private_world.h"
+
+namespace talvek::test {
+namespace {
+
+// A test program for another processor runs under an emulator, and so does what it starts.
+std::vector<std::string> Launcher() {
+    std::vector<std::string> words;
+#ifdef TALVEK_EMULATOR
+    std::istringstream in{TALVEK_EMULATOR};
+    for (std::string word; in >> word;) {
+        words.push_back(word);
+    }
+#endif
+    words.emplace_back(TALVEK_PROGRAM);
+    return words;
+}
+
+std::string ReadAll(int fd) {
+    std::string text;
+    char block[4096];
+    off_t at = 0;
+    ssize_t count;
+    while ((count = pread(fd, block, sizeof block, at)) > 0) {
+        text.append(block, static_cast<size_t>(count));
+        at += count;
+    }
+    return text;
+}
+
+// Kills the daemon when the test process ends without having done so.
+pid_t StartGuard(pid_t daemon, int *pPipe) {
+    int ends[2];
+    EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
+    const int handle = static_cast<int>(syscall(SYS_pidfd_open, daemon, 0));
+    const pid_t guard = fork();
+    if (guard == 0) {
+        close(ends[1]);
+        char byte;
+        while (read(ends[0], &byte, 1) == -1 && errno == EINTR) {
+        }
+        if (handle >= 0) {
+            syscall(SYS_pidfd_send_signal, handle, SIGKILL, nullptr, 0);
+        }
+        _exit(0);
+    }
+    close(ends[0]);
+    close(handle);
+    *pPipe = ends[1];
+    return guard;
+}
+
+}  // namespace
+
+int Outcome::exitStatus() const {
+    return WIFEXITED(wait) ? WEXITSTATUS(wait) : -1;
+}
+
+std::vector<std::string> Outcome::lines() const {
+    return LogLines(output);
+}
+
+pid_t StartProgram(const Arguments &arguments, int out, const std::function<void()> &prepare) {
+    std::vector<std::string> words = Launcher();
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char *> argv;
+    for (std::string &word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(out, STDOUT_FILENO);
+        dup2(out, STDERR_FILENO);
+        if (prepare) {
+            prepare();
+        }
+        execvp(argv[0], argv.data());
+        _exit(126);
+    }
+    return child;
+}
+
+Outcome RunProgram(const Arguments &arguments, const std::function<void()> &prepare) {
+    const int sink = memfd_create("output", MFD_CLOEXEC);
+    Outcome outcome;
+    outcome.wait = WaitFor(StartProgram(arguments, sink, prepare));
+    outcome.output = ReadAll(sink);
+    close(sink);
+    return outcome;
+}
+
+int WaitFor(pid_t pid) {
+    int status = -1;
+    const bool ended = Eventually([&] { return waitpid(pid, &status, WNOHANG) != 0; }, 20000);
+    if (!ended) {
+        ADD_FAILURE() << "process " << pid << " did not end";
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    return status;
+}
+
+bool Eventually(const std::function<bool()> &condition, int ms) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    for (int tries = 0;; ++tries) {
+        if (condition()) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(tries < 20 ? 200 : 5000));
+    }
+}
+
+Daemon::Daemon(const Options &options)
+    : dir_(options.dir != nullptr ? options.dir : &ownDir_),
+      socket_(options.socket[0] == '/' || options.socket.empty() ? options.socket
+                                                                 : *dir_ / options.socket) {
+    // The process that is started leaves at once; what it leaves behind becomes our child.
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const std::string logPath = *dir_ / "log";
+    int out = -1;
+    if (options.logToPipe) {
+        int ends[2];
+        EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
+        logPipe_ = ends[0];
+        out = ends[1];
+    } else {
+        out = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    }
+    const pid_t first = StartProgram({"-D", "-s", socket_}, out, options.prepare);
+    EXPECT_EQ(0, WaitFor(first)) << "the foreground process leaves with 0";
+    close(out);
+    std::string text = log();
+    if (options.logToPipe) {
+        text.resize(4096);
+        text.resize(static_cast<size_t>(std::max<ssize_t>(0, read(logPipe_, text.data(), 4096))));
+    }
+    const std::regex told{"Master\\[" + std::to_string(first) +
+                          "\\] is leaving - you're on your own \\[(\\d+)\\]\n"};
+    std::smatch part;
+    if (!std::regex_search(text, part, told)) {
+        ADD_FAILURE() << "no daemon was started:\n" << text;
+        return;
+    }
+    pid_ = std::stoi(part[1]);
+    guard_ = StartGuard(pid_, &guardPipe_);
+    if (options.waitForSocket) {
+        EXPECT_TRUE(Eventually([this] { return Listening(); })) << log();
+    }
+}
+
+Daemon::~Daemon() {
+    if (pid_ > 0) {
+        Stop(SIGKILL);
+    }
+    if (guard_ > 0) {
+        close(guardPipe_);
+        waitpid(guard_, nullptr, 0);
+    }
+    CloseLog();
+}
+
+void Daemon::CloseLog() {
+    if (logPipe_ >= 0) {
+        close(logPipe_);
+        logPipe_ = -1;
+    }
+}
+
+std::string Daemon::log() const {
+    return ReadFile(*dir_ / "log");
+}
+
+std::vector<std::string> Daemon::logLines() const {
+    return LogLines(log());
+}
+
+bool Daemon::Logs(const std::string &text) const {
+    return Eventually([&] { return log().find(text) != std::string::npos; });
+}
+
+std::vector<pid_t> Daemon::Children() const {
+    const std::string task = std::to_string(pid_);
+    std::ifstream in{"/proc/" + task + "/task/" + task + "/children"};
+    std::vector<pid_t> children;
+    for (pid_t child; in >> child;) {
+        children.push_back(child);
+    }
+    return children;
+}
+
+int Daemon::Descriptors() const {
+    int count = 0;
+    const std::string path = "/proc/" + std::to_string(pid_) + "/fd";
+    DIR *dir = opendir(path.c_str());
+    while (dir != nullptr && readdir(dir) != nullptr) {
+        ++count;
+    }
+    if (dir != nullptr) {
+        closedir(dir);
+    }
+    return count - 2;  // "." and ".."
+}
+
+// Asks the kernel: a connection of our own would be served and logged.
+bool Daemon::Listening() const {
+    std::ifstream in{"/proc/net/unix"};
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words{line};
+        std::string number;
+        std::string references;
+        std::string protocol;
+        std::string flags;
+        words >> number >> references >> protocol >> flags;
+        // __SO_ACCEPTCON of a socket that listens (Linux net/unix/af_unix.c: unix_seq_show).
+        if (flags == "00010000" && line.size() > socket_.size() &&
+            line.compare(line.size() - socket_.size() - 1, std::string::npos, " " + socket_) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Outcome Daemon::Client(const std::string &command) const {
+    return RunProgram({"-C", "-f", command, "-s", socket_});
+}
+
+int Daemon::Stop(int signal) {
+    kill(pid_, signal);
+    const int status = WaitFor(pid_);
+    pid_ = -1;
+    // Its handlers are ours now; they end with their clients.
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+    return status;
+}
+
+}  // namespace talvek::test

@@ -1,0 +1,91 @@
+#ifndef TALVEK_TESTS_SERVICE_SUPPORT_PROGRAM_H
+#define TALVEK_TESTS_SERVICE_SUPPORT_PROGRAM_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/temp_dir.h"
+
+// The built program as a user runs it.
+
+namespace talvek::test {
+
+using Arguments = std::vector<std::string>;
+
+// What a process left behind.
+struct Outcome {
+    int wait = -1;       // its wait status
+    std::string output;  // standard output and standard error
+
+    [[nodiscard]] int exitStatus() const;                  // -1 when it was killed
+    [[nodiscard]] std::vector<std::string> lines() const;  // of output, without line numbers
+};
+
+// Starts the program with its output going to descriptor `out`. `prepare` runs in the child before
+// the program is executed. Returns its process id.
+pid_t StartProgram(const Arguments &arguments, int out, const std::function<void()> &prepare = {});
+
+// Runs the program to its end.
+Outcome RunProgram(const Arguments &arguments, const std::function<void()> &prepare = {});
+
+// Waits for a process, at most 20 seconds (then it is killed); its wait status.
+int WaitFor(pid_t pid);
+
+// Waits for a condition, at most `ms`; whether it came.
+bool Eventually(const std::function<bool()> &condition, int ms = 10000);
+
+// A daemon on a socket in a directory of its own. It is stopped at the end of the scope, whatever
+// happens to the test.
+class Daemon {
+  public:
+    struct Options {
+        std::string socket = "socket";       // below the directory, unless it begins with "/"
+        std::function<void()> prepare = {};  // in the process, before the program is executed
+        bool logToPipe = false;              // instead of the file
+        bool waitForSocket = true;
+        const TempDir *dir = nullptr;  // a directory of the test instead
+    };
+
+    Daemon() : Daemon(Options{}) {}
+    explicit Daemon(const Options &options);
+    ~Daemon();
+    Daemon(const Daemon &) = delete;
+    Daemon &operator=(const Daemon &) = delete;
+
+    [[nodiscard]] const std::string &socket() const { return socket_; }
+    [[nodiscard]] const TempDir &dir() const { return *dir_; }
+    [[nodiscard]] pid_t pid() const { return pid_; }  // of the listening process
+    [[nodiscard]] std::string log() const;
+    [[nodiscard]] std::vector<std::string> logLines() const;  // without line numbers
+    // Waits until the log holds a text.
+    [[nodiscard]] bool Logs(const std::string &text) const;
+
+    [[nodiscard]] std::vector<pid_t> Children() const;
+    [[nodiscard]] int Descriptors() const;
+    [[nodiscard]] bool Listening() const;
+
+    // Runs the program as a client of this daemon.
+    [[nodiscard]] Outcome Client(const std::string &command) const;
+
+    // With logToPipe: closes the end that is read from.
+    void CloseLog();
+
+    // Sends a signal and waits for the end; the wait status.
+    int Stop(int signal);
+
+  private:
+    TempDir ownDir_;
+    const TempDir *dir_;
+    std::string socket_;
+    pid_t pid_ = -1;
+    pid_t guard_ = -1;
+    int guardPipe_ = -1;
+    int logPipe_ = -1;
+};
+
+}  // namespace talvek::test
+
+#endif

@@ -1,0 +1,57 @@
+#ifndef TALVEK_TESTS_SERVICE_SUPPORT_WIRE_H
+#define TALVEK_TESTS_SERVICE_SUPPORT_WIRE_H
+
+#include <stdint.h>
+
+#include <string>
+
+// A raw end of a connection: bytes put together and taken apart by hand, without the code under
+// test.
+
+namespace talvek::test {
+
+// A package byte by byte; the fields are those of a good single package unless they are changed.
+struct Pkg {
+    uint8_t byte0 = 0x01;
+    uint8_t byte1 = 0x11;
+    uint16_t reserved = 0;
+    uint32_t session = 0;
+    uint16_t sn = 0;
+    uint16_t type = 0;
+    int sz = -1;      // -1: what header and payload take
+    int chksum = -1;  // -1: the right one
+    std::string payload;
+
+    [[nodiscard]] std::string Bytes() const;
+};
+
+std::string RegisterPkg(const std::string &strings = "");                  // with their NULs
+std::string CommandPkg(const std::string &command, uint32_t session = 0);  // the NUL is added
+std::string ResultPkg(int32_t status, uint32_t session = 0, uint16_t sn = 2);
+
+// Fields of bytes received; 0 beyond the end.
+uint16_t U16(const std::string &bytes, size_t offset);
+uint32_t U32(const std::string &bytes, size_t offset);
+std::string Hex(const std::string &bytes);
+
+// Writes all bytes; false when the peer has gone.
+bool Put(int fd, const std::string &bytes);
+
+// Reads exactly so many bytes, or what comes until the peer closes; waits at most 10 seconds.
+std::string Take(int fd, size_t count);
+
+// Whether the peer has closed and nothing is left to read; waits at most 10 seconds.
+bool AtEnd(int fd);
+
+// Whether nothing arrives for some milliseconds.
+bool Quiet(int fd, int ms);
+
+// A connection to the socket at `path`, or -1.
+int ConnectTo(const std::string &path);
+
+// A listening socket at `path`.
+int ListenAt(const std::string &path);
+
+}  // namespace talvek::test
+
+#endif
