@@ -98,6 +98,8 @@ pid_t StartProgram(const Arguments &arguments, int out, const std::function<void
     if (child == 0) {
         dup2(out, STDOUT_FILENO);
         dup2(out, STDERR_FILENO);
+        clearenv();
+        setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
         if (prepare) {
             prepare();
         }

@@ -24,8 +24,8 @@ struct Outcome {
     [[nodiscard]] std::vector<std::string> lines() const;  // of output, without line numbers
 };
 
-// Starts the program with its output going to descriptor `out`. `prepare` runs in the child before
-// the program is executed. Returns its process id.
+// Starts the program with its output going to descriptor `out` and nothing but PATH in its
+// environment. `prepare` runs in the child before the program is executed. Returns its process id.
 pid_t StartProgram(const Arguments &arguments, int out, const std::function<void()> &prepare = {});
 
 // Runs the program to its end.

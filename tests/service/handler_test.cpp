@@ -1,0 +1,615 @@
+#include "service/handler.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "service/internal/session_table.h"
+#include "service/support/program.h"
+#include "service/support/wire.h"
+#include "support/capture.h"
+#include "support/private_world.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using namespace std::string_literals;
+using talvek::test::AtEnd;
+using talvek::test::Capture;
+using talvek::test::CommandPkg;
+using talvek::test::Eventually;
+using talvek::test::Hex;
+using talvek::test::LogLines;
+using talvek::test::Pkg;
+using talvek::test::Put;
+using talvek::test::Quiet;
+using talvek::test::ReadFile;
+using talvek::test::RegisterPkg;
+using talvek::test::ResultPkg;
+using talvek::test::Take;
+using talvek::test::TempDir;
+using talvek::test::U16;
+using talvek::test::U32;
+using talvek::test::WaitFor;
+using Lines = std::vector<std::string>;
+
+// What a handler in a process of its own left behind.
+struct Served {
+    int wait = -1;
+    int result = -99;
+    tTalvekClient client = {};
+    std::string output;
+
+    [[nodiscard]] Lines lines() const { return LogLines(output); }
+};
+
+// Runs a handler in a forked child, as the daemon does, and the peer's part here. The peer's end is
+// closed when `peer` returns.
+Served Serve(const std::function<void(int fd)> &peer,
+             const std::function<void(tTalvekClient &)> &prepare = {}) {
+    struct Shared {
+        int result;
+        tTalvekClient client;
+    };
+    auto *pShared = static_cast<Shared *>(
+        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    Served served;
+    served.output = Capture([&] {
+        int fds[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+        const pid_t child = fork();
+        if (child == 0) {
+            close(fds[0]);
+            signal(SIGCHLD, SIG_IGN);
+            signal(SIGPIPE, SIG_IGN);
+            clearenv();
+            setenv("PATH", "/usr/bin:/bin", 1);
+            pShared->client.daemon_pid = 4711;
+            pShared->client.fd = fds[1];
+            pShared->client.number = 1;
+            if (prepare) {
+                prepare(pShared->client);
+            }
+            pShared->result = TALVEK_DaemonHandler(&pShared->client);
+            fflush(stdout);
+            _exit(0);
+        }
+        close(fds[1]);
+        peer(fds[0]);
+        close(fds[0]);
+        served.wait = WaitFor(child);
+    });
+    served.result = pShared->result;
+    served.client = pShared->client;
+    munmap(pShared, sizeof *pShared);
+    EXPECT_EQ(0, served.wait) << "the handler's process was killed";
+    return served;
+}
+
+// Sends a command and takes the status from the reply.
+int32_t Ask(int fd, const std::string &command) {
+    EXPECT_TRUE(Put(fd, CommandPkg(command)));
+    const std::string reply = Take(fd, 20);
+    EXPECT_EQ(20u, reply.size()) << command;
+    EXPECT_EQ(5, U16(reply, 10));
+    return static_cast<int32_t>(U32(reply, 16));
+}
+
+TEST(Handler, EchoesAnEmptyRegistrationWithSessionAndSequenceZero) {
+    const Served served = Serve([](int fd) {
+        ASSERT_TRUE(Put(fd, RegisterPkg()));
+        EXPECT_EQ("01 11 00 00 00 00 00 00 00 00 01 00 10 00 10 11 ", Hex(Take(fd, 16)));
+    });
+    EXPECT_EQ("", served.output);
+    EXPECT_EQ(0, served.result);
+    EXPECT_EQ(-1, served.client.fd);
+    EXPECT_EQ(0, served.client.session);
+    EXPECT_EQ(1, served.client.sn);
+}
+
+// 0x1101 ^ 0x0002 ^ 0x0005 ^ 0x0014 = 0x1112
+TEST(Handler, FirstResultCarriesSequenceTwo) {
+    const Served served = Serve([](int fd) {
+        ASSERT_TRUE(Put(fd, RegisterPkg()));
+        Take(fd, 16);
+        ASSERT_TRUE(Put(fd, CommandPkg("exit 7")));
+        EXPECT_EQ("01 11 00 00 00 00 00 00 02 00 05 00 14 00 12 11 07 00 00 00 ",
+                  Hex(Take(fd, 20)));
+        EXPECT_TRUE(Quiet(fd, 20)) << "the connection stays open";
+    });
+    EXPECT_EQ((Lines{"TALVEK:TALVEK_DaemonHandler(): Command => [exit 7]"}), served.lines());
+    EXPECT_EQ(0, served.result);
+    EXPECT_EQ(-1, served.client.session);
+    EXPECT_EQ(2, served.client.sn);
+}
+
+TEST(Handler, RegisterReplyIsTheRequestWithSessionSequenceAndChecksum) {
+    Serve([](int fd) {
+        Pkg request;
+        request.reserved = 0x1234;
+        request.session = 77;
+        request.sn = 9;
+        request.type = 1;
+        request.payload = "A=1\0B=two=2\0=nameless\0plain\0C=3\0"s;
+        ASSERT_TRUE(Put(fd, request.Bytes()));
+        Pkg reply = request;
+        reply.session = 0;
+        reply.sn = 0;
+        EXPECT_EQ(Hex(reply.Bytes()), Hex(Take(fd, reply.Bytes().size())));
+    });
+}
+
+TEST(Handler, CountsSequenceAndSessionAcrossCommandsOfOneConnection) {
+    const Served served = Serve([](int fd) {
+        const auto reply = [fd](const std::string &request, size_t size) {
+            EXPECT_TRUE(Put(fd, request));
+            return Take(fd, size);
+        };
+        // The counter: 0 -> 1 (register), 2 (result), 2 -> 3 (register), 4 (result), 5 (result).
+        EXPECT_EQ(0, U16(reply(RegisterPkg(), 16), 8));
+        EXPECT_EQ(Hex(ResultPkg(0, 0, 2)), Hex(reply(CommandPkg("true"), 20)));
+        EXPECT_EQ(2, U16(reply(RegisterPkg(), 16), 8));
+        EXPECT_EQ(Hex(ResultPkg(1, 0, 4)), Hex(reply(CommandPkg("false"), 20)));
+        EXPECT_EQ(Hex(ResultPkg(2, 0xFFFFFFFF, 5)), Hex(reply(CommandPkg("exit 2"), 20)));
+        // Registered again, a session is held again.
+        EXPECT_EQ(0u, U32(reply(RegisterPkg(), 16), 4));
+        EXPECT_EQ(Hex(ResultPkg(3, 0, 7)), Hex(reply(CommandPkg("exit 3"), 20)));
+    });
+    EXPECT_EQ((Lines{"TALVEK:TALVEK_DaemonHandler(): Command => [true]",
+                     "TALVEK:TALVEK_DaemonHandler(): Command => [false]",
+                     "TALVEK:TALVEK_DaemonHandler(): Command => [exit 2]", "UnReg session failed",
+                     "TALVEK:TALVEK_DaemonHandler(): Command => [exit 3]"}),
+              served.lines());
+}
+
+TEST(Handler, RunsACommandWithoutARegistration) {
+    Serve([](int fd) {
+        ASSERT_TRUE(Put(fd, CommandPkg("exit 4")));
+        EXPECT_EQ(Hex(ResultPkg(4, 0, 1)), Hex(Take(fd, 20)));
+    });
+}
+
+TEST(Handler, SequenceWrapsAfter65535) {
+    Serve(
+        [](int fd) {
+            ASSERT_TRUE(Put(fd, RegisterPkg()));
+            EXPECT_EQ(65535, U16(Take(fd, 16), 8));
+            ASSERT_TRUE(Put(fd, CommandPkg("true")));
+            EXPECT_EQ(1, U16(Take(fd, 20), 8));
+        },
+        [](tTalvekClient &client) { client.sn = 65535; });
+}
+
+TEST(Handler, SendsEveryStatus) {
+    const Served served = Serve([](int fd) {
+        for (const int status : {0, 1, 7, 126, 127, 128, 254, 255}) {
+            EXPECT_EQ(status, Ask(fd, "exit " + std::to_string(status)));
+        }
+        EXPECT_EQ(0, Ask(fd, "exit 256"));
+        EXPECT_EQ(127, Ask(fd, "/no/such/program 2>/dev/null"));
+        EXPECT_EQ(0, Ask(fd, "")) << "the shell runs nothing";
+    });
+    EXPECT_EQ(0, served.result);
+}
+
+TEST(Handler, SendsMinusOneForACommandThatWasKilled) {
+    const Served served = Serve([](int fd) {
+        EXPECT_EQ(-1, Ask(fd, "kill -KILL $$"));
+        EXPECT_EQ(-1, Ask(fd, "kill -TERM $$"));
+        EXPECT_EQ(0, Ask(fd, "true"));
+    });
+    const std::string killed = "child process should not terminated normally WIFEXITED(ret) = 0";
+    const Lines lines = served.lines();
+    ASSERT_EQ(7u, lines.size());
+    EXPECT_EQ(killed, lines[1]);
+    EXPECT_EQ(killed, lines[3]);
+}
+
+TEST(Handler, CommandRunsInTheClientsEnvironment) {
+    Serve([](int fd) {
+        ASSERT_TRUE(Put(fd, RegisterPkg("PATH=/usr/bin:/bin\0NAME=with blanks = and more\0"s)));
+        Take(fd, 16 + 47);
+        EXPECT_EQ(0, Ask(fd, "test \"$NAME\" = 'with blanks = and more'"));
+    });
+}
+
+TEST(Handler, EnvironmentAccumulates) {
+    Serve(
+        [](int fd) {
+            ASSERT_TRUE(Put(fd, RegisterPkg("A=1\0B=1\0"s)));
+            Take(fd, 24);
+            EXPECT_EQ(0, Ask(fd, "test $A$B$C = 11daemon"));
+            ASSERT_TRUE(Put(fd, RegisterPkg("B=2\0C=2\0"s)));
+            Take(fd, 24);
+            EXPECT_EQ(0, Ask(fd, "test $A$B$C = 122"));
+        },
+        [](tTalvekClient &) { setenv("C", "daemon", 1); });
+}
+
+TEST(Handler, TakesAPackageByteByByte) {
+    Serve([](int fd) {
+        for (const std::string &bytes :
+             {RegisterPkg("A=slow\0"s), CommandPkg("test $A = slow && exit 9")}) {
+            for (const char byte : bytes) {
+                ASSERT_TRUE(Put(fd, {byte}));
+            }
+            if (U16(bytes, 10) == 1) {
+                EXPECT_EQ(bytes.size(), Take(fd, bytes.size()).size());
+            }
+        }
+        EXPECT_EQ(9u, U32(Take(fd, 20), 16));
+    });
+}
+
+TEST(Handler, WaitsForTheRestOfAPackage) {
+    Serve([](int fd) {
+        const std::string bytes = CommandPkg("exit 6");
+        for (const size_t cut : {size_t{1}, size_t{15}, size_t{16}, size_t{17}, bytes.size() - 1}) {
+            ASSERT_TRUE(Put(fd, bytes.substr(0, cut)));
+            EXPECT_TRUE(Quiet(fd, 10));
+            ASSERT_TRUE(Put(fd, bytes.substr(cut)));
+            EXPECT_EQ(6u, U32(Take(fd, 20), 16));
+        }
+    });
+}
+
+// Each bad header is dumped and counts as type 0; the connection goes on.
+TEST(Handler, ServesAfterEachKindOfBadHeader) {
+    std::vector<Pkg> bad(7);
+    for (Pkg &pkg : bad) {
+        pkg.type = 2;
+        pkg.payload = "exit 1\0"s;
+    }
+    bad[0].chksum = 0;
+    bad[1].byte0 = 0x02;  // version
+    bad[2].byte0 = 0x81;  // fragment of one
+    bad[3].byte1 = 0x12;  // two packages in one
+    bad[4].byte1 = 0x21;  // index above the count
+    bad[5].byte0 = 0x81;
+    bad[5].byte1 = 0x32;  // fragment 3 of 2
+    bad[6].sz = 65535;
+    bad[6].chksum = 1;
+    const Served served = Serve([&](int fd) {
+        for (const Pkg &pkg : bad) {
+            ASSERT_TRUE(Put(fd, pkg.Bytes()));
+            EXPECT_TRUE(Quiet(fd, 10));
+            EXPECT_EQ(0, Ask(fd, "true"));
+        }
+    });
+    const Lines lines = served.lines();
+    EXPECT_EQ(7,
+              std::count(lines.begin(), lines.end(), "TALVEK: Fail to check tTalvekPkg header:"));
+    EXPECT_EQ(7,
+              std::count(lines.begin(), lines.end(), "TALVEK: pkg type = 0, not implement yet!"));
+}
+
+TEST(Handler, DropsPackagesOfOtherTypes) {
+    const Served served = Serve([](int fd) {
+        for (const int type : {0, 3, 4, 5, 6, 256, 65535}) {
+            Pkg pkg;
+            pkg.type = static_cast<uint16_t>(type);
+            pkg.payload = "payload";
+            ASSERT_TRUE(Put(fd, pkg.Bytes()));
+            EXPECT_TRUE(Quiet(fd, 10));
+        }
+        EXPECT_EQ(0, Ask(fd, "true"));
+    });
+    Lines expected;
+    for (const char *pType : {"0", "3", "4", "5", "6", "256", "65535"}) {
+        expected.push_back("TALVEK: pkg type = "s + pType + ", not implement yet!");
+    }
+    expected.emplace_back("TALVEK:TALVEK_DaemonHandler(): Command => [true]");
+    EXPECT_EQ(expected, served.lines());
+}
+
+TEST(Handler, ServesAFragmentAsAPackage) {
+    Serve([](int fd) {
+        Pkg pkg;
+        pkg.byte0 = 0x81;
+        pkg.byte1 = 0x22;
+        pkg.type = 2;
+        pkg.payload = "exit 8\0"s;
+        ASSERT_TRUE(Put(fd, pkg.Bytes()));
+        const std::string reply = Take(fd, 20);
+        EXPECT_EQ("81 22 ", Hex(reply.substr(0, 2)));
+        EXPECT_EQ(8u, U32(reply, 16));
+    });
+}
+
+// What arrives in one read with a package is dropped with it, whatever became of the package.
+TEST(Handler, DropsWhatWasReceivedBehindAPackage) {
+    const Served served = Serve([](int fd) {
+        ASSERT_TRUE(Put(fd, RegisterPkg() + CommandPkg("exit 1")));
+        EXPECT_EQ(16u, Take(fd, 16).size());
+        EXPECT_TRUE(Quiet(fd, 30));
+        ASSERT_TRUE(Put(fd, CommandPkg("exit 2") + CommandPkg("exit 3")));
+        EXPECT_EQ(2u, U32(Take(fd, 20), 16));
+        EXPECT_TRUE(Quiet(fd, 30));
+        Pkg unknown;
+        unknown.type = 3;
+        ASSERT_TRUE(Put(fd, unknown.Bytes() + CommandPkg("exit 4")));
+        EXPECT_TRUE(Quiet(fd, 30));
+        EXPECT_EQ(5, Ask(fd, "exit 5"));
+    });
+    EXPECT_EQ((Lines{"TALVEK:TALVEK_DaemonHandler(): Command => [exit 2]",
+                     "TALVEK: pkg type = 3, not implement yet!",
+                     "TALVEK:TALVEK_DaemonHandler(): Command => [exit 5]", "UnReg session failed"}),
+              served.lines());
+}
+
+TEST(Handler, CommandWithoutNulEndsWithItsPackage) {
+    const Served served = Serve([](int fd) {
+        // What an earlier, longer package left in the buffer is no part of it.
+        ASSERT_TRUE(Put(fd, RegisterPkg("A="s + std::string(1000, 'a') + '\0')));
+        Take(fd, 16 + 1003);
+        Pkg pkg;
+        pkg.type = 2;
+        pkg.payload = "exit 3";
+        ASSERT_TRUE(Put(fd, pkg.Bytes()));
+        EXPECT_EQ(3u, U32(Take(fd, 20), 16));
+        // Nor what came behind it.
+        ASSERT_TRUE(Put(fd, pkg.Bytes() + "3"));
+        EXPECT_EQ(3u, U32(Take(fd, 20), 16));
+    });
+    EXPECT_EQ((Lines{"TALVEK:TALVEK_DaemonHandler(): Command => [exit 3]",
+                     "TALVEK:TALVEK_DaemonHandler(): Command => [exit 3]", "UnReg session failed"}),
+              served.lines());
+}
+
+TEST(Handler, TakesPackagesUpTo1152Bytes) {
+    const std::string comment = "exit 5 #" + std::string(1136 - 8, 'c');
+    const Served served = Serve([&](int fd) {
+        Pkg pkg;
+        pkg.type = 2;
+        pkg.payload = comment;  // fills the package; there is no room for a NUL
+        ASSERT_EQ(1152u, pkg.Bytes().size());
+        ASSERT_TRUE(Put(fd, pkg.Bytes()));
+        EXPECT_EQ(5u, U32(Take(fd, 20), 16));
+        EXPECT_EQ(5, Ask(fd, comment.substr(0, 1135)));
+
+        const std::string strings = "A=" + std::string(1136 - 2, 'e');
+        ASSERT_TRUE(Put(fd, RegisterPkg(strings)));
+        EXPECT_EQ(Hex(RegisterPkg(strings)).substr(48), Hex(Take(fd, 1152)).substr(48));
+        EXPECT_EQ(0, Ask(fd, "test ${#A} = 1134"));
+    });
+    EXPECT_EQ("TALVEK:TALVEK_DaemonHandler(): Command => [" + comment + "]", served.lines()[0]);
+}
+
+TEST(Handler, EndsOnASizeThatCanNeverFit) {
+    for (const int sz : {1153, 1168, 65535}) {
+        const Served served = Serve([sz](int fd) {
+            Pkg pkg;
+            pkg.type = 2;
+            pkg.sz = sz;
+            pkg.payload = std::string(static_cast<size_t>(sz) - 16, 'x');
+            Put(fd, pkg.Bytes());
+            EXPECT_TRUE(AtEnd(fd));
+        });
+        EXPECT_EQ((Lines{"TALVEK: pkg sz = " + std::to_string(sz) + ", more than 1152!"}),
+                  served.lines());
+        EXPECT_EQ(1, served.result) << "no reply was due";
+        EXPECT_EQ(-1, served.client.fd);
+    }
+}
+
+TEST(Handler, BoundsSizesBelowAHeader) {
+    const Served served = Serve([](int fd) {
+        Pkg pkg;
+        pkg.type = 1;
+        pkg.sz = 8;
+        ASSERT_TRUE(Put(fd, pkg.Bytes()));
+        EXPECT_EQ("01 11 00 00 00 00 00 00 ", Hex(Take(fd, 8))) << "sz bytes are sent back";
+        EXPECT_TRUE(Quiet(fd, 10));
+        pkg.sz = 0;
+        ASSERT_TRUE(Put(fd, pkg.Bytes()));
+        EXPECT_TRUE(Quiet(fd, 10));
+        pkg.type = 2;
+        for (const int sz : {0, 15, 16}) {
+            pkg.sz = sz;
+            ASSERT_TRUE(Put(fd, pkg.Bytes()));
+            EXPECT_EQ(0u, U32(Take(fd, 20), 16)) << "an empty command";
+        }
+    });
+    EXPECT_EQ("TALVEK:TALVEK_DaemonHandler(): Command => []", served.lines()[0]);
+}
+
+TEST(Handler, EndsWhenTheClientClosesInsideAPackage) {
+    const std::string bytes = CommandPkg("exit 1");
+    for (size_t cut = 0; cut < bytes.size(); ++cut) {
+        const Served served = Serve([&](int fd) {
+            ASSERT_TRUE(Put(fd, bytes.substr(0, cut)));
+            shutdown(fd, SHUT_WR);
+            EXPECT_TRUE(AtEnd(fd)) << cut;
+        });
+        EXPECT_EQ("", served.output);
+        EXPECT_EQ(1, served.result);
+        EXPECT_EQ(-1, served.client.fd);
+    }
+}
+
+TEST(Handler, EndsQuietlyWhenTheClientHasGoneBeforeTheReply) {
+    const Served served = Serve([](int fd) { ASSERT_TRUE(Put(fd, CommandPkg("sleep 0.1"))); });
+    EXPECT_EQ(-1, served.result) << "of the failed reply";
+    EXPECT_EQ((Lines{"TALVEK:TALVEK_DaemonHandler(): Command => [sleep 0.1]"}), served.lines());
+}
+
+TEST(Handler, RefusesWhatIsNoConnection) {
+    EXPECT_EQ(-1, TALVEK_DaemonHandler(nullptr));
+    tTalvekClient client = {};
+    client.fd = -1;
+    EXPECT_EQ(-1, TALVEK_DaemonHandler(&client));
+}
+
+// A number that is not open, and one above those that select takes.
+TEST(Handler, ReportsAWaitThatFails) {
+    const int closed = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(closed);
+    for (const int fd : {closed, FD_SETSIZE}) {
+        tTalvekClient client = {};
+        client.daemon_pid = 4711;
+        client.fd = fd;
+        Served served;
+        served.output = Capture([&] {
+            const pid_t child = fork();
+            if (child == 0) {
+                close(fd);
+                const int result = TALVEK_DaemonHandler(&client);
+                fflush(stdout);
+                _exit(result == -1 && client.fd == -1 ? 0 : 1);
+            }
+            served.wait = WaitFor(child);
+        });
+        EXPECT_EQ(0, served.wait);
+        const std::regex form{
+            "TALVEK,\\d+: \\[\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6}\\] "
+            "PID\\[4711\\]\\[\\d+\\] select\\(" +
+            std::to_string(fd) + "\\) error\n"};
+        EXPECT_TRUE(std::regex_match(served.output, form)) << served.output;
+    }
+}
+
+TEST(Handler, LeavesWithoutAFreeSession) {
+    const Served served = Serve(
+        [](int fd) {
+            ASSERT_TRUE(Put(fd, RegisterPkg()));
+            EXPECT_TRUE(AtEnd(fd));
+        },
+        [](tTalvekClient &) {
+            for (uint32_t session = 0; session < 256; ++session) {
+                talvek::SessionSlot(session) = 0;
+            }
+        });
+    EXPECT_EQ(-1, served.result);
+    EXPECT_EQ(-1, served.client.session);
+    EXPECT_LE(0, served.client.fd) << "the connection is left to the end of the process";
+}
+
+TEST(Handler, TellsEveryFiveSecondsThatAClientIsSilent) {
+    const Served served = Serve([](int fd) {
+        usleep(5300 * 1000);
+        EXPECT_EQ(0, Ask(fd, "true")) << "and still waits";
+    });
+    const std::regex form{
+        "TALVEK,\\d+: \\[[0-9/]{10} [0-9:]{8}\\.\\d{6}\\] PID\\[4711\\]\\[\\d+\\] "
+        "select\\(\\d+\\) timeout\n"
+        "TALVEK,\\d+:TALVEK_DaemonHandler\\(\\): Command => \\[true\\]\n"};
+    EXPECT_TRUE(std::regex_match(served.output, form)) << served.output;
+}
+
+// The bit of a signal in the SigIgn and SigBlk masks of /proc/<pid>/status.
+uint64_t Bit(int signal) {
+    return uint64_t{1} << (signal - 1);
+}
+
+uint64_t MaskIn(const std::string &path, const std::string &name) {
+    std::ifstream in{path};
+    for (std::string word; in >> word;) {
+        if (word == name) {
+            in >> word;
+            return std::stoull(word, nullptr, 16);
+        }
+    }
+    ADD_FAILURE() << name << " is not told in " << path;
+    return 0;
+}
+
+TEST(Handler, CommandsFindTheirSignalsAtDefault) {
+    const TempDir dir;
+    const std::string path = dir / "status";
+    Serve([&](int fd) { EXPECT_EQ(0, Ask(fd, "cat /proc/self/status >" + path)); });
+    EXPECT_EQ(0u, MaskIn(path, "SigIgn:") & (Bit(SIGCHLD) | Bit(SIGPIPE)));
+    EXPECT_EQ(0u, MaskIn(path, "SigBlk:") & (Bit(SIGCHLD) | Bit(SIGPIPE)));
+}
+
+// Its output goes to this process's standard output, in order with the log.
+TEST(Handler, OutputOfCommandsStaysInOrderWithTheLog) {
+    const Served served = Serve([](int fd) {
+        EXPECT_EQ(0, Ask(fd, "echo one; echo two"));
+        EXPECT_EQ(-1, Ask(fd, "echo three; kill -KILL $$"));
+        EXPECT_EQ(0, Ask(fd, "echo four"));
+    });
+    EXPECT_EQ(
+        (Lines{"TALVEK:TALVEK_DaemonHandler(): Command => [echo one; echo two]", "one", "two",
+               "TALVEK:TALVEK_DaemonHandler(): Command => [echo three; kill -KILL $$]", "three",
+               "child process should not terminated normally WIFEXITED(ret) = 0",
+               "UnReg session failed", "TALVEK:TALVEK_DaemonHandler(): Command => [echo four]",
+               "four", "UnReg session failed"}),
+        served.lines());
+}
+
+class RunCommand : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        sigaction(SIGCHLD, nullptr, &child_);
+        sigaction(SIGPIPE, nullptr, &pipe_);
+    }
+    void TearDown() override {
+        sigaction(SIGCHLD, &child_, nullptr);
+        sigaction(SIGPIPE, &pipe_, nullptr);
+    }
+
+    struct sigaction child_;
+    struct sigaction pipe_;
+};
+
+TEST_F(RunCommand, GivesTheExitStatus) {
+    EXPECT_EQ("", Capture([] {
+                  for (const int status : {0, 1, 7, 127, 255}) {
+                      EXPECT_EQ(status,
+                                TALVEK_RunCommand(("exit " + std::to_string(status)).c_str()));
+                  }
+                  EXPECT_EQ(0, TALVEK_RunCommand(""));
+              }));
+}
+
+TEST_F(RunCommand, TellsThatACommandWasKilled) {
+    EXPECT_EQ("child process should not terminated normally WIFEXITED(ret) = 0\n",
+              Capture([] { EXPECT_EQ(-1, TALVEK_RunCommand("kill -KILL $$")); }));
+}
+
+TEST_F(RunCommand, RunsNothingForNull) {
+    EXPECT_EQ("", Capture([] { EXPECT_EQ(-1, TALVEK_RunCommand(nullptr)); }));
+}
+
+TEST_F(RunCommand, CollectsTheStatusWhereChildrenWereIgnored) {
+    signal(SIGCHLD, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
+    EXPECT_EQ(3, TALVEK_RunCommand("exit 3"));
+    struct sigaction now;
+    sigaction(SIGCHLD, nullptr, &now);
+    EXPECT_EQ(SIG_DFL, now.sa_handler) << "stays at its default";
+    EXPECT_EQ(SA_RESTART, now.sa_flags & SA_RESTART);
+    EXPECT_EQ(1, sigismember(&now.sa_mask, SIGCHLD));
+    sigaction(SIGPIPE, nullptr, &now);
+    EXPECT_EQ(SIG_IGN, now.sa_handler) << "is as it was";
+}
+
+TEST_F(RunCommand, ACommandMayDieOfABrokenPipe) {
+    signal(SIGPIPE, SIG_IGN);
+    EXPECT_EQ("child process should not terminated normally WIFEXITED(ret) = 0\n",
+              Capture([] { EXPECT_EQ(-1, TALVEK_RunCommand("kill -PIPE $$")); }));
+}
+
+TEST_F(RunCommand, WhatWasPrintedBeforeStandsBeforeItsOutputOnce) {
+    EXPECT_EQ("before\ncommand\nafter\n", Capture([] {
+                  printf("before\n");
+                  TALVEK_RunCommand("echo command");
+                  printf("after\n");
+              }));
+}
+
+}  // namespace
