@@ -37,7 +37,7 @@ void IdentifyDvd(const char *pDevPath, int fd, tDiscInfo &info) {
 }
 
 // BD-R and BD-RE have no accepted profile, so a disc that gets here is a BD-ROM and ends behind the
-// disc information. Held by GetDiscInfo.AsksABdRomForDiscInformationOnly.
+// disc information. Held by Identification.AsksABdRomForDiscInformationOnly.
 void IdentifyBd(const char *pDevPath, int fd, tDiscInfo &info) {
     if (Dev_ReadDiscInfo(pDevPath, fd, &info) != 1 ||
         (info.mediaKind != DEV_MEDIA_WRITE_ONCE && info.mediaKind != DEV_MEDIA_REWRITABLE)) {

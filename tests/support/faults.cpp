@@ -102,6 +102,8 @@ FAULT_OWN(realloc);
 FAULT_OWN(free);
 FAULT_OWN(strdup);
 FAULT_OWN(strndup);
+FAULT_OWN(getline);
+FAULT_OWN(__getdelim);  // what getline becomes in an optimised build
 extern "C" {
 void *__real_realloc(void *block, size_t size);
 void *__wrap_realloc(void *block, size_t size);
@@ -111,6 +113,9 @@ char *__real_strdup(const char *text);
 char *__wrap_strdup(const char *text);
 char *__real_strndup(const char *text, size_t size);
 char *__wrap_strndup(const char *text, size_t size);
+ssize_t __wrap_getline(char **line, size_t *size, FILE *stream);
+ssize_t __real___getdelim(char **line, size_t *size, int end, FILE *stream);
+ssize_t __wrap___getdelim(char **line, size_t *size, int end, FILE *stream);
 }
 void *__wrap_realloc(void *block, size_t size) {
     if (Trips("realloc")) {
@@ -133,6 +138,18 @@ char *__wrap_strndup(const char *text, size_t size) {
     char *copy = Trips("strndup") ? nullptr : __real_strndup(text, size);
     g_blocks += copy != nullptr;
     return copy;
+}
+ssize_t __wrap___getdelim(char **line, size_t *size, int end, FILE *stream) {
+    if (Trips("getline")) {
+        return -1;
+    }
+    const bool first = *line == nullptr;
+    const ssize_t length = __real___getdelim(line, size, end, stream);
+    g_blocks += first && *line != nullptr;
+    return length;
+}
+ssize_t __wrap_getline(char **line, size_t *size, FILE *stream) {
+    return __wrap___getdelim(line, size, '\n', stream);
 }
 
 // Descriptors.
@@ -172,7 +189,6 @@ FAULT_CALL(fread, size_t, 0, (void *buf, size_t size, size_t n, FILE *stream),
            (buf, size, n, stream))
 FAULT_CALL(fwrite, size_t, 0, (const void *buf, size_t size, size_t n, FILE *stream),
            (buf, size, n, stream))
-FAULT_CALL(getline, ssize_t, -1, (char **line, size_t *size, FILE *stream), (line, size, stream))
 FAULT_CALL(popen, FILE *, nullptr, (const char *command, const char *mode), (command, mode))
 FAULT_CALL(opendir, DIR *, nullptr, (const char *path), (path))
 FAULT_CALL(readdir, struct dirent *, nullptr, (DIR * dir), (dir))

@@ -189,7 +189,12 @@ void SimulatedDrive::Patch(uint8_t opcode, size_t at, const Bytes &bytes,
 }
 
 void SimulatedDrive::Next(uint8_t opcode, SgAnswer answer) {
-    next_[opcode].push_back(std::move(answer));
+    next_[opcode].emplace_back(std::move(answer));
+}
+
+void SimulatedDrive::Fail(uint8_t opcode, int nth, SgAnswer answer) {
+    next_[opcode].assign(static_cast<size_t>(nth), std::nullopt);
+    Next(opcode, std::move(answer));
 }
 
 void SimulatedDrive::Always(uint8_t opcode, SgAnswer answer) {
@@ -224,10 +229,12 @@ bool SimulatedDrive::IsFd(int fd) const {
 
 SgAnswer SimulatedDrive::AnswerTo(const SgRequest &request) {
     const uint8_t opcode = request.cdb[0];
-    if (std::deque<SgAnswer> &queue = next_[opcode]; !queue.empty()) {
-        SgAnswer answer = std::move(queue.front());
+    if (auto &queue = next_[opcode]; !queue.empty()) {
+        const std::optional<SgAnswer> answer = std::move(queue.front());
         queue.pop_front();
-        return answer;
+        if (answer) {
+            return *answer;
+        }
     }
     if (const auto found = always_.find(opcode); found != always_.end()) {
         return found->second;

@@ -71,6 +71,9 @@ class SimulatedDrive {
     [[nodiscard]] Bytes &Data(uint8_t opcode, std::map<size_t, uint8_t> where = {});
     // The next request with this opcode gets this answer, each call one more in turn.
     void Next(uint8_t opcode, SgAnswer answer);
+    // The nth request (from 0) with this opcode from now on gets this answer, those before it
+    // theirs.
+    void Fail(uint8_t opcode, int nth, SgAnswer answer);
     // Every request with this opcode gets this answer.
     void Always(uint8_t opcode, SgAnswer answer);
 
@@ -121,7 +124,7 @@ class SimulatedDrive {
     int fd_ = -1;
     uint64_t inode_ = 0;
     std::vector<Stored> stored_;
-    std::map<uint8_t, std::deque<SgAnswer>> next_;
+    std::map<uint8_t, std::deque<std::optional<SgAnswer>>> next_;  // none: the usual answer
     std::map<uint8_t, SgAnswer> always_;
 };
 

@@ -1,0 +1,409 @@
+#include "dev/optical_disc.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdint.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "disc_fixture.h"
+#include "iso_mount.h"
+#include "support/private_world.h"
+
+namespace {
+
+using talvek::test::Bytes;
+using talvek::test::Capture;
+using talvek::test::CaptureLog;
+using talvek::test::Disc;
+using talvek::test::DiscTest;
+using talvek::test::g_isoMounts;
+using talvek::test::HexText;
+using talvek::test::kMounts;
+using talvek::test::kNode;
+using talvek::test::Lines;
+using talvek::test::LogLines;
+using talvek::test::MountTmpfs;
+using talvek::test::RunInPrivateWorld;
+using talvek::test::SgAnswer;
+using talvek::test::SgRequest;
+using talvek::test::SimulatedDrive;
+using talvek::test::TakePauses;
+
+// A record as the enumeration leaves it, with something in the descriptor.
+tDevInfo Drive() {
+    tDevInfo dev = {};
+    strcpy(dev.model, "DRV WR24X B");
+    strcpy(dev.devPath, kNode);
+    strcpy(dev.sgPath, "/dev/sg1");
+    dev.isOptical = 1;
+    memset(&dev.u.disc, 0x55, sizeof dev.u.disc);
+    return dev;
+}
+
+size_t OpenFds() {
+    size_t count = 0;
+    for (const auto &entry : std::filesystem::directory_iterator{"/proc/self/fd"}) {
+        static_cast<void>(entry);
+        ++count;
+    }
+    return count;
+}
+
+struct Identified {
+    int result;
+    tDevInfo dev;
+    std::string text;
+    std::string opcodes;
+    std::string mountDir;  // of the measurement, empty if there was none
+};
+
+// Identifies the disc of `drive`, which is at /dev/sg1, in a world whose /var may be written.
+Identified Identify(SimulatedDrive &drive) {
+    Identified found = {};
+    found.dev = Drive();
+    drive.requests.clear();
+    g_isoMounts.clear();
+    const size_t fds = OpenFds();
+    found.text = Capture([&] { found.result = Dev_GetDiscInfo(&found.dev); });
+    EXPECT_EQ(fds, OpenFds());
+    found.opcodes = HexText(drive.Opcodes());
+    found.mountDir = g_isoMounts.empty() ? "" : g_isoMounts[0].dir;
+    return found;
+}
+
+struct Expected {
+    const char *fixture;
+    int result;
+    const char *opcodes;  // behind TEST UNIT READY, INQUIRY and GET CONFIGURATION
+    const char *mountDir;
+    tDiscInfo info;
+};
+
+tDiscInfo Info(uint32_t discClass, uint32_t mediaKind, uint32_t recordMode, uint32_t status,
+               uint64_t totalKB, uint64_t usedKB) {
+    tDiscInfo info = Disc(discClass, mediaKind, recordMode);
+    info.discStatus = status;
+    info.totalKB = totalKB;
+    info.usedKB = usedKB;
+    return info;
+}
+
+tDiscInfo Cd(tDiscInfo info, uint32_t subType, uint32_t sessions, uint32_t lastTrack,
+             uint32_t lastTrackStart, uint32_t nextLeadIn) {
+    info.cdSubType = subType;
+    info.sessions = sessions;
+    info.lastTrack = lastTrack;
+    info.lastTrackStart = lastTrackStart;
+    info.nextLeadIn = nextLeadIn;
+    return info;
+}
+
+tDiscInfo Track(tDiscInfo info, uint32_t lastTrack, uint32_t freeBlocks, uint32_t trackSize) {
+    info.lastTrack = lastTrack;
+    info.freeBlocks = freeBlocks;
+    info.trackSize = trackSize;
+    return info;
+}
+
+// The arithmetic behind the capacities:
+//   80 minutes   ((79 * 60 + 59) * 75 + 74) * 2 = 719998
+//   74 minutes   (74 * 60 + 12) * 75 * 2 = 667800
+//   open CD      2 * 188280 and 2 * 78750 (toc_test.cpp)
+//   open DVD     nominal less 2 * free blocks: 4595776 - 2 * 1798400, 4595776 - 2 * 1997888,
+//                4590208 - 2 * 2095104
+//   rewritable   the 8 MiB of the file system mounted
+const Expected kDiscs[] = {
+    {"cd_rom.hex", -130, "", "", Disc(1, 1)},
+    {"cd_r_empty.hex", 0, "43 43 51 51", "", Cd(Info(1, 2, 0, 0, 719998, 0), 1, 1, 0, 0, 0)},
+    {"cd_r_open.hex", 0, "43 43 51 51 43 43", "",
+     Cd(Info(1, 2, 0, 1, 719998, 376560), 1, 3, 5, 158105, 188280)},
+    {"cd_r_closed.hex", 0, "43 43 51 51", "", Cd(Info(1, 2, 0, 2, 719998, 719998), 1, 1, 0, 0, 0)},
+    {"cd_rw_open.hex", 0, "43 43 51 51 43 43", "",
+     Cd(Info(1, 3, 0, 1, 667800, 157500), 2, 1, 1, 0, 78750)},
+    {"dvd_rom.hex", 0, "", "", Disc(2, 1)},
+    {"dvd_ram.hex", -130, "", "", Disc(5, 4)},
+    {"dvd_minus_r_open.hex", 0, "51 51 ad ad 52 52", "",
+     Track(Info(3, 2, 0, 1, 4595776, 998976), 2, 1798400, 1798400)},
+    {"dvd_minus_rw_sequential.hex", 0, "51 51 23 23 52 52", "",
+     Track(Info(3, 3, 1, 1, 4595776, 600000), 2, 1997888, 1997888)},
+    {"dvd_minus_rw_overwrite.hex", 0, "51 51 23 23 52 52", "/var/dvd_minus_rw",
+     Track(Info(3, 3, 2, 2, 4595776, 8192), 1, 0, 2297888)},
+    {"dvd_plus_rw.hex", 0, "51 51 23 23 52 52", "/var/dvd_plus_rw",
+     Track(Info(4, 3, 0, 2, 4590208, 8192), 1, 0, 2295104)},
+    {"dvd_plus_r_open.hex", 0, "51 51 ad ad 52 52", "",
+     Track(Info(4, 2, 0, 1, 4590208, 400000), 2, 2095104, 2095104)},
+    {"dvd_plus_r_dual_layer.hex", 0, "51 51 ad ad 52 52", "",
+     Track(Info(4, 2, 5, 2, 8347648, 8347648), 1, 0, 4173824)},
+    {"bd_rom.hex", 0, "51 51", "", Track(Info(7, 1, 0, 2, 0, 0), 1, 0, 0)},
+    {"bd_re.hex", -130, "", "", Disc(1, 1)},
+};
+
+void ExpectIdentified(const Expected &expected, const Identified &found) {
+    EXPECT_EQ(expected.result, found.result);
+    const std::string start = "00 12 46";
+    EXPECT_EQ(*expected.opcodes != '\0' ? start + " " + expected.opcodes : start, found.opcodes);
+    EXPECT_EQ(expected.mountDir, found.mountDir);
+    EXPECT_EQ(1, found.dev.ready);
+    EXPECT_STREQ("DRV WR24X B", found.dev.model) << "the model is the enumeration's";
+    const tDiscInfo &info = found.dev.u.disc;
+    EXPECT_EQ(expected.info.discClass, info.discClass);
+    EXPECT_EQ(expected.info.mediaKind, info.mediaKind);
+    EXPECT_EQ(expected.info.recordMode, info.recordMode);
+    EXPECT_EQ(expected.info.discStatus, info.discStatus);
+    EXPECT_EQ(expected.info.lastTrack, info.lastTrack);
+    EXPECT_EQ(expected.info.nextLeadIn, info.nextLeadIn);
+    EXPECT_EQ(expected.info.totalKB, info.totalKB);
+    EXPECT_EQ(expected.info.usedKB, info.usedKB);
+    EXPECT_TRUE(expected.info == info) << "a field not listed above";
+}
+
+TEST(GetDiscInfo, IdentifiesEveryKindOfDisc) {
+    RunInPrivateWorld(kMounts, [] {
+        MountTmpfs("/var");
+        for (const Expected &expected : kDiscs) {
+            SCOPED_TRACE(expected.fixture);
+            SimulatedDrive drive{{"/dev/sg1"}};
+            drive.Load("drive.hex");
+            drive.Load(expected.fixture);
+            ExpectIdentified(expected, Identify(drive));
+            EXPECT_EQ(1, drive.opens);
+            EXPECT_EQ(O_RDWR | O_NONBLOCK | O_CLOEXEC, drive.openFlags);
+        }
+    });
+}
+
+class Identification : public DiscTest {};
+
+TEST_F(Identification, TellsAnUnknownProfile) {
+    drive_.Load("bd_re.hex");
+    const Identified found = Identify(drive_);
+    EXPECT_EQ(-130, found.result);
+    const Lines lines = LogLines(found.text);
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_EQ("DEV:Dev_GetConfiguration(): Disc type(0x0043) unreconfized and unsupported!",
+              lines[lines.size() - 2]);
+    EXPECT_EQ("DEV:Dev_GetDiscInfo(): (/dev/sr0,/dev/sg1) : Unknown/Unsupport CD/DVD Specs",
+              lines.back());
+}
+
+TEST_F(Identification, AsksABdRomForDiscInformationOnly) {
+    drive_.Load("bd_rom.hex");
+    const Identified found = Identify(drive_);
+    EXPECT_EQ("00 12 46 51 51", found.opcodes);
+    const Lines lines = LogLines(found.text);
+    ASSERT_GE(lines.size(), 3U);
+    EXPECT_EQ("DEV:Dev_ReadDiscInfo(): This disc is BD-R", lines[lines.size() - 3]);
+}
+
+TEST_F(Identification, TellsTheDriveAheadOfTheDisc) {
+    drive_.Load("dvd_rom.hex");
+    const Lines lines = LogLines(Identify(drive_).text);
+    const Lines expected = {"DEV:Dev_Inquiry(): [/dev/sr0] : pModel = (nil)",
+                            "DEV:Dev_Inquiry(): Vendor          = DRV     ",
+                            "DEV:Dev_Inquiry(): Product ID      = WR-24X   B      ",
+                            "DEV:Dev_Inquiry(): Revision        = 1.02",
+                            "DEV:Dev_Inquiry(): pModel = [(null)]",
+                            "DEV:Dev_ExecMMC(): ((/dev/sr0) GET CONFIGURATION) Success",
+                            "",
+                            "0000h  00 00 00 10 00 00 00 10                         |........|",
+                            "",
+                            "DEV:Dev_GetConfiguration(): It's DVD-ROM and supported!"};
+    EXPECT_EQ(expected, lines);
+}
+
+TEST_F(Identification, NeedsARecordOfAnOpticalDrive) {
+    EXPECT_EQ(Lines{"DEV:Dev_GetDiscInfo(): Get Null ptr"},
+              CaptureLog([] { EXPECT_EQ(1, Dev_GetDiscInfo(nullptr)); }));
+    tDevInfo dev = Drive();
+    dev.isOptical = 0;
+    const tDevInfo before = dev;
+    EXPECT_EQ(Lines{"DEV:Dev_GetDiscInfo(): /dev/sr0 is HDD type"},
+              CaptureLog([&] { EXPECT_EQ(2, Dev_GetDiscInfo(&dev)); }));
+    EXPECT_EQ(0, memcmp(&before, &dev, sizeof dev));
+    EXPECT_EQ(0, drive_.opens);
+}
+
+TEST_F(Identification, NeedsTheNode) {
+    tDevInfo dev = Drive();
+    const tDevInfo before = dev;
+    drive_.openError = EBUSY;
+    EXPECT_EQ(
+        Lines{"DEV:Dev_GetDiscInfo(): open(/dev/sr0//dev/sg1) fail : Device or resource busy"},
+        CaptureLog([&] { EXPECT_EQ(-1, Dev_GetDiscInfo(&dev)); }));
+    EXPECT_EQ(0, memcmp(&before, &dev, sizeof dev));
+}
+
+TEST_F(Identification, StopsWhenTheDriveIsNotReady) {
+    drive_.Always(0x00, SgAnswer::Check(0x02, 0x3A, 0x00));
+    TakePauses();
+    const Identified found = Identify(drive_);
+    EXPECT_EQ(-129, found.result);
+    EXPECT_EQ("00 00 00", found.opcodes);
+    EXPECT_EQ(Lines(3, "DEV:Dev_ExecMMC(): ((/dev/sr0) TEST UNIT READY) Fail"),
+              LogLines(found.text));
+    EXPECT_EQ(std::vector<double>(3, 1.0), TakePauses());
+    EXPECT_EQ(0, found.dev.ready);
+    EXPECT_TRUE(tDiscInfo{} == found.dev.u.disc) << "zeroed";
+}
+
+TEST_F(Identification, GoesOnWhenTheDriveBecomesReady) {
+    drive_.Load("cd_r_closed.hex");
+    drive_.Next(0x00, SgAnswer::Check(0x02, 0x04, 0x01));
+    TakePauses();
+    const Identified found = Identify(drive_);
+    EXPECT_EQ(0, found.result);
+    EXPECT_EQ("00 00 12 46 43 43 51 51", found.opcodes);
+    EXPECT_EQ(std::vector<double>{1.0}, TakePauses());
+    EXPECT_EQ(1, found.dev.ready);
+}
+
+TEST_F(Identification, DoesNotNeedTheInquiry) {
+    drive_.Load("dvd_rom.hex");
+    drive_.Always(0x12, SgAnswer::Check(0x05, 0x24, 0x00));
+    EXPECT_EQ(0, Identify(drive_).result);
+}
+
+// Check conditions without sense count as success all the way through.
+TEST_F(Identification, TakesCheckConditionsWithoutSenseForSuccess) {
+    drive_.Load("cd_r_open.hex");
+    const auto withCheck = [](Bytes data) {
+        SgAnswer answer = SgAnswer::Check(0, 0, 0);
+        answer.data = std::move(data);
+        return answer;
+    };
+    drive_.Next(0x00, withCheck({}));
+    drive_.Next(0x46, withCheck(drive_.Data(0x46)));
+    for (int i = 0; i < 2; ++i) {
+        drive_.Next(0x51, withCheck(drive_.Data(0x51)));
+    }
+    const Identified found = Identify(drive_);
+    EXPECT_EQ(0, found.result);
+    EXPECT_EQ(376560U, found.dev.u.disc.usedKB);
+}
+
+TEST_F(Identification, RefusesAnOldDriver) {
+    drive_.driverVersion = 29999;
+    EXPECT_EQ(-129, Identify(drive_).result);
+    drive_.driverVersion = 30000;
+    drive_.Load("dvd_rom.hex");
+    EXPECT_EQ(0, Identify(drive_).result);
+}
+
+// Each issue of each command fails once; the sequence ends where it has to, and the result is 0
+// unless the profile itself is missing.
+TEST(GetDiscInfo, GoesAsFarAsTheDriveAnswers) {
+    const struct {
+        const char *fixture;
+        uint8_t opcode;
+        int nth;  // issue that fails, from 0
+        const char *opcodes;
+        int result;
+    } cases[] = {
+        {"cd_r_open.hex", 0x46, 0, "00 12 46", -130},
+        {"cd_r_open.hex", 0x43, 0, "00 12 46 43", 0},
+        {"cd_r_open.hex", 0x43, 1, "00 12 46 43 43", 0},
+        {"cd_r_open.hex", 0x51, 0, "00 12 46 43 43 51", 0},
+        {"cd_r_open.hex", 0x51, 1, "00 12 46 43 43 51 51", 0},
+        {"cd_r_open.hex", 0x43, 2, "00 12 46 43 43 51 51 43", 0},
+        {"cd_r_open.hex", 0x43, 3, "00 12 46 43 43 51 51 43 43", 0},
+        {"dvd_plus_r_open.hex", 0x51, 0, "00 12 46 51", 0},
+        {"dvd_plus_r_open.hex", 0x51, 1, "00 12 46 51 51", 0},
+        {"dvd_plus_r_open.hex", 0xAD, 0, "00 12 46 51 51 ad", 0},
+        {"dvd_plus_r_open.hex", 0xAD, 1, "00 12 46 51 51 ad ad", 0},
+        {"dvd_plus_r_open.hex", 0x52, 0, "00 12 46 51 51 ad ad 52", 0},
+        {"dvd_plus_r_open.hex", 0x52, 1, "00 12 46 51 51 ad ad 52 52", 0},
+        {"dvd_minus_rw_sequential.hex", 0x23, 0, "00 12 46 51 51 23", 0},
+        {"dvd_minus_rw_sequential.hex", 0x23, 1, "00 12 46 51 51 23 23", 0},
+        {"bd_rom.hex", 0x51, 0, "00 12 46 51", 0},
+        {"bd_rom.hex", 0x51, 1, "00 12 46 51 51", 0},
+    };
+    for (const auto &item : cases) {
+        SimulatedDrive drive{{"/dev/sg1"}};
+        drive.Load("drive.hex");
+        drive.Load(item.fixture);
+        drive.Fail(item.opcode, item.nth, SgAnswer::Check(0x03, 0x02, 0x00));
+        const Identified found = Identify(drive);
+        EXPECT_EQ(item.result, found.result) << item.fixture << " " << item.opcodes;
+        EXPECT_EQ(item.opcodes, found.opcodes);
+    }
+}
+
+// Only what is written and can be overwritten at random is measured.
+TEST(GetDiscInfo, MeasuresWhatIsWritten) {
+    const struct {
+        const char *fixture;
+        uint8_t status;  // byte 2 of READ DISC INFORMATION
+        const char *mountDir;
+    } cases[] = {
+        {"dvd_plus_rw.hex", 0x10, ""},
+        {"dvd_plus_rw.hex", 0x15, ""},
+        {"dvd_plus_rw.hex", 0x1E, "/var/dvd_plus_rw"},
+        {"dvd_plus_rw.hex", 0x1F, ""},
+        {"dvd_minus_rw_overwrite.hex", 0x10, ""},
+        {"dvd_minus_rw_overwrite.hex", 0x15, "/var/dvd_minus_rw"},
+        {"dvd_minus_rw_overwrite.hex", 0x1E, "/var/dvd_minus_rw"},
+        {"dvd_minus_rw_overwrite.hex", 0x1F, ""},
+        {"dvd_minus_rw_sequential.hex", 0x15, ""},
+        {"dvd_minus_rw_sequential.hex", 0x1E, ""},
+        {"dvd_plus_r_dual_layer.hex", 0x0E, ""},
+        {"dvd_minus_r_open.hex", 0x0E, ""},
+    };
+    RunInPrivateWorld(kMounts, [&cases] {
+        MountTmpfs("/var");
+        for (const auto &item : cases) {
+            SimulatedDrive drive{{"/dev/sg1"}};
+            drive.Load("drive.hex");
+            drive.Load(item.fixture);
+            drive.Patch(0x51, 2, {item.status});
+            const Identified found = Identify(drive);
+            EXPECT_EQ(0, found.result);
+            EXPECT_EQ(item.mountDir, found.mountDir) << item.fixture << " " << int{item.status};
+        }
+    });
+}
+
+class CdInfo : public DiscTest {
+  protected:
+    CdInfo() {
+        drive_.Load("cd_r_open.hex");
+        info_ = Disc(1, 2);
+    }
+};
+
+TEST_F(CdInfo, TellsWhichPartIsMissing) {
+    drive_.Fail(0x43, 0, SgAnswer::Check(0x05, 0x24, 0x00));
+    EXPECT_EQ("DEV:Dev_GetCdInfo(): (/dev/sr0) : Read CD ATIP error",
+              LinesOf(Dev_GetCdInfo, 0).back());
+    drive_.Fail(0x51, 0, SgAnswer::Check(0x05, 0x24, 0x00));
+    EXPECT_EQ("DEV:Dev_GetCdInfo(): (/dev/sr0) : Read CD DISC INFORMATION error",
+              LinesOf(Dev_GetCdInfo, 0).back());
+    EXPECT_EQ(719998U, info_.totalKB) << "what was found stays";
+    info_.usedKB = 7;
+    drive_.Fail(0x43, 2, SgAnswer::Check(0x05, 0x24, 0x00));
+    EXPECT_EQ("DEV:Dev_GetCdInfo(): (/dev/sr0) : Read CD TOC error", LinesOf(Dev_GetCdInfo).back());
+    EXPECT_EQ(0U, info_.usedKB) << "twice the next lead-in, which is not known";
+}
+
+TEST_F(CdInfo, FindsTheUsedCapacityByStatus) {
+    const uint64_t used[] = {0, 376560, 719998, 0};
+    for (unsigned status = 0; status < 4; ++status) {
+        drive_.Patch(0x51, 2, {static_cast<uint8_t>(status)});
+        info_ = Disc(1, 2);
+        info_.usedKB = 7;
+        TextOf(Dev_GetCdInfo);
+        EXPECT_EQ(used[status], info_.usedKB) << status;
+    }
+}
+
+TEST_F(CdInfo, ToleratesMissingArguments) {
+    EXPECT_EQ(Lines{"DEV:Dev_GetCdInfo(): Get Null ptr"},
+              CaptureLog([&] { EXPECT_EQ(0, Dev_GetCdInfo(kNode, fd_, nullptr)); }));
+    const Lines lines = CaptureLog([&] { EXPECT_EQ(0, Dev_GetCdInfo(nullptr, -1, &info_)); });
+    EXPECT_EQ("DEV:Dev_GetCdInfo(): () : Read CD ATIP error", lines.back());
+}
+
+}  // namespace
