@@ -7,7 +7,8 @@
  * Both are for finding damage, not for withstanding attacks. Digest texts are lower-case
  * hexadecimal and are written without a terminating NUL: 32 characters of MD5, 40 of SHA-1. A
  * caller that wants a text passes a zeroed buffer of one byte more. The argument orders of the two
- * families differ and are fixed: MD5 takes its context first, SHA-1 last. */
+ * families differ and are fixed: MD5 takes its context first, SHA-1 last. NULL as data counts as
+ * empty; with NULL as a context or an output nothing is done. */
 
 #include <stddef.h>
 #include <stdint.h>
@@ -49,7 +50,7 @@ void COM_Md5Final(uint8_t *pDigest, tMd5Ctx *pCtx);
 void COM_Md5DigestToHex(char *pHex, const uint8_t *pDigest);
 
 /* The 32 characters of the MD5 digest of `length` bytes, or of a NUL-terminated string without its
- * NUL (NULL counts as empty). */
+ * NUL. */
 void COM_MakeBufMD5(char *pHex, const void *pData, size_t length);
 void COM_MakeStrMD5(char *pHex, const char *pText);
 
@@ -57,7 +58,7 @@ void COM_MakeStrMD5(char *pHex, const char *pText);
  *
  * A file that cannot be read to its end gives the digest of what was read. Returns the result of
  * closing the file, which is 0 as a rule; when the file cannot be opened, pHex stays as it was and
- * the result is what COM_Log returned for the message, a positive count. */
+ * the result is what COM_Log returned for the message, a positive count. -1 when pHex is NULL. */
 int COM_MakeFileMD5(char *pHex, const char *pFileName);
 
 /* Compares a file with the hash in its side file.
@@ -65,10 +66,14 @@ int COM_MakeFileMD5(char *pHex, const char *pFileName);
  *   pFileName  file to check
  *   pSuffix    what the side file's name has behind that of the file, or NULL for ".md5"
  *
- * The side file (its first 256 bytes) holds hashes, each followed by a file name,
- * between blanks. Only last path components are compared, so that the file may lie in any
- * directory. Hashes are compared exactly: one in upper case never matches. Returns 0 when the file
- * matches, else -1. */
+ * The side file (its first 256 bytes) holds hashes, each followed by a file name, between blanks,
+ * tabs and line ends. Only last path components are compared, so that the file may lie in any
+ * directory; the first that equals the file's decides. Hashes are compared exactly: one in upper
+ * case never matches. Names are compared as they stand: the "*" that `md5sum -b` puts before a name
+ * without directories belongs to it, and a name with a blank in it is never found.
+ *
+ * Returns 0 when the file matches, else -1: the hashes differ (both are printed), no hash stands
+ * before the name (printed too), no name matches, or the side file is missing or empty (logged). */
 int COM_CheckFileMD5(const char *pFileName, const char *pSuffix);
 
 /* Begins a SHA-1 digest. */

@@ -35,24 +35,6 @@ constexpr uint8_t kSliceClasses[kMaxSliceType + 1] = {
     COM_H264_SLICE_P, COM_H264_SLICE_B, COM_H264_SLICE_I, COM_H264_SLICE_P, COM_H264_SLICE_I,
     COM_H264_SLICE_P, COM_H264_SLICE_B, COM_H264_SLICE_I, COM_H264_SLICE_P, COM_H264_SLICE_I};
 
-// How far a parser can reach. A code has at most 23 zeros, a one and 23 bits; the cache runs four
-// bytes ahead; an emulation-prevention byte stands behind every two bytes at the most.
-constexpr uint32_t kMaxCodeBits = 47;
-constexpr uint32_t Reach(uint32_t bits) {
-    const uint32_t bytes = 4 + bits / 8;
-    return bytes + (bytes - 1) / 2;
-}
-constexpr uint32_t kMaxSpsBits = 24 + kMaxCodeBits                        // sps_id
-                                 + 3 * kMaxCodeBits + 2                   // chroma format, depths
-                                 + 12 + (6 * 16 + 6 * 64) * kMaxCodeBits  // scaling lists
-                                 + kMaxCodeBits                           // log2_max_frame_num
-                                 + kMaxCodeBits                           // pic_order_cnt_type
-                                 + 1 + (3 + kMaxPocCycle) * kMaxCodeBits  // its cycle
-                                 + 3 * kMaxCodeBits + 1;                  // references and size
-constexpr uint32_t kMaxSliceBits = 3 * kMaxCodeBits + 31;
-static_assert(COM_H264_SPS_REACH == Reach(kMaxSpsBits));
-static_assert(COM_H264_SLICE_REACH == kSliceOffsets - 1 + Reach(kMaxSliceBits));
-
 uint8_t RawByte(tH264BitReader &reader) {
     return reader.pPos < reader.pLimit ? *reader.pPos++ : uint8_t{0};
 }
@@ -62,8 +44,8 @@ uint8_t RawByte(tH264BitReader &reader) {
 uint8_t NextByte(tH264BitReader &reader) {
     const uint8_t *pBefore = reader.pPos;
     const uint8_t byte = RawByte(reader);
-    const bool prevention = byte == 3 && pBefore - reader.pStart >= 2 && pBefore[-1] == 0 &&
-                            pBefore[-2] == 0 && pBefore < reader.pLimit;
+    const bool prevention =
+        byte == 3 && pBefore - reader.pStart >= 2 && pBefore[-1] == 0 && pBefore[-2] == 0;
     return prevention ? RawByte(reader) : byte;
 }
 
@@ -167,6 +149,13 @@ uint32_t FloorLog2(uint32_t value) {
 }  // namespace talvek
 
 void COM_H264InitBitReader(tH264BitReader *pReader, const uint8_t *pBuf, size_t length) {
+    if (pReader == nullptr) {
+        return;
+    }
+    if (pBuf == nullptr) {
+        *pReader = {};
+        return;
+    }
     *pReader = {pBuf, pBuf, pBuf + talvek::kNotedLength, pBuf + length, 0, 0};
     for (int i = 0; i < 4; ++i) {
         pReader->cache = pReader->cache << 8 | talvek::NextByte(*pReader);
@@ -174,6 +163,9 @@ void COM_H264InitBitReader(tH264BitReader *pReader, const uint8_t *pBuf, size_t 
 }
 
 void COM_H264SkipBits(tH264BitReader *pReader, uint32_t count) {
+    if (pReader == nullptr) {
+        return;
+    }
     uint64_t consumed = uint64_t{pReader->consumed} + count;
     for (; consumed >= 8; consumed -= 8) {
         pReader->cache = pReader->cache << 8 | talvek::NextByte(*pReader);
@@ -182,17 +174,21 @@ void COM_H264SkipBits(tH264BitReader *pReader, uint32_t count) {
 }
 
 uint32_t COM_H264ReadUe(tH264BitReader *pReader) {
-    return talvek::ReadCode(*pReader) - 1;
+    return pReader != nullptr ? talvek::ReadCode(*pReader) - 1 : 0;
 }
 
 int32_t COM_H264ReadSe(tH264BitReader *pReader) {
+    if (pReader == nullptr) {
+        return 0;
+    }
     const int32_t code = static_cast<int32_t>(talvek::ReadCode(*pReader));
     return code % 2 == 0 ? code / 2 : -(code / 2);
 }
 
 void COM_H264ParseScalingList(uint32_t *pList, int size, uint32_t *pUseDefault,
                               tH264BitReader *pReader) {
-    if (size != 16 && size != 64) {
+    if (pList == nullptr || pUseDefault == nullptr || pReader == nullptr ||
+        (size != 16 && size != 64)) {
         return;
     }
     const uint8_t *pScan = size == 16 ? talvek::kZigzag4x4 : talvek::kZigzag8x8;

@@ -6,7 +6,10 @@
  *
  * Parameter sets and slices come without a length. However their bytes may read, the parsers touch
  * no more than COM_H264_SPS_REACH and COM_H264_SLICE_REACH bytes from the start: a caller whose
- * buffer has that many, whatever stands in those behind the unit, is safe. */
+ * buffer has that many, whatever stands in those behind the unit, is safe. Both are exact: there
+ * are bytes that make the parser touch all of them, so a smaller buffer is safe only where the
+ * bytes are known to be those of an encoder. A common set takes some 10 to 20 bytes, and four more
+ * are touched behind the last bit read. */
 
 #include <stddef.h>
 #include <stdint.h>
@@ -16,8 +19,8 @@ extern "C" {
 #endif
 
 enum {
-    COM_H264_SPS_REACH = 6595, /* bytes that COM_H264ParseSps touches at the most */
-    COM_H264_SLICE_REACH = 44, /* bytes that COM_H264ParseSliceHeader touches at the most */
+    COM_H264_SPS_REACH = 5873, /* bytes that COM_H264ParseSps touches at the most */
+    COM_H264_SLICE_REACH = 41, /* bytes that COM_H264ParseSliceHeader touches at the most */
 };
 
 /* Class of a slice. */
@@ -67,7 +70,8 @@ typedef struct tH264SliceInfo {
     uint32_t offset; /* byte at which the header was found, 0 to 7 */
 } tH264SliceInfo;
 
-/* Starts to read at the first of `length` bytes and takes in four of them. */
+/* Starts to read at the first of `length` bytes and takes in four of them. What lies behind them
+ * reads as zero bits. */
 void COM_H264InitBitReader(tH264BitReader *pReader, const uint8_t *pBuf, size_t length);
 
 /* Goes on by `count` bits. */
