@@ -332,6 +332,9 @@ TEST(ParserXmlData, StaysWithinADocumentOfAnyLength) {
 // 200,000 elements that begin and one end: searching for the end from each of them would read
 // 320 GB.
 TEST(ParserXmlData, TakesTimeInProportionToTheDocument) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the sanitizer's strstr takes the length of the whole text at each call";
+#endif
     std::string doc;
     for (int i = 0; i < 200000; ++i) {
         doc += "<DATA Name=\"x\">";
