@@ -13,6 +13,10 @@
 #include "common/internal/module_log.h"
 #include "common/internal/unique_fd.h"
 
+static_assert(sizeof(tUnitInfo) == 304);
+static_assert(offsetof(tUnitInfo, project) == 32 && offsetof(tUnitInfo, host_name) == 64 &&
+              offsetof(tUnitInfo, note) == 240);
+
 namespace talvek {
 namespace {
 

@@ -404,10 +404,14 @@ TEST(SleepTrace, ASignalEndsTheSleep) {
 using SetSockTimeout = SocketPair;
 
 TEST_F(SetSockTimeout, SetsBothTimeouts) {
+    const struct timeval other = {7, 500000};
     for (const int seconds : {1, 20, 0, 3600}) {
+        for (const int option : {SO_SNDTIMEO, SO_RCVTIMEO}) {
+            ASSERT_EQ(0, setsockopt(ends_[0], SOL_SOCKET, option, &other, sizeof other));
+        }
         EXPECT_EQ(0, COM_SetSockTimeout(ends_[0], seconds));
         for (const int option : {SO_SNDTIMEO, SO_RCVTIMEO}) {
-            struct timeval time = {-1, -1};
+            struct timeval time = {};  // the emulated ARM fills the lower half of each number
             socklen_t size = sizeof time;
             EXPECT_EQ(0, getsockopt(ends_[0], SOL_SOCKET, option, &time, &size));
             EXPECT_EQ(seconds, time.tv_sec);
