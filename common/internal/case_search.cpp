@@ -131,6 +131,9 @@ class TwoWaySearch {
     const char *Find(KnownText &text, const char *at) const {
         size_t known = 0;  // leading characters that are known to match after a shift by the period
         while (text.Has(at, key_.size)) {
+            if (known == 0 && !SkipToTheCut(text, at)) {
+                continue;
+            }
             const size_t right = key_.MatchEnd(at, cut_ > known ? cut_ : known);
             if (right < key_.size) {
                 at += right - cut_ + 1;
@@ -154,6 +157,18 @@ class TwoWaySearch {
             }
         }
         return true;
+    }
+    // Most places fail at the first character that is compared, so these are passed in a loop of
+    // their own. False at the end of what is known of the text.
+    bool SkipToTheCut(const KnownText &text, const char *&at) const {
+        const uint8_t first = key_.At(cut_);
+        const char *compared = at + cut_;
+        const char *end = compared + (text.Left(at) - key_.size + 1);
+        while (compared != end && Folded(compared) != first) {
+            ++compared;
+        }
+        at = compared - cut_;
+        return compared != end;
     }
     [[nodiscard]] bool LeftPartMatches(const char *at, size_t known) const {
         size_t i = cut_;

@@ -1,0 +1,188 @@
+// The cost of scraping, stripping and replacing next to the general functions for the same work:
+// strcasestr for the key search, libxml2's reader for XML values, and sizes ten times apart where
+// the growth is the point. Needs Google Benchmark and libxml2.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <libxml/xmlreader.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "common/html.h"
+#include "common/text.h"
+
+namespace {
+
+// The log lines of the measured calls are written to /dev/null; their formatting and the system
+// call are part of the cost.
+class QuietOutput {
+  public:
+    QuietOutput() : saved_(dup(STDOUT_FILENO)) {
+        fflush(stdout);
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        dup2(null, STDOUT_FILENO);
+        close(null);
+    }
+    ~QuietOutput() {
+        fflush(stdout);
+        dup2(saved_, STDOUT_FILENO);
+        close(saved_);
+    }
+    QuietOutput(const QuietOutput &) = delete;
+    QuietOutput &operator=(const QuietOutput &) = delete;
+
+  private:
+    int saved_;
+};
+
+// --- Key search over 1 MiB without a hit ---
+
+enum Text : int { kXml, kHeaders, kProse, kOneLetter };
+
+// A document of `size` characters that holds none of the keys below.
+std::string MakeText(Text kind, size_t size) {
+    const char *pieces[] = {
+        "<setting name=\"brightness\" min=\"0\" max=\"10\" value=\"5\"/>\n",
+        "Content-Type: text/html; charset=utf-8\r\nCache-Control: no-cache\r\n",
+        "The quick brown fox jumps over the lazy dog, and the dog lets it pass. ",
+        "r",
+    };
+    std::string text;
+    while (text.size() < size) {
+        text += pieces[kind];
+    }
+    text.resize(size);
+    return text;
+}
+
+const char *const kKeys[] = {"<temperature>", "WWW-Authenticate: Digest", "realm=", "rrrrrrrrrra"};
+const char *const kNames[] = {"xml", "headers", "prose", "one letter"};
+
+template <typename Search>
+void SearchWithoutHit(benchmark::State &state, Search search) {
+    const auto kind = static_cast<Text>(state.range(0));
+    const std::string text = MakeText(kind, 1 << 20);
+    for (auto _ : state) {
+        const char *found = search(text.c_str(), kKeys[kind]);
+        if (found != nullptr) {
+            state.SkipWithError("the key is in the text");
+        }
+        benchmark::DoNotOptimize(found);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
+    state.SetLabel(kNames[kind]);
+}
+
+void KeySearch(benchmark::State &state) {
+    SearchWithoutHit(state, COM_StrCaseStr);
+}
+void KeySearchStrcasestr(benchmark::State &state) {
+    SearchWithoutHit(state, [](const char *text, const char *key) {
+        return static_cast<const char *>(strcasestr(text, key));
+    });
+}
+BENCHMARK(KeySearch)->DenseRange(kXml, kOneLetter);
+BENCHMARK(KeySearchStrcasestr)->DenseRange(kXml, kOneLetter);
+
+// --- One value of an XML reply ---
+
+// A device's reply with `count` values before the one that is asked for.
+std::string MakeReply(int64_t count) {
+    std::string reply = "<?xml version=\"1.0\"?><reply>\n";
+    for (int64_t i = 0; i < count; ++i) {
+        reply += "  <value" + std::to_string(i) + ">" + std::to_string(i * i) + "</value" +
+                 std::to_string(i) + ">\n";
+    }
+    return reply + "  <uptime>86400</uptime>\n</reply>\n";
+}
+
+void XmlValue(benchmark::State &state) {
+    const std::string reply = MakeReply(state.range(0));
+    const QuietOutput quiet;
+    char value[32] = "";
+    for (auto _ : state) {
+        if (COM_GetXMLData(reply.c_str(), "uptime", value, sizeof value) == nullptr ||
+            strcmp(value, "86400") != 0) {
+            state.SkipWithError("the value was not found");
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(reply.size()));
+}
+
+bool ReadWithLibxml2(const std::string &reply, const char *pTag, char *pDst, size_t size) {
+    xmlTextReaderPtr reader = xmlReaderForMemory(reply.data(), static_cast<int>(reply.size()),
+                                                 nullptr, nullptr, XML_PARSE_NONET);
+    bool found = false;
+    while (!found && xmlTextReaderRead(reader) == 1) {
+        if (xmlTextReaderNodeType(reader) == XML_READER_TYPE_ELEMENT &&
+            xmlStrcmp(xmlTextReaderConstLocalName(reader),
+                      reinterpret_cast<const xmlChar *>(pTag)) == 0) {
+            xmlChar *text = xmlTextReaderReadString(reader);
+            snprintf(pDst, size, "%s", reinterpret_cast<const char *>(text));
+            xmlFree(text);
+            found = true;
+        }
+    }
+    xmlFreeTextReader(reader);
+    return found;
+}
+
+void XmlValueLibxml2(benchmark::State &state) {
+    const std::string reply = MakeReply(state.range(0));
+    char value[32] = "";
+    for (auto _ : state) {
+        if (!ReadWithLibxml2(reply, "uptime", value, sizeof value) || strcmp(value, "86400") != 0) {
+            state.SkipWithError("the value was not found");
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(reply.size()));
+}
+BENCHMARK(XmlValue)->Arg(10)->Arg(1000);
+BENCHMARK(XmlValueLibxml2)->Arg(10)->Arg(1000);
+
+// --- HTML to text: ten times the page, ten times the time ---
+
+void StripHtml(benchmark::State &state) {
+    std::string page;
+    while (page.size() < static_cast<size_t>(state.range(0))) {
+        page += "<tr><td class=\"name\">Channel</td><td>recording since 12:00</td></tr><br>\n";
+    }
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::string source = page;  // stripping changes it
+        state.ResumeTiming();
+        char *text = nullptr;
+        if (COM_StripHtmlCode(source.data(), &text) < 1) {
+            state.SkipWithError("no text");
+        }
+        free(text);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(page.size()));
+}
+BENCHMARK(StripHtml)->Arg(10000)->Arg(100000)->Arg(1000000);
+
+// --- Replacement with 10,000 hits and more ---
+
+void ReplaceStr(benchmark::State &state, const char *pNew) {
+    std::string text;
+    for (int64_t i = 0; i < state.range(0); ++i) {
+        text += "path/to/file ";
+    }
+    for (auto _ : state) {
+        state.PauseTiming();
+        char *buf = strdup(text.c_str());
+        state.ResumeTiming();
+        buf = COM_ReplaceStr(buf, "/to/", pNew);
+        benchmark::DoNotOptimize(buf);
+        free(buf);
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK_CAPTURE(ReplaceStr, shorter, "/")->Arg(10000)->Arg(100000);
+BENCHMARK_CAPTURE(ReplaceStr, longer, "/with/more/in/it/")->Arg(10000)->Arg(100000);
+
+}  // namespace
