@@ -52,53 +52,53 @@ uint32_t WholeLengthToTheFull(BigEndianReader reply) {
 
 struct Profile {
     uint16_t number;
-    const char *message;
+    bool supported;
     uint32_t discClass;
     uint32_t mediaKind;
     uint32_t recordMode;
-    bool supported;
+    const char *message;
 };
 
 // MMC-6, profile list. 0x0011 is told as sequential recording and gets no record mode, and blu-ray
 // discs that can be written are not among the profiles: the unit does not write to them. Held by
 // GetConfiguration.TellsEveryProfile.
 constexpr Profile kProfiles[] = {
-    {0x0008, "It's CD-ROM and CANNOT be used for export!\n", DEV_CLASS_CD, DEV_MEDIA_READ_ONLY,
-     DEV_RECORD_NONE, false},
-    {0x0009, "It's CD-R and supported!\n", DEV_CLASS_CD, DEV_MEDIA_WRITE_ONCE, DEV_RECORD_NONE,
-     true},
-    {0x000A, "It's CD-RW and supported!\n", DEV_CLASS_CD, DEV_MEDIA_REWRITABLE, DEV_RECORD_NONE,
-     true},
-    {0x0010, "It's DVD-ROM and supported!\n", DEV_CLASS_DVD_ROM, DEV_MEDIA_READ_ONLY,
-     DEV_RECORD_NONE, true},
-    {0x0011, "It's DVD-R Sequential Recording and supported!\n", DEV_CLASS_DVD_MINUS,
-     DEV_MEDIA_WRITE_ONCE, DEV_RECORD_NONE, true},
-    {0x0012, "It's DVD-RAM but NOT supported!\n", DEV_CLASS_DVD_RAM, DEV_MEDIA_RAM, DEV_RECORD_NONE,
-     false},
-    {0x0013, "It's DVD-RW Restricted Overwrite and supported!\n", DEV_CLASS_DVD_MINUS,
-     DEV_MEDIA_REWRITABLE, DEV_RECORD_RESTRICTED_OVERWRITE, true},
-    {0x0014, "It's DVD-RW Sequential Recording and supported!\n", DEV_CLASS_DVD_MINUS,
-     DEV_MEDIA_REWRITABLE, DEV_RECORD_SEQUENTIAL, true},
-    {0x0015, "It's DVD-R Dual Layer Sequential Recording and supported!\n", DEV_CLASS_DVD_MINUS,
-     DEV_MEDIA_WRITE_ONCE, DEV_RECORD_DUAL_LAYER, true},
-    {0x0016, "It's DVD-R Dual Layer Jump Recording but NOT supported!\n", DEV_CLASS_DVD_MINUS,
-     DEV_MEDIA_WRITE_ONCE, DEV_RECORD_DUAL_LAYER_JUMP, false},
-    {0x001A, "It's DVD+RW and supported!\n", DEV_CLASS_DVD_PLUS, DEV_MEDIA_REWRITABLE,
-     DEV_RECORD_NONE, true},
-    {0x001B, "It's DVD+R and supported!\n", DEV_CLASS_DVD_PLUS, DEV_MEDIA_WRITE_ONCE,
-     DEV_RECORD_NONE, true},
-    {0x0020, "It's DDCD-ROM and CANNOT be used for export!\n", DEV_CLASS_DDCD, DEV_MEDIA_READ_ONLY,
-     DEV_RECORD_NONE, false},
-    {0x0021, "It's DDCD-R but NOT supported!\n", DEV_CLASS_DDCD, DEV_MEDIA_WRITE_ONCE,
-     DEV_RECORD_NONE, false},
-    {0x0022, "It's DDCD-RW but NOT supported!\n", DEV_CLASS_DDCD, DEV_MEDIA_REWRITABLE,
-     DEV_RECORD_NONE, false},
-    {0x002A, "It's DVD+RW Dual Layer but NOT supported!\n", DEV_CLASS_DVD_PLUS,
-     DEV_MEDIA_REWRITABLE, DEV_RECORD_DUAL_LAYER, false},
-    {0x002B, "It's DVD+R Dual Layer and supported!\n", DEV_CLASS_DVD_PLUS, DEV_MEDIA_WRITE_ONCE,
-     DEV_RECORD_DUAL_LAYER, true},
-    {0x0040, "It's BD-ROM and supported!\n", DEV_CLASS_BD, DEV_MEDIA_READ_ONLY, DEV_RECORD_NONE,
-     true},
+    {0x0008, false, DEV_CLASS_CD, DEV_MEDIA_READ_ONLY, DEV_RECORD_NONE,
+     "It's CD-ROM and CANNOT be used for export!\n"},
+    {0x0009, true, DEV_CLASS_CD, DEV_MEDIA_WRITE_ONCE, DEV_RECORD_NONE,
+     "It's CD-R and supported!\n"},
+    {0x000A, true, DEV_CLASS_CD, DEV_MEDIA_REWRITABLE, DEV_RECORD_NONE,
+     "It's CD-RW and supported!\n"},
+    {0x0010, true, DEV_CLASS_DVD_ROM, DEV_MEDIA_READ_ONLY, DEV_RECORD_NONE,
+     "It's DVD-ROM and supported!\n"},
+    {0x0011, true, DEV_CLASS_DVD_MINUS, DEV_MEDIA_WRITE_ONCE, DEV_RECORD_NONE,
+     "It's DVD-R Sequential Recording and supported!\n"},
+    {0x0012, false, DEV_CLASS_DVD_RAM, DEV_MEDIA_RAM, DEV_RECORD_NONE,
+     "It's DVD-RAM but NOT supported!\n"},
+    {0x0013, true, DEV_CLASS_DVD_MINUS, DEV_MEDIA_REWRITABLE, DEV_RECORD_RESTRICTED_OVERWRITE,
+     "It's DVD-RW Restricted Overwrite and supported!\n"},
+    {0x0014, true, DEV_CLASS_DVD_MINUS, DEV_MEDIA_REWRITABLE, DEV_RECORD_SEQUENTIAL,
+     "It's DVD-RW Sequential Recording and supported!\n"},
+    {0x0015, true, DEV_CLASS_DVD_MINUS, DEV_MEDIA_WRITE_ONCE, DEV_RECORD_DUAL_LAYER,
+     "It's DVD-R Dual Layer Sequential Recording and supported!\n"},
+    {0x0016, false, DEV_CLASS_DVD_MINUS, DEV_MEDIA_WRITE_ONCE, DEV_RECORD_DUAL_LAYER_JUMP,
+     "It's DVD-R Dual Layer Jump Recording but NOT supported!\n"},
+    {0x001A, true, DEV_CLASS_DVD_PLUS, DEV_MEDIA_REWRITABLE, DEV_RECORD_NONE,
+     "It's DVD+RW and supported!\n"},
+    {0x001B, true, DEV_CLASS_DVD_PLUS, DEV_MEDIA_WRITE_ONCE, DEV_RECORD_NONE,
+     "It's DVD+R and supported!\n"},
+    {0x0020, false, DEV_CLASS_DDCD, DEV_MEDIA_READ_ONLY, DEV_RECORD_NONE,
+     "It's DDCD-ROM and CANNOT be used for export!\n"},
+    {0x0021, false, DEV_CLASS_DDCD, DEV_MEDIA_WRITE_ONCE, DEV_RECORD_NONE,
+     "It's DDCD-R but NOT supported!\n"},
+    {0x0022, false, DEV_CLASS_DDCD, DEV_MEDIA_REWRITABLE, DEV_RECORD_NONE,
+     "It's DDCD-RW but NOT supported!\n"},
+    {0x002A, false, DEV_CLASS_DVD_PLUS, DEV_MEDIA_REWRITABLE, DEV_RECORD_DUAL_LAYER,
+     "It's DVD+RW Dual Layer but NOT supported!\n"},
+    {0x002B, true, DEV_CLASS_DVD_PLUS, DEV_MEDIA_WRITE_ONCE, DEV_RECORD_DUAL_LAYER,
+     "It's DVD+R Dual Layer and supported!\n"},
+    {0x0040, true, DEV_CLASS_BD, DEV_MEDIA_READ_ONLY, DEV_RECORD_NONE,
+     "It's BD-ROM and supported!\n"},
 };
 
 const Profile *FindProfile(uint16_t number) {

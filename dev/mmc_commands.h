@@ -7,8 +7,8 @@
  *
  *   devPath  for the log lines
  *   fd       the drive (scsi.h)
- *   info     the disc's descriptor. discClass, mediaKind and recordMode say what
- * Dev_GetConfiguration found and decide how the other replies are read.
+ *   info     the disc's descriptor. discClass, mediaKind and recordMode are set by
+ *            Dev_GetConfiguration and decide how the other replies are read.
  *
  * Results are 1 for success and 0 for failure, when info keeps what it held. Commands that learn
  * the length of their reply are sent twice; either may fail. */
@@ -19,11 +19,12 @@
 extern "C" {
 #endif
 
-/* GET CONFIGURATION: class, kind and record mode by the current profile.
- * What the drive returned is shown as a hex dump.
- * Returns 1 when the unit writes to or reads from such a disc; 0 when it does not, with the class
- * of a known profile filled in all the same, or when the command failed, with class 1 and kind 1
- * filled in. */
+/* GET CONFIGURATION: discClass, mediaKind and recordMode by the current profile. The drive's reply
+ * is shown as a hex dump.
+ *
+ * Returns 1 for a supported profile. The result is 0 for a profile that is not, and the three
+ * fields are filled in all the same; they are 1, 1 and 0 when the profile is unknown or the command
+ * fails, and as before when there is no memory. */
 int Dev_GetConfiguration(const char *devPath, int fd, tDiscInfo *info);
 
 /* READ DISC INFORMATION: discStatus for CD, DVD-R/RW, DVD+R/RW and BD; sessions for CD,
@@ -39,7 +40,12 @@ int Dev_ReadTrackInfo(const char *devPath, int fd, tDiscInfo *info);
  * capacities by layers and diameter. Other classes keep their totalKB. */
 int Dev_ReadDvdStruct(const char *devPath, int fd, tDiscInfo *info);
 
-/* READ FORMAT CAPACITIES: totalKB from the formattable capacity descriptors. */
+/* READ FORMAT CAPACITIES: totalKB from the formattable capacity descriptors, of which the last that
+ * applies counts.
+ *
+ *   full format (00h)      BD: twice the blocks of the current capacity. Others: blocks times block
+ *                          length as a 32-bit product, which wraps from 4 GiB on
+ *   DVD+RW (26h), DVD-RW (10h)  twice the blocks, if the disc is a rewritable one of that family */
 int Dev_ReadFormatCapacity(const char *devPath, int fd, tDiscInfo *info);
 
 /* READ BUFFER CAPACITY: logs the size of the drive's buffer, in whole MiB, when it is more

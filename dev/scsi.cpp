@@ -77,7 +77,7 @@ void ExplainCheck(const tMmcCmd &cmd, const Sense &sense) {
 constexpr size_t kRowBytes = 16;
 constexpr int kHexColumns = 3 * static_cast<int>(kRowBytes);
 
-// Bytes of 0x7F and more are shown as they are. Held by ExecMmc.DumpShowsHighBytesAsThemselves.
+// Bytes of 0x7F and more are shown as they are. Held by ExecMmcDump.ShowsHighBytesAsThemselves.
 void DumpRow(size_t offset, std::span<const uint8_t> row) {
     char hex[kHexColumns + 1] = "";
     char text[kRowBytes + 1] = "";

