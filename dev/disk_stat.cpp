@@ -76,7 +76,11 @@ int MeasureThroughOwnMount(tDevInfo &dev, unsigned fsIndex) {
         DEV_LOG_AS(kEntry, "mkdtemp(%s) error : %s\n", kDirTemplate, strerror(errno));
         return -1;
     }
-    const ScopeExit removeDir{[&dir] { rmdir(dir); }};
+    const ScopeExit removeDir{[&dir] {
+        if (rmdir(dir) != 0) {
+            DEV_LOG_AS(kEntry, "rmdir(%s) error : %s\n", dir, strerror(errno));
+        }
+    }};
     if (Dev_Mount(dev.devPath, dir, fsIndex) != 0) {
         return -1;
     }

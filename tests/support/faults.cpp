@@ -6,10 +6,12 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -254,8 +256,15 @@ FAULT_CALL(recv, ssize_t, -1, (int fd, void *buf, size_t size, int flags), (fd, 
 FAULT_CALL(recvfrom, ssize_t, -1,
            (int fd, void *buf, size_t size, int flags, struct sockaddr *addr, socklen_t *addrSize),
            (fd, buf, size, flags, addr, addrSize))
+FAULT_CALL(bindresvport, int, -1, (int fd, struct sockaddr_in *addr), (fd, addr))
+FAULT_CALL(getsockopt, int, -1, (int fd, int level, int name, void *value, socklen_t *size),
+           (fd, level, name, value, size))
 FAULT_CALL(setsockopt, int, -1, (int fd, int level, int name, const void *value, socklen_t size),
            (fd, level, name, value, size))
+
+// Libraries.
+FAULT_CALL(dlopen, void *, nullptr, (const char *file, int flags), (file, flags))
+FAULT_CALL(dlsym, void *, nullptr, (void *library, const char *name), (library, name))
 
 // Terminals and time.
 FAULT_CALL(tcgetattr, int, -1, (int fd, struct termios *setting), (fd, setting))
