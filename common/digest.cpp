@@ -11,6 +11,7 @@
 #include <bit>
 
 #include "common/file_content.h"
+#include "common/internal/file_open.h"
 #include "common/internal/heap_buf.h"
 #include "common/internal/module_log.h"
 #include "common/internal/unique_fd.h"
@@ -354,9 +355,9 @@ int COM_MakeFileMD5(char *pHex, const char *pFileName) {
     if (pHex == nullptr) {
         return -1;
     }
-    talvek::UniqueFd fd{open(pFileName, O_RDONLY | O_CLOEXEC)};
+    talvek::UniqueFd fd{talvek::OpenPath(pFileName, O_RDONLY)};
     if (!fd) {
-        return COMMON_LOG("open(%s) fail : %s\n", pFileName, strerror(errno));
+        return COMMON_LOG("open(%s) fail : %s\n", talvek::Shown(pFileName), strerror(errno));
     }
     tMd5Ctx ctx;
     COM_Md5Init(&ctx);
@@ -460,9 +461,9 @@ int COM_MakeFileSHA1(uint8_t *pDigest, const char *pFileName) {
     if (pDigest == nullptr) {
         return -1;
     }
-    talvek::UniqueFd fd{open(pFileName, O_RDONLY | O_CLOEXEC)};
+    talvek::UniqueFd fd{talvek::OpenPath(pFileName, O_RDONLY)};
     if (!fd) {
-        return COMMON_LOG("open(%s) fail : %s\n", pFileName, strerror(errno));
+        return COMMON_LOG("open(%s) fail : %s\n", talvek::Shown(pFileName), strerror(errno));
     }
     tSha1Ctx ctx;
     COM_Sha1Init(&ctx);
