@@ -27,12 +27,16 @@ function(talvek_add_module folder)
     file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp
         ${PROJECT_SOURCE_DIR}/${folder}/internal/*.cpp)
     list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
-    if(NOT sources)
-        add_library(talvek_${folder} INTERFACE)
-        return()
-    endif()
     add_library(talvek_${folder} STATIC ${sources})
     target_compile_options(talvek_${folder} PRIVATE -fstack-protector-strong)
     target_link_libraries(talvek_${folder} PUBLIC talvek_flags ${ARGN})
     set_target_properties(talvek_${folder} PROPERTIES ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
+endfunction()
+
+# talvek_link_small(<program>) takes what little is needed of the C++ runtime into the program itself.
+function(talvek_link_small program)
+    if(NOT TALVEK_SANITIZE)
+        target_link_options(${program} PRIVATE -static-libstdc++ -static-libgcc
+            -Wl,--as-needed -Wl,-O1 -Wl,--hash-style=gnu)
+    endif()
 endfunction()

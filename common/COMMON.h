@@ -38,6 +38,7 @@ static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
 #include "common/file_content.h"
 #include "common/file_copy.h"
 #include "common/h264.h"
+#include "common/hex_text.h"
 #include "common/html.h"
 #include "common/io.h"
 #include "common/log.h"

@@ -27,6 +27,7 @@
 #include "dev/disk_stat.h"
 #include "dev/enumeration.h"
 #include "dev/file_system.h"
+#include "dev/ide.h"
 #include "dev/mmc_commands.h"
 #include "dev/mount.h"
 #include "dev/mount_table.h"
@@ -34,6 +35,8 @@
 #include "dev/optical_capacity.h"
 #include "dev/optical_disc.h"
 #include "dev/scsi.h"
+#include "dev/scsi_bus.h"
+#include "dev/test_menu.h"
 #include "dev/toc.h"
 
 #endif

@@ -7,13 +7,13 @@ namespace talvek {
 
 // Holds a mutex for a scope; a thread that is cancelled inside releases it on its way out.
 class MutexLock {
- public:
+  public:
     explicit MutexLock(pthread_mutex_t &mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
     ~MutexLock() { pthread_mutex_unlock(&mutex_); }
     MutexLock(const MutexLock &) = delete;
     MutexLock &operator=(const MutexLock &) = delete;
 
- private:
+  private:
     pthread_mutex_t &mutex_;
 };
 

@@ -1,0 +1,94 @@
+// Data that the kernel publishes as hexadecimal text.
+
+#include "common/hex_text.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "common/internal/heap_buf.h"
+#include "common/internal/module_log.h"
+
+namespace talvek {
+namespace {
+
+constexpr size_t kFirstSize = 4096;
+constexpr size_t kMaxSize = size_t{1} << 20;
+
+bool IsSpace(char character) {
+    return strchr(" \t\n\v\f\r", character) != nullptr && character != '\0';
+}
+
+// A text that grows as it is read.
+class HexText {
+  public:
+    // Makes room for more; false without memory or at the largest size.
+    bool Grow();
+    // Reads once; the count of bytes before white space was taken out.
+    ssize_t ReadFrom(int fd);
+
+    [[nodiscard]] bool IsFull() const { return length_ + 1 >= size_; }
+    [[nodiscard]] size_t length() const { return length_; }
+    [[nodiscard]] char *Close() {
+        text_[length_] = '\0';
+        return text_.Release();
+    }
+
+  private:
+    HeapBuf<char> text_;
+    size_t size_ = 0;
+    size_t length_ = 0;
+};
+
+bool HexText::Grow() {
+    const size_t size = size_ == 0 ? kFirstSize : size_ * 2;
+    if (size > kMaxSize * 2) {
+        errno = EFBIG;
+        return false;
+    }
+    char *pGrown = static_cast<char *>(realloc(text_.get(), size));
+    if (pGrown == nullptr) {
+        return false;
+    }
+    static_cast<void>(text_.Release());
+    text_.Reset(pGrown);
+    size_ = size;
+    return true;
+}
+
+ssize_t HexText::ReadFrom(int fd) {
+    char *pNew = text_.get() + length_;
+    const ssize_t count = read(fd, pNew, size_ - length_ - 1);
+    for (ssize_t i = 0; i < count; ++i) {
+        if (!IsSpace(pNew[i])) {
+            text_[length_++] = pNew[i];
+        }
+    }
+    return count;
+}
+
+}  // namespace
+}  // namespace talvek
+
+char *COM_ReadHexDataInStrFormat(int fd, int *pLength) {
+    talvek::HexText text;
+    for (;;) {
+        if (text.IsFull() && !text.Grow()) {
+            COMMON_LOG("REALLOC() failed : %s\n", strerror(errno));
+            return nullptr;
+        }
+        const ssize_t count = text.ReadFrom(fd);
+        if (count < 0) {
+            COMMON_LOG("read(%d) error : %s\n", fd, strerror(errno));
+            return nullptr;
+        }
+        if (count == 0) {
+            break;
+        }
+    }
+    if (pLength != nullptr) {
+        *pLength = static_cast<int>(text.length());
+    }
+    return text.Close();
+}

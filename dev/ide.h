@@ -1,0 +1,57 @@
+#ifndef TALVEK_DEV_IDE_H
+#define TALVEK_DEV_IDE_H
+
+/* Identity and health of disks that the kernel's IDE driver runs. It publishes the data of ATA
+ * IDENTIFY DEVICE and of SMART READ DATA as hexadecimal text in /proc/ide/<name>/identify and
+ * /proc/ide/<name>/smart_values (Linux up to 5.13, drivers/ide/ide-proc.c and ide-disk_proc.c). */
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Bytes for the texts of an identity, the NUL counted. */
+#define DEV_IDE_SERIAL_SIZE 21
+#define DEV_IDE_FIRMWARE_SIZE 9
+#define DEV_IDE_MODEL_SIZE 41
+
+/* SMART attribute of the drive's temperature. */
+#define DEV_SMART_TEMPERATURE 0xC2
+
+/* One SMART attribute. */
+typedef struct tSmartAttr {
+    uint8_t id;    /* which one; set by the caller */
+    uint8_t value; /* its first raw byte */
+} tSmartAttr;
+
+/* Reads a disk's serial number, firmware revision and model (ATA IDENTIFY DEVICE, words 10-19,
+ * 23-26 and 27-46).
+ *
+ *   pDevPath           only its last component counts: "/dev/hda" and "hda" are the same
+ *   pSerial            DEV_IDE_SERIAL_SIZE bytes, or NULL
+ *   pFwRev             DEV_IDE_FIRMWARE_SIZE bytes, or NULL
+ *   pModel             DEV_IDE_MODEL_SIZE bytes, or NULL
+ *
+ * The texts keep the blanks that fill them up. Returns 0, or -1 with the outputs as they were: no
+ * output given, no such disk, or too few data. */
+int Dev_GetDevIdentify(const char *pDevPath, char *pSerial, char *pFwRev, char *pModel);
+
+/* Dev_GetDevIdentify for the disk that is mounted on a directory (Dev_GetDevViaMount). A partition
+ * mounted there stands for its disk: "/dev/hda1" for "hda". Returns 0 or -1. */
+int Dev_GetIDViaMount(const char *pMountPoint, char *pSerial, char *pFwRev, char *pModel);
+
+/* Reads one SMART attribute of a disk.
+ *
+ *   pDevPath  only its last component counts
+ *   pAttr     id says which; value receives the first raw byte
+ *
+ * An id of 0 finds the first empty entry. Returns 0, or -1 with the value as it was when the disk
+ * has no such attribute or there is no such disk. */
+int Dev_GetSmartValue(const char *pDevPath, tSmartAttr *pAttr);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
