@@ -55,8 +55,8 @@ int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int len);
  *   ringSize  size of the ring in bytes; below 1, pRing is a plain buffer without a wrap
  *   len       bytes to save, at most ringSize
  *
- * Partial writes are continued. A file that exists must belong to the caller, or the caller be
- * privileged (O_NOATIME).
+ * Partial writes are continued; the thousandth write in a row that takes nothing counts as failed
+ * (EIO). A file that exists must belong to the caller, or the caller be privileged (O_NOATIME).
  *
  * Returns 0 when all were written; also, with the write's failure logged, when nothing of a piece
  * that does not wrap could be written. 1 when some were written (logged). -1 when the file cannot

@@ -26,14 +26,13 @@ constexpr size_t kAppendBlock = 4096;
 constexpr size_t kCopyPathSize = 128;
 constexpr mode_t kNewDirMode = 0755;
 
-// Makes the directory in which a path lies. A path that does not fit the scratch is left alone: its
-// cut form would name some other directory.
+// Makes the directory in which a path lies. Of a path that does not fit the scratch, the directory
+// of its cut form is made: the same one or one on the way to it.
 template <size_t kSize>
 void MakeParentDir(const char *pPath) {
     char scratch[kSize];
-    if (snprintf(scratch, kSize, "%s", pPath) < static_cast<int>(kSize)) {
-        COM_Mkdir(dirname(scratch), kNewDirMode);
-    }
+    snprintf(scratch, kSize, "%s", pPath);
+    COM_Mkdir(dirname(scratch), kNewDirMode);
 }
 
 UniqueFd OpenCopy(const char *pDst) {

@@ -12,9 +12,9 @@ extern "C" {
 
 /* Copies a file.
  *
- *   pDst  made or emptied. A missing directory is made (mode 0755) when pDst has at most 127
- *         characters. Must not be the same file as pSrc, which would be emptied. It is emptied also
- *         when pSrc cannot be opened.
+ *   pDst  made or emptied, also when pSrc cannot be opened. A missing directory is made (mode 0755)
+ *         when its own path has at most 125 characters; a longer one is made in part and the copy
+ *         fails. Must not be the same file as pSrc, which would be emptied.
  *   pSrc  the file to copy
  *
  * Both files must belong to the caller, or the caller be privileged (O_NOATIME, else EPERM). Mode,

@@ -239,6 +239,13 @@ TEST(GetFileContent, WritesNothingWithoutABuffer) {
 
 TEST(GetFileContent, EndsOnAFileWithoutEnd) {
     EXPECT_EQ("", Read("/dev/zero", 16));
+    const std::string block(255, '\n');
+    std::string content;
+    for (int i = 0; i < 4095; ++i) {
+        content += block;
+    }
+    EXPECT_EQ("8080", Content(content + "8080\n", 16));
+    EXPECT_EQ("", Content(content + block + "8080\n", 16));
 }
 
 TEST(SetFileContent, ReplacesTheContent) {
@@ -541,6 +548,27 @@ TEST(SaveRingBufDataIntoFile, RefusesWhatTheKernelRefuses) {
         }));
 }
 
+// Only the owner of a file and privileged processes may ask for O_NOATIME.
+TEST(SaveRingBufDataIntoFile, NeedsAFileOfItsOwn) {
+    RunInPrivateWorld(
+        kMounts,
+        [] {
+            MountTmpfs("/mnt", "mode=777");
+            WriteFile("/mnt/other", "x");
+            ASSERT_EQ(0, chmod("/mnt/other", 0666));
+            ASSERT_EQ(0, setuid(65534));
+            EXPECT_EQ(Lines{"COMMON:COM_SaveRingBufDataIntoFile(): open(/mnt/other) fail : "
+                            "Operation not permitted"},
+                      CaptureLog([] {
+                          EXPECT_EQ(-1, COM_SaveRingBufDataIntoFile("/mnt/other", "y", 0, 0, 1));
+                          EXPECT_EQ(0, COM_SaveRingBufDataIntoFile("/mnt/mine", "y", 0, 0, 1));
+                          EXPECT_EQ(0, COM_SaveDataIntoFile("/mnt/other", "z", 1));
+                      }));
+            EXPECT_EQ("z", ReadFile("/mnt/other"));
+        },
+        true);
+}
+
 TEST(LoadDataFromFile, TellsHowMuchThereWas) {
     const TempDir dir;
     const std::string path = dir / "file";
@@ -762,6 +790,22 @@ TEST(SetUnitInfo, CountsTheFailures) {
         EXPECT_EQ("harbour", ReadFile("/etc/Proj"));
         EXPECT_EQ("unit-5", ReadFile("/etc/hostname"));
         EXPECT_EQ(-1, COM_SetUnitInfo(nullptr));
+    });
+}
+
+TEST(SetUnitInfo, GoesOnBehindEveryFailureInOrder) {
+    RunInPrivateWorld(kMounts | kHostname, [] {
+        FreshEtc();
+        Lines expected;
+        for (const char *name : {"Model", "Proj", "hostname", "Note"}) {
+            const std::string path = std::string{"/etc/"} + name;
+            EXPECT_EQ(0, mkdir(path.c_str(), 0700));
+            expected.push_back("COMMON:COM_SetFileContent(): open(" + path +
+                               ") error : Is a directory");
+        }
+        const tUnitInfo info = {"R-100", "harbour", "unit-5", "deck 3"};
+        EXPECT_EQ(expected, CaptureLog([&] { EXPECT_EQ(-3, COM_SetUnitInfo(&info)); }))
+            << "the host name's file does not count";
     });
 }
 

@@ -151,22 +151,35 @@ TEST(CopyFile, MakesTheMissingDirectory) {
     EXPECT_EQ(mode_t{S_IFDIR | 0755}, ModeOf(dir / "a/b/c"));
 }
 
-// A destination of 127 characters fits the scratch with its NUL.
-TEST(CopyFile, MakesTheMissingDirectoryOfPathsUpTo127Characters) {
+TEST(CopyFile, MakesTheMissingDirectoryOfALongFileName) {
     const TempDir dir;
     WriteFile(dir / "src", "x");
-    for (const size_t length : {126, 127, 128, 129}) {
+    for (const size_t length : {126, 127, 128, 129, 255}) {
         const std::string parent = dir / std::to_string(length);
         const std::string path = parent + "/" + std::string(length - parent.size() - 1, 'f');
         ASSERT_EQ(length, path.size());
-        if (length <= 127) {
+        EXPECT_EQ(Lines{}, CaptureLog([&] { EXPECT_EQ(0, Copy(path, dir / "src")); }));
+        EXPECT_EQ("x", ReadFile(path));
+    }
+}
+
+// The scratch holds 127 characters: the directory, its slash and one more.
+TEST(CopyFile, MakesTheMissingDirectoryOfUpTo125Characters) {
+    const TempDir dir;
+    WriteFile(dir / "src", "x");
+    for (const size_t length : {124, 125, 126, 127, 128}) {
+        const std::string above = dir / std::to_string(length);
+        const std::string parent = above + "/" + std::string(length - above.size() - 1, 'd');
+        ASSERT_EQ(length, parent.size());
+        const std::string path = parent + "/name";
+        if (length <= 125) {
             EXPECT_EQ(Lines{}, CaptureLog([&] { EXPECT_EQ(0, Copy(path, dir / "src")); }));
             EXPECT_EQ("x", ReadFile(path));
         } else {
             EXPECT_EQ(Lines{"COMMON:COM_CopyFile(): open(" + path +
                             ") failed : No such file or directory"},
                       CaptureLog([&] { EXPECT_EQ(-1, Copy(path, dir / "src")); }));
-            EXPECT_FALSE(std::filesystem::exists(parent)) << "no directory of a cut name";
+            EXPECT_TRUE(std::filesystem::is_empty(above)) << "no directory of a cut name";
         }
     }
 }
@@ -207,10 +220,16 @@ TEST(CopyFile, NeedsFilesOfItsOwn) {
             MountTmpfs("/mnt", "mode=777");
             WriteFile("/mnt/src", "x");
             ASSERT_EQ(0, chmod("/mnt/src", 0644));
+            WriteFile("/mnt/other", "x");
+            ASSERT_EQ(0, chmod("/mnt/other", 0666));
             ASSERT_EQ(0, setuid(65534));
             EXPECT_EQ(Lines{"COMMON:COM_CopyFile(): open(pSrv : /mnt/src) failed : Operation not "
                             "permitted"},
                       CaptureLog([] { EXPECT_EQ(-1, COM_CopyFile("/mnt/dst", "/mnt/src")); }));
+            WriteFile("/mnt/mine", "x");
+            EXPECT_EQ(Lines{"COMMON:COM_CopyFile(): open(/mnt/other) failed : Operation not "
+                            "permitted"},
+                      CaptureLog([] { EXPECT_EQ(-1, COM_CopyFile("/mnt/other", "/mnt/mine")); }));
         },
         true);
 }
@@ -321,6 +340,10 @@ TEST(CopyAndLink, FailsOnPathsThatCannotBeExamined) {
                   EXPECT_EQ(-1, COM_CopyAndLink(nullptr, (dir / "file").c_str()));
               }));
     EXPECT_EQ("content", ReadFile(dir / "file"));
+    const std::string none = dir / "none";
+    EXPECT_EQ(
+        Lines{"COMMON:COM_CreateSymbolLink(): symlink((null), " + none + ") fail : Bad address"},
+        CaptureLog([&] { EXPECT_EQ(-1, COM_CopyAndLink(nullptr, none.c_str())); }));
 }
 
 TEST(CopyAndLink, AFailedCopyKeepsTheFile) {
@@ -407,6 +430,12 @@ TEST(AppendFileToFile, ReportsAFullDevice) {
                         "] -> [/mnt/dst] : write(4096, 904) failed : No space left on device"},
                   CaptureLog([&] { EXPECT_EQ(-1, Append("/mnt/dst", src)); }));
         EXPECT_EQ(Bytes(4096), ReadFile("/mnt/dst")) << "what was appended before stays";
+        // A block that is taken in part has no error of its own.
+        WriteFile("/mnt/dst", "head");
+        EXPECT_EQ(Lines{"COMMON:COM_AppendFileToFile(): [" + src +
+                        "] -> [/mnt/dst] : write(0, 4096) failed : Success"},
+                  CaptureLog([&] { EXPECT_EQ(-1, Append("/mnt/dst", src)); }));
+        EXPECT_EQ("head" + Bytes(4092), ReadFile("/mnt/dst"));
     });
 }
 

@@ -69,7 +69,7 @@ class Sleeper {
 
 TEST(CheckProcExist, FindsAProcessByAPartOfItsName) {
     RunInPrivateWorld(kPids, [] {
-        EXPECT_EQ(-1, COM_CheckProcExist("exported"));
+        EXPECT_EQ(-1, COM_CheckProcExist("exportd"));
         Sleeper sleeper{"/opt/exportd"};
         EXPECT_EQ(0, COM_CheckProcExist("exportd"));
         EXPECT_EQ(0, COM_CheckProcExist("/opt/ex"));
@@ -170,13 +170,28 @@ TEST(DecodeHexEscape, CopiesWhatIsNoEscape) {
 }
 
 TEST(DecodeHexEscape, StaysInsideEveryTruncatedText) {
-    const std::string text = "a=3D=4=41=\r\n=zz=e4=";
-    const std::string whole = Decode(text);
-    for (size_t length = 0; length < text.size(); ++length) {
-        const std::string part = Decode(text.substr(0, length));
-        EXPECT_LE(part.size(), length);
-        EXPECT_EQ(whole.substr(0, 2),
-                  part.size() < 2 || length < 4 ? whole.substr(0, 2) : part.substr(0, 2));
+    const std::string text = "a=3D=4=41=\r\n=z=e4";
+    const char *const expected[] = {"",
+                                    "a",
+                                    "a=",
+                                    "a=3",
+                                    "a=",
+                                    "a==",
+                                    "a==4",
+                                    "a==4=",
+                                    "a==4=4",
+                                    "a==4A",
+                                    "a==4A=",
+                                    "a==4A=\r",
+                                    "a==4A=\r\n",
+                                    "a==4A=\r\n=",
+                                    "a==4A=\r\n=z",
+                                    "a==4A=\r\n=z=",
+                                    "a==4A=\r\n=z=e",
+                                    "a==4A=\r\n=z\xE4"};
+    ASSERT_EQ(text.size() + 1, sizeof expected / sizeof expected[0]);
+    for (size_t length = 0; length <= text.size(); ++length) {
+        EXPECT_EQ(expected[length], Decode(text.substr(0, length))) << length;
     }
 }
 

@@ -277,6 +277,21 @@ TEST(GetPciDevice, CountsMatchingLinesAndSaysSo) {
     });
 }
 
+// Lines are read in pieces of 255 characters.
+TEST(GetPciDevice, StaysInsideLongLines) {
+    WithProcFile("/proc/bus/pci/devices", "", [] {
+        CaptureLog([] {
+            for (const size_t before : {250, 251, 252, 253, 254, 255, 256}) {
+                WriteFile("/proc/bus/pci/devices", std::string(before, '.') + "ehci\n");
+                const bool cut = before > 251 && before < 255;
+                EXPECT_EQ(cut ? 0 : 1, COM_GetPciDevice("ehci")) << before;
+            }
+            WriteFile("/proc/bus/pci/devices", "ehci" + std::string(300, '.') + "ehci\n");
+            EXPECT_EQ(2, COM_GetPciDevice("ehci")) << "each piece counts";
+        });
+    });
+}
+
 TEST(GetPciDevice, SaysSoWithoutAPatternToo) {
     EXPECT_EQ((Lines{"COMMON:COM_GetPciDevice(): Warnning!! (*pBuf != NULL)",
                      "COMMON: Total -1 devices((null)) found on \"/proc/bus/pci/devices\""}),
