@@ -40,8 +40,9 @@ int COM_GetPciDeviceId(const char *pPattern, uint32_t *pIds, int max);
 /* Counts the lines (255 bytes) of /proc/bus/pci/devices that contain a text anywhere, in upper or
  * lower case, and logs the result. In the kernel's lines the driver's name stands at about that
  * place: a text that the end of the 255 bytes cuts in two is not found (COM_GetPciDeviceId reads
- * the line whole). Returns the count; -1 when pPattern is NULL (logged) or the file cannot be
- * opened. */
+ * the line whole).
+ *
+ * Returns the count; -1 when pPattern is NULL (logged) or the file cannot be opened. */
 int COM_GetPciDevice(const char *pPattern);
 
 /* The name of a device, with its NUL. */
