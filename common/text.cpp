@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <limits.h>
+#include <pthread.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -12,6 +13,7 @@
 
 #include "common/internal/case_search.h"
 #include "common/internal/module_log.h"
+#include "common/internal/scope_exit.h"
 
 namespace talvek {
 namespace {
@@ -185,15 +187,22 @@ class Rewrite {
             spare_ = true;
             return needed + needed / 2;
         }
+        if (TryReallocate(needed)) {
+            return needed;
+        }
         // The text is never left half replaced: the block is asked for until it is there.
         // Held by ReplaceStrFault.TriesAgainUntilTheBlockGrows.
-        while (!TryReallocate(needed)) {
+        // Who cancels the thread here would lose the block, which may have moved already.
+        int before = PTHREAD_CANCEL_ENABLE;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+        const ScopeExit restore{[before] { pthread_setcancelstate(before, nullptr); }};
+        do {
             COMMON_LOG_AS("COM_ReplaceStr", "REALLOC(%d) failed\n", static_cast<int>(needed));
             // A shortage ends when someone else releases memory; until then neither the processor
             // nor the log is flooded.
-            const struct timespec pause = {0, 10 * 1000 * 1000};
+            const struct timespec pause = {0, 10'000'000};
             nanosleep(&pause, nullptr);
-        }
+        } while (!TryReallocate(needed));
         return needed;
     }
 

@@ -115,7 +115,8 @@ int COM_GetTwoNumbers(const char *pBuf, int len, int *pFirst, int *pSecond);
  *   pNew  what to put there
  *
  * pNew must not contain pOld: the call would replace for ever. pOld and pNew must not lie in the
- * block. When the block cannot grow, that is logged and tried again until it can.
+ * block. When the block cannot grow, that is logged and tried again until it can; the thread cannot
+ * be cancelled meanwhile.
  *
  * Returns the block, which the caller goes on to own; pBuf as it was when it is NULL or another
  * argument is. */

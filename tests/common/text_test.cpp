@@ -27,7 +27,8 @@ using Lines = std::vector<std::string>;
 // The rule itself: every start in turn.
 const char *SearchByTheRule(const char *pSrc, const char *pKey) {
     const size_t keySize = strlen(pKey);
-    for (const char *at = pSrc; strlen(at) >= keySize; ++at) {
+    const char *end = pSrc + strlen(pSrc);
+    for (const char *at = pSrc; static_cast<size_t>(end - at) >= keySize; ++at) {
         if (strncasecmp(at, pKey, keySize) == 0) {
             return at;
         }
