@@ -32,8 +32,8 @@ Lines LogOfASendThatFailsAt(const char *pCall, const char *pIfName, int result) 
 
 void MakeLink() {
     RunCommand(
-        "ip link add near0 type veth peer name far0 && ip link set near0 up"
-        " && ip link set far0 up");
+        "ip link add near0 type veth peer name far0 && ip link set far0 up"
+        " && ip link set near0 up");
 }
 
 TEST(SendUdpPackageFault, LogsEachCallThatFails) {

@@ -1,6 +1,7 @@
 #include "common/udp_broadcast.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/ethernet.h>
 #include <net/if.h>
@@ -23,6 +24,50 @@
 
 namespace {
 
+// What the socket of a send was and where it was to send, seen at the call itself.
+struct Sending {
+    int type = 0;
+    int broadcast = 0;
+    int descriptorFlags = 0;
+    int flags = 0;
+    sockaddr_ll bound = {};
+    sockaddr_ll to = {};
+    socklen_t toSize = 0;
+};
+thread_local Sending g_sending;
+
+int Option(int fd, int name) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    EXPECT_EQ(0, getsockopt(fd, SOL_SOCKET, name, &value, &size));
+    return value;
+}
+
+}  // namespace
+
+extern "C" {
+ssize_t __real_sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to,
+                      socklen_t toSize);
+ssize_t __wrap_sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to,
+                      socklen_t toSize);
+
+ssize_t __wrap_sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to,
+                      socklen_t toSize) {
+    g_sending = {};
+    g_sending.type = Option(fd, SO_TYPE);
+    g_sending.broadcast = Option(fd, SO_BROADCAST);
+    g_sending.descriptorFlags = fcntl(fd, F_GETFD);
+    g_sending.flags = flags;
+    socklen_t boundSize = sizeof g_sending.bound;
+    EXPECT_EQ(0, getsockname(fd, reinterpret_cast<sockaddr *>(&g_sending.bound), &boundSize));
+    memcpy(&g_sending.to, to, std::min<size_t>(toSize, sizeof g_sending.to));
+    g_sending.toSize = toSize;
+    return __real_sendto(fd, data, size, flags, to, toSize);
+}
+}
+
+namespace {
+
 using talvek::test::CaptureLog;
 using talvek::test::GuardedCopy;
 using talvek::test::kNetwork;
@@ -38,12 +83,13 @@ constexpr uint16_t kTo = 40002;
 constexpr size_t kLinkHeader = 14;
 
 // Two ends of a link: frames sent from "near0" arrive at "far0", whose hardware address is
-// 02:00:00:00:00:02. Neither has an IPv4 address.
+// 02:00:00:00:00:02. Neither has an IPv4 address. The sender's end goes up last: it finds its peer
+// there and can send at once.
 void MakeLink(int mtu) {
     const std::string size = std::to_string(mtu);
     RunCommand("ip link add near0 address 02:00:00:00:00:01 mtu " + size +
                " type veth peer name far0 address 02:00:00:00:00:02 mtu " + size +
-               " && ip link set near0 up && ip link set far0 up");
+               " && ip link set far0 up && ip link set near0 up");
 }
 
 uint32_t Quad(const char *pText) {
@@ -184,6 +230,30 @@ TEST(SendUdpPackage, PicksTheLinkDestinationByMode) {
             EXPECT_EQ(LinkHeader(c.link) + Packet("0.0.0.0", "239.255.255.250", "x"), far.Next())
                 << c.mode;
         }
+    });
+}
+
+TEST(SendUdpPackage, SendsFromABoundSocketThatMayBroadcast) {
+    RunInPrivateWorld(kNetwork, [] {
+        MakeLink(1500);
+        const int index = static_cast<int>(if_nametoindex("near0"));
+        EXPECT_EQ(0, Send("near0", 1, "0.0.0.0", "239.255.255.250", "x"));
+        EXPECT_EQ(SOCK_DGRAM, g_sending.type);
+        EXPECT_EQ(1, g_sending.broadcast);
+        EXPECT_EQ(FD_CLOEXEC, g_sending.descriptorFlags);
+        EXPECT_EQ(MSG_NOSIGNAL, g_sending.flags);
+        EXPECT_EQ(AF_PACKET, g_sending.bound.sll_family);
+        EXPECT_EQ(htons(0x0800), g_sending.bound.sll_protocol);
+        EXPECT_EQ(index, g_sending.bound.sll_ifindex);
+        EXPECT_EQ(sizeof(sockaddr_ll), g_sending.toSize);
+        EXPECT_EQ(AF_PACKET, g_sending.to.sll_family);
+        EXPECT_EQ(htons(0x0800), g_sending.to.sll_protocol);
+        EXPECT_EQ(index, g_sending.to.sll_ifindex);
+        EXPECT_EQ(0, g_sending.to.sll_hatype);
+        EXPECT_EQ(0, g_sending.to.sll_pkttype);
+        EXPECT_EQ(6, g_sending.to.sll_halen);
+        EXPECT_EQ(-1, Send(nullptr, 1, "0.0.0.0", "239.255.255.250", "x"));
+        EXPECT_EQ(0, g_sending.to.sll_ifindex);
     });
 }
 
@@ -348,7 +418,7 @@ TEST(SendUdpPackage, CountsFifteenCharactersOfAName) {
     RunInPrivateWorld(kNetwork, [] {
         RunCommand(
             "ip link add abcdefghijklmno type veth peer name far0"
-            " && ip link set abcdefghijklmno up && ip link set far0 up");
+            " && ip link set far0 up && ip link set abcdefghijklmno up");
         const Catcher far{"far0"};
         EXPECT_EQ(0, COM_SendUdpBroadcast("abcdefghijklmno", 1, 2, "1", 1));
         EXPECT_EQ('1', far.Next().back());
