@@ -169,6 +169,16 @@ TEST(Mac, IsZeroInTheFlagsFormForAnUnknownInterface) {
     }
 }
 
+TEST(Mac, IsZeroWithoutAName) {
+    EXPECT_EQ((Lines{"COMMON:COM_GetMAC(): ioctl(SIOCGIFHWADDR) for (null) got error : No such "
+                     "device"}),
+              CaptureLog([] {
+                  const Answer answer = Ask(COM_GetMAC, 4, nullptr, 18);
+                  EXPECT_EQ(Text("00:00:00:00:00:00"), answer.bytes);
+                  EXPECT_EQ(-1, answer.result);
+              }));
+}
+
 TEST(Mac, RefusesFlagsOfOtherEntries) {
     for (const uint32_t flag : {11U, 20U, 44U, UINT32_MAX}) {
         const CanaryBuf out{18};
@@ -283,6 +293,21 @@ TEST(ArpMac, TakesTheFirstWholeLineOfTheNeighbour) {
         // A line is read in pieces of at most 255 characters: the second piece counts as a line.
         EXPECT_EQ("01:02:03:04:05:06",
                   ArpAnswer(std::string(255, ' ') + "a 0x1 0x2 01:02:03:04:05:06\n", "a"));
+    });
+}
+
+// 256 bytes a line with the NUL: the 256th character begins the next line.
+TEST(ArpMac, ReadsLongLinesInPieces) {
+    RunInPrivateWorld(kMounts, [] {
+        ReplaceDir("/proc");
+        const std::string entry = "a 0x1 0x2 01:02:03:04:05:66";
+        const auto padded = [&](size_t size) {
+            return std::string(size - entry.size(), ' ') + entry;
+        };
+        EXPECT_EQ("01:02:03:04:05:66", ArpAnswer(padded(254), "a"));
+        EXPECT_EQ("01:02:03:04:05:66", ArpAnswer(padded(255), "a"));
+        EXPECT_EQ("01:02:03:04:05:06", ArpAnswer(padded(256), "a"));
+        EXPECT_EQ("01:02:03:04:05:00", ArpAnswer(padded(257), "a"));
     });
 }
 
@@ -619,6 +644,26 @@ TEST(RouteTable, HasLongInterfaceNamesCut) {
     });
 }
 
+// 256 bytes a line with the NUL: a mask whose last digit does not fit is none.
+TEST(RouteTable, IsReadInLinesOf255Characters) {
+    RunInPrivateWorld(kMounts, [] {
+        ReplaceDir("/proc");
+        const std::string start = "eth7\t00000000\t0101A8C0\t0003\t0\t0\t";
+        const std::string mask = "\t00000000";
+        for (size_t size = 254; size <= 256; ++size) {
+            const std::string metric(size - start.size() - mask.size(), '7');
+            WriteFile("/proc/net/route", start + metric + mask);
+            const bool fits = size <= 255;
+            char name[16];
+            EXPECT_EQ(fits ? 0 : -1, COM_GetDefaultRoute(name)) << size;
+            CaptureLog([&] {
+                ExpectAddress(COM_SubGetGateway, 31, "eth7", Form::kText,
+                              fits ? "192.168.1.1" : "0.0.0.0", fits ? 0 : -1);
+            });
+        }
+    });
+}
+
 // Columns of the default route's search stand between tabs alone; tabs ahead of a column count as
 // one.
 TEST(RouteTable, IsSplitAtTabsForTheDefaultRoute) {
@@ -789,6 +834,30 @@ TEST(DnsServer, ComesFromTheInterfacesOwnFileWhenThatIsKept) {
     });
 }
 
+// COM_GetNetInfo names the interface of the default route, or eth0, where the caller does not.
+TEST(DnsServer, IsThatOfTheDefaultRoutesInterfaceForAutoAndNull) {
+    RunInPrivateWorld(kNetwork, [] {
+        WritableRoot();
+        ASSERT_FALSE(HasFatalFailure());
+        FreshEtc();
+        WriteFile("/etc/resolv.conf", "nameserver 192.0.2.1\n");
+        for (const char *pPath : {"/etc/resolv.conf.wan", "/mtd1/resolv.conf.wan"}) {
+            WriteFile(pPath, "nameserver 192.0.2.2\n");
+        }
+        for (const char *pPath : {"/etc/resolv.conf.uplink", "/mtd1/resolv.conf.uplink"}) {
+            WriteFile(pPath, "nameserver 192.0.2.3\n");
+        }
+        MakeLink();
+        for (const char *pName : {static_cast<const char *>(nullptr), "auto"}) {
+            ExpectForms(kFirstServerForms, COM_GetNetInfo, pName, "192.0.2.2", 0);
+        }
+        RunCommand("ip addr add 10.8.0.5/24 dev far && ip route add default via 10.8.0.1");
+        for (const char *pName : {static_cast<const char *>(nullptr), "auto"}) {
+            ExpectForms(kFirstServerForms, COM_GetNetInfo, pName, "192.0.2.3", 0);
+        }
+    });
+}
+
 TEST(DnsServer, NamesTheGeneralFileInItsMessage) {
     RunInPrivateWorld(kMounts, [] {
         FreshEtc();
@@ -836,6 +905,15 @@ TEST(Mtu, EqualsWhatIpSays) {
                 EXPECT_EQ(MtuBytes(mtu), answer.bytes);
                 EXPECT_EQ(0, answer.result);
             }
+        }
+    });
+}
+
+TEST(Mtu, IsAnsweredForAnyFlag) {
+    RunInPrivateWorld(kNetwork, [] {
+        MakeLink();
+        for (const uint32_t flag : {0U, 42U, 44U, UINT32_MAX}) {
+            EXPECT_EQ(MtuBytes(1500), Ask(COM_GetMTU, flag, "eth0", 4).bytes);
         }
     });
 }
