@@ -67,7 +67,7 @@ enum NetFlag : uint32_t {
     kMtu = 43,
 };
 
-// COM_GetFileContent appends to what a buffer holds; the record's fields are cleared before.
+// COM_GetFileContent appends to what a buffer holds: the field must be empty.
 template <size_t kSize>
 int ReadField(const char *pPath, char (&field)[kSize]) {
     return COM_GetFileContent(pPath, field, static_cast<int>(kSize));
@@ -107,25 +107,28 @@ int COM_GetUnitNetInfo(tUnitNetInfo *pInfo, const char *pIfName) {
     if (pInfo == nullptr) {
         return -1;
     }
-    memset(pInfo, 0, offsetof(tUnitNetInfo, if_info_num));
+    // Filled apart from the caller's record, whose `dev` may be the name that is asked about.
+    // Held by UnitNetInfo.IsRefreshedUnderItsOwnInterface.
+    tUnitNetInfo unit = {};
     // Looked up once, so that the whole record is of one interface.
     char route[IFNAMSIZ];
     const char *pMeant = talvek::MeantInterface(pIfName, route);
-    int result = talvek::ReadField("/etc/Model", pInfo->model);
-    result += talvek::ReadField("/etc/Proj", pInfo->proj);
-    result += talvek::ReadHostName(pInfo->name);
-    result += COM_GetNetInfo(talvek::kAddressText, pMeant, pInfo->ip);
-    result += COM_GetPort(pInfo->port, sizeof pInfo->port);
-    result += COM_GetNetInfo(talvek::kNetmaskText, pMeant, pInfo->netmask);
-    result += COM_GetNetInfo(talvek::kGatewayText, pMeant, pInfo->gateway);
-    result += COM_GetNetInfo(talvek::kFirstNameServerText, pMeant, pInfo->dns);
-    result += COM_GetNetInfo(talvek::kColonMac, pMeant, pInfo->mac);
+    int result = talvek::ReadField("/etc/Model", unit.model);
+    result += talvek::ReadField("/etc/Proj", unit.proj);
+    result += talvek::ReadHostName(unit.name);
+    result += COM_GetNetInfo(talvek::kAddressText, pMeant, unit.ip);
+    result += COM_GetPort(unit.port, sizeof unit.port);
+    result += COM_GetNetInfo(talvek::kNetmaskText, pMeant, unit.netmask);
+    result += COM_GetNetInfo(talvek::kGatewayText, pMeant, unit.gateway);
+    result += COM_GetNetInfo(talvek::kFirstNameServerText, pMeant, unit.dns);
+    result += COM_GetNetInfo(talvek::kColonMac, pMeant, unit.mac);
     if (pIfName != nullptr) {
-        snprintf(pInfo->dev, sizeof pInfo->dev, "%s", pIfName);
+        snprintf(unit.dev, sizeof unit.dev, "%s", pIfName);
     }
     // A unit without a note is complete. Held by UnitNetInfo.IsCompleteWithoutANote.
-    talvek::ReadField("/etc/Note", pInfo->note);
-    result += COM_GetNetInfo(talvek::kMtu, pMeant, &pInfo->mtu);
+    talvek::ReadField("/etc/Note", unit.note);
+    result += COM_GetNetInfo(talvek::kMtu, pMeant, &unit.mtu);
+    memcpy(pInfo, &unit, offsetof(tUnitNetInfo, if_info_num));
     return result;
 }
 

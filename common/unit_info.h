@@ -31,7 +31,8 @@ typedef struct tUnitNetInfo {
 /* Fills a record with what this unit is.
  *
  *   pInfo    the record; its last two fields stay as they are, the others are written anew
- *   pIfName  interface asked about, as in COM_GetNetInfo (net_info.h); NULL leaves `dev` empty
+ *   pIfName  interface asked about, as in COM_GetNetInfo (net_info.h); `dev` takes its first 15
+ *            characters as given, "auto" too. NULL leaves `dev` empty. May be the record's own `dev`
  *
  * A file's text is cut to its field less one byte, as COM_GetFileContent (file_content.h) reads it;
  * that reader puts "unknown" where it fails, `port` then becomes "80", and `name` is "unknown"
@@ -53,7 +54,8 @@ int COM_Base64Value(char c);
 /* Decodes Base64 (RFC 4648, section 4). Characters outside the alphabet are passed over; the first
  * "=" or the NUL ends the text; an incomplete last group gives its complete bytes.
  *
- *   pDst   room for three quarters of the length of pText; no NUL is added. May be pText itself
+ *   pDst   room for three quarters of the length of pText, rounded down; no NUL is added. May be
+ *          pText itself
  *   pText  NUL-terminated
  *
  * Returns the number of bytes written, 0 for a NULL argument. */
