@@ -11,8 +11,9 @@
  *   - Failures are logged on standard output with the module name DNS and the function's own name.
  *   - A name is a NUL-terminated text: a host name, a dotted address or a mail address, of which
  *     only the text behind the first "@" counts.
- *   - A result array has room for 10 entries (80 bytes). Entries are written from the first on;
- * those behind the last one written are never cleared, so clear the array before a call.
+ *   - A result array has room for 10 entries (80 bytes). Entries are written from the first on and
+ *     those behind the last one written are never cleared: clear the array before a call, and look
+ *     at "valid" after it.
  *   - A time-out is in whole seconds for each single wait: 0 does not wait, a negative one stands
  *     for 20 seconds. A signal handler that interrupts a wait ends that wait as failed.
  *   - There is no state: each query opens and closes its own socket and /etc/resolv.conf is read
@@ -27,9 +28,9 @@
  *   - No retry over TCP: a truncated response (TC) is used as far as it goes, and a datagram is cut
  *     to 1023 bytes.
  *   - No walk through the answers record by record and no following of CNAME records. The first
- *     address stands behind the first two bytes 00 04 at offset 15 or later (an RDLENGTH of 4 in
- * the responses of usual servers) and each further one 16 bytes behind the one before, which holds
- *     for compressed owner names. Two bytes 00 04 elsewhere ahead of the address, in a time to live
+ *     address stands behind the first two bytes 00 04 at offset 15 or later (an RDLENGTH of 4, as
+ *     usual servers respond) and each further one 16 bytes behind the one before, which holds for
+ *     compressed owner names. Two bytes 00 04 elsewhere ahead of the address, in a time to live
  *     of 4 seconds say, are taken for that length. Each record of the answer count passes for an
  *     address: behind an alias, entries after the host's addresses hold bytes of what follows them.
  *   - Compression pointers are read by their low byte: names beyond offset 255 of a response are
@@ -69,12 +70,11 @@ extern "C" {
 
 /* One address found. */
 typedef struct tDnsAddrEntry {
-    uint8_t valid; /* 1: the entry holds an address, else 0 */
-    uint8_t
-        name_ofs; /* MX: low byte of the pointer to the exchanger's name in the response, else 0 */
+    uint8_t valid;      /* 1: the entry holds an address, else 0 */
+    uint8_t name_ofs;   /* MX: low byte of the pointer to the exchanger's name, else 0 */
     uint8_t preference; /* MX: low byte of the exchanger's preference, lowest first, else 0 */
-    uint8_t type;  /* 15: through an MX answer; 1: through an A answer or from a dotted address */
-    uint32_t addr; /* IPv4 address in network byte order */
+    uint8_t type;       /* 15: of an MX answer; 1: of an A answer or a dotted address */
+    uint32_t addr;      /* IPv4 address in network byte order */
 } tDnsAddrEntry;
 
 static_assert(sizeof(tDnsAddrEntry) == 8, "one result is 8 bytes");
@@ -94,10 +94,11 @@ static_assert(offsetof(tDnsAddrEntry, addr) == 4, "offset of addr");
  *   timeout      seconds for each wait
  *
  * The servers are asked in the order of the file, once each, until one answers.
- * Returns 0 when the last response held addresses, else the failure code of the last server, -1 or
- * -2. A name that no message can hold (more than 1006 bytes behind the "@") is logged as invalid
- * and is -1, and nothing is sent. Once the name was looked at as a dotted address, entry 0's addr
- * holds what inet_addr made of it, 255.255.255.255 for a name, until an answer is stored. */
+ * Returns 0 when the last response held addresses (were they all 0.0.0.0, no entry is valid), else
+ * the failure code of the last server, -1 or -2; -1 when there is no server. A name that no message
+ * can hold (more than 1006 bytes behind the "@") is logged as invalid and is -1, and nothing is
+ * sent. Once the name was looked at as a dotted address, entry 0's addr holds what inet_addr made
+ * of it, 255.255.255.255 for a name, until an answer is stored. */
 int DNS_GetA(const char *pDomainName, tDnsAddrEntry *pResult, int timeout);
 
 /* Finds the addresses of the mail exchangers of a domain, lowest preference first; where a server
@@ -185,7 +186,8 @@ int DNS_ParserA(const uint8_t *pResponse, int length, tDnsAddrEntry *pResult);
  *   pResult            10 entries; of more exchangers, those of the lowest preferences are stored
  *
  * A preference that would stand outside the response, or before its start, is 0. Returns 0, or -1,
- * with pResult as it was, when the additional section is empty or larger than the response. */
+ * with pResult as it was, when the additional section is empty or does not leave a byte of the
+ * response ahead of it. */
 int DNS_ParserMX(const uint8_t *pResponse, int length, tDnsAddrEntry *pResult);
 
 /* Tells whether a response to an MX query is worth a look: 0 when the low byte of its answer count
@@ -205,8 +207,8 @@ int DNS_CheckMXAnswer(const uint8_t *pResponse, int length, int queryLength);
  *
  * Bytes above 29 are characters, also those that are lengths of labels of 30 bytes and more; bytes
  * of 192 and more are pointers, of which the second byte alone is the target.
- * Returns the number of characters, or -1 when the name does not end: it leaves the response, its
- * pointers go round, or the text is full. pText then holds what came before. */
+ * Returns the number of characters without the NUL, or -1 when the name does not end: it leaves the
+ * response, its pointers go round, or the text is full. pText then holds what came before. */
 int DNS_ExpandPointer(const uint8_t *pResponse, int length, int offset, char *pText, int size);
 
 /* Comparator of two tDnsAddrEntry for qsort: preference of the first less that of the second. */

@@ -50,14 +50,15 @@ int main(int argc, char *argv[]) {
     memset(entries, 0, sizeof entries);
     const int result = strchr(pName, '@') != NULL ? DNS_GetMX(pName, entries, timeout)
                                                   : DNS_GetA(pName, entries, timeout);
-    if (result != 0) {
+    int found = 0;
+    for (int i = 0; i < DNS_MAX_ENTRIES && result == 0; ++i) {
+        if (entries[i].valid) {
+            PrintEntry(++found, &entries[i]);
+        }
+    }
+    if (found == 0) {
         fprintf(stderr, "%s: no address found\n", pName);
         return 1;
-    }
-    for (int i = 0; i < DNS_MAX_ENTRIES; ++i) {
-        if (entries[i].valid) {
-            PrintEntry(i + 1, &entries[i]);
-        }
     }
     return 0;
 }

@@ -80,6 +80,15 @@ TEST(Example, TellsFailures) {
     const Ended run = RunExample("localhost");
     EXPECT_EQ(1, run.status);
     EXPECT_NE(std::string::npos, run.output.find("localhost: no address found\n"));
+    RunWithResolvConf("nameserver 127.0.0.1\n", [] {
+        ScriptedServer server{
+            "127.0.0.1", [](const Bytes &query, int) -> std::vector<Bytes> {
+                return {Builder{query}.A(Builder::kAnswer, 12, "0.0.0.0").bytes()};
+            }};
+        const Ended zero = RunExample("www.ex.test");
+        EXPECT_EQ(1, zero.status) << "an answer without a valid entry";
+        EXPECT_EQ("www.ex.test: no address found\n", zero.output);
+    });
     for (const char *pArguments : {"", "-t x a.b", "-t -1 a.b", "-t 3", "a.b c.d"}) {
         EXPECT_EQ(2, RunExample(pArguments).status) << pArguments;
     }

@@ -587,6 +587,53 @@ TEST(SendMXQuery, DoesNotAskAgainForAddresses) {
     });
 }
 
+// Unlike the A exchange, this one has no look at the code of a name error.
+TEST(SendMXQuery, ReadsTheAnswersOfANameError) {
+    InNetwork([] {
+        ScriptedServer server{kServer, [](const Bytes &query, int nth) -> std::vector<Bytes> {
+                                  Bytes response = OneExchanger(query, nth)[0];
+                                  response[3] = 0x83;
+                                  return {response};
+                              }};
+        Outcome outcome = Ask(DNS_SendMXQuery, Socket(), 5);
+        EXPECT_EQ(0, outcome.result);
+        EXPECT_EQ(Address("10.0.0.1"), outcome.results[0].addr);
+        EXPECT_EQ(1u, server.Queries().size());
+    });
+}
+
+// The count of answers is byte 7: a shorter response has none, one of 8 bytes ends the attempts.
+TEST(SendMXQuery, AsksAgainForAResponseTooShortForACount) {
+    InNetwork([] {
+        for (const size_t size : {0, 7, 8}) {
+            ScriptedServer server{kServer, [size](const Bytes & /*query*/, int /*nth*/) {
+                                      return std::vector<Bytes>(1, Bytes(size, 0xFF));
+                                  }};
+            const Outcome outcome = Ask(DNS_SendMXQuery, Socket(), 5);
+            EXPECT_EQ(-1, outcome.result);
+            EXPECT_EQ(Lines{}, outcome.log);
+            EXPECT_TRUE(outcome.results.UntouchedFrom(0));
+            EXPECT_EQ(size < 8 ? 2u : 1u, server.Queries().size());
+        }
+    });
+}
+
+// The kernel tells a connected socket that nobody listens, at each attempt.
+TEST(SendMXQuery, AsksAgainWhenTheReceiveFails) {
+    InNetwork([] {
+        const int fd = Socket();
+        const struct sockaddr_in server = ServerAddress(kServer);
+        ASSERT_EQ(0,
+                  connect(fd, reinterpret_cast<const struct sockaddr *>(&server), sizeof server));
+        const Outcome outcome = Ask(DNS_SendMXQuery, fd, 20);
+        EXPECT_EQ(-1, outcome.result);
+        EXPECT_EQ(Lines(2, "DNS:DNS_SendMXQuery(): recvfrom() error : Connection refused"),
+                  outcome.log);
+        EXPECT_TRUE(outcome.results.UntouchedFrom(0));
+        EXPECT_GT(5000, outcome.ms);
+    });
+}
+
 TEST(SendMXQuery, WaitsTwiceTheSecondsTold) {
     InNetwork([] {
         const int fd = Socket();

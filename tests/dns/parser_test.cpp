@@ -457,7 +457,7 @@ TEST(ExpandPointer, EndsInARing) {
     EXPECT_EQ(15u, Expand({1, 'a', 0xC0, 0}, 0, 16).text.size());
 }
 
-// The longest way that ends: each offset that a pointer can name is the target once.
+// A long way that ends: 127 pointers, each at the one behind it.
 TEST(ExpandPointer, FollowsAChainOfPointersToItsEnd) {
     Bytes chain(256);
     for (size_t i = 0; i + 2 < 256; i += 2) {

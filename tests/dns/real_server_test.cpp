@@ -257,7 +257,7 @@ class RealServer {
         _exit(127);
     }
 
-    // Asks until the zone is there, ten seconds at the most.
+    // Asks until the zone is there, 500 times at the most.
     static bool Answers() {
         const struct sockaddr_in server = ServerAddress("127.0.0.1");
         const Bytes query = QueryFor("www.ex.test", DNS_TYPE_A);
