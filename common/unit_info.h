@@ -32,7 +32,7 @@ typedef struct tUnitNetInfo {
  *
  *   pInfo    the record; its last two fields stay as they are, the others are written anew
  *   pIfName  interface asked about, as in COM_GetNetInfo (net_info.h); `dev` takes its first 15
- *            characters as given, "auto" too. NULL leaves `dev` empty. May be the record's own `dev`
+ *            characters as given, "auto" too. NULL leaves `dev` empty. May be the `dev` of pInfo
  *
  * A file's text is cut to its field less one byte, as COM_GetFileContent (file_content.h) reads it;
  * that reader puts "unknown" where it fails, `port` then becomes "80", and `name` is "unknown"
