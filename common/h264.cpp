@@ -80,7 +80,7 @@ uint32_t CountLeadingZeros(uint32_t ahead) {
 uint32_t ReadCode(tH264BitReader &reader) {
     const uint32_t zeros = CountLeadingZeros(Ahead(reader));
     COM_H264SkipBits(&reader, zeros + 1);
-    return ReadBits(reader, zeros) + (uint32_t{1} << zeros);
+    return ReadBits(reader, zeros) + (uint32_t{1} << (zeros & 31));
 }
 
 bool IsHighProfile(uint32_t profile) {

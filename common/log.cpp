@@ -34,6 +34,15 @@ struct Origin {
 
 enum class Formatted { kOk, kNoMemory, kNoMemoryToGrow };
 
+// A list of arguments can be gone through once only, so each try has a copy.
+int FormatInto(char *pDst, size_t size, const char *pFormat, va_list args) {
+    va_list pass;
+    va_copy(pass, args);
+    const int length = vsnprintf(pDst, size, pFormat, pass);
+    va_end(pass);
+    return length;
+}
+
 // Formats into a block that grows to the message: once for up to 255 characters, twice for more.
 Formatted FormatMessage(HeapBuf<char> &message, const char *pFormat, va_list args) {
     size_t size = kFirstMessageSize;
@@ -42,10 +51,7 @@ Formatted FormatMessage(HeapBuf<char> &message, const char *pFormat, va_list arg
         return Formatted::kNoMemory;
     }
     for (;;) {
-        va_list pass;
-        va_copy(pass, args);
-        const int length = vsnprintf(message.get(), size, pFormat, pass);
-        va_end(pass);
+        const int length = FormatInto(message.get(), size, pFormat, args);
         if (length >= 0 && static_cast<size_t>(length) < size) {
             return Formatted::kOk;
         }

@@ -129,7 +129,7 @@ constexpr char kAdapterPrefix[] = "/dev/ttyUSB";
 constexpr char kAdapterTable[] = "/proc/tty/driver/usb-serial";
 constexpr char kAdapterTableOld[] = "/proc/tty/driver/usbserial";
 constexpr size_t kPortPathSize = 32;
-constexpr unsigned kAdapterMajor = 188;
+constexpr dev_t kAdapterMajor = 188;
 
 UniqueFile OpenAdapterTable() {
     constexpr const char *kEntry = "COM_GetSerialPort";

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -31,7 +32,7 @@ class PairText {
     // The byte of a pair; digits that are none end it.
     [[nodiscard]] uint8_t At(int pair) const {
         char digits[3];
-        snprintf(digits, sizeof digits, "%.*s", 2, text_.get() + pair * 2);
+        snprintf(digits, sizeof digits, "%.*s", 2, text_.get() + ptrdiff_t{pair} * 2);
         return static_cast<uint8_t>(strtoul(digits, nullptr, 16));
     }
 
