@@ -38,9 +38,8 @@ using talvek::test::Quiet;
 using talvek::test::RegisterPkg;
 using talvek::test::ResultPkg;
 using talvek::test::Take;
+using talvek::test::TakePkg;
 using talvek::test::TempDir;
-using talvek::test::U16;
-using talvek::test::U32;
 using Lines = std::vector<std::string>;
 
 // A daemon that does what a test tells it with each connection, in a thread.
@@ -76,12 +75,6 @@ class FakeDaemon {
     std::thread thread_;
 };
 
-// Takes a register package whole and returns it.
-std::string TakeRegister(int fd) {
-    const std::string header = Take(fd, 16);
-    return header + Take(fd, U16(header, 12) - 16u);
-}
-
 // The register reply as the daemon makes it, with a session number.
 std::string Echo(const std::string &request, uint32_t session) {
     Pkg reply;
@@ -93,9 +86,8 @@ std::string Echo(const std::string &request, uint32_t session) {
 
 // Takes registration and command, answering the first; returns the command package.
 std::string TakeCommand(int fd, uint32_t session = 0) {
-    Put(fd, Echo(TakeRegister(fd), session));
-    const std::string header = Take(fd, 16);
-    return header + Take(fd, U16(header, 12) - 16u);
+    Put(fd, Echo(TakePkg(fd), session));
+    return TakePkg(fd);
 }
 
 // The environment of this process while it lives.
@@ -123,7 +115,7 @@ TEST(Client, SendsTheEnvironmentInOrderThenTheCommand) {
     std::string first;
     std::string second;
     const FakeDaemon daemon{[&](int fd) {
-        first = TakeRegister(fd);
+        first = TakePkg(fd);
         EXPECT_TRUE(Quiet(fd, 10)) << "waits for the reply";
         Put(fd, Echo(first, 0x01020304));
         second = Take(fd, 16 + 8);
@@ -142,7 +134,7 @@ TEST(Client, SendsTheEnvironmentInOrderThenTheCommand) {
 
 TEST(Client, KeepsTheFirstBytesOfTheReplyInTheCommand) {
     const FakeDaemon daemon{[](int fd) {
-        TakeRegister(fd);
+        TakePkg(fd);
         Pkg reply;
         reply.byte0 = 0x81;
         reply.byte1 = 0x23;
@@ -173,7 +165,7 @@ TEST(Client, ReturnsWhateverStatusTheDaemonReports) {
 
 TEST(Client, TakesAResultInPlaceOfARegisterReply) {
     const FakeDaemon daemon{[](int fd) {
-        TakeRegister(fd);
+        TakePkg(fd);
         Put(fd, ResultPkg(12));
     }};
     EXPECT_EQ(12, daemon.Ask("true"));
@@ -182,7 +174,7 @@ TEST(Client, TakesAResultInPlaceOfARegisterReply) {
 TEST(Client, TakesRepliesInPiecesOfWhichTheFirstHoldsTheHeader) {
     const Environment environment{{"A=" + std::string(500, 'a')}};
     const FakeDaemon daemon{[](int fd) {
-        const std::string reply = Echo(TakeRegister(fd), 1);
+        const std::string reply = Echo(TakePkg(fd), 1);
         Put(fd, reply.substr(0, 16));
         for (size_t at = 16; at < reply.size(); at += 100) {
             usleep(2000);
@@ -198,7 +190,7 @@ TEST(Client, TakesRepliesInPiecesOfWhichTheFirstHoldsTheHeader) {
 
 TEST(Client, IgnoresWhatComesBehindAReply) {
     const FakeDaemon daemon{[](int fd) {
-        Put(fd, Echo(TakeRegister(fd), 0) + ResultPkg(9));
+        Put(fd, Echo(TakePkg(fd), 0) + ResultPkg(9));
         Take(fd, 21);
         Put(fd, ResultPkg(4) + "more");
     }};
@@ -232,7 +224,7 @@ std::string Sized(uint16_t type, int sz, const std::string &payload) {
 // Answers the registration with bytes and waits for the client to go.
 FakeDaemon::Script First(const std::string &bytes) {
     return [bytes](int fd) {
-        TakeRegister(fd);
+        TakePkg(fd);
         Put(fd, bytes);
         EXPECT_TRUE(AtEnd(fd)) << "the client has more to say";
     };
@@ -250,15 +242,15 @@ FakeDaemon::Script Second(const std::string &bytes) {
 std::vector<Lie> Lies() {
     return {
         {"ClosesAtOnce", [](int) {}},
-        {"ClosesAfterTheRegistration", [](int fd) { TakeRegister(fd); }},
+        {"ClosesAfterTheRegistration", [](int fd) { TakePkg(fd); }},
         {"ClosesInsideTheHeader",
          [](int fd) {
-             TakeRegister(fd);
+             TakePkg(fd);
              Put(fd, ResultPkg(0).substr(0, 15));
          }},
         {"ClosesInsideTheRegisterReply",
          [](int fd) {
-             TakeRegister(fd);
+             TakePkg(fd);
              Put(fd, Sized(1, 100, "A=1"));
          }},
         {"ClosesAfterTheCommand", [](int fd) { TakeCommand(fd); }},
@@ -309,7 +301,7 @@ INSTANTIATE_TEST_SUITE_P(All, ClientAndALie, ::testing::ValuesIn(Lies()),
 // The largest reply that is allowed.
 TEST(Client, TakesARegisterReplyOf1152Bytes) {
     const FakeDaemon daemon{[](int fd) {
-        TakeRegister(fd);
+        TakePkg(fd);
         Put(fd, Sized(1, 1152, std::string(1136, 'x')));
         EXPECT_EQ(Hex(CommandPkg("true")), Hex(Take(fd, 21)));
         Put(fd, ResultPkg(2));
@@ -320,7 +312,7 @@ TEST(Client, TakesARegisterReplyOf1152Bytes) {
 TEST(Client, SendsNothingMoreOnceTheDaemonHasGone) {
     signal(SIGPIPE, SIG_DFL);
     const FakeDaemon daemon{[](int fd) {
-        const std::string request = TakeRegister(fd);
+        const std::string request = TakePkg(fd);
         shutdown(fd, SHUT_RD);
         Put(fd, Echo(request, 0));
         usleep(10000);
@@ -348,7 +340,7 @@ std::string RegisterOf(const Lines &strings, Lines *pLog) {
     std::string request;
     const Environment environment{strings};
     const FakeDaemon daemon{[&](int fd) {
-        request = TakeRegister(fd);
+        request = TakePkg(fd);
         Put(fd, ResultPkg(0));
     }};
     *pLog = CaptureLog([&] { EXPECT_EQ(0, daemon.Ask("true")); });
@@ -399,7 +391,7 @@ TEST(Client, DoesWithoutAnEnvironment) {
     std::string request;
     {
         const FakeDaemon daemon{[&](int fd) {
-            request = TakeRegister(fd);
+            request = TakePkg(fd);
             Put(fd, ResultPkg(0));
         }};
         EXPECT_EQ(0, daemon.Ask("true"));

@@ -12,7 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <algorithm>
 #include <functional>
 #include <regex>
 #include <string>
@@ -22,7 +22,6 @@
 #include "service/support/program.h"
 #include "service/support/wire.h"
 #include "support/capture.h"
-#include "support/private_world.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -31,15 +30,15 @@ using namespace std::string_literals;
 using talvek::test::AtEnd;
 using talvek::test::Capture;
 using talvek::test::CommandPkg;
-using talvek::test::Eventually;
 using talvek::test::Hex;
 using talvek::test::LogLines;
 using talvek::test::Pkg;
 using talvek::test::Put;
 using talvek::test::Quiet;
-using talvek::test::ReadFile;
 using talvek::test::RegisterPkg;
 using talvek::test::ResultPkg;
+using talvek::test::SignalBits;
+using talvek::test::SignalMask;
 using talvek::test::Take;
 using talvek::test::TempDir;
 using talvek::test::U16;
@@ -510,29 +509,13 @@ TEST(Handler, TellsEveryFiveSecondsThatAClientIsSilent) {
     EXPECT_TRUE(std::regex_match(served.output, form)) << served.output;
 }
 
-// The bit of a signal in the SigIgn and SigBlk masks of /proc/<pid>/status.
-uint64_t Bit(int signal) {
-    return uint64_t{1} << (signal - 1);
-}
-
-uint64_t MaskIn(const std::string &path, const std::string &name) {
-    std::ifstream in{path};
-    for (std::string word; in >> word;) {
-        if (word == name) {
-            in >> word;
-            return std::stoull(word, nullptr, 16);
-        }
-    }
-    ADD_FAILURE() << name << " is not told in " << path;
-    return 0;
-}
-
 TEST(Handler, CommandsFindTheirSignalsAtDefault) {
     const TempDir dir;
     const std::string path = dir / "status";
     Serve([&](int fd) { EXPECT_EQ(0, Ask(fd, "cat /proc/self/status >" + path)); });
-    EXPECT_EQ(0u, MaskIn(path, "SigIgn:") & (Bit(SIGCHLD) | Bit(SIGPIPE)));
-    EXPECT_EQ(0u, MaskIn(path, "SigBlk:") & (Bit(SIGCHLD) | Bit(SIGPIPE)));
+    const uint64_t bits = SignalBits({SIGCHLD, SIGPIPE});
+    EXPECT_EQ(0u, SignalMask(path, "SigIgn:") & bits);
+    EXPECT_EQ(0u, SignalMask(path, "SigBlk:") & bits);
 }
 
 // Its output goes to this process's standard output, in order with the log.

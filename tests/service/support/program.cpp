@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -98,6 +99,7 @@ pid_t StartProgram(const Arguments &arguments, int out, const std::function<void
     if (child == 0) {
         dup2(out, STDOUT_FILENO);
         dup2(out, STDERR_FILENO);
+        close_range(3, ~0U, 0);  // what this process was started with is no affair of the program
         clearenv();
         setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
         if (prepare) {
@@ -107,6 +109,26 @@ pid_t StartProgram(const Arguments &arguments, int out, const std::function<void
         _exit(126);
     }
     return child;
+}
+
+uint64_t SignalMask(const std::string &path, const std::string &name) {
+    std::ifstream in{path};
+    for (std::string word; in >> word;) {
+        if (word == name) {
+            in >> word;
+            return std::stoull(word, nullptr, 16);
+        }
+    }
+    ADD_FAILURE() << name << " is not told in " << path;
+    return 0;
+}
+
+uint64_t SignalBits(std::initializer_list<int> signals) {
+    uint64_t bits = 0;
+    for (const int signal : signals) {
+        bits |= uint64_t{1} << (signal - 1);
+    }
+    return bits;
 }
 
 Outcome RunProgram(const Arguments &arguments, const std::function<void()> &prepare) {
@@ -119,14 +141,27 @@ Outcome RunProgram(const Arguments &arguments, const std::function<void()> &prep
 }
 
 int WaitFor(pid_t pid) {
+    constexpr int kPatienceMs = 20000;
     int status = -1;
-    const bool ended = Eventually([&] { return waitpid(pid, &status, WNOHANG) != 0; }, 20000);
+    const int handle = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    pollfd wait{handle, POLLIN, 0};
+    const bool ended = handle >= 0 ? poll(&wait, 1, kPatienceMs) == 1
+                                   : Eventually([pid] { return HasEnded(pid); }, kPatienceMs);
+    if (handle >= 0) {
+        close(handle);
+    }
     if (!ended) {
         ADD_FAILURE() << "process " << pid << " did not end";
         kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
     }
+    waitpid(pid, &status, 0);
     return status;
+}
+
+bool HasEnded(pid_t pid) {
+    siginfo_t ended = {};
+    const int result = waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT);
+    return result == -1 || ended.si_pid == pid;
 }
 
 bool Eventually(const std::function<bool()> &condition, int ms) {

@@ -1,9 +1,11 @@
 #ifndef TALVEK_TESTS_SERVICE_SUPPORT_PROGRAM_H
 #define TALVEK_TESTS_SERVICE_SUPPORT_PROGRAM_H
 
+#include <stdint.h>
 #include <sys/types.h>
 
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -31,8 +33,16 @@ pid_t StartProgram(const Arguments &arguments, int out, const std::function<void
 // Runs the program to its end.
 Outcome RunProgram(const Arguments &arguments, const std::function<void()> &prepare = {});
 
-// Waits for a process, at most 20 seconds (then it is killed); its wait status.
+// A mask in a copy of /proc/<pid>/status, such as "SigIgn:", and the bits that signals have there.
+uint64_t SignalMask(const std::string &path, const std::string &name);
+uint64_t SignalBits(std::initializer_list<int> signals);
+
+// Waits for a child, at most 20 seconds (then it is killed); its wait status, -1 when it has been
+// collected already.
 int WaitFor(pid_t pid);
+
+// Whether a child has ended; it can still be waited for.
+bool HasEnded(pid_t pid);
 
 // Waits for a condition, at most `ms`; whether it came.
 bool Eventually(const std::function<bool()> &condition, int ms = 10000);
@@ -73,7 +83,8 @@ class Daemon {
     // With logToPipe: closes the end that is read from.
     void CloseLog();
 
-    // Sends a signal and waits for the end; the wait status.
+    // Sends a signal and waits for the end; the wait status. A daemon that ends while its
+    // foreground process is still there leaves none.
     int Stop(int signal);
 
   private:

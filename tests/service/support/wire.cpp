@@ -5,7 +5,9 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace talvek::test {
@@ -27,9 +29,24 @@ sockaddr_un AddressOf(const std::string &path) {
     return address;
 }
 
+// Nothing here goes through the calls that tests make to fail (support/faults.cpp).
 bool Readable(int fd, int ms) {
     pollfd wait{fd, POLLIN, 0};
-    return poll(&wait, 1, ms) == 1;
+    const timespec time{ms / 1000, ms % 1000 * 1000000L};
+    return ppoll(&wait, 1, &time, nullptr) == 1;
+}
+
+ssize_t ReadSome(int fd, char *pBytes, size_t size) {
+    const iovec part{pBytes, size};
+    return readv(fd, &part, 1);
+}
+
+ssize_t WriteSome(int fd, const char *pBytes, size_t size) {
+    iovec part{const_cast<char *>(pBytes), size};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    return sendmsg(fd, &message, MSG_NOSIGNAL);
 }
 
 }  // namespace
@@ -103,7 +120,7 @@ std::string Hex(const std::string &bytes) {
 
 bool Put(int fd, const std::string &bytes) {
     for (size_t done = 0; done < bytes.size();) {
-        const ssize_t count = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        const ssize_t count = WriteSome(fd, bytes.data() + done, bytes.size() - done);
         if (count <= 0) {
             return false;
         }
@@ -116,7 +133,7 @@ std::string Take(int fd, size_t count) {
     std::string bytes(count, '\0');
     size_t done = 0;
     while (done < count && Readable(fd, kPatienceMs)) {
-        const ssize_t got = read(fd, bytes.data() + done, count - done);
+        const ssize_t got = ReadSome(fd, bytes.data() + done, count - done);
         if (got <= 0) {
             break;
         }
@@ -126,9 +143,15 @@ std::string Take(int fd, size_t count) {
     return bytes;
 }
 
+std::string TakePkg(int fd) {
+    const std::string header = Take(fd, 16);
+    const size_t size = U16(header, 12);
+    return size > header.size() ? header + Take(fd, size - header.size()) : header;
+}
+
 bool AtEnd(int fd) {
     char byte;
-    return Readable(fd, kPatienceMs) && read(fd, &byte, 1) <= 0;
+    return Readable(fd, kPatienceMs) && ReadSome(fd, &byte, 1) <= 0;
 }
 
 bool Quiet(int fd, int ms) {

@@ -40,6 +40,9 @@ bool Put(int fd, const std::string &bytes);
 // Reads exactly so many bytes, or what comes until the peer closes; waits at most 10 seconds.
 std::string Take(int fd, size_t count);
 
+// Reads one package, as its header says.
+std::string TakePkg(int fd);
+
 // Whether the peer has closed and nothing is left to read; waits at most 10 seconds.
 bool AtEnd(int fd);
 

@@ -1,0 +1,328 @@
+// The program as its users start it.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "service/support/program.h"
+#include "service/support/wire.h"
+#include "support/capture.h"
+#include "support/private_world.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using talvek::test::Arguments;
+using talvek::test::Daemon;
+using talvek::test::Eventually;
+using talvek::test::Outcome;
+using talvek::test::ReadFile;
+using talvek::test::RunProgram;
+using talvek::test::TempDir;
+using Lines = std::vector<std::string>;
+
+TEST(CommandLine, WithoutAModeTellsSoAndReturnsZero) {
+    for (const Arguments &arguments :
+         {Arguments{}, Arguments{"-f", "true"}, Arguments{"-s", "/tmp/x"}, Arguments{"word"}}) {
+        const Outcome outcome = RunProgram(arguments);
+        EXPECT_EQ(0, outcome.exitStatus());
+        EXPECT_EQ((Lines{"TALVEK: Unknown mode[0]"}), outcome.lines());
+    }
+}
+
+TEST(CommandLine, PassesOverUnknownOptions) {
+    const Outcome outcome =
+        RunProgram({"-x", "-D", "-C", "--", "-D"}, [] { dup2(STDOUT_FILENO, STDERR_FILENO); });
+    const Lines lines = outcome.lines();
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_NE(std::string::npos, lines[0].find("invalid option -- 'x'"));
+    EXPECT_EQ("TALVEK: Client Mode - [/var/run/TALVEK][]", lines[1]);
+}
+
+TEST(CommandLine, ClientWithoutADaemonEndsWith255) {
+    const TempDir dir;
+    const std::string path = dir / "nobody";
+    const Outcome outcome = RunProgram({"-C", "-f", "true", "-s", path});
+    EXPECT_EQ(255, outcome.exitStatus());
+    EXPECT_EQ((Lines{"TALVEK: Client Mode - [" + path + "][true]",
+                     "TALVEK: connect(" + path + ", " + std::to_string(path.size() + 2) +
+                         ") failed : No such file or directory"}),
+              outcome.lines());
+}
+
+TEST(CommandLine, OptionsStandInAnyOrder) {
+    const Daemon daemon;
+    const std::string &path = daemon.socket();
+    for (const Arguments &arguments :
+         {Arguments{"-C", "-f", "exit 3", "-s", path}, Arguments{"-s", path, "-f", "exit 3", "-C"},
+          Arguments{"-fexit 3", "-C", "-s" + path}, Arguments{"-Cfexit 3", "-s", path},
+          Arguments{"-f", "exit 4", "-f", "exit 3", "-s", "/nowhere", "-s", path, "-C"},
+          Arguments{"word", "-C", "word", "-f", "exit 3", "-s", path, "word"},
+          Arguments{"-D", "-C", "-f", "exit 3", "-s", path}}) {
+        const Outcome outcome = RunProgram(arguments);
+        EXPECT_EQ(3, outcome.exitStatus());
+        EXPECT_EQ((Lines{"TALVEK: Client Mode - [" + path + "][exit 3]"}), outcome.lines());
+    }
+}
+
+TEST(CommandLine, TheLastModeWins) {
+    const TempDir dir;
+    // A daemon that cannot bind ends at once.
+    const std::string path = dir / "missing/socket";
+    const Outcome outcome = RunProgram({"-C", "-f", "true", "-D", "-s", path});
+    EXPECT_EQ(0, outcome.exitStatus());
+    EXPECT_EQ("TALVEK: Daemon Mode - [" + path + "]", outcome.lines().at(0));
+}
+
+TEST(CommandLine, ClientEndsWithTheCommandsStatus) {
+    const Daemon daemon;
+    for (const int status : {0, 1, 7, 127, 255}) {
+        EXPECT_EQ(status, daemon.Client("exit " + std::to_string(status)).exitStatus());
+    }
+    EXPECT_EQ(127, daemon.Client("/no/such/program").exitStatus());
+    EXPECT_EQ(255, daemon.Client("kill -KILL $$").exitStatus());
+    EXPECT_EQ(255, daemon.Client("kill -TERM $$").exitStatus());
+    EXPECT_EQ(0, RunProgram({"-C", "-s", daemon.socket()}).exitStatus()) << "an empty command";
+    EXPECT_TRUE(daemon.Logs("Command => []\n"));
+}
+
+TEST(CommandLine, CommandSeesTheCallersEnvironmentOverTheDaemons) {
+    Daemon::Options options;
+    options.prepare = [] {
+        setenv("BOTH", "daemon", 1);
+        setenv("DAEMON", "daemon", 1);
+    };
+    const Daemon daemon{options};
+    const Outcome outcome =
+        RunProgram({"-C", "-s", daemon.socket(), "-f", "echo $BOTH $DAEMON $CLIENT"}, [] {
+            setenv("BOTH", "client", 1);
+            setenv("CLIENT", "a b=c", 1);
+        });
+    EXPECT_EQ(0, outcome.exitStatus());
+    EXPECT_TRUE(daemon.Logs("client daemon a b=c\n"));
+}
+
+// 1152 - 16 bytes of environment go over, one more does not.
+TEST(CommandLine, EnvironmentOfExactlyOnePackageGoesOver) {
+    const Daemon daemon;
+    for (const size_t size : {size_t{1136}, size_t{1137}}) {
+        const Outcome outcome =
+            RunProgram({"-C", "-s", daemon.socket(), "-f", "exit ${#A}${A:+9}"}, [size] {
+                clearenv();
+                setenv("B", std::string(size - 7, 'b').c_str(), 1);  // "B=" and NUL: size - 4
+                setenv("A", "", 1);                                  // "A=" and NUL: 3
+                setenv("A", "1", 1);                                 // 4
+            });
+        const bool fits = size == 1136;
+        EXPECT_EQ(fits ? 19 : 0, outcome.exitStatus());
+        Lines expected{"TALVEK: Client Mode - [" + daemon.socket() + "][exit ${#A}${A:+9}]"};
+        if (!fits) {
+            expected.emplace_back(
+                "TALVEK:TALVEK_Client(): Warning!!using size(1153) > CALLOC "
+                "buf_sz(1152), break loop");
+        }
+        EXPECT_EQ(expected, outcome.lines());
+    }
+}
+
+std::string Padded(const std::string &command, size_t length) {
+    return command + std::string(length - command.size(), '#');
+}
+
+TEST(CommandLine, CommandOf79CharactersGoesOverWhole) {
+    const Daemon daemon;
+    const std::string command = Padded("exit 5 ", 79);
+    EXPECT_EQ(5, RunProgram({"-C", "-s", daemon.socket(), "-f", command}).exitStatus());
+    EXPECT_EQ(5, RunProgram({"-C", "-f", command, "-s", daemon.socket()}).exitStatus());
+    EXPECT_TRUE(daemon.Logs("Command => [" + command + "]\n"));
+}
+
+// Its NUL falls on the first byte of the path.
+TEST(CommandLine, CommandOf80CharactersEmptiesThePath) {
+    const Daemon daemon;
+    for (const size_t length : {size_t{80}, size_t{81}, size_t{200}}) {
+        const std::string command = Padded("exit 5 ", length);
+        const Outcome outcome = RunProgram({"-C", "-s", daemon.socket(), "-f", command});
+        EXPECT_EQ(255, outcome.exitStatus());
+        EXPECT_EQ((Lines{"TALVEK: Client Mode - [][" + command.substr(0, 80) + "]",
+                         "TALVEK: connect(, 2) failed : Invalid argument"}),
+                  outcome.lines());
+    }
+    EXPECT_EQ(255, RunProgram({"-C", "-f", Padded("true ", 80)}).exitStatus());
+    const std::string command = Padded("true ", 80);
+    EXPECT_EQ(255,
+              RunProgram({"-C", "-s", daemon.socket(), "-f", command, "-f", "true"}).exitStatus())
+        << "a shorter command behind it leaves the path empty";
+}
+
+TEST(CommandLine, PathBehindACommandOf80CharactersHoldsAgain) {
+    const Daemon daemon;
+    for (const size_t length : {size_t{80}, size_t{81}, size_t{200}}) {
+        const std::string command = Padded("exit 6 ", length);
+        const Outcome outcome = RunProgram({"-C", "-f", command, "-s", daemon.socket()});
+        EXPECT_EQ(6, outcome.exitStatus());
+        EXPECT_EQ((Lines{"TALVEK: Client Mode - [" + daemon.socket() + "][" +
+                         command.substr(0, 80) + "]"}),
+                  outcome.lines());
+    }
+    EXPECT_TRUE(daemon.Logs("Command => [" + Padded("exit 6 ", 80) + "]\n"));
+}
+
+TEST(CommandLine, PathIsStoredWith128Characters) {
+    for (const size_t length : {size_t{127}, size_t{128}, size_t{129}, size_t{500}}) {
+        std::string path = "/tmp/no/";
+        path.resize(length, 'p');
+        const Outcome outcome = RunProgram({"-C", "-s", path});
+        EXPECT_EQ(255, outcome.exitStatus());
+        EXPECT_EQ((Lines{"TALVEK: Client Mode - [" + path.substr(0, 128) + "][]",
+                         "TALVEK: connect(" + path.substr(0, 107) +
+                             ", 109) failed : No such file or directory"}),
+                  outcome.lines());
+    }
+}
+
+TEST(CommandLine, UsesTheUsualSocket) {
+    talvek::test::RunInPrivateWorld(talvek::test::kMounts, [] {
+        talvek::test::ReplaceDir("/var");
+        ASSERT_EQ(0, mkdir("/var/run", 0755));
+        Daemon::Options options;
+        options.socket = "/var/run/TALVEK";
+        const Daemon daemon{options};
+        const Outcome outcome = RunProgram({"-C", "-f", "exit 21"});
+        EXPECT_EQ(21, outcome.exitStatus());
+        EXPECT_EQ((Lines{"TALVEK: Client Mode - [/var/run/TALVEK][exit 21]"}), outcome.lines());
+    });
+}
+
+TEST(CommandLine, DaemonLeavesTheForegroundAtOnceAndLogsOn) {
+    const Daemon daemon;  // expects the result 0 of the foreground process
+    EXPECT_EQ(0, daemon.Client("echo out; echo err >&2").exitStatus());
+    // Each line once, the listening process's and its children's.
+    EXPECT_TRUE(daemon.Logs("err\n"));
+    Lines lines = daemon.logLines();
+    for (std::string &line : lines) {
+        for (char &letter : line) {
+            letter = isdigit(letter) ? '#' : letter;
+        }
+    }
+    std::string path = daemon.socket();
+    for (char &letter : path) {
+        letter = isdigit(letter) ? '#' : letter;
+    }
+    const auto once = [&lines](const std::string &start) {
+        return std::count_if(lines.begin(), lines.end(), [&](const std::string &line) {
+            return line.compare(0, start.size(), start) == 0;
+        });
+    };
+    EXPECT_EQ("TALVEK: Daemon Mode - [" + path + "]", lines.at(0));
+    EXPECT_EQ(1, once("TALVEK: Daemon Mode"));
+    EXPECT_EQ(1, once("TALVEK: Master["));
+    EXPECT_EQ(1, once("COMMON:COM_RemoveRealFile(): stat(" + path +
+                      ") error : No such file or directory"));
+    EXPECT_EQ(1, once("TALVEK: PID["));
+    EXPECT_EQ(1, once("TALVEK:TALVEK_DaemonHandler(): Command => [echo out; echo err >&#]"));
+    EXPECT_EQ(1, once("out"));
+    EXPECT_EQ(1, once("err"));
+    EXPECT_EQ(7u, lines.size()) << daemon.log();
+}
+
+TEST(CommandLine, AFailedBindShowsInTheLogOnly) {
+    const TempDir dir;
+    Daemon::Options options;
+    options.dir = &dir;
+    options.socket = "missing/socket";
+    options.waitForSocket = false;
+    Daemon daemon{options};
+    EXPECT_TRUE(daemon.Logs("bind(" + daemon.socket() + ", " +
+                            std::to_string(daemon.socket().size() + 2) +
+                            ") failed : No such file or directory\n"));
+    daemon.Stop(0);  // it ends by itself
+}
+
+TEST(CommandLine, DaemonStaysInItsDirectoryAndSession) {
+    const TempDir dir;
+    Daemon::Options options;
+    options.prepare = [&] { static_cast<void>(chdir(dir.path().c_str())); };
+    const Daemon daemon{options};
+    EXPECT_EQ(0, daemon.Client("pwd -P >where").exitStatus());
+    EXPECT_EQ(dir.path() + "\n", ReadFile(dir / "where"));
+    EXPECT_EQ(getsid(0), getsid(daemon.pid()));
+}
+
+// The sockets must not take the numbers of standard streams that the caller has closed.
+TEST(CommandLine, ClosedStandardStreamsAreNotTakenForSockets) {
+    const TempDir dir;
+    Daemon daemon;
+    const auto closeAll = [] {
+        close(0);
+        close(1);
+        close(2);
+    };
+    for (int missing = 0; missing <= 3; ++missing) {
+        const Outcome outcome =
+            RunProgram({"-C", "-f", "echo out; exit 4", "-s", daemon.socket()}, [&] {
+                if (missing == 3) {
+                    closeAll();
+                } else {
+                    close(missing);
+                }
+            });
+        EXPECT_EQ(4, outcome.exitStatus()) << missing;
+    }
+    // A daemon whose log nobody can read: its number is found by its socket.
+    const std::string path = dir / "quiet";
+    const Outcome started = RunProgram({"-D", "-s", path}, closeAll);
+    EXPECT_EQ(0, started.exitStatus());
+    EXPECT_TRUE(Eventually([&] { return access(path.c_str(), F_OK) == 0; }));
+    Outcome outcome;
+    const std::string file = dir / "fds";
+    EXPECT_TRUE(Eventually([&] {
+        outcome =
+            RunProgram({"-C", "-s", path, "-f", "ls -l /proc/$PPID/fd >" + file + "; exit 9"});
+        return outcome.exitStatus() != 255;
+    }));
+    EXPECT_EQ(9, outcome.exitStatus());
+    EXPECT_EQ(9, RunProgram({"-C", "-s", path, "-f", "echo x; echo y >&2; exit 9"}).exitStatus());
+    const std::string fds = ReadFile(file);
+    for (const char *pNull : {"0 -> /dev/null", "1 -> /dev/null", "2 -> /dev/null"}) {
+        EXPECT_NE(std::string::npos, fds.find(pNull)) << fds;
+    }
+    // Its handler's parent is the listening process.
+    const std::string parent = dir / "parent";
+    EXPECT_EQ(0, RunProgram({"-C", "-s", path, "-f",
+                             "sed -n 's/^PPid:\t//p' /proc/$PPID/status >" + parent})
+                     .exitStatus());
+    const pid_t pid = std::stoi("0" + ReadFile(parent));
+    ASSERT_GT(pid, 1);
+    EXPECT_EQ(0, kill(pid, SIGTERM));
+    EXPECT_TRUE(Eventually([&] { return access(path.c_str(), F_OK) != 0; }));
+}
+
+// The program needs the C library and its loader alone.
+TEST(CommandLine, NeedsNothingButTheCLibrary) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitized program needs the sanitizer's library";
+#endif
+    FILE *pListing =
+        popen("readelf -d " TALVEK_PROGRAM " | sed -n 's/.*NEEDED.*\\[\\(.*\\)\\]/\\1/p'", "re");
+    ASSERT_NE(nullptr, pListing);
+    std::string needed;
+    char line[256];
+    while (fgets(line, sizeof line, pListing) != nullptr) {
+        // ARM's helpers of the loader are named by it.
+        needed += std::string{line}.compare(0, 8, "ld-linux") == 0 ? "" : line;
+    }
+    EXPECT_EQ(0, pclose(pListing));
+    EXPECT_EQ("libc.so.6\n", needed);
+}
+
+}  // namespace
