@@ -24,7 +24,7 @@ using talvek::test::WaitFor;
 
 // Sanitizers and emulators make every process many times as dear.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
-constexpr int kInARow = 300;
+constexpr int kInARow = 200;
 #else
 constexpr int kInARow = 2000;
 #endif

@@ -354,7 +354,7 @@ TEST_F(SetEnvFromPkg, TakesAPackageFullOfStrings) {
     std::string payload;
     Lines expected;
     for (int i = 0; i < 142; ++i) {  // 142 * 8 = 1136
-        char text[16];
+        char text[32];
         snprintf(text, sizeof text, "N%03d=%02d", i, i % 100);
         expected.emplace_back(text);
         payload.append(text, 8);
