@@ -1,7 +1,8 @@
 #ifndef TALVEK_DEV_MMC_COMMANDS_H
 #define TALVEK_DEV_MMC_COMMANDS_H
 
-/* The MMC commands that tell what disc is in a drive, each named as in MMC-6.
+/* The MMC commands that tell what disc is in a drive, each as in MMC-6. READ DVD STRUCTURE and READ
+ * FORMAT CAPACITY are called READ DISC STRUCTURE and READ FORMAT CAPACITIES there.
  *
  * For every entry:
  *
@@ -40,7 +41,7 @@ int Dev_ReadTrackInfo(const char *devPath, int fd, tDiscInfo *info);
  * capacities by layers and diameter. Other classes keep their totalKB. */
 int Dev_ReadDvdStruct(const char *devPath, int fd, tDiscInfo *info);
 
-/* READ FORMAT CAPACITIES: totalKB from the formattable capacity descriptors, of which the last that
+/* READ FORMAT CAPACITY: totalKB from the formattable capacity descriptors, of which the last that
  * applies counts.
  *
  *   full format (00h)      BD: twice the blocks of the current capacity. Others: blocks times block

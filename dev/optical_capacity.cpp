@@ -63,7 +63,7 @@ int Measure(const Measurement &what, tDevInfo *pDev) {
         DEV_LOG_AS(what.entry, "Get Null ptr\n");
         return 0;
     }
-    if (COM_Mkdir(what.dir, kDirMode) != 0 && errno != EEXIST) {
+    if (COM_Mkdir(what.dir, kDirMode) != 0) {
         DEV_LOG_AS(what.entry, "COM_Mkdir(%s) error : %s\n", what.dir, strerror(errno));
         return 0;
     }

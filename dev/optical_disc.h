@@ -20,19 +20,21 @@ extern "C" {
  *      2  the record is not that of an optical drive
  *     -1  the node cannot be opened
  *   -129  the drive is not ready (no disc, tray open); takes three seconds
- *   -130  the disc is of no kind that the unit reads or writes
+ *   -130  the disc's profile is not supported (mmc_commands.h), or the drive does not tell it
  * The record is untouched by the results 1, 2 and -1. */
 int Dev_GetDiscInfo(tDevInfo *dev);
 
 /* The whole sequence for a CD: ATIP, disc information, and for a disc that is still open the table
- * of contents. usedKB is what lies before the next session's lead-in on an incomplete disc, totalKB
- * on a finalized one, otherwise 0.
+ * of contents. usedKB is what lies before the next session's lead-in on an incomplete disc (twice
+ * the nextLeadIn that info had when the table cannot be read), totalKB on a finalized one,
+ * otherwise 0.
  *
  *   devPath  for the log lines
  *   fd       the drive (scsi.h)
  *   info     the descriptor with discClass 1
  *
- * Returns 1, or 0 when ATIP or disc information cannot be read. */
+ * Returns 1, or 0 when ATIP or disc information cannot be read; info then holds what was found
+ * before, and usedKB as it was. */
 int Dev_GetCdInfo(const char *devPath, int fd, tDiscInfo *info);
 
 #ifdef __cplusplus

@@ -114,6 +114,22 @@ TEST(RewritableCapacity, FailsWithoutADirectory) {
     });
 }
 
+TEST(RewritableCapacity, TakesNoFileForADirectory) {
+    RunInPrivateWorld(kMounts, [] {
+        MountTmpfs("/var");
+        for (const Measure &item : kMeasures) {
+            WriteFile(item.dir, "");
+            tDevInfo dev = Drive();
+            const Lines lines = CaptureLog([&] { EXPECT_EQ(0, item.entry(&dev)); });
+            EXPECT_EQ("DEV:" + std::string{item.name} + "(): COM_Mkdir(" + item.dir +
+                          ") error : File exists",
+                      lines.back());
+            EXPECT_EQ(7U, dev.u.disc.usedKB);
+        }
+        EXPECT_TRUE(g_isoMounts.empty());
+    });
+}
+
 TEST(RewritableCapacity, FailsWithoutAFileSystem) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");

@@ -6,6 +6,7 @@
 #include <stdint.h>
 
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@ using talvek::test::Capture;
 using talvek::test::CaptureLog;
 using talvek::test::Disc;
 using talvek::test::DiscTest;
+using talvek::test::g_isoError;
 using talvek::test::g_isoMounts;
 using talvek::test::HexText;
 using talvek::test::kMounts;
@@ -330,6 +332,73 @@ TEST(GetDiscInfo, GoesAsFarAsTheDriveAnswers) {
         EXPECT_EQ(item.result, found.result) << item.fixture << " " << item.opcodes;
         EXPECT_EQ(item.opcodes, found.opcodes);
     }
+}
+
+// What the fixtures have of one kind, with some bytes of another: states of a CD-RW, both sizes,
+// both layers of a DVD-R.
+TEST(GetDiscInfo, FollowsStateSizeAndLayers) {
+    using Where = std::map<size_t, uint8_t>;
+    struct Change {
+        uint8_t opcode;
+        size_t at;
+        Bytes bytes;
+        Where where;
+    };
+    const Where dvdMinus = {{7, 0x10}};
+    const Where dvdPlus = {{7, 0x00}};
+    const struct {
+        const char *fixture;
+        std::vector<Change> changes;
+        uint64_t totalKB;
+        uint64_t usedKB;
+    } cases[] = {
+        {"cd_rw_open.hex", {{0x51, 2, {0x10}, {}}}, 667800, 0},
+        {"cd_rw_open.hex", {{0x51, 2, {0x1E}, {}}}, 667800, 667800},
+        {"dvd_minus_r_open.hex",
+         {{0x51, 2, {0x0E}, {}}, {0xAD, 5, {0x1F}, dvdMinus}},
+         1425782,
+         1425782},
+        {"dvd_minus_r_open.hex",
+         {{0x46, 6, {0x00, 0x15}, {}}, {0x51, 2, {0x0E}, {}}, {0xAD, 6, {0x22}, dvdMinus}},
+         8343424,
+         8343424},
+        {"dvd_minus_r_open.hex", {{0x51, 2, {0x00}, {}}}, 4595776, 0},
+        // 1429088 - 2 * 600000
+        {"dvd_plus_r_open.hex",
+         {{0xAD, 5, {0x1F}, dvdPlus}, {0x52, 16, {0x00, 0x09, 0x27, 0xC0}, {}}},
+         1429088,
+         229088},
+    };
+    for (const auto &item : cases) {
+        SimulatedDrive drive{{"/dev/sg1"}};
+        drive.Load("drive.hex");
+        drive.Load(item.fixture);
+        for (const Change &change : item.changes) {
+            drive.Patch(change.opcode, change.at, change.bytes, change.where);
+        }
+        const Identified found = Identify(drive);
+        EXPECT_EQ(0, found.result);
+        EXPECT_EQ(item.totalKB, found.dev.u.disc.totalKB) << item.fixture;
+        EXPECT_EQ(item.usedKB, found.dev.u.disc.usedKB) << item.fixture;
+    }
+}
+
+// A disc that cannot be mounted keeps what its commands told.
+TEST(GetDiscInfo, KeepsTheCommandsCapacityWithoutAFileSystem) {
+    RunInPrivateWorld(kMounts, [] {
+        MountTmpfs("/var");
+        g_isoError = EINVAL;
+        for (const char *fixture : {"dvd_plus_rw.hex", "dvd_minus_rw_overwrite.hex"}) {
+            SimulatedDrive drive{{"/dev/sg1"}};
+            drive.Load("drive.hex");
+            drive.Load(fixture);
+            const Identified found = Identify(drive);
+            EXPECT_EQ(0, found.result);
+            EXPECT_NE("", found.mountDir);
+            EXPECT_NE(0U, found.dev.u.disc.totalKB);
+            EXPECT_EQ(found.dev.u.disc.totalKB, found.dev.u.disc.usedKB) << "finalized";
+        }
+    });
 }
 
 // Only what is written and can be overwritten at random is measured.

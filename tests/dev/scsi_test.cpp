@@ -184,6 +184,21 @@ TEST_F(ExecMmc, TellsEachStatusThatIsNotZero) {
     EXPECT_EQ("DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail", LogOf(0, 1)[0]);
 }
 
+TEST_F(ExecMmc, TellsTheStatusesInOrder) {
+    SgAnswer answer;
+    answer.info = 1;
+    answer.status = 0x08;  // BUSY
+    answer.maskedStatus = 0x04;
+    answer.hostStatus = 0x02;
+    answer.driverStatus = 0x01;
+    drive_.Next(0x25, answer);
+    const std::string start = "DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY ";
+    const Lines lines = LogOf(0, 1);
+    EXPECT_EQ((Lines{start + "scsi status = 0x08", start + "host status = 0x02",
+                     start + "driver status = 0x01"}),
+              Lines(lines.begin(), lines.begin() + 3));
+}
+
 TEST_F(ExecMmc, TakesKeyCodeAndQualifierEachForAFailure) {
     const struct {
         Bytes sense;

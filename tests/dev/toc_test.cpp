@@ -114,6 +114,17 @@ TEST_F(ReadCdToc, ReadsAsManyTracksAsACdHas) {
     EXPECT_EQ(71U * 4500 + 6750, info_.nextLeadIn);
 }
 
+// Block addresses ahead of 00:02:00 are negative.
+TEST_F(ReadCdToc, CountsBlocksFromTwoSecondsOn) {
+    drive_.Load("cd_rw_open.hex");
+    drive_.Patch(0x43, 9, {0, 0, 0}, kToc);
+    TextOf(Dev_ReadCdToc);
+    EXPECT_EQ(-150, static_cast<int32_t>(info_.lastTrackStart));
+    drive_.Patch(0x43, 9, {0, 2, 1}, kToc);
+    TextOf(Dev_ReadCdToc);
+    EXPECT_EQ(1U, info_.lastTrackStart);
+}
+
 // The table says how many tracks there are; what the drive sends may be less, or no track at all.
 TEST_F(ReadCdToc, FailsWithoutLastTrackAndLeadOut) {
     drive_.Load("cd_r_open.hex");
@@ -145,6 +156,18 @@ TEST_F(ReadDvdRToc, PrintsTheTracksAndTheLeadOut) {
                      "DEV:Dev_ReadDvdRToc(): Used capacity = 390 MB."}),
               LinesOf(Dev_ReadDvdRToc));
     EXPECT_EQ(200000U * 2, info_.usedKB);  // 400000 / 1024 = 390.6
+}
+
+TEST_F(ReadDvdRToc, PrintsEveryByteInItsColumn) {
+    drive_.Reply(0x43, {0, 0x22, 1,    255,                          // three descriptors follow
+                        0, 0x0C, 10,   0,   0,    0,    0,    1,     // ADR not told, audio
+                        0, 0xFF, 255,  0,   0xFF, 0xFF, 0xFF, 0xFF,  //
+                        0, 0x05, 0xAA, 0,   0,    0,    0,    0,     // lead-out
+                        0, 0x14, 1,    0,   0,    0,    0,    0});   // nothing counts behind it
+    EXPECT_EQ(
+        (Lines{" Track#10 :             0c@1", " Track#255:             ff@4294967295",
+               " Track#AA :             05@0", "DEV:Dev_ReadDvdRToc(): Used capacity = 0 MB."}),
+        LinesOf(Dev_ReadDvdRToc));
 }
 
 TEST_F(ReadDvdRToc, FindsTheUsedCapacityByStatus) {
