@@ -159,11 +159,14 @@ TEST_F(ReadDvdRToc, PrintsTheTracksAndTheLeadOut) {
 }
 
 TEST_F(ReadDvdRToc, PrintsEveryByteInItsColumn) {
-    drive_.Reply(0x43, {0, 0x22, 1,    255,                          // three descriptors follow
-                        0, 0x0C, 10,   0,   0,    0,    0,    1,     // ADR not told, audio
-                        0, 0xFF, 255,  0,   0xFF, 0xFF, 0xFF, 0xFF,  //
-                        0, 0x05, 0xAA, 0,   0,    0,    0,    0,     // lead-out
-                        0, 0x14, 1,    0,   0,    0,    0,    0});   // nothing counts behind it
+    // The lead-out ends the list; the descriptor behind it does not count.
+    Bytes toc = {0, 0x22, 1, 255};
+    for (const Bytes &descriptor :
+         {Bytes{0, 0x0C, 10, 0, 0, 0, 0, 1}, Bytes{0, 0xFF, 255, 0, 0xFF, 0xFF, 0xFF, 0xFF},
+          Bytes{0, 0x05, 0xAA, 0, 0, 0, 0, 0}, Bytes{0, 0x14, 1, 0, 0, 0, 0, 0}}) {
+        toc.insert(toc.end(), descriptor.begin(), descriptor.end());
+    }
+    drive_.Reply(0x43, toc);
     EXPECT_EQ(
         (Lines{" Track#10 :             0c@1", " Track#255:             ff@4294967295",
                " Track#AA :             05@0", "DEV:Dev_ReadDvdRToc(): Used capacity = 0 MB."}),
