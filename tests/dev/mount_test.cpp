@@ -388,19 +388,21 @@ TEST_F(MountExport, ReachesTheMountProgramAsData) {
             "s:/a&id",     "s:/a|id", "s:/a>b",   "s:/a'b\"c", "s:/*",     "s:/?[a-z]",
             "s:/{a,b}",    "s:/#x",   "#:/x",     "~:/x",      "s:/a\\b",  "s:/a\nb",
             "s:/a\tb",     "-s:/x",   "--:/x",    "s:/!x",     "X=1:/x",   "s:/\xC3\xA4\xFF"};
-        for (int c = 1; c < 256; ++c) {
-            names.push_back(std::string{"s:/"} + static_cast<char>(c));
-        }
+        const auto expectData = [](const std::string &name, const std::string &mountPoint) {
+            const bool dashed = name[0] == '-' || mountPoint[0] == '-';
+            EXPECT_EQ(std::string{"<-t><nfs><-o><rw,rsize=1048576,wsize=1048576,soft,tcp,nolock>"} +
+                          (dashed ? "<-->" : "") + "<" + name + "><" + mountPoint + ">",
+                      Capture([&] {
+                          EXPECT_EQ(3 << 8, Dev_Mount(name.c_str(), mountPoint.c_str(), 9));
+                      }));
+        };
         for (const std::string &name : names) {
-            for (const std::string &mountPoint : {std::string{"/mnt"}, name.substr(1)}) {
-                const bool dashed = name[0] == '-' || mountPoint[0] == '-';
-                EXPECT_EQ(std::string{"<-t><nfs><-o><rw,rsize=1048576,wsize=1048576,soft,tcp,"
-                                      "nolock>"} +
-                              (dashed ? "<-->" : "") + "<" + name + "><" + mountPoint + ">",
-                          Capture([&] {
-                              EXPECT_EQ(3 << 8, Dev_Mount(name.c_str(), mountPoint.c_str(), 9));
-                          }));
-            }
+            expectData(name, name.substr(1));
+        }
+        // Every character at the end of the one name and at the beginning of the other.
+        for (int c = 1; c < 256; ++c) {
+            expectData(std::string{"s:/"} + static_cast<char>(c),
+                       static_cast<char>(256 - c) + std::string{"m"});
         }
     });
 }
