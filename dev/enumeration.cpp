@@ -4,7 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <scsi/scsi_ioctl.h>
+#include <scsi/scsi.h>
 #include <stdio.h>
 #include <string.h>
 #include <strings.h>
@@ -19,10 +19,6 @@
 #include "dev/internal/module_log.h"
 #include "dev/internal/scsi_nodes.h"
 #include "dev/scsi.h"
-
-#ifndef SCSI_IOCTL_PROBE_HOST
-#define SCSI_IOCTL_PROBE_HOST 0x5385
-#endif
 
 namespace talvek {
 namespace {

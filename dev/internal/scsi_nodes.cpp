@@ -4,19 +4,11 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <scsi/scsi_ioctl.h>
+#include <scsi/scsi.h>
 #include <string.h>
 #include <sys/ioctl.h>
 
 #include "dev/naming.h"
-
-// In the kernel's include/scsi/scsi_ioctl.h, but not in every C library's.
-#ifndef SCSI_IOCTL_GET_IDLUN
-#define SCSI_IOCTL_GET_IDLUN 0x5382
-#endif
-#ifndef SCSI_IOCTL_GET_BUS_NUMBER
-#define SCSI_IOCTL_GET_BUS_NUMBER 0x5386
-#endif
 
 namespace talvek {
 
