@@ -5,7 +5,8 @@
  * HTTP Digest authentication (RFC 7616), units of an H.264 byte stream (ITU-T H.264 annexes B and
  * D), and the Internet checksum (RFC 1071).
  *
- * Texts are NUL-terminated, counts are in bytes, and an output that is not wanted may be NULL. */
+ * Texts are NUL-terminated, counts are in bytes, and a number that is not wanted may be NULL. After
+ * -1 all outputs are as they were. */
 
 #include <assert.h>
 #include <stddef.h>

@@ -3,8 +3,9 @@
 
 /* One setting out of a settings document: XML-like text in which each setting is an element
  *
- *     <DATA Name="Mode" type="INT" min="0" max="1" value="1"><ITEM Name="Off"/><ITEM
- * Name="On"/></DATA>
+ *     <DATA Name="Mode" type="INT" min="0" max="1" value="1">
+ *     <ITEM Name="Off"/><ITEM Name="On"/>
+ *     </DATA>
  *
  * with its attributes in any order. The document is walked by text searches and not parsed. */
 
@@ -45,7 +46,7 @@ static_assert(offsetof(tXmlDataItem, text) == 96, "behind the numbers");
  *
  * An attribute that the element does not have is taken from an element behind it; one that is not
  * there at all leaves its field as it was (`text` of an integer setting is always written). The
- * items end with the element.
+ * items end with the element, or at the first whose name is empty.
  *
  * Returns 0, or -1 with the record as it was when no element has the name, an element on the way
  * has no "</DATA>" or no name behind it, or an argument is NULL. */

@@ -183,9 +183,10 @@ class Rewrite {
     // is to be had. Returns the size of the new block.
     size_t Reallocate(size_t needed) {
         constexpr size_t kShort = 256;
-        if (needed > kShort && TryReallocate(needed + needed / 2)) {
+        const size_t roomy = needed + needed / 2;  // less than needed where 32 bits do not hold it
+        if (needed > kShort && roomy > needed && TryReallocate(roomy)) {
             spare_ = true;
-            return needed + needed / 2;
+            return roomy;
         }
         if (TryReallocate(needed)) {
             return needed;
@@ -263,8 +264,10 @@ const char *COM_GetStrBeforeEOL(const char *pSrc, const char *pKey, char *pDst, 
         talvek::CopyText(pDst, after, needed - 1);
         return after;
     }
+    // Without any room the precision is negative, and printf shows all that follows the key.
+    const int shown = size > kShown + 1 ? kShown : size > 0 ? size - 1 : -1;
     COMMON_LOG_PLAIN("Warning! overflow (len, size) = (%d, %d)[%s][%.*s]\n", needed, size, pKey,
-                     size > kShown + 1 ? kShown : size - 1, after);
+                     shown, after);
     if (size <= 0) {
         return nullptr;
     }

@@ -51,7 +51,8 @@ const char *COM_GetStrBeforeSpace(const char *pSrc, const char *pKey, char *pDst
 /* Copies the text from behind the key up to the end of its line, the nearer of LF and CR. A last
  * line without an end is not found. An empty line is a value, as with COM_GetStrBeforeSpace.
  *
- *   pDst  `size` bytes, the NUL included; the warning shows the key and how the value begins
+ *   pDst  `size` bytes, the NUL included; the warning shows the key and how the value begins (with
+ *         a size of 0 or below, the whole text behind the key)
  *
  * Returns the position just behind the key, or NULL when the key or the line end is missing. */
 const char *COM_GetStrBeforeEOL(const char *pSrc, const char *pKey, char *pDst, int size);
@@ -78,7 +79,8 @@ char *COM_CutLineAfterKey(char *pSrc, const char *pKey);
  * found, and what is not, is logged.
  *
  *   pTag  the tag's name without brackets, up to 252 characters; a longer one is not found
- *   pDst  `size` bytes, the NUL included
+ *   pDst  `size` bytes, the NUL included. Set it before the call: where the closing tag stands
+ *         first, the log shows what it holds.
  *
  * Returns the position just behind <tag>, or NULL when either tag is missing or the closing tag
  * stands before the opening one. An empty value is a value. */

@@ -2,13 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <limits.h>
-#include <locale.h>
 #include <malloc.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 
-#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -118,6 +116,23 @@ TEST(StrCaseStr, FindsWhatTheRuleFindsInLongTexts) {
             ASSERT_EQ(SearchByTheRule(text.text(), key.c_str()),
                       COM_StrCaseStr(text.text(), key.c_str()))
                 << body << " : " << key;
+        }
+    }
+}
+
+// The text is taken in steps of 2048 bytes: keys around that size, at places around the steps.
+TEST(StrCaseStr, FindsKeysAcrossTheStepsInWhichTheTextIsRead) {
+    std::mt19937 random{4};
+    for (const size_t keySize : {1, 2, 100, 2047, 2048, 2049, 5000}) {
+        const std::string key(keySize, 'Q');
+        for (const size_t place : {0, 1, 2047, 2048, 2049, 4095, 4096, 4097}) {
+            const std::string before = RandomText(random, "abc", place);
+            for (const size_t missing : {0, 1}) {
+                const GuardedCopy text{(before + std::string(keySize - missing, 'q')).c_str()};
+                ASSERT_EQ(missing == 0 ? text.text() + place : nullptr,
+                          COM_StrCaseStr(text.text(), key.c_str()))
+                    << keySize << " at " << place;
+            }
         }
     }
 }
@@ -390,7 +405,7 @@ TEST(GetStrBeforeEOL, ShowsHowACutValueBegins) {
 
 // printf takes the negative precision as none.
 TEST(GetStrBeforeEOL, HasNoRoomWithASizeOfZeroAndBelow) {
-    for (const int size : {0, -1, INT_MIN + 1}) {
+    for (const int size : {0, -1, INT_MIN}) {
         CanaryBuf dst{1};
         EXPECT_EQ((Lines{"COMMON: Warning! overflow (len, size) = (3, " + std::to_string(size) +
                              ")[k=][ab",
@@ -437,6 +452,17 @@ TEST(GetLineAfterKey, GoesByThePointerWhereNothingIsAllocated) {
     EXPECT_EQ(held, line);
     EXPECT_EQ(nullptr, COM_GetLineAfterKey(text, "x=", &line));
     EXPECT_EQ(held, line);
+}
+
+TEST(GetLineAfterKey, ReplacesAPointerWithoutReleasingIt) {
+    char held[] = "held";  // not from malloc: releasing it would end the program
+    char *line = held;
+    const char *text = "k=abc\n";
+    EXPECT_EQ(text + 2, COM_GetLineAfterKey(text, "k=", &line));
+    ASSERT_NE(held, line);
+    EXPECT_STREQ("abc", line);
+    EXPECT_STREQ("held", held);
+    free(line);
 }
 
 TEST(CutLineAfterKey, EndsTheTextAtTheLineEnd) {
