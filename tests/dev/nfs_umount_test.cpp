@@ -451,11 +451,8 @@ std::optional<Bytes> AnswerPort(const Bytes &call, uint32_t port) {
 
 TEST_F(NfsUmount, AsksThePortmapperWhenTheOptionsHaveNoPort) {
     Run([] {
-        std::vector<uint32_t> protocols;
-        RpcPeer portmapper{SOCK_DGRAM, 111, [&](const Bytes &call) {
-                               protocols.push_back(Get32(call, call.size() - 8));
-                               return AnswerPort(call, kPort);
-                           }};
+        RpcPeer portmapper{SOCK_DGRAM, 111,
+                           [](const Bytes &call) { return AnswerPort(call, kPort); }};
         RpcPeer tcp{SOCK_STREAM, kPort, Accept};
         RpcPeer udp{SOCK_DGRAM, kPort, Accept};
         for (const char *pOptions : {"tcp", "tcp,mountport=0", "tcp,mountport=65536",
@@ -465,6 +462,10 @@ TEST_F(NfsUmount, AsksThePortmapperWhenTheOptionsHaveNoPort) {
         EXPECT_EQ(5u, tcp.Calls().size());
         EXPECT_EQ("", UnmountWith("127.0.0.1:/x", "udp"));
         EXPECT_EQ(1u, udp.Calls().size());
+        std::vector<uint32_t> protocols;
+        for (const Bytes &call : portmapper.Calls()) {
+            protocols.push_back(Get32(call, call.size() - 8));
+        }
         EXPECT_EQ((std::vector<uint32_t>{IPPROTO_TCP, IPPROTO_TCP, IPPROTO_TCP, IPPROTO_TCP,
                                          IPPROTO_TCP, IPPROTO_UDP}),
                   protocols);
