@@ -45,13 +45,9 @@ int MakeOneDir(const char *pPath, mode_t mode) {
 // more stack than its directories' own records.
 class Path {
   public:
-    explicit Path(const char *pText) : length_(strnlen(pText, sizeof text_)) {
-        if (length_ < sizeof text_) {
-            memcpy(text_, pText, length_ + 1);
-        }
-    }
+    // The text is shorter than PATH_MAX.
+    explicit Path(const char *pText) : length_(strlen(pText)) { memcpy(text_, pText, length_ + 1); }
 
-    [[nodiscard]] bool Fits() const { return length_ < sizeof text_; }
     [[nodiscard]] const char *text() const { return text_; }
     [[nodiscard]] size_t length() const { return length_; }
     // Adds "/name"; false, with errno set and the name cut, when that is longer than a path can be.
@@ -101,10 +97,6 @@ class TreeRemover {
   private:
     static constexpr const char *kEntry = "_COM_RemoveFileInDir_";
 
-    int LogOpenFailure() const {
-        COMMON_LOG_AS(kEntry, "opendir(%s) error : %s\n", path_.text(), strerror(errno));
-        return 0;
-    }
     int RemoveEntry(const char *pName, const OpenedDir *pDirs);
 
     Path path_;
@@ -141,20 +133,18 @@ int TreeRemover::RemoveEntry(const char *pName, const OpenedDir *pDirs) {
 }
 
 int TreeRemover::Empty(bool removeSelf, const OpenedDir *pOuter) {
-    if (!path_.Fits()) {
-        errno = ENAMETOOLONG;
-        return LogOpenFailure();
-    }
     int removed = 0;
     bool failed = false;
     {
         const UniqueDir dir{opendir(path_.text())};
         struct stat st;
         if (!dir || fstat(dirfd(dir.get()), &st) != 0) {
-            return LogOpenFailure();
+            COMMON_LOG_AS(kEntry, "opendir(%s) error : %s\n", path_.text(), strerror(errno));
+            return 0;
         }
         const OpenedDir opened{st.st_dev, st.st_ino, pOuter};
-        while (const struct dirent *entry = readdir(dir.get())) {
+        const struct dirent *entry;
+        while (errno = 0, (entry = readdir(dir.get())) != nullptr) {
             const char *name = entry->d_name;
             if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0 ||
                 strcmp(name, "lost+found") == 0) {
@@ -163,6 +153,10 @@ int TreeRemover::Empty(bool removeSelf, const OpenedDir *pOuter) {
             const int count = RemoveEntry(name, &opened);
             failed = failed || count < 0;
             removed += count > 0 ? count : 0;
+        }
+        if (errno != 0) {
+            COMMON_LOG_AS(kEntry, "readdir(%s) error : %s\n", path_.text(), strerror(errno));
+            failed = true;
         }
     }
     if (removeSelf) {
@@ -398,12 +392,14 @@ void LineEditor::CopyBack() {
     rewind(copy_.get());
     rewind(file_.get());
     char block[BUFSIZ];
+    off_t length = 0;
     size_t count;
     while ((count = fread(block, 1, sizeof block, copy_.get())) > 0) {
         if (fwrite(block, 1, count, file_.get()) != count) {
             FailWrite(fileName_);
             return;
         }
+        length += static_cast<off_t>(count);
     }
     if (ferror(copy_.get())) {
         COMMON_LOG_AS(kEntry, "fgets(%s) failed : %s\n", copyName_, strerror(errno));
@@ -414,7 +410,7 @@ void LineEditor::CopyBack() {
         FailWrite(fileName_);
         return;
     }
-    copied_ = ftello(file_.get());
+    copied_ = length;
 }
 
 int LineEditor::Run() {
@@ -475,11 +471,18 @@ int COM_Mkdir(const char *pPath, mode_t mode) {
 }
 
 int _COM_RemoveFileInDir_(int recursive, const char *pDir, int removeSelf) {
-    // An empty setting with a "/" behind it must not cost the unit its root directory.
-    // Held by RemoveFileInDir.RefusesTheRootDirectory.
-    if (pDir == nullptr || (pDir[0] == '/' && pDir[strspn(pDir, "/")] == '\0')) {
-        COMMON_LOG("opendir(%s) error : %s\n", talvek::Shown(pDir),
-                   strerror(pDir == nullptr ? EFAULT : EINVAL));
+    int error = 0;
+    if (pDir == nullptr) {
+        error = EFAULT;
+    } else if (pDir[0] == '/' && pDir[strspn(pDir, "/")] == '\0') {
+        // An empty setting with a "/" behind it must not cost the unit its root directory.
+        // Held by RemoveFileInDir.RefusesTheRootDirectory.
+        error = EINVAL;
+    } else if (strnlen(pDir, PATH_MAX) == PATH_MAX) {
+        error = ENAMETOOLONG;
+    }
+    if (error != 0) {
+        COMMON_LOG("opendir(%s) error : %s\n", talvek::Shown(pDir), strerror(error));
         return 0;
     }
     return talvek::TreeRemover{pDir, recursive == 1}.Empty(removeSelf != 0, nullptr);
