@@ -1,5 +1,6 @@
 #include "support/capture.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <sys/mman.h>
@@ -14,7 +15,9 @@ namespace {
 std::string CaptureFds(const std::function<void()> &body, bool errors) {
     fflush(nullptr);
     const bool failedBefore = ::testing::Test::HasFailure();
+    // Several processes write here at once; a file in memory keeps their order only by O_APPEND.
     const int sink = memfd_create("capture", MFD_CLOEXEC);
+    EXPECT_EQ(0, fcntl(sink, F_SETFL, O_APPEND));
     const int savedOut = dup(STDOUT_FILENO);
     const int savedErr = dup(STDERR_FILENO);
     EXPECT_GE(sink, 0);
