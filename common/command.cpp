@@ -162,7 +162,7 @@ int AwaitChild(pid_t pid, int *pPid, const CommandSignals &signals, const Cancel
 constexpr struct timespec kShortRound = {0, 100'000};
 
 bool HasPassed(const struct timeval &start, const struct timespec &time) {
-    struct timeval now;
+    struct timeval now = {};
     struct timeval passed;
     gettimeofday(&now, nullptr);
     timersub(&now, &start, &passed);
@@ -321,7 +321,7 @@ int COM_SleepAtLeast(const struct timespec *pTime, int maxRounds) {
     if (pTime == nullptr) {
         return -1;
     }
-    struct timeval start;
+    struct timeval start = {};
     gettimeofday(&start, nullptr);
     nanosleep(pTime, nullptr);
     int rounds = 0;
