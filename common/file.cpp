@@ -365,7 +365,7 @@ void LineEditor::EditLines() {
             midLine_ = strchr(line, '\n') == nullptr;
         }
     }
-    if (ferror(file_.get())) {
+    if (result_ >= 0 && !feof(file_.get())) {
         COMMON_LOG_AS(kEntry, "fgets(%s) failed : %s\n", fileName_, strerror(errno));
         result_ = -1;
     }
@@ -401,7 +401,7 @@ void LineEditor::CopyBack() {
         }
         length += static_cast<off_t>(count);
     }
-    if (ferror(copy_.get())) {
+    if (!feof(copy_.get())) {
         COMMON_LOG_AS(kEntry, "fgets(%s) failed : %s\n", copyName_, strerror(errno));
         result_ = -1;
         return;

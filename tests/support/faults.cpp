@@ -31,6 +31,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "support/capture.h"
+
 namespace {
 
 struct Plan {
@@ -191,6 +193,8 @@ FAULT_CALL(fread, size_t, 0, (void *buf, size_t size, size_t n, FILE *stream),
            (buf, size, n, stream))
 FAULT_CALL(fwrite, size_t, 0, (const void *buf, size_t size, size_t n, FILE *stream),
            (buf, size, n, stream))
+FAULT_CALL(fputs, int, EOF, (const char *text, FILE *stream), (text, stream))
+FAULT_CALL(fflush, int, EOF, (FILE * stream), (stream))
 FAULT_CALL(popen, FILE *, nullptr, (const char *command, const char *mode), (command, mode))
 FAULT_CALL(opendir, DIR *, nullptr, (const char *path), (path))
 FAULT_CALL(readdir, struct dirent *, nullptr, (DIR * dir), (dir))
@@ -226,6 +230,9 @@ FAULT_CALL(umount2, int, -1, (const char *dir, int flags), (dir, flags))
 FAULT_CALL(fork, pid_t, -1, (void), ())
 FAULT_CALL(system, int, -1, (const char *command), (command))
 FAULT_CALL(waitpid, pid_t, -1, (pid_t pid, int *status, int options), (pid, status, options))
+FAULT_CALL(waitid, int, -1, (idtype_t type, id_t id, siginfo_t *info, int options),
+           (type, id, info, options))
+FAULT_CALL(execv, int, -1, (const char *path, char *const *args), (path, args))
 FAULT_CALL(kill, int, -1, (pid_t pid, int sig), (pid, sig))
 FAULT_CALL(sigaction, int, -1, (int sig, const struct sigaction *now, struct sigaction *old),
            (sig, now, old))
@@ -236,6 +243,9 @@ FAULT_CALL(gethostname, int, -1, (char *name, size_t size), (name, size))
 FAULT_CALL(pthread_create, int, EAGAIN,
            (pthread_t * thread, const pthread_attr_t *attr, void *(*start)(void *), void *arg),
            (thread, attr, start, arg))
+
+// A call by its number; the ones made here have up to four arguments.
+FAULT_CALL(syscall, long, -1, (long number, long a, long b, long c, long d), (number, a, b, c, d))
 
 // Sockets.
 FAULT_CALL(socket, int, -1, (int domain, int type, int protocol), (domain, type, protocol))
@@ -307,6 +317,19 @@ int HeldFds() {
     return count - 3;  // ".", ".." and the descriptor of the listing
 }
 
+std::string CaptureUnderFault(const std::function<void()> &body) {
+    Plan plan = g_plan;
+    g_plan.armed = false;
+    const std::string output = Capture([&] {
+        g_plan = plan;
+        body();
+        plan = g_plan;
+        g_plan.armed = false;
+    });
+    g_plan = plan;
+    return output;
+}
+
 namespace {
 
 constexpr int kPassed = 0;
@@ -335,11 +358,11 @@ int RunWithFault(int nth, int error, const std::function<void()> &body) {
 
 int EveryCallFails(int error, const std::function<void()> &body) {
     for (int nth = 0; nth < 10000; ++nth) {
-        fflush(nullptr);
+        __real_fflush(nullptr);
         const pid_t child = __real_fork();
         if (child == 0) {
             const int code = RunWithFault(nth, error, body);
-            fflush(nullptr);
+            __real_fflush(nullptr);
             _exit(code);
         }
         int status = -1;

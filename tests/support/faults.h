@@ -30,6 +30,10 @@ long HeldBlocks();
 // Open descriptors of this process.
 int HeldFds();
 
+// Capture for bodies that run with a fault ahead: only calls of `body` count and fail, not those
+// that capturing takes.
+std::string CaptureUnderFault(const std::function<void()> &body);
+
 // Runs `body` again and again, each time in a forked child of its own with the next call made to
 // fail with `error`, until it runs through without meeting one. A run fails the test when it
 // crashes, takes over 20 seconds, fails an assertion of its own, or leaves a descriptor or a heap

@@ -1,0 +1,334 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "common/command.h"
+#include "common/process.h"
+#include "support/capture.h"
+#include "support/child_process.h"
+#include "support/faults.h"
+#include "support/private_world.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using talvek::test::Capture;
+using talvek::test::CaptureLog;
+using talvek::test::CaptureUnderFault;
+using talvek::test::ChildProcess;
+using talvek::test::EveryCallFails;
+using talvek::test::Fault;
+using talvek::test::kMounts;
+using talvek::test::kPids;
+using talvek::test::LogLines;
+using talvek::test::ReadFile;
+using talvek::test::RunInPrivateWorld;
+using talvek::test::Sleeper;
+using talvek::test::TempDir;
+using Lines = std::vector<std::string>;
+
+constexpr const char *kSleep = "/bin/sleep";
+
+bool IsIgnored(int sig) {
+    struct sigaction now;
+    sigaction(sig, nullptr, &now);
+    return now.sa_handler == SIG_IGN;
+}
+
+bool IsBlocked(int sig) {
+    sigset_t now;
+    sigprocmask(SIG_SETMASK, nullptr, &now);
+    return sigismember(&now, sig) == 1;
+}
+
+// ---- COM_System ----
+
+TEST(SystemFault, ReportsEachFailure) {
+    EXPECT_LT(7, EveryCallFails(ENOMEM, [] {
+                  int pid = 0;
+                  const int result = COM_System("/bin/true", &pid);
+                  const std::string which = Fault::Which();
+                  const bool needed = which == "sigaction" || which == "sigprocmask" ||
+                                      which == "fork" || which == "waitpid";
+                  if (needed) {
+                      EXPECT_EQ(-1, result) << which;
+                  }
+                  EXPECT_EQ(0, pid) << which;
+                  if (which == "waitpid") {
+                      EXPECT_LT(0, wait(nullptr)) << "the status was left";
+                  }
+                  EXPECT_EQ(-1, wait(nullptr)) << "a child is left after " << which;
+              }));
+}
+
+TEST(SystemFault, TellsThatItCannotFork) {
+    int pid = 77;
+    const bool ignored = IsIgnored(SIGINT);
+    EXPECT_EQ((Lines{"COMMON:COM_System(): fork() failed : Resource temporarily unavailable"}),
+              CaptureLog([&] {
+                  const Fault fault{"fork", 0, EAGAIN};
+                  EXPECT_EQ(-1, COM_System("/bin/true", &pid));
+              }));
+    EXPECT_EQ(77, pid);
+    EXPECT_EQ(ignored, IsIgnored(SIGINT)) << "the signals are as before";
+    EXPECT_FALSE(IsBlocked(SIGCHLD));
+}
+
+// A SIGINT that was changed already is not restored: signals of a valid number do not fail, so
+// nobody takes care of it.
+TEST(SystemFault, ReturnsAtOnceWhenSignalsCannotBeSet) {
+    struct Case {
+        const char *call;
+        int nth;
+        bool interruptIgnored;
+    };
+    for (const Case &c :
+         {Case{"sigaction", 0, false}, Case{"sigaction", 1, true}, Case{"sigprocmask", 0, true}}) {
+        RunInPrivateWorld(kMounts, [&c] {
+            signal(SIGINT, SIG_DFL);
+            int pid = 77;
+            EXPECT_EQ("", Capture([&] {
+                          const Fault fault{c.call, c.nth, EINVAL};
+                          EXPECT_EQ(-1, COM_System("/bin/echo not run", &pid));
+                          EXPECT_TRUE(Fault::Tripped());
+                      }));
+            EXPECT_EQ(77, pid);
+            EXPECT_EQ(c.interruptIgnored, IsIgnored(SIGINT));
+        });
+    }
+}
+
+TEST(SystemFault, FailsWhenSignalsCannotBeRestored) {
+    struct Case {
+        const char *call;
+        int nth;
+        bool interruptIgnored;
+        bool quitIgnored;
+        bool childBlocked;
+    };
+    for (const Case &c :
+         {Case{"sigaction", 2, true, false, false}, Case{"sigaction", 3, false, true, false},
+          Case{"sigprocmask", 1, false, false, true}}) {
+        RunInPrivateWorld(kMounts, [&c] {
+            signal(SIGINT, SIG_DFL);
+            signal(SIGQUIT, SIG_DFL);
+            Capture([&] {
+                const Fault fault{c.call, c.nth, EINVAL};
+                EXPECT_EQ(-1, COM_System("/bin/true", nullptr));
+                EXPECT_TRUE(Fault::Tripped());
+            });
+            EXPECT_EQ(c.interruptIgnored, IsIgnored(SIGINT)) << "the others are restored";
+            EXPECT_EQ(c.quitIgnored, IsIgnored(SIGQUIT));
+            EXPECT_EQ(c.childBlocked, IsBlocked(SIGCHLD));
+        });
+    }
+}
+
+TEST(SystemFault, WaitsAgainAfterAnInterruption) {
+    for (const char *call : {"waitpid", "waitid"}) {
+        const Fault fault{call, 0, EINTR};
+        EXPECT_EQ(1 << 8, COM_System("/bin/false", nullptr));
+        EXPECT_TRUE(Fault::Tripped());
+    }
+}
+
+TEST(SystemFault, HasNoStatusAfterAnyOtherFailureToWait) {
+    int pid = 77;
+    {
+        const Fault fault{"waitpid", 0, ECHILD};
+        EXPECT_EQ(-1, COM_System("/bin/true", &pid));
+    }
+    EXPECT_EQ(0, pid);
+    EXPECT_LT(0, wait(nullptr));
+}
+
+// A kernel before Linux 5.9.
+TEST(SystemFault, ClosesDescriptorsOneByOneWhereTheKernelKnowsNoRange) {
+    const int first = dup(0);
+    const int last = fcntl(0, F_DUPFD, 700);
+    ASSERT_LE(700, last);
+    const std::string output = Capture([] {
+        const Fault fault{"syscall", 0, ENOSYS};
+        EXPECT_EQ(0, COM_System("/bin/ls /proc/self/fd", nullptr));
+    });
+    EXPECT_EQ("0\n1\n2\n3\n", output);
+    close(first);
+    close(last);
+}
+
+TEST(SystemFault, TellsWhyTheChildCannotExecute) {
+    struct Case {
+        const char *call;
+        int error;
+    };
+    for (const Case &c : {Case{"malloc", ENOMEM}, Case{"execv", ETXTBSY}}) {
+        EXPECT_EQ((Lines{"COMMON:COM_ParserCMD(): [/bin/true] error : " +
+                         std::string{strerror(c.error)}}),
+                  CaptureLog([&] {
+                      const Fault fault{c.call, 0, c.error};
+                      EXPECT_EQ(127 << 8, COM_System("  /bin/true  word ", nullptr));
+                  }));
+    }
+}
+
+TEST(ParserCMDFault, ReturnsAfterEachFailure) {
+    for (const char *call : {"malloc", "execv"}) {
+        const long blocks = talvek::test::HeldBlocks();
+        Capture([&] {
+            const Fault fault{call, 0, ENOMEM};
+            EXPECT_EQ(-1, COM_ParserCMD("/bin/true"));
+            EXPECT_TRUE(Fault::Tripped());
+        });
+        EXPECT_EQ(blocks, talvek::test::HeldBlocks());
+    }
+}
+
+// ---- signals, states, sleep ----
+
+TEST(KillPidFault, ReportsEachFailure) {
+    RunInPrivateWorld(kPids, [] {
+        signal(SIGTERM, SIG_IGN);
+        EXPECT_LT(0, EveryCallFails(EPERM, [] {
+                      int result = 0;
+                      const std::string output =
+                          CaptureUnderFault([&] { result = COM_KillPid(getpid(), 1000); });
+                      EXPECT_EQ(Fault::Which() == "kill" ? -1 : 0, result);
+                      if (result != 0) {
+                          EXPECT_EQ(
+                              (Lines{"COMMON:COM_KillPid(): kill(" + std::to_string(getpid()) +
+                                     ") failed : Operation not permitted"}),
+                              LogLines(output));
+                      }
+                  }));
+    });
+}
+
+TEST(KillProcessFault, ReportsEachFailure) {
+    RunInPrivateWorld(kPids, [] {
+        const ChildProcess child{kSleep, Sleeper("/opt/unit/recorder")};
+        EXPECT_LT(3, EveryCallFails(EPERM, [] {
+                      const int result = COM_KillProcess("/opt/unit/recorder", 0, 0);
+                      const std::string which = Fault::Which();
+                      if (which == "kill" || which == "opendir" || which == "readdir") {
+                          EXPECT_EQ(-1, result) << which;
+                      }
+                  }));
+    });
+}
+
+TEST(CheckProcStateFault, KeepsTheStateWhenItCannotBeRead) {
+    EXPECT_LT(1, EveryCallFails(EIO, [] {
+                  tProcState state = {getpid(), "S"};
+                  const int result = COM_CheckProcState(&state);
+                  const std::string which = Fault::Which();
+                  if (which == "fopen" || which == "fgets") {
+                      EXPECT_EQ(-1, result) << which;
+                      EXPECT_STREQ("S", state.state);
+                  } else {
+                      EXPECT_EQ(0, result) << which;
+                      EXPECT_STREQ("R", state.state);
+                  }
+              }));
+}
+
+TEST(SleepAtLeastFault, SleepsItsTimeAfterASleepThatEndsAtOnce) {
+    const struct timespec time = {0, 5'000'000};
+    const auto start = std::chrono::steady_clock::now();
+    const Fault fault{"nanosleep", 0, EINTR};
+    EXPECT_LT(0, COM_SleepAtLeast(&time, 1000));
+    EXPECT_LE(std::chrono::milliseconds{5}, std::chrono::steady_clock::now() - start);
+}
+
+TEST(SleepAtLeastFault, EndsWithoutAClock) {
+    const struct timespec time = {0, 1'000'000};
+    EXPECT_LT(0, EveryCallFails(EFAULT, [&] { EXPECT_LE(0, COM_SleepAtLeast(&time, 50)); }));
+}
+
+// ---- COM_SavePid, COM_KillDhcpProc, COM_CloseFdExceptSTD, COM_PopenRead ----
+
+TEST(SavePidFault, ReturnsMinusOneWhateverFails) {
+    const TempDir dir;
+    EXPECT_LT(1, EveryCallFails(EIO, [&] { EXPECT_EQ(-1, COM_SavePid((dir / "pid").c_str())); }));
+    EXPECT_EQ(
+        (Lines{"COMMON:COM_SavePid(): write(" + (dir / "pid") + ") error : Input/output error"}),
+        CaptureLog([&] {
+            const Fault fault{"fflush", 0, EIO};
+            EXPECT_EQ(-1, COM_SavePid((dir / "pid").c_str()));
+        }));
+}
+
+TEST(KillDhcpProcFault, ReportsEachFailure) {
+    RunInPrivateWorld(kPids, [] {
+        signal(SIGTERM,
+               SIG_IGN);  // also in the process that is meant, for as many runs as it takes
+        const ChildProcess child{kSleep, Sleeper("dhcpc-eth0")};
+        EXPECT_LT(3, EveryCallFails(EPERM, [&child] {
+                      int result = 0;
+                      const std::string output =
+                          CaptureUnderFault([&] { result = COM_KillDhcpProc("dhcpc", "eth0"); });
+                      const std::string which = Fault::Which();
+                      if (which == "kill") {
+                          EXPECT_EQ(-1, result);
+                          EXPECT_EQ(
+                              (Lines{"COMMON: kill [dhcpc/eth0][" + std::to_string(child.pid()) +
+                                     "] failed: Operation not permitted"}),
+                              LogLines(output));
+                      } else if (which == "opendir") {
+                          EXPECT_EQ(-1, result);
+                          EXPECT_EQ((Lines{"COMMON:COM_KillDhcpProc(): NULL pointer pretection!"}),
+                                    LogLines(output));
+                      } else {
+                          EXPECT_EQ("", output) << which;
+                      }
+                  }));
+    });
+}
+
+TEST(CloseFdExceptSTDFault, ClosesNothingWithoutAListing) {
+    RunInPrivateWorld(kMounts, [] {
+        const int fd = dup(0);
+        const Fault fault{"opendir", 0, EMFILE};
+        EXPECT_LT(0, COM_CloseFdExceptSTD(getpid()));
+        EXPECT_NE(-1, fcntl(fd, F_GETFD));
+    });
+}
+
+void CountEnds(const char *pLine, void *pUser) {
+    *static_cast<int *>(pUser) += pLine == nullptr;
+}
+
+TEST(PopenReadFault, ReportsEachFailure) {
+    EXPECT_LT(2, EveryCallFails(EIO, [] {
+                  int ends = 0;
+                  int result = 0;
+                  const std::string output = CaptureUnderFault(
+                      [&] { result = COM_PopenRead("echo 1", nullptr, &ends, CountEnds); });
+                  const std::string which = Fault::Which();
+                  if (which == "popen") {
+                      EXPECT_EQ(-1, result);
+                      EXPECT_EQ(0, ends);
+                      EXPECT_EQ((Lines{"COMMON:COM_PopenRead(): popen(echo 1) error : Input/output "
+                                       "error"}),
+                                LogLines(output));
+                  } else if (which == "pclose") {
+                      EXPECT_EQ(-1, result);
+                      EXPECT_EQ(1, ends);
+                      EXPECT_EQ((Lines{"COMMON:COM_PopenRead(): pclose() error : Input/output "
+                                       "error"}),
+                                LogLines(output));
+                  } else {
+                      EXPECT_EQ(1, ends) << which;
+                  }
+                  EXPECT_EQ(-1, wait(nullptr)) << "a child is left after " << which;
+              }));
+}
+
+}  // namespace
