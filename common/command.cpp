@@ -130,6 +130,13 @@ int CollectStatus(pid_t pid) {
     return status;
 }
 
+// Other threads read the number without a lock.
+void Publish(int *pPid, pid_t pid) {
+    if (pPid != nullptr) {
+        __atomic_store_n(pPid, pid, __ATOMIC_RELEASE);
+    }
+}
+
 // Waits for the end and only then collects the status, with the number withdrawn in between: by no
 // number that is published, or that a cancelled thread kills, can another process be meant.
 int AwaitChild(pid_t pid, int *pPid, const CommandSignals &signals, const CancelOff &cancel) {
@@ -137,10 +144,8 @@ int AwaitChild(pid_t pid, int *pPid, const CommandSignals &signals, const Cancel
     const ScopeExit abandon{[&] {
         if (!ended) {
             kill(pid, SIGKILL);
+            Publish(pPid, 0);
             CollectStatus(pid);
-            if (pPid != nullptr) {
-                *pPid = 0;
-            }
             signals.Restore();
         }
     }};
@@ -151,9 +156,7 @@ int AwaitChild(pid_t pid, int *pPid, const CommandSignals &signals, const Cancel
         }
     });
     ended = true;
-    if (pPid != nullptr) {
-        *pPid = 0;
-    }
+    Publish(pPid, 0);
     return CollectStatus(pid);
 }
 
@@ -218,9 +221,7 @@ int COM_System(const char *pCmd, int *pPid) {
     if (pid < 0) {
         COMMON_LOG("fork() failed : %s\n", strerror(errno));
     } else {
-        if (pPid != nullptr) {
-            *pPid = pid;
-        }
+        talvek::Publish(pPid, pid);
         status = talvek::AwaitChild(pid, pPid, signals, cancel);
     }
     return signals.Restore() ? status : -1;

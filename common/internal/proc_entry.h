@@ -22,7 +22,7 @@ inline bool ReadCmdline(const char *pEntry, char *pLine, int size) {
 // The process number that an entry of /proc begins with; 0 when it begins with none or with one
 // that no process can have.
 inline int PidOfEntry(const char *pEntry) {
-    const long pid = strtol(pEntry, nullptr, 10);
+    const long long pid = strtoll(pEntry, nullptr, 10);
     return pid >= INT_MIN && pid <= INT_MAX ? static_cast<int>(pid) : 0;
 }
 

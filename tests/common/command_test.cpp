@@ -523,9 +523,17 @@ void AwaitState(pid_t pid, char wanted) {
 }
 
 TEST(CheckProcState, TellsAProcessThatLivesFromOneThatDoesNot) {
-    tProcState own = {getpid(), "xyz"};
-    EXPECT_EQ(0, COM_CheckProcState(&own));
-    EXPECT_STREQ("R", own.state);
+    const pid_t busy = fork();
+    if (busy == 0) {
+        for (volatile int i = 0;; i = i + 1) {
+        }
+    }
+    AwaitState(busy, 'R');
+    tProcState running = {busy, "xyz"};
+    EXPECT_EQ(0, COM_CheckProcState(&running));
+    EXPECT_STREQ("R", running.state);
+    kill(busy, SIGKILL);
+    waitpid(busy, nullptr, 0);
 
     const ChildProcess child{kSleep, Sleeper("sleep")};
     tProcState state = {child.pid(), ""};
