@@ -187,8 +187,11 @@ TEST(System, IgnoresSigintAndSigquitAndBlocksSigchldMeanwhile) {
             signal(sig, [](int) { caught = caught + 1; });
         }
         // The command looks at and signals the process that runs it. Bit n - 1 is signal n: 2 and 3
-        // are ignored, 17 is blocked.
+        // are ignored, 17 is blocked (an emulator blocks others too until it has done the fork).
         const Script script{
+            "for i in 1 2 3 4 5 6 7 8 9; do\n"
+            "  grep -q '^SigBlk:.*0000000000010000' /proc/$PPID/status && break; sleep 0.1\n"
+            "done\n"
             "grep -E 'Sig(Blk|Ign)' /proc/$PPID/status; kill -INT $PPID; kill -QUIT $PPID; exit 3"};
         EXPECT_EQ("SigBlk:\t0000000000010000\nSigIgn:\t0000000000000006\n", Capture([&] {
                       EXPECT_EQ(ExitWith(3), COM_System(script.command().c_str(), nullptr));
@@ -211,7 +214,7 @@ TEST(System, WaitsOnWhenASignalInterrupts) {
         EXPECT_EQ(0, COM_System("/bin/sleep 0.1", nullptr));
         const itimerval none = {};
         setitimer(ITIMER_REAL, &none, nullptr);
-        EXPECT_GT(signals, 3);
+        EXPECT_GT(signals, 0);
     });
 }
 
@@ -385,7 +388,7 @@ TEST(KillPid, GivesTimeAfterTheSignal) {
     const Clock::time_point start = Clock::now();
     EXPECT_EQ(0, COM_KillPid(child.pid(), 30'000));
     EXPECT_LE(std::chrono::milliseconds{29}, Clock::now() - start);
-    EXPECT_FALSE(child.Lives());
+    EXPECT_EQ(SIGTERM, child.Wait());
 }
 
 TEST(KillPid, ReportsAProcessThatIsGone) {
@@ -650,27 +653,31 @@ TEST(SleepAtLeast, NeedsNoFurtherRoundWithoutASignal) {
     EXPECT_EQ(-1, COM_SleepAtLeast(nullptr, 1000));
 }
 
-// A signal 10 milliseconds from now ends the first sleep.
+// A signal every 10 milliseconds: one ends the first sleep, also on a machine that is so busy that
+// the sleep begins late.
 void InterruptSoon() {
     struct sigaction nothing = {};
     nothing.sa_handler = [](int) {};
     ASSERT_EQ(0, sigaction(SIGALRM, &nothing, nullptr));
-    const itimerval once = {{0, 0}, {0, 10000}};
-    ASSERT_EQ(0, setitimer(ITIMER_REAL, &once, nullptr));
+    const itimerval often = {{0, 10000}, {0, 10000}};
+    ASSERT_EQ(0, setitimer(ITIMER_REAL, &often, nullptr));
 }
 
 TEST(SleepAtLeast, CompletesAnInterruptedSleepInShortRounds) {
     RunInPrivateWorld(kMounts, [] {
-        const struct timespec time = Milliseconds(40);
+        const struct timespec time = Milliseconds(60);
         int rounds = 0;
-        const Clock::time_point start = Clock::now();
-        EXPECT_EQ(Lines{}, CaptureLog([&] {
-                      InterruptSoon();
-                      rounds = COM_SleepAtLeast(&time, 1000);
-                  }));
-        EXPECT_LE(std::chrono::milliseconds{40}, Clock::now() - start);
+        // On a busy machine a sleep that is interrupted can be over by the time it returns.
+        for (int attempt = 0; attempt < 10 && rounds == 0; ++attempt) {
+            const Clock::time_point start = Clock::now();
+            EXPECT_EQ(Lines{}, CaptureLog([&] {
+                          InterruptSoon();
+                          rounds = COM_SleepAtLeast(&time, 1000);
+                      }));
+            EXPECT_LE(std::chrono::milliseconds{60}, Clock::now() - start);
+        }
         EXPECT_LT(0, rounds);
-        EXPECT_GE(300, rounds) << "30 milliseconds are left, a round is 0.1 and more";
+        EXPECT_GE(600, rounds) << "a round is 0.1 milliseconds and more";
     });
 }
 
