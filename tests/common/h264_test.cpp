@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "h264_bits.h"
 #include "support/canary.h"
 #include "support/capture.h"
 
@@ -16,74 +17,19 @@ namespace {
 
 using talvek::test::CanaryBuf;
 using talvek::test::CaptureLog;
-using talvek::test::GuardedCopy;
+using talvek::test::h264::Bytes;
+using talvek::test::h264::Deltas;
+using talvek::test::h264::Escape;
+using talvek::test::h264::Fixed;
+using talvek::test::h264::Guarded;
+using talvek::test::h264::Pack;
+using talvek::test::h264::Padded;
+using talvek::test::h264::Se;
+using talvek::test::h264::Sps;
+using talvek::test::h264::Ue;
+using talvek::test::h264::Zigzag;
 
-using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
-
-// ---- Writing headers (clauses 7.3 and 9.1) ----
-
-std::string Fixed(uint32_t value, uint32_t count) {
-    std::string bits;
-    for (uint32_t i = count; i > 0; --i) {
-        bits += static_cast<char>('0' + (value >> (i - 1) & 1));
-    }
-    return bits;
-}
-
-// Exp-Golomb: value + 1 in binary, after as many zeros as it has bits less one.
-std::string Ue(uint32_t value) {
-    uint32_t zeros = 0;
-    while ((uint64_t{value} + 1) >> (zeros + 1) != 0) {
-        ++zeros;
-    }
-    return std::string(zeros, '0') + "1" + Fixed(value + 1 - (uint32_t{1} << zeros), zeros);
-}
-
-// Table 9-3: 0, 1, -1, 2, -2 and so on.
-std::string Se(int32_t value) {
-    return Ue(value > 0 ? static_cast<uint32_t>(2 * value - 1) : static_cast<uint32_t>(-2 * value));
-}
-
-// Bytes of these bits; the last one is filled up with zeros.
-Bytes Pack(const std::string &bits) {
-    Bytes bytes((bits.size() + 7) / 8);
-    for (size_t i = 0; i < bits.size(); ++i) {
-        bytes[i / 8] = static_cast<uint8_t>(bytes[i / 8] | (bits[i] - '0') << (7 - i % 8));
-    }
-    return bytes;
-}
-
-// Clause 7.4.1: no three bytes may read 00 00 00 to 00 00 03.
-Bytes Escape(const Bytes &payload) {
-    Bytes raw;
-    size_t zeros = 0;
-    for (const uint8_t byte : payload) {
-        if (zeros == 2 && byte <= 3) {
-            raw.push_back(3);
-            zeros = 0;
-        }
-        raw.push_back(byte);
-        zeros = byte == 0 ? zeros + 1 : 0;
-    }
-    return raw;
-}
-
-// Bytes that end where nothing more may be read.
-class Guarded {
-  public:
-    explicit Guarded(const Bytes &bytes) : copy_(bytes.data(), bytes.size()) {}
-    [[nodiscard]] const uint8_t *get() const { return copy_.bytes(); }
-    [[nodiscard]] size_t size() const { return copy_.size(); }
-
-  private:
-    GuardedCopy copy_;
-};
-
-Bytes Padded(Bytes bytes, size_t size, uint8_t fill = 0xFF) {
-    bytes.resize(size, fill);
-    return bytes;
-}
 
 // ---- The bit reader ----
 
@@ -332,34 +278,6 @@ TEST(H264ReadUe, ReadsFromAnyAddress) {
 
 // ---- Scaling lists ----
 
-// Figure 8-8: along the diagonals, up and down in turn, the first one to the right.
-std::vector<size_t> Zigzag(size_t width) {
-    std::vector<size_t> order;
-    for (size_t sum = 0; sum < 2 * width - 1; ++sum) {
-        for (size_t i = 0; i <= sum; ++i) {
-            const size_t row = sum % 2 == 1 ? i : sum - i;
-            const size_t column = sum - row;
-            if (row < width && column < width) {
-                order.push_back(row * width + column);
-            }
-        }
-    }
-    return order;
-}
-
-// The list whose differences these are. Clause 7.3.2.1.1.1.
-std::string Deltas(const std::vector<uint32_t> &values) {
-    std::string bits;
-    int32_t last = 8;
-    for (const uint32_t value : values) {
-        int32_t delta = static_cast<int32_t>(value) - last;
-        delta = delta > 127 ? delta - 256 : delta < -128 ? delta + 256 : delta;
-        bits += Se(delta);
-        last = static_cast<int32_t>(value);
-    }
-    return bits;
-}
-
 struct List {
     std::vector<uint32_t> values;
     uint32_t useDefault = 7;
@@ -453,39 +371,6 @@ TEST(H264ParseScalingList, KnowsNoOtherSizes) {
 }
 
 // ---- Sequence parameter sets ----
-
-// Bits of a set, field by field (clause 7.3.2.1.1).
-struct Sps {
-    uint32_t profile = 66;
-    uint32_t constraints = 0xC0;
-    uint32_t level = 30;
-    uint32_t id = 0;
-    bool high = false;  // whether the fields of the High profiles are written
-    uint32_t chroma = 1;
-    uint32_t lumaDepth = 0;
-    uint32_t chromaDepth = 0;
-    uint32_t bypass = 0;
-    std::vector<std::string> lists;  // empty: no matrix; else flag and list of each
-    uint32_t log2MaxFrameNum = 0;
-    std::string pictureOrder = Ue(0) + Ue(2);
-    uint32_t refs = 1;
-    uint32_t gaps = 0;
-    uint32_t width = 3;
-    uint32_t height = 2;
-
-    [[nodiscard]] std::string Bits() const {
-        std::string bits = Fixed(profile, 8) + Fixed(constraints, 8) + Fixed(level, 8) + Ue(id);
-        if (high) {
-            bits += Ue(chroma) + Ue(lumaDepth) + Ue(chromaDepth) + Fixed(bypass, 1) +
-                    (lists.empty() ? "0" : "1");
-            for (const std::string &list : lists) {
-                bits += list;
-            }
-        }
-        return bits + Ue(log2MaxFrameNum) + pictureOrder + Ue(refs) + Fixed(gaps, 1) + Ue(width) +
-               Ue(height) + "1";
-    }
-};
 
 int Parse(const std::string &bits, tH264SpsInfo &info) {
     const Guarded bytes{Padded(Escape(Pack(bits)), COM_H264_SPS_REACH)};
