@@ -15,8 +15,9 @@ extern "C" {
  *
  * Returns -1 when the socket cannot be set up, and -1 in each child after its client has been
  * served: the caller then ends the process. The listening process itself does not return. SIGTERM
- * and SIGINT end it: it removes the socket if the path still names its own and dies of the signal,
- * while children finish what they do. */
+ * and SIGINT end it, also where the caller had them ignored or blocked: it removes the socket if
+ * the path still names its own and dies of the signal, while children finish what they do. In the
+ * children the two signals are at their defaults and not blocked. */
 int TALVEK_Daemon(const char *pSocketPath);
 
 #ifdef __cplusplus

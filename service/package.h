@@ -89,7 +89,8 @@ int TALVEK_SendPkg(const tTalvekClient *pClient, const tTalvekPkg *pPkg, uint32_
  *   length    bytes of all strings with their NULs
  *
  * A string without "=" ends the walk. One with an empty name is passed over. A last string without
- * a NUL ends with the payload. Not to be called while other threads use the environment. */
+ * a NUL ends with the payload. Without memory for a copy of the payload nothing is taken over. Not
+ * to be called while other threads use the environment. */
 void TALVEK_SetEnvFromPkg(const char *pPayload, uint32_t length);
 
 #ifdef __cplusplus

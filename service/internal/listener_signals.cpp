@@ -62,12 +62,14 @@ int ListenerSignals::Stop() {
     return sigismember(&pending, SIGINT) == 1 ? SIGINT : 0;
 }
 
+// Blocked signals are inherited by what a child executes: those that the starter of the daemon had
+// blocked would leave commands that cannot be ended.
 void ListenerSignals::ReleaseInChild() {
     released_ = true;
     const struct sigaction end = ActionOf(SIG_DFL);
     sigaction(SIGTERM, &end, nullptr);
     sigaction(SIGINT, &end, nullptr);
-    sigprocmask(SIG_SETMASK, &oldMask_, nullptr);
+    sigprocmask(SIG_SETMASK, &waitMask_, nullptr);
 }
 
 void ListenerSignals::EndBy(int signal) {

@@ -21,7 +21,8 @@ class ListenerSignals {
     // The signal that asks to stop, 0 for none.
     [[nodiscard]] static int Stop();
 
-    // For a child: SIGTERM and SIGINT end it again. SIGPIPE stays ignored.
+    // For a child: SIGTERM and SIGINT end it, also where the caller had them ignored or blocked.
+    // SIGPIPE stays ignored.
     void ReleaseInChild();
 
     // Ends the process by the signal that asked for it.

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,6 +23,46 @@
 #include "support/capture.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
+
+namespace {
+
+// How often the client is still to be told that its socket takes no bytes, and what it asked then.
+int g_timeouts = 0;
+std::vector<long> g_waits;  // seconds
+
+}  // namespace
+
+// What the C library calls pselect with a time of 64 bits.
+#if defined(__arm__)
+#define REAL_PSELECT __real___pselect64
+#define WRAP_PSELECT __wrap___pselect64
+#else
+#define REAL_PSELECT __real_pselect
+#define WRAP_PSELECT __wrap_pselect
+#endif
+
+extern "C" {
+int REAL_PSELECT(int nfds, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, const timespec *pTime,
+                 const sigset_t *pMask);
+int WRAP_PSELECT(int nfds, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, const timespec *pTime,
+                 const sigset_t *pMask);
+}
+
+// A socket that has just been connected always takes bytes: the link puts this in front of pselect.
+int WRAP_PSELECT(int nfds, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, const timespec *pTime,
+                 const sigset_t *pMask) {
+    if (g_timeouts == 0) {
+        return REAL_PSELECT(nfds, pRead, pWrite, pExcept, pTime, pMask);
+    }
+    --g_timeouts;
+    EXPECT_EQ(nullptr, pRead);
+    EXPECT_EQ(nullptr, pExcept);
+    EXPECT_TRUE(FD_ISSET(nfds - 1, pWrite));
+    EXPECT_EQ(0, pTime->tv_nsec);
+    g_waits.push_back(static_cast<long>(pTime->tv_sec));
+    FD_ZERO(pWrite);
+    return 0;
+}
 
 namespace {
 
@@ -479,6 +520,18 @@ TEST(Client, CutsAPathTo107Characters) {
     EXPECT_EQ(0, TALVEK_Client((path + "more").c_str(), "true"));
     daemon.join();
     close(listener);
+}
+
+TEST(Client, WaitsInStepsOfFiveSecondsForASocketThatTakesNothing) {
+    const Environment environment{{"A=1"}};
+    const FakeDaemon daemon{[](int fd) {
+        TakeCommand(fd);
+        Put(fd, ResultPkg(8));
+    }};
+    g_timeouts = 3;
+    EXPECT_EQ("", Capture([&] { EXPECT_EQ(8, daemon.Ask("true")); }));
+    EXPECT_EQ((std::vector<long>{5, 5, 5}), g_waits);
+    g_waits.clear();
 }
 
 TEST(Client, ServesThreadsOneAfterAnother) {

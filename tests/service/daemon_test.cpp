@@ -127,6 +127,15 @@ TEST(DaemonTest, ServesClientsSideBySide) {
     EXPECT_TRUE(Eventually([&] { return daemon.Children().empty(); })) << "and no zombie";
 }
 
+// The listening process wakes every five seconds and has nothing to tell then.
+TEST(DaemonTest, IsSilentWhileNobodyComes) {
+    const Daemon daemon;
+    const std::string log = daemon.log();
+    usleep(5300 * 1000);
+    EXPECT_EQ(log, daemon.log());
+    EXPECT_EQ(4, daemon.Client("exit 4").exitStatus());
+}
+
 // Every child begins where the daemon stands: session 0, sequence 0, the daemon's environment.
 TEST(DaemonTest, ClientsDoNotSeeEachOther) {
     const Daemon daemon;
@@ -333,6 +342,34 @@ TEST_P(StoppingSignal, EndsADaemonThatWasStartedWithItIgnored) {
     const uint64_t bits = SignalBits({SIGTERM, SIGINT, SIGPIPE, SIGCHLD});
     EXPECT_EQ(0u, SignalMask(path, "SigIgn:") & bits) << "commands find them at their defaults";
     EXPECT_EQ(0u, SignalMask(path, "SigBlk:") & bits);
+    EXPECT_EQ(GetParam(), WTERMSIG(daemon.Stop(GetParam())));
+    EXPECT_FALSE(Exists(daemon.socket()));
+}
+
+TEST_P(StoppingSignal, EndsADaemonThatWasStartedWithItBlocked) {
+    Daemon::Options options;
+    options.prepare = [] {
+        sigset_t both;
+        sigemptyset(&both);
+        sigaddset(&both, SIGTERM);
+        sigaddset(&both, SIGINT);
+        sigprocmask(SIG_BLOCK, &both, nullptr);
+    };
+    Daemon daemon{options};
+    const std::string path = daemon.dir() / "status";
+    EXPECT_EQ(0, Ask(daemon, "cat /proc/self/status >" + path));
+    EXPECT_EQ(0u, SignalMask(path, "SigBlk:") & SignalBits({SIGTERM, SIGINT}))
+        << "commands can be ended";
+
+    const int fd = ConnectTo(daemon.socket());
+    ASSERT_TRUE(Put(fd, RegisterPkg()));
+    Take(fd, 16);
+    for (const pid_t child : daemon.Children()) {
+        kill(child, GetParam());
+    }
+    EXPECT_TRUE(AtEnd(fd)) << "and so can handlers";
+    close(fd);
+
     EXPECT_EQ(GetParam(), WTERMSIG(daemon.Stop(GetParam())));
     EXPECT_FALSE(Exists(daemon.socket()));
 }
