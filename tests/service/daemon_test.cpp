@@ -87,6 +87,11 @@ long Ticks(pid_t pid) {
     return user + system;
 }
 
+// A command that waits for a file to appear, and not for ever.
+std::string Until(const std::string &path) {
+    return "for i in $(seq 1000); do test -e " + path + " && break; sleep 0.01; done; ";
+}
+
 // Runs a command that may be longer than the program's own limit; its status.
 int32_t Ask(const Daemon &daemon, const std::string &command) {
     const int fd = ConnectTo(daemon.socket());
@@ -115,11 +120,13 @@ TEST(DaemonTest, ServesARawPeer) {
 
 TEST(DaemonTest, ServesClientsSideBySide) {
     const Daemon daemon;
+    const std::string go = daemon.dir() / "go";
     const int slow = ConnectTo(daemon.socket());
-    ASSERT_TRUE(Put(slow, CommandPkg("sleep 0.3")));
+    ASSERT_TRUE(Put(slow, CommandPkg(Until(go))));
     const int silent = ConnectTo(daemon.socket());
     EXPECT_EQ(5, daemon.Client("exit 5").exitStatus());
     EXPECT_TRUE(Quiet(slow, 0)) << "still at its command";
+    WriteFile(go, "");
     EXPECT_EQ(Hex(ResultPkg(0, 0, 1)), Hex(Take(slow, 20)));
     EXPECT_TRUE(Eventually([&] { return daemon.Children().size() == 2; }));
     close(slow);
@@ -393,10 +400,12 @@ TEST_P(StoppingSignal, LetsRunningCommandsFinish) {
     Daemon daemon;
     const int fd = ConnectTo(daemon.socket());
     const std::string mark = daemon.dir() / "mark";
-    ASSERT_TRUE(Put(fd, CommandPkg("echo >" + mark + "; sleep 0.2; exit 44")));
+    const std::string go = daemon.dir() / "go";
+    ASSERT_TRUE(Put(fd, CommandPkg("echo >" + mark + "; " + Until(go) + "exit 44")));
     ASSERT_TRUE(Eventually([&] { return Exists(mark); }));
     EXPECT_EQ(GetParam(), WTERMSIG(daemon.Stop(GetParam())));
     EXPECT_TRUE(Quiet(fd, 0));
+    WriteFile(go, "");
     EXPECT_EQ(Hex(ResultPkg(44, 0, 1)), Hex(Take(fd, 20)));
     close(fd);
     EXPECT_TRUE(Eventually([] { return waitpid(-1, nullptr, WNOHANG) != 0; }))
