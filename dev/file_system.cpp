@@ -131,12 +131,6 @@ uint32_t SupportedCaps(const tFsEntry &row) {
     return caps;
 }
 
-void EnsureInitialised() {
-    if (!g_initialised.load(std::memory_order_acquire)) {
-        pthread_once(&g_once, Dev_InitFsArray);
-    }
-}
-
 // DEV_FS_COUNT when there is no such row.
 uint32_t RowOfName(const char *pName) {
     for (const tFsEntry &row : kInitialTable) {
@@ -153,8 +147,14 @@ const tFsEntry &FsRow(uint32_t index) {
     return g_table[index];
 }
 
+void EnsureFsTable() {
+    if (!g_initialised.load(std::memory_order_acquire)) {
+        pthread_once(&g_once, Dev_InitFsArray);
+    }
+}
+
 uint32_t FsCaps(uint32_t index) {
-    EnsureInitialised();
+    EnsureFsTable();
     return LoadCaps(index);
 }
 

@@ -215,6 +215,7 @@ int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex) {
     }
     const bool isExport = strchr(pSrc, ':') != nullptr;
     if (fsIndex >= DEV_FS_DETECT) {
+        EnsureFsTable();
         return isExport ? MountExport(pSrc, pDir) : MountDetecting(pSrc, pDir);
     }
     if (fsIndex != DEV_FS_NFS) {

@@ -9,6 +9,9 @@ namespace talvek {
 // below DEV_FS_COUNT.
 const tFsEntry &FsRow(uint32_t index);
 
+// Finds out what is supported when nobody has yet.
+void EnsureFsTable();
+
 // The row's capability mask, as it stands; finds it out first when nobody has yet.
 uint32_t FsCaps(uint32_t index);
 

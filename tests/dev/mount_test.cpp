@@ -339,13 +339,28 @@ std::string CommandFor(const char *pSrc, const char *pDir, unsigned index = 9) {
 
 TEST_F(MountExport, RunsTheMountProgram) {
     g_mount = NoSuchDevice;
-    for (const unsigned index : {9u, 11u, 12u, 0xFFFFFFFFu}) {
-        EXPECT_EQ(std::string{kNfsCommand} + "server:/export /mnt/nfs",
-                  CommandFor("server:/export", "/mnt/nfs", index));
-    }
+    EXPECT_EQ(std::string{kNfsCommand} + "server:/export /mnt/nfs",
+              CommandFor("server:/export", "/mnt/nfs"));
     EXPECT_EQ(std::string{kNfsCommand} + "192.168.0.1:/a_b-c.d/E1@x,y%z+=: ./m",
               CommandFor("192.168.0.1:/a_b-c.d/E1@x,y%z+=:", "./m"));
     EXPECT_TRUE(g_calls.empty());
+}
+
+// Detection looks at the table before it looks at the name.
+TEST_F(MountExport, IsDetectedByItsColon) {
+    WithDisks({}, {}, [] {
+        g_mount = NoSuchDevice;
+        for (const unsigned index : {11u, 12u, 0xFFFFFFFFu}) {
+            EXPECT_EQ(std::string{kNfsCommand} + "server:/export /mnt/nfs",
+                      CommandFor("server:/export", "/mnt/nfs", index));
+        }
+        EXPECT_TRUE(g_calls.empty());
+    });
+    RunInPrivateWorld(kMounts, [] {
+        MountTmpfs("/var");
+        g_system = [](const std::string &) { return 0; };
+        EXPECT_EQ(11u, CaptureLog([] { EXPECT_EQ(0, Dev_Mount("s:/x", "/m", 11)); }).size());
+    });
 }
 
 TEST_F(MountExport, ReturnsTheStatusOfTheMountProgram) {
