@@ -14,7 +14,7 @@ namespace talvek {
 namespace {
 
 constexpr size_t kFirstSize = 4096;
-constexpr size_t kMaxSize = size_t{1} << 20;
+constexpr size_t kMaxFile = size_t{1} << 20;
 
 bool IsSpace(char character) {
     return strchr(" \t\n\v\f\r", character) != nullptr && character != '\0';
@@ -23,9 +23,10 @@ bool IsSpace(char character) {
 // A text that grows as it is read.
 class HexText {
   public:
-    // Makes room for more; false without memory or at the largest size.
+    // Makes room for more; false without memory.
     bool Grow();
-    // Reads once; the count of bytes before white space was taken out.
+    // Reads once; the count of bytes before white space was taken out, 0 at the end, -1 for a
+    // failure, one of which is a file beyond the limit.
     ssize_t ReadFrom(int fd);
 
     [[nodiscard]] bool IsFull() const { return length_ + 1 >= size_; }
@@ -39,14 +40,11 @@ class HexText {
     HeapBuf<char> text_;
     size_t size_ = 0;
     size_t length_ = 0;
+    size_t taken_ = 0;  // bytes of the file, white space counted
 };
 
 bool HexText::Grow() {
     const size_t size = size_ == 0 ? kFirstSize : size_ * 2;
-    if (size > kMaxSize * 2) {
-        errno = EFBIG;
-        return false;
-    }
     char *pGrown = static_cast<char *>(realloc(text_.get(), size));
     if (pGrown == nullptr) {
         return false;
@@ -64,6 +62,14 @@ ssize_t HexText::ReadFrom(int fd) {
         if (!IsSpace(pNew[i])) {
             text_[length_++] = pNew[i];
         }
+    }
+    if (count > 0) {
+        taken_ += static_cast<size_t>(count);
+    }
+    // What has no end, a device or a pipe, must not take all memory or keep the caller for ever.
+    if (taken_ > kMaxFile) {
+        errno = EFBIG;
+        return -1;
     }
     return count;
 }

@@ -12,8 +12,9 @@ extern "C" {
  *   fd       open for reading; stays open
  *   pLength  receives the number of characters, the NUL not counted; may be NULL
  *
- * Returns a NUL-terminated heap text, which the caller frees; NULL when the file cannot be read,
- * when there is no memory, or when it has more than 1 MiB of text. */
+ * Returns a NUL-terminated heap text, which the caller frees; an empty one for an empty file. NULL
+ * with *pLength as it was, logged, when the file cannot be read, when there is no memory, or when
+ * more than 1 MiB is left of the file, its white space counted. */
 char *COM_ReadHexDataInStrFormat(int fd, int *pLength);
 
 #ifdef __cplusplus

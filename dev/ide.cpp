@@ -27,7 +27,7 @@ class PairText {
     explicit operator bool() const { return static_cast<bool>(text_); }
     [[nodiscard]] int length() const { return length_; }
     [[nodiscard]] int pairs() const { return length_ / 2; }
-    [[nodiscard]] bool Has(int pair) const { return pair * 2 < length_; }
+    [[nodiscard]] bool Has(int pair) const { return pair < pairs(); }
 
     // The byte of a pair; digits that are none end it.
     [[nodiscard]] uint8_t At(int pair) const {
@@ -78,6 +78,15 @@ class IdePath {
   private:
     char text_[300];
 };
+
+// The length of a name up to the number that it ends in.
+size_t LengthWithoutNumber(const char *pName) {
+    size_t length = strlen(pName);
+    while (length > 0 && pName[length - 1] >= '0' && pName[length - 1] <= '9') {
+        --length;
+    }
+    return length;
+}
 
 void CopyField(char *pDst, const PairText &text, const IdentityField &field) {
     if (pDst == nullptr) {
@@ -131,11 +140,15 @@ int Dev_GetIDViaMount(const char *pMountPoint, char *pSerial, char *pFwRev, char
     if (Dev_GetDevViaMount(device, pMountPoint) != 0) {
         return -1;
     }
-    // The driver has an entry a disk, not one a partition.
-    size_t length = strlen(device);
-    while (length > 0 && device[length - 1] >= '0' && device[length - 1] <= '9') {
-        device[--length] = '\0';
+    if (Dev_GetDevIdentify(device, pSerial, pFwRev, pModel) == 0) {
+        return 0;
     }
+    // The driver has an entry a disk, none a partition.
+    const size_t length = talvek::LengthWithoutNumber(device);
+    if (device[length] == '\0') {
+        return -1;
+    }
+    device[length] = '\0';
     return Dev_GetDevIdentify(device, pSerial, pFwRev, pModel);
 }
 

@@ -8,8 +8,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <iterator>
+
 #include "dev/device.h"
 #include "dev/enumeration.h"
+#include "dev/file_system.h"
 #include "dev/ide.h"
 #include "dev/mount.h"
 #include "dev/mount_table.h"
@@ -41,8 +44,37 @@ enum Item {
     kExit,
 };
 
-constexpr unsigned kNfsIndex = 9;  // of the file-system table
 constexpr unsigned kDeviceNameLength = 8;
+constexpr size_t kLineSize = 256;
+
+constexpr const char *kClassNames[] = {"unknown disc", "CD",      "DVD-ROM", "DVD-R/-RW",
+                                       "DVD+R/+RW",    "DVD-RAM", "DDCD",    "Blu-ray"};
+constexpr const char *kMediaNames[] = {"unknown medium", "read-only", "write-once", "rewritable",
+                                       "random access medium"};
+constexpr const char *kRecordNames[] = {"?", "sequential", "restricted overwrite", "?",
+                                        "?", "dual layer", "dual layer jump"};
+constexpr const char *kStatusNames[] = {"empty", "appendable", "finalized", "random access"};
+
+template <size_t N>
+const char *NameIn(const char *const (&names)[N], uint32_t value) {
+    return value < N ? names[value] : "?";
+}
+
+const char *DiscFailure(int result) {
+    constexpr int kNotReady = -129;
+    constexpr int kUnknownDisc = -130;
+    switch (result) {
+        case kNotReady:
+            return "not ready (no disc, or the tray is open)";
+        case kUnknownDisc:
+            return "a disc of unknown kind";
+        default:
+            return "the drive cannot be opened";
+    }
+}
+
+// What came in with one line.
+enum class Line { kText, kEmpty, kTooLong, kEnd };
 
 // One session at the menu.
 class Session {
@@ -52,232 +84,288 @@ class Session {
     void Run();
 
   private:
-    // Asks until a line of use comes in. False at the end of input.
-    bool AskLine(const char *pQuestion, char *pDst, size_t size);
+    // Both ask until a line of use comes in. False when the question is given up: by an empty line,
+    // or by the end of input, which is the end of the session too.
+    bool Ask(const char *pQuestion, char *pDst, size_t size);
     bool AskNumber(const char *pQuestion, int *pNumber);
-    // Returns false when the session is over.
-    bool Do(int item);
 
-    void EditName(const char *pQuestion, char *pName, size_t size);
-    void EditNumber(const char *pQuestion, int *pNumber);
-    void ShowMountPoint(unsigned n) const;
-    void ShowDiscInfo() const;
+    void EditName(const char *pWhat, char *pName, size_t size);
+    void EditNumber(const char *pWhat, int *pNumber);
+    void Do(int item);
+
+    // The items, in their order.
+    void Reload();
+    void EditSgName() { EditName("SG name", state_.sgName, sizeof state_.sgName); }
+    void EditSdName() { EditName("SD name", state_.sdName, sizeof state_.sdName); }
+    void EditDevName() { EditName("DEV name", state_.devName, sizeof state_.devName); }
+    void RescanBus();
+    void QueryAll();
+    void ShowMountPoint();
+    void ShowMountPointOf8();
+    void ConvertSgToSd();
+    void ConvertSdToSg();
+    void ShowDisc();
     void MountNfs();
-    void ConvertNumbers() const;
-    void ShowTemperature() const;
+    void CheckPartition();
+    void EditMajor() { EditNumber("Major number", &state_.major); }
+    void EditMinor() { EditNumber("Minor number", &state_.minor); }
+    void ConvertNumbers();
+    void ShowTemperature();
+    void Exit() { over_ = true; }
 
     tDevTestMenu &state_;
     FILE *in_;
+    bool over_ = false;
 };
 
-// A line without its end. False at the end of input; a line that does not fit comes in empty, told.
-bool ReadLine(FILE *pIn, char *pDst, size_t size) {
-    if (fgets(pDst, static_cast<int>(size), pIn) == nullptr) {
-        return false;
-    }
-    const size_t length = strcspn(pDst, "\n");
-    if (pDst[length] == '\n' || feof(pIn)) {
-        pDst[length] = '\0';
-        return true;
-    }
-    for (int character = getc(pIn); character != '\n' && character != EOF;) {
-        character = getc(pIn);
-    }
-    printf("The line is too long.\n");
-    pDst[0] = '\0';
-    return true;
+bool IsBlank(int character) {
+    return character == ' ' || character == '\t' || character == '\r';
 }
 
-bool Session::AskLine(const char *pQuestion, char *pDst, size_t size) {
-    char line[256];
-    for (;;) {
-        printf("%s", pQuestion);
-        fflush(stdout);
-        if (!ReadLine(in_, line, sizeof line)) {
-            putchar('\n');
-            return false;
-        }
-        if (line[0] == '\0') {
+// A line without its end, the blanks around it and NUL bytes, which a slip on the keyboard sends.
+Line ReadLine(FILE *pIn, char (&text)[kLineSize]) {
+    size_t length = 0;
+    bool tooLong = false;
+    int character = getc(pIn);
+    for (; character != '\n' && character != EOF; character = getc(pIn)) {
+        if (character == '\0' || (length == 0 && IsBlank(character))) {
             continue;
         }
-        if (strlen(line) < size) {
-            snprintf(pDst, size, "%s", line);
-            return true;
+        if (length + 1 < sizeof text) {
+            text[length++] = static_cast<char>(character);
+        } else {
+            tooLong = true;
         }
-        printf("At most %zu characters are possible.\n", size - 1);
+    }
+    if (tooLong) {
+        return Line::kTooLong;
+    }
+    while (length > 0 && IsBlank(text[length - 1])) {
+        --length;
+    }
+    text[length] = '\0';
+    if (length > 0) {
+        return Line::kText;
+    }
+    return character == EOF ? Line::kEnd : Line::kEmpty;
+}
+
+bool Session::Ask(const char *pQuestion, char *pDst, size_t size) {
+    for (;;) {
+        printf("%s : ", pQuestion);
+        fflush(stdout);
+        char text[kLineSize];
+        const Line line = ReadLine(in_, text);
+        if (line == Line::kEnd) {
+            putchar('\n');
+            over_ = true;
+            return false;
+        }
+        if (line == Line::kEmpty) {
+            return false;
+        }
+        if (line == Line::kTooLong) {
+            printf("The line is too long.\n");
+        } else if (strlen(text) < size) {
+            snprintf(pDst, size, "%s", text);
+            return true;
+        } else {
+            printf("At most %zu characters are possible.\n", size - 1);
+        }
     }
 }
 
 bool Session::AskNumber(const char *pQuestion, int *pNumber) {
-    char line[256];
-    while (AskLine(pQuestion, line, sizeof line)) {
+    char text[kLineSize];
+    while (Ask(pQuestion, text, sizeof text)) {
         char *pEnd = nullptr;
         errno = 0;
-        const long number = strtol(line, &pEnd, 10);
-        if (pEnd != line && pEnd[strspn(pEnd, " \t\r")] == '\0' && errno == 0 &&
-            number >= INT_MIN && number <= INT_MAX) {
+        const long number = strtol(text, &pEnd, 10);
+        if (*pEnd != '\0') {
+            printf("\"%s\" is not a number.\n", text);
+        } else if (errno != 0 || number < INT_MIN || number > INT_MAX) {
+            printf("%s is out of range.\n", text);
+        } else {
             *pNumber = static_cast<int>(number);
             return true;
         }
-        printf("\"%s\" is not a number.\n", line);
     }
     return false;
 }
 
-void Session::EditName(const char *pQuestion, char *pName, size_t size) {
-    if (AskLine(pQuestion, pName, size)) {
+// The value that an empty line keeps stands in the question.
+void Session::EditName(const char *pWhat, char *pName, size_t size) {
+    char question[kLineSize];
+    snprintf(question, sizeof question, "%s [%s]", pWhat, pName);
+    if (Ask(question, pName, size)) {
         Dev_PrintTestMenu(&state_);
     }
 }
 
-void Session::EditNumber(const char *pQuestion, int *pNumber) {
-    if (AskNumber(pQuestion, pNumber)) {
+void Session::EditNumber(const char *pWhat, int *pNumber) {
+    char question[kLineSize];
+    snprintf(question, sizeof question, "%s [%d]", pWhat, *pNumber);
+    if (AskNumber(question, pNumber)) {
         Dev_PrintTestMenu(&state_);
     }
 }
 
-void ShowName(const char *pFrom, int result, const char *pTo) {
+// What an item found out about a name.
+void Tell(const char *pAbout, const char *pFound) {
+    printf("[%s] => %s\n", pAbout, pFound);
+}
+
+void TellName(const char *pAbout, int result, const char *pName, const char *pNone) {
     if (result == 0) {
-        printf("[%s] => [%s]\n", pFrom, pTo);
+        printf("[%s] => [%s]\n", pAbout, pName);
     } else {
-        printf("[%s] => nothing found\n", pFrom);
+        Tell(pAbout, pNone);
     }
 }
 
-void Session::ShowMountPoint(unsigned n) const {
-    char mountPoint[DEV_MOUNT_TEXT_SIZE] = "";
-    const int result = n == 0 ? Dev_GetMPT(state_.devName, mountPoint)
-                              : Dev_nGetMPT(state_.devName, mountPoint, n);
-    ShowName(state_.devName, result, mountPoint);
+// A disc that cannot be written is not asked for more than its kind, nor an empty or finalized CD
+// for its tracks.
+void TellDisc(const char *pDrive, const tDiscInfo &disc) {
+    printf("[%s] => %s, %s", pDrive, NameIn(kClassNames, disc.discClass),
+           NameIn(kMediaNames, disc.mediaKind));
+    if (disc.mediaKind == DEV_MEDIA_READ_ONLY) {
+        putchar('\n');
+        return;
+    }
+    if (disc.recordMode != DEV_RECORD_NONE) {
+        printf(", %s", NameIn(kRecordNames, disc.recordMode));
+    }
+    printf(", %s\n    used %llu KB of %llu KB", NameIn(kStatusNames, disc.discStatus),
+           static_cast<unsigned long long>(disc.usedKB),
+           static_cast<unsigned long long>(disc.totalKB));
+    if (disc.sessions > 0) {
+        printf(", sessions %u", disc.sessions);
+    }
+    if (disc.lastTrack > 0) {
+        printf(", last track %u", disc.lastTrack);
+    }
+    putchar('\n');
 }
 
-// The record of one drive, as enumeration would make it.
-void Session::ShowDiscInfo() const {
+void Session::Reload() {
+    Dev_PrintTestMenu(&state_);
+}
+
+void Session::RescanBus() {
+    const int hosts = Dev_RescanScsiBus();
+    if (hosts > 0) {
+        printf("Asked %d SCSI host(s); new devices turn up by and by.\n", hosts);
+    } else {
+        printf("No SCSI host could be asked.\n");
+    }
+}
+
+// The enumeration itself prints what it finds.
+void Session::QueryAll() {
+    tDevInfo devices[DEV_MAX_DEVICES] = {};
+    Dev_Get(devices);
+}
+
+void Session::ShowMountPoint() {
+    char mountPoint[DEV_MOUNT_TEXT_SIZE] = "";
+    const int result = Dev_GetMPT(state_.devName, mountPoint);
+    TellName(state_.devName, result, mountPoint, "not mounted");
+}
+
+void Session::ShowMountPointOf8() {
+    char mountPoint[DEV_MOUNT_TEXT_SIZE] = "";
+    const int result = Dev_nGetMPT(state_.devName, mountPoint, kDeviceNameLength);
+    TellName(state_.devName, result, mountPoint, "not mounted");
+}
+
+void Session::ConvertSgToSd() {
+    char name[DEV_NODE_NAME_SIZE] = "";
+    const int result = Dev_SgToSd(state_.sgName, name, sizeof name);
+    TellName(state_.sgName, result, name, "no such pair");
+}
+
+void Session::ConvertSdToSg() {
+    char name[DEV_NODE_NAME_SIZE] = "";
+    const int result = Dev_SdToSg(state_.sdName, name, sizeof name);
+    TellName(state_.sdName, result, name, "no such pair");
+}
+
+// The record of one drive is made as the enumeration would make it.
+void Session::ShowDisc() {
     tDevInfo device = {};
     device.isOptical = 1;
     if (strlen(state_.devName) >= sizeof device.devPath) {
-        printf("[%s] => nothing found\n", state_.devName);
+        Tell(state_.devName, "no name of an optical drive");
         return;
     }
-    snprintf(device.devPath, sizeof device.devPath, "%.11s", state_.devName);
+    memcpy(device.devPath, state_.devName, strlen(state_.devName) + 1);
     if (Dev_SdToSg(device.devPath, device.sgPath, sizeof device.sgPath) != 0) {
-        printf("[%s] => no generic node found\n", state_.devName);
+        Tell(state_.devName, "no SCSI generic node");
         return;
     }
     const int result = Dev_GetDiscInfo(&device);
-    printf("Dev_GetDiscInfo(%s) = %d\n", state_.devName, result);
     if (result != 0) {
+        Tell(state_.devName, DiscFailure(result));
         return;
     }
-    const tDiscInfo &disc = device.u.disc;
-    printf("(class, kind, mode, status) = (%u, %u, %u, %u)\n", disc.discClass, disc.mediaKind,
-           disc.recordMode, disc.discStatus);
-    printf("(sessions, last track) = (%u, %u)\n", disc.sessions, disc.lastTrack);
-    printf("(used, total) = (%llu, %llu) KB\n", static_cast<unsigned long long>(disc.usedKB),
-           static_cast<unsigned long long>(disc.totalKB));
+    TellDisc(state_.devName, device.u.disc);
 }
 
 void Session::MountNfs() {
-    char source[256];
-    char directory[256];
-    if (AskLine("NFS export (host:/path) : ", source, sizeof source) &&
-        AskLine("Mount point : ", directory, sizeof directory)) {
-        printf("Dev_Mount(%s, %s) = %d\n", source, directory,
-               Dev_Mount(source, directory, kNfsIndex));
+    char source[kLineSize];
+    char directory[kLineSize];
+    if (Ask("NFS export (host:/path)", source, sizeof source) &&
+        Ask("Mount point", directory, sizeof directory)) {
+        const int result = Dev_Mount(source, directory, DEV_FS_NFS);
+        TellName(source, result, directory, "not mounted");
     }
 }
 
-void Session::ConvertNumbers() const {
+void Session::CheckPartition() {
+    Tell(state_.devName, Dev_CheckPartition(state_.devName) == 0 ? "is in /proc/partitions"
+                                                                 : "is not in /proc/partitions");
+}
+
+void Session::ConvertNumbers() {
     char name[DEV_NODE_NAME_SIZE] = "";
     if (Dev_ConvertMajorMinor(state_.major, state_.minor, name, sizeof name) == 0) {
         printf("(%d, %d) => [%s]\n", state_.major, state_.minor, name);
     }
 }
 
-void Session::ShowTemperature() const {
+void Session::ShowTemperature() {
     tSmartAttr temperature = {DEV_SMART_TEMPERATURE, 0};
     if (Dev_GetSmartValue(state_.devName, &temperature) == 0) {
-        printf("[%s] : 0x%02X = %d\n", state_.devName, temperature.id, temperature.value);
+        printf("[%s] => %d degrees Celsius\n", state_.devName, temperature.value);
     } else {
-        printf("[%s] : no smart value 0x%02X\n", state_.devName, temperature.id);
+        Tell(state_.devName, "no temperature");
     }
 }
 
-bool Session::Do(int item) {
-    switch (item) {
-        case kReload:
-            Dev_PrintTestMenu(&state_);
-            break;
-        case kModifySgName:
-            EditName("SG name : ", state_.sgName, sizeof state_.sgName);
-            break;
-        case kModifySdName:
-            EditName("SD name : ", state_.sdName, sizeof state_.sdName);
-            break;
-        case kModifyDevName:
-            EditName("DEV name : ", state_.devName, sizeof state_.devName);
-            break;
-        case kRescanBus:
-            printf("%d SCSI hosts look for devices\n", Dev_RescanScsiBus());
-            break;
-        case kQueryAll: {
-            tDevInfo devices[DEV_MAX_DEVICES] = {};
-            Dev_Get(devices);
-            break;
-        }
-        case kGetMountPoint:
-            ShowMountPoint(0);
-            break;
-        case kGetMountPointOf8:
-            ShowMountPoint(kDeviceNameLength);
-            break;
-        case kSgToSd: {
-            char name[sizeof state_.sdName] = "";
-            const int result = Dev_SgToSd(state_.sgName, name, sizeof name);
-            ShowName(state_.sgName, result, name);
-            break;
-        }
-        case kSdToSg: {
-            char name[sizeof state_.sgName] = "";
-            const int result = Dev_SdToSg(state_.sdName, name, sizeof name);
-            ShowName(state_.sdName, result, name);
-            break;
-        }
-        case kDiscInfo:
-            ShowDiscInfo();
-            break;
-        case kNfsMount:
-            MountNfs();
-            break;
-        case kCheckPartition:
-            printf("Dev_CheckPartition(%s) = %d\n", state_.devName,
-                   Dev_CheckPartition(state_.devName));
-            break;
-        case kModifyMajor:
-            EditNumber("Major number : ", &state_.major);
-            break;
-        case kModifyMinor:
-            EditNumber("Minor number : ", &state_.minor);
-            break;
-        case kConvertNumbers:
-            ConvertNumbers();
-            break;
-        case kSmartValue:
-            ShowTemperature();
-            break;
-        case kExit:
-            return false;
-        default:
-            printf("There is no item %d.\n", item);
-            break;
+void Session::Do(int item) {
+    using Action = void (Session::*)();
+    static constexpr Action kActions[] = {
+        &Session::Reload,         &Session::EditSgName,        &Session::EditSdName,
+        &Session::EditDevName,    &Session::RescanBus,         &Session::QueryAll,
+        &Session::ShowMountPoint, &Session::ShowMountPointOf8, &Session::ConvertSgToSd,
+        &Session::ConvertSdToSg,  &Session::ShowDisc,          &Session::MountNfs,
+        &Session::CheckPartition, &Session::EditMajor,         &Session::EditMinor,
+        &Session::ConvertNumbers, &Session::ShowTemperature,   &Session::Exit};
+    static_assert(std::size(kActions) == kExit + 1);
+    if (item < 0 || item > kExit) {
+        printf("There is no item %d; %d shows the menu.\n", item, kReload);
+        return;
     }
-    return true;
+    (this->*kActions[item])();
 }
 
 void Session::Run() {
     Dev_PrintTestMenu(&state_);
-    int item = 0;
-    while (AskNumber("Item : ", &item) && Do(item)) {
+    while (!over_) {
+        int item = 0;
+        if (AskNumber("Item", &item)) {
+            Do(item);
+        }
     }
     fflush(stdout);
 }

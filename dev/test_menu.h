@@ -22,13 +22,15 @@ typedef struct tDevTestMenu {
 void Dev_PrintTestMenu(const tDevTestMenu *pState);
 
 /* Prints the menu, then reads item numbers from a stream, a line each, and does what they say until
- * item 17 or the end of input. Items that need more ask for it. Wrong input is told and asked for
- * again; a line has at most 255 characters.
+ * item 17 or the end of input. Items that need more ask for it; an empty line gives such a question
+ * up and keeps what was there. Wrong input is told and asked for again. A line has at most 255
+ * characters; blanks around its text do not count.
  *
- *   pState  selections to start with; edited by the items
+ *   pState  selections to start with; edited by items 1 to 3, 13 and 14 alone
  *   pIn     open for reading; stays open
  *
- * Returns 0, or -1 for a NULL argument. */
+ * Results are printed on standard output, each at the latest before the next question. Returns 0,
+ * or -1 for a NULL argument. */
 int Dev_RunTestMenu(tDevTestMenu *pState, FILE *pIn);
 
 #ifdef __cplusplus

@@ -123,6 +123,15 @@ void ReplaceDir(const std::string &dir) {
     MountTmpfs(dir);
 }
 
+void ReplaceProc() {
+    MountTmpfs("/mnt");
+    ASSERT_EQ(0, mkdir("/mnt/real", 0755)) << strerror(errno);
+    ASSERT_EQ(0, mount("/proc", "/mnt/real", nullptr, MS_BIND | MS_REC, nullptr))
+        << strerror(errno);
+    ASSERT_EQ(0, symlink("real/self", "/mnt/self"));
+    ASSERT_EQ(0, mount("/mnt", "/proc", nullptr, MS_MOVE, nullptr)) << strerror(errno);
+}
+
 void WritableRoot() {
     const std::filesystem::path root{"/media"};
     MountTmpfs(root);

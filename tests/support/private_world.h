@@ -31,6 +31,9 @@ void FreshEtc();
 // A directory of the test's own over `dir`, below which single files of /proc or /sys are made.
 // The rest of what stood there is gone for the body.
 void ReplaceDir(const std::string &dir);
+// ReplaceDir("/proc") that leaves the entry of each process itself, /proc/self, where it was, so
+// that the descriptors can be counted and programs with sanitizers start.
+void ReplaceProc();
 // A root directory of the body's own with all the directories of the old one below it, in which new
 // ones can be made. /media is empty in it.
 void WritableRoot();

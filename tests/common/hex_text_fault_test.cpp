@@ -1,0 +1,70 @@
+// Every call of the C library fails in turn; nothing is lost, and a failure is told.
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "common/hex_text.h"
+#include "support/capture.h"
+#include "support/faults.h"
+
+namespace {
+
+using talvek::test::Capture;
+using talvek::test::CaptureLog;
+using talvek::test::EveryCallFails;
+using talvek::test::Fault;
+using Lines = std::vector<std::string>;
+
+constexpr int kSize = 10000;  // two buffers are not enough
+
+int LargeFile() {
+    const int fd = memfd_create("hex text", MFD_CLOEXEC);
+    const std::string content(kSize, 'a');
+    EXPECT_EQ(kSize, write(fd, content.data(), content.size()));
+    return fd;
+}
+
+// lseek itself may be made to fail.
+void Rewind(int fd) {
+    syscall(SYS_lseek, fd, 0, SEEK_SET);
+}
+
+TEST(ReadHexDataFault, SurvivesEveryFailure) {
+    const int fd = LargeFile();
+    Capture([&] {
+        EXPECT_GT(EveryCallFails(ENOMEM,
+                                 [&] {
+                                     Rewind(fd);
+                                     int length = -77;
+                                     char *pText = COM_ReadHexDataInStrFormat(fd, &length);
+                                     EXPECT_EQ(Fault::Tripped(), pText == nullptr);
+                                     EXPECT_EQ(Fault::Tripped() ? -77 : kSize, length);
+                                     free(pText);
+                                 }),
+                  5);
+    });
+    close(fd);
+}
+
+TEST(ReadHexDataFault, TellsThatThereIsNoMemory) {
+    const int fd = LargeFile();
+    for (int nth = 0; nth < 3; ++nth) {
+        EXPECT_EQ(Lines{"COMMON:COM_ReadHexDataInStrFormat(): REALLOC() failed : Cannot allocate "
+                        "memory"},
+                  CaptureLog([&] {
+                      Rewind(fd);
+                      const Fault fault{"realloc", nth, ENOMEM};
+                      EXPECT_EQ(nullptr, COM_ReadHexDataInStrFormat(fd, nullptr));
+                  }));
+    }
+    close(fd);
+}
+
+}  // namespace
