@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <malloc.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -291,6 +292,7 @@ class LineEditor {
     void AppendItems();
     void PutLine(const char *pText);
     void CopyBack();
+    void Finish();
     tFileItem *FindItem(const char *pLine) const;
     void FailWrite(const char *pName) {
         COMMON_LOG_AS(kEntry, "fprintf() fail : %s : %s", pName, strerror(errno));
@@ -413,6 +415,23 @@ void LineEditor::CopyBack() {
     copied_ = length;
 }
 
+// A thread that is cancelled here first finishes: half of the file is not to stay behind. Held by
+// Cancellation.LeavesAnEditedFileWhole.
+void LineEditor::Finish() {
+    int before;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    const ScopeExit restore{[before] { pthread_setcancelstate(before, nullptr); }};
+    if (result_ >= 0) {
+        CopyBack();
+    }
+    // Whatever failed, the file is cut to what was copied back: an edit that failed leaves it
+    // empty, never half edited. Held by ReplaceItemsInFileFault.LeavesTheFileWholeOrEmpty.
+    file_.Reset();
+    if (truncate(fileName_, result_ < 0 ? 0 : copied_) != 0) {
+        COMMON_LOG_PLAIN("truncate(%s) error : %s\n", fileName_, strerror(errno));
+    }
+}
+
 int LineEditor::Run() {
     const ScopeExit removeCopy{[this] {
         if (copyName_[0] != '\0' && unlink(copyName_) != 0) {
@@ -428,17 +447,9 @@ int LineEditor::Run() {
         if (result_ >= 0 && fflush(copy_.get()) != 0) {
             FailWrite(copyName_);
         }
-        if (change_ && result_ >= 0) {
-            CopyBack();
-        }
     }
-    // Whatever failed, the file is cut to what was copied back: an edit that failed leaves it
-    // empty, never half edited. Held by ReplaceItemsInFileFault.LeavesTheFileWholeOrEmpty.
     if (change_) {
-        file_.Reset();
-        if (truncate(fileName_, result_ < 0 ? 0 : copied_) != 0) {
-            COMMON_LOG_PLAIN("truncate(%s) error : %s\n", fileName_, strerror(errno));
-        }
+        Finish();
     }
     return result_;
 }

@@ -100,7 +100,8 @@ typedef struct tFileItemRequest {
  * is created. Returns the number of lines replaced, deleted and appended, or -1. The file has to be
  * writable and /var too, also with find_only.
  *
- * A failed edit leaves an empty file, never a half-edited one (find_only leaves it as it was). */
+ * A failed edit leaves an empty file, never a half-edited one (find_only leaves it as it was). A
+ * thread that is cancelled leaves it as it was or edited whole. */
 int COM_ReplaceItemsInFile(const char *pFileName, tFileItemRequest *pRequest);
 
 /* Grows a heap buffer and copies into it.

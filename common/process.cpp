@@ -66,15 +66,22 @@ void CallBack(tComLineFn pCallback, const char *pLine, void *pUser) {
         &call);
 }
 
-// fgets over a signal that interrupts the read; nullptr at the end of the output.
-const char *NextLine(char *pLine, int size, FILE *pStream) {
-    for (;;) {
-        const char *line = fgets(pLine, size, pStream);
-        if (line != nullptr || feof(pStream) || errno != EINTR) {
-            return line;
+// What fgets reads, but a signal that interrupts the read costs no part of a line. Held by
+// Interruption.KeepsThePartOfALineThatWasRead. nullptr at the end of the output.
+const char *NextLine(char *pLine, size_t size, FILE *pStream) {
+    size_t length = 0;
+    while (length + 1 < size && (length == 0 || pLine[length - 1] != '\n')) {
+        const int byte = getc(pStream);
+        if (byte != EOF) {
+            pLine[length++] = static_cast<char>(byte);
+        } else if (feof(pStream) || errno != EINTR) {
+            break;
+        } else {
+            clearerr(pStream);
         }
-        clearerr(pStream);
     }
+    pLine[length] = '\0';
+    return length > 0 ? pLine : nullptr;
 }
 
 }  // namespace

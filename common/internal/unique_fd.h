@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <stdio.h>
+#include <stdio_ext.h>
 #include <unistd.h>
 
 #include <utility>
@@ -45,7 +46,9 @@ class UniqueFd {
     int fd_ = -1;
 };
 
-// Owns a stdio stream. errno outlives the destructor.
+// Owns a stdio stream. What was written and not flushed is dropped at its end: closing would try
+// again what has failed, and while a cancelled thread unwinds it could block for ever. errno
+// outlives the destructor.
 class UniqueFile {
   public:
     UniqueFile() = default;
@@ -66,6 +69,7 @@ class UniqueFile {
         FILE *old = std::exchange(stream_, stream);
         if (old != nullptr) {
             const ErrnoKeeper keep;
+            __fpurge(old);
             fclose(old);
         }
     }
