@@ -27,6 +27,14 @@ function(talvek_add_module folder)
     file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp
         ${PROJECT_SOURCE_DIR}/${folder}/internal/*.cpp)
     list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
+    # What every program calls stands first, next to the program's own code: the kernel maps pages
+    # in groups, and an idle daemon then holds few of the rest.
+    foreach(often IN ITEMS file log)
+        if("${PROJECT_SOURCE_DIR}/${folder}/${often}.cpp" IN_LIST sources)
+            list(REMOVE_ITEM sources "${PROJECT_SOURCE_DIR}/${folder}/${often}.cpp")
+            list(PREPEND sources "${PROJECT_SOURCE_DIR}/${folder}/${often}.cpp")
+        endif()
+    endforeach()
     add_library(talvek_${folder} STATIC ${sources})
     target_compile_options(talvek_${folder} PRIVATE -fstack-protector-strong)
     target_link_libraries(talvek_${folder} PUBLIC talvek_flags ${ARGN})
