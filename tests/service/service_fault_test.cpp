@@ -31,6 +31,7 @@ using talvek::test::AtEnd;
 using talvek::test::Capture;
 using talvek::test::CaptureAll;
 using talvek::test::CaptureLog;
+using talvek::test::CaptureUnderFault;
 using talvek::test::CommandPkg;
 using talvek::test::ConnectTo;
 using talvek::test::Eventually;
@@ -125,7 +126,7 @@ TEST(ClientFault, GivesEverythingBackWhateverFails) {
     const AnsweringProcess daemon{5};
     setenv("A", "1", 1);
     const int calls = EveryCallFails(EIO, [&] {
-        const std::string ignored = Capture([&] {
+        const std::string ignored = CaptureUnderFault([&] {
             const int status = TALVEK_Client(daemon.path(), "true");
             if (Fault::Tripped()) {
                 EXPECT_TRUE(status == -1 || status == 1 || status == 5) << status;
@@ -178,7 +179,7 @@ TEST(HandlerFault, AFailedReplyIsItsResult) {
 
 TEST(HandlerFault, GivesEverythingBackWhateverFails) {
     const int calls = EveryCallFails(EIO, [] {
-        const std::string ignored = Capture([] {
+        const std::string ignored = CaptureUnderFault([] {
             std::string reply;
             Handle(RegisterPkg("A=1\0B=2\0"s), &reply);
             Handle(CommandPkg("exit 3"), &reply);
