@@ -2,7 +2,6 @@
 
 #include "common/log.h"
 
-#include <errno.h>
 #include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -84,8 +83,7 @@ int WriteLine(const LineStyle &style, const Origin &origin, const char *pMessage
 }
 
 int LogLine(const LineStyle &style, const Origin &origin, const char *pFormat, va_list args) {
-    const int savedErrno = errno;
-    const ScopeExit restoreErrno{[savedErrno] { errno = savedErrno; }};
+    const ErrnoKeeper keep;
     HeapBuf<char> message;
     switch (FormatMessage(message, pFormat, args)) {
         case Formatted::kOk:
@@ -121,6 +119,7 @@ int COM_LogColor(const char *pModule, int line, const char *pFunction, const cha
 }
 
 int COM_PrintTimeStamp(const char *pModule, int line) {
+    const talvek::ErrnoKeeper keep;
     struct timeval now;
     if (gettimeofday(&now, nullptr) == -1) {
         return -1;

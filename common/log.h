@@ -5,7 +5,8 @@
  * a printf text, on standard output. The caller's text carries its own newline.
  *
  * Each line is handed to standard output in one piece and flushed at once, so that it appears once
- * and in order whatever standard output is (terminal, pipe, file), also around fork and system.
+ * and in order whatever standard output is (terminal, pipe, file), also around fork and system. The
+ * time stamp alone waits for the message that its caller prints behind it.
  * errno is the same after a call as before it. No state is kept; any thread may log. */
 
 #ifdef __cplusplus
@@ -30,8 +31,9 @@ int COM_LogColor(const char *pModule, int line, const char *pFunction, const cha
     __attribute__((format(printf, 4, 5)));
 
 /* Writes "[YYYY/MM/DD hh:mm:ss.uuuuuu] " (UTC) ahead of a message that the caller prints at once
- * behind it, with "module,line: " before the bracket unless pModule is NULL. The prefix and the
- * message are two writes: another thread's line can come between them.
+ * behind it, with "module,line: " before the bracket unless pModule is NULL. The prefix has no
+ * newline and is not flushed. It and the message are two writes: another thread's line can come
+ * between them.
  *
  * Returns 0, or -1 without output when the clock cannot be read or converted. */
 int COM_PrintTimeStamp(const char *pModule, int line);

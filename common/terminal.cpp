@@ -79,7 +79,7 @@ static_assert(NCCS == kControlCharCount);
 
 constexpr const char *kOpen = "COM_OpenTermDevice";
 
-// Raw mode first, so that what the four words do not say (VMIN, VTIME) is defined too.
+// Raw mode is the ground; the four words and the control characters then say the line.
 void FillSetting(tTermDevInfo &device) {
     struct termios &setting = device.current;
     const struct termios given = setting;
@@ -100,6 +100,13 @@ void FillSetting(tTermDevInfo &device) {
     }
     for (const ControlChar &character : kControlChars) {
         setting.c_cc[character.index] = character.value;
+    }
+}
+
+// The line is left alone for the whole time, also when signals arrive.
+void LetLineSettle() {
+    struct timespec left = kSettleTime;
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
     }
 }
 
@@ -197,7 +204,9 @@ int COM_OpenTermDevice(const char *pPath, tTermDevInfo *pDevInfo) {
         COMMON_LOG("open(%s) failed : %s\n", pPath, strerror(errno));
         return -2;
     }
-    snprintf(pDevInfo->path, sizeof pDevInfo->path, "%s", pPath);
+    if (pPath != pDevInfo->path) {
+        snprintf(pDevInfo->path, sizeof pDevInfo->path, "%s", pPath);
+    }
 
     int result = 0;
     if (tcgetattr(pDevInfo->fd, &pDevInfo->saved) == 0) {
@@ -206,7 +215,7 @@ int COM_OpenTermDevice(const char *pPath, tTermDevInfo *pDevInfo) {
         COMMON_LOG("tcgetattr(%s) error : %s\n", pPath, strerror(errno));
         result = -1;
     }
-    nanosleep(&talvek::kSettleTime, nullptr);
+    talvek::LetLineSettle();
 
     talvek::FillSetting(*pDevInfo);
     cfsetospeed(&pDevInfo->current, pDevInfo->speed);

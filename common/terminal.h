@@ -40,7 +40,7 @@ extern const tTermFlag COM_TermControlChars[]; /* value = index into c_cc */
 /* Opens a terminal device, without making it the controlling one and without blocking, and sets its
  * line.
  *
- *   pPath     NUL-terminated device path
+ *   pPath     NUL-terminated device path; it may be pDevInfo->path
  *   pDevInfo  the record; direction, speed and use_given_flags are read, and the flag words of
  *             `current` where they are to be kept. A direction outside 0 to 2 counts as 0.
  *
@@ -56,20 +56,21 @@ int COM_OpenTermDevice(const char *pPath, tTermDevInfo *pDevInfo);
 
 /* Puts the saved setting back, where it was read, and closes the device; `fd` becomes -1.
  *
- * Output that has not been sent yet is sent under the setting that it was written for. Returns 0,
- * or -1 when nothing is open or the setting cannot be restored (the device is closed all the same).
- */
+ * The setting changes at once: output that has not been sent yet is not waited for (tcdrain(3)
+ * waits for it). Returns 0, or -1 when nothing is open or the setting cannot be restored (the
+ * device is closed all the same). */
 int COM_CloseTermDevice(tTermDevInfo *pDevInfo);
 
 /* Prints "label = [0xFLAGS] : [NAME] [NAME]..." with every table entry whose bits are all set in
  * the flag word, and a newline.
  *
  * Fields of several bits and speeds are matched by the same rule, so B0 and every speed whose bits
- * are among those of the word are listed too. Returns the result of the last putchar. */
+ * are among those of the word are listed too. Returns the result of the last putchar. A NULL table
+ * has no entries. */
 int COM_PrintTermFlags(const char *pLabel, uint32_t flags, const tTermFlag *pTable);
 
 /* Prints a whole setting: the title, the four flag words by name, the 32 control characters.
- * Returns the result of the last puts. */
+ * Returns the result of the last puts, or EOF without output when pSetting is NULL. */
 int COM_DumpTermios(const char *pTitle, const struct termios *pSetting);
 
 /* Finds the device of one of the board's serial ports.

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -47,7 +48,8 @@ size_t CountThreads() {
 void WritePidFile(const char *pName) {
     constexpr const char *kEntry = "COM_LogThread";
     COM_Mkdir(kPidDir, 0775);
-    char path[256];
+    // A name too long for a file makes the open fail; it does not lose its ending.
+    char path[PATH_MAX];
     snprintf(path, sizeof path, "%s/%s.thread.pid", kPidDir, pName);
     // A descriptor, not a stream: closing a stream writes again what it could not write before, so
     // that a thread cancelled while it waits for the file would wait on in its clean-up.
@@ -170,6 +172,9 @@ int COM_DestroyThreadWatchdog(void) {
 }
 
 void *COM_ThreadWatchdog(void *pData) {
+    if (pData == nullptr) {
+        return nullptr;
+    }
     const talvek::Watchdog &watchdog = *static_cast<const talvek::Watchdog *>(pData);
     for (;;) {
         // A look is not cut short: cancellation waits for the test behind it or for the sleep.

@@ -53,13 +53,15 @@ void COM_ShowThread(void);
  * Returns 0, or the error number of pthread_create; EBUSY when the watchdog already runs. */
 int COM_CreateThreadWatchdog(int period);
 
-/* Ends the watchdog and waits for its end, which comes at once while it sleeps. Returns 0, or the
- * error number of pthread_cancel; ESRCH when no watchdog runs. */
+/* Ends the watchdog and waits for its end, which comes at once while it sleeps; a look that has
+ * begun, its log lines included, is finished first. Returns 0, or the error number of
+ * pthread_cancel; ESRCH when no watchdog runs. */
 int COM_DestroyThreadWatchdog(void);
 
 /* The watchdog's start routine. It never returns: it ends by being cancelled, between two looks.
  *
- *   pData  the watchdog's data as COM_CreateThreadWatchdog passes it */
+ *   pData  the watchdog's data as COM_CreateThreadWatchdog passes it; with NULL there is nothing to
+ *          do, and the routine returns NULL */
 void *COM_ThreadWatchdog(void *pData);
 
 #ifdef __cplusplus

@@ -38,7 +38,9 @@ class ByteReader {
             memset(pDst, 0, count);
             return false;
         }
-        memcpy(pDst, bytes_.data() + offset, count);
+        if (count > 0) {
+            memcpy(pDst, bytes_.data() + offset, count);
+        }
         return true;
     }
 

@@ -94,8 +94,8 @@ class UniquePipe {
 
     [[nodiscard]] FILE *get() const { return stream_; }
     explicit operator bool() const { return stream_ != nullptr; }
-    // Closes now and returns what pclose returned.
-    int Close() { return pclose(std::exchange(stream_, nullptr)); }
+    // Closes now and returns what pclose returned; -1 when nothing is held.
+    int Close() { return stream_ != nullptr ? pclose(std::exchange(stream_, nullptr)) : -1; }
 
   private:
     FILE *stream_;

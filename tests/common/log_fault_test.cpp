@@ -37,6 +37,11 @@ TEST(LogFault, SaysThatALongMessageCannotGrow) {
                   const Fault fault{"realloc", 0, ENOMEM};
                   COM_LogColor("COMMON", 1, "func", "%s", text.c_str());
               }));
+    // This one line keeps the form with a function name.
+    EXPECT_EQ("COMMON,1:(null)(): Failed to print", Capture([&] {
+                  const Fault fault{"realloc", 0, ENOMEM};
+                  COM_Log("COMMON", 1, nullptr, "%s", text.c_str());
+              }));
 }
 
 TEST(LogFault, GrowsOnlyForMessagesOf256CharactersAndMore) {

@@ -4,9 +4,12 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/time.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <functional>
 #include <regex>
 #include <string>
 #include <thread>
@@ -17,6 +20,64 @@
 namespace {
 
 using talvek::test::Capture;
+
+// What the logger asks realloc for. The request numbered g_refused and those behind it fail.
+std::vector<size_t> *g_pGrown = nullptr;
+size_t g_refused = 0;
+
+// The time of day that the logger sees; the real one when null.
+const struct timeval *g_pTimeOfDay = nullptr;
+
+int TimeOfDay(struct timeval *pNow) {
+    if (g_pTimeOfDay != nullptr) {
+        *pNow = *g_pTimeOfDay;
+        return 0;
+    }
+    struct timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    *pNow = {now.tv_sec, static_cast<suseconds_t>(now.tv_nsec / 1000)};
+    return 0;
+}
+
+}  // namespace
+
+extern "C" {
+void *__real_realloc(void *pBlock, size_t size);
+void *__wrap_realloc(void *pBlock, size_t size);
+int __wrap_gettimeofday(struct timeval *pNow, void *pZone);
+int __wrap___gettimeofday64(struct timeval *pNow, void *pZone);
+
+void *__wrap_realloc(void *pBlock, size_t size) {
+    if (g_pGrown != nullptr) {
+        g_pGrown->push_back(size);
+        if (g_pGrown->size() > g_refused) {
+            return nullptr;
+        }
+    }
+    return __real_realloc(pBlock, size);
+}
+
+int __wrap_gettimeofday(struct timeval *pNow, void * /*pZone*/) {
+    return TimeOfDay(pNow);
+}
+
+// Its name where time_t was 32 bits once.
+int __wrap___gettimeofday64(struct timeval *pNow, void * /*pZone*/) {
+    return TimeOfDay(pNow);
+}
+}
+
+namespace {
+
+// The sizes that one message grows to, `allowed` of them granted.
+std::vector<size_t> Growth(size_t allowed, const std::function<void()> &log) {
+    std::vector<size_t> sizes;
+    g_refused = allowed;
+    g_pGrown = &sizes;
+    log();
+    g_pGrown = nullptr;
+    return sizes;
+}
 
 TEST(Log, WritesModuleAndLineWithoutFunction) {
     int count = 0;
@@ -47,12 +108,37 @@ TEST(Log, KeepsMessagesOfEveryLengthWhole) {
     }
 }
 
+TEST(Log, GrowsToTheMessagesLengthAndItsNul) {
+    Capture([] {
+        for (const size_t length : {255, 256, 1000}) {
+            const std::string text(length, 'm');
+            const std::vector<size_t> sizes =
+                Growth(9, [&] { COM_Log("DNS", 3, nullptr, "%s", text.c_str()); });
+            const std::vector<size_t> once{length + 1};
+            EXPECT_EQ(length < 256 ? std::vector<size_t>{} : once, sizes);
+        }
+    });
+}
+
+// A wide character that the locale has no bytes for: the formatter reports no length.
+TEST(Log, DoublesForAMessageWithoutALengthUntilMemoryEnds) {
+    const wchar_t text[] = {0x263A, 0};
+    const std::string output = Capture([&text] {
+        const std::vector<size_t> sizes =
+            Growth(3, [&text] { COM_Log("COMMON", 1, "wide", "%ls\n", text); });
+        EXPECT_EQ((std::vector<size_t>{512, 1024, 2048, 4096}), sizes);
+    });
+    EXPECT_EQ("COMMON,1:wide(): Failed to print", output);
+}
+
 TEST(Log, KeepsErrno) {
     Capture([] {
         errno = ENOTDIR;
         COM_Log("COMMON", 1, nullptr, "%s\n", std::string(1000, 'x').c_str());
         EXPECT_EQ(ENOTDIR, errno);
         COM_LogColor("COMMON", 1, nullptr, "x\n");
+        EXPECT_EQ(ENOTDIR, errno);
+        COM_PrintTimeStamp("COMMON", 1);
         EXPECT_EQ(ENOTDIR, errno);
     });
 }
@@ -128,6 +214,23 @@ TEST(PrintTimeStamp, WritesUtcWithMicroseconds) {
     const time_t printed = timegm(&calendar);
     EXPECT_LE(before, printed);
     EXPECT_GE(after, printed);
+}
+
+// 2 January 2031, 03:04:05 and 6 microseconds.
+TEST(PrintTimeStamp, FillsEveryFieldWithZerosToItsWidth) {
+    struct tm calendar = {};
+    calendar.tm_year = 2031 - 1900;
+    calendar.tm_mday = 2;
+    calendar.tm_hour = 3;
+    calendar.tm_min = 4;
+    calendar.tm_sec = 5;
+    const struct timeval pretended = {timegm(&calendar), 6};
+    g_pTimeOfDay = &pretended;
+    const std::string plain = Capture([] { EXPECT_EQ(0, COM_PrintTimeStamp(nullptr, 9)); });
+    const std::string named = Capture([] { EXPECT_EQ(0, COM_PrintTimeStamp("DNS", -9)); });
+    g_pTimeOfDay = nullptr;
+    EXPECT_EQ("[2031/01/02 03:04:05.000006] ", plain);
+    EXPECT_EQ("DNS,-9: [2031/01/02 03:04:05.000006] ", named);
 }
 
 TEST(PrintTimeStamp, PutsModuleAndLineAhead) {

@@ -4,12 +4,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/time.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -231,6 +234,50 @@ TEST(OpenTermDevice, CutsALongPathInTheRecordOnly) {
         EXPECT_GE(device.fd, 0);
         COM_CloseTermDevice(&device);
     });
+}
+
+TEST(OpenTermDevice, TakesThePathOfTheRecord) {
+    const Pty pty;
+    tTermDevInfo device = Device(2, B9600);
+    snprintf(device.path, sizeof device.path, "%s", pty.name());
+    Capture([&] { EXPECT_EQ(0, COM_OpenTermDevice(device.path, &device)); });
+    EXPECT_STREQ(pty.name(), device.path);
+    COM_CloseTermDevice(&device);
+}
+
+// A session without a terminal would take the first one that it opens.
+TEST(OpenTermDevice, DoesNotBecomeTheControllingTerminal) {
+    const Pty pty;
+    fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) {
+        setsid();
+        tTermDevInfo device = Device(2, B9600);
+        Capture([&] { COM_OpenTermDevice(pty.name(), &device); });
+        const bool taken = open("/dev/tty", O_RDWR | O_CLOEXEC) != -1;
+        _exit(device.fd >= 0 && !taken && errno == ENXIO ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(0, status);
+}
+
+TEST(OpenTermDevice, WaitsItsHalfSecondWhateverSignalsArrive) {
+    const Pty pty;
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    struct sigaction before = {};
+    sigaction(SIGALRM, &action, &before);
+    const struct itimerval often = {{0, 100'000}, {0, 100'000}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    tTermDevInfo device = Device(2, B9600);
+    const double start = Now();
+    Capture([&] { COM_OpenTermDevice(pty.name(), &device); });
+    EXPECT_GE(Now() - start, 0.5);
+    const struct itimerval never = {};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    COM_CloseTermDevice(&device);
 }
 
 TEST(CloseTermDevice, PutsTheSavedSettingBack) {
@@ -517,6 +564,21 @@ TEST(GetSerialPort, PassesOverLinesOfOtherPorts) {
                   "usbserinfo 1.1\n0: x-1.10\n1: x-11.1\n2: x-1.1 \n3: x-1.1-2.3\n\n-\n");
         EXPECT_EQ("", Capture([&] { EXPECT_EQ(-1, COM_GetSerialPort(4, path.text())); }));
         EXPECT_TRUE(path.UntouchedFrom(0));
+    });
+}
+
+// A line is read in pieces of 255 characters at the most, each a line of its own.
+TEST(GetSerialPort, ReadsLinesOf255Characters) {
+    InBoardWorld([] {
+        const std::string head = "5: ";
+        const std::string tail = "-1.3";
+        for (const size_t length : {254, 255, 256}) {  // without the newline
+            const std::string line =
+                head + std::string(length - head.size() - tail.size(), 'x') + tail + "\n";
+            WriteFile("/proc/tty/driver/usb-serial", line);
+            char path[32] = "";
+            EXPECT_EQ(length > 255 ? -1 : 0, COM_GetSerialPort(2, path)) << length;
+        }
     });
 }
 

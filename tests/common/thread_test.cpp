@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mount.h>
@@ -14,12 +16,15 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "common/command.h"
 #include "support/capture.h"
 #include "support/private_world.h"
 
@@ -48,12 +53,18 @@ std::string Pid() {
 
 TEST(LogThread, CountsEntriesAndWritesPidFiles) {
     InEmptyRegistry([] {
+        umask(0);
         EXPECT_EQ("", Capture([] {
                       EXPECT_EQ(1, COM_LogThread("first"));
                       EXPECT_EQ(2, COM_LogThread("second"));
                   }));
         EXPECT_EQ(Pid(), ReadFile("/var/run/first.thread.pid"));
         EXPECT_EQ(Pid(), ReadFile("/var/run/second.thread.pid"));
+        struct stat st = {};
+        EXPECT_EQ(0, stat("/var/run", &st));
+        EXPECT_EQ(S_IFDIR | 0775U, st.st_mode);
+        EXPECT_EQ(0, stat("/var/run/first.thread.pid", &st));
+        EXPECT_EQ(S_IFREG | 0666U, st.st_mode);
         EXPECT_EQ((Lines{"COMMON:COM_ShowThread(): [0] : " + Pid() + " - [first] - [] - [0]",
                          "COMMON:COM_ShowThread(): [1] : " + Pid() + " - [second] - [] - [0]"}),
                   CaptureLog([] { COM_ShowThread(); }));
@@ -80,6 +91,22 @@ TEST(LogThread, CutsALongNameAt75Characters) {
         EXPECT_NE(std::string::npos, lines[0].find("[" + fits + "]"));
         EXPECT_NE(std::string::npos, lines[1].find("[" + fits + "]"));
         EXPECT_EQ(Pid(), ReadFile("/var/run/" + fits + "m.thread.pid"));
+    });
+}
+
+// A file name has 255 characters at the most, ".thread.pid" is 11 of them.
+TEST(LogThread, KeepsThePidFilesWholeNameOrMakesNone) {
+    InEmptyRegistry([] {
+        const std::string fits(244, 'n');
+        EXPECT_EQ("", Capture([&] { EXPECT_EQ(1, COM_LogThread(fits.c_str())); }));
+        EXPECT_EQ(Pid(), ReadFile("/var/run/" + fits + ".thread.pid"));
+        for (const size_t length : {245, 300, 5000}) {
+            const std::string name(length, 'm');
+            const Lines log = CaptureLog([&] { EXPECT_GT(COM_LogThread(name.c_str()), 1); });
+            ASSERT_EQ(1U, log.size());
+            EXPECT_EQ(0U, log[0].find("COMMON:COM_LogThread(): fopen(/var/run/mmm"));
+            EXPECT_NE(std::string::npos, log[0].find(") error : File name too long"));
+        }
     });
 }
 
@@ -185,91 +212,166 @@ TEST(LogThreadMemUsage, IsSilentForAProcessWithoutAnEntry) {
     });
 }
 
-// A registered process in the state that `enter` brings it to, watched by a child that has its
-// registry. Returns what the watchdog said until `lines` lines stood there or 3 seconds were over.
-Lines WatchAProcessThat(const std::function<void()> &enter, size_t lines) {
-    int pipeFds[2];
-    EXPECT_EQ(0, pipe(pipeFds));
-    fflush(nullptr);
-    const pid_t registered = fork();
-    if (registered == 0) {
-        COM_LogThread("watched");
-        if (fork() == 0) {
+// Fills a pipe, so that the next to write there waits.
+void FillPipe(int fd) {
+    ASSERT_EQ(0, fcntl(fd, F_SETFL, O_NONBLOCK));
+    const std::string block(4096, '.');
+    while (write(fd, block.data(), block.size()) > 0) {
+    }
+    while (write(fd, block.data(), 1) > 0) {
+    }
+    ASSERT_EQ(0, fcntl(fd, F_SETFL, 0));
+}
+
+// A process that registers itself as "watched" and enters a state in which it does not run, and a
+// child of it, which has its registry, that runs `watch` then with its standard output on a pipe.
+class Watched {
+  public:
+    Watched(const std::function<void()> &enter, const std::function<void()> &watch) {
+        int pipeFds[2];
+        EXPECT_EQ(0, pipe2(pipeFds, O_CLOEXEC));
+        fflush(nullptr);
+        pid_ = fork();
+        if (pid_ == 0) {
             close(pipeFds[0]);
-            dup2(pipeFds[1], STDOUT_FILENO);
-            close(pipeFds[1]);
-            usleep(100'000);
-            if (COM_CreateThreadWatchdog(1) != 0) {
-                _exit(1);
+            COM_LogThread("watched");
+            tProcState self = {getpid(), ""};
+            if (fork() == 0) {
+                alarm(60);  // whatever happens, the reader sees an end
+                dup2(pipeFds[1], STDOUT_FILENO);
+                close(pipeFds[1]);
+                while (COM_CheckProcState(&self) == 0) {
+                    usleep(1000);
+                }
+                watch();
+                _exit(0);
             }
-            usleep(2'600'000);
-            COM_DestroyThreadWatchdog();
-            COM_ShowThread();
-            _exit(0);
+            close(pipeFds[1]);
+            enter();
+            for (;;) {
+                pause();
+            }
         }
         close(pipeFds[1]);
-        enter();
-        for (;;) {
-            pause();
+        output_ = pipeFds[0];
+    }
+    ~Watched() {
+        close(output_);
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+    Watched(const Watched &) = delete;
+    Watched &operator=(const Watched &) = delete;
+
+    [[nodiscard]] std::string pid() const { return std::to_string(pid_); }
+    // Reads until so many lines stand there, or to the end.
+    std::string Read(ptrdiff_t lines = PTRDIFF_MAX) {
+        char block[512];
+        ssize_t count = 1;
+        while (std::count(text_.begin(), text_.end(), '\n') < lines &&
+               (count = read(output_, block, sizeof block)) > 0) {
+            text_.append(block, static_cast<size_t>(count));
         }
+        return text_;
     }
-    close(pipeFds[1]);
-    std::string output;
-    char block[512];
-    ssize_t count;
-    while ((count = read(pipeFds[0], block, sizeof block)) > 0) {
-        output.append(block, static_cast<size_t>(count));
+
+  private:
+    pid_t pid_ = -1;
+    int output_ = -1;
+    std::string text_;
+};
+
+// Has a watchdog of period 1 warn `count` times of a process in the state that `enter` brings it
+// to, and expects nothing but these warnings and the two states in the registry then. The watching
+// process is registered as well, and healthy.
+void ExpectWarnings(int count, const std::function<void()> &enter, const std::string &state) {
+    int stop[2];
+    ASSERT_EQ(0, pipe2(stop, O_CLOEXEC));
+    Watched watched{[&] {
+                        close(stop[1]);
+                        enter();
+                    },
+                    [&] {
+                        close(stop[1]);
+                        COM_LogThread("watcher");
+                        EXPECT_EQ(0, COM_CreateThreadWatchdog(1));
+                        char byte;
+                        EXPECT_EQ(0, read(stop[0], &byte, 1));
+                        EXPECT_EQ(0, COM_DestroyThreadWatchdog());
+                        COM_ShowThread();
+                    }};
+    watched.Read(count);
+    close(stop[1]);
+    close(stop[0]);
+    Lines lines = talvek::test::LogLines(watched.Read());
+    ASSERT_GE(lines.size(), static_cast<size_t>(count) + 2);
+    EXPECT_TRUE(std::regex_match(
+        lines.back(), std::regex{"COMMON:COM_ShowThread\\(\\): \\[1\\] : \\d+ - \\[watcher\\] - "
+                                 "\\[[RS]\\] - \\[0\\]"}))
+        << lines.back();
+    lines.pop_back();
+    EXPECT_EQ(
+        "COMMON:COM_ShowThread(): [0] : " + watched.pid() + " - [watched] - [" + state + "] - [0]",
+        lines.back());
+    lines.pop_back();
+    for (const std::string &line : lines) {
+        EXPECT_EQ("COMMON:COM_ThreadWatchdog(): Warnning!! [pid = " + watched.pid() +
+                      "] [watched] process error",
+                  line);
     }
-    close(pipeFds[0]);
-    kill(registered, SIGKILL);
-    waitpid(registered, nullptr, 0);
-    Lines result = talvek::test::LogLines(output);
-    EXPECT_GE(result.size(), lines) << output;
-    // The number differs from run to run.
-    const std::string pid = std::to_string(registered);
-    for (std::string &line : result) {
-        const size_t at = line.find(pid);
-        if (at != std::string::npos) {
-            line.replace(at, pid.size(), "PID");
-        }
-    }
-    return result;
+}
+
+double Now() {
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 TEST(ThreadWatchdog, WarnsOfAStoppedProcessEveryPeriod) {
     InEmptyRegistry([] {
-        const Lines lines = WatchAProcessThat([] { raise(SIGSTOP); }, 4);
-        const std::string warning =
-            "COMMON:COM_ThreadWatchdog(): Warnning!! [pid = PID] [watched] process error";
-        EXPECT_EQ((Lines{warning, warning, warning,
-                         "COMMON:COM_ShowThread(): [0] : PID - [watched] - [T] - [0]"}),
-                  lines);
+        const double start = Now();
+        ExpectWarnings(
+            3, [] { raise(SIGSTOP); }, "T");
+        EXPECT_GE(Now() - start, 2.0) << "the period lies between two looks";
     });
 }
 
-TEST(ThreadWatchdog, WarnsOfAZombie) {
+TEST(ThreadWatchdog, WarnsOfAZombieEveryPeriod) {
     InEmptyRegistry([] {
-        const Lines lines = WatchAProcessThat([] { _exit(0); }, 2);
-        EXPECT_EQ("COMMON:COM_ThreadWatchdog(): Warnning!! [pid = PID] [watched] process error",
-                  lines.front());
-        EXPECT_EQ("COMMON:COM_ShowThread(): [0] : PID - [watched] - [Z] - [0]", lines.back());
+        ExpectWarnings(
+            2, [] { _exit(0); }, "Z");
     });
 }
 
-TEST(ThreadWatchdog, WarnsOfAProcessThatIsGone) {
+// Its state is the last one seen, here none: it is gone before the watchdog starts.
+TEST(ThreadWatchdog, WarnsOfAProcessThatIsGoneEveryPeriod) {
     InEmptyRegistry([] {
         signal(SIGCHLD, SIG_IGN);  // the kernel reaps it at once
-        const Lines lines = WatchAProcessThat([] { _exit(0); }, 2);
-        EXPECT_EQ("COMMON:COM_ThreadWatchdog(): Warnning!! [pid = PID] [watched] process error",
-                  lines.front());
-        EXPECT_EQ("COMMON:COM_ShowThread(): [0] : PID - [watched] - [] - [0]", lines.back());
+        ExpectWarnings(
+            2, [] { _exit(0); }, "");
     });
 }
 
-TEST(ThreadWatchdog, IsQuietAboutHealthyProcessesAndRefreshesTheirState) {
+// A look that cannot write its warning holds the lock meanwhile; the end of the watchdog waits for
+// it, and the registry answers afterwards.
+TEST(ThreadWatchdog, FinishesALookThatIsBlockedInItsWarning) {
     InEmptyRegistry([] {
-        const Lines lines = WatchAProcessThat([] {}, 1);
-        EXPECT_EQ((Lines{"COMMON:COM_ShowThread(): [0] : PID - [watched] - [S] - [0]"}), lines);
+        Watched watched{[] { raise(SIGSTOP); },
+                        [] {
+                            FillPipe(STDOUT_FILENO);
+                            EXPECT_EQ(0, COM_CreateThreadWatchdog(1));
+                            usleep(100'000);
+                            EXPECT_EQ(0, COM_DestroyThreadWatchdog());
+                            COM_ShowThread();
+                        }};
+        usleep(300'000);
+        const std::string output = watched.Read();
+        const Lines lines = talvek::test::LogLines(output.substr(output.rfind('.') + 1));
+        EXPECT_EQ(
+            (Lines{"COMMON:COM_ThreadWatchdog(): Warnning!! [pid = " + watched.pid() +
+                       "] [watched] process error",
+                   "COMMON:COM_ShowThread(): [0] : " + watched.pid() + " - [watched] - [T] - [0]"}),
+            lines);
     });
 }
 
@@ -287,6 +389,10 @@ TEST(ThreadWatchdog, EndsAtOnceAndCanBeStartedAgain) {
         }
         EXPECT_EQ(1, COM_LogThread("after")) << "the registry outlives the watchdog";
     });
+}
+
+TEST(ThreadWatchdog, HasNothingToDoWithoutItsData) {
+    EXPECT_EQ(nullptr, COM_ThreadWatchdog(nullptr));
 }
 
 TEST(ThreadWatchdog, RefusesASecondStartAndAStopWithoutAStart) {
@@ -346,13 +452,9 @@ TEST(LogThread, CanBeCancelledWhileThePidFileIsWritten) {
     InEmptyRegistry([] {
         ASSERT_EQ(0, mkdir("/var/run", 0755));
         ASSERT_EQ(0, mkfifo("/var/run/fifo.thread.pid", 0600));
-        const int reader = open("/var/run/fifo.thread.pid", O_RDWR | O_NONBLOCK);
+        const int reader = open("/var/run/fifo.thread.pid", O_RDWR);
         ASSERT_GE(reader, 0);
-        const char block[4096] = {};
-        while (write(reader, block, sizeof block) > 0) {
-        }
-        while (write(reader, block, 1) > 0) {
-        }
+        FillPipe(reader);
         const int before = OpenFds();
         Blocked blocked{[] { COM_LogThread("fifo"); }, {}};
         blocked.CancelOnceBlocked();
@@ -367,13 +469,8 @@ TEST(LogThreadMemUsage, ReleasesTheLockWhenCancelledWhileLogging) {
     InEmptyRegistry([] {
         COM_LogThread("logger");
         int pipeFds[2];
-        ASSERT_EQ(0, pipe2(pipeFds, O_NONBLOCK));
-        const char block[4096] = {};
-        while (write(pipeFds[1], block, sizeof block) > 0) {
-        }
-        while (write(pipeFds[1], block, 1) > 0) {
-        }
-        ASSERT_EQ(0, fcntl(pipeFds[1], F_SETFL, 0));
+        ASSERT_EQ(0, pipe(pipeFds));
+        FillPipe(pipeFds[1]);
         fflush(stdout);
         const int saved = dup(STDOUT_FILENO);
         dup2(pipeFds[1], STDOUT_FILENO);
@@ -394,7 +491,7 @@ TEST(LogThreadMemUsage, ReleasesTheLockWhenCancelledWhileLogging) {
     });
 }
 
-TEST(ThreadWatchdog, IsCancelledInItsSleepWithThousandsOfRegistrationsAround) {
+TEST(ThreadWatchdog, EndsWhileThreadsRegister) {
     InEmptyRegistry([] {
         ASSERT_EQ(0, COM_CreateThreadWatchdog(1));
         std::atomic<bool> stop{false};
