@@ -9,6 +9,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -362,6 +363,9 @@ TEST(ThreadWatchdog, FinishesALookThatIsBlockedInItsWarning) {
                             EXPECT_EQ(0, COM_CreateThreadWatchdog(1));
                             usleep(100'000);
                             EXPECT_EQ(0, COM_DestroyThreadWatchdog());
+                            int held = 0;
+                            ioctl(STDOUT_FILENO, FIONREAD, &held);
+                            EXPECT_LT(held, fcntl(STDOUT_FILENO, F_GETPIPE_SZ));
                             COM_ShowThread();
                         }};
         usleep(300'000);
