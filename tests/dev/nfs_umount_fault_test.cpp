@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -82,6 +83,7 @@ void WithServer(const std::function<void()> &body) {
         EXPECT_EQ(0, listen(tcp, 5));
         const pid_t server = fork();
         if (server == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);  // the server ends with a body that crashes too
             Serve(tcp, udp);
         }
         close(tcp);
