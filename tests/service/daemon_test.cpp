@@ -34,7 +34,9 @@ using talvek::test::AtEnd;
 using talvek::test::CommandPkg;
 using talvek::test::ConnectTo;
 using talvek::test::Daemon;
+using talvek::test::EndedBy;
 using talvek::test::Eventually;
+using talvek::test::Gone;
 using talvek::test::Hex;
 using talvek::test::ListenAt;
 using talvek::test::Outcome;
@@ -298,9 +300,10 @@ TEST(DaemonTest, AClientWhoseHandlerIsKilledEndsWithOne) {
     const int status = WaitFor(client);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(1, WEXITSTATUS(status));
-    // The command has no parent that would end it. It is ours by now.
+    // The command has no parent that would end it.
     kill(command, SIGKILL);
-    EXPECT_EQ(SIGKILL, WTERMSIG(WaitFor(command)));
+    EXPECT_TRUE(Eventually([&] { return Gone(command); }));
+    waitpid(command, nullptr, 0);
 }
 
 TEST(DaemonTest, ServesAgainAfterItWasKilled) {
@@ -310,7 +313,7 @@ TEST(DaemonTest, ServesAgainAfterItWasKilled) {
     {
         Daemon first{options};
         EXPECT_EQ(1, first.Client("exit 1").exitStatus());
-        EXPECT_EQ(SIGKILL, WTERMSIG(first.Stop(SIGKILL)));
+        EXPECT_TRUE(EndedBy(first.Stop(SIGKILL), SIGKILL));
         EXPECT_TRUE(IsSocket(first.socket()));
         EXPECT_EQ(255, first.Client("true").exitStatus()) << "nobody listens";
     }
@@ -332,8 +335,7 @@ TEST_P(StoppingSignal, RemovesTheSocketAndEndsByTheSignal) {
     const std::string path = daemon.socket();
     EXPECT_EQ(0, daemon.Client("true").exitStatus());
     const int status = daemon.Stop(GetParam());
-    EXPECT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(GetParam(), WTERMSIG(status));
+    EXPECT_TRUE(EndedBy(status, GetParam()));
     EXPECT_FALSE(Exists(path));
 }
 
@@ -349,7 +351,7 @@ TEST_P(StoppingSignal, EndsADaemonThatWasStartedWithItIgnored) {
     const uint64_t bits = SignalBits({SIGTERM, SIGINT, SIGPIPE, SIGCHLD});
     EXPECT_EQ(0u, SignalMask(path, "SigIgn:") & bits) << "commands find them at their defaults";
     EXPECT_EQ(0u, SignalMask(path, "SigBlk:") & bits);
-    EXPECT_EQ(GetParam(), WTERMSIG(daemon.Stop(GetParam())));
+    EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
     EXPECT_FALSE(Exists(daemon.socket()));
 }
 
@@ -377,7 +379,7 @@ TEST_P(StoppingSignal, EndsADaemonThatWasStartedWithItBlocked) {
     EXPECT_TRUE(AtEnd(fd)) << "and so can handlers";
     close(fd);
 
-    EXPECT_EQ(GetParam(), WTERMSIG(daemon.Stop(GetParam())));
+    EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
     EXPECT_FALSE(Exists(daemon.socket()));
 }
 
@@ -385,7 +387,7 @@ TEST_P(StoppingSignal, LeavesASocketThatIsNotItsOwn) {
     Daemon daemon;
     unlink(daemon.socket().c_str());
     const int other = ListenAt(daemon.socket());
-    EXPECT_EQ(GetParam(), WTERMSIG(daemon.Stop(GetParam())));
+    EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
     EXPECT_TRUE(IsSocket(daemon.socket()));
     close(other);
 }
@@ -393,7 +395,7 @@ TEST_P(StoppingSignal, LeavesASocketThatIsNotItsOwn) {
 TEST_P(StoppingSignal, DoesNotMindASocketThatHasGone) {
     Daemon daemon;
     unlink(daemon.socket().c_str());
-    EXPECT_EQ(GetParam(), WTERMSIG(daemon.Stop(GetParam())));
+    EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
 }
 
 TEST_P(StoppingSignal, LetsRunningCommandsFinish) {
@@ -403,13 +405,15 @@ TEST_P(StoppingSignal, LetsRunningCommandsFinish) {
     const std::string go = daemon.dir() / "go";
     ASSERT_TRUE(Put(fd, CommandPkg("echo >" + mark + "; " + Until(go) + "exit 44")));
     ASSERT_TRUE(Eventually([&] { return Exists(mark); }));
-    EXPECT_EQ(GetParam(), WTERMSIG(daemon.Stop(GetParam())));
+    const std::vector<pid_t> handlers = daemon.Children();
+    ASSERT_EQ(1u, handlers.size());
+    EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
     EXPECT_TRUE(Quiet(fd, 0));
     WriteFile(go, "");
     EXPECT_EQ(Hex(ResultPkg(44, 0, 1)), Hex(Take(fd, 20)));
     close(fd);
-    EXPECT_TRUE(Eventually([] { return waitpid(-1, nullptr, WNOHANG) != 0; }))
-        << "the handler, ours by now, ends with its client";
+    EXPECT_TRUE(Eventually([&] { return Gone(handlers[0]); })) << "it ends with its client";
+    waitpid(handlers[0], nullptr, 0);
 }
 
 // While there is always a client waiting, a wait never lets a signal in.
@@ -426,17 +430,12 @@ TEST_P(StoppingSignal, ComesThroughUnderSteadyLoad) {
         });
     }
     EXPECT_TRUE(Eventually([&] { return CountIn(daemon.log(), "fork()") > 20; }));
-    EXPECT_EQ(GetParam(), WTERMSIG(daemon.Stop(GetParam())));
+    EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
     stop = true;
     for (std::thread &caller : callers) {
         caller.join();
     }
     EXPECT_FALSE(Exists(daemon.socket()));
-    EXPECT_TRUE(Eventually([] {
-        while (waitpid(-1, nullptr, WNOHANG) > 0) {
-        }
-        return true;
-    }));
 }
 
 TEST(DaemonTest, HandlersEndByTheirSignals) {
@@ -464,7 +463,7 @@ TEST(DaemonTest, OutlivesTheReaderOfItsLog) {
         EXPECT_EQ(i, daemon.Client("exit " + std::to_string(i)).exitStatus());
     }
     EXPECT_EQ(255, daemon.Client("kill -PIPE $$").exitStatus()) << "commands do not ignore it";
-    EXPECT_EQ(SIGTERM, WTERMSIG(daemon.Stop(SIGTERM)));
+    EXPECT_TRUE(EndedBy(daemon.Stop(SIGTERM), SIGTERM));
 }
 
 // Without a free descriptor the client waits in the queue; the daemon says so once and rests.
@@ -492,7 +491,7 @@ TEST(DaemonTest, WaitsForRoomWhenDescriptorsRunOut) {
     ASSERT_EQ(0, prlimit(daemon.pid(), RLIMIT_NOFILE, &full, nullptr));
     const int next = ConnectTo(daemon.socket());
     EXPECT_TRUE(Eventually([&] { return CountIn(daemon.log(), "accept() failed") == 2; }));
-    EXPECT_EQ(SIGTERM, WTERMSIG(daemon.Stop(SIGTERM)));
+    EXPECT_TRUE(EndedBy(daemon.Stop(SIGTERM), SIGTERM));
     EXPECT_FALSE(Exists(daemon.socket()));
     close(next);
 }
@@ -502,6 +501,9 @@ TEST(DaemonTest, AFailedForkClosesTheConnectionAlone) {
     if (getuid() != 0) {
         GTEST_SKIP() << "needs root, to become a user who runs nothing else";
     }
+#ifdef __arm__
+    GTEST_SKIP() << "the emulator starts threads of its own, which count as processes";
+#endif
     const TempDir dir;
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
     const uid_t user = 600000000U + static_cast<uid_t>(getpid());

@@ -42,6 +42,12 @@ std::vector<std::string> Launcher() {
     return words;
 }
 
+// Orphans of what this process starts become its children.
+bool Inherits() {
+    static const bool inherits = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
+    return inherits;
+}
+
 std::string ReadAll(int fd) {
     std::string text;
     char block[4096];
@@ -158,6 +164,24 @@ int WaitFor(pid_t pid) {
     return status;
 }
 
+bool Gone(pid_t pid) {
+    std::ifstream in{"/proc/" + std::to_string(pid) + "/stat"};
+    std::string text;
+    std::getline(in, text);
+    const size_t name = text.rfind(')');  // may hold anything; the state stands behind it
+    return name == std::string::npos || text.compare(name, 3, ") Z") == 0;
+}
+
+::testing::AssertionResult EndedBy(int wait, int signal) {
+    if (wait == -1 && !Inherits()) {
+        return ::testing::AssertionSuccess();
+    }
+    if (wait != -1 && WIFSIGNALED(wait) && WTERMSIG(wait) == signal) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << "wait status " << wait << ", not signal " << signal;
+}
+
 bool HasEnded(pid_t pid) {
     siginfo_t ended = {};
     const int result = waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT);
@@ -182,7 +206,7 @@ Daemon::Daemon(const Options &options)
       socket_(options.socket[0] == '/' || options.socket.empty() ? options.socket
                                                                  : *dir_ / options.socket) {
     // The process that is started leaves at once; what it leaves behind becomes our child.
-    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    static_cast<void>(Inherits());
     const std::string logPath = *dir_ / "log";
     int out = -1;
     if (options.logToPipe) {
@@ -293,7 +317,14 @@ Outcome Daemon::Client(const std::string &command) const {
 
 int Daemon::Stop(int signal) {
     kill(pid_, signal);
-    const int status = WaitFor(pid_);
+    if (!Eventually([this] { return Gone(pid_); }, 20000)) {
+        ADD_FAILURE() << "the daemon did not end";
+        kill(pid_, SIGKILL);
+    }
+    int status = -1;
+    if (waitpid(pid_, &status, 0) != pid_) {
+        status = -1;
+    }
     pid_ = -1;
     // Its handlers are ours now; they end with their clients.
     while (waitpid(-1, nullptr, WNOHANG) > 0) {

@@ -1,6 +1,7 @@
 #ifndef TALVEK_TESTS_SERVICE_SUPPORT_PROGRAM_H
 #define TALVEK_TESTS_SERVICE_SUPPORT_PROGRAM_H
 
+#include <gtest/gtest.h>
 #include <stdint.h>
 #include <sys/types.h>
 
@@ -43,6 +44,13 @@ int WaitFor(pid_t pid);
 
 // Whether a child has ended; it can still be waited for.
 bool HasEnded(pid_t pid);
+
+// Whether a process has ended, whoever's child it is.
+bool Gone(pid_t pid);
+
+// Whether a wait status tells of an end by the signal. An emulator that cannot make this process
+// the heir of orphans leaves the status of a daemon (-1) untold.
+::testing::AssertionResult EndedBy(int wait, int signal);
 
 // Waits for a condition, at most `ms`; whether it came.
 bool Eventually(const std::function<bool()> &condition, int ms = 10000);
