@@ -37,7 +37,8 @@ enum class Formatted { kOk, kNoMemory, kNoMemoryToGrow };
 int FormatInto(char *pDst, size_t size, const char *pFormat, va_list args) {
     va_list pass;
     va_copy(pass, args);
-    const int length = vsnprintf(pDst, size, pFormat, pass);
+    // The analyser does not see that va_copy has set the list up.
+    const int length = vsnprintf(pDst, size, pFormat, pass);  // NOLINT(clang-analyzer-valist.*)
     va_end(pass);
     return length;
 }

@@ -11,7 +11,8 @@ class RetryPause {
   public:
     static constexpr int64_t kFirst = 10;
     static constexpr int64_t kLongest = 1000;
-    static constexpr int64_t kSilence = int64_t{60} * 1000;  // between two log lines of the same trouble
+    static constexpr int64_t kSilence =
+        int64_t{60} * 1000;  // between two log lines of the same trouble
 
     // One more failure. Whether it is to be logged.
     bool Fail(int64_t now) {
