@@ -1,0 +1,218 @@
+// MD5 and SHA-1 of a file and of a buffer of 256 MiB, beside md5sum, sha1sum and openssl on the
+// same file, in one shuffled run. The tools' figures include their start. Processor times are those
+// of this process and its children, and hold on a busy machine too.
+//
+// openssl uses the processor's SHA instructions where it has them; the others are plain C.
+
+#include <benchmark/benchmark.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "common/digest.h"
+
+namespace {
+
+constexpr size_t kSize = size_t{256} << 20;
+
+[[noreturn]] void Give(const char *pWhat) {
+    fprintf(stderr, "digest_bench: %s : %s\n", pWhat, strerror(errno));
+    exit(1);
+}
+
+// The bytes, in memory and in a file that is gone when the program ends, however it ends.
+class Input {
+  public:
+    Input() : bytes_(kSize) {
+        uint32_t x = 1;
+        for (uint8_t &byte : bytes_) {
+            x = x * 1664525 + 1013904223;
+            byte = static_cast<uint8_t>(x >> 24);
+        }
+        char name[] = "/tmp/digest_bench_XXXXXX";
+        const int fd = mkostemp(name, O_CLOEXEC);
+        if (fd < 0) {
+            Give("mkostemp");
+        }
+        unlink(name);
+        for (size_t at = 0; at < kSize;) {
+            const ssize_t count = write(fd, bytes_.data() + at, kSize - at);
+            if (count <= 0) {
+                Give("write");
+            }
+            at += static_cast<size_t>(count);
+        }
+        path_ = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(fd);
+    }
+    [[nodiscard]] const uint8_t *data() const { return bytes_.data(); }
+    [[nodiscard]] const char *path() const { return path_.c_str(); }
+
+  private:
+    std::vector<uint8_t> bytes_;
+    std::string path_;
+};
+
+const Input &TheInput() {
+    static const Input input;
+    return input;
+}
+
+double ProcessorSeconds() {
+    double seconds = 0;
+    for (const int who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
+        rusage usage = {};
+        getrusage(who, &usage);
+        seconds += static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                   static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    }
+    return seconds;
+}
+
+template <typename Digest>
+void Measure(benchmark::State &state, Digest digest) {
+    const Input &input = TheInput();
+    const double before = ProcessorSeconds();
+    for (auto _ : state) {
+        digest(input);
+    }
+    state.counters["cpu_s"] =
+        (ProcessorSeconds() - before) / static_cast<double>(state.iterations());
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(kSize));
+}
+
+void FileMd5(benchmark::State &state) {
+    Measure(state, [](const Input &input) {
+        char hex[COM_MD5_HEX_SIZE];
+        COM_MakeFileMD5(hex, input.path());
+        benchmark::DoNotOptimize(hex);
+    });
+}
+
+// The digest is logged; its line does not stand between the results.
+void FileSha1(benchmark::State &state) {
+    fflush(stdout);
+    const int kept = dup(STDOUT_FILENO);
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(null, STDOUT_FILENO);
+    close(null);
+    Measure(state, [](const Input &input) {
+        uint8_t digest[COM_SHA1_SIZE];
+        COM_MakeFileSHA1(digest, input.path());
+        benchmark::DoNotOptimize(digest);
+    });
+    fflush(stdout);
+    dup2(kept, STDOUT_FILENO);
+    close(kept);
+}
+
+void BufferMd5(benchmark::State &state) {
+    Measure(state, [](const Input &input) {
+        char hex[COM_MD5_HEX_SIZE];
+        COM_MakeBufMD5(hex, input.data(), kSize);
+        benchmark::DoNotOptimize(hex);
+    });
+}
+
+void BufferSha1(benchmark::State &state) {
+    Measure(state, [](const Input &input) {
+        uint8_t digest[COM_SHA1_SIZE];
+        COM_MakeBufSHA1(digest, input.data(), kSize);
+        benchmark::DoNotOptimize(digest);
+    });
+}
+
+void Tool(benchmark::State &state, const char *pCommand) {
+    const std::string line =
+        "exec " + std::string{pCommand} + " < " + TheInput().path() + " > /dev/null";
+    Measure(state, [&](const Input &) {
+        if (system(line.c_str()) != 0) {
+            state.SkipWithError("the tool is missing");
+        }
+    });
+}
+
+// One digest a measurement; they take some tenths of a second.
+#define ONE_DIGEST ->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime()
+BENCHMARK(FileMd5) ONE_DIGEST;
+BENCHMARK(BufferMd5) ONE_DIGEST;
+BENCHMARK_CAPTURE(Tool, md5sum, "md5sum") ONE_DIGEST;
+BENCHMARK_CAPTURE(Tool, opensslMd5, "openssl dgst -md5") ONE_DIGEST;
+BENCHMARK(FileSha1) ONE_DIGEST;
+BENCHMARK(BufferSha1) ONE_DIGEST;
+BENCHMARK_CAPTURE(Tool, sha1sum, "sha1sum") ONE_DIGEST;
+BENCHMARK_CAPTURE(Tool, opensslSha1, "openssl dgst -sha1") ONE_DIGEST;
+
+// Keeps the medians and tells how the library's throughput relates to that of each tool.
+class Reporter : public benchmark::ConsoleReporter {
+  public:
+    Reporter() : ConsoleReporter(isatty(STDOUT_FILENO) != 0 ? OO_Color : OO_None) {}
+
+    void ReportRuns(const std::vector<Run> &runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run &run : runs) {
+            if (run.aggregate_name == "median") {
+                const auto cpu = run.counters.find("cpu_s");
+                medians_[run.run_name.function_name] = {
+                    run.GetAdjustedRealTime(), cpu == run.counters.end() ? 0 : cpu->second.value};
+            }
+        }
+    }
+
+    void PrintRatios() const {
+        PrintRatio("FileMd5", "Tool/md5sum");
+        PrintRatio("BufferMd5", "Tool/md5sum");
+        PrintRatio("FileMd5", "Tool/opensslMd5");
+        PrintRatio("FileSha1", "Tool/sha1sum");
+        PrintRatio("BufferSha1", "Tool/sha1sum");
+        PrintRatio("FileSha1", "Tool/opensslSha1");
+    }
+
+  private:
+    struct Times {
+        double real;
+        double cpu;
+    };
+
+    void PrintRatio(const char *pOwn, const char *pTool) const {
+        const auto own = medians_.find(pOwn);
+        const auto tool = medians_.find(pTool);
+        if (own != medians_.end() && tool != medians_.end()) {
+            printf("%s has %.2f times the throughput of %s (by processor time: %.2f)\n", pOwn,
+                   tool->second.real / own->second.real, pTool, tool->second.cpu / own->second.cpu);
+        }
+    }
+
+    std::map<std::string, Times> medians_;
+};
+
+}  // namespace
+
+int main(int argc, char *argv[]) {
+    std::vector<std::string> words = {argv[0], "--benchmark_repetitions=7",
+                                      "--benchmark_enable_random_interleaving=true",
+                                      "--benchmark_report_aggregates_only=true"};
+    words.insert(words.end(), argv + 1, argv + argc);
+    std::vector<char *> arguments;
+    for (std::string &word : words) {
+        arguments.push_back(word.data());
+    }
+    int count = static_cast<int>(arguments.size());
+    arguments.push_back(nullptr);
+    benchmark::Initialize(&count, arguments.data());
+    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
+        return 1;
+    }
+    TheInput();
+    Reporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    reporter.PrintRatios();
+    return 0;
+}
