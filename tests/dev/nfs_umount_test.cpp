@@ -44,20 +44,17 @@ using Bytes = std::vector<uint8_t>;
 using Lines = std::vector<std::string>;
 
 int g_umountResult = 0;
-int g_umountFlags = -1;
 
 }  // namespace
 
 extern "C" {
 int __wrap_umount(const char *pDir);
 int __wrap_umount(const char *) {
-    g_umountFlags = 0;
     errno = EBUSY;
     return g_umountResult;
 }
 int __wrap_umount2(const char *pDir, int flags);
-int __wrap_umount2(const char *, int flags) {
-    g_umountFlags = flags;
+int __wrap_umount2(const char *, int) {
     errno = EBUSY;
     return g_umountResult;
 }
