@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/quiet.h"
 #include "common/log.h"
 #include "dev/DEV.h"
 
@@ -62,27 +63,6 @@ int Answer(sg_io_hdr_t &hdr) {
     hdr.info = 0;
     return 0;
 }
-
-// What the identification tells goes to /dev/null while it is measured.
-class Quiet {
-  public:
-    Quiet() : kept_(dup(STDOUT_FILENO)) {
-        fflush(stdout);
-        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(null, STDOUT_FILENO);
-        close(null);
-    }
-    ~Quiet() {
-        fflush(stdout);
-        dup2(kept_, STDOUT_FILENO);
-        close(kept_);
-    }
-    Quiet(const Quiet &) = delete;
-    Quiet &operator=(const Quiet &) = delete;
-
-  private:
-    int kept_;
-};
 
 void Identify(benchmark::State &state, const char *pFixture) {
     g_replies.clear();

@@ -23,6 +23,7 @@
 #include <fstream>
 #include <string>
 
+#include "bench/quiet.h"
 #include "dev/DEV.h"
 
 namespace {
@@ -67,27 +68,6 @@ bool EnterWorld() {
     }
     return true;
 }
-
-// What is logged goes to /dev/null while it is measured.
-class Quiet {
-  public:
-    Quiet() : kept_(dup(STDOUT_FILENO)) {
-        fflush(stdout);
-        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(null, STDOUT_FILENO);
-        close(null);
-    }
-    ~Quiet() {
-        fflush(stdout);
-        dup2(kept_, STDOUT_FILENO);
-        close(kept_);
-    }
-    Quiet(const Quiet &) = delete;
-    Quiet &operator=(const Quiet &) = delete;
-
-  private:
-    int kept_;
-};
 
 #define NEED_WORLD(state)                                     \
     if (!g_haveWorld) {                                       \

@@ -10,31 +10,11 @@
 
 #include <string>
 
+#include "bench/quiet.h"
 #include "common/net_info.h"
 #include "common/unit_info.h"
 
 namespace {
-
-// What a unit without all its files logs would stand between the results.
-class Quiet {
-  public:
-    Quiet() : kept_(dup(STDOUT_FILENO)) {
-        fflush(stdout);
-        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(null, STDOUT_FILENO);
-        close(null);
-    }
-    ~Quiet() {
-        fflush(stdout);
-        dup2(kept_, STDOUT_FILENO);
-        close(kept_);
-    }
-    Quiet(const Quiet &) = delete;
-    Quiet &operator=(const Quiet &) = delete;
-
-  private:
-    int kept_;
-};
 
 // A machine that lacks a file of the unit, a route or an address says so; its figure holds for what
 // it has.
