@@ -331,9 +331,11 @@ TEST(PopenRead, ReportsACommandThatCannotBeStarted) {
     RunInPrivateWorld(kMounts, [] {
         rlimit limit;
         ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-        limit.rlim_cur = OpenFds().size();
         Output output;
         const Lines log = CaptureLog([&] {
+            const int firstFree = dup(STDOUT_FILENO);
+            close(firstFree);
+            limit.rlim_cur = rlim_t(firstFree);  // whatever is open above it
             ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
             EXPECT_EQ(-1, COM_PopenRead("true", nullptr, &output, Collect));
         });
