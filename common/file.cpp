@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/internal/ascii_case.h"
 #include "common/internal/file_open.h"
 #include "common/internal/module_log.h"
 #include "common/internal/scope_exit.h"
@@ -273,7 +274,7 @@ bool Matches(const tFileItem &item, bool anywhere, const char *pLine) {
         return false;
     }
     return anywhere ? memmem(pLine, strlen(pLine), item.key, length) != nullptr
-                    : strncasecmp(pLine, item.key, length) == 0;
+                    : BeginsIgnoringCase(pLine, item.key, length);
 }
 
 // One run of COM_ReplaceItemsInFile.

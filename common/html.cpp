@@ -5,9 +5,9 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
-#include <strings.h>
 
 #include "common/file.h"
+#include "common/internal/ascii_case.h"
 #include "common/internal/module_log.h"
 
 namespace talvek {
@@ -93,7 +93,7 @@ class StrippedText {
 // Whether a tag's name begins at `at`: the name, then a blank, a tab or the tag's end. A name that
 // only begins with it is another one. Held by ExtractHtmlTag.PassesOverLongerNames.
 bool HasName(const char *at, const char *pTag, size_t tagSize) {
-    return strncasecmp(at, pTag, tagSize) == 0 &&
+    return BeginsIgnoringCase(at, pTag, tagSize) &&
            (at[tagSize] == ' ' || at[tagSize] == '\t' || at[tagSize] == '>');
 }
 
@@ -144,7 +144,7 @@ int COM_StripHtmlCode(char *pSrc, char **ppResult) {
         if (close == nullptr) {
             break;
         }
-        if (strncasecmp(open + 1, "BR", 2) == 0) {
+        if (talvek::BeginsIgnoringCase(open + 1, "BR", 2)) {
             // Callers find the newline in the source too.
             // Held by StripHtmlCode.LeavesTheNewlinesInTheSource.
             *close = '\n';

@@ -4,8 +4,8 @@
 
 #include <limits.h>
 #include <string.h>
-#include <strings.h>
 
+#include "common/internal/ascii_case.h"
 #include "common/internal/module_log.h"
 #include "common/text.h"
 
@@ -109,7 +109,7 @@ int COM_GetAudioCodecId(const char *pName, int *pSecond, int *pId) {
     talvek::Store(pSecond, 8);
     int id = 0;
     for (const talvek::AudioCodec &row : talvek::kAudioCodecs) {
-        if (pName != nullptr && strcasecmp(pName, row.name) == 0) {
+        if (pName != nullptr && talvek::EqualsIgnoringCase(pName, row.name)) {
             id = row.id;
             break;
         }

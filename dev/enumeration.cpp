@@ -7,12 +7,12 @@
 #include <scsi/scsi.h>
 #include <stdio.h>
 #include <string.h>
-#include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 #include "common/file_content.h"
+#include "common/internal/ascii_case.h"
 #include "common/internal/unique_fd.h"
 #include "dev/disk_stat.h"
 #include "dev/file_system.h"
@@ -68,7 +68,7 @@ uint8_t ReadBusType(const char *pFunction, int fd) {
         return kAta;
     }
     for (const HostRule &rule : kHostRules) {
-        if (strncasecmp(text + rule.offset, rule.text, strlen(rule.text)) == 0) {
+        if (BeginsIgnoringCase(text + rule.offset, rule.text, strlen(rule.text))) {
             return rule.busType;
         }
     }

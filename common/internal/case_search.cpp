@@ -10,6 +10,8 @@
 
 #include <array>
 
+#include "common/internal/ascii_case.h"
+
 namespace talvek {
 namespace {
 
@@ -18,7 +20,7 @@ using ByteTable = std::array<uint8_t, 256>;
 constexpr ByteTable MakeFold() {
     ByteTable fold{};
     for (size_t i = 0; i < fold.size(); ++i) {
-        fold[i] = static_cast<uint8_t>(i >= 'A' && i <= 'Z' ? i - 'A' + 'a' : i);
+        fold[i] = static_cast<uint8_t>(LowerCase(static_cast<char>(i)));
     }
     return fold;
 }
@@ -43,10 +45,6 @@ constexpr ByteTable kFrequency = MakeFrequency();
 
 uint8_t Folded(const char *pAt) {
     return kFold[static_cast<uint8_t>(*pAt)];
-}
-
-char UpperCase(char c) {
-    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
 // The part of a NUL-terminated text that is known to hold no NUL; it grows as the search needs it,
