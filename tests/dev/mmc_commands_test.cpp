@@ -154,13 +154,23 @@ TEST_F(GetConfiguration, AgreesWithSgGetConfig) {
         {"dvd_rom.hex", "DVD-ROM", 2, 1, 1},
         {"dvd_ram.hex", "DVD-RAM", 5, 4, 0},
         {"dvd_minus_r_open.hex", "DVD-R sequential recording", 3, 2, 1},
+        // Spelled as the tool has it.
+        {"dvd_minus_r_dual_layer.hex", "DVD-R dual layer sequental recording", 3, 2, 1},
+        {"dvd_minus_r_jump.hex", "DVD-R dual layer jump recording", 3, 2, 0},
         {"dvd_minus_rw_overwrite.hex", "DVD-RW restricted overwrite", 3, 3, 1},
         {"dvd_minus_rw_sequential.hex", "DVD-RW sequential recording", 3, 3, 1},
         {"dvd_plus_rw.hex", "DVD+RW", 4, 3, 1},
+        {"dvd_plus_rw_dual_layer.hex", "DVD+RW dual layer", 4, 3, 0},
         {"dvd_plus_r_open.hex", "DVD+R", 4, 2, 1},
         {"dvd_plus_r_dual_layer.hex", "DVD+R dual layer", 4, 2, 1},
+        {"ddcd_rom.hex", "DDCD-ROM", 6, 1, 0},
+        {"ddcd_r.hex", "DDCD-R", 6, 2, 0},
+        {"ddcd_rw.hex", "DDCD-RW", 6, 3, 0},
         {"bd_rom.hex", "BD-ROM", 7, 1, 1},
-        {"bd_re.hex", "BD-RE", 1, 1, 0},  // the preset: not supported
+        // The preset: not supported.
+        {"bd_r.hex", "BD-R SRM", 1, 1, 0},
+        {"bd_re.hex", "BD-RE", 1, 1, 0},
+        {"hd_dvd_rom.hex", "HD DVD-ROM", 1, 1, 0},
     };
     const TempDir dir;
     for (const auto &item : cases) {
