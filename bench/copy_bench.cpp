@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/side_by_side.h"
 #include "common/file_copy.h"
 
 extern char **environ;
@@ -130,5 +131,7 @@ BENCHMARK(ComCopyFile)->Apply(Sizes);
 BENCHMARK(ComCopyFileForked)->Apply(Sizes);
 BENCHMARK(Cp)->Apply(Sizes);
 BENCHMARK(CopyFileRange)->Apply(Sizes);
+
+const SideBySide g_pairs[] = {{"ComCopyFileForked", "Cp"}, {"ComCopyFile", "CopyFileRange"}};
 
 }  // namespace

@@ -13,10 +13,11 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <map>
 #include <string>
 #include <vector>
 
+#include "bench/quiet.h"
+#include "bench/side_by_side.h"
 #include "common/digest.h"
 
 namespace {
@@ -98,19 +99,12 @@ void FileMd5(benchmark::State &state) {
 
 // The digest is logged; its line does not stand between the results.
 void FileSha1(benchmark::State &state) {
-    fflush(stdout);
-    const int kept = dup(STDOUT_FILENO);
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(null, STDOUT_FILENO);
-    close(null);
+    const Quiet quiet;
     Measure(state, [](const Input &input) {
         uint8_t digest[COM_SHA1_SIZE];
         COM_MakeFileSHA1(digest, input.path());
         benchmark::DoNotOptimize(digest);
     });
-    fflush(stdout);
-    dup2(kept, STDOUT_FILENO);
-    close(kept);
 }
 
 void BufferMd5(benchmark::State &state) {
@@ -150,69 +144,13 @@ BENCHMARK(BufferSha1) ONE_DIGEST;
 BENCHMARK_CAPTURE(Tool, sha1sum, "sha1sum") ONE_DIGEST;
 BENCHMARK_CAPTURE(Tool, opensslSha1, "openssl dgst -sha1") ONE_DIGEST;
 
-// Keeps the medians and tells how the library's throughput relates to that of each tool.
-class Reporter : public benchmark::ConsoleReporter {
-  public:
-    Reporter() : ConsoleReporter(isatty(STDOUT_FILENO) != 0 ? OO_Color : OO_None) {}
-
-    void ReportRuns(const std::vector<Run> &runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &run : runs) {
-            if (run.aggregate_name == "median") {
-                const auto cpu = run.counters.find("cpu_s");
-                medians_[run.run_name.function_name] = {
-                    run.GetAdjustedRealTime(), cpu == run.counters.end() ? 0 : cpu->second.value};
-            }
-        }
-    }
-
-    void PrintRatios() const {
-        PrintRatio("FileMd5", "Tool/md5sum");
-        PrintRatio("BufferMd5", "Tool/md5sum");
-        PrintRatio("FileMd5", "Tool/opensslMd5");
-        PrintRatio("FileSha1", "Tool/sha1sum");
-        PrintRatio("BufferSha1", "Tool/sha1sum");
-        PrintRatio("FileSha1", "Tool/opensslSha1");
-    }
-
-  private:
-    struct Times {
-        double real;
-        double cpu;
-    };
-
-    void PrintRatio(const char *pOwn, const char *pTool) const {
-        const auto own = medians_.find(pOwn);
-        const auto tool = medians_.find(pTool);
-        if (own != medians_.end() && tool != medians_.end()) {
-            printf("%s has %.2f times the throughput of %s (by processor time: %.2f)\n", pOwn,
-                   tool->second.real / own->second.real, pTool, tool->second.cpu / own->second.cpu);
-        }
-    }
-
-    std::map<std::string, Times> medians_;
-};
+const SideBySide g_pairs[] = {{"FileMd5", "Tool/md5sum"},     {"BufferMd5", "Tool/md5sum"},
+                              {"FileMd5", "Tool/opensslMd5"}, {"FileSha1", "Tool/sha1sum"},
+                              {"BufferSha1", "Tool/sha1sum"}, {"FileSha1", "Tool/opensslSha1"}};
 
 }  // namespace
 
 int main(int argc, char *argv[]) {
-    std::vector<std::string> words = {argv[0], "--benchmark_repetitions=7",
-                                      "--benchmark_enable_random_interleaving=true",
-                                      "--benchmark_report_aggregates_only=true"};
-    words.insert(words.end(), argv + 1, argv + argc);
-    std::vector<char *> arguments;
-    for (std::string &word : words) {
-        arguments.push_back(word.data());
-    }
-    int count = static_cast<int>(arguments.size());
-    arguments.push_back(nullptr);
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
-        return 1;
-    }
     TheInput();
-    Reporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.PrintRatios();
-    return 0;
+    return RunBenchmarks(argc, argv);
 }

@@ -25,11 +25,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "bench/side_by_side.h"
 #include "dns/DNS.h"
 
 namespace {
@@ -365,67 +365,16 @@ BENCHMARK(DnsParserA)->Arg(1)->Arg(10);
 BENCHMARK(CaresParseA)->Arg(1)->Arg(10);
 BENCHMARK(DnsParserMX)->Arg(1)->Arg(3)->Arg(10);
 
-// ---- Report ----
-
-// Prints what every benchmark prints and keeps the medians for the ratios at the end. The time of
-// the process's own processor is told too: it holds on a busy machine, where the time of the round
-// trip tells more of the other programs.
-class Reporter : public benchmark::ConsoleReporter {
-  public:
-    Reporter() : ConsoleReporter(isatty(STDOUT_FILENO) != 0 ? OO_Color : OO_None) {}
-
-    void ReportRuns(const std::vector<Run> &runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run &run : runs) {
-            if (run.aggregate_name == "median") {
-                medians_[run.run_name.str()] = {run.GetAdjustedRealTime(),
-                                                run.GetAdjustedCPUTime()};
-            }
-        }
-    }
-
-    void PrintRatios() const {
-        const auto mine = medians_.find("DnsGetA/real_time");
-        for (const char *pOther : {"CaresKeptChannel", "CaresNewChannel", "GlibcGetaddrinfo"}) {
-            const auto theirs = medians_.find(pOther + std::string{"/real_time"});
-            if (mine != medians_.end() && theirs != medians_.end()) {
-                printf("one DNS_GetA takes %.2f times one lookup of %s (processor time: %.2f)\n",
-                       mine->second.real / theirs->second.real, pOther,
-                       mine->second.cpu / theirs->second.cpu);
-            }
-        }
-    }
-
-  private:
-    struct Times {
-        double real;
-        double cpu;
-    };
-    std::map<std::string, Times> medians_;
-};
+const SideBySide g_pairs[] = {{"DnsGetA", "CaresKeptChannel"},
+                              {"DnsGetA", "CaresNewChannel"},
+                              {"DnsGetA", "GlibcGetaddrinfo"},
+                              {"DnsParserA", "CaresParseA"}};
 
 }  // namespace
 
 int main(int argc, char *argv[]) {
     EnterOwnNetwork();
     StartServer();
-    std::vector<std::string> words = {
-        argv[0], "--benchmark_repetitions=25", "--benchmark_min_time=0.03",
-        "--benchmark_enable_random_interleaving=true", "--benchmark_report_aggregates_only=true"};
-    words.insert(words.end(), argv + 1, argv + argc);
-    std::vector<char *> arguments;
-    for (std::string &word : words) {
-        arguments.push_back(word.data());
-    }
-    int count = static_cast<int>(arguments.size());
-    arguments.push_back(nullptr);
-    benchmark::Initialize(&count, arguments.data());
-    if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) {
-        return 1;
-    }
     ares_library_init(ARES_LIB_INIT_ALL);
-    Reporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.PrintRatios();
-    return 0;
+    return RunBenchmarks(argc, argv, {"--benchmark_repetitions=25", "--benchmark_min_time=0.03"});
 }

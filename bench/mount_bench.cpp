@@ -24,6 +24,7 @@
 #include <string>
 
 #include "bench/quiet.h"
+#include "bench/side_by_side.h"
 #include "dev/DEV.h"
 
 namespace {
@@ -160,6 +161,11 @@ void Read_Of500(benchmark::State &state) {
 }
 BENCHMARK(Read_Of500);
 
+const SideBySide g_pairs[] = {{"nGetMPT_Of500", "Libmount_Of500/mounts"},
+                              {"GetDevViaMount_Of500", "Libmount_Of500/mounts"},
+                              {"nGetMPT_Of500", "Getmntent_Of500"},
+                              {"nGetMPT_Of500", "Read_Of500"}};
+
 // Which simulated device a descriptor stands for, plus one; 0 for none.
 int g_deviceOfFd[1024];
 bool g_simulate = false;
@@ -273,8 +279,6 @@ int AnswerOpen(const char *path, int flags, ...) {
 }
 
 int main(int argc, char **argv) {
-    benchmark::Initialize(&argc, argv);
     g_haveWorld = EnterWorld();
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return RunBenchmarks(argc, argv);
 }

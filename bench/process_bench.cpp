@@ -9,6 +9,7 @@
 
 #include <vector>
 
+#include "bench/side_by_side.h"
 #include "common/command.h"
 
 extern char **environ;
@@ -75,5 +76,7 @@ BENCHMARK(LibcSystem)
     ->Arg(64)
     ->UseRealTime()
     ->Unit(benchmark::kMicrosecond);
+
+const SideBySide g_pairs[] = {{"ComSystem", "LibcSystem"}, {"ComSystem", "PosixSpawn"}};
 
 }  // namespace

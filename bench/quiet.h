@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 // Sends standard output to /dev/null for a scope: what is measured logs, and its lines would stand
-// between the results.
+// between the results. Making and writing them is part of the cost.
 class Quiet {
   public:
     Quiet() : kept_(dup(STDOUT_FILENO)) {

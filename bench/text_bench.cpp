@@ -12,32 +12,12 @@
 
 #include <string>
 
+#include "bench/quiet.h"
+#include "bench/side_by_side.h"
 #include "common/html.h"
 #include "common/text.h"
 
 namespace {
-
-// The log lines of the measured calls are written to /dev/null; their formatting and the system
-// call are part of the cost.
-class QuietOutput {
-  public:
-    QuietOutput() : saved_(dup(STDOUT_FILENO)) {
-        fflush(stdout);
-        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(null, STDOUT_FILENO);
-        close(null);
-    }
-    ~QuietOutput() {
-        fflush(stdout);
-        dup2(saved_, STDOUT_FILENO);
-        close(saved_);
-    }
-    QuietOutput(const QuietOutput &) = delete;
-    QuietOutput &operator=(const QuietOutput &) = delete;
-
-  private:
-    int saved_;
-};
 
 // --- Key search over 1 MiB without a hit ---
 
@@ -102,7 +82,7 @@ std::string MakeReply(int64_t count) {
 
 void XmlValue(benchmark::State &state) {
     const std::string reply = MakeReply(state.range(0));
-    const QuietOutput quiet;
+    const Quiet quiet;
     char value[32] = "";
     for (auto _ : state) {
         if (COM_GetXMLData(reply.c_str(), "uptime", value, sizeof value) == nullptr ||
@@ -184,5 +164,12 @@ void ReplaceStr(benchmark::State &state, const char *pNew) {
 }
 BENCHMARK_CAPTURE(ReplaceStr, shorter, "/")->Arg(10000)->Arg(100000);
 BENCHMARK_CAPTURE(ReplaceStr, longer, "/with/more/in/it/")->Arg(10000)->Arg(100000);
+
+const SideBySide g_pairs[] = {{"KeySearch", "KeySearchStrcasestr"},
+                              {"XmlValue", "XmlValueLibxml2"},
+                              {"StripHtml/100000", "StripHtml/10000"},
+                              {"StripHtml/1000000", "StripHtml/100000"},
+                              {"ReplaceStr/shorter/100000", "ReplaceStr/shorter/10000"},
+                              {"ReplaceStr/longer/100000", "ReplaceStr/longer/10000"}};
 
 }  // namespace

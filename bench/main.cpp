@@ -1,0 +1,5 @@
+#include "bench/side_by_side.h"
+
+int main(int argc, char *argv[]) {
+    return RunBenchmarks(argc, argv);
+}
