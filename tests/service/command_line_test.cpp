@@ -5,12 +5,15 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "service/support/program.h"
@@ -24,9 +27,14 @@ namespace {
 using talvek::test::Arguments;
 using talvek::test::Daemon;
 using talvek::test::Eventually;
+using talvek::test::ListenAt;
 using talvek::test::Outcome;
+using talvek::test::Put;
 using talvek::test::ReadFile;
+using talvek::test::RegisterPkg;
+using talvek::test::ResultPkg;
 using talvek::test::RunProgram;
+using talvek::test::TakePkg;
 using talvek::test::TempDir;
 using Lines = std::vector<std::string>;
 
@@ -93,6 +101,26 @@ TEST(CommandLine, ClientEndsWithTheCommandsStatus) {
     EXPECT_EQ(255, daemon.Client("kill -TERM $$").exitStatus());
     EXPECT_EQ(0, RunProgram({"-C", "-s", daemon.socket()}).exitStatus()) << "an empty command";
     EXPECT_TRUE(daemon.Logs("Command => []\n"));
+}
+
+// What a daemon may report is a number of 32 bits.
+TEST(CommandLine, ClientEndsWithTheLowestEightBitsOfAResult) {
+    const TempDir dir;
+    const std::string path = dir / "socket";
+    const int listener = ListenAt(path);
+    for (const auto &[result, status] : {std::pair{300, 44}, {-1, 255}, {256, 0}}) {
+        std::thread daemon{[listener, result = result] {
+            const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            TakePkg(fd);
+            Put(fd, RegisterPkg());
+            TakePkg(fd);
+            Put(fd, ResultPkg(result));
+            close(fd);
+        }};
+        EXPECT_EQ(status, RunProgram({"-C", "-f", "true", "-s", path}).exitStatus());
+        daemon.join();
+    }
+    close(listener);
 }
 
 TEST(CommandLine, CommandSeesTheCallersEnvironmentOverTheDaemons) {
@@ -244,6 +272,26 @@ TEST(CommandLine, AFailedBindShowsInTheLogOnly) {
                             std::to_string(daemon.socket().size() + 2) +
                             ") failed : No such file or directory\n"));
     daemon.Stop(0);  // it ends by itself
+}
+
+// An ordinary user who may have one process.
+TEST(CommandLine, TellsThatItCannotGoIntoTheBackground) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "needs root, to become a user who runs nothing else";
+    }
+#ifdef __arm__
+    GTEST_SKIP() << "the emulator starts threads of its own, which count as processes";
+#endif
+    const uid_t user = 700000000U + static_cast<uid_t>(getpid());
+    const Outcome outcome = RunProgram({"-D", "-s", "/nowhere/socket"}, [user] {
+        const rlimit one{1, 1};
+        setrlimit(RLIMIT_NPROC, &one);
+        static_cast<void>(setuid(user));  // the limit does not bind root
+    });
+    EXPECT_EQ(0, outcome.exitStatus());
+    EXPECT_EQ((Lines{"TALVEK: Daemon Mode - [/nowhere/socket]",
+                     "TALVEK: fork() failed : Resource temporarily unavailable"}),
+              outcome.lines());
 }
 
 TEST(CommandLine, DaemonStaysInItsDirectoryAndSession) {

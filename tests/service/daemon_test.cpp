@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -45,6 +46,7 @@ using talvek::test::Quiet;
 using talvek::test::ReadFile;
 using talvek::test::RegisterPkg;
 using talvek::test::ResultPkg;
+using talvek::test::RunProgram;
 using talvek::test::SignalBits;
 using talvek::test::SignalMask;
 using talvek::test::StartProgram;
@@ -494,6 +496,36 @@ TEST(DaemonTest, WaitsForRoomWhenDescriptorsRunOut) {
     EXPECT_TRUE(EndedBy(daemon.Stop(SIGTERM), SIGTERM));
     EXPECT_FALSE(Exists(daemon.socket()));
     close(next);
+}
+
+// A starter that leaves more descriptors open than select has bits for: listener, handler and
+// client have their sockets beyond them.
+TEST(DaemonTest, ServesBehindAThousandOpenDescriptors) {
+    constexpr int kMany = FD_SETSIZE + 16;
+    rlimit limit;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    if (limit.rlim_max < kMany + 100) {
+        GTEST_SKIP() << "no process may have so many descriptors here";
+    }
+    limit.rlim_cur = kMany + 100;
+    const auto openMany = [limit] {
+        setrlimit(RLIMIT_NOFILE, &limit);
+        for (int fd = 3; fd < kMany; ++fd) {
+            dup2(STDIN_FILENO, fd);
+        }
+    };
+    Daemon::Options options;
+    options.prepare = openMany;
+    Daemon daemon{options};
+    EXPECT_LT(kMany, daemon.Descriptors());
+    const long ticks = Ticks(daemon.pid());
+    usleep(300 * 1000);
+    EXPECT_GE(5, Ticks(daemon.pid()) - ticks) << "of 30 in that time";
+    const Outcome client = RunProgram({"-C", "-f", "exit 24", "-s", daemon.socket()}, openMany);
+    EXPECT_EQ(24, client.exitStatus()) << client.output;
+    EXPECT_EQ(0u, CountIn(daemon.log(), "select("));
+    EXPECT_TRUE(EndedBy(daemon.Stop(SIGTERM), SIGTERM));
+    EXPECT_FALSE(Exists(daemon.socket()));
 }
 
 // A daemon of an ordinary user who may have three processes: itself and two handlers.

@@ -453,7 +453,7 @@ TEST(Handler, RefusesWhatIsNoConnection) {
     EXPECT_EQ(-1, TALVEK_DaemonHandler(&client));
 }
 
-// A number that is not open, and one above those that select takes.
+// A number that is not open, among those that select takes and above them.
 TEST(Handler, ReportsAWaitThatFails) {
     const int closed = open("/dev/null", O_RDONLY | O_CLOEXEC);
     close(closed);
