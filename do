@@ -65,48 +65,51 @@ build() {
 
 run() {
     build
-    socket=$PWD/build/talvek.sock
-    log=$PWD/build/talvek.log
+    # A path relative to here fits the address of a socket wherever the checkout lies.
+    socket=build/talvek.sock
+    log=build/talvek.log
     echo
     echo "\$ build/talvek -D -s $socket"
-    build/talvek -D -s "$socket" >"$log" 2>&1
-    daemon=$(sed -n 's/.*Master\[[0-9]*\] is leaving.*\[\([0-9]*\)\]$/\1/p' "$log")
+    build/talvek -D -s $socket >$log 2>&1
+    daemon=$(sed -n 's/.*Master\[[0-9]*\] is leaving.*\[\([0-9]*\)\]$/\1/p' $log)
     trap 'kill "$daemon" 2>/dev/null || :' EXIT INT TERM
     tries=0
-    until [ -S "$socket" ]; do
+    # The file is there a moment before the socket listens (flag 00010000, __SO_ACCEPTCON).
+    until [ -S $socket ] && grep -q " 00010000 .* $socket\$" /proc/net/unix; do
         tries=$((tries + 1))
-        [ $tries -lt 50 ] || { echo "the daemon did not start:" >&2; cat "$log" >&2; exit 1; }
+        [ $tries -lt 50 ] || { echo "the daemon did not start:" >&2; cat $log >&2; exit 1; }
         sleep 0.1
     done
 
     failed=0
+    # Shows and runs a command line that is to end with a status.
     ask() {
-        expected=$1
-        shift
-        echo "\$ build/talvek -C -f '$1'"
+        echo "\$ $2"
         status=0
-        build/talvek -C -f "$1" -s "$socket" >/dev/null || status=$?
+        sh -c "$2" || status=$?
         echo "exit status $status"
-        [ "$status" -eq "$expected" ] || { echo "expected $expected" >&2; failed=1; }
+        [ "$status" -eq "$1" ] || { echo "expected $1" >&2; failed=1; }
     }
-    ask 0 'echo this line is printed by the daemon'
-    GREETING='a variable of the caller' ask 0 'echo "the command sees $GREETING"'
-    ask 7 'exit 7'
-    ask 255 'kill -KILL $$'
+    client="build/talvek -C -s $socket"
+    ask 0 "$client -f 'echo this line is printed by the daemon'"
+    # Of a large environment only the first 1136 bytes would go over.
+    ask 0 "env -i GREETING=hello $client -f 'echo the command sees \$GREETING'"
+    ask 7 "$client -f 'exit 7'"
+    ask 255 "$client -f 'kill -KILL \$\$'"
 
     kill "$daemon"
     tries=0
-    while [ -S "$socket" ] && [ $tries -lt 50 ]; do
+    while [ -S $socket ] && [ $tries -lt 50 ]; do
         tries=$((tries + 1))
         sleep 0.1
     done
     trap - EXIT INT TERM
     echo
     echo "The daemon's log:"
-    sed 's/^/    /' "$log"
+    sed 's/^/    /' $log
     echo
     [ $failed -eq 0 ] || exit 1
-    echo "From here: start 'build/talvek -D', then send it 'build/talvek -C -f \"<command>\"'; man -l docs/talvek.8 tells the rest."
+    echo "From here: 'build/talvek -D -s $socket' starts the daemon, '$client -f \"<command>\"' has it run a command; man -l docs/talvek.8 tells the rest."
 }
 
 run_tests() {
