@@ -58,7 +58,8 @@ void COM_MakeStrMD5(char *pHex, const char *pText);
  *
  * A file that cannot be read to its end gives the digest of what was read. Returns the result of
  * closing the file, which is 0 as a rule; when the file cannot be opened, pHex stays as it was and
- * the result is what COM_Log returned for the message, a positive count. -1 when pHex is NULL. */
+ * the result is what COM_Log returned for the message, a positive count. -1 when pHex is NULL. The
+ * call takes 32 KiB of stack. */
 int COM_MakeFileMD5(char *pHex, const char *pFileName);
 
 /* Compares a file with the hash in its side file.

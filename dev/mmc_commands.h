@@ -12,7 +12,8 @@
  *            Dev_GetConfiguration and decide how the other replies are read.
  *
  * Results are 1 for success and 0 for failure, when info keeps what it held. Commands that learn
- * the length of their reply are sent twice; either may fail. */
+ * the length of their reply are sent twice; either may fail. A call takes 64 KiB of stack for the
+ * reply. */
 
 #include "dev/device.h"
 

@@ -11,7 +11,8 @@
  *   info     the disc's descriptor
  *
  * Results are 1 for success and 0 for failure, when info keeps what it held. The command learns the
- * length of its reply and is sent twice; either may fail. */
+ * length of its reply and is sent twice; either may fail. A call takes 64 KiB of stack for the
+ * reply. */
 
 #include "dev/device.h"
 
