@@ -12,6 +12,10 @@ target_compile_definitions(talvek_flags INTERFACE _GNU_SOURCE)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     target_compile_definitions(talvek_flags INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 endif()
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+    # Everything is built by one compiler; how older ones passed arguments concerns nothing here.
+    target_compile_options(talvek_flags INTERFACE -Wno-psabi)
+endif()
 
 if(TALVEK_SANITIZE)
     target_compile_options(talvek_flags INTERFACE
