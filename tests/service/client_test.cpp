@@ -230,6 +230,7 @@ TEST(Client, TakesRepliesInPiecesOfWhichTheFirstHoldsTheHeader) {
 }
 
 TEST(Client, IgnoresWhatComesBehindAReply) {
+    const Environment environment{{"A=1"}};  // reply and what follows fit one reading
     const FakeDaemon daemon{[](int fd) {
         Put(fd, Echo(TakePkg(fd), 0) + ResultPkg(9));
         Take(fd, 21);
