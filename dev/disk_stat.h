@@ -15,6 +15,8 @@ extern "C" {
  *            first device is that begins with its name ("/dev/sda1" for "/dev/sda").
  *   fsIndex  as for Dev_Mount (mount.h), to mount a disk that is not mounted. That mount stands
  *            below /var only while the disk is measured, and mountPoint is then empty.
+ *            With DEV_FS_DETECT a disk without a known file system gets a tmpfs there, and that is
+ *            measured: fsType is 0x01021994 (TMPFS_MAGIC of linux/magic.h).
  *
  * u.disk.deviceBytes is asked of the device itself, and is 0 when it does not tell; of an array
  * ("/dev/md...") it is left alone. The counts of blocks end at 2^32 - 1; the counts of bytes do

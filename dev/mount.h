@@ -36,8 +36,9 @@ int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex);
 /* Unmounts what is mounted on a directory. When that was an NFS mount (type "nfs", whose servers
  * keep a list of mounts; not "nfs4"), its server is told with the UMNT call of the MOUNT protocol,
  * version 3 (RFC 1813, 5.2.3), over TCP if the mount's options say so and a connection comes about,
- * else over UDP. What fails there is told on standard error and does not change the result. Each
- * answer is waited for 3 seconds at the most.
+ * else over UDP. What fails there is told on standard error and does not change the result. A
+ * connection, the portmapper's answer and the server's are each waited for 3 seconds at the most,
+ * whatever comes meanwhile.
  *
  * The calls for it come from the C library if it has them, else from libtirpc.so.3, which is loaded
  * when it is first needed; without either a log line says that the server was not told.

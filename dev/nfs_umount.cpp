@@ -3,22 +3,20 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <time.h>
 
 #include "common/internal/unique_fd.h"
 #include "dev/internal/module_log.h"
 #include "dev/internal/nfs_umount.h"
 #include "dev/internal/rpc_client.h"
+#include "dev/internal/rpc_socket.h"
 
 namespace talvek {
 namespace {
@@ -33,8 +31,9 @@ constexpr unsigned long kPortmapVersion = 2;
 constexpr unsigned long kGetPortProcedure = 3;
 constexpr in_port_t kPortmapPort = 111;
 
-constexpr rpc::Timeout kAnswerTimeout{3, 0};
+constexpr rpc::Timeout kAnswerTimeout{rpc::kAnswerSeconds, 0};
 constexpr rpc::Timeout kRepeatInterval{1, 0};
+constexpr rpc::Timeout kSendOnly{0, 0};
 
 // Lets the calling thread meet no cancellation, since the RPC library takes locks that a cancelled
 // thread would never give back, and no SIGPIPE, which a server that hangs up would cause in it.
@@ -137,64 +136,7 @@ sockaddr_in At(in_addr address, in_port_t port) {
     return at;
 }
 
-// A socket on a port below 1024 where that is allowed: mount daemons ask for one.
-UniqueFd OpenSocket(int type) {
-    UniqueFd fd{socket(AF_INET, type | SOCK_CLOEXEC, 0)};
-    if (fd) {
-        bindresvport(fd.get(), nullptr);
-    }
-    return fd;
-}
-
-int64_t NowMs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-// Waits for the end of a connect; 0, or the errno of its failure.
-int FinishConnect(int fd) {
-    const int64_t end = NowMs() + kAnswerTimeout.seconds * 1000;
-    for (;;) {
-        const int64_t left = end - NowMs();
-        pollfd wait{fd, POLLOUT, 0};
-        const int count = left > 0 ? poll(&wait, 1, static_cast<int>(left)) : 0;
-        if (count > 0) {
-            int error = 0;
-            socklen_t size = sizeof error;
-            return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
-        }
-        if (count == 0) {
-            return ETIMEDOUT;
-        }
-        if (errno != EINTR) {
-            return errno;
-        }
-    }
-}
-
-// A connected socket, got within the time-out; the RPC library would wait for minutes. Empty with
-// errno set when there is none.
-UniqueFd ConnectTcp(const sockaddr_in &server) {
-    UniqueFd fd = OpenSocket(SOCK_STREAM | SOCK_NONBLOCK);
-    if (!fd) {
-        return fd;
-    }
-    int error = 0;
-    if (connect(fd.get(), reinterpret_cast<const sockaddr *>(&server), sizeof server) != 0) {
-        error = errno == EINPROGRESS ? FinishConnect(fd.get()) : errno;
-    }
-    if (error == 0 && fcntl(fd.get(), F_SETFL, 0) != 0) {
-        error = errno;
-    }
-    if (error != 0) {
-        fd.Reset();
-        errno = error;
-    }
-    return fd;
-}
-
-// One RPC client with the socket under it.
+// One RPC client with the socket under it, which the library does not close.
 class RpcClient {
   public:
     explicit RpcClient(const rpc::Library &library) : library_(library) {}
@@ -210,40 +152,51 @@ class RpcClient {
     [[nodiscard]] rpc::Client *get() const { return client_; }
 
     bool CreateTcp(sockaddr_in server, unsigned long program, unsigned long version) {
-        socket_ = ConnectTcp(server);
-        if (!socket_) {
+        socket_ = rpc::ConnectTcp(server);
+        if (!socket_ || !relay_.Open()) {
             return FailBySystem();
         }
         int fd = socket_.get();
         client_ = library_.createTcp(&server, program, version, &fd, 0, 0);
-        return Prepare();
+        return client_ != nullptr;
     }
 
     bool CreateUdp(sockaddr_in server, unsigned long program, unsigned long version) {
-        socket_ = OpenSocket(SOCK_DGRAM);
+        socket_ = rpc::OpenSocket(SOCK_DGRAM);
         if (!socket_) {
             return FailBySystem();
         }
         int fd = socket_.get();
         client_ = library_.CreateUdp(&server, program, version, kRepeatInterval, &fd);
-        return Prepare();
+        return client_ != nullptr;
     }
 
     int Call(unsigned long procedure, rpc::XdrProc encode, void *pArguments, rpc::XdrProc decode,
              void *pResult) {
-        return client_->ops->call(client_, procedure, encode, pArguments, decode, pResult,
-                                  kAnswerTimeout);
+        const auto call = [&](rpc::Timeout timeout) {
+            client_->ops->control(client_, rpc::kSetTimeout, &timeout);
+            return client_->ops->call(client_, procedure, encode, pArguments, decode, pResult,
+                                      timeout);
+        };
+        return relay_ ? CallThroughRelay(call) : call(kAnswerTimeout);
     }
 
   private:
-    // Both sockets are closed by their owner here, so that they can be closed on execution as well.
-    bool Prepare() {
-        if (client_ == nullptr) {
-            return false;
+    // Over TCP the library makes the call twice. With a time-out of 0 it sends it and leaves,
+    // saying that the time is over; when the answer has been received it makes the same call again
+    // on the relay, where it finds the answer to it. How a library counts on from the number that
+    // it is given differs, so it is given one for the first call as well.
+    template <typename MakeCall>
+    int CallThroughRelay(MakeCall makeCall) {
+        unsigned long id = 0;
+        client_->ops->control(client_, rpc::kGetId, &id);
+        client_->ops->control(client_, rpc::kSetId, &id);
+        const int status = makeCall(kSendOnly);
+        if (status != rpc::kTimedOut || !relay_.Await(socket_.get())) {
+            return status;
         }
-        rpc::Timeout timeout = kAnswerTimeout;
-        client_->ops->control(client_, rpc::kSetTimeout, &timeout);
-        return true;
+        client_->ops->control(client_, rpc::kSetId, &id);
+        return makeCall(kAnswerTimeout);
     }
 
     bool FailBySystem() {
@@ -255,6 +208,7 @@ class RpcClient {
 
     const rpc::Library &library_;
     UniqueFd socket_;
+    rpc::AnswerRelay relay_;
     rpc::Client *client_ = nullptr;
 };
 

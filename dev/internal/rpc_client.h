@@ -78,12 +78,15 @@ struct Client {
 
 // clnt_stat
 inline constexpr int kSuccess = 0;
+inline constexpr int kTimedOut = 5;
 inline constexpr int kSystemError = 12;
 inline constexpr int kPortmapperFailure = 14;
 inline constexpr int kNotRegistered = 15;
 // requests of clnt_control
 inline constexpr unsigned kSetTimeout = 1;
 inline constexpr unsigned kSetRetryTimeout = 4;
+inline constexpr unsigned kGetId = 10;  // transaction id, into an unsigned long set to 0
+inline constexpr unsigned kSetId = 11;
 
 // Arguments of the portmapper's GETPORT (RFC 1833, 3).
 struct PortQuery {

@@ -378,6 +378,8 @@ TEST(Enumeration, SkipsADeviceWhoseKeyIsInNoRow) {
         const Found found = Enumerate(Dev_Get);
         ASSERT_EQ(1, found.count);
         EXPECT_STREQ("/dev/sr0", found.devs[0].devPath);
+        EXPECT_EQ(O_RDONLY | O_NONBLOCK,
+                  otherLun.openFlags & (O_ACCMODE | O_NONBLOCK));  // as a node
         // The slots behind the last device were not used.
         const tDevInfo empty{};
         EXPECT_EQ(0, memcmp(&empty, &found.devs[1], sizeof empty));
@@ -428,6 +430,28 @@ TEST(Enumeration, ListsADiskThatCannotBeMounted) {
             "  pDev[0] : MAKER DISK 1 : /dev/sdq : /dev/sg0 : Ready : HDD : USB, 1,0,1,0 : 0 "
             "MB(500)",
             found.lines.back());
+    });
+}
+
+// A sector has 512 bytes; their product passes 32 bits.
+TEST(Enumeration, TellsTheSizeOfADiskThatCountsItsSectorsAlone) {
+    WithMachine("", [] {
+        const auto device = MakeDevice("/dev/sda", "/dev/sg0", "usb-storage", 1);
+        device->otherIoctl = [](unsigned long request, void *arg) -> std::optional<int> {
+            if (request != BLKGETSIZE) {
+                errno = EINVAL;
+                return -1;
+            }
+            const unsigned long sectors = 0xFFFFFFFF;
+            memcpy(arg, &sectors, sizeof sectors);
+            return 0;
+        };
+        const Found found = Enumerate(Dev_Get);
+        ASSERT_EQ(1, found.count);
+        EXPECT_EQ(uint64_t{0xFFFFFFFF} * 512, found.devs[0].u.disk.deviceBytes);
+        EXPECT_HAS(found.lines,
+                   "DEV:Dev_GetHDStat(): ioctl(BLKGETSIZE64, /dev/sda) error : Invalid argument");
+        EXPECT_TRUE(found.lines.back().ends_with(" : 0 MB(2097151)")) << found.lines.back();
     });
 }
 

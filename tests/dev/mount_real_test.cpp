@@ -429,6 +429,23 @@ TEST_F(RealMount, DoesNotAskAnArrayForItsSize) {
     });
 }
 
+// 32 TB in blocks of 4 KB are 2^33 of them.
+TEST_F(RealMount, CountsBytesBeyondTheReachOfItsBlockCounts) {
+    Run([] {
+        ASSERT_EQ(0, mkdir("/mnt/md", 0755));
+        ASSERT_EQ(0, mount("/dev/md0", "/mnt/md", "tmpfs", 0, "size=32T")) << strerror(errno);
+        struct statfs st;
+        ASSERT_EQ(0, statfs("/mnt/md", &st));
+        tDevInfo dev = DiskAt("/dev/md0");
+        EXPECT_EQ(0, Dev_GetHDStat(&dev, 11));
+        EXPECT_EQ(uint64_t{32} << 40, dev.u.disk.totalBytes);
+        EXPECT_EQ(static_cast<uint64_t>(st.f_bsize) * st.f_bfree, dev.u.disk.freeBytes);
+        if (st.f_blocks > UINT32_MAX) {
+            EXPECT_EQ(UINT32_MAX, dev.u.disk.totalBlocks);
+        }
+    });
+}
+
 TEST_F(RealMount, LogsADeviceThatHasNoSize) {
     Run([] {
         tDevInfo dev = DiskAt("/dev/null");

@@ -128,7 +128,7 @@ TEST(NfsUmountFault, SurvivesEveryFailure) {
 }
 
 TEST(NfsUmountFault, FallsBackToUdpWhateverTcpMeets) {
-    for (const char *pCall : {"socket", "connect", "getsockopt", "poll", "fcntl"}) {
+    for (const char *pCall : {"socket", "connect", "getsockopt", "poll", "fcntl", "socketpair"}) {
         WithServer([&] {
             const std::string text = CaptureAll([&] {
                 const Fault fault{pCall, 0, EIO};

@@ -43,11 +43,14 @@ TEST(RpcLibrary, RecordsAreLaidOutAsTheInstalledHeadersSay) {
 
 TEST(RpcLibrary, NumbersAreThoseOfTheInstalledHeaders) {
     EXPECT_EQ(RPC_SUCCESS, rpc::kSuccess);
+    EXPECT_EQ(RPC_TIMEDOUT, rpc::kTimedOut);
     EXPECT_EQ(RPC_SYSTEMERROR, rpc::kSystemError);
     EXPECT_EQ(RPC_PMAPFAILURE, rpc::kPortmapperFailure);
     EXPECT_EQ(RPC_PROGNOTREGISTERED, rpc::kNotRegistered);
     EXPECT_EQ(CLSET_TIMEOUT, static_cast<int>(rpc::kSetTimeout));
     EXPECT_EQ(CLSET_RETRY_TIMEOUT, static_cast<int>(rpc::kSetRetryTimeout));
+    EXPECT_EQ(CLGET_XID, static_cast<int>(rpc::kGetId));
+    EXPECT_EQ(CLSET_XID, static_cast<int>(rpc::kSetId));
 }
 
 #else

@@ -24,6 +24,10 @@
 #include "support/faults.h"
 #include "support/temp_dir.h"
 
+// The calls themselves, for what a test does on its own account.
+extern "C" int __real_socketpair(int domain, int type, int protocol, int *ends);
+extern "C" int __real_shutdown(int fd, int how);
+
 namespace {
 
 using namespace std::string_literals;
@@ -142,9 +146,9 @@ TEST(ClientFault, GivesEverythingBackWhateverFails) {
 // A handler with the peer's bytes already sent.
 int Handle(const std::string &bytes, std::string *pReply) {
     int fds[2];
-    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+    EXPECT_EQ(0, __real_socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
     Put(fds[1], bytes);
-    shutdown(fds[1], SHUT_WR);
+    __real_shutdown(fds[1], SHUT_WR);
     tTalvekClient client = {};
     client.fd = fds[0];
     const int result = TALVEK_DaemonHandler(&client);

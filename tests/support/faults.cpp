@@ -168,6 +168,7 @@ FAULT_CALL(fcntl, int, -1, (int fd, int command, void *arg), (fd, command, arg))
 FAULT_CALL(ioctl, int, -1, (int fd, unsigned long request, void *arg), (fd, request, arg))
 FAULT_CALL(dup, int, -1, (int fd), (fd))
 FAULT_CALL(dup2, int, -1, (int from, int to), (from, to))
+FAULT_CALL(dup3, int, -1, (int from, int to, int flags), (from, to, flags))
 FAULT_CALL(pipe2, int, -1, (int *fds, int flags), (fds, flags))
 FAULT_CALL(fsync, int, -1, (int fd), (fd))
 FAULT_CALL(fstat, int, -1, (int fd, struct stat *st), (fd, st))
@@ -266,6 +267,9 @@ FAULT_CALL(recv, ssize_t, -1, (int fd, void *buf, size_t size, int flags), (fd, 
 FAULT_CALL(recvfrom, ssize_t, -1,
            (int fd, void *buf, size_t size, int flags, struct sockaddr *addr, socklen_t *addrSize),
            (fd, buf, size, flags, addr, addrSize))
+FAULT_CALL(socketpair, int, -1, (int domain, int type, int protocol, int *ends),
+           (domain, type, protocol, ends))
+FAULT_CALL(shutdown, int, -1, (int fd, int how), (fd, how))
 FAULT_CALL(bindresvport, int, -1, (int fd, struct sockaddr_in *addr), (fd, addr))
 FAULT_CALL(getsockopt, int, -1, (int fd, int level, int name, void *value, socklen_t *size),
            (fd, level, name, value, size))
