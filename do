@@ -72,7 +72,8 @@ run() {
     echo "\$ build/talvek -D -s $socket"
     build/talvek -D -s $socket >$log 2>&1
     daemon=$(sed -n 's/.*Master\[[0-9]*\] is leaving.*\[\([0-9]*\)\]$/\1/p' $log)
-    trap 'kill "$daemon" 2>/dev/null || :' EXIT INT TERM
+    trap 'kill "$daemon" 2>/dev/null || :' EXIT
+    trap 'exit 1' INT TERM
     tries=0
     # The file is there a moment before the socket listens (flag 00010000, __SO_ACCEPTCON).
     until [ -S $socket ] && grep -q " 00010000 .* $socket\$" /proc/net/unix; do
