@@ -9,9 +9,9 @@
 #include <string.h>
 
 #include <string_view>
-#include <utility>
 
 #include "common/internal/heap_buf.h"
+#include "common/internal/scope_exit.h"
 #include "common/internal/unique_fd.h"
 #include "dev/internal/copy_text.h"
 #include "dev/internal/module_log.h"
@@ -76,10 +76,10 @@ class MountReader {
 
   private:
     bool ReadLine() {
+        // The block may have moved, also when the thread is cancelled in the call.
         char *pLine = line_.Release();
-        const ssize_t length = getline(&pLine, &capacity_, stream_.get());
-        line_.Reset(pLine);
-        return length > 0;
+        const ScopeExit keep{[this, &pLine] { line_.Reset(pLine); }};
+        return getline(&pLine, &capacity_, stream_.get()) > 0;
     }
 
     // An empty text when the line has no more.
