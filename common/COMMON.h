@@ -10,8 +10,9 @@
  *     entry names) for failure. Scraping functions return a pointer into the text or NULL.
  *   - Outputs go into buffers of the caller, whose sizes in bytes travel beside them. What does not
  *     fit is cut and a warning is logged; an entry says where a terminating NUL is counted.
- *   - Every failing system call is logged on standard output (log.h) with its name, its argument
- *     and the system's error text. There are no levels and there is no switch.
+ *   - A failing system call is logged on standard output (log.h) with its name, its argument and
+ *     the system's error text, unless the header says otherwise. There are no levels and there is
+ *     no switch.
  *   - An output that an entry does not mention after a failure holds what it held before.
  *   - Descriptors and heap blocks are released by the function that acquired them, on every path.
  *     A block that a function hands out comes from malloc; the caller releases it with free.

@@ -91,7 +91,12 @@ bool IsOpened(const struct stat &st, const OpenedDir *pDirs) {
 
 class TreeRemover {
   public:
-    TreeRemover(const char *pPath, bool recursive) : path_(pPath), recursive_(recursive) {}
+    TreeRemover(const char *pPath, bool recursive) : path_(pPath), recursive_(recursive) {
+        struct stat st;
+        if (lstat("/", &st) == 0) {
+            root_ = {st.st_dev, st.st_ino, nullptr};
+        }
+    }
 
     // The result of _COM_RemoveFileInDir_ for the directory at path_.
     int Empty(bool removeSelf, const OpenedDir *pOuter);
@@ -103,6 +108,7 @@ class TreeRemover {
 
     Path path_;
     bool recursive_;
+    OpenedDir root_ = {};
 };
 
 // Returns the number of removed entries, -1 for a failure.
@@ -140,7 +146,14 @@ int TreeRemover::Empty(bool removeSelf, const OpenedDir *pOuter) {
     {
         const UniqueDir dir{opendir(path_.text())};
         struct stat st;
-        if (!dir || fstat(dirfd(dir.get()), &st) != 0) {
+        bool mayEmpty = dir && fstat(dirfd(dir.get()), &st) == 0;
+        // A link on a disk from outside must not cost the unit its root directory, nor must "..".
+        // Held by RemoveFileInDir.RefusesTheRootDirectoryByAnyName.
+        if (mayEmpty && IsOpened(st, &root_)) {
+            errno = EINVAL;
+            mayEmpty = false;
+        }
+        if (!mayEmpty) {
             COMMON_LOG_AS(kEntry, "opendir(%s) error : %s\n", path_.text(), strerror(errno));
             return 0;
         }
@@ -216,12 +229,15 @@ ssize_t ReadBlock(int fd, char *pBlock, size_t size) {
 bool WriteWhole(int fd, const char *pBytes, size_t size) {
     while (size > 0) {
         const ssize_t count = write(fd, pBytes, size);
-        if (count < 0 && errno != EINTR) {
-            return false;
-        }
         if (count > 0) {
             pBytes += count;
             size -= static_cast<size_t>(count);
+        } else if (count == 0) {
+            // A device that takes nothing without an error would be asked for ever.
+            errno = EIO;
+            return false;
+        } else if (errno != EINTR) {
+            return false;
         }
     }
     return true;

@@ -33,7 +33,8 @@ int COM_Mkdir(const char *pPath, mode_t mode);
  *
  * Symbolic links are followed by the look at an entry: a link to a directory counts as one (what
  * the directory holds is removed, the link itself cannot be), a link that leads nowhere, or back to
- * a directory that is being emptied, is a failure. The root directory is never opened.
+ * a directory that is being emptied, is a failure. The root directory, by whatever path or link, is
+ * never emptied: it counts as one that cannot be opened (EINVAL).
  *
  * Returns the number of entries removed (the directory itself included), -1 when an entry could not
  * be examined or removed (the others are removed all the same), 0 when the directory cannot be
@@ -54,6 +55,8 @@ int COM_RemoveRealFile(const char *pPath);
  *         1  an existing link path is always removed first
  *         2  nothing is made, and the result is 0, when the target does not exist
  *
+ * The two must not be the same path: modes 0 and 1 would remove the file.
+ *
  * Returns 0 or -1. */
 int COM_CreateSymbolLink(int mode, const char *pTarget, const char *pLink);
 
@@ -72,7 +75,8 @@ int COM_GetFdInfo(int fd, char *pPath, int verbose);
  *
  * Meant for text: of each block of 512 bytes read, what stands behind the first NUL byte is left
  * out. Returns 0, also when the source cannot be removed (logged); a file moved onto itself stays
- * as it is. Returns -1 after a failure; the source is then still there. */
+ * as it is. Returns -1 after a failure; the source is then still there, and the destination, once
+ * it was opened, holds what was written. */
 int COM_RenameFile(const char *pSrc, const char *pDst);
 
 /* One line to find and to replace. */
@@ -94,7 +98,8 @@ typedef struct tFileItemRequest {
 } tFileItemRequest;
 
 /* Edits a text file line by line through a temporary copy under /var. A line is taken 255 bytes at
- * a time; what is left of a longer one counts as a line of its own.
+ * a time; what is left of a longer one counts as a line of its own. Meant for text: what stands
+ * behind a NUL in a line, its newline too, is left out.
  *
  * Each line is given to the first item that still has a key and matches. A file that does not exist
  * is created. Returns the number of lines replaced, deleted and appended, or -1. The file has to be

@@ -4,9 +4,10 @@
 /* Whole files in one call: short texts, blocks of bytes, ring buffers, and the unit's one-line
  * identity files under /etc.
  *
- * Failures are logged with the module name COMMON and the entry's own name. A path is a
- * NUL-terminated text; NULL as a path fails like a path that cannot be read (EFAULT). Files are
- * created with mode 0664 less the umask. No open is tried again. */
+ * A file that cannot be opened is logged with the module name COMMON and the entry's own name; of a
+ * read or a write that fails only the result tells, unless the entry says that it is logged. A path
+ * is a NUL-terminated text; NULL as a path fails like a path that cannot be read (EFAULT). Files
+ * are created with mode 0664 less the umask. No open is tried again. */
 
 #include <stddef.h>
 #include <stdint.h>
@@ -78,12 +79,13 @@ int COM_GetPort(char *pBuf, int size);
  * Returns 0 or -1. */
 int COM_SetPort(int port);
 
-/* Sets the kernel's host name and, when that succeeded, writes it to /etc/hostname too.
- * Returns 0 when the kernel took the name, else -1. */
+/* Sets the kernel's host name (up to 64 characters) and, when that succeeded, writes it to
+ * /etc/hostname too. Returns 0 when the kernel took the name, else -1 (not logged). */
 int COM_SetHostName(const char *pName);
 
-/* A unit's identity. The fields are NUL-terminated texts; they lie where tUnitNetInfo
- * (unit_info.h) has the head of its own fields. */
+/* A unit's identity. The fields are NUL-terminated texts. The record is laid out as the first 304
+ * bytes of tUnitNetInfo (unit_info.h), whose fields from the address up to the interface lie in the
+ * room of host_name behind the name itself. */
 typedef struct tUnitInfo {
     char model[32];      /* /etc/Model */
     char project[32];    /* /etc/Proj */
@@ -91,7 +93,8 @@ typedef struct tUnitInfo {
     char note[64];       /* /etc/Note */
 } tUnitInfo;
 
-/* Writes the identity of this unit. An empty field cannot be written (COM_SetFileContent).
+/* Writes the identity of this unit. An empty field empties its file and counts as a failure
+ * (COM_SetFileContent); an empty host name does not, as the kernel takes it.
  * Returns the sum of the four results: 0 when all succeeded, else minus the number that failed. */
 int COM_SetUnitInfo(const tUnitInfo *pInfo);
 

@@ -3,8 +3,9 @@
 
 /* Copies of whole files.
  *
- * Failures are logged with the module name COMMON and the entry's own name. A path is a
- * NUL-terminated text; NULL as a path is a failure. */
+ * A file that cannot be opened and a write that fails are logged with the module name COMMON and
+ * the entry's own name; a read that fails is not. A path is a NUL-terminated text; NULL as a path
+ * is a failure. */
 
 #ifdef __cplusplus
 extern "C" {
@@ -27,7 +28,12 @@ int COM_CopyFile(const char *pDst, const char *pSrc);
 /* Moves a file to a place that survives and leaves a link: afterwards pLink is a symbolic link with
  * the text pTarget. A pTarget that does not exist is first made as a copy of the file pLink; one
  * that exists is kept as it is. Missing directories of both are made (mode 0755).
- * Returns the result of COM_CreateSymbolLink, or -1. */
+ *
+ * pTarget is an absolute path as a rule: a relative one is copied to from the current directory,
+ * while the link leads from its own. The two must not be the same path: the file would be removed.
+ *
+ * Returns the result of COM_CreateSymbolLink, or -1 (a path that cannot be examined is not
+ * logged). */
 int COM_CopyAndLink(const char *pTarget, const char *pLink);
 
 /* Appends a file to another, which is created with mode 0777 less the umask when it is missing. A

@@ -105,7 +105,7 @@ const char *COM_GetXMLAttribute(const char *pSrc, const char *pTag, char *pDst, 
  *
  * Returns how many were stored: 2, 1 or 0. A first number that reaches the very end of the bytes is
  * not reported, so hand in the character behind it too; a second one is. What is not reported is
- * not stored. */
+ * not stored. 0 also with pBuf NULL or a `len` below 1. */
 int COM_GetTwoNumbers(const char *pBuf, int len, int *pFirst, int *pSecond);
 
 /* Replaces every occurrence of a text (case matters) in a heap text, from left to right. The search

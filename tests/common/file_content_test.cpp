@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "common/unit_info.h"
 #include "support/canary.h"
 #include "support/capture.h"
 #include "support/private_world.h"
@@ -765,6 +766,28 @@ TEST(UnitInfo, LaysItsFieldsOutWithoutGaps) {
     EXPECT_EQ(32U, offsetof(tUnitInfo, project));
     EXPECT_EQ(64U, offsetof(tUnitInfo, host_name));
     EXPECT_EQ(240U, offsetof(tUnitInfo, note));
+}
+
+// The record of the network functions can be handed in too.
+TEST(UnitInfo, LiesWhereTheNetworkRecordHasItsFields) {
+    EXPECT_EQ(offsetof(tUnitNetInfo, model), offsetof(tUnitInfo, model));
+    EXPECT_EQ(offsetof(tUnitNetInfo, proj), offsetof(tUnitInfo, project));
+    EXPECT_EQ(offsetof(tUnitNetInfo, name), offsetof(tUnitInfo, host_name));
+    EXPECT_EQ(offsetof(tUnitNetInfo, note), offsetof(tUnitInfo, note));
+    EXPECT_EQ(offsetof(tUnitNetInfo, mtu), sizeof(tUnitInfo));
+}
+
+TEST(SetUnitInfo, TakesAnEmptyHostNameAsTheKernelDoes) {
+    RunInPrivateWorld(kMounts | kHostname, [] {
+        FreshEtc();
+        WriteFile("/etc/hostname", "before");
+        const tUnitInfo info = {"R-100", "harbour", "", "deck 3"};
+        EXPECT_EQ(0, COM_SetUnitInfo(&info));
+        char name[65] = "before";
+        EXPECT_EQ(0, gethostname(name, sizeof name));
+        EXPECT_STREQ("", name);
+        EXPECT_EQ("", ReadFile("/etc/hostname"));
+    });
 }
 
 TEST(SetUnitInfo, WritesAllFourFiles) {

@@ -27,6 +27,22 @@
 
 namespace {
 
+// Whether writes take nothing, without an error, as those of some devices do.
+bool g_takesNothing = false;
+
+}  // namespace
+
+extern "C" {
+ssize_t __real_write(int fd, const void *buf, size_t size);
+ssize_t __wrap_write(int fd, const void *buf, size_t size);
+}
+
+ssize_t __wrap_write(int fd, const void *buf, size_t size) {
+    return g_takesNothing ? 0 : __real_write(fd, buf, size);
+}
+
+namespace {
+
 namespace fs = std::filesystem;
 using talvek::UniqueFd;
 using talvek::test::CanaryBuf;
@@ -317,6 +333,31 @@ TEST(RemoveFileInDir, RefusesTheRootDirectory) {
                              ") error : Invalid argument"}),
                       CaptureLog([&] { EXPECT_EQ(0, COM_RemoveFileInDir(1, path.c_str())); }));
         }
+        EXPECT_EQ("x", ReadFile("/file"));
+    });
+}
+
+TEST(RemoveFileInDir, RefusesTheRootDirectoryByAnyName) {
+    RunInPrivateWorld(kMounts, [] {
+        MountTmpfs("/var");
+        WriteFile("/var/file", "x");
+        WriteFile("/var/sub/file", "x");
+        fs::create_directory_symlink("/", "/var/sub/link");
+        ASSERT_EQ(0, chroot("/var"));
+        ASSERT_EQ(0, chdir("/"));
+        const auto refused = [](const std::string &path) {
+            return "COMMON:_COM_RemoveFileInDir_(): opendir(" + path + ") error : Invalid argument";
+        };
+        for (const std::string path : {"/.", "/..", "/sub/..", "/sub/link", ".", ".."}) {
+            EXPECT_EQ(Lines{refused(path)},
+                      CaptureLog([&] { EXPECT_EQ(0, _COM_RemoveFileInDir_(1, path.c_str(), 1)); }));
+        }
+        EXPECT_EQ(
+            (Lines{refused("/sub/link"),
+                   "COMMON:_COM_RemoveFileInDir_(): rmdir(/sub) error : Directory not empty"}),
+            CaptureLog([] { EXPECT_EQ(1, COM_RemoveFileInDir(1, "/sub")); }))
+            << "what stands beside the link is removed";
+        EXPECT_FALSE(fs::exists("/sub/file"));
         EXPECT_EQ("x", ReadFile("/file"));
     });
 }
@@ -702,6 +743,24 @@ TEST(RenameFile, FailsOnASourceThatCannotBeRead) {
     EXPECT_TRUE(fs::exists(dir / "from"));
 }
 
+// The message ends without a newline.
+TEST(RenameFile, GivesUpOnADeviceThatTakesNothing) {
+    const TempDir dir;
+    WriteFile(dir / "from", "text");
+    const std::string from = dir / "from";
+    const std::string output = Capture([&] {
+        g_takesNothing = true;
+        errno = EINTR;  // what an earlier call left
+        const int result = COM_RenameFile(from.c_str(), (dir / "to").c_str());
+        g_takesNothing = false;
+        EXPECT_EQ(-1, result);
+    });
+    const std::string message = ":COM_RenameFile(): write() failed : Input/output error";
+    ASSERT_LT(message.size(), output.size());
+    EXPECT_EQ(message, output.substr(output.size() - message.size()));
+    EXPECT_EQ("text", ReadFile(from));
+}
+
 TEST(RenameFile, KeepsTheSourceWhenTheDiskIsFull) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
@@ -878,6 +937,13 @@ TEST_F(ReplaceItemsInFile, TakesALongLineInPieces) {
     }
 }
 
+TEST_F(ReplaceItemsInFile, LeavesOutWhatStandsBehindANul) {
+    Run(std::string{"a=1\0x\nb=2\n\0b=3\nc=4\0", 19}, [] {
+        EXPECT_EQ(2, Edit({Item("b=", "b=two"), Item("d=", "d=5")}, kAppend));
+        EXPECT_EQ("a=1b=two\nc=4\nd=5\n", ReadFile(kFile));
+    });
+}
+
 TEST_F(ReplaceItemsInFile, EndsAnOpenLastLineBeforeItAppends) {
     Run("a=1\nb=2", [] {
         EXPECT_EQ(2, Edit({Item("c=", "c=3"), Item("d=", "d=4")}, kAppend));
@@ -1012,7 +1078,9 @@ TEST_F(ReplaceItemsInFile, EmptiesTheFileWhenTheCopyDoesNotFit) {
             Capture([&] { EXPECT_EQ(-1, Edit({Item("a=", "a=2")}, kNone, file.c_str())); });
         EXPECT_NE(std::string::npos,
                   output.find(":COM_ReplaceItemsInFile(): fprintf() fail : /var/COM_"));
-        EXPECT_NE(std::string::npos, output.find(" : No space left on device"));
+        const std::string error = " : No space left on device";  // without a newline
+        ASSERT_LT(error.size(), output.size());
+        EXPECT_EQ(error, output.substr(output.size() - error.size()));
         EXPECT_TRUE(fs::exists(file));
         EXPECT_EQ("", ReadFile(file));
         EXPECT_TRUE(fs::is_empty("/var"));
