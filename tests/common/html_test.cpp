@@ -275,6 +275,50 @@ TEST(ExtractHtmlTag, KnowsNoCommentsAndNoQuotes) {
     EXPECT_EQ(kNone, Extract("b", "<!-- <b>1</b> --><b>2</b>", 0));
 }
 
+// The rule itself, tag after tag.
+Extracted ExtractByTheRule(const std::string &tag, const std::string &html, bool keep) {
+    const auto named = [&](size_t at) {
+        const size_t behind = at + tag.size();
+        return strncasecmp(html.c_str() + at, tag.c_str(), tag.size()) == 0 &&
+               behind < html.size() && strchr(" \t>", html[behind]) != nullptr;
+    };
+    int depth = -1;
+    size_t start = std::string::npos;
+    size_t end = 0;
+    for (size_t at = html.find('<'); at != std::string::npos; at = html.find('<', end)) {
+        const size_t closing = html.find('>', at);
+        if (closing == std::string::npos) {
+            return kNone;
+        }
+        end = closing + 1;
+        if (named(at + 1)) {
+            if (++depth == 0 && start == std::string::npos) {
+                start = keep ? at : end;
+            }
+        } else if (html[at + 1] == '/' && named(at + 2)) {
+            if (--depth == -1 && start != std::string::npos) {
+                const std::string text = html.substr(start, (keep ? end : at) - start);
+                return text.empty() ? kNone : Extracted{static_cast<int>(text.size()) + 1, text};
+            }
+        }
+    }
+    return kNone;
+}
+
+TEST(ExtractHtmlTag, CutsAsTheRuleDoes) {
+    std::mt19937 random{14};
+    const char *pieces[] = {"<b>", "</b>", "<B x>", "</b >", "<bx>", "<", ">", "t", "/b", "b\t"};
+    for (int i = 0; i < 6000; ++i) {
+        std::string html;
+        for (size_t count = random() % 20; count > 0; --count) {
+            html += pieces[random() % std::size(pieces)];
+        }
+        for (const int keep : {0, 1}) {
+            ASSERT_EQ(ExtractByTheRule("b", html, keep != 0), Extract("b", html, keep)) << html;
+        }
+    }
+}
+
 TEST(ExtractHtmlTag, FailsForNull) {
     char *result = nullptr;
     EXPECT_EQ(-1, COM_ExtractHtmlTag(nullptr, "<b>1</b>", &result, 0));

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <stdlib.h>
 #include <string.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
@@ -310,6 +312,111 @@ TEST(ParserXmlData, ShowsATextWithoutNulUpToItsEnd) {
     EXPECT_EQ(0, r.Parse("<DATA Name=\"A\" type=\"TEXT\"></DATA>"));
     EXPECT_EQ("COMMON: [A] (min, max, value)=(-77, -77, -77) - (1)[" + std::string(256, 't') + "]",
               r.log.back());
+}
+
+// The text between the first pair of double quotes behind a key, ignoring the key's case; `behind`
+// is the key's end, or npos when there is no such text.
+std::string Quoted(const std::string &doc, size_t from, const std::string &key, size_t &behind) {
+    const char *found = strcasestr(doc.c_str() + from, key.c_str());
+    behind = std::string::npos;
+    if (found == nullptr) {
+        return "";
+    }
+    const size_t end = static_cast<size_t>(found - doc.c_str()) + key.size();
+    const size_t opening = doc.find('"', end);
+    const size_t closing = opening == std::string::npos ? opening : doc.find('"', opening + 1);
+    if (closing == std::string::npos || closing == opening + 1) {
+        return "";
+    }
+    behind = end;
+    return doc.substr(opening + 1, closing - opening - 1);
+}
+
+// The rule itself: what becomes of a record that names a setting.
+int ParseByTheRule(const std::string &doc, tXmlDataItem &item) {
+    size_t data = 0;
+    size_t end = 0;
+    for (size_t cursor = 0;;) {
+        data = doc.find("<DATA", cursor);
+        end = data == std::string::npos ? data : doc.find("</DATA>", data);
+        const size_t name = end == std::string::npos ? end : doc.find("Name=\"", data);
+        if (name == std::string::npos) {
+            return -1;
+        }
+        if (doc.compare(name + 6, strlen(item.name), item.name) == 0) {
+            break;
+        }
+        cursor = name;
+    }
+    size_t behind = 0;
+    const std::string type = Quoted(doc, data, "type=", behind);
+    if (behind != std::string::npos) {
+        item.type = type == "INT" ? 0 : type == "VIRTKB" || type == "TEXT" ? 1 : 2;
+    }
+    if (item.type == 1) {
+        const std::string value = Quoted(doc, data, "value=", behind);
+        strcpy(item.text, behind != std::string::npos ? value.c_str() : item.text);
+        return 0;
+    }
+    const struct {
+        const char *key;
+        int32_t *number;
+    } rows[] = {{"min=", &item.min}, {"max=", &item.max}, {"value=", &item.value}};
+    for (const auto &row : rows) {
+        const std::string value = Quoted(doc, data, row.key, behind);
+        if (behind != std::string::npos) {
+            *row.number = atoi(value.c_str());
+        }
+    }
+    std::string names;
+    for (size_t at = doc.find("<ITEM", data); at < end; at = doc.find("<ITEM", behind)) {
+        const std::string name = Quoted(doc, at, "Name=", behind);
+        if (behind == std::string::npos) {
+            break;
+        }
+        names += (names.empty() ? "" : ",") + name;
+    }
+    strcpy(item.text, names.c_str());
+    return 0;
+}
+
+// Pieces in any order, so that elements lack parts, share them and lie in each other.
+TEST(ParserXmlData, ReadsAsTheRuleDoes) {
+    std::mt19937 random{18};
+    const char *pieces[] = {"<DATA ",
+                            "</DATA>",
+                            "Name=\"A\" ",
+                            "Name=\"B\" ",
+                            "name=\"C\" ",
+                            "type=\"INT\" ",
+                            "type=\"TEXT\" ",
+                            "TYPE=\"X\" ",
+                            "min=\"-1\" ",
+                            "max=\"22\" ",
+                            "value=\"7\" ",
+                            "value=\"\" ",
+                            "<ITEM Name=\"I\">",
+                            "<ITEM ",
+                            "Name=\"\" ",
+                            "\""};
+    int found = 0;
+    for (int i = 0; i < 4000; ++i) {
+        std::string doc = i % 2 == 0 ? "<DATA " : "<DATA Name=\"A\" ";
+        for (size_t count = random() % 16; count > 0; --count) {
+            doc += pieces[random() % std::size(pieces)];
+        }
+        doc += i % 4 == 0 ? "" : "</DATA>";
+        Record r{"A"};
+        tXmlDataItem expected = *r.item;
+        const int result = ParseByTheRule(doc, expected);
+        ASSERT_EQ(result, r.Parse(doc)) << doc;
+        ExpectNumbers(*r.item, expected.type, expected.min, expected.max, expected.value);
+        ASSERT_STREQ(expected.text, r.item->text) << doc;
+        ASSERT_FALSE(HasFailure()) << doc;
+        found += result == 0;
+    }
+    EXPECT_LT(1000, found);
+    EXPECT_GT(3000, found);
 }
 
 TEST(ParserXmlData, FailsForNull) {

@@ -812,6 +812,37 @@ TEST(GetTwoNumbers, ReadsNumbersOfAnyLength) {
     }
 }
 
+// The rule itself: runs are collected, and the character that ends one belongs to none.
+Numbers ReadByTheRule(const std::string &text) {
+    Numbers n{0, kUnset, kUnset};
+    std::string run;
+    for (const char c : text) {
+        if (isdigit(static_cast<unsigned char>(c)) || (run.empty() && (c == '+' || c == '-'))) {
+            run += c;
+        } else if (!run.empty()) {
+            (n.count == 0 ? n.first : n.second) =
+                static_cast<int>(strtol(run.c_str(), nullptr, 10));
+            run.clear();
+            if (++n.count == 2) {
+                return n;
+            }
+        }
+    }
+    if (n.count == 1 && !run.empty()) {
+        n.second = static_cast<int>(strtol(run.c_str(), nullptr, 10));
+        n.count = 2;
+    }
+    return n;
+}
+
+TEST(GetTwoNumbers, ReadsAsTheRuleDoes) {
+    std::mt19937 random{6};
+    for (int i = 0; i < 5000; ++i) {
+        const std::string text = RandomText(random, "0159+-x", random() % 9);
+        ASSERT_EQ(ReadByTheRule(text), Read(text)) << text;
+    }
+}
+
 TEST(GetTwoNumbers, ReadsNothingFromNothing) {
     int first = kUnset;
     int second = kUnset;
