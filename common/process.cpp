@@ -131,13 +131,13 @@ int COM_KillDhcpProc(const char *pFirst, const char *pSecond) {
 int COM_CloseFdExceptSTD(int pid) {
     char path[40];
     snprintf(path, sizeof path, "/proc/%d/fd", pid);
-    DIR *dir = opendir(path);
-    if (dir == nullptr) {
+    talvek::UniqueDir dir{opendir(path)};
+    if (!dir) {
         return COMMON_LOG("opendir(%s) error : %s\n", path, strerror(errno));
     }
-    const int own = dirfd(dir);
+    const int own = dirfd(dir.get());
     bool ownListed = false;
-    while (const struct dirent *entry = readdir(dir)) {
+    while (const struct dirent *entry = readdir(dir.get())) {
         const int fd = talvek::PidOfEntry(entry->d_name);
         if (fd == own) {
             ownListed = true;
@@ -151,7 +151,7 @@ int COM_CloseFdExceptSTD(int pid) {
     if (ownListed) {
         close(own);
     }
-    return closedir(dir);
+    return dir.Close();
 }
 
 int COM_PopenRead(const char *pCmd, void * /*pIgnored*/, void *pUser, tComLineFn pCallback) {

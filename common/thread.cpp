@@ -26,7 +26,7 @@ constexpr int kMaxSleepRounds = 1000;
 
 struct Watchdog {
     pthread_t thread;
-    bool running;
+    pid_t process;  // that the thread runs in; 0 for none. The child of a fork has no such thread.
     struct timespec period;
 };
 
@@ -48,8 +48,9 @@ size_t CountThreads() {
 void WritePidFile(const char *pName) {
     constexpr const char *kEntry = "COM_LogThread";
     COM_Mkdir(kPidDir, 0775);
-    // A name too long for a file makes the open fail; it does not lose its ending.
-    char path[PATH_MAX];
+    // A name too long for a file makes the open fail; it does not lose its ending. What does not
+    // fit here is cut to one character more than a path can have.
+    char path[PATH_MAX + 1];
     snprintf(path, sizeof path, "%s/%s.thread.pid", kPidDir, pName);
     // A descriptor, not a stream: closing a stream writes again what it could not write before, so
     // that a thread cancelled while it waits for the file would wait on in its clean-up.
@@ -145,12 +146,18 @@ void COM_ShowThread(void) {
 int COM_CreateThreadWatchdog(int period) {
     const talvek::MutexLock lock{talvek::g_watchdogMutex};
     talvek::Watchdog &watchdog = talvek::g_watchdog;
+    const pid_t process = getpid();
     int error = EBUSY;
-    if (!watchdog.running) {
+    if (watchdog.process != process) {
+        if (watchdog.process != 0) {
+            // The watchdog stayed in the parent, perhaps in the middle of a look: nobody is left
+            // here to release what it held.
+            pthread_mutex_init(&talvek::g_mutex, nullptr);
+        }
         // Looking without a pause would keep a processor busy.
         watchdog.period = {period < 1 ? 1 : period, 0};
         error = pthread_create(&watchdog.thread, nullptr, COM_ThreadWatchdog, &watchdog);
-        watchdog.running = error == 0;
+        watchdog.process = error == 0 ? process : 0;
     }
     if (error != 0) {
         COMMON_LOG("pthread_create() error = %d\n", error);
@@ -161,13 +168,13 @@ int COM_CreateThreadWatchdog(int period) {
 int COM_DestroyThreadWatchdog(void) {
     const talvek::MutexLock lock{talvek::g_watchdogMutex};
     talvek::Watchdog &watchdog = talvek::g_watchdog;
-    const int error = watchdog.running ? pthread_cancel(watchdog.thread) : ESRCH;
+    const int error = watchdog.process == getpid() ? pthread_cancel(watchdog.thread) : ESRCH;
     if (error != 0) {
         COMMON_LOG("pthread_cancel() error [%d]\n", error);
         return error;
     }
     pthread_join(watchdog.thread, nullptr);
-    watchdog.running = false;
+    watchdog.process = 0;
     return 0;
 }
 

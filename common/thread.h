@@ -50,12 +50,15 @@ void COM_ShowThread(void);
  *
  *   period  seconds between two looks; less than 1 counts as 1
  *
+ * A forked child has the entries but not the watchdog; it may start one of its own, before it calls
+ * anything else here.
+ *
  * Returns 0, or the error number of pthread_create; EBUSY when the watchdog already runs. */
 int COM_CreateThreadWatchdog(int period);
 
 /* Ends the watchdog and waits for its end, which comes at once while it sleeps; a look that has
  * begun, its log lines included, is finished first. Returns 0, or the error number of
- * pthread_cancel; ESRCH when no watchdog runs. */
+ * pthread_cancel; ESRCH when no watchdog runs in this process. */
 int COM_DestroyThreadWatchdog(void);
 
 /* The watchdog's start routine. It never returns: it ends by being cancelled, between two looks.

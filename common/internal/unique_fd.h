@@ -118,6 +118,8 @@ class UniqueDir {
 
     [[nodiscard]] DIR *get() const { return dir_; }
     explicit operator bool() const { return dir_ != nullptr; }
+    // Closes now and returns what closedir returned; -1 when nothing is held.
+    int Close() { return dir_ != nullptr ? closedir(std::exchange(dir_, nullptr)) : -1; }
 
   private:
     DIR *dir_;

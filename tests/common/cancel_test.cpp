@@ -287,6 +287,20 @@ TEST(CancelPopenRead, CollectsTheCommandOfACallbackInC) {
     ExpectNoChild();
 }
 
+// ---- COM_CloseFdExceptSTD ----
+
+// A cancellation that is pending comes with the first descriptor that is to be closed.
+TEST(CancelCloseFdExceptSTD, ClosesItsListing) {
+    const int fds = OpenCount();
+    CancelInside(
+        [] {
+            pthread_cancel(pthread_self());
+            COM_CloseFdExceptSTD(getpid());
+        },
+        [] { return true; });
+    EXPECT_EQ(fds, OpenCount());
+}
+
 // ---- COM_SleepAtLeast ----
 
 TEST(CancelSleep, EndsAtOnce) {

@@ -108,6 +108,18 @@ TEST(LogThread, KeepsThePidFilesWholeNameOrMakesNone) {
             EXPECT_EQ(0U, log[0].find("COMMON:COM_LogThread(): fopen(/var/run/mmm"));
             EXPECT_NE(std::string::npos, log[0].find(") error : File name too long"));
         }
+        // A path has 4095 characters at the most; "/var/run/" and ".thread.pid" are 20 of them. The
+        // longest that is cut to less would lose its ending alone, and name another file.
+        for (const size_t length : {4074, 4076, 4078, 4084, 4086}) {
+            std::string name = "x";
+            while (name.size() < length) {
+                name.insert(0, "./");
+            }
+            const Lines log = CaptureLog([&] { EXPECT_GT(COM_LogThread(name.c_str()), 1); });
+            EXPECT_EQ(name.size() <= 4075, log.empty()) << length;
+            EXPECT_EQ(name.size() <= 4075 ? Pid() : "", ReadFile("/var/run/x.thread.pid"));
+            unlink("/var/run/x.thread.pid");
+        }
     });
 }
 
@@ -410,6 +422,64 @@ TEST(ThreadWatchdog, RefusesASecondStartAndAStopWithoutAStart) {
                          std::to_string(EBUSY)}),
                   CaptureLog([] { EXPECT_EQ(EBUSY, COM_CreateThreadWatchdog(1)); }));
         EXPECT_EQ(0, COM_DestroyThreadWatchdog());
+    });
+}
+
+// What a forked child finds of the watchdog is its registry; the thread stays in the parent.
+TEST(ThreadWatchdog, BelongsToTheProcessThatStartedIt) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer lets no child of a program with threads start one";
+#endif
+    InEmptyRegistry([] {
+        EXPECT_EQ(0, COM_CreateThreadWatchdog(1000));
+        fflush(nullptr);
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(30);
+            bool good = true;
+            Capture([&good] { good = COM_DestroyThreadWatchdog() == ESRCH; });
+            good = good && COM_CreateThreadWatchdog(1000) == 0 && COM_LogThread("child") == 1;
+            good = good && COM_DestroyThreadWatchdog() == 0;
+            _exit(good ? 0 : 1);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(0, status);
+        EXPECT_EQ(0, COM_DestroyThreadWatchdog());
+    });
+}
+
+// A look that cannot write its warning holds the lock at the moment of the fork.
+TEST(ThreadWatchdog, OfAForkedChildIsNotHeldUpByALookOfTheParent) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer lets no child of a program with threads start one";
+#endif
+    InEmptyRegistry([] {
+        Watched watched{[] { raise(SIGSTOP); },
+                        [] {
+                            FillPipe(STDOUT_FILENO);
+                            COM_CreateThreadWatchdog(1);
+                            usleep(100'000);
+                            const pid_t child = fork();
+                            if (child == 0) {
+                                alarm(30);
+                                const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+                                dup2(null, STDOUT_FILENO);
+                                const bool good = COM_CreateThreadWatchdog(1000) == 0 &&
+                                                  COM_LogThread("child") == 2 &&
+                                                  COM_DestroyThreadWatchdog() == 0;
+                                _exit(good ? 0 : 1);
+                            }
+                            int status = -1;
+                            waitpid(child, &status, 0);
+                            COM_DestroyThreadWatchdog();
+                            printf("status %d\n", status);
+                            fflush(stdout);
+                        }};
+        usleep(300'000);
+        const std::string output = watched.Read();
+        EXPECT_NE(std::string::npos, output.find("\nstatus 0\n"))
+            << output.substr(output.rfind('.') + 1);
     });
 }
 
