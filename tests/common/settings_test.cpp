@@ -355,7 +355,9 @@ int ParseByTheRule(const std::string &doc, tXmlDataItem &item) {
     }
     if (item.type == 1) {
         const std::string value = Quoted(doc, data, "value=", behind);
-        strcpy(item.text, behind != std::string::npos ? value.c_str() : item.text);
+        if (behind != std::string::npos) {
+            strcpy(item.text, value.c_str());
+        }
         return 0;
     }
     const struct {
