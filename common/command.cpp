@@ -16,6 +16,7 @@
 
 #include "common/internal/cancel_barrier.h"
 #include "common/internal/child_fds.h"
+#include "common/internal/file_open.h"
 #include "common/internal/heap_buf.h"
 #include "common/internal/module_log.h"
 #include "common/internal/proc_entry.h"
@@ -300,7 +301,7 @@ int COM_CheckProcState(tProcState *pProc) {
     }
     char path[32];
     snprintf(path, sizeof path, "/proc/%d/stat", pProc->pid);
-    const talvek::UniqueFile stream{fopen(path, "re")};
+    const talvek::UniqueFile stream{talvek::OpenStream(path, "r")};
     char line[256];
     if (!stream || fgets(line, sizeof line, stream.get()) == nullptr) {
         return -1;

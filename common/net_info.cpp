@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "common/internal/file_open.h"
 #include "common/internal/interface_name.h"
 #include "common/internal/module_log.h"
 #include "common/internal/unique_fd.h"
@@ -104,10 +105,6 @@ const Row *FindRow(const Row (&rows)[kCount], uint32_t flag) {
         }
     }
     return nullptr;
-}
-
-const char *Shown(const char *pName) {
-    return pName != nullptr ? pName : "(null)";
 }
 
 void LogUnknownFlag(const char *pFunction, uint32_t flag) {
@@ -202,7 +199,7 @@ void ParseMac(const char *pText, uint8_t (&mac)[kMacSize]) {
 }
 
 void FindNeighbour(const char *pAddress, uint8_t (&mac)[kMacSize]) {
-    const UniqueFile table{fopen(kArpTable, "re")};
+    const UniqueFile table{OpenStream(kArpTable, "r")};
     if (!table) {
         COMMON_LOG_AS("COM_GetArpMAC", "fopen(%s) fail : %s\n", kArpTable, strerror(errno));
         return;
@@ -304,7 +301,7 @@ bool TakeRoute(const RouteSearch &search, char *pLine, Route &route) {
 
 // `line` holds the texts of the route that was found.
 bool FindRoute(const RouteSearch &search, char (&line)[kTableLine], Route &route) {
-    const UniqueFile table{fopen(kRouteTable, "re")};
+    const UniqueFile table{OpenStream(kRouteTable, "r")};
     if (!table) {
         COMMON_LOG_AS(search.function, "fopen(%s) : %s\n", kRouteTable, strerror(errno));
         return false;
@@ -359,7 +356,7 @@ const char *NameServerIn(char *pLine) {
 }
 
 int ReadNameServer(const char *pIfName, int entry, in_addr &address) {
-    const UniqueFile file{fopen(ChooseResolvFile(pIfName), "re")};
+    const UniqueFile file{OpenStream(ChooseResolvFile(pIfName), "r")};
     if (!file) {
         // The message names the general file whichever was chosen.
         // Held by DnsServer.NamesTheGeneralFileInItsMessage.

@@ -91,7 +91,7 @@ int COM_SavePid(const char *pFileName) {
     if (pFileName == nullptr) {
         return -1;
     }
-    talvek::UniqueFile stream{fopen(pFileName, "we")};
+    talvek::UniqueFile stream{talvek::OpenStream(pFileName, "w")};
     if (!stream) {
         COMMON_LOG("open(%s) error : %s\n", pFileName, strerror(errno));
         return -1;

@@ -28,7 +28,7 @@ constexpr size_t kTimeSize = 32;
 constexpr size_t kTimevalSize = kTimeSize + 7;
 
 UniqueFile OpenForReading(const char *pEntry, const char *pPath) {
-    UniqueFile file{OpenStream(pPath, "re")};
+    UniqueFile file{OpenStream(pPath, "r")};
     if (!file) {
         COMMON_LOG_AS(pEntry, "fopen(%s) error : %s\n", Shown(pPath), strerror(errno));
     }

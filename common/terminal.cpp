@@ -14,6 +14,7 @@
 
 #include "common/file.h"
 #include "common/file_content.h"
+#include "common/internal/file_open.h"
 #include "common/internal/module_log.h"
 #include "common/internal/unique_fd.h"
 
@@ -140,7 +141,7 @@ constexpr dev_t kAdapterMajor = 188;
 
 UniqueFile OpenAdapterTable() {
     constexpr const char *kEntry = "COM_GetSerialPort";
-    UniqueFile table{fopen(kAdapterTable, "re")};
+    UniqueFile table{OpenStream(kAdapterTable, "r")};
     if (table) {
         return table;
     }
@@ -148,7 +149,7 @@ UniqueFile OpenAdapterTable() {
         COMMON_LOG_AS(kEntry, "open(%s) failed! : %s\n", kAdapterTable, strerror(errno));
         return table;
     }
-    table.Reset(fopen(kAdapterTableOld, "re"));
+    table.Reset(OpenStream(kAdapterTableOld, "r"));
     if (!table && errno == ENOENT) {
         COMMON_LOG_AS(kEntry, "open(%s, %s) failed! : %s\n", kAdapterTable, kAdapterTableOld,
                       strerror(errno));

@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include "common/internal/file_open.h"
 #include "common/internal/unique_fd.h"
 
 namespace talvek {
@@ -15,7 +16,7 @@ namespace talvek {
 inline bool ReadCmdline(const char *pEntry, char *pLine, int size) {
     char path[sizeof "/proc//cmdline" + NAME_MAX];
     snprintf(path, sizeof path, "%s/%s/%s", "/proc", pEntry, "cmdline");
-    const UniqueFile stream{fopen(path, "re")};
+    const UniqueFile stream{OpenStream(path, "r")};
     return stream && fgets(pLine, size, stream.get()) != nullptr;
 }
 

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <string.h>
@@ -15,7 +16,10 @@
 
 #include "c_callback.h"
 #include "common/command.h"
+#include "common/net_info.h"
 #include "common/process.h"
+#include "common/system_info.h"
+#include "common/terminal.h"
 #include "support/capture.h"
 #include "support/temp_dir.h"
 
@@ -299,6 +303,48 @@ TEST(CancelCloseFdExceptSTD, ClosesItsListing) {
         },
         [] { return true; });
     EXPECT_EQ(fds, OpenCount());
+}
+
+// ---- streams ----
+
+// A cancellation that is pending comes while the file is opened.
+TEST(CancelOpening, LosesNothing) {
+    static const TempDir dir;
+    static const std::string pidFile = dir / "pid";
+    void (*const calls[])() = {
+        [] { COM_SavePid(pidFile.c_str()); },
+        [] { COM_KillDhcpProc("no such", "program"); },
+        [] { COM_KillProcess("no such program", 0, 0); },
+        [] {
+            tProcState self = {getpid(), ""};
+            COM_CheckProcState(&self);
+        },
+        [] { COM_GetMemAndSwap(nullptr); },
+        [] {
+            char name[16];
+            COM_GetDefaultRoute(name);
+        },
+        [] {
+            char path[32];
+            COM_GetSerialPort(2, path);
+        },
+    };
+    for (const auto &call : calls) {
+        const auto cancel = [call] {
+            CancelInside(
+                [call] {
+                    pthread_cancel(pthread_self());
+                    call();
+                },
+                [] { return true; });
+        };
+        cancel();  // what the first cancellation of a program allocates stays
+        const int fds = OpenCount();
+        const size_t held = mallinfo2().uordblks;
+        cancel();
+        EXPECT_EQ(held, mallinfo2().uordblks) << "call " << &call - calls;
+        EXPECT_EQ(fds, OpenCount());
+    }
 }
 
 // ---- COM_SleepAtLeast ----
