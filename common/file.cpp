@@ -336,14 +336,14 @@ bool LineEditor::Open() {
         return false;
     }
     made.Reset();
-    copy_.Reset(fopen(copyName_, "w+e"));
+    copy_.Reset(OpenStream(copyName_, "w+"));
     if (!copy_) {
         COMMON_LOG_AS(kEntry, "fopen(%s) failed : %s\n", copyName_, strerror(errno));
         return false;
     }
-    file_.Reset(fopen(fileName_, "r+e"));
+    file_.Reset(OpenStream(fileName_, "r+"));
     if (!file_ && errno == ENOENT) {
-        file_.Reset(fopen(fileName_, "w+e"));
+        file_.Reset(OpenStream(fileName_, "w+"));
     }
     if (!file_) {
         COMMON_LOG_AS(kEntry, "fopen(%s) failed : %s\n", fileName_, strerror(errno));

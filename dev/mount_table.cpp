@@ -10,6 +10,7 @@
 
 #include <string_view>
 
+#include "common/internal/file_open.h"
 #include "common/internal/heap_buf.h"
 #include "common/internal/scope_exit.h"
 #include "common/internal/unique_fd.h"
@@ -56,7 +57,7 @@ struct MountLine {
 // NFS mount easily pass 256 characters, and the server's address stands at their end.
 class MountReader {
   public:
-    explicit MountReader(const char *pFunction) : stream_(fopen(kMounts, "re")) {
+    explicit MountReader(const char *pFunction) : stream_(OpenStream(kMounts, "r")) {
         if (!stream_) {
             DEV_LOG_AS(pFunction, "fopen(%s) error : %s\n", kMounts, strerror(errno));
         }

@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "common/internal/file_open.h"
 #include "common/internal/unique_fd.h"
 #include "dns/DNS.h"
 #include "dns/internal/module_log.h"
@@ -35,7 +36,7 @@ int DNS_GetNameServer(char pServers[DNS_MAX_NAME_SERVERS][DNS_NAME_SERVER_SIZE])
     if (pServers == nullptr) {
         return 0;
     }
-    const talvek::UniqueFile file{fopen(kResolvConf, "re")};
+    const talvek::UniqueFile file{talvek::OpenStream(kResolvConf, "r")};
     if (!file) {
         DNS_LOG("fopen(%s) error : %s\n", kResolvConf, strerror(errno));
         return 0;

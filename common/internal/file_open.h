@@ -22,10 +22,13 @@ inline int OpenPath(const char *pPath, int flags, mode_t mode = 0) {
     return ::open(pPath, flags | O_CLOEXEC, mode);
 }
 
-// As fopen with "r" or "w". What fopen allocates ahead of its open is lost when a thread is
-// cancelled there; here nothing is held until the file is open. Held by CancelOpening.LosesNothing.
+// fopen with "r" or "w", or either and "+". What fopen allocates ahead of its open is lost when a
+// thread is cancelled there; here nothing is held until the file is open.
+// Held by CancelOpening.LosesNothing.
 inline FILE *OpenStream(const char *pPath, const char *pMode) {
-    UniqueFd fd{OpenPath(pPath, pMode[0] == 'r' ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC, 0666)};
+    const bool read = pMode[0] == 'r';
+    const int access = pMode[1] == '+' ? O_RDWR : read ? O_RDONLY : O_WRONLY;
+    UniqueFd fd{OpenPath(pPath, access | (read ? 0 : O_CREAT | O_TRUNC), 0666)};
     FILE *stream = fd ? fdopen(fd.get(), pMode) : nullptr;
     if (stream != nullptr) {
         static_cast<void>(fd.Release());

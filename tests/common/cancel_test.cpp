@@ -16,6 +16,7 @@
 
 #include "c_callback.h"
 #include "common/command.h"
+#include "common/file.h"
 #include "common/net_info.h"
 #include "common/process.h"
 #include "common/system_info.h"
@@ -313,6 +314,11 @@ TEST(CancelOpening, LosesNothing) {
     static const std::string pidFile = dir / "pid";
     void (*const calls[])() = {
         [] { COM_SavePid(pidFile.c_str()); },
+        [] {
+            tFileItem item = {2, "a=", "a=1"};
+            tFileItemRequest request = {1, 0, 0, 0, &item};
+            COM_ReplaceItemsInFile(pidFile.c_str(), &request);
+        },
         [] { COM_KillDhcpProc("no such", "program"); },
         [] { COM_KillProcess("no such program", 0, 0); },
         [] {
