@@ -79,7 +79,7 @@ int TALVEK_CheckPkgHeader(const tTalvekPkg *pPkg, uint32_t received);
  *   size     bytes of both together
  *
  * Returns 0, or -1 as soon as a write fails or writes nothing; what was written until then has left
- * the process. */
+ * the process. -1 for NULL. */
 int TALVEK_SendPkg(const tTalvekClient *pClient, const tTalvekPkg *pPkg, uint32_t size);
 
 /* Takes the strings of a register package into the environment of this process (setenv, existing

@@ -30,6 +30,10 @@ namespace {
 int g_timeouts = 0;
 std::vector<long> g_waits;  // seconds
 
+// How much of the next writes the client's socket is to take, and what it was asked to take.
+std::vector<size_t> g_takes;
+std::vector<size_t> g_asked;
+
 }  // namespace
 
 // What the C library calls pselect with a time of 64 bits.
@@ -46,6 +50,19 @@ int REAL_PSELECT(int nfds, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, const
                  const sigset_t *pMask);
 int WRAP_PSELECT(int nfds, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, const timespec *pTime,
                  const sigset_t *pMask);
+ssize_t __real_send(int fd, const void *pBytes, size_t size, int flags);
+ssize_t __wrap_send(int fd, const void *pBytes, size_t size, int flags);
+}
+
+// A socket of this kind takes a package whole: the link puts this in front of send.
+ssize_t __wrap_send(int fd, const void *pBytes, size_t size, int flags) {
+    if (g_takes.empty()) {
+        return __real_send(fd, pBytes, size, flags);
+    }
+    g_asked.push_back(size);
+    const size_t take = g_takes.front();
+    g_takes.erase(g_takes.begin());
+    return take == 0 ? 0 : __real_send(fd, pBytes, take, flags);
 }
 
 // A socket that has just been connected always takes bytes: the link puts this in front of pselect.
@@ -533,6 +550,43 @@ TEST(Client, WaitsInStepsOfFiveSecondsForASocketThatTakesNothing) {
     EXPECT_EQ("", Capture([&] { EXPECT_EQ(8, daemon.Ask("true")); }));
     EXPECT_EQ((std::vector<long>{5, 5, 5}), g_waits);
     g_waits.clear();
+}
+
+TEST(Client, WritesWhatTheSocketHasNotTakenYet) {
+    const Environment environment{{"A=1"}};  // a package of 20 bytes
+    const FakeDaemon daemon{[](int fd) {
+        EXPECT_EQ(Hex(RegisterPkg("A=1\0"s)), Hex(Take(fd, 20)));
+        Put(fd, RegisterPkg());
+        EXPECT_EQ(Hex(CommandPkg("true")), Hex(Take(fd, 21)));
+        Put(fd, ResultPkg(8));
+    }};
+    g_takes = {1, 15, 4};
+    EXPECT_EQ(8, daemon.Ask("true"));
+    EXPECT_EQ((std::vector<size_t>{20, 19, 4}), g_asked);
+    g_asked.clear();
+}
+
+// A write that takes nothing is no failure once there were bytes: the package is sent again, whole.
+TEST(Client, SendsThePackageAgainWhenAWriteStopsInsideIt) {
+    const Environment environment{{"A=1"}};
+    const FakeDaemon daemon{[](int fd) {
+        const std::string request = RegisterPkg("A=1\0"s);
+        EXPECT_EQ(Hex(request.substr(0, 7) + request), Hex(Take(fd, 27)));
+        Put(fd, ResultPkg(8));
+    }};
+    g_takes = {5, 2, 0};
+    EXPECT_EQ(8, daemon.Ask("true"));
+    EXPECT_EQ((std::vector<size_t>{20, 15, 13}), g_asked);
+    g_asked.clear();
+}
+
+TEST(Client, EndsWithOneWhenNothingIsWritten) {
+    const Environment environment{{"A=1"}};
+    const FakeDaemon daemon{[](int fd) { EXPECT_TRUE(AtEnd(fd)); }};
+    g_takes = {0};
+    EXPECT_EQ(1, daemon.Ask("true"));
+    EXPECT_EQ((std::vector<size_t>{20}), g_asked);
+    g_asked.clear();
 }
 
 TEST(Client, ServesThreadsOneAfterAnother) {

@@ -2,15 +2,18 @@
 
 #include "service/daemon.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "service/handler.h"
 #include "service/support/program.h"
 #include "service/support/wire.h"
 #include "support/capture.h"
@@ -30,8 +34,38 @@
 
 namespace {
 
+// What the daemon has called the handler with, in a child of this very program.
+tTalvekClient g_handled = {};
+int g_listening = -1;  // sockets that listen, meanwhile
+
+int CountListening() {
+    int count = 0;
+    for (int fd = 0; fd < 64; ++fd) {
+        int listening = 0;
+        socklen_t size = sizeof listening;
+        getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size);
+        count += listening;
+    }
+    return count;
+}
+
+}  // namespace
+
+extern "C" int __wrap_TALVEK_DaemonHandler(tTalvekClient *pClient);
+
+// Stands in for the handler: serves nothing, and the result is of no interest to the daemon.
+int __wrap_TALVEK_DaemonHandler(tTalvekClient *pClient) {
+    g_handled = *pClient;
+    g_listening = CountListening();
+    return 5;
+}
+
+namespace {
+
 using namespace std::string_literals;
+using talvek::test::AddressOf;
 using talvek::test::AtEnd;
+using talvek::test::Capture;
 using talvek::test::CommandPkg;
 using talvek::test::ConnectTo;
 using talvek::test::Daemon;
@@ -89,6 +123,12 @@ long Ticks(pid_t pid) {
     long system = 0;
     fields >> user >> system;
     return user + system;
+}
+
+bool IsStopped(pid_t pid) {
+    const std::string text = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t name = text.rfind(')');  // may hold anything; the state stands behind it
+    return name != std::string::npos && text.compare(name, 3, ") T") == 0;
 }
 
 // A command that waits for a file to appear, and not for ever.
@@ -156,6 +196,92 @@ TEST(DaemonTest, ClientsDoNotSeeEachOther) {
         EXPECT_EQ(Hex(ResultPkg(1, 0, 1)), Hex(Take(fd, 20)));
         ASSERT_TRUE(Put(fd, RegisterPkg("LEFT=2\0"s)));
         EXPECT_EQ(0u, U32(Take(fd, 23), 4));
+        close(fd);
+    }
+}
+
+// A child of the daemon comes back to the caller once its handler has returned.
+struct Returned {
+    int result;
+    pid_t parent;
+    tTalvekClient client;
+    bool connected;  // the client's descriptor is open
+    int listening;   // sockets that listened while the handler ran
+    long drawn;      // from the random generator
+};
+
+TEST(DaemonTest, ReturnsMinusOneInEachChildAfterItsHandler) {
+    const TempDir dir;
+    const std::string path = dir / "socket";
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+    const time_t before = time(nullptr);
+    Capture([&] {
+        const pid_t daemon = fork();
+        if (daemon == 0) {
+            signal(SIGCHLD, SIG_IGN);
+            alarm(20);
+            Returned returned = {};
+            returned.result = TALVEK_Daemon(path.c_str());
+            returned.parent = getppid();
+            returned.client = g_handled;
+            returned.connected = fcntl(g_handled.fd, F_GETFD) != -1;
+            returned.listening = g_listening;
+            returned.drawn = random();
+            const bool told = write(ends[1], &returned, sizeof returned) == sizeof returned;
+            _exit(told ? 0 : 1);
+        }
+        for (int number = 1; number <= 3; ++number) {
+            int fd = -1;
+            EXPECT_TRUE(Eventually([&] { return (fd = ConnectTo(path)) >= 0; }));
+            const std::string bytes = Take(ends[0], sizeof(Returned));
+            ASSERT_EQ(sizeof(Returned), bytes.size());
+            Returned returned;
+            memcpy(&returned, bytes.data(), sizeof returned);
+            EXPECT_EQ(-1, returned.result);
+            EXPECT_EQ(daemon, returned.parent);
+            EXPECT_EQ(daemon, returned.client.daemon_pid);
+            EXPECT_EQ(number, returned.client.number);
+            EXPECT_EQ(0, returned.client.session);
+            EXPECT_EQ(0, returned.client.sn);
+            EXPECT_TRUE(returned.connected);
+            EXPECT_EQ(0, returned.listening);
+            // The generator stands where a seed of the time of the start puts it.
+            bool seeded = false;
+            for (time_t seed = before; seed <= time(nullptr); ++seed) {
+                srandom(static_cast<unsigned>(seed));
+                seeded = seeded || random() == returned.drawn;
+            }
+            EXPECT_TRUE(seeded);
+            close(fd);
+        }
+        kill(daemon, SIGTERM);
+        EXPECT_TRUE(EndedBy(WaitFor(daemon), SIGTERM));
+    });
+    close(ends[0]);
+    close(ends[1]);
+}
+
+// Where a stopped daemon accepts nobody, Linux queues one client more than the backlog of 1
+// (net/unix/af_unix.c: unix_recvq_full), and tells the next one to try again.
+TEST(DaemonTest, QueuesTwoClientsWhileItIsBusy) {
+    const Daemon daemon;
+    ASSERT_EQ(0, kill(daemon.pid(), SIGSTOP));
+    ASSERT_TRUE(Eventually([&] { return IsStopped(daemon.pid()); }));
+    const sockaddr_un address = AddressOf(daemon.socket());
+    std::vector<int> clients;
+    for (const int expected : {0, 0, EAGAIN}) {
+        clients.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        const int result =
+            connect(clients.back(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
+        EXPECT_EQ(expected, result == 0 ? 0 : errno);
+    }
+    kill(daemon.pid(), SIGCONT);
+    for (const int fd : {clients[0], clients[1]}) {
+        ASSERT_TRUE(Put(fd, CommandPkg("exit 5")));
+        EXPECT_EQ(5u, U32(Take(fd, 20), 16));
+    }
+    for (const int fd : clients) {
         close(fd);
     }
 }

@@ -6,7 +6,6 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -19,14 +18,6 @@ void Append(std::string &bytes, uint32_t value, int count) {
     for (int i = 0; i < count; ++i) {
         bytes.push_back(static_cast<char>(value >> (8 * i) & 0xFF));
     }
-}
-
-sockaddr_un AddressOf(const std::string &path) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    EXPECT_LT(path.size(), sizeof address.sun_path);
-    memcpy(address.sun_path, path.data(), path.size());
-    return address;
 }
 
 // Nothing here goes through the calls that tests make to fail (support/faults.cpp).
@@ -156,6 +147,14 @@ bool AtEnd(int fd) {
 
 bool Quiet(int fd, int ms) {
     return !Readable(fd, ms);
+}
+
+sockaddr_un AddressOf(const std::string &path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    EXPECT_LT(path.size(), sizeof address.sun_path);
+    memcpy(address.sun_path, path.data(), path.size());
+    return address;
 }
 
 int ConnectTo(const std::string &path) {

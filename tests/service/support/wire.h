@@ -2,6 +2,7 @@
 #define TALVEK_TESTS_SERVICE_SUPPORT_WIRE_H
 
 #include <stdint.h>
+#include <sys/un.h>
 
 #include <string>
 
@@ -48,6 +49,9 @@ bool AtEnd(int fd);
 
 // Whether nothing arrives for some milliseconds.
 bool Quiet(int fd, int ms);
+
+// The address of the socket at `path`.
+sockaddr_un AddressOf(const std::string &path);
 
 // A connection to the socket at `path`, or -1.
 int ConnectTo(const std::string &path);
