@@ -175,6 +175,35 @@ TEST(UnitNetInfo, HoldsWellFormedTextsForAnUnknownInterface) {
     });
 }
 
+// The files are links that lead to themselves, which each reading tells; the note comes before the
+// MTU and is not counted.
+TEST(UnitNetInfo, ReadsInTheOrderOfTheRecordAndTheNoteBeforeTheMtu) {
+    RunInPrivateWorld(kNetwork | kHostname, [] {
+        FreshEtc();
+        for (const char *pFile : {"/etc/Model", "/etc/Proj", "/etc/Port", "/etc/Note"}) {
+            ASSERT_EQ(0, symlink(pFile, pFile)) << strerror(errno);
+        }
+        SetName(std::string(64, 'h'));
+        const auto tooMany = [](const std::string &file) {
+            return "COMMON:COM_GetFileContent(): open(/etc/" + file +
+                   ") error : Too many levels of symbolic links";
+        };
+        const CanaryBuf record{kRecord};
+        EXPECT_EQ((Lines{tooMany("Model"), tooMany("Proj"),
+                         "COMMON:COM_SubGetNetInfo(): ioctl(35093:nope0) error : No such device",
+                         tooMany("Port"),
+                         "COMMON:COM_SubGetNetInfo(): ioctl(35099:nope0) error : No such device",
+                         "COMMON:COM_SubGetGateway(): ioctl(SIOCGIFDSTADDR[nope0]) error : No such "
+                         "device",
+                         "COMMON:COM_GetDnsServer(): fopen(/etc/resolv.conf) : No such file or "
+                         "directory",
+                         "COMMON:COM_GetMAC(): ioctl(SIOCGIFHWADDR) for nope0 got error : No such "
+                         "device",
+                         tooMany("Note"), "COMMON:COM_GetMTU(): ioctl() error : No such device"}),
+                  CaptureLog([&] { EXPECT_EQ(-10, Fill(record, "nope0")); }));
+    });
+}
+
 TEST(UnitNetInfo, CutsTextsToTheirFields) {
     RunInPrivateWorld(kNetwork | kHostname, [] {
         MakeUnit();

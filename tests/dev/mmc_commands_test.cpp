@@ -343,6 +343,7 @@ TEST_F(ReadDvdStruct, LogsTheSectorNumbers) {
     EXPECT_EQ(2052U, drive_.requests[1].length);
 }
 
+// The two layer bits say 0 for one layer and 1 for two; 2 and 3 are reserved and count as one.
 TEST_F(ReadDvdStruct, TakesNominalCapacities) {
     const struct {
         uint32_t discClass;
@@ -353,6 +354,7 @@ TEST_F(ReadDvdStruct, TakesNominalCapacities) {
         {3, 0x0F, 0x02, 4595776}, {3, 0x1F, 0x02, 1425782}, {3, 0x0F, 0x22, 8343424},
         {3, 0x1F, 0x32, 8343424}, {4, 0x0F, 0x02, 4590208}, {4, 0x1F, 0x02, 1429088},
         {4, 0x0F, 0x32, 8347648}, {4, 0x1F, 0x22, 8347648}, {4, 0x2F, 0x9F, 4590208},
+        {3, 0x0F, 0x42, 4595776}, {4, 0x0F, 0x62, 4590208}, {3, 0x1F, 0x62, 1425782},
         {1, 0x0F, 0x02, 5},       {2, 0x0F, 0x22, 5},       {5, 0x1F, 0x02, 5},
         {6, 0x0F, 0x02, 5},       {7, 0x0F, 0x22, 5},
     };
