@@ -461,6 +461,7 @@ TEST(SortUnitInfoViaIP, ReturnsTheDifferenceOfTheFirstUnequalComponent) {
                   EXPECT_EQ(-255, Compare("10.0.255.255", "10.255.0.0"));
                   EXPECT_EQ(3, Compare("10.1.7.0", "10.1.4.255"));
                   EXPECT_EQ(-2, Compare("010.000.000.008", "10.0.0.10"));
+                  EXPECT_EQ(-2, Compare("10.0.0.8", "010.000.000.010"));
                   EXPECT_EQ(10, Compare("10.0.0.1", ""));
                   EXPECT_EQ(1, Compare("10.1", "10.0.0.1"));
               }));

@@ -255,6 +255,30 @@ TEST_F(MmcCommand, TakesAllBytesWhenTheDriverDoesNotCount) {
     }
 }
 
+// A residue below zero does not bring back what the first issue left behind the reply, and one over
+// the request's length leaves nothing of it.
+TEST_F(MmcCommand, TakesNoResidueBeyondTheRequest) {
+    Bytes data(36, 0);
+    data[1] = 18;  // 20 bytes, up to the free blocks and without the track's size
+    data[19] = 7;
+    data[27] = 9;
+    SgAnswer answer = SgAnswer::Data(data);
+    info_ = WithLastTrack(1);
+    drive_.Next(0x52, answer);
+    answer.residueError = -16;
+    drive_.Next(0x52, answer);
+    TextOf(Dev_ReadTrackInfo);
+    EXPECT_EQ(20U, drive_.requests.back().length);
+    EXPECT_EQ(7U, info_.freeBlocks);
+    EXPECT_EQ(0U, info_.trackSize);
+    answer.residueError = 21;
+    drive_.Next(0x52, SgAnswer::Data(data));
+    drive_.Next(0x52, answer);
+    TextOf(Dev_ReadTrackInfo);
+    EXPECT_EQ(0U, info_.freeBlocks);
+    EXPECT_EQ(0U, info_.trackSize);
+}
+
 TEST_F(MmcCommand, FailsWithoutDescriptor) {
     for (const Command &command : kCommands) {
         if (command.query != BufferCapacity) {

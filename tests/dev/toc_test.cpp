@@ -101,6 +101,19 @@ TEST_F(ReadCdToc, LeavesTheLongGapBehindASingleTrack) {
     EXPECT_EQ(78750U, info_.nextLeadIn);
 }
 
+// The lead-out at 15:00:00 again, behind track 2 at 10:00:00: 67500 + 6750 = 74250.
+TEST_F(ReadCdToc, LeavesTheShortGapFromTheSecondTrackOn) {
+    Bytes toc(4 + 8 * 3, 0);
+    toc[1] = 26;  // bytes behind the length
+    toc[3] = 2;
+    toc[4 + 8 + 5] = 10;
+    toc[4 + 16 + 5] = 15;
+    drive_.Reply(0x43, toc);
+    EXPECT_EQ(Line("Last track is 2"), LinesOf(Dev_ReadCdToc)[0]);
+    EXPECT_EQ(10U * 4500 - 150, info_.lastTrackStart);
+    EXPECT_EQ(74250U, info_.nextLeadIn);
+}
+
 TEST_F(ReadCdToc, ReadsAsManyTracksAsACdHas) {
     Bytes toc(4 + 8 * 100, 0);
     toc[0] = 0x03;  // 802 bytes follow

@@ -100,6 +100,7 @@ void Deliver(const SgAnswer &answer, sg_io_hdr_t &hdr) {
         memcpy(hdr.dxferp, answer.data.data(), sent);
     }
     hdr.resid = answer.countsBytes ? static_cast<int>(hdr.dxfer_len - sent) : 0;
+    hdr.resid += answer.residueError;
     const size_t sense = std::min<size_t>(answer.sense.size(), hdr.mx_sb_len);
     if (sense > 0) {
         memcpy(hdr.sbp, answer.sense.data(), sense);

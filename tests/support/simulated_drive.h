@@ -42,6 +42,7 @@ struct SgAnswer {
     uint16_t driverStatus = 0;
     Bytes sense;
     bool countsBytes = true;  // false: a driver that leaves the residue at 0
+    int residueError = 0;     // added to the residue by a driver that counts wrongly
 
     static SgAnswer Data(Bytes data);
     static SgAnswer Error(int error);
