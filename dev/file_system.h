@@ -19,19 +19,22 @@ extern "C" {
 #endif
 
 #define DEV_FS_COUNT 11 /* rows of the table */
-#define DEV_FS_DETECT                                                          \
-    11 /* this, or any greater number, in place of a row: find the file system \
-        */
+/* In place of a row this, or any greater number, has the file system found. */
+#define DEV_FS_DETECT 11
 #define DEV_FS_ISO9660 7
 #define DEV_FS_NFS 9
 
-/* Capability bits; a mask has the bit 1 << n for capability n. */
-#define DEV_FS_CAP_MAKE 1  /* a tool makes the file system: arg1 = its options */
-#define DEV_FS_CAP_LABEL 2 /* a tool handles the label: arg1 reads it, arg2 (a format) sets it */
-#define DEV_FS_CAP_CHECK                                                                        \
-    3                     /* a tool repairs: arg1 by itself, arg2 answering yes ("%c": a letter \
-                             that the caller fills in) */
-#define DEV_FS_CAP_MARK 4 /* the marked file systems xfs, ext4 and ext3; no tool goes with it */
+/* Capability bits; a mask has the bit 1 << n for capability n.
+ *
+ *   MAKE   a tool makes the file system: arg1 = its options
+ *   LABEL  a tool handles the label: arg1 reads it, arg2 (a format) sets it
+ *   CHECK  a tool repairs: arg1 by itself, arg2 answering yes ("%c": a letter that the caller fills
+ *          in)
+ *   MARK   the marked file systems xfs, ext4 and ext3; no tool goes with it */
+#define DEV_FS_CAP_MAKE 1
+#define DEV_FS_CAP_LABEL 2
+#define DEV_FS_CAP_CHECK 3
+#define DEV_FS_CAP_MARK 4
 
 /* A tool. All texts are constant; an argument that the tool does not have is NULL. */
 typedef struct tFsTool {

@@ -386,6 +386,20 @@ TEST(Enumeration, SkipsADeviceWhoseKeyIsInNoRow) {
     });
 }
 
+TEST(Enumeration, PairsWithTheFirstRowThatHasTheKey) {
+    WithMachine("", [] {
+        const auto drive = MakeDevice("/dev/sr0", "/dev/sg0", kUsbHost, 1);
+        SimulatedDrive same{{"/dev/sg1"}};
+        same.host = drive->host;
+        same.idlun = drive->idlun;
+        same.Always(0x00, SgAnswer::Check(0x02, 0x3A, 0));
+        const Found found = Enumerate(Dev_Get);
+        ASSERT_EQ(1, found.count);
+        EXPECT_STREQ("/dev/sg0", found.devs[0].sgPath);
+        EXPECT_EQ(1, found.devs[0].ready);
+    });
+}
+
 TEST(Enumeration, DropsADiskThatIsNotReadyAndKeepsADrive) {
     WithMachine("", [] {
         const auto disk = MakeDevice("/dev/sda", "/dev/sg0", kUsbHost, 1);

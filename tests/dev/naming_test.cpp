@@ -98,6 +98,13 @@ TEST_F(Pairs, FindNoneForADeviceWithoutGenericNode) {
     EXPECT_EQ(Lines{}, CaptureLog([] { EXPECT_EQ("-1", ToSg("/dev/sda")); }));
 }
 
+TEST_F(Pairs, TakeTheFirstNodeOfADevice) {
+    SimulatedDrive tape{{"/dev/nosst2", "/dev/sg9", "/dev/nst2", "/dev/sg8"}};
+    tape.host = 88;
+    EXPECT_EQ("/dev/nst2", ToSd("/dev/sg9"));
+    EXPECT_EQ("/dev/sg8", ToSg("/dev/nosst2"));
+}
+
 TEST_F(Pairs, LogWhatCannotBeAsked) {
     SimulatedDrive noBus{{"/dev/sg1", "/dev/sda"}};
     noBus.busNumberError = EIO;

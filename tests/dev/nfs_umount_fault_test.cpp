@@ -163,6 +163,7 @@ TEST(NfsUmountFault, WaitsOnAfterASignal) {
                       const Fault fault{"poll", 0, EINTR};
                       talvek::TellNfsServer("Dev_uMount",
                                             Entry("tcp,mountport=20048,addr=127.0.0.1"));
+                      EXPECT_TRUE(Fault::Tripped());
                   }));
     });
 }

@@ -537,7 +537,7 @@ TEST_F(NfsUmount, GivesUpAConnectionThatDoesNotComeAbout) {
         });
         EXPECT_EQ(1u, udp.Calls().size());
         EXPECT_GE(seconds, 2.9);
-        EXPECT_LT(seconds, 4.5);
+        EXPECT_LT(seconds, 6.0);
     });
 }
 
@@ -605,7 +605,7 @@ TEST_F(NfsUmount, GivesUpAServerThatDoesNotAnswerInTime) {
         const double seconds = Seconds(
             [] { EXPECT_EQ("Bad UMNT RPC: RPC: Timed out\n", UnmountWith("s:/x", kOverTcp)); });
         EXPECT_GE(seconds, 2.9);
-        EXPECT_LT(seconds, 4.4);
+        EXPECT_LT(seconds, 6.0);
     });
 }
 
@@ -619,7 +619,7 @@ TEST_F(NfsUmount, GivesUpAServerThatFloods) {
             }
         }};
         std::string text;
-        EXPECT_LT(Seconds([&] { text = UnmountWith("s:/x", kOverTcp); }), 4.5);
+        EXPECT_LT(Seconds([&] { text = UnmountWith("s:/x", kOverTcp); }), 6.0);
         EXPECT_EQ(0u, text.find("Bad UMNT RPC: RPC: ")) << text;
     });
 }
@@ -709,8 +709,41 @@ TEST_F(NfsUmount, GivesUpAServerThatAnswersOtherCalls) {
                     }};
         std::string text;
         EXPECT_LT(Seconds([&] { text = UnmountWith("s:/x", "mountport=20048,addr=127.0.0.1"); }),
-                  4.5);
+                  6.0);
         EXPECT_EQ(0u, text.find("Bad UMNT RPC: RPC: ")) << text;
+    });
+}
+
+// Nor do datagrams that come without end, whether they are answers to other calls or none at all.
+TEST_F(NfsUmount, GivesUpAServerThatGoesOnSendingDatagrams) {
+    Run([] {
+        for (const size_t length : {size_t{24}, size_t{3}, size_t{0}}) {
+            const int server = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+            const sockaddr_in at = Loopback(kPort);
+            ASSERT_EQ(0, bind(server, reinterpret_cast<const sockaddr *>(&at), sizeof at));
+            std::atomic<bool> over = false;
+            std::thread sender{[&] {
+                Bytes call(9000);
+                sockaddr_in from{};
+                socklen_t size = sizeof from;
+                auto *pFrom = reinterpret_cast<sockaddr *>(&from);
+                recvfrom(server, call.data(), call.size(), 0, pFrom, &size);
+                Bytes reply = Reply(call, 0);
+                reply[0] ^= 0x40;
+                for (int i = 0; i < 160 && !over; ++i) {
+                    sendto(server, reply.data(), length, 0, pFrom, size);
+                    usleep(50000);
+                }
+            }};
+            std::string text;
+            const double seconds =
+                Seconds([&] { text = UnmountWith("s:/x", "mountport=20048,addr=127.0.0.1"); });
+            over = true;
+            sender.join();
+            close(server);
+            EXPECT_LT(seconds, 6.0) << length;
+            EXPECT_EQ(0u, text.find("Bad UMNT RPC: RPC: ")) << length << text;
+        }
     });
 }
 
@@ -723,7 +756,7 @@ TEST_F(NfsUmount, RepeatsADatagramThatIsNotAnswered) {
                       UnmountWith("s:/x", "mountport=20048,addr=127.0.0.1"));
         });
         EXPECT_GE(seconds, 2.9);
-        EXPECT_LT(seconds, 4.5);
+        EXPECT_LT(seconds, 6.0);
         EXPECT_GE(udp.Calls().size(), 2u);
         EXPECT_EQ(udp.Calls().front(), udp.Calls().back());
     });
