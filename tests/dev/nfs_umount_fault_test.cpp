@@ -10,6 +10,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <functional>
@@ -165,6 +166,27 @@ TEST(NfsUmountFault, WaitsOnAfterASignal) {
                                             Entry("tcp,mountport=20048,addr=127.0.0.1"));
                       EXPECT_TRUE(Fault::Tripped());
                   }));
+    });
+}
+
+// A SIGPIPE that the caller itself holds back is still there afterwards.
+TEST(NfsUmountFault, LeavesASignalOfTheCallerPending) {
+    WithServer([] {
+        sigset_t pipe;
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &pipe, nullptr));
+        ASSERT_EQ(0, raise(SIGPIPE));
+        EXPECT_EQ("", CaptureAll([] {
+                      talvek::TellNfsServer("Dev_uMount",
+                                            Entry("tcp,mountport=20048,addr=127.0.0.1"));
+                  }));
+        sigset_t mask;
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        EXPECT_EQ(1, sigismember(&mask, SIGPIPE));
+        const timespec noWait{0, 0};
+        EXPECT_EQ(SIGPIPE, sigtimedwait(&pipe, nullptr, &noWait));
+        pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
     });
 }
 

@@ -469,6 +469,16 @@ TEST_F(NfsUmount, AsksThePortmapperWhenTheOptionsHaveNoPort) {
     });
 }
 
+TEST_F(NfsUmount, TakesEveryPortOfTheOptions) {
+    Run([] {
+        for (const in_port_t port : {in_port_t{1}, in_port_t{65535}}) {
+            RpcPeer udp{SOCK_DGRAM, port, Accept};
+            EXPECT_EQ("", UnmountWith("s:/x", "addr=127.0.0.1,mountport=" + std::to_string(port)));
+            EXPECT_EQ(1u, udp.Calls().size()) << port;
+        }
+    });
+}
+
 TEST_F(NfsUmount, TellsWhenNoMountDaemonIsRegistered) {
     Run([] {
         RpcPeer portmapper{SOCK_DGRAM, 111, [](const Bytes &call) { return AnswerPort(call, 0); }};
