@@ -25,6 +25,15 @@ if(TALVEK_SANITIZE)
     target_compile_options(talvek_flags INTERFACE -Wno-maybe-uninitialized)
 endif()
 
+if(TALVEK_COVERAGE)
+    add_library(coverage_at_exit STATIC ${PROJECT_SOURCE_DIR}/tests/support/coverage_at_exit.cpp)
+    target_link_libraries(talvek_flags INTERFACE coverage_at_exit)
+    target_compile_definitions(talvek_flags INTERFACE TALVEK_COVERAGE)
+    target_compile_options(talvek_flags INTERFACE --coverage -fprofile-update=atomic)
+    target_link_options(talvek_flags INTERFACE --coverage
+        -Wl,--wrap=_exit,--wrap=raise,--undefined=__wrap__exit)
+endif()
+
 # talvek_add_module(<folder> [<needed library>...]) makes talvek_<folder> of <folder>/*.cpp.
 # main.cpp, where there is one, belongs to a program and not to the library.
 function(talvek_add_module folder)
