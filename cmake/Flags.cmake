@@ -28,7 +28,6 @@ endif()
 if(TALVEK_COVERAGE)
     add_library(coverage_at_exit STATIC ${PROJECT_SOURCE_DIR}/tests/support/coverage_at_exit.cpp)
     target_link_libraries(talvek_flags INTERFACE coverage_at_exit)
-    target_compile_definitions(talvek_flags INTERFACE TALVEK_COVERAGE)
     target_compile_options(talvek_flags INTERFACE --coverage -fprofile-update=atomic)
     target_link_options(talvek_flags INTERFACE --coverage
         -Wl,--wrap=_exit,--wrap=raise,--undefined=__wrap__exit)

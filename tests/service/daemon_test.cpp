@@ -65,6 +65,7 @@ namespace {
 using namespace std::string_literals;
 using talvek::test::AddressOf;
 using talvek::test::AtEnd;
+using talvek::test::BecomeUserWith;
 using talvek::test::Capture;
 using talvek::test::CommandPkg;
 using talvek::test::ConnectTo;
@@ -664,14 +665,9 @@ TEST(DaemonTest, AFailedForkClosesTheConnectionAlone) {
 #endif
     const TempDir dir;
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
-    const uid_t user = 600000000U + static_cast<uid_t>(getpid());
     Daemon::Options options;
     options.dir = &dir;
-    options.prepare = [user] {
-        const rlimit three{3, 3};
-        setrlimit(RLIMIT_NPROC, &three);
-        static_cast<void>(setuid(user));  // the limit does not bind root
-    };
+    options.prepare = [] { BecomeUserWith(3); };
     const Daemon daemon{options};
     const int first = ConnectTo(daemon.socket());
     const int second = ConnectTo(daemon.socket());

@@ -4,12 +4,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -115,6 +117,20 @@ pid_t StartProgram(const Arguments &arguments, int out, const std::function<void
         _exit(126);
     }
     return child;
+}
+
+void BecomeUserWith(unsigned processes) {
+    const rlimit limit{processes, processes};
+    setrlimit(RLIMIT_NPROC, &limit);
+    // An ambient capability stays with a user through the execution of a program.
+    prctl(PR_SET_KEEPCAPS, 1);
+    static_cast<void>(setuid(700000000U + static_cast<uid_t>(getpid())));
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    constexpr uint32_t kOverride = 1U << CAP_DAC_OVERRIDE;
+    const __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {
+        {kOverride, kOverride, kOverride}, {}};
+    syscall(SYS_capset, &header, data);
+    prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_RAISE, CAP_DAC_OVERRIDE, 0, 0);
 }
 
 uint64_t SignalMask(const std::string &path, const std::string &name) {

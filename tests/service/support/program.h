@@ -31,6 +31,11 @@ struct Outcome {
 // environment. `prepare` runs in the child before the program is executed. Returns its process id.
 pid_t StartProgram(const Arguments &arguments, int out, const std::function<void()> &prepare = {});
 
+// For `prepare`, as root: becomes a user who runs nothing else and may run `processes` processes;
+// the limit does not bind root. The program is found also in a folder of which only its owner has
+// any rights.
+void BecomeUserWith(unsigned processes);
+
 // Runs the program to its end.
 Outcome RunProgram(const Arguments &arguments, const std::function<void()> &prepare = {});
 
