@@ -161,6 +161,8 @@ bench)
     ;;
 coverage)
     need build test coverage
+    # Counts of an earlier build belong to other lines.
+    [ ! -d build/coverage ] || find build/coverage -name '*.gcda' -delete
     run_tests coverage
     gcovr --root . --object-directory build/coverage --filter '(service|common|dev|dns)/' \
         --exclude-throw-branches --exclude-unreachable-branches --txt
