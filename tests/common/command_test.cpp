@@ -11,7 +11,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +28,7 @@
 #include "support/canary.h"
 #include "support/capture.h"
 #include "support/child_process.h"
+#include "support/interruptions.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
 
@@ -39,6 +39,7 @@ using talvek::test::Capture;
 using talvek::test::CaptureLog;
 using talvek::test::ChildProcess;
 using talvek::test::GuardedCopy;
+using talvek::test::Interruptions;
 using talvek::test::kMounts;
 using talvek::test::kNetwork;
 using talvek::test::kPids;
@@ -205,16 +206,9 @@ TEST(System, IgnoresSigintAndSigquitAndBlocksSigchldMeanwhile) {
 
 TEST(System, WaitsOnWhenASignalInterrupts) {
     RunInPrivateWorld(kMounts, [] {
-        static volatile sig_atomic_t signals = 0;
-        struct sigaction count = {};
-        count.sa_handler = [](int) { signals = signals + 1; };  // without SA_RESTART
-        ASSERT_EQ(0, sigaction(SIGALRM, &count, nullptr));
-        const itimerval fast = {{0, 5000}, {0, 5000}};
-        ASSERT_EQ(0, setitimer(ITIMER_REAL, &fast, nullptr));
+        const Interruptions often{5};
         EXPECT_EQ(0, COM_System("/bin/sleep 0.1", nullptr));
-        const itimerval none = {};
-        setitimer(ITIMER_REAL, &none, nullptr);
-        EXPECT_GT(signals, 0);
+        EXPECT_GT(Interruptions::count(), 0);
     });
 }
 
@@ -653,16 +647,6 @@ TEST(SleepAtLeast, NeedsNoFurtherRoundWithoutASignal) {
     EXPECT_EQ(-1, COM_SleepAtLeast(nullptr, 1000));
 }
 
-// A signal every 10 milliseconds: one ends the first sleep, also on a machine that is so busy that
-// the sleep begins late.
-void InterruptSoon() {
-    struct sigaction nothing = {};
-    nothing.sa_handler = [](int) {};
-    ASSERT_EQ(0, sigaction(SIGALRM, &nothing, nullptr));
-    const itimerval often = {{0, 10000}, {0, 10000}};
-    ASSERT_EQ(0, setitimer(ITIMER_REAL, &often, nullptr));
-}
-
 TEST(SleepAtLeast, CompletesAnInterruptedSleepInShortRounds) {
     RunInPrivateWorld(kMounts, [] {
         const struct timespec time = Milliseconds(60);
@@ -671,7 +655,7 @@ TEST(SleepAtLeast, CompletesAnInterruptedSleepInShortRounds) {
         for (int attempt = 0; attempt < 10 && rounds == 0; ++attempt) {
             const Clock::time_point start = Clock::now();
             EXPECT_EQ(Lines{}, CaptureLog([&] {
-                          InterruptSoon();
+                          const Interruptions often{10};
                           rounds = COM_SleepAtLeast(&time, 1000);
                       }));
             EXPECT_LE(std::chrono::milliseconds{60}, Clock::now() - start);
@@ -689,7 +673,7 @@ TEST(SleepAtLeast, GivesUpAfterTheRoundsAllowed) {
             EXPECT_EQ(
                 (Lines{"COMMON:COM_SleepAtLeast(): Woops! timeout = " + std::to_string(rounds)}),
                 CaptureLog([&] {
-                    InterruptSoon();
+                    const Interruptions often{10};
                     EXPECT_EQ(rounds, COM_SleepAtLeast(&time, rounds));
                 }));
             EXPECT_GT(std::chrono::seconds{3}, Clock::now() - start);

@@ -9,7 +9,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -21,6 +20,7 @@
 #include "common/file.h"
 #include "common/internal/unique_fd.h"
 #include "common/process.h"
+#include "support/interruptions.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
 
@@ -55,6 +55,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using talvek::UniqueFd;
+using talvek::test::Interruptions;
 using talvek::test::kMounts;
 using talvek::test::MountTmpfs;
 using talvek::test::ReadFile;
@@ -152,11 +153,7 @@ TEST(Cancellation, LeavesAFileThatIsStillReadAsItWas) {
 
 TEST(Interruption, KeepsThePartOfALineThatWasRead) {
     RunInPrivateWorld(kMounts, [] {
-        struct sigaction nothing = {};
-        nothing.sa_handler = [](int) {};  // without SA_RESTART
-        ASSERT_EQ(0, sigaction(SIGALRM, &nothing, nullptr));
-        const itimerval often = {{0, 10000}, {0, 10000}};
-        ASSERT_EQ(0, setitimer(ITIMER_REAL, &often, nullptr));
+        const Interruptions often{10};
         Lines lines;
         EXPECT_EQ(0, COM_PopenRead("printf par; sleep 0.2; echo tial; printf end", nullptr, &lines,
                                    [](const char *pLine, void *pUser) {
@@ -164,8 +161,6 @@ TEST(Interruption, KeepsThePartOfALineThatWasRead) {
                                            static_cast<Lines *>(pUser)->push_back(pLine);
                                        }
                                    }));
-        const itimerval none = {};
-        setitimer(ITIMER_REAL, &none, nullptr);
         EXPECT_EQ((Lines{"partial\n", "end"}), lines);
     });
 }

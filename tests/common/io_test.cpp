@@ -21,6 +21,7 @@
 
 #include "support/canary.h"
 #include "support/capture.h"
+#include "support/interruptions.h"
 #include "support/private_world.h"
 
 namespace {
@@ -29,6 +30,7 @@ using talvek::test::CanaryBuf;
 using talvek::test::Capture;
 using talvek::test::CaptureLog;
 using talvek::test::GuardedCopy;
+using talvek::test::Interruptions;
 using talvek::test::kMounts;
 using talvek::test::kPids;
 using talvek::test::ReplaceDir;
@@ -403,17 +405,9 @@ TEST(SleepTrace, TheFirstLineAppearsBeforeTheSleep) {
 }
 
 TEST(SleepTrace, ASignalEndsTheSleep) {
-    struct sigaction action = {};
-    struct sigaction old = {};
-    action.sa_handler = [](int) {};
-    ASSERT_EQ(0, sigaction(SIGALRM, &action, &old));
-    const struct itimerval soon = {{0, 10000}, {0, 10000}};
-    const struct itimerval never = {};
-    setitimer(ITIMER_REAL, &soon, nullptr);
+    const Interruptions often{10};
     EXPECT_EQ(-1, COM_SleepTrace(100, 0, nullptr, 1));
     EXPECT_EQ(EINTR, errno);
-    setitimer(ITIMER_REAL, &never, nullptr);
-    sigaction(SIGALRM, &old, nullptr);
 }
 
 using SetSockTimeout = SocketPair;

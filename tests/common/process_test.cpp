@@ -7,7 +7,6 @@
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 
 #include "support/capture.h"
 #include "support/child_process.h"
+#include "support/interruptions.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
 
@@ -26,6 +26,7 @@ using talvek::test::Capture;
 using talvek::test::CaptureAll;
 using talvek::test::CaptureLog;
 using talvek::test::ChildProcess;
+using talvek::test::Interruptions;
 using talvek::test::kMounts;
 using talvek::test::kPids;
 using talvek::test::ReadFile;
@@ -368,18 +369,11 @@ TEST(PopenRead, KeepsItsPipeFromCommandsThatRunMeanwhile) {
 
 TEST(PopenRead, ReadsOnAfterASignal) {
     RunInPrivateWorld(kMounts, [] {
-        static volatile sig_atomic_t signals = 0;
-        struct sigaction count = {};
-        count.sa_handler = [](int) { signals = signals + 1; };  // without SA_RESTART
-        ASSERT_EQ(0, sigaction(SIGALRM, &count, nullptr));
-        const itimerval fast = {{0, 10000}, {0, 10000}};
-        ASSERT_EQ(0, setitimer(ITIMER_REAL, &fast, nullptr));
+        const Interruptions often{10};
         Output output;
         EXPECT_EQ(0,
                   COM_PopenRead("sleep 0.1; echo 1; sleep 0.1; echo 2", nullptr, &output, Collect));
-        const itimerval none = {};
-        setitimer(ITIMER_REAL, &none, nullptr);
-        EXPECT_GT(signals, 5);
+        EXPECT_GT(Interruptions::count(), 5);
         EXPECT_EQ((Lines{"1\n", "2\n"}), output.lines);
     });
 }

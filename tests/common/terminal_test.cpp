@@ -11,7 +11,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -21,6 +20,7 @@
 
 #include "support/canary.h"
 #include "support/capture.h"
+#include "support/interruptions.h"
 #include "support/private_world.h"
 
 namespace {
@@ -28,6 +28,7 @@ namespace {
 using talvek::test::CanaryBuf;
 using talvek::test::Capture;
 using talvek::test::CaptureLog;
+using talvek::test::Interruptions;
 using talvek::test::kMounts;
 using talvek::test::ReplaceDir;
 using talvek::test::RunInPrivateWorld;
@@ -264,19 +265,11 @@ TEST(OpenTermDevice, DoesNotBecomeTheControllingTerminal) {
 
 TEST(OpenTermDevice, WaitsItsHalfSecondWhateverSignalsArrive) {
     const Pty pty;
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    struct sigaction before = {};
-    sigaction(SIGALRM, &action, &before);
-    const struct itimerval often = {{0, 100'000}, {0, 100'000}};
-    setitimer(ITIMER_REAL, &often, nullptr);
+    const Interruptions often{100};
     tTermDevInfo device = Device(2, B9600);
     const double start = Now();
     Capture([&] { COM_OpenTermDevice(pty.name(), &device); });
     EXPECT_GE(Now() - start, 0.5);
-    const struct itimerval never = {};
-    setitimer(ITIMER_REAL, &never, nullptr);
-    sigaction(SIGALRM, &before, nullptr);
     COM_CloseTermDevice(&device);
 }
 
