@@ -1,21 +1,36 @@
-# Compiler settings of every target, and the static library of each module.
+# Compiler settings, and the static library of each module.
 
-add_library(talvek_flags INTERFACE)
-target_compile_options(talvek_flags INTERFACE
-    -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror
-    $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor>)
-target_include_directories(talvek_flags INTERFACE ${PROJECT_SOURCE_DIR})
-target_compile_definitions(talvek_flags INTERFACE _GNU_SOURCE)
-
-# A recording appliance keeps files over 2 GiB and runs past January 2038: the 64-bit forms of
-# off_t and time_t everywhere. COMMON.h refuses a program that is compiled otherwise.
+# What users of the library need too. On 32-bit targets off_t and time_t have 64 bits everywhere: a
+# recording appliance keeps files over 2 GiB and runs past January 2038. The public headers refuse a
+# program that is compiled otherwise.
+add_library(talvek_interface INTERFACE)
+target_include_directories(talvek_interface INTERFACE ${PROJECT_SOURCE_DIR})
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-    target_compile_definitions(talvek_flags INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+    target_compile_definitions(talvek_interface INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 endif()
+
+# Settings of the project's own sources, tests and benchmarks.
+add_library(talvek_flags INTERFACE)
+target_link_libraries(talvek_flags INTERFACE talvek_interface)
+target_compile_options(talvek_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+    $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor>)
+if(TALVEK_WERROR)
+    target_compile_options(talvek_flags INTERFACE -Werror)
+endif()
+target_compile_definitions(talvek_flags INTERFACE _GNU_SOURCE)
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
-    # Everything is built by one compiler; how older ones passed arguments concerns nothing here.
+    # One compiler builds everything; how older ones passed arguments is of no concern.
     target_compile_options(talvek_flags INTERFACE -Wno-psabi)
 endif()
+
+# The product's own sources. A C program links the library with nothing but the C library, so it is
+# compiled without exceptions and run-time type information. Unwind tables stay: where cancellation
+# acts in a caller's callback, the caller's own C++ frames above the library are unwound.
+add_library(talvek_inside INTERFACE)
+target_link_libraries(talvek_inside INTERFACE talvek_flags)
+target_compile_options(talvek_inside INTERFACE -fstack-protector-strong
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -funwind-tables>)
 
 if(TALVEK_SANITIZE)
     target_compile_options(talvek_flags INTERFACE
@@ -33,30 +48,17 @@ if(TALVEK_COVERAGE)
         -Wl,--wrap=_exit,--wrap=raise,--undefined=__wrap__exit)
 endif()
 
-# talvek_add_module(<folder> [<needed library>...]) makes talvek_<folder> of <folder>/*.cpp.
-# main.cpp, where there is one, belongs to a program and not to the library.
-function(talvek_add_module folder)
-    file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp
-        ${PROJECT_SOURCE_DIR}/${folder}/internal/*.cpp)
-    list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
-    # What every program calls stands first, next to the program's own code: the kernel maps pages
-    # in groups, and an idle daemon then holds few of the rest.
-    foreach(often IN ITEMS file log)
-        if("${PROJECT_SOURCE_DIR}/${folder}/${often}.cpp" IN_LIST sources)
-            list(REMOVE_ITEM sources "${PROJECT_SOURCE_DIR}/${folder}/${often}.cpp")
-            list(PREPEND sources "${PROJECT_SOURCE_DIR}/${folder}/${often}.cpp")
-        endif()
+# talvek_add_library(<folder> [<shared folder>...]) makes talvek_<folder> of <folder>/*.cpp,
+# <folder>/internal/*.cpp and the sources of the shared folders. main.cpp belongs to a program.
+function(talvek_add_library folder)
+    set(patterns ${PROJECT_SOURCE_DIR}/${folder}/*.cpp ${PROJECT_SOURCE_DIR}/${folder}/internal/*.cpp)
+    foreach(shared IN LISTS ARGN)
+        list(APPEND patterns ${shared}/*.cpp)
     endforeach()
+    file(GLOB sources CONFIGURE_DEPENDS ${patterns})
+    list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
     add_library(talvek_${folder} STATIC ${sources})
-    target_compile_options(talvek_${folder} PRIVATE -fstack-protector-strong)
-    target_link_libraries(talvek_${folder} PUBLIC talvek_flags ${ARGN})
+    target_link_libraries(talvek_${folder} PUBLIC talvek_interface
+        PRIVATE $<BUILD_INTERFACE:talvek_inside>)
     set_target_properties(talvek_${folder} PROPERTIES ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
-endfunction()
-
-# talvek_link_small(<program>) takes what little is needed of the C++ runtime into the program itself.
-function(talvek_link_small program)
-    if(NOT TALVEK_SANITIZE)
-        target_link_options(${program} PRIVATE -static-libstdc++ -static-libgcc
-            -Wl,--as-needed -Wl,-O1 -Wl,--hash-style=gnu)
-    endif()
 endfunction()

@@ -18,40 +18,33 @@
  *     A block that a function hands out comes from malloc; the caller releases it with free.
  *   - Descriptors that the library opens are closed in programs that it or its caller executes
  *     (FD_CLOEXEC).
- *   - Nothing throws. A thread may be cancelled inside any call that blocks; what the call holds is
- *     released.
+ *   - Cancellation of a thread waits until a call is over. The exceptions are COM_SleepAtLeast,
+ *     COM_CallLocked and the watchdog, where it acts and what they hold is released.
  *   - There is no state between calls except the thread registry (thread.h), so calls may run in
  *     several threads at once unless an entry says otherwise.
  *
  * The headers are plain C11 and can be read by C++. */
 
-#include <assert.h>
-#include <sys/types.h>
-#include <time.h>
-
-/* The library keeps files over 2 GiB and dates past January 2038. */
-static_assert(sizeof(off_t) == 8, "compile with -D_FILE_OFFSET_BITS=64");
-static_assert(sizeof(time_t) == 8, "compile with -D_TIME_BITS=64");
-
-#include "common/command.h"
-#include "common/digest.h"
-#include "common/file.h"
-#include "common/file_content.h"
-#include "common/file_copy.h"
-#include "common/h264.h"
-#include "common/hex_text.h"
-#include "common/html.h"
-#include "common/io.h"
-#include "common/log.h"
-#include "common/media.h"
-#include "common/net_info.h"
-#include "common/process.h"
-#include "common/settings.h"
-#include "common/system_info.h"
-#include "common/terminal.h"
-#include "common/text.h"
-#include "common/thread.h"
-#include "common/udp_broadcast.h"
-#include "common/unit_info.h"
+#include "command.h"
+#include "digest.h"
+#include "file.h"
+#include "file_content.h"
+#include "file_copy.h"
+#include "h264.h"
+#include "hex_text.h"
+#include "html.h"
+#include "io.h"
+#include "log.h"
+#include "media.h"
+#include "net_info.h"
+#include "process.h"
+#include "settings.h"
+#include "system_info.h"
+#include "terminal.h"
+#include "text.h"
+#include "thread.h"
+#include "udp_broadcast.h"
+#include "unit_info.h"
+#include "wide_types.h"
 
 #endif

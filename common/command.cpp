@@ -14,14 +14,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "common/internal/cancel_barrier.h"
+#include "base/cancel_guard.h"
+#include "base/heap_buf.h"
+#include "base/path.h"
+#include "base/unique_dir.h"
+#include "base/unique_stream.h"
 #include "common/internal/child_fds.h"
-#include "common/internal/file_open.h"
-#include "common/internal/heap_buf.h"
 #include "common/internal/module_log.h"
 #include "common/internal/proc_entry.h"
-#include "common/internal/scope_exit.h"
-#include "common/internal/unique_fd.h"
 
 namespace talvek {
 namespace {
@@ -89,25 +89,6 @@ class CommandSignals {
     sigset_t mask_;
 };
 
-// The thread cannot be cancelled while it lives, except where it is let.
-class CancelOff {
-  public:
-    CancelOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-    ~CancelOff() { pthread_setcancelstate(before_, nullptr); }
-    CancelOff(const CancelOff &) = delete;
-    CancelOff &operator=(const CancelOff &) = delete;
-
-    template <typename Call>
-    void Let(Call call) const {
-        pthread_setcancelstate(before_, nullptr);
-        call();
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    }
-
-  private:
-    int before_ = PTHREAD_CANCEL_ENABLE;
-};
-
 // The child has one thread, a copy of the caller's; the others' locks may be held for ever and
 // their work may be half done. What runs here is safe all the same: sigaction, sigprocmask,
 // close_range, execv and _exit by POSIX or by being plain system calls; malloc and the locks of
@@ -138,25 +119,13 @@ void Publish(int *pPid, pid_t pid) {
     }
 }
 
-// Waits for the end and only then collects the status, with the number withdrawn in between: by no
-// number that is published, or that a cancelled thread kills, can another process be meant.
-int AwaitChild(pid_t pid, int *pPid, const CommandSignals &signals, const CancelOff &cancel) {
-    bool ended = false;
-    const ScopeExit abandon{[&] {
-        if (!ended) {
-            kill(pid, SIGKILL);
-            Publish(pPid, 0);
-            CollectStatus(pid);
-            signals.Restore();
-        }
-    }};
-    cancel.Let([pid] {
-        siginfo_t ignored;
-        while (waitid(P_PID, static_cast<id_t>(pid), &ignored, WEXITED | WNOWAIT) == -1 &&
-               errno == EINTR) {
-        }
-    });
-    ended = true;
+// Withdraws the number between the end of the child and the collection of its status: only after the
+// collection can another process get the number.
+int AwaitChild(pid_t pid, int *pPid) {
+    siginfo_t ignored;
+    while (waitid(P_PID, static_cast<id_t>(pid), &ignored, WEXITED | WNOWAIT) == -1 &&
+           errno == EINTR) {
+    }
     Publish(pPid, 0);
     return CollectStatus(pid);
 }
@@ -179,9 +148,13 @@ bool HasPassed(const struct timeval &start, const struct timespec &time) {
 int SendSignal(int pid, int sig) {
     const int result = kill(pid, sig);
     if (result != 0) {
-        COMMON_LOG_AS("COM_KillProcess", "kill(%d, %d) fail : %s\n", pid, sig, strerror(errno));
+        LOG_ERRNO_AS("COM_KillProcess", "kill(%d, %d) fail : %s\n", pid, sig);
     }
     return result;
+}
+
+void Unlock(void *pMutex) {
+    pthread_mutex_unlock(static_cast<pthread_mutex_t *>(pMutex));
 }
 
 int SetInterface(const char *pEntry, const char *pIfName, const char *pDirection) {
@@ -192,8 +165,8 @@ int SetInterface(const char *pEntry, const char *pIfName, const char *pDirection
     const int length =
         snprintf(command, sizeof command, "%s %s %s", "/sbin/ifconfig", pIfName, pDirection);
     if (length >= static_cast<int>(sizeof command)) {
-        COMMON_LOG_AS(pEntry, "Warning! overflow (len, size) = (%d, %d)\n", length,
-                      static_cast<int>(sizeof command));
+        LOG_AS(pEntry, "Warning! overflow (len, size) = (%d, %d)\n", length,
+               static_cast<int>(sizeof command));
         return -1;
     }
     return COM_System(command, nullptr);
@@ -204,12 +177,12 @@ int SetInterface(const char *pEntry, const char *pIfName, const char *pDirection
 
 int COM_System(const char *pCmd, int *pPid) {
     if (pCmd == nullptr) {
-        COMMON_LOG("pCMD == NULL\n");
+        LOG("pCMD == NULL\n");
         return -1;
     }
-    // What was printed so far stands before what the command prints.
+    const talvek::CancelGuard guard;
+    // Flush first, so that our output precedes the command's.
     fflush(stdout);
-    const talvek::CancelOff cancel;
     talvek::CommandSignals signals;
     if (!signals.Set()) {
         return -1;
@@ -220,17 +193,17 @@ int COM_System(const char *pCmd, int *pPid) {
         talvek::RunChild(pCmd, signals);
     }
     if (pid < 0) {
-        COMMON_LOG("fork() failed : %s\n", strerror(errno));
+        LOG_ERRNO("fork() failed : %s\n");
     } else {
         talvek::Publish(pPid, pid);
-        status = talvek::AwaitChild(pid, pPid, signals, cancel);
+        status = talvek::AwaitChild(pid, pPid);
     }
     return signals.Restore() ? status : -1;
 }
 
 int COM_ParserCMD(const char *pCmd) {
     if (pCmd == nullptr) {
-        COMMON_LOG("pCMD == NULL\n");
+        LOG("pCMD == NULL\n");
         return -1;
     }
     const talvek::HeapBuf<talvek::WordTable> table{
@@ -244,18 +217,17 @@ int COM_ParserCMD(const char *pCmd) {
     }
     const int error = errno;
     const char *first = pCmd + strspn(pCmd, " ");
-    COMMON_LOG("[%.*s] error : %s\n", static_cast<int>(strcspn(first, " ")), first,
-               strerror(error));
+    LOG("[%.*s] error : %s\n", static_cast<int>(strcspn(first, " ")), first, strerror(error));
     return -1;
 }
 
 int COM_KillPid(int pid, unsigned usec) {
     if (pid < 1) {
-        COMMON_LOG("Invalid pid = %d\n", pid);
+        LOG("Invalid pid = %d\n", pid);
         return -1;
     }
     if (kill(pid, SIGTERM) != 0) {
-        COMMON_LOG("kill(%d) failed : %s\n", pid, strerror(errno));
+        LOG_ERRNO("kill(%d) failed : %s\n", pid);
         return -1;
     }
     if (usec != 0) {
@@ -273,7 +245,7 @@ int COM_KillProcess(const char *pName, int pid, int sig) {
     }
     const talvek::UniqueDir proc{opendir("/proc")};
     if (!proc) {
-        COMMON_LOG("opendir(%s) error : %s\n", "/proc", strerror(errno));
+        LOG_ERRNO("opendir(%s) error : %s\n", "/proc");
         return -1;
     }
     while (const struct dirent *entry = readdir(proc.get())) {
@@ -287,7 +259,7 @@ int COM_KillProcess(const char *pName, int pid, int sig) {
             continue;
         }
         const int target = talvek::PidOfEntry(name);
-        COMMON_LOG("[pid:%d] - kill(%d[%s], %d)\n", getpid(), target, pName, sig);
+        LOG("[pid:%d] - kill(%d[%s], %d)\n", getpid(), target, pName, sig);
         // An entry that is no process ("self") ends the search when it matches.
         // Held by KillProcess.DoesNotSignalItsOwnProgramByName.
         return target > 0 ? talvek::SendSignal(target, sig) : -1;
@@ -299,6 +271,7 @@ int COM_CheckProcState(tProcState *pProc) {
     if (pProc == nullptr) {
         return -1;
     }
+    const talvek::CancelGuard guard;
     char path[32];
     snprintf(path, sizeof path, "/proc/%d/stat", pProc->pid);
     const talvek::UniqueFile stream{talvek::OpenStream(path, "r")};
@@ -332,7 +305,7 @@ int COM_SleepAtLeast(const struct timespec *pTime, int maxRounds) {
         nanosleep(&talvek::kShortRound, nullptr);
     }
     if (rounds >= maxRounds) {
-        COMMON_LOG("Woops! timeout = %d\n", rounds);
+        LOG("Woops! timeout = %d\n", rounds);
     }
     return rounds;
 }
@@ -351,9 +324,12 @@ int COM_CallLocked(pthread_mutex_t *pMutex, void *pArg, int (*pFn)(void *pArg)) 
     }
     const int error = pthread_mutex_lock(pMutex);
     if (error != 0) {
-        COMMON_LOG("pthread_mutex_lock() error : %s\n", strerror(error));
+        LOG("pthread_mutex_lock() error : %s\n", strerror(error));
         return -1;
     }
-    const talvek::ScopeExit unlock{[pMutex] { pthread_mutex_unlock(pMutex); }};
-    return talvek::CallBehindBarrier(pFn, pArg);
+    int result = 0;
+    pthread_cleanup_push(talvek::Unlock, pMutex);
+    result = pFn(pArg);
+    pthread_cleanup_pop(1);
+    return result;
 }

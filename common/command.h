@@ -6,7 +6,8 @@
 
 #include <pthread.h>
 #include <stdint.h>
-#include <time.h>
+
+#include "wide_types.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -26,8 +27,7 @@ extern "C" {
  *
  * Returns the wait status as waitpid has it; 127 as the exit code says that the program could not
  * be executed, which is then logged. -1 when there is no command, no process can be made, signals
- * cannot be set or restored, or the status is not to be had (as when SIGCHLD is ignored). A thread
- * that is cancelled meanwhile kills the program, collects it and restores the signals. */
+ * cannot be set or restored, or the status is not to be had (as when SIGCHLD is ignored). */
 int COM_System(const char *pCmd, int *pPid);
 
 /* Replaces this process by a program.
@@ -92,7 +92,7 @@ int COM_IfDown(const char *pIfName);
 /* Calls pFn(pArg) with the mutex locked.
  *
  * Returns what pFn returned; -1, and pFn is not called, when the mutex cannot be locked. A thread
- * that is cancelled inside pFn unlocks the mutex, whatever language pFn is written in. */
+ * that is cancelled inside pFn unlocks the mutex. */
 int COM_CallLocked(pthread_mutex_t *pMutex, void *pArg, int (*pFn)(void *pArg));
 
 #ifdef __cplusplus

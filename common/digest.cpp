@@ -10,11 +10,11 @@
 
 #include <bit>
 
+#include "base/heap_buf.h"
+#include "base/path.h"
+#include "base/unique_fd.h"
 #include "common/file_content.h"
-#include "common/internal/file_open.h"
-#include "common/internal/heap_buf.h"
 #include "common/internal/module_log.h"
-#include "common/internal/unique_fd.h"
 
 namespace talvek {
 namespace {
@@ -357,7 +357,7 @@ int COM_MakeFileMD5(char *pHex, const char *pFileName) {
     }
     talvek::UniqueFd fd{talvek::OpenPath(pFileName, O_RDONLY)};
     if (!fd) {
-        return COMMON_LOG("open(%s) fail : %s\n", talvek::Shown(pFileName), strerror(errno));
+        return LOG_ERRNO("open(%s) fail : %s\n", talvek::Shown(pFileName));
     }
     tMd5Ctx ctx;
     COM_Md5Init(&ctx);
@@ -378,7 +378,7 @@ int COM_CheckFileMD5(const char *pFileName, const char *pSuffix) {
     const size_t size = strlen(pFileName) + strlen(pEnd) + 1;
     const auto sideFile = talvek::HeapBuf<char>::Zeroed(size);
     if (!sideFile) {
-        COMMON_LOG("CALLOC(%zu) fail : %s\n", size, strerror(errno));
+        LOG_ERRNO("CALLOC(%zu) fail : %s\n", size);
         return -1;
     }
     snprintf(sideFile.get(), size, "%s%s", pFileName, pEnd);
@@ -386,7 +386,7 @@ int COM_CheckFileMD5(const char *pFileName, const char *pSuffix) {
     // side file may have several.
     char text[talvek::kSideFileSize + 1] = {};
     if (COM_GetFileContent(sideFile.get(), text, talvek::kSideFileSize) != 0) {
-        COMMON_LOG("Can't read md5 in [%s]\n", sideFile.get());
+        LOG("Can't read md5 in [%s]\n", sideFile.get());
         return -1;
     }
     memset(text, 0, sizeof text);
@@ -404,7 +404,7 @@ int COM_CheckFileMD5(const char *pFileName, const char *pSuffix) {
         fflush(stdout);
         return -1;
     }
-    COMMON_LOG("md5sum(%s) passed\n", pFileName);
+    LOG("md5sum(%s) passed\n", pFileName);
     return 0;
 }
 
@@ -463,7 +463,7 @@ int COM_MakeFileSHA1(uint8_t *pDigest, const char *pFileName) {
     }
     talvek::UniqueFd fd{talvek::OpenPath(pFileName, O_RDONLY)};
     if (!fd) {
-        return COMMON_LOG("open(%s) fail : %s\n", talvek::Shown(pFileName), strerror(errno));
+        return LOG_ERRNO("open(%s) fail : %s\n", talvek::Shown(pFileName));
     }
     tSha1Ctx ctx;
     COM_Sha1Init(&ctx);
@@ -473,7 +473,7 @@ int COM_MakeFileSHA1(uint8_t *pDigest, const char *pFileName) {
     COM_Sha1Final(pDigest, &ctx);
     char hex[COM_SHA1_HEX_SIZE + 1] = {};
     COM_Sha1DigestToHex(hex, pDigest);
-    COMMON_LOG("Digest = [%s]\n", hex);
+    LOG("Digest = [%s]\n", hex);
     return fd.Close();
 }
 

@@ -7,18 +7,20 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <malloc.h>
-#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "common/internal/ascii_case.h"
-#include "common/internal/file_open.h"
+#include "base/characters.h"
+#include "base/cancel_guard.h"
+#include "base/path.h"
+#include "base/scope_exit.h"
+#include "base/unique_dir.h"
+#include "base/unique_fd.h"
+#include "base/unique_stream.h"
 #include "common/internal/module_log.h"
-#include "common/internal/scope_exit.h"
-#include "common/internal/unique_fd.h"
 
 namespace talvek {
 namespace {
@@ -39,7 +41,7 @@ int MakeOneDir(const char *pPath, mode_t mode) {
         }
         errno = EEXIST;
     }
-    COMMON_LOG_AS("COM_Mkdir", "mkdir(%s) error : %s\n", pPath, strerror(errno));
+    LOG_ERRNO_AS("COM_Mkdir", "mkdir(%s) error : %s\n", pPath);
     return -1;
 }
 
@@ -117,12 +119,12 @@ int TreeRemover::RemoveEntry(const char *pName, const OpenedDir *pDirs) {
     const ScopeExit cut{[this, outerLength] { path_.CutTo(outerLength); }};
     struct stat st;
     if (!path_.Append(pName) || stat(path_.text(), &st) != 0) {
-        COMMON_LOG_AS(kEntry, "stat(%s) error : %s\n", path_.text(), strerror(errno));
+        LOG_ERRNO_AS(kEntry, "stat(%s) error : %s\n", path_.text());
         return -1;
     }
     if (!S_ISDIR(st.st_mode)) {
         if (unlink(path_.text()) != 0) {
-            COMMON_LOG_AS(kEntry, "unlink(%s) error : %s\n", path_.text(), strerror(errno));
+            LOG_ERRNO_AS(kEntry, "unlink(%s) error : %s\n", path_.text());
             return -1;
         }
         return 1;
@@ -134,7 +136,7 @@ int TreeRemover::RemoveEntry(const char *pName, const OpenedDir *pDirs) {
     // would give up after 40 rounds with this same error; by then two such links side by side
     // would have been followed 2 to the 40th times.
     if (IsOpened(st, pDirs)) {
-        COMMON_LOG_AS(kEntry, "stat(%s) error : %s\n", path_.text(), strerror(ELOOP));
+        LOG_AS(kEntry, "stat(%s) error : %s\n", path_.text(), strerror(ELOOP));
         return -1;
     }
     return Empty(true, pDirs);
@@ -154,7 +156,7 @@ int TreeRemover::Empty(bool removeSelf, const OpenedDir *pOuter) {
             mayEmpty = false;
         }
         if (!mayEmpty) {
-            COMMON_LOG_AS(kEntry, "opendir(%s) error : %s\n", path_.text(), strerror(errno));
+            LOG_ERRNO_AS(kEntry, "opendir(%s) error : %s\n", path_.text());
             return 0;
         }
         const OpenedDir opened{st.st_dev, st.st_ino, pOuter};
@@ -170,7 +172,7 @@ int TreeRemover::Empty(bool removeSelf, const OpenedDir *pOuter) {
             removed += count > 0 ? count : 0;
         }
         if (errno != 0) {
-            COMMON_LOG_AS(kEntry, "readdir(%s) error : %s\n", path_.text(), strerror(errno));
+            LOG_ERRNO_AS(kEntry, "readdir(%s) error : %s\n", path_.text());
             failed = true;
         }
     }
@@ -178,7 +180,7 @@ int TreeRemover::Empty(bool removeSelf, const OpenedDir *pOuter) {
         if (rmdir(path_.text()) == 0) {
             ++removed;
         } else {
-            COMMON_LOG_AS(kEntry, "rmdir(%s) error : %s\n", path_.text(), strerror(errno));
+            LOG_ERRNO_AS(kEntry, "rmdir(%s) error : %s\n", path_.text());
         }
     }
     return failed ? -1 : removed;
@@ -202,15 +204,15 @@ constexpr size_t kFdPathSize = 128;
 
 void LogFdInfo(int fd, const char *pLink, const char *pPath, const struct stat &st) {
     constexpr const char *kEntry = "COM_GetFdInfo";
-    COMMON_LOG_AS(kEntry, "[%s] => [%s]\n", pLink, pPath);
+    LOG_AS(kEntry, "[%s] => [%s]\n", pLink, pPath);
     for (const FileType &row : kFileTypes) {
         if ((st.st_mode & S_IFMT) == row.type) {
-            COMMON_LOG_AS(kEntry, "(pid, fd, type) = (%d, %d, [%s])\n", getpid(), fd, row.text);
+            LOG_AS(kEntry, "(pid, fd, type) = (%d, %d, [%s])\n", getpid(), fd, row.text);
         }
     }
     if (S_ISREG(st.st_mode)) {
-        COMMON_LOG_AS(kEntry, "(size, cur_off) = (%ld, %ld)\n", static_cast<long>(st.st_size),
-                      static_cast<long>(lseek(fd, 0, SEEK_CUR)));
+        LOG_AS(kEntry, "(size, cur_off) = (%ld, %ld)\n", static_cast<long>(st.st_size),
+               static_cast<long>(lseek(fd, 0, SEEK_CUR)));
     }
 }
 
@@ -251,14 +253,14 @@ int CopyText(int from, int to) {
     for (;;) {
         const ssize_t count = ReadBlock(from, block, sizeof block);
         if (count < 0) {
-            COMMON_LOG_AS(kEntry, "read() failed : %s\n", strerror(errno));
+            LOG_ERRNO_AS(kEntry, "read() failed : %s\n");
             return -1;
         }
         if (count == 0) {
             return 0;
         }
         if (!WriteWhole(to, block, strnlen(block, static_cast<size_t>(count)))) {
-            COMMON_LOG_AS(kEntry, "write() failed : %s", strerror(errno));
+            LOG_ERRNO_AS(kEntry, "write() failed : %s");
             return -1;
         }
     }
@@ -312,7 +314,7 @@ class LineEditor {
     void Finish();
     tFileItem *FindItem(const char *pLine) const;
     void FailWrite(const char *pName) {
-        COMMON_LOG_AS(kEntry, "fprintf() fail : %s : %s", pName, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "fprintf() fail : %s : %s", pName);
         result_ = -1;
     }
 
@@ -331,14 +333,14 @@ bool LineEditor::Open() {
     snprintf(copyName_, sizeof copyName_, "%s/COM_XXXXXX", "/var");
     UniqueFd made{mkostemp(copyName_, O_CLOEXEC)};
     if (!made) {
-        COMMON_LOG_AS(kEntry, "mkstemp() failed : %s\n", strerror(errno));
+        LOG_ERRNO_AS(kEntry, "mkstemp() failed : %s\n");
         copyName_[0] = '\0';
         return false;
     }
     made.Reset();
     copy_.Reset(OpenStream(copyName_, "w+"));
     if (!copy_) {
-        COMMON_LOG_AS(kEntry, "fopen(%s) failed : %s\n", copyName_, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "fopen(%s) failed : %s\n", copyName_);
         return false;
     }
     file_.Reset(OpenStream(fileName_, "r+"));
@@ -346,7 +348,7 @@ bool LineEditor::Open() {
         file_.Reset(OpenStream(fileName_, "w+"));
     }
     if (!file_) {
-        COMMON_LOG_AS(kEntry, "fopen(%s) failed : %s\n", fileName_, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "fopen(%s) failed : %s\n", fileName_);
         return false;
     }
     return true;
@@ -385,7 +387,7 @@ void LineEditor::EditLines() {
         }
     }
     if (result_ >= 0 && !feof(file_.get())) {
-        COMMON_LOG_AS(kEntry, "fgets(%s) failed : %s\n", fileName_, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "fgets(%s) failed : %s\n", fileName_);
         result_ = -1;
     }
 }
@@ -421,7 +423,7 @@ void LineEditor::CopyBack() {
         length += static_cast<off_t>(count);
     }
     if (!feof(copy_.get())) {
-        COMMON_LOG_AS(kEntry, "fgets(%s) failed : %s\n", copyName_, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "fgets(%s) failed : %s\n", copyName_);
         result_ = -1;
         return;
     }
@@ -432,12 +434,7 @@ void LineEditor::CopyBack() {
     copied_ = length;
 }
 
-// A thread that is cancelled here first finishes: half of the file is not to stay behind. Held by
-// Cancellation.LeavesAnEditedFileWhole.
 void LineEditor::Finish() {
-    int before;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
-    const ScopeExit restore{[before] { pthread_setcancelstate(before, nullptr); }};
     if (result_ >= 0) {
         CopyBack();
     }
@@ -445,14 +442,14 @@ void LineEditor::Finish() {
     // empty, never half edited. Held by ReplaceItemsInFileFault.LeavesTheFileWholeOrEmpty.
     file_.Reset();
     if (truncate(fileName_, result_ < 0 ? 0 : copied_) != 0) {
-        COMMON_LOG_PLAIN("truncate(%s) error : %s\n", fileName_, strerror(errno));
+        LOG_ERRNO_PLAIN("truncate(%s) error : %s\n", fileName_);
     }
 }
 
 int LineEditor::Run() {
     const ScopeExit removeCopy{[this] {
         if (copyName_[0] != '\0' && unlink(copyName_) != 0) {
-            COMMON_LOG_AS(kEntry, "unlink(%s) failed : %s\n", copyName_, strerror(errno));
+            LOG_ERRNO_AS(kEntry, "unlink(%s) failed : %s\n", copyName_);
         }
     }};
     if (Open()) {
@@ -476,8 +473,8 @@ int LineEditor::Run() {
 
 int COM_Mkdir(const char *pPath, mode_t mode) {
     if (pPath == nullptr || pPath[0] == '\0') {
-        COMMON_LOG("mkdir(%s) error : %s\n", talvek::Shown(pPath),
-                   strerror(pPath == nullptr ? EFAULT : ENOENT));
+        LOG("mkdir(%s) error : %s\n", talvek::Shown(pPath),
+            strerror(pPath == nullptr ? EFAULT : ENOENT));
         return -1;
     }
     for (const char *slash = strchr(pPath + 1, '/'); slash != nullptr;
@@ -485,8 +482,8 @@ int COM_Mkdir(const char *pPath, mode_t mode) {
         const size_t length = static_cast<size_t>(slash - pPath) + 1;
         // A prefix that is cut would be another directory's name.
         if (length >= talvek::kPrefixSize) {
-            COMMON_LOG("mkdir(%.*s) error : %s\n", static_cast<int>(length), pPath,
-                       strerror(ENAMETOOLONG));
+            LOG("mkdir(%.*s) error : %s\n", static_cast<int>(length), pPath,
+                strerror(ENAMETOOLONG));
             return -1;
         }
         char prefix[talvek::kPrefixSize];
@@ -510,7 +507,7 @@ int _COM_RemoveFileInDir_(int recursive, const char *pDir, int removeSelf) {
         error = ENAMETOOLONG;
     }
     if (error != 0) {
-        COMMON_LOG("opendir(%s) error : %s\n", talvek::Shown(pDir), strerror(error));
+        LOG("opendir(%s) error : %s\n", talvek::Shown(pDir), strerror(error));
         return 0;
     }
     return talvek::TreeRemover{pDir, recursive == 1}.Empty(removeSelf != 0, nullptr);
@@ -523,22 +520,22 @@ int COM_RemoveFileInDir(int recursive, const char *pDir) {
 int COM_RemoveRealFile(const char *pPath) {
     struct stat st;
     if (talvek::StatPath(pPath, &st) != 0) {
-        COMMON_LOG("stat(%s) error : %s\n", talvek::Shown(pPath), strerror(errno));
+        LOG_ERRNO("stat(%s) error : %s\n", talvek::Shown(pPath));
         return -1;
     }
     char target[256] = "";
     const ssize_t length = readlink(pPath, target, sizeof target);
     if (length == static_cast<ssize_t>(sizeof target)) {
         // The text of the link may go on, and what is cut would be another file's name.
-        COMMON_LOG("unlink(%s) failed : %s\n", pPath, strerror(ENAMETOOLONG));
+        LOG("unlink(%s) failed : %s\n", pPath, strerror(ENAMETOOLONG));
         return -1;
     }
     if (length < 0 && errno != EINVAL) {
-        COMMON_LOG("realpath(%s) failed : %s\n", pPath, strerror(errno));
+        LOG_ERRNO("realpath(%s) failed : %s\n", pPath);
     }
     const char *name = length < 0 ? pPath : target;
     if (unlink(name) != 0) {
-        COMMON_LOG("unlink(%s) failed : %s\n", name, strerror(errno));
+        LOG_ERRNO("unlink(%s) failed : %s\n", name);
         return -1;
     }
     return 0;
@@ -546,21 +543,21 @@ int COM_RemoveRealFile(const char *pPath) {
 
 int COM_CreateSymbolLink(int mode, const char *pTarget, const char *pLink) {
     if (pTarget == nullptr || pLink == nullptr) {
-        COMMON_LOG("symlink(%s, %s) fail : %s\n", talvek::Shown(pTarget), talvek::Shown(pLink),
-                   strerror(EFAULT));
+        LOG("symlink(%s, %s) fail : %s\n", talvek::Shown(pTarget), talvek::Shown(pLink),
+            strerror(EFAULT));
         return -1;
     }
     struct stat st;
     const bool exists = stat(pTarget, &st) == 0;
     if (mode == 2 && !exists) {
-        COMMON_LOG("skip link[%s] due to [%s] is not existed!\n", pLink, pTarget);
+        LOG("skip link[%s] due to [%s] is not existed!\n", pLink, pTarget);
         return 0;
     }
     if ((mode == 0 && exists) || mode == 1) {
         unlink(pLink);
     }
     if (symlink(pTarget, pLink) != 0) {
-        COMMON_LOG("symlink(%s, %s) fail : %s\n", pTarget, pLink, strerror(errno));
+        LOG_ERRNO("symlink(%s, %s) fail : %s\n", pTarget, pLink);
         return -1;
     }
     return 0;
@@ -575,17 +572,17 @@ int COM_GetFdInfo(int fd, char *pPath, int verbose) {
     char path[talvek::kFdPathSize + 1] = "";
     const ssize_t length = readlink(link, path, talvek::kFdPathSize);
     if (length < 0) {
-        COMMON_LOG("readlink(%s) fail : %s\n", link, strerror(errno));
+        LOG_ERRNO("readlink(%s) fail : %s\n", link);
         return -1;
     }
     struct stat st;
     if (length == static_cast<ssize_t>(talvek::kFdPathSize)) {
         // The path may go on, and what is cut would be another file's name.
-        COMMON_LOG("stat(%s) fail : %s\n", path, strerror(ENAMETOOLONG));
+        LOG("stat(%s) fail : %s\n", path, strerror(ENAMETOOLONG));
         return -1;
     }
     if (stat(path, &st) != 0) {
-        COMMON_LOG("stat(%s) fail : %s\n", path, strerror(errno));
+        LOG_ERRNO("stat(%s) fail : %s\n", path);
         return -1;
     }
     if (verbose != 0) {
@@ -600,7 +597,7 @@ int COM_GetFdInfo(int fd, char *pPath, int verbose) {
 int COM_RenameFile(const char *pSrc, const char *pDst) {
     const talvek::UniqueFd from{talvek::OpenPath(pSrc, O_RDONLY)};
     if (!from) {
-        COMMON_LOG("open(%s) failed : %s\n", talvek::Shown(pSrc), strerror(errno));
+        LOG_ERRNO("open(%s) failed : %s\n", talvek::Shown(pSrc));
         return -1;
     }
     // A file that is moved onto itself stays as it is, as with rename; opening it for writing
@@ -610,7 +607,7 @@ int COM_RenameFile(const char *pSrc, const char *pDst) {
     }
     talvek::UniqueFd to{talvek::OpenPath(pDst, O_WRONLY | O_CREAT | O_TRUNC, 0664)};
     if (!to) {
-        COMMON_LOG("open(%s) failed : %s\n", talvek::Shown(pDst), strerror(errno));
+        LOG_ERRNO("open(%s) failed : %s\n", talvek::Shown(pDst));
         return -1;
     }
     if (talvek::CopyText(from.get(), to.get()) != 0) {
@@ -618,11 +615,11 @@ int COM_RenameFile(const char *pSrc, const char *pDst) {
     }
     // Some file systems tell only here that there was no room.
     if (to.Close() != 0) {
-        COMMON_LOG("close(%s) failed : %s\n", pDst, strerror(errno));
+        LOG_ERRNO("close(%s) failed : %s\n", pDst);
         return -1;
     }
     if (unlink(pSrc) != 0) {
-        COMMON_LOG("unlink(%s) failed : %s\n", pSrc, strerror(errno));
+        LOG_ERRNO("unlink(%s) failed : %s\n", pSrc);
     }
     return 0;
 }
@@ -632,6 +629,7 @@ int COM_ReplaceItemsInFile(const char *pFileName, tFileItemRequest *pRequest) {
         (pRequest->pItems == nullptr && pRequest->count > 0)) {
         return -1;
     }
+    const talvek::CancelGuard guard;
     return talvek::LineEditor{pFileName, *pRequest}.Run();
 }
 
@@ -647,7 +645,7 @@ void *COM_ReallocAndCopyBuf(size_t size, void **ppBuf, size_t offset, const void
     // realloc to 0 bytes would release the block and report a failure.
     char *grown = static_cast<char *>(realloc(*ppBuf, size > 0 ? size : 1));
     if (grown == nullptr) {
-        COMMON_LOG("REALLOC(%d) failed : %s\n", static_cast<int>(size), strerror(errno));
+        LOG_ERRNO("REALLOC(%d) failed : %s\n", static_cast<int>(size));
         return nullptr;
     }
     *ppBuf = grown;

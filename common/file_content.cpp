@@ -9,9 +9,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "common/internal/file_open.h"
+#include "base/path.h"
+#include "base/unique_fd.h"
 #include "common/internal/module_log.h"
-#include "common/internal/unique_fd.h"
 
 static_assert(sizeof(tUnitInfo) == 304);
 static_assert(offsetof(tUnitInfo, project) == 32 && offsetof(tUnitInfo, host_name) == 64 &&
@@ -62,13 +62,13 @@ int AppendFirstLines(int fd, char *pBuf, int len) {
 
 int PutText(const char *pEntry, const char *pFileName, const char *pBuf, int placement) {
     if (pFileName == nullptr || pBuf == nullptr) {
-        COMMON_LOG_AS(pEntry, "input error : (pFileName, pBuf) = (%p, %p)\n",
-                      static_cast<const void *>(pFileName), static_cast<const void *>(pBuf));
+        LOG_AS(pEntry, "input error : (pFileName, pBuf) = (%p, %p)\n",
+               static_cast<const void *>(pFileName), static_cast<const void *>(pBuf));
         return -1;
     }
     const UniqueFd fd{OpenPath(pFileName, O_WRONLY | O_CREAT | placement, kNewFileMode)};
     if (!fd) {
-        COMMON_LOG_AS(pEntry, "open(%s) error : %s\n", pFileName, strerror(errno));
+        LOG_ERRNO_AS(pEntry, "open(%s) error : %s\n", pFileName);
         return -1;
     }
     return write(fd.get(), pBuf, strlen(pBuf)) > 0 ? 0 : -1;
@@ -108,8 +108,7 @@ PieceWritten WritePiece(const char *pEntry, int fd, const char *pData, int len) 
             piece.last = -1;
         }
         if (piece.last < 0) {
-            COMMON_LOG_AS(pEntry, "write(%d, %d) error : %s\n", done, piece.remaining,
-                          strerror(errno));
+            LOG_ERRNO_AS(pEntry, "write(%d, %d) error : %s\n", done, piece.remaining);
             break;
         }
         if (piece.last > 0) {
@@ -175,14 +174,14 @@ void PadRevision(char *pRun) {
 
 int COM_GetFileContent(const char *pFileName, char *pBuf, int len) {
     if (pFileName == nullptr || pBuf == nullptr || len < 1) {
-        COMMON_LOG("input error : (pFileName, pBuf, len) = (%p, %p, %d)\n",
-                   static_cast<const void *>(pFileName), static_cast<void *>(pBuf), len);
+        LOG("input error : (pFileName, pBuf, len) = (%p, %p, %d)\n",
+            static_cast<const void *>(pFileName), static_cast<void *>(pBuf), len);
         return pBuf != nullptr ? talvek::FillUnknown(pBuf, len) : -1;
     }
     const talvek::UniqueFd fd{talvek::OpenPath(pFileName, O_RDONLY)};
     if (!fd) {
         if (errno != ENOENT) {
-            COMMON_LOG("open(%s) error : %s\n", pFileName, strerror(errno));
+            LOG_ERRNO("open(%s) error : %s\n", pFileName);
         }
         return talvek::FillUnknown(pBuf, len);
     }
@@ -204,7 +203,7 @@ int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int len) {
     const talvek::UniqueFd fd{
         talvek::OpenPath(pFileName, O_WRONLY | O_CREAT | O_TRUNC, talvek::kNewFileMode)};
     if (!fd) {
-        COMMON_LOG("open(%s) fail : %s\n", talvek::Shown(pFileName), strerror(errno));
+        LOG_ERRNO("open(%s) fail : %s\n", talvek::Shown(pFileName));
         return -1;
     }
     errno = 0;  // a short write has no error of its own
@@ -213,8 +212,7 @@ int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int len) {
         return 0;
     }
     if (count > 0) {
-        COMMON_LOG("write(%s) size failed - %d/%d - %s\n", pFileName, static_cast<int>(count), len,
-                   strerror(errno));
+        LOG_ERRNO("write(%s) size failed - %d/%d - %s\n", pFileName, static_cast<int>(count), len);
         return 1;
     }
     return static_cast<int>(count);
@@ -225,7 +223,7 @@ int COM_SaveRingBufDataIntoFile(const char *pFileName, const void *pRing, int st
     const talvek::UniqueFd fd{talvek::OpenPath(pFileName, O_WRONLY | O_CREAT | O_TRUNC | O_NOATIME,
                                                talvek::kNewFileMode)};
     if (!fd) {
-        COMMON_LOG("open(%s) fail : %s\n", talvek::Shown(pFileName), strerror(errno));
+        LOG_ERRNO("open(%s) fail : %s\n", talvek::Shown(pFileName));
         return -1;
     }
     const talvek::Ring ring{static_cast<const char *>(pRing), start, ringSize};
@@ -234,8 +232,8 @@ int COM_SaveRingBufDataIntoFile(const char *pFileName, const void *pRing, int st
         return 0;
     }
     if (count > 0) {
-        COMMON_LOG("write(%s) size failed - %d/[%d,%d]/%d - %s\n", pFileName, count, start,
-                   ringSize, len, strerror(errno));
+        LOG_ERRNO("write(%s) size failed - %d/[%d,%d]/%d - %s\n", pFileName, count, start, ringSize,
+                  len);
         return 1;
     }
     return count;
@@ -244,7 +242,7 @@ int COM_SaveRingBufDataIntoFile(const char *pFileName, const void *pRing, int st
 int COM_LoadDataFromFile(const char *pFileName, void *pBuf, int len) {
     const talvek::UniqueFd fd{talvek::OpenPath(pFileName, O_RDONLY)};
     if (!fd) {
-        COMMON_LOG("open(%s) fail : %s\n", talvek::Shown(pFileName), strerror(errno));
+        LOG_ERRNO("open(%s) fail : %s\n", talvek::Shown(pFileName));
         return -1;
     }
     const ssize_t count = talvek::ReadBytes(fd.get(), pBuf, len);
@@ -299,11 +297,11 @@ int COM_MakeNode(const char *pPath, mode_t mode, dev_t dev) {
         return 0;
     }
     if (errno != ENOENT) {
-        COMMON_LOG("stat(%s) fail : %s\n", talvek::Shown(pPath), strerror(errno));
+        LOG_ERRNO("stat(%s) fail : %s\n", talvek::Shown(pPath));
         return -1;
     }
     if (mknod(pPath, mode, dev) != 0) {
-        COMMON_LOG("mknod(%s) fail : %s\n", pPath, strerror(errno));
+        LOG_ERRNO("mknod(%s) fail : %s\n", pPath);
         return -1;
     }
     return 0;

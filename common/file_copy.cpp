@@ -12,11 +12,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/heap_buf.h"
+#include "base/path.h"
+#include "base/unique_fd.h"
 #include "common/file.h"
-#include "common/internal/file_open.h"
-#include "common/internal/heap_buf.h"
 #include "common/internal/module_log.h"
-#include "common/internal/unique_fd.h"
 
 namespace talvek {
 namespace {
@@ -62,13 +62,13 @@ int64_t AppendLimit(int dst, int src) {
 int COM_CopyFile(const char *pDst, const char *pSrc) {
     const talvek::UniqueFd src{talvek::OpenPath(pSrc, O_RDONLY | O_NOATIME)};
     if (!src) {
-        COMMON_LOG("open(pSrv : %s) failed : %s\n", talvek::Shown(pSrc), strerror(errno));
+        LOG_ERRNO("open(pSrv : %s) failed : %s\n", talvek::Shown(pSrc));
     }
     // The destination is opened, and so emptied, whatever became of the source.
     // Held by CopyFile.EmptiesTheDestinationWhenTheSourceIsMissing.
     const talvek::UniqueFd dst = talvek::OpenCopy(pDst);
     if (!dst) {
-        COMMON_LOG("open(%s) failed : %s\n", talvek::Shown(pDst), strerror(errno));
+        LOG_ERRNO("open(%s) failed : %s\n", talvek::Shown(pDst));
     }
     if (!src || !dst) {
         return -1;
@@ -82,7 +82,7 @@ int COM_CopyFile(const char *pDst, const char *pSrc) {
         }
         errno = 0;  // a short write has no error of its own
         if (write(dst.get(), block, static_cast<size_t>(count)) != count) {
-            COMMON_LOG("write(%s,%d) failed : %s\n", pDst, dst.get(), strerror(errno));
+            LOG_ERRNO("write(%s,%d) failed : %s\n", pDst, dst.get());
             return -1;
         }
     }
@@ -115,18 +115,17 @@ int COM_AppendFileToFile(const char *pDst, const char *pSrc) {
     }
     const talvek::UniqueFd dst{talvek::OpenPath(pDst, O_RDWR | O_CREAT | O_APPEND, 0777)};
     if (!dst) {
-        COMMON_LOG("open(%s) error:%s\n", pDst, strerror(errno));
+        LOG_ERRNO("open(%s) error:%s\n", pDst);
         return -1;
     }
     const talvek::UniqueFd src{talvek::OpenPath(pSrc, O_RDONLY)};
     if (!src) {
-        COMMON_LOG("open(%s) error:%s\n", pSrc, strerror(errno));
+        LOG_ERRNO("open(%s) error:%s\n", pSrc);
         return -1;
     }
     const auto block = talvek::HeapBuf<char>::Zeroed(talvek::kAppendBlock);
     if (!block) {
-        COMMON_LOG("CALLOC(1, %d) error:%s\n", static_cast<int>(talvek::kAppendBlock),
-                   strerror(errno));
+        LOG_ERRNO("CALLOC(1, %d) error:%s\n", static_cast<int>(talvek::kAppendBlock));
         return -1;
     }
     int64_t left = talvek::AppendLimit(dst.get(), src.get());
@@ -141,8 +140,8 @@ int COM_AppendFileToFile(const char *pDst, const char *pSrc) {
         }
         errno = 0;  // a short write has no error of its own
         if (write(dst.get(), block.get(), static_cast<size_t>(count)) != count) {
-            COMMON_LOG("[%s] -> [%s] : write(%d, %d) failed : %s\n", pSrc, pDst, total,
-                       static_cast<int>(count), strerror(errno));
+            LOG_ERRNO("[%s] -> [%s] : write(%d, %d) failed : %s\n", pSrc, pDst, total,
+                      static_cast<int>(count));
             return -1;
         }
         total = total > INT_MAX - count ? INT_MAX : total + static_cast<int>(count);

@@ -225,8 +225,8 @@ int COM_H264ParseSps(const uint8_t *pSps, tH264SpsInfo *pInfo) {
     pInfo->max_frame_num = log2MaxFrameNum < 32 ? uint32_t{1} << log2MaxFrameNum : 0;
     const int refusal = talvek::SkipPictureOrder(reader);
     if (refusal != 0) {
-        COMMON_LOG("Err : (profile_idc, level_idc, result) = (0x%X, 0x%X, %d)\n",
-                   pInfo->profile_idc, pInfo->level_idc, refusal);
+        LOG("Err : (profile_idc, level_idc, result) = (0x%X, 0x%X, %d)\n", pInfo->profile_idc,
+            pInfo->level_idc, refusal);
         return refusal;
     }
     pInfo->max_num_ref_frames = COM_H264ReadUe(&reader);

@@ -7,7 +7,7 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "common/internal/heap_buf.h"
+#include "base/heap_buf.h"
 #include "common/internal/module_log.h"
 
 namespace talvek {
@@ -81,12 +81,12 @@ char *COM_ReadHexDataInStrFormat(int fd, int *pLength) {
     talvek::HexText text;
     for (;;) {
         if (text.IsFull() && !text.Grow()) {
-            COMMON_LOG("REALLOC() failed : %s\n", strerror(errno));
+            LOG_ERRNO("REALLOC() failed : %s\n");
             return nullptr;
         }
         const ssize_t count = text.ReadFrom(fd);
         if (count < 0) {
-            COMMON_LOG("read(%d) error : %s\n", fd, strerror(errno));
+            LOG_ERRNO("read(%d) error : %s\n", fd);
             return nullptr;
         }
         if (count == 0) {

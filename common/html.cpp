@@ -6,8 +6,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/characters.h"
 #include "common/file.h"
-#include "common/internal/ascii_case.h"
 #include "common/internal/module_log.h"
 
 namespace talvek {
@@ -60,8 +60,8 @@ class StrippedText {
     bool AppendByte(char byte, size_t shown) {
         void *block = block_;
         if (COM_ReallocAndCopyBuf(used_ + 1, &block, used_, &byte, 1) == nullptr) {
-            COMMON_LOG_AS("COM_StripHtmlCode", "COM_ReallocAndCopyBuf(%d) error\n",
-                          static_cast<int>(shown));
+            LOG_AS("COM_StripHtmlCode", "COM_ReallocAndCopyBuf(%d) error\n",
+                   static_cast<int>(shown));
             return false;
         }
         block_ = static_cast<char *>(block);
@@ -168,7 +168,7 @@ int COM_ExtractHtmlTag(const char *pTag, const char *pHtml, char **ppResult, int
     const size_t size = element.length + 1;
     *ppResult = static_cast<char *>(calloc(1, size));
     if (*ppResult == nullptr) {
-        COMMON_LOG("CALLOC(%d) fail : %s\n", static_cast<int>(size), strerror(errno));
+        LOG_ERRNO("CALLOC(%d) fail : %s\n", static_cast<int>(size));
         return -1;
     }
     memcpy(*ppResult, element.start, element.length);

@@ -13,9 +13,10 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "common/internal/file_open.h"
+#include "base/path.h"
+#include "base/unique_dir.h"
+#include "base/unique_fd.h"
 #include "common/internal/module_log.h"
-#include "common/internal/unique_fd.h"
 
 namespace talvek {
 namespace {
@@ -172,8 +173,7 @@ int COM_SetSockTimeout(int sock, int seconds) {
     const struct timeval time = {.tv_sec = seconds, .tv_usec = 0};
     for (const talvek::Timeout &timeout : talvek::kTimeouts) {
         if (setsockopt(sock, SOL_SOCKET, timeout.option, &time, sizeof time) != 0) {
-            COMMON_LOG("setsockopt(%d, %s, %d sec) failed - %s\n", sock, timeout.name, seconds,
-                       strerror(errno));
+            LOG_ERRNO("setsockopt(%d, %s, %d sec) failed - %s\n", sock, timeout.name, seconds);
             return -1;
         }
     }

@@ -9,8 +9,9 @@
 #include <sys/time.h>
 #include <time.h>
 
-#include "common/internal/heap_buf.h"
-#include "common/internal/scope_exit.h"
+#include "base/cancel_guard.h"
+#include "base/heap_buf.h"
+#include "base/scope_exit.h"
 
 namespace talvek {
 namespace {
@@ -61,12 +62,9 @@ Formatted FormatMessage(HeapBuf<char> &message, const char *pFormat, va_list arg
             return Formatted::kNoMemoryToGrow;
         }
         size = length >= 0 ? static_cast<size_t>(length) + 1 : size * 2;
-        char *grown = static_cast<char *>(realloc(message.get(), size));
-        if (grown == nullptr) {
+        if (!message.Resize(size)) {
             return Formatted::kNoMemoryToGrow;
         }
-        static_cast<void>(message.Release());
-        message.Reset(grown);
     }
 }
 
@@ -85,6 +83,7 @@ int WriteLine(const LineStyle &style, const Origin &origin, const char *pMessage
 
 int LogLine(const LineStyle &style, const Origin &origin, const char *pFormat, va_list args) {
     const ErrnoKeeper keep;
+    const CancelGuard guard;
     HeapBuf<char> message;
     switch (FormatMessage(message, pFormat, args)) {
         case Formatted::kOk:
@@ -121,6 +120,7 @@ int COM_LogColor(const char *pModule, int line, const char *pFunction, const cha
 
 int COM_PrintTimeStamp(const char *pModule, int line) {
     const talvek::ErrnoKeeper keep;
+    const talvek::CancelGuard guard;
     struct timeval now;
     if (gettimeofday(&now, nullptr) == -1) {
         return -1;

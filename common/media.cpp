@@ -5,7 +5,7 @@
 #include <limits.h>
 #include <string.h>
 
-#include "common/internal/ascii_case.h"
+#include "base/characters.h"
 #include "common/internal/module_log.h"
 #include "common/text.h"
 
@@ -99,8 +99,8 @@ const char *COM_GetMimeType(const char *pFileName) {
             }
         }
     }
-    COMMON_LOG_PLAIN("[%s][%s] => [%s]\n", pFileName != nullptr ? pFileName : "(null)",
-                     extension != nullptr ? extension : "(null)", type);
+    LOG_PLAIN("[%s][%s] => [%s]\n", pFileName != nullptr ? pFileName : "(null)",
+              extension != nullptr ? extension : "(null)", type);
     return type;
 }
 

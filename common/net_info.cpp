@@ -13,10 +13,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "common/internal/file_open.h"
+#include "base/path.h"
+#include "base/unique_fd.h"
+#include "base/unique_stream.h"
 #include "common/internal/interface_name.h"
 #include "common/internal/module_log.h"
-#include "common/internal/unique_fd.h"
 
 namespace talvek {
 namespace {
@@ -108,7 +109,7 @@ const Row *FindRow(const Row (&rows)[kCount], uint32_t flag) {
 }
 
 void LogUnknownFlag(const char *pFunction, uint32_t flag) {
-    COMMON_LOG_AS(pFunction, "flag(%d) not implemented.\n", static_cast<int>(flag));
+    LOG_AS(pFunction, "flag(%d) not implemented.\n", static_cast<int>(flag));
 }
 
 void WriteMac(const MacRow &row, const uint8_t (&mac)[kMacSize], void *pOut) {
@@ -150,7 +151,7 @@ void WriteAddress(AddressForm form, const in_addr &address, void *pOut) {
 UniqueFd OpenRequestSocket(const char *pFunction) {
     UniqueFd fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     if (!fd) {
-        COMMON_LOG_AS(pFunction, "socket() error : %s\n", strerror(errno));
+        LOG_ERRNO_AS(pFunction, "socket() error : %s\n");
     }
     return fd;
 }
@@ -182,8 +183,7 @@ int ReadInterfaceMac(const char *pIfName, uint8_t (&mac)[kMacSize]) {
     }
     ifreq answer;
     if (AskInterface(fd, SIOCGIFHWADDR, pIfName, answer) == -1) {
-        COMMON_LOG_AS("COM_GetMAC", "ioctl(SIOCGIFHWADDR) for %s got error : %s\n", Shown(pIfName),
-                      strerror(errno));
+        LOG_ERRNO_AS("COM_GetMAC", "ioctl(SIOCGIFHWADDR) for %s got error : %s\n", Shown(pIfName));
         return -1;
     }
     memcpy(mac, answer.ifr_hwaddr.sa_data, sizeof mac);
@@ -201,7 +201,7 @@ void ParseMac(const char *pText, uint8_t (&mac)[kMacSize]) {
 void FindNeighbour(const char *pAddress, uint8_t (&mac)[kMacSize]) {
     const UniqueFile table{OpenStream(kArpTable, "r")};
     if (!table) {
-        COMMON_LOG_AS("COM_GetArpMAC", "fopen(%s) fail : %s\n", kArpTable, strerror(errno));
+        LOG_ERRNO_AS("COM_GetArpMAC", "fopen(%s) fail : %s\n", kArpTable);
         return;
     }
     // Columns: IP address, HW type, Flags, HW address, Mask, Device.
@@ -236,8 +236,8 @@ int ReadInterfaceAddress(uint32_t flag, const AddressRow *pRow, const char *pIfN
     if (AskInterface(fd, pRow->request, pIfName, answer) == -1) {
         // An interface that has no address yet is an everyday state.
         if (errno != EADDRNOTAVAIL) {
-            COMMON_LOG_AS("COM_SubGetNetInfo", "ioctl(%d:%s) error : %s\n",
-                          static_cast<int>(pRow->request), Shown(pIfName), strerror(errno));
+            LOG_ERRNO_AS("COM_SubGetNetInfo", "ioctl(%d:%s) error : %s\n",
+                         static_cast<int>(pRow->request), Shown(pIfName));
         }
         return -1;
     }
@@ -271,7 +271,7 @@ bool ReadGateway(const char *pFunction, const char *pText, in_addr &gateway) {
         errno = ERANGE;
     }
     if (errno != 0) {
-        COMMON_LOG_AS(pFunction, "strtoul() error : %s\n", strerror(errno));
+        LOG_ERRNO_AS(pFunction, "strtoul() error : %s\n");
         return false;
     }
     gateway.s_addr = static_cast<in_addr_t>(value);
@@ -303,7 +303,7 @@ bool TakeRoute(const RouteSearch &search, char *pLine, Route &route) {
 bool FindRoute(const RouteSearch &search, char (&line)[kTableLine], Route &route) {
     const UniqueFile table{OpenStream(kRouteTable, "r")};
     if (!table) {
-        COMMON_LOG_AS(search.function, "fopen(%s) : %s\n", kRouteTable, strerror(errno));
+        LOG_ERRNO_AS(search.function, "fopen(%s) : %s\n", kRouteTable);
         return false;
     }
     while (fgets(line, sizeof line, table.get()) != nullptr) {
@@ -322,8 +322,7 @@ int ReadPeer(const char *pIfName, in_addr &peer) {
     }
     ifreq answer;
     if (AskInterface(fd, SIOCGIFDSTADDR, pIfName, answer) == -1) {
-        COMMON_LOG_AS("COM_SubGetGateway", "ioctl(SIOCGIFDSTADDR[%s]) error : %s\n", Shown(pIfName),
-                      strerror(errno));
+        LOG_ERRNO_AS("COM_SubGetGateway", "ioctl(SIOCGIFDSTADDR[%s]) error : %s\n", Shown(pIfName));
         return -1;
     }
     peer = AddressOf(answer.ifr_dstaddr);
@@ -360,7 +359,7 @@ int ReadNameServer(const char *pIfName, int entry, in_addr &address) {
     if (!file) {
         // The message names the general file whichever was chosen.
         // Held by DnsServer.NamesTheGeneralFileInItsMessage.
-        COMMON_LOG_AS("COM_GetDnsServer", "fopen(%s) : %s\n", kResolvConf, strerror(errno));
+        LOG_ERRNO_AS("COM_GetDnsServer", "fopen(%s) : %s\n", kResolvConf);
         return -1;
     }
     char line[kResolvLine];
@@ -413,7 +412,7 @@ int COM_GetNetInfo(uint32_t flag, const char *pName, void *pOut) {
     }
     constexpr char kUnknown[] = "unknown";
     memcpy(pOut, kUnknown, sizeof kUnknown);
-    COMMON_LOG("flag(%d) not implemented yet.\n", static_cast<int>(flag));
+    LOG("flag(%d) not implemented yet.\n", static_cast<int>(flag));
     return -1;
 }
 
@@ -511,7 +510,7 @@ int COM_GetMTU(uint32_t /*flag*/, const char *pIfName, void *pOut) {
         ifreq answer;
         result = talvek::AskInterface(fd, SIOCGIFMTU, pIfName, answer);
         if (result == -1) {
-            COMMON_LOG("ioctl() error : %s\n", strerror(errno));
+            LOG_ERRNO("ioctl() error : %s\n");
         } else {
             mtu = answer.ifr_mtu;
         }

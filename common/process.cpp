@@ -13,12 +13,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "common/internal/cancel_barrier.h"
+#include "base/cancel_guard.h"
+#include "base/path.h"
+#include "base/unique_dir.h"
+#include "base/unique_stream.h"
 #include "common/internal/child_fds.h"
-#include "common/internal/file_open.h"
 #include "common/internal/module_log.h"
 #include "common/internal/proc_entry.h"
-#include "common/internal/unique_fd.h"
 
 namespace talvek {
 
@@ -36,34 +37,14 @@ namespace {
 // Returns whether the signal was sent.
 bool Terminate(int pid, const char *pFirst, const char *pSecond) {
     if (pid <= 0) {
-        COMMON_LOG_AS("COM_KillDhcpProc", "Invalid pid[%d]\n", pid);
+        LOG_AS("COM_KillDhcpProc", "Invalid pid[%d]\n", pid);
         return false;
     }
     if (kill(pid, SIGTERM) != 0) {
-        COMMON_LOG_PLAIN("kill [%s/%s][%d] failed: %s\n", pFirst, pSecond, pid, strerror(errno));
+        LOG_ERRNO_PLAIN("kill [%s/%s][%d] failed: %s\n", pFirst, pSecond, pid);
         return false;
     }
     return true;
-}
-
-struct LineCall {
-    tComLineFn function;
-    const char *line;
-    void *user;
-};
-
-void CallBack(tComLineFn pCallback, const char *pLine, void *pUser) {
-    if (pCallback == nullptr) {
-        return;
-    }
-    LineCall call{pCallback, pLine, pUser};
-    CallBehindBarrier(
-        [](void *pArg) {
-            const LineCall &made = *static_cast<const LineCall *>(pArg);
-            made.function(made.line, made.user);
-            return 0;
-        },
-        &call);
 }
 
 // What fgets reads, but a signal that interrupts the read costs no part of a line. Held by
@@ -88,16 +69,17 @@ const char *NextLine(char *pLine, size_t size, FILE *pStream) {
 }  // namespace talvek
 
 int COM_SavePid(const char *pFileName) {
+    const talvek::CancelGuard guard;
     if (pFileName == nullptr) {
         return -1;
     }
     talvek::UniqueFile stream{talvek::OpenStream(pFileName, "w")};
     if (!stream) {
-        COMMON_LOG("open(%s) error : %s\n", pFileName, strerror(errno));
+        LOG_ERRNO("open(%s) error : %s\n", pFileName);
         return -1;
     }
     if (fprintf(stream.get(), "%d", getpid()) < 0 || fflush(stream.get()) != 0) {
-        COMMON_LOG("write(%s) error : %s\n", pFileName, strerror(errno));
+        LOG_ERRNO("write(%s) error : %s\n", pFileName);
     }
     // Callers ignore the result, and it is the same on success.
     // Held by SavePid.WritesThePidAndReturnsMinusOne.
@@ -105,10 +87,11 @@ int COM_SavePid(const char *pFileName) {
 }
 
 int COM_KillDhcpProc(const char *pFirst, const char *pSecond) {
+    const talvek::CancelGuard guard;
     const talvek::UniqueDir proc{pFirst != nullptr && pSecond != nullptr ? opendir("/proc")
                                                                          : nullptr};
     if (!proc) {
-        COMMON_LOG("NULL pointer pretection!\n");
+        LOG("NULL pointer pretection!\n");
         return -1;
     }
     int result = -1;
@@ -129,11 +112,12 @@ int COM_KillDhcpProc(const char *pFirst, const char *pSecond) {
 // Between fork and exec in a program with threads this relies on the C library: opendir allocates,
 // and malloc works in the child because fork leaves its locks free; so does the logger's stream.
 int COM_CloseFdExceptSTD(int pid) {
+    const talvek::CancelGuard guard;
     char path[40];
     snprintf(path, sizeof path, "/proc/%d/fd", pid);
     talvek::UniqueDir dir{opendir(path)};
     if (!dir) {
-        return COMMON_LOG("opendir(%s) error : %s\n", path, strerror(errno));
+        return LOG_ERRNO("opendir(%s) error : %s\n", path);
     }
     const int own = dirfd(dir.get());
     bool ownListed = false;
@@ -155,25 +139,30 @@ int COM_CloseFdExceptSTD(int pid) {
 }
 
 int COM_PopenRead(const char *pCmd, void * /*pIgnored*/, void *pUser, tComLineFn pCallback) {
+    const talvek::CancelGuard guard;
     signal(SIGCHLD, SIG_DFL);
-    // What was printed so far stands before what the command prints.
+    // Flush first, so that our output precedes the command's.
     fflush(stdout);
     errno = EFAULT;
     talvek::UniquePipe pipe{pCmd != nullptr ? popen(pCmd, "re") : nullptr};
     if (!pipe) {
-        COMMON_LOG("popen(%s) error : %s\n", talvek::Shown(pCmd), strerror(errno));
+        LOG_ERRNO("popen(%s) error : %s\n", talvek::Shown(pCmd));
         return -1;
     }
     char line[256];
     while (talvek::NextLine(line, sizeof line, pipe.get()) != nullptr) {
-        talvek::CallBack(pCallback, line, pUser);
+        if (pCallback != nullptr) {
+            pCallback(line, pUser);
+        }
     }
     const int status = pipe.Close();
     if (status == -1) {
-        COMMON_LOG("pclose() error : %s\n", strerror(errno));
+        LOG_ERRNO("pclose() error : %s\n");
     } else if (status != 0) {
-        COMMON_LOG("pclose() return %d\n", status);
+        LOG("pclose() return %d\n", status);
     }
-    talvek::CallBack(pCallback, nullptr, pUser);
+    if (pCallback != nullptr) {
+        pCallback(nullptr, pUser);
+    }
     return status;
 }

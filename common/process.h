@@ -48,8 +48,7 @@ typedef void (*tComLineFn)(const char *pLine, void *pUser);
  *
  * Returns the wait status of the command as waitpid has it (256 for an exit with 1), and logs it
  * when it is not 0; -1 when the command cannot be started (pCallback is not called) or its status
- * cannot be had. A thread that is cancelled meanwhile closes its end of the pipe and waits for the
- * command to end. */
+ * cannot be had. */
 int COM_PopenRead(const char *pCmd, void *pIgnored, void *pUser, tComLineFn pCallback);
 
 #ifdef __cplusplus

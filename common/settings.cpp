@@ -35,7 +35,7 @@ const char *NextFrom(const char *from, const char *last, const char *pPattern) {
 }
 
 void LogMissing(const char *pPattern, const char *pFrom) {
-    COMMON_LOG_AS(kEntry, "Can't find [%s] pattern - [%.20s]\n", pPattern, pFrom);
+    LOG_AS(kEntry, "Can't find [%s] pattern - [%.20s]\n", pPattern, pFrom);
 }
 
 bool FindElement(const char *pDoc, const char *pName, size_t nameSize, Element &element) {
@@ -111,8 +111,8 @@ class FixedText {
         memcpy(text_ + used_, pWhat, taken);
         used_ += taken;
         if (taken < length) {
-            COMMON_LOG_AS(kEntry, "Warning! overflow (len, size) = (%d, %d)\n",
-                          static_cast<int>(used_ - taken + length + 1), static_cast<int>(kSize));
+            LOG_AS(kEntry, "Warning! overflow (len, size) = (%d, %d)\n",
+                   static_cast<int>(used_ - taken + length + 1), static_cast<int>(kSize));
             return false;
         }
         return true;
@@ -161,7 +161,7 @@ int COM_ParserXmlData(const char *pDoc, tXmlDataItem *pItem) {
         return -1;
     }
     const int shownName = static_cast<int>(nameSize);
-    COMMON_LOG("find [%.*s] pattern - [%.20s]\n", shownName, pItem->name, element.name);
+    LOG("find [%.*s] pattern - [%.20s]\n", shownName, pItem->name, element.name);
 
     talvek::TakeType(element, pItem->type);
     if (pItem->type == COM_XML_TYPE_TEXT) {
@@ -172,8 +172,8 @@ int COM_ParserXmlData(const char *pDoc, tXmlDataItem *pItem) {
         talvek::TakeNumber(element, "value=", pItem->value);
         talvek::TakeItems(element, *pItem);
     }
-    COMMON_LOG_PLAIN("[%.*s] (min, max, value)=(%d, %d, %d) - (%d)[%.*s]\n", shownName, pItem->name,
-                     pItem->min, pItem->max, pItem->value, pItem->type,
-                     static_cast<int>(sizeof pItem->text), pItem->text);
+    LOG_PLAIN("[%.*s] (min, max, value)=(%d, %d, %d) - (%d)[%.*s]\n", shownName, pItem->name,
+              pItem->min, pItem->max, pItem->value, pItem->type,
+              static_cast<int>(sizeof pItem->text), pItem->text);
     return 0;
 }

@@ -7,11 +7,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/path.h"
+#include "base/scope_exit.h"
+#include "base/unique_stream.h"
 #include "common/file_content.h"
-#include "common/internal/file_open.h"
 #include "common/internal/module_log.h"
-#include "common/internal/scope_exit.h"
-#include "common/internal/unique_fd.h"
 #include "common/text.h"
 
 namespace talvek {
@@ -30,7 +30,7 @@ constexpr size_t kTimevalSize = kTimeSize + 7;
 UniqueFile OpenForReading(const char *pEntry, const char *pPath) {
     UniqueFile file{OpenStream(pPath, "r")};
     if (!file) {
-        COMMON_LOG_AS(pEntry, "fopen(%s) error : %s\n", Shown(pPath), strerror(errno));
+        LOG_ERRNO_AS(pEntry, "fopen(%s) error : %s\n", Shown(pPath));
     }
     return file;
 }
@@ -67,7 +67,7 @@ size_t FindMemKey(const char *pLine) {
 
 int CountPciLines(const char *pEntry, const char *pPattern) {
     if (pPattern == nullptr) {
-        COMMON_LOG_AS(pEntry, kNoBuffer);
+        LOG_AS(pEntry, kNoBuffer);
         return -1;
     }
     const UniqueFile file = OpenForReading(pEntry, kPciDevices);
@@ -137,14 +137,14 @@ int COM_GetMemAndSwap(int32_t *pValue) {
         }
     }
     for (size_t i = 0; changed && i < talvek::kMemKeyCount; ++i) {
-        COMMON_LOG_PLAIN("Got pValue[%d] = %d\n", static_cast<int>(i), static_cast<int>(pValue[i]));
+        LOG_PLAIN("Got pValue[%d] = %d\n", static_cast<int>(i), static_cast<int>(pValue[i]));
     }
     return result;
 }
 
 int COM_GetPciDeviceId(const char *pPattern, uint32_t *pIds, int max) {
     if (pPattern == nullptr || pIds == nullptr) {
-        COMMON_LOG(talvek::kNoBuffer);
+        LOG(talvek::kNoBuffer);
         return -1;
     }
     const talvek::UniqueFile file = talvek::OpenForReading(__func__, talvek::kPciDevices);
@@ -168,14 +168,14 @@ int COM_GetPciDeviceId(const char *pPattern, uint32_t *pIds, int max) {
 
 int COM_GetPciDevice(const char *pPattern) {
     const int count = talvek::CountPciLines(__func__, pPattern);
-    COMMON_LOG_PLAIN("Total %d devices(%s) found on \"%s\"\n", count, talvek::Shown(pPattern),
-                     talvek::kPciDevices);
+    LOG_PLAIN("Total %d devices(%s) found on \"%s\"\n", count, talvek::Shown(pPattern),
+              talvek::kPciDevices);
     return count;
 }
 
 int COM_GetDeviceFromProc(tDeviceName **ppList, const char *pPath) {
     if (ppList == nullptr || *ppList != nullptr) {
-        COMMON_LOG(talvek::kNoBuffer);
+        LOG(talvek::kNoBuffer);
         return -1;
     }
     const talvek::UniqueFile file = talvek::OpenForReading(__func__, pPath);
@@ -192,7 +192,7 @@ int COM_GetDeviceFromProc(tDeviceName **ppList, const char *pPath) {
         const size_t size = (static_cast<size_t>(count) + 1) * sizeof(tDeviceName);
         auto *grown = static_cast<tDeviceName *>(realloc(*ppList, size));
         if (grown == nullptr) {
-            COMMON_LOG("REALLOC() failed : %s\n", strerror(errno));
+            LOG_ERRNO("REALLOC() failed : %s\n");
             continue;
         }
         *ppList = grown;

@@ -9,7 +9,8 @@
  * several lines. */
 
 #include <stdint.h>
-#include <time.h>
+
+#include "wide_types.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -12,11 +12,11 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "base/path.h"
+#include "base/unique_stream.h"
 #include "common/file.h"
 #include "common/file_content.h"
-#include "common/internal/file_open.h"
 #include "common/internal/module_log.h"
-#include "common/internal/unique_fd.h"
 
 #define FLAG(name) \
     { name, #name }
@@ -95,9 +95,9 @@ void FillSetting(tTermDevInfo &device) {
         setting.c_oflag = kOutputFlags;
         setting.c_cflag = kControlFlags;
         setting.c_lflag = kLocalFlags;
-        COMMON_LOG_AS(kOpen, "Using default termios flags setting:\n");
-        COMMON_LOG_AS(kOpen, "c_iflag: 0x%X, c_oflag: 0x%X, c_cflag: 0x%X, c_lflag: 0x%X\n",
-                      setting.c_iflag, setting.c_oflag, setting.c_cflag, setting.c_lflag);
+        LOG_AS(kOpen, "Using default termios flags setting:\n");
+        LOG_AS(kOpen, "c_iflag: 0x%X, c_oflag: 0x%X, c_cflag: 0x%X, c_lflag: 0x%X\n",
+               setting.c_iflag, setting.c_oflag, setting.c_cflag, setting.c_lflag);
     }
     for (const ControlChar &character : kControlChars) {
         setting.c_cc[character.index] = character.value;
@@ -146,15 +146,14 @@ UniqueFile OpenAdapterTable() {
         return table;
     }
     if (errno != ENOENT) {
-        COMMON_LOG_AS(kEntry, "open(%s) failed! : %s\n", kAdapterTable, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "open(%s) failed! : %s\n", kAdapterTable);
         return table;
     }
     table.Reset(OpenStream(kAdapterTableOld, "r"));
     if (!table && errno == ENOENT) {
-        COMMON_LOG_AS(kEntry, "open(%s, %s) failed! : %s\n", kAdapterTable, kAdapterTableOld,
-                      strerror(errno));
+        LOG_ERRNO_AS(kEntry, "open(%s, %s) failed! : %s\n", kAdapterTable, kAdapterTableOld);
     } else if (!table) {
-        COMMON_LOG_AS(kEntry, "open(%s) failed! : %s\n", kAdapterTableOld, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "open(%s) failed! : %s\n", kAdapterTableOld);
     }
     return table;
 }
@@ -177,8 +176,7 @@ bool StorePort(const char *pLine, char *pBuf) {
     if (digits < 1 || digits > 9 || strchr(".:", pNumber[digits]) == nullptr) {
         const int length = static_cast<int>(strlen(pLine));
         if (length > 1) {
-            COMMON_LOG_AS("COM_GetSerialPort", "No key delimiter found : [%.*s]\n", length - 1,
-                          pLine);
+            LOG_AS("COM_GetSerialPort", "No key delimiter found : [%.*s]\n", length - 1, pLine);
         }
         return false;
     }
@@ -196,13 +194,13 @@ int COM_OpenTermDevice(const char *pPath, tTermDevInfo *pDevInfo) {
         return -2;
     }
     if (pDevInfo->direction < O_RDONLY || pDevInfo->direction > O_RDWR) {
-        COMMON_LOG("pDevInfo->direction = %d, use default O_RDONLY\n", pDevInfo->direction);
+        LOG("pDevInfo->direction = %d, use default O_RDONLY\n", pDevInfo->direction);
         pDevInfo->direction = O_RDONLY;
     }
     pDevInfo->saved_valid = 0;
     pDevInfo->fd = open(pPath, pDevInfo->direction | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (pDevInfo->fd < 0) {
-        COMMON_LOG("open(%s) failed : %s\n", pPath, strerror(errno));
+        LOG_ERRNO("open(%s) failed : %s\n", pPath);
         return -2;
     }
     if (pPath != pDevInfo->path) {
@@ -213,7 +211,7 @@ int COM_OpenTermDevice(const char *pPath, tTermDevInfo *pDevInfo) {
     if (tcgetattr(pDevInfo->fd, &pDevInfo->saved) == 0) {
         pDevInfo->saved_valid = 1;
     } else {
-        COMMON_LOG("tcgetattr(%s) error : %s\n", pPath, strerror(errno));
+        LOG_ERRNO("tcgetattr(%s) error : %s\n", pPath);
         result = -1;
     }
     talvek::LetLineSettle();
@@ -222,7 +220,7 @@ int COM_OpenTermDevice(const char *pPath, tTermDevInfo *pDevInfo) {
     cfsetospeed(&pDevInfo->current, pDevInfo->speed);
     tcflush(pDevInfo->fd, TCIFLUSH);
     if (tcsetattr(pDevInfo->fd, TCSANOW, &pDevInfo->current) != 0) {
-        COMMON_LOG("tcsetattr(%s) error : %s\n", pPath, strerror(errno));
+        LOG_ERRNO("tcsetattr(%s) error : %s\n", pPath);
         result = -1;
     }
     return result;
@@ -234,7 +232,7 @@ int COM_CloseTermDevice(tTermDevInfo *pDevInfo) {
     }
     int result = 0;
     if (pDevInfo->saved_valid == 1 && tcsetattr(pDevInfo->fd, TCSANOW, &pDevInfo->saved) != 0) {
-        COMMON_LOG("tcsetattr(%s) error : %s\n", pDevInfo->path, strerror(errno));
+        LOG_ERRNO("tcsetattr(%s) error : %s\n", pDevInfo->path);
         result = -1;
     }
     pDevInfo->saved_valid = 0;
@@ -258,7 +256,7 @@ int COM_DumpTermios(const char *pTitle, const struct termios *pSetting) {
     if (pSetting == nullptr) {
         return EOF;
     }
-    COMMON_LOG_PLAIN("%s\n======\n", pTitle);
+    LOG_PLAIN("%s\n======\n", pTitle);
     COM_PrintTermFlags(" c_iflag", pSetting->c_iflag, COM_TermInputFlags);
     COM_PrintTermFlags(" c_oflag", pSetting->c_oflag, COM_TermOutputFlags);
     COM_PrintTermFlags(" c_cflag", pSetting->c_cflag, COM_TermControlFlags);
@@ -287,7 +285,7 @@ int COM_GetSerialPort(int port, char *pBuf) {
         }
     }
     if (pPort == nullptr) {
-        COMMON_LOG("Un-support idx = %d\n", port);
+        LOG("Un-support idx = %d\n", port);
         return -1;
     }
     const talvek::UniqueFile table = talvek::OpenAdapterTable();

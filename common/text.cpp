@@ -4,16 +4,15 @@
 
 #include <errno.h>
 #include <limits.h>
-#include <pthread.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
+#include "base/cancel_guard.h"
 #include "common/internal/case_search.h"
 #include "common/internal/module_log.h"
-#include "common/internal/scope_exit.h"
 
 namespace talvek {
 namespace {
@@ -56,7 +55,7 @@ const char *GetQuoted(const char *pEntry, char quote, const char *pSrc, const ch
     }
     int length = Distance(opening + 1, closing);
     if (length >= size) {
-        COMMON_LOG_AS(pEntry, "Warning! overflow (len, size) = (%d, %d)\n", length, size);
+        LOG_AS(pEntry, "Warning! overflow (len, size) = (%d, %d)\n", length, size);
         length = size;
     }
     if (length >= 0) {
@@ -70,7 +69,7 @@ const char *GetQuoted(const char *pEntry, char quote, const char *pSrc, const ch
 int CopyRange(const char *pEntry, const char *from, const char *to, char *pDst, int size) {
     int needed = Distance(from, to) + 1;
     if (needed > size) {
-        COMMON_LOG_AS(pEntry, "Warning! overflow (len, size) = (%d, %d)\n", needed, size);
+        LOG_AS(pEntry, "Warning! overflow (len, size) = (%d, %d)\n", needed, size);
         needed = size;
     }
     if (needed > 0) {
@@ -193,12 +192,9 @@ class Rewrite {
         }
         // The text is never left half replaced: the block is asked for until it is there.
         // Held by ReplaceStrFault.TriesAgainUntilTheBlockGrows.
-        // Who cancels the thread here would lose the block, which may have moved already.
-        int before = PTHREAD_CANCEL_ENABLE;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
-        const ScopeExit restore{[before] { pthread_setcancelstate(before, nullptr); }};
+        const CancelGuard guard;
         do {
-            COMMON_LOG_AS("COM_ReplaceStr", "REALLOC(%d) failed\n", static_cast<int>(needed));
+            LOG_AS("COM_ReplaceStr", "REALLOC(%d) failed\n", static_cast<int>(needed));
             // A shortage ends when someone else releases memory; until then neither the processor
             // nor the log is flooded.
             const struct timespec pause = {0, 10'000'000};
@@ -266,8 +262,8 @@ const char *COM_GetStrBeforeEOL(const char *pSrc, const char *pKey, char *pDst, 
     }
     // Without any room the precision is negative, and printf shows all that follows the key.
     const int shown = size > kShown + 1 ? kShown : size > 0 ? size - 1 : -1;
-    COMMON_LOG_PLAIN("Warning! overflow (len, size) = (%d, %d)[%s][%.*s]\n", needed, size, pKey,
-                     shown, after);
+    LOG_PLAIN("Warning! overflow (len, size) = (%d, %d)[%s][%.*s]\n", needed, size, pKey, shown,
+              after);
     if (size <= 0) {
         return nullptr;
     }
@@ -285,7 +281,7 @@ const char *COM_GetLineAfterKey(const char *pSrc, const char *pKey, char **ppOut
         const int needed = talvek::Distance(after, end) + 1;
         *ppOut = static_cast<char *>(calloc(1, static_cast<size_t>(needed)));
         if (*ppOut == nullptr) {
-            COMMON_LOG("CALLOC(1, %d) error:%s\n", needed, strerror(errno));
+            LOG_ERRNO("CALLOC(1, %d) error:%s\n", needed);
             return nullptr;
         }
         talvek::CopyText(*ppOut, after, needed - 1);
@@ -312,7 +308,7 @@ const char *COM_GetXMLData(const char *pSrc, const char *pTag, char *pDst, int s
     const talvek::Pattern opening = talvek::MakePattern("<", pTag, ">");
     const char *head = opening.fits ? talvek::FindBehind(pSrc, opening.text) : nullptr;
     if (head == nullptr) {
-        COMMON_LOG("[%s] not found in [%s]\n", pTag, pSrc);
+        LOG("[%s] not found in [%s]\n", pTag, pSrc);
         return nullptr;
     }
     const talvek::Pattern closing = talvek::MakePattern("</", pTag, ">");
@@ -320,22 +316,22 @@ const char *COM_GetXMLData(const char *pSrc, const char *pTag, char *pDst, int s
     // first and is a failure. Held by GetXMLData.RefusesAClosingTagBeforeTheOpeningOne.
     const char *tail = closing.fits ? COM_StrCaseStr(pSrc, closing.text) : nullptr;
     if (tail == nullptr) {
-        COMMON_LOG("No xml tail found!\n");
+        LOG("No xml tail found!\n");
         return nullptr;
     }
     // The destination may hold anything yet; its end bounds what is shown of it.
     const int shown = size > 0 ? size : 0;
     if (tail < head) {
         const ptrdiff_t length = tail - head + 1;
-        COMMON_LOG("[%s] = [%.*s] (%d bytes)\n", pTag, shown, pDst,
-                   length > INT_MIN ? static_cast<int>(length) : INT_MIN);
+        LOG("[%s] = [%.*s] (%d bytes)\n", pTag, shown, pDst,
+            length > INT_MIN ? static_cast<int>(length) : INT_MIN);
         return nullptr;
     }
-    COMMON_LOG("(pHead, pTail, pStr, len) = (%p, %p, %p, %d/%d)\n", static_cast<const void *>(head),
-               static_cast<const void *>(tail), static_cast<const void *>(pDst),
-               talvek::Distance(head, tail) + 1, size);
+    LOG("(pHead, pTail, pStr, len) = (%p, %p, %p, %d/%d)\n", static_cast<const void *>(head),
+        static_cast<const void *>(tail), static_cast<const void *>(pDst),
+        talvek::Distance(head, tail) + 1, size);
     const int taken = talvek::CopyRange(__func__, head, tail, pDst, size);
-    COMMON_LOG("[%s] = [%.*s] (%d bytes)\n", pTag, shown, pDst, taken);
+    LOG("[%s] = [%.*s] (%d bytes)\n", pTag, shown, pDst, taken);
     return taken > 0 ? head : nullptr;
 }
 

@@ -3,7 +3,6 @@
 #include "common/thread.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <limits.h>
 #include <pthread.h>
 #include <stdio.h>
@@ -12,11 +11,13 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "base/cancel_guard.h"
+#include "base/mutex_lock.h"
+#include "base/path.h"
+#include "base/unique_stream.h"
 #include "common/command.h"
 #include "common/file.h"
 #include "common/internal/module_log.h"
-#include "common/internal/mutex_lock.h"
-#include "common/internal/unique_fd.h"
 
 namespace talvek {
 namespace {
@@ -37,6 +38,26 @@ tThreadInfo *g_pThreads = nullptr;  // ends with an entry whose pid is 0
 Watchdog g_watchdog = {};
 pthread_mutex_t g_watchdogMutex = PTHREAD_MUTEX_INITIALIZER;
 
+// fork waits until nobody holds the registry: its copy in the child is whole, and free to be locked.
+void LockRegistry() {
+    pthread_mutex_lock(&g_watchdogMutex);
+    pthread_mutex_lock(&g_mutex);
+}
+
+void UnlockRegistry() {
+    pthread_mutex_unlock(&g_mutex);
+    pthread_mutex_unlock(&g_watchdogMutex);
+}
+
+void PrepareForForks() {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, [] { pthread_atfork(LockRegistry, UnlockRegistry, UnlockRegistry); });
+}
+
+void UnlockMutex(void *pMutex) {
+    pthread_mutex_unlock(static_cast<pthread_mutex_t *>(pMutex));
+}
+
 size_t CountThreads() {
     size_t count = 0;
     while (g_pThreads != nullptr && g_pThreads[count].pid != 0) {
@@ -52,17 +73,13 @@ void WritePidFile(const char *pName) {
     // fit here is cut to one character more than a path can have.
     char path[PATH_MAX + 1];
     snprintf(path, sizeof path, "%s/%s.thread.pid", kPidDir, pName);
-    // A descriptor, not a stream: closing a stream writes again what it could not write before, so
-    // that a thread cancelled while it waits for the file would wait on in its clean-up.
-    const UniqueFd file{open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)};
+    const UniqueFile file{OpenStream(path, "w")};
     if (!file) {
-        COMMON_LOG_AS(kEntry, "fopen(%s) error : %s\n", path, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "fopen(%s) error : %s\n", path);
         return;
     }
-    char digits[16];
-    const int length = snprintf(digits, sizeof digits, "%d", getpid());
-    if (write(file.get(), digits, static_cast<size_t>(length)) != length) {
-        COMMON_LOG_AS(kEntry, "[%s] fprintf() error : %s\n", pName, strerror(errno));
+    if (fprintf(file.get(), "%d", getpid()) < 0 || fflush(file.get()) != 0) {
+        LOG_ERRNO_AS(kEntry, "[%s] fprintf() error : %s\n", pName);
     }
 }
 
@@ -77,12 +94,11 @@ bool IsHealthy(tThreadInfo &thread) {
 }
 
 void CheckAllThreads() {
-    const MutexLock lock{g_mutex};
     const size_t count = CountThreads();
     for (size_t i = 0; i < count; ++i) {
         if (!IsHealthy(g_pThreads[i])) {
-            COMMON_LOG_AS("COM_ThreadWatchdog", "Warnning!! [pid = %d] [%s] process error\n",
-                          g_pThreads[i].pid, g_pThreads[i].name);
+            LOG_AS("COM_ThreadWatchdog", "Warnning!! [pid = %d] [%s] process error\n",
+                   g_pThreads[i].pid, g_pThreads[i].name);
         }
     }
 }
@@ -94,7 +110,9 @@ int COM_LogThread(const char *pName) {
     if (pName == nullptr) {
         return -1;
     }
-    // The new entry and the terminator behind it, which take the old terminator's place together.
+    const talvek::CancelGuard guard;
+    talvek::PrepareForForks();
+    // The new entry and a new terminator replace the old terminator together.
     tThreadInfo pair[2] = {};
     pair[0].pid = getpid();
     snprintf(pair[0].name, sizeof pair[0].name, "%s", pName);
@@ -112,6 +130,7 @@ int COM_LogThread(const char *pName) {
 }
 
 int COM_LogThreadMemUsage(int amount) {
+    const talvek::CancelGuard guard;
     const talvek::MutexLock lock{talvek::g_mutex};
     if (talvek::g_pThreads == nullptr) {
         return -1;
@@ -124,8 +143,8 @@ int COM_LogThreadMemUsage(int amount) {
             // A total that passes 32 bits wraps.
             thread.mem = static_cast<int32_t>(static_cast<uint32_t>(thread.mem) +
                                               static_cast<uint32_t>(amount));
-            COMMON_LOG("[%zu] : %d - [%ld] - %s\n", i, thread.pid, static_cast<long>(thread.mem),
-                       thread.name);
+            LOG("[%zu] : %d - [%ld] - %s\n", i, thread.pid, static_cast<long>(thread.mem),
+                thread.name);
             return 0;
         }
     }
@@ -133,44 +152,43 @@ int COM_LogThreadMemUsage(int amount) {
 }
 
 void COM_ShowThread(void) {
+    const talvek::CancelGuard guard;
     // A registration may move the array, so that reading it takes the lock too.
     const talvek::MutexLock lock{talvek::g_mutex};
     const size_t count = talvek::CountThreads();
     for (size_t i = 0; i < count; ++i) {
         const tThreadInfo &thread = talvek::g_pThreads[i];
-        COMMON_LOG("[%zu] : %d - [%s] - [%s] - [%ld]\n", i, thread.pid, thread.name, thread.state,
-                   static_cast<long>(thread.mem));
+        LOG("[%zu] : %d - [%s] - [%s] - [%ld]\n", i, thread.pid, thread.name, thread.state,
+            static_cast<long>(thread.mem));
     }
 }
 
 int COM_CreateThreadWatchdog(int period) {
+    const talvek::CancelGuard guard;
+    talvek::PrepareForForks();
     const talvek::MutexLock lock{talvek::g_watchdogMutex};
     talvek::Watchdog &watchdog = talvek::g_watchdog;
     const pid_t process = getpid();
     int error = EBUSY;
     if (watchdog.process != process) {
-        if (watchdog.process != 0) {
-            // The watchdog stayed in the parent, perhaps in the middle of a look: nobody is left
-            // here to release what it held.
-            pthread_mutex_init(&talvek::g_mutex, nullptr);
-        }
         // Looking without a pause would keep a processor busy.
         watchdog.period = {period < 1 ? 1 : period, 0};
         error = pthread_create(&watchdog.thread, nullptr, COM_ThreadWatchdog, &watchdog);
         watchdog.process = error == 0 ? process : 0;
     }
     if (error != 0) {
-        COMMON_LOG("pthread_create() error = %d\n", error);
+        LOG("pthread_create() error = %d\n", error);
     }
     return error;
 }
 
 int COM_DestroyThreadWatchdog(void) {
+    const talvek::CancelGuard guard;
     const talvek::MutexLock lock{talvek::g_watchdogMutex};
     talvek::Watchdog &watchdog = talvek::g_watchdog;
     const int error = watchdog.process == getpid() ? pthread_cancel(watchdog.thread) : ESRCH;
     if (error != 0) {
-        COMMON_LOG("pthread_cancel() error [%d]\n", error);
+        LOG("pthread_cancel() error [%d]\n", error);
         return error;
     }
     pthread_join(watchdog.thread, nullptr);
@@ -184,11 +202,11 @@ void *COM_ThreadWatchdog(void *pData) {
     }
     const talvek::Watchdog &watchdog = *static_cast<const talvek::Watchdog *>(pData);
     for (;;) {
-        // A look is not cut short: cancellation waits for the test behind it or for the sleep.
-        int cancelState = 0;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+        // The calls of a look hold cancellation off, so a look is never cut short.
+        pthread_cleanup_push(talvek::UnlockMutex, &talvek::g_mutex);
+        pthread_mutex_lock(&talvek::g_mutex);
         talvek::CheckAllThreads();
-        pthread_setcancelstate(cancelState, nullptr);
+        pthread_cleanup_pop(1);
         pthread_testcancel();
         COM_SleepAtLeast(&watchdog.period, talvek::kMaxSleepRounds);
     }

@@ -50,8 +50,7 @@ void COM_ShowThread(void);
  *
  *   period  seconds between two looks; less than 1 counts as 1
  *
- * A forked child has the entries but not the watchdog; it may start one of its own, before it calls
- * anything else here.
+ * A forked child has the entries but not the watchdog; it may start one of its own.
  *
  * Returns 0, or the error number of pthread_create; EBUSY when the watchdog already runs. */
 int COM_CreateThreadWatchdog(int period);

@@ -12,9 +12,9 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include "common/internal/byte_reader.h"
+#include "base/byte_writer.h"
+#include "base/unique_fd.h"
 #include "common/internal/module_log.h"
-#include "common/internal/unique_fd.h"
 #include "common/media.h"
 
 namespace talvek {
@@ -94,8 +94,7 @@ int InterfaceIndex(const UniqueFd &fd, const char *pIfName) {
     ifreq request = {};
     snprintf(request.ifr_name, sizeof request.ifr_name, "%s", pIfName);
     if (ioctl(fd.get(), SIOCGIFINDEX, &request) == -1) {
-        COMMON_LOG_AS(kEntry, "failed to retrieve ifindex of [%s] : %s\n", pIfName,
-                      strerror(errno));
+        LOG_ERRNO_AS(kEntry, "failed to retrieve ifindex of [%s] : %s\n", pIfName);
         return 0;
     }
     return request.ifr_ifindex;
@@ -120,14 +119,13 @@ int SendPacket(const UniqueFd &fd, const char *pIfName, uint32_t mode, const Dat
     const auto *pLink = reinterpret_cast<const sockaddr *>(&link);
     // The packet carries its own link address, so it may leave without the bind too.
     if (bind(fd.get(), pLink, sizeof link) == -1) {
-        COMMON_LOG_AS(kEntry, "bind([%d][%s]) failed! : %s\n", link.sll_ifindex,
-                      pIfName != nullptr ? pIfName : "(null)", strerror(errno));
+        LOG_ERRNO_AS(kEntry, "bind([%d][%s]) failed! : %s\n", link.sll_ifindex,
+                     pIfName != nullptr ? pIfName : "(null)");
     }
     if (sendto(fd.get(), packet, kHeaders + datagram.size, MSG_NOSIGNAL, pLink, sizeof link) ==
         -1) {
         if (pIfName != nullptr) {
-            COMMON_LOG_AS(kEntry, "sendto(%s:%d) error : %s\n", pIfName, datagram.destinationPort,
-                          strerror(errno));
+            LOG_ERRNO_AS(kEntry, "sendto(%s:%d) error : %s\n", pIfName, datagram.destinationPort);
         }
         return -1;
     }
@@ -141,8 +139,8 @@ int COM_SendUdpPackage(const char *pIfName, uint32_t mode, uint32_t source, uint
                        uint16_t sourcePort, uint16_t destinationPort, const void *pData,
                        uint32_t size) {
     if (size > talvek::kMaxPayload) {
-        COMMON_LOG("data_sz[%d] exceed limit[%d]!\n", static_cast<int>(size),
-                   static_cast<int>(talvek::kMaxPayload));
+        LOG("data_sz[%d] exceed limit[%d]!\n", static_cast<int>(size),
+            static_cast<int>(talvek::kMaxPayload));
         return -1;
     }
     if (pData == nullptr && size > 0) {
@@ -150,14 +148,14 @@ int COM_SendUdpPackage(const char *pIfName, uint32_t mode, uint32_t source, uint
     }
     const talvek::UniqueFd fd{socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, htons(ETH_P_IP))};
     if (!fd) {
-        COMMON_LOG("socket(SOCK_DGRAM) failed : %s\n", strerror(errno));
+        LOG_ERRNO("socket(SOCK_DGRAM) failed : %s\n");
         return -1;
     }
     const int on = 1;
     const int result = setsockopt(fd.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
     if (result == -1) {
-        COMMON_LOG("setsockopt(SOL_SOCKET(%d), SO_BROADCAST(%d)) error : %s\n", SOL_SOCKET,
-                   SO_BROADCAST, strerror(errno));
+        LOG_ERRNO("setsockopt(SOL_SOCKET(%d), SO_BROADCAST(%d)) error : %s\n", SOL_SOCKET,
+                  SO_BROADCAST);
         return result;
     }
     return talvek::SendPacket(fd, pIfName, mode,

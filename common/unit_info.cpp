@@ -15,10 +15,10 @@
 #include <array>
 #include <span>
 
+#include "base/unique_fd.h"
 #include "common/file_content.h"
 #include "common/internal/interface_name.h"
 #include "common/internal/module_log.h"
-#include "common/internal/unique_fd.h"
 #include "common/net_info.h"
 
 static_assert(sizeof(tUnitNetInfo) == 328);
@@ -181,7 +181,7 @@ int COM_Base64Decode(void *pDst, const char *pText) {
 
 int COM_CountUtf8RowLength(const uint16_t *pArray) {
     if (pArray == nullptr) {
-        COMMON_LOG("Ooops! pArray = NULL");
+        LOG("Ooops! pArray = NULL");
         return 0;
     }
     int index = 0;
@@ -213,7 +213,7 @@ int COM_SortUnitInfoViaIP(const void *pA, const void *pB) {
         // The search goes on behind the last component, so that equal addresses come by here too.
         // Held by SortUnitInfoViaIP.LogsEqualAddresses.
         if (pAtA == nullptr || pAtB == nullptr) {
-            COMMON_LOG("Find nothing?!\n");
+            LOG("Find nothing?!\n");
             return 0;
         }
         ++pAtA;
@@ -229,14 +229,14 @@ void COM_ShowAllUnitInfo(int count, const tUnitNetInfo *pInfo) {
     // Precisions keep a field that has no NUL inside its width.
     int number = 0;
     for (const tUnitNetInfo &unit : std::span{pInfo, static_cast<size_t>(count)}) {
-        COMMON_LOG("[%d/%d]\n", ++number, count);
-        COMMON_LOG_PLAIN("(model, proj, name) = (%.32s, %.32s, %.64s)\n", unit.model, unit.proj,
-                         unit.name);
-        COMMON_LOG_PLAIN("(ip, trigger_port, netmask) = (%.16s, %.8s, %.16s)\n", unit.ip, unit.port,
-                         unit.netmask);
-        COMMON_LOG_PLAIN("(gateway, dns, mac) = (%.16s, %.16s, %.24s)\n", unit.gateway, unit.dns,
-                         unit.mac);
-        COMMON_LOG_PLAIN("(dev, note, if_info) = (%.16s, %.64s, [%d][%.16s])\n", unit.dev,
-                         unit.note, unit.if_info_num, unit.if_info);
+        LOG("[%d/%d]\n", ++number, count);
+        LOG_PLAIN("(model, proj, name) = (%.32s, %.32s, %.64s)\n", unit.model, unit.proj,
+                  unit.name);
+        LOG_PLAIN("(ip, trigger_port, netmask) = (%.16s, %.8s, %.16s)\n", unit.ip, unit.port,
+                  unit.netmask);
+        LOG_PLAIN("(gateway, dns, mac) = (%.16s, %.16s, %.24s)\n", unit.gateway, unit.dns,
+                  unit.mac);
+        LOG_PLAIN("(dev, note, if_info) = (%.16s, %.64s, [%d][%.16s])\n", unit.dev, unit.note,
+                  unit.if_info_num, unit.if_info);
     }
 }

@@ -14,8 +14,8 @@
 
 #include <algorithm>
 
-#include "common/internal/scope_exit.h"
-#include "common/internal/unique_fd.h"
+#include "base/scope_exit.h"
+#include "base/unique_fd.h"
 #include "dev/internal/copy_text.h"
 #include "dev/internal/module_log.h"
 #include "dev/mount.h"
@@ -31,19 +31,19 @@ constexpr uint64_t kSectorSize = 512;
 uint64_t DeviceBytes(const char *pDevPath) {
     const UniqueFd fd{open(pDevPath, O_RDONLY | O_CLOEXEC)};
     if (!fd) {
-        DEV_LOG_AS(kEntry, "open(%s) failed : %s\n", pDevPath, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "open(%s) failed : %s\n", pDevPath);
         return 0;
     }
     uint64_t bytes = 0;
     if (ioctl(fd.get(), BLKGETSIZE64, &bytes) != -1) {
         return bytes;
     }
-    DEV_LOG_AS(kEntry, "ioctl(BLKGETSIZE64, %s) error : %s\n", pDevPath, strerror(errno));
+    LOG_ERRNO_AS(kEntry, "ioctl(BLKGETSIZE64, %s) error : %s\n", pDevPath);
     unsigned long sectors = 0;
     if (ioctl(fd.get(), BLKGETSIZE, &sectors) != -1) {
         return sectors * kSectorSize;
     }
-    DEV_LOG_AS(kEntry, "ioctl(BLKGETSIZE, %s) error : %s\n", pDevPath, strerror(errno));
+    LOG_ERRNO_AS(kEntry, "ioctl(BLKGETSIZE, %s) error : %s\n", pDevPath);
     return 0;
 }
 
@@ -54,8 +54,7 @@ uint32_t Bounded(uint64_t count) {
 bool MeasureFileSystem(const char *pMountPoint, tDevInfo &dev) {
     struct statfs st;
     if (statfs(pMountPoint, &st) != 0) {
-        DEV_LOG_AS(kEntry, "statfs(%s, %s) error : %s\n", dev.devPath, pMountPoint,
-                   strerror(errno));
+        LOG_ERRNO_AS(kEntry, "statfs(%s, %s) error : %s\n", dev.devPath, pMountPoint);
         return false;
     }
     tDiskStat &disk = dev.u.disk;
@@ -73,12 +72,12 @@ int MeasureThroughOwnMount(tDevInfo &dev, unsigned fsIndex) {
     char dir[sizeof kDirTemplate];
     memcpy(dir, kDirTemplate, sizeof dir);
     if (mkdtemp(dir) == nullptr) {
-        DEV_LOG_AS(kEntry, "mkdtemp(%s) error : %s\n", kDirTemplate, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "mkdtemp(%s) error : %s\n", kDirTemplate);
         return -1;
     }
     const ScopeExit removeDir{[&dir] {
         if (rmdir(dir) != 0) {
-            DEV_LOG_AS(kEntry, "rmdir(%s) error : %s\n", dir, strerror(errno));
+            LOG_ERRNO_AS(kEntry, "rmdir(%s) error : %s\n", dir);
         }
     }};
     if (Dev_Mount(dev.devPath, dir, fsIndex) != 0) {
@@ -99,7 +98,7 @@ int MeasureThroughOwnMount(tDevInfo &dev, unsigned fsIndex) {
 int Dev_GetHDStat(tDevInfo *pDev, unsigned fsIndex) {
     using namespace talvek;
     if (pDev == nullptr) {
-        DEV_LOG("(%p) : Null ptr\n", static_cast<void *>(pDev));
+        LOG("(%p) : Null ptr\n", static_cast<void *>(pDev));
         return -1;
     }
     if (strstr(pDev->devPath, "/dev/md") == nullptr) {

@@ -3,7 +3,7 @@
 
 /* The size of a disk and the space on its file system. */
 
-#include "dev/device.h"
+#include "device.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -11,9 +11,9 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include "base/characters.h"
+#include "base/unique_fd.h"
 #include "common/file_content.h"
-#include "common/internal/ascii_case.h"
-#include "common/internal/unique_fd.h"
 #include "dev/disk_stat.h"
 #include "dev/file_system.h"
 #include "dev/internal/module_log.h"
@@ -64,7 +64,7 @@ uint8_t ReadBusType(const char *pFunction, int fd) {
     constexpr uint32_t kSize = kHostTextSize;
     memcpy(text, &kSize, sizeof kSize);
     if (ioctl(fd, SCSI_IOCTL_PROBE_HOST, text) < 0) {
-        DEV_LOG_AS(pFunction, "ioctl(SCSI_IOCTL_PROBE_HOST) error : %s\n", strerror(errno));
+        LOG_ERRNO_AS(pFunction, "ioctl(SCSI_IOCTL_PROBE_HOST) error : %s\n");
         return kAta;
     }
     for (const HostRule &rule : kHostRules) {
@@ -72,7 +72,7 @@ uint8_t ReadBusType(const char *pFunction, int fd) {
             return rule.busType;
         }
     }
-    DEV_LOG_AS(pFunction, "Unknown host - string_buf = [%s]\n", text);
+    LOG_AS(pFunction, "Unknown host - string_buf = [%s]\n", text);
     return kAta;
 }
 
@@ -81,10 +81,10 @@ bool ReadAddr(const char *pFunction, const char *pPath, int fd, tScsiAddr &addr)
         case AddressStep::kDone:
             return true;
         case AddressStep::kBusNumber:
-            DEV_LOG_AS(pFunction, "get bus No. ioctl on %s failed\n", pPath);
+            LOG_AS(pFunction, "get bus No. ioctl on %s failed\n", pPath);
             return false;
         case AddressStep::kIdLun:
-            DEV_LOG_AS(pFunction, "get IDLUN ioctl on %s failed\n", pPath);
+            LOG_AS(pFunction, "get IDLUN ioctl on %s failed\n", pPath);
             return false;
     }
     return false;
@@ -102,7 +102,7 @@ const tSgMapEntry *FindPair(const tSgMapEntry *map, const tScsiAddr &addr) {
 void ReadModel(const char *pFunction, tDevInfo &dev) {
     const UniqueFd fd{open(dev.sgPath, O_RDWR | O_NONBLOCK | O_CLOEXEC)};
     if (!fd) {
-        DEV_LOG_AS(pFunction, "open(%s) error : %s\n", dev.sgPath, strerror(errno));
+        LOG_ERRNO_AS(pFunction, "open(%s) error : %s\n", dev.sgPath);
         return;
     }
     Dev_Inquiry(dev.devPath, fd.get(), dev.model);
@@ -166,7 +166,7 @@ bool Examine(const Walk &walk, const char *pPath, const tSgMapEntry *map, tDevIn
 
 int Enumerate(const Walk &walk, tDevInfo *devs) {
     if (devs == nullptr) {
-        DEV_LOG_AS(walk.function, "(%p) : Null Ptr\n", static_cast<void *>(devs));
+        LOG_AS(walk.function, "(%p) : Null Ptr\n", static_cast<void *>(devs));
         return 0;
     }
     tSgMapEntry map[DEV_MAX_DEVICES];
@@ -184,7 +184,7 @@ int Enumerate(const Walk &walk, tDevInfo *devs) {
             }
         }
     }
-    DEV_LOG_AS(walk.function, "Found %d devices\n", count);
+    LOG_AS(walk.function, "Found %d devices\n", count);
     return count;
 }
 
@@ -224,7 +224,7 @@ int Dev_GetUSBFlashDevice(tDevInfo *devs) {
 int Dev_BuildSgMap(tSgMapEntry *map) {
     using namespace talvek;
     if (map == nullptr) {
-        DEV_LOG("(%p) : Null Ptr\n", static_cast<void *>(map));
+        LOG("(%p) : Null Ptr\n", static_cast<void *>(map));
         return 0;
     }
     memset(map, 0, DEV_MAX_DEVICES * sizeof map[0]);
@@ -240,10 +240,10 @@ int Dev_BuildSgMap(tSgMapEntry *map) {
         }
         switch (ReadScsiAddr(fd.get(), row.scsiAddr)) {
             case AddressStep::kBusNumber:
-                DEV_LOG("get bus no on %s failed : %s\n", row.sgPath, strerror(errno));
+                LOG_ERRNO("get bus no on %s failed : %s\n", row.sgPath);
                 continue;
             case AddressStep::kIdLun:
-                DEV_LOG("get IDLUN on %s failed : %s\n", row.sgPath, strerror(errno));
+                LOG_ERRNO("get IDLUN on %s failed : %s\n", row.sgPath);
                 continue;
             case AddressStep::kDone:
                 break;

@@ -3,7 +3,7 @@
 
 /* What disks and optical drives are attached (SATA/ATA, USB, IEEE-1394). */
 
-#include "dev/device.h"
+#include "device.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -166,8 +166,8 @@ void Dev_InitFsArray(void) {
     for (const tFsEntry &row : kInitialTable) {
         const uint32_t caps = known[row.index] ? SupportedCaps(row) : 0;
         std::atomic_ref{g_table[row.index].caps}.store(caps, std::memory_order_relaxed);
-        DEV_LOG("[%d] %s - %s[0x%04X]\n", static_cast<int>(row.index), row.name,
-                caps != 0 ? "Enable" : "Disable", caps);
+        LOG("[%d] %s - %s[0x%04X]\n", static_cast<int>(row.index), row.name,
+            caps != 0 ? "Enable" : "Disable", caps);
     }
     g_initialised.store(true, std::memory_order_release);
 }

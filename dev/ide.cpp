@@ -9,9 +9,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/heap_buf.h"
+#include "base/unique_fd.h"
 #include "common/hex_text.h"
-#include "common/internal/heap_buf.h"
-#include "common/internal/unique_fd.h"
 #include "dev/internal/module_log.h"
 #include "dev/mount_table.h"
 
@@ -103,9 +103,9 @@ void CopyField(char *pDst, const PairText &text, const IdentityField &field) {
 
 int Dev_GetDevIdentify(const char *pDevPath, char *pSerial, char *pFwRev, char *pModel) {
     if (pSerial == nullptr && pFwRev == nullptr && pModel == nullptr) {
-        DEV_LOG("Invalid input : (pDevPath, pSN, pFwRev, pModel) = (%p, %p, %p, %p)\n",
-                static_cast<const void *>(pDevPath), static_cast<void *>(pSerial),
-                static_cast<void *>(pFwRev), static_cast<void *>(pModel));
+        LOG("Invalid input : (pDevPath, pSN, pFwRev, pModel) = (%p, %p, %p, %p)\n",
+            static_cast<const void *>(pDevPath), static_cast<void *>(pSerial),
+            static_cast<void *>(pFwRev), static_cast<void *>(pModel));
         return -1;
     }
     if (pDevPath == nullptr) {
@@ -120,8 +120,8 @@ int Dev_GetDevIdentify(const char *pDevPath, char *pSerial, char *pFwRev, char *
         return -1;
     }
     if (text.pairs() < talvek::kIdentityPairs) {
-        DEV_LOG("count error : (count, size, limit) = (%d, %d, %d)\n", text.pairs(), text.length(),
-                talvek::kIdentityPairs);
+        LOG("count error : (count, size, limit) = (%d, %d, %d)\n", text.pairs(), text.length(),
+            talvek::kIdentityPairs);
         return -1;
     }
     talvek::CopyField(pSerial, text, talvek::kSerial);
@@ -132,8 +132,8 @@ int Dev_GetDevIdentify(const char *pDevPath, char *pSerial, char *pFwRev, char *
 
 int Dev_GetIDViaMount(const char *pMountPoint, char *pSerial, char *pFwRev, char *pModel) {
     if (pMountPoint == nullptr || (pSerial == nullptr && pFwRev == nullptr && pModel == nullptr)) {
-        DEV_LOG("(%p, %p) : Null ptr\n", static_cast<const void *>(pMountPoint),
-                static_cast<void *>(pSerial));
+        LOG("(%p, %p) : Null ptr\n", static_cast<const void *>(pMountPoint),
+            static_cast<void *>(pSerial));
         return -1;
     }
     char device[DEV_MOUNT_TEXT_SIZE];
@@ -154,15 +154,15 @@ int Dev_GetIDViaMount(const char *pMountPoint, char *pSerial, char *pFwRev, char
 
 int Dev_GetSmartValue(const char *pDevPath, tSmartAttr *pAttr) {
     if (pDevPath == nullptr || pAttr == nullptr) {
-        DEV_LOG("Invalid Input : (pDev, pSmart) = (%s, %p)\n",
-                pDevPath != nullptr ? pDevPath : "(null)", static_cast<void *>(pAttr));
+        LOG("Invalid Input : (pDev, pSmart) = (%s, %p)\n",
+            pDevPath != nullptr ? pDevPath : "(null)", static_cast<void *>(pAttr));
         return -1;
     }
     const talvek::IdePath path{pDevPath, "smart_values"};
     const talvek::UniqueFd fd = path.Open();
     if (!fd) {
         if (errno != ENOENT) {
-            DEV_LOG("open(%s) error : %s\n", path.get(), strerror(errno));
+            LOG_ERRNO("open(%s) error : %s\n", path.get());
         }
         return -1;
     }

@@ -9,7 +9,7 @@
 #include <array>
 #include <span>
 
-#include "common/internal/heap_buf.h"
+#include "base/heap_buf.h"
 #include "dev/internal/mmc_request.h"
 #include "dev/internal/module_log.h"
 
@@ -117,12 +117,12 @@ constexpr const char *kStatusMessages[] = {
 
 void LogDiscKind(const tDiscInfo &info, bool erasable) {
     if (info.discClass == DEV_CLASS_BD) {
-        DEV_LOG_AS("Dev_ReadDiscInfo", "This disc is BD-%s\n", erasable ? "RE" : "R");
+        LOG_AS("Dev_ReadDiscInfo", "This disc is BD-%s\n", erasable ? "RE" : "R");
         return;
     }
-    DEV_LOG_AS("Dev_ReadDiscInfo", "This disc is DVD%c%s %s\n",
-               info.discClass == DEV_CLASS_DVD_MINUS ? '-' : '+', erasable ? "RW" : "R",
-               info.recordMode >= DEV_RECORD_DUAL_LAYER ? "DL" : " ");
+    LOG_AS("Dev_ReadDiscInfo", "This disc is DVD%c%s %s\n",
+           info.discClass == DEV_CLASS_DVD_MINUS ? '-' : '+', erasable ? "RW" : "R",
+           info.recordMode >= DEV_RECORD_DUAL_LAYER ? "DL" : " ");
 }
 
 bool IsDvdWritable(const tDiscInfo &info) {
@@ -140,15 +140,14 @@ void ParseDiscInfo(BigEndianReader reply, tDiscInfo &info) {
     }
     if (info.discClass == DEV_CLASS_CD) {
         info.sessions = reply.U8(4) + 256U * reply.U8(9);
-        DEV_LOG_AS("Dev_ReadDiscInfo", "Total session number = %d.\n",
-                   static_cast<int>(info.sessions));
+        LOG_AS("Dev_ReadDiscInfo", "Total session number = %d.\n", static_cast<int>(info.sessions));
     } else {
         LogDiscKind(info, (reply.U8(2) & 0x10) != 0);
         info.lastTrack = reply.U8(6) + 256U * reply.U8(11);
-        DEV_LOG_AS("Dev_ReadDiscInfo", "Last Track in Last Session is %u\n", info.lastTrack);
+        LOG_AS("Dev_ReadDiscInfo", "Last Track in Last Session is %u\n", info.lastTrack);
     }
     info.discStatus = reply.U8(2) & 0x03;
-    DEV_LOG_AS("Dev_ReadDiscInfo", "%s", kStatusMessages[info.discStatus]);
+    LOG_AS("Dev_ReadDiscInfo", "%s", kStatusMessages[info.discStatus]);
 }
 
 void ParseTrackInfo(BigEndianReader reply, tDiscInfo &info) {
@@ -188,12 +187,11 @@ constexpr NominalKB kDvdPlusKB = {8347648, 1429088, 4590208};
 // The layer descriptor stands from byte 4 of the reply on (MMC-6, READ DISC STRUCTURE, physical
 // format information).
 void ParseLayerDescriptor(BigEndianReader reply, tDiscInfo &info) {
-    DEV_LOG_AS("Dev_ReadDvdStruct", "Start Physical Sector Number of Data Area = %06Xh \n",
-               reply.U24(9));
-    DEV_LOG_AS("Dev_ReadDvdStruct", "End Physical Sector Number of Data Area = %06Xh \n",
-               reply.U24(13));
-    DEV_LOG_AS("Dev_ReadDvdStruct", "End Physical Sector Number Layer Zero = %06Xh \n",
-               reply.U24(17));
+    LOG_AS("Dev_ReadDvdStruct", "Start Physical Sector Number of Data Area = %06Xh \n",
+           reply.U24(9));
+    LOG_AS("Dev_ReadDvdStruct", "End Physical Sector Number of Data Area = %06Xh \n",
+           reply.U24(13));
+    LOG_AS("Dev_ReadDvdStruct", "End Physical Sector Number Layer Zero = %06Xh \n", reply.U24(17));
     if (!IsDvdWritable(info)) {
         return;
     }
@@ -279,12 +277,12 @@ void ParseFormatCapacity(BigEndianReader reply, tDiscInfo &info) {
 int Dev_GetConfiguration(const char *devPath, int fd, tDiscInfo *info) {
     using namespace talvek;
     if (info == nullptr) {
-        DEV_LOG("Get Null ptr\n");
+        LOG("Get Null ptr\n");
         return 0;
     }
     const HeapBuf<uint8_t> buf{static_cast<uint8_t *>(malloc(DEV_REPLY_SIZE))};
     if (!buf) {
-        DEV_LOG("reply_buf = NULL\n");
+        LOG("reply_buf = NULL\n");
         return 0;
     }
     info->discClass = DEV_CLASS_CD;
@@ -298,10 +296,10 @@ int Dev_GetConfiguration(const char *devPath, int fd, tDiscInfo *info) {
     const uint16_t number = request.reply().U16(6);
     const Profile *profile = FindProfile(number);
     if (profile == nullptr) {
-        DEV_LOG("Disc type(0x%04X) unreconfized and unsupported!\n", number);
+        LOG("Disc type(0x%04X) unreconfized and unsupported!\n", number);
         return 0;
     }
-    DEV_LOG("%s", profile->message);
+    LOG("%s", profile->message);
     info->discClass = profile->discClass;
     info->mediaKind = profile->mediaKind;
     info->recordMode = profile->recordMode;
@@ -311,7 +309,7 @@ int Dev_GetConfiguration(const char *devPath, int fd, tDiscInfo *info) {
 int Dev_ReadDiscInfo(const char *devPath, int fd, tDiscInfo *info) {
     using namespace talvek;
     if (info == nullptr) {
-        DEV_LOG("Get Null ptr\n");
+        LOG("Get Null ptr\n");
         return 0;
     }
     ReplyBuf buf;
@@ -328,7 +326,7 @@ int Dev_ReadDiscInfo(const char *devPath, int fd, tDiscInfo *info) {
 int Dev_ReadTrackInfo(const char *devPath, int fd, tDiscInfo *info) {
     using namespace talvek;
     if (info == nullptr) {
-        DEV_LOG("Get Null ptr\n");
+        LOG("Get Null ptr\n");
         return 0;
     }
     ReplyBuf buf;
@@ -347,7 +345,7 @@ int Dev_ReadTrackInfo(const char *devPath, int fd, tDiscInfo *info) {
 int Dev_ReadDvdStruct(const char *devPath, int fd, tDiscInfo *info) {
     using namespace talvek;
     if (info == nullptr) {
-        DEV_LOG("Get Null ptr\n");
+        LOG("Get Null ptr\n");
         return 0;
     }
     ReplyBuf buf;
@@ -369,7 +367,7 @@ int Dev_ReadDvdStruct(const char *devPath, int fd, tDiscInfo *info) {
 int Dev_ReadFormatCapacity(const char *devPath, int fd, tDiscInfo *info) {
     using namespace talvek;
     if (info == nullptr) {
-        DEV_LOG("Get Null ptr\n");
+        LOG("Get Null ptr\n");
         return 0;
     }
     ReplyBuf buf;
@@ -380,7 +378,7 @@ int Dev_ReadFormatCapacity(const char *devPath, int fd, tDiscInfo *info) {
     }
     BigEndianReader reply = request.reply();
     const uint8_t listLength = reply.U8(3);
-    DEV_LOG("(%s) : reply_buf_len = %d\n", devPath != nullptr ? devPath : "", listLength);
+    LOG("(%s) : reply_buf_len = %d\n", devPath != nullptr ? devPath : "", listLength);
     PrintCapacityList(reply.Sub(4, listLength));
     fflush(stdout);
     ParseFormatCapacity(reply, *info);
@@ -397,9 +395,9 @@ int Dev_ReadBufferCapacity(const char *devPath, int fd) {
     constexpr uint32_t kMiB = 0x100000;
     const uint32_t size = request.reply().U32(4);
     if (size > kMiB) {
-        DEV_LOG("buffer_size = %d MB\n", static_cast<int>((size - 1) / kMiB + 1));
+        LOG("buffer_size = %d MB\n", static_cast<int>((size - 1) / kMiB + 1));
     } else {
-        DEV_LOG("buffer_size = ???\n");
+        LOG("buffer_size = ???\n");
     }
     return 1;
 }

@@ -15,7 +15,7 @@
  * the length of their reply are sent twice; either may fail. A call takes 64 KiB of stack for the
  * reply. */
 
-#include "dev/device.h"
+#include "device.h"
 
 #ifdef __cplusplus
 extern "C" {

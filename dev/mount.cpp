@@ -11,7 +11,7 @@
 
 #include <array>
 
-#include "common/internal/heap_buf.h"
+#include "base/heap_buf.h"
 #include "dev/internal/fs_table.h"
 #include "dev/internal/module_log.h"
 #include "dev/internal/nfs_umount.h"
@@ -154,7 +154,7 @@ int MountExport(const char *pSrc, const char *pDir) {
                         CommandLine::kMostPerCharacter * (strlen(pSrc) + strlen(pDir)) + 64;
     const HeapBuf<char> block{static_cast<char *>(malloc(size))};
     if (!block) {
-        DEV_LOG_AS("Dev_Mount", "malloc(%zu) error : %s\n", size, strerror(errno));
+        LOG_ERRNO_AS("Dev_Mount", "malloc(%zu) error : %s\n", size);
         return -1;
     }
     CommandLine command{block.get(), size};
@@ -174,15 +174,15 @@ int MountExport(const char *pSrc, const char *pDir) {
 
 bool IsMountable(const char *pSrc, const char *pDir) {
     if (pSrc == nullptr) {
-        DEV_LOG_AS("Dev_Mount", "pSrc == NULL\n");
+        LOG_AS("Dev_Mount", "pSrc == NULL\n");
         return false;
     }
     if (pSrc[0] == '\0') {
-        DEV_LOG_AS("Dev_Mount", "strlen(pSrc) == 0\n");
+        LOG_AS("Dev_Mount", "strlen(pSrc) == 0\n");
         return false;
     }
     if (pDir == nullptr) {
-        DEV_LOG_AS("Dev_Mount", "pDst == NULL\n");
+        LOG_AS("Dev_Mount", "pDst == NULL\n");
         return false;
     }
     return true;
@@ -198,7 +198,7 @@ int UnmountAndTell(const char *pFunction, const char *pCall, const char *pDir, U
     const bool found = Dev_GetEntryViaMtab(pDir, &entry) == 0;
     const int result = unmount(pDir);
     if (result != 0) {
-        DEV_LOG_AS(pFunction, "%s(%s) failed : %s\n", pCall, pDir, strerror(errno));
+        LOG_ERRNO_AS(pFunction, "%s(%s) failed : %s\n", pCall, pDir);
     } else if (found && strcmp(entry.type, "nfs") == 0) {
         TellNfsServer(pFunction, entry);
     }
@@ -222,7 +222,7 @@ int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex) {
         return MountKnown(pSrc, pDir, FsRow(fsIndex));
     }
     if (!isExport) {
-        DEV_LOG("Try mount pSrc(%s) with wrong fs type(NFS)\n", pSrc);
+        LOG("Try mount pSrc(%s) with wrong fs type(NFS)\n", pSrc);
         return -1;
     }
     return MountExport(pSrc, pDir);

@@ -10,10 +10,11 @@
 
 #include <string_view>
 
-#include "common/internal/file_open.h"
-#include "common/internal/heap_buf.h"
-#include "common/internal/scope_exit.h"
-#include "common/internal/unique_fd.h"
+#include "base/heap_buf.h"
+#include "base/path.h"
+#include "base/scope_exit.h"
+#include "base/unique_fd.h"
+#include "base/unique_stream.h"
 #include "dev/internal/copy_text.h"
 #include "dev/internal/module_log.h"
 
@@ -59,7 +60,7 @@ class MountReader {
   public:
     explicit MountReader(const char *pFunction) : stream_(OpenStream(kMounts, "r")) {
         if (!stream_) {
-            DEV_LOG_AS(pFunction, "fopen(%s) error : %s\n", kMounts, strerror(errno));
+            LOG_ERRNO_AS(pFunction, "fopen(%s) error : %s\n", kMounts);
         }
     }
 
@@ -107,8 +108,8 @@ bool DeviceMatches(const char *pDevice, const char *pWanted, size_t n) {
 
 int FindMountPoint(const char *pFunction, const char *pDev, char *pMountPoint, unsigned n) {
     if (pDev == nullptr || pMountPoint == nullptr) {
-        DEV_LOG_AS(pFunction, "(%p, %p, %d) : Null ptr\n", static_cast<const void *>(pDev),
-                   static_cast<void *>(pMountPoint), static_cast<int>(n));
+        LOG_AS(pFunction, "(%p, %p, %d) : Null ptr\n", static_cast<const void *>(pDev),
+               static_cast<void *>(pMountPoint), static_cast<int>(n));
         return -1;
     }
     MountReader mounts{pFunction};
@@ -171,8 +172,8 @@ int Dev_GetMPT(const char *pDev, char *pMountPoint) {
 
 int Dev_GetDevViaMount(char *pDev, const char *pMountPoint) {
     if (pDev == nullptr || pMountPoint == nullptr) {
-        DEV_LOG("(%p, %p) : Null ptr\n", static_cast<void *>(pDev),
-                static_cast<const void *>(pMountPoint));
+        LOG("(%p, %p) : Null ptr\n", static_cast<void *>(pDev),
+            static_cast<const void *>(pMountPoint));
         return -1;
     }
     int result = -1;
@@ -188,8 +189,7 @@ int Dev_GetDevViaMount(char *pDev, const char *pMountPoint) {
 
 int Dev_GetEntryViaMtab(const char *pKey, tMountEntry *pEntry) {
     if (pKey == nullptr || pEntry == nullptr) {
-        DEV_LOG("(%p, %p) : Null ptr\n", static_cast<const void *>(pKey),
-                static_cast<void *>(pEntry));
+        LOG("(%p, %p) : Null ptr\n", static_cast<const void *>(pKey), static_cast<void *>(pEntry));
         return -1;
     }
     const std::string_view wanted = talvek::WithoutSlashesAtEnd(pKey);
@@ -219,7 +219,7 @@ int Dev_CheckPartition(const char *pName) {
     }
     const talvek::UniqueFd fd{open(talvek::kPartitions, O_RDONLY | O_CLOEXEC)};
     if (!fd) {
-        DEV_LOG("open(%s) error : %s\n", talvek::kPartitions, strerror(errno));
+        LOG_ERRNO("open(%s) error : %s\n", talvek::kPartitions);
         return -1;
     }
     char block[4096];
@@ -227,7 +227,7 @@ int Dev_CheckPartition(const char *pName) {
         const ssize_t count = read(fd.get(), block, sizeof block);
         if (count <= 0) {
             if (count < 0) {
-                DEV_LOG("read(%s) error : %s\n", talvek::kPartitions, strerror(errno));
+                LOG_ERRNO("read(%s) error : %s\n", talvek::kPartitions);
             }
             return -1;
         }
@@ -241,7 +241,7 @@ int Dev_CheckPartition(const char *pName) {
         }
         const size_t left = text.size() - lines.size();
         if (left > 0 && lseek(fd.get(), -static_cast<off_t>(left), SEEK_CUR) == -1) {
-            DEV_LOG("lseek(%s) error : %s\n", talvek::kPartitions, strerror(errno));
+            LOG_ERRNO("lseek(%s) error : %s\n", talvek::kPartitions);
             return -1;
         }
     }

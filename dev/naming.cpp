@@ -11,7 +11,7 @@
 #include <algorithm>
 #include <array>
 
-#include "common/internal/unique_fd.h"
+#include "base/unique_fd.h"
 #include "dev/device.h"
 #include "dev/internal/copy_text.h"
 #include "dev/internal/module_log.h"
@@ -25,10 +25,10 @@ bool ReadAddrOrLog(const char *pFunction, const char *pPath, int fd, tScsiAddr &
         case AddressStep::kDone:
             return true;
         case AddressStep::kBusNumber:
-            DEV_LOG_AS(pFunction, "get bus No. on %s failed : %s\n", pPath, strerror(errno));
+            LOG_ERRNO_AS(pFunction, "get bus No. on %s failed : %s\n", pPath);
             return false;
         case AddressStep::kIdLun:
-            DEV_LOG_AS(pFunction, "get IDLUN on %s failed : %s\n", pPath, strerror(errno));
+            LOG_ERRNO_AS(pFunction, "get IDLUN on %s failed : %s\n", pPath);
             return false;
     }
     return false;
@@ -38,7 +38,7 @@ bool ReadAddrOrLog(const char *pFunction, const char *pPath, int fd, tScsiAddr &
 bool ReadOwnAddr(const char *pFunction, const char *pPath, int flags, tScsiAddr &addr) {
     const UniqueFd fd{open(pPath, flags | O_NONBLOCK | O_CLOEXEC)};
     if (!fd) {
-        DEV_LOG_AS(pFunction, "open(%s) error : %s\n", pPath, strerror(errno));
+        LOG_ERRNO_AS(pFunction, "open(%s) error : %s\n", pPath);
         return false;
     }
     return ReadAddrOrLog(pFunction, pPath, fd.get(), addr);
@@ -119,8 +119,8 @@ bool NodeName(int major, int minor, char *pName, size_t size) {
 
 bool HaveArguments(const char *pFunction, const char *pFrom, const char *pTo, size_t size) {
     if (pFrom == nullptr || pTo == nullptr || size == 0) {
-        DEV_LOG_AS(pFunction, "(%p, %p) : Null ptr\n", static_cast<const void *>(pFrom),
-                   static_cast<const void *>(pTo));
+        LOG_AS(pFunction, "(%p, %p) : Null ptr\n", static_cast<const void *>(pFrom),
+               static_cast<const void *>(pTo));
         return false;
     }
     return true;
@@ -139,7 +139,7 @@ void Dev_MakeDevName(char *dst, unsigned k, int numeric) {
     } else if (k < 26) {
         snprintf(dst, kSize, "/dev/sg%c", static_cast<char>('a' + k));
     } else {
-        DEV_LOG("k = %d, out of range\n", static_cast<int>(k));
+        LOG("k = %d, out of range\n", static_cast<int>(k));
         snprintf(dst, kSize, "/dev/sgxx");
     }
 }
@@ -186,7 +186,7 @@ int Dev_ConvertMajorMinor(int major, int minor, char *pName, size_t size) {
     using namespace talvek;
     char name[DEV_NODE_NAME_SIZE];
     if (pName == nullptr || size == 0 || !NodeName(major, minor, name, sizeof name)) {
-        DEV_LOG("invalid (major, minor) = (%d, %d)\n", major, minor);
+        LOG("invalid (major, minor) = (%d, %d)\n", major, minor);
         return -1;
     }
     CopyText(__func__, pName, size, name);

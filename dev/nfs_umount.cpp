@@ -12,7 +12,7 @@
 #include <string.h>
 #include <sys/socket.h>
 
-#include "common/internal/unique_fd.h"
+#include "base/unique_fd.h"
 #include "dev/internal/module_log.h"
 #include "dev/internal/nfs_umount.h"
 #include "dev/internal/rpc_client.h"
@@ -301,13 +301,13 @@ void TellNfsServer(const char *pFunction, const tMountEntry &entry) {
     rpc::Library library;
     const char *pReason = nullptr;
     if (!library.Load(&pReason)) {
-        DEV_LOG_AS(pFunction, "the server of %s was not told : %s\n", entry.device, pReason);
+        LOG_AS(pFunction, "the server of %s was not told : %s\n", entry.device, pReason);
         return;
     }
     MountDaemon daemon;
     in_addr address;
     if (!FindMountDaemon(entry, daemon) || !ToIpv4(daemon.address, address)) {
-        DEV_LOG_AS(pFunction, "the server of %s was not told : no IPv4 address\n", entry.device);
+        LOG_AS(pFunction, "the server of %s was not told : no IPv4 address\n", entry.device);
         return;
     }
     {

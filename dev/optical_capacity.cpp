@@ -8,9 +8,9 @@
 #include <sys/vfs.h>
 #include <time.h>
 
+#include "base/scope_exit.h"
 #include "common/command.h"
 #include "common/file.h"
-#include "common/internal/scope_exit.h"
 #include "dev/internal/module_log.h"
 #include "dev/mount.h"
 
@@ -31,22 +31,20 @@ struct Measurement {
 bool MeasureMounted(const Measurement &what, tDevInfo &dev) {
     struct statfs fs = {};
     if (statfs(what.dir, &fs) != 0) {
-        DEV_LOG_AS(what.entry, "statfs(%s,%s) error : %s\n", dev.devPath, what.dir,
-                   strerror(errno));
+        LOG_ERRNO_AS(what.entry, "statfs(%s,%s) error : %s\n", dev.devPath, what.dir);
         return false;
     }
     // The size of the file system counts, not its used blocks.
     // Held by RewritableCapacity.CountsTheWholeFileSystem.
     dev.u.disc.usedKB = (static_cast<uint64_t>(fs.f_bsize) * fs.f_blocks) >> 10;
-    DEV_LOG_AS(what.entry, "(%s) : used_capacity = %llu\n", dev.devPath,
-               static_cast<unsigned long long>(dev.u.disc.usedKB));
+    LOG_AS(what.entry, "(%s) : used_capacity = %llu\n", dev.devPath,
+           static_cast<unsigned long long>(dev.u.disc.usedKB));
     return true;
 }
 
 bool MountAndMeasure(const Measurement &what, tDevInfo &dev) {
     if (Dev_Mount(dev.devPath, what.dir, kIso9660) != 0) {
-        DEV_LOG_AS(what.entry, "Dev_Mount(%s, %s) error : %s\n", dev.devPath, what.dir,
-                   strerror(errno));
+        LOG_ERRNO_AS(what.entry, "Dev_Mount(%s, %s) error : %s\n", dev.devPath, what.dir);
         return false;
     }
     bool done = false;
@@ -60,11 +58,11 @@ bool MountAndMeasure(const Measurement &what, tDevInfo &dev) {
 
 int Measure(const Measurement &what, tDevInfo *pDev) {
     if (pDev == nullptr) {
-        DEV_LOG_AS(what.entry, "Get Null ptr\n");
+        LOG_AS(what.entry, "Get Null ptr\n");
         return 0;
     }
     if (COM_Mkdir(what.dir, kDirMode) != 0) {
-        DEV_LOG_AS(what.entry, "COM_Mkdir(%s) error : %s\n", what.dir, strerror(errno));
+        LOG_ERRNO_AS(what.entry, "COM_Mkdir(%s) error : %s\n", what.dir);
         return 0;
     }
     umount(what.dir);

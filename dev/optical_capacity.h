@@ -11,7 +11,7 @@
  * ISO 9660 file system), no statfs. Two threads may not measure the same kind of disc at once,
  * since they would share the directory. */
 
-#include "dev/device.h"
+#include "device.h"
 
 #ifdef __cplusplus
 extern "C" {

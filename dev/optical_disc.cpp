@@ -6,7 +6,7 @@
 #include <fcntl.h>
 #include <string.h>
 
-#include "common/internal/unique_fd.h"
+#include "base/unique_fd.h"
 #include "dev/internal/module_log.h"
 #include "dev/mmc_commands.h"
 #include "dev/optical_capacity.h"
@@ -91,16 +91,16 @@ void IdentifyByClass(tDevInfo &dev, int fd) {
 int Dev_GetDiscInfo(tDevInfo *dev) {
     using namespace talvek;
     if (dev == nullptr) {
-        DEV_LOG("Get Null ptr\n");
+        LOG("Get Null ptr\n");
         return 1;
     }
     if (dev->isOptical == 0) {
-        DEV_LOG("%s is HDD type\n", dev->devPath);
+        LOG("%s is HDD type\n", dev->devPath);
         return kNotOptical;
     }
     const UniqueFd fd{open(dev->sgPath, O_RDWR | O_NONBLOCK | O_CLOEXEC)};
     if (!fd) {
-        DEV_LOG("open(%s/%s) fail : %s\n", dev->devPath, dev->sgPath, strerror(errno));
+        LOG_ERRNO("open(%s/%s) fail : %s\n", dev->devPath, dev->sgPath);
         return -1;
     }
     dev->u.disc = {};
@@ -111,7 +111,7 @@ int Dev_GetDiscInfo(tDevInfo *dev) {
     // The inquiry is for the log; the record has its model since the enumeration.
     Dev_Inquiry(dev->devPath, fd.get(), nullptr);
     if (Dev_GetConfiguration(dev->devPath, fd.get(), &dev->u.disc) == 0) {
-        DEV_LOG("(%s,%s) : Unknown/Unsupport CD/DVD Specs\n", dev->devPath, dev->sgPath);
+        LOG("(%s,%s) : Unknown/Unsupport CD/DVD Specs\n", dev->devPath, dev->sgPath);
         return kUnknownDisc;
     }
     IdentifyByClass(*dev, fd.get());
@@ -121,22 +121,22 @@ int Dev_GetDiscInfo(tDevInfo *dev) {
 int Dev_GetCdInfo(const char *devPath, int fd, tDiscInfo *info) {
     using namespace talvek;
     if (info == nullptr) {
-        DEV_LOG("Get Null ptr\n");
+        LOG("Get Null ptr\n");
         return 0;
     }
     const char *pShown = devPath != nullptr ? devPath : "";
     if (Dev_ReadCdATIP(devPath, fd, info) != 1) {
-        DEV_LOG("(%s) : Read CD ATIP error\n", pShown);
+        LOG("(%s) : Read CD ATIP error\n", pShown);
         return 0;
     }
     if (Dev_ReadDiscInfo(devPath, fd, info) != 1) {
-        DEV_LOG("(%s) : Read CD DISC INFORMATION error\n", pShown);
+        LOG("(%s) : Read CD DISC INFORMATION error\n", pShown);
         return 0;
     }
     switch (info->discStatus) {
         case DEV_DISC_INCOMPLETE:
             if (Dev_ReadCdToc(devPath, fd, info) != 1) {
-                DEV_LOG("(%s) : Read CD TOC error\n", pShown);
+                LOG("(%s) : Read CD TOC error\n", pShown);
             }
             info->usedKB = 2ULL * info->nextLeadIn;
             break;

@@ -3,7 +3,7 @@
 
 /* What disc is in a drive, in what state it is and how much of it is used. */
 
-#include "dev/device.h"
+#include "device.h"
 
 #ifdef __cplusplus
 extern "C" {

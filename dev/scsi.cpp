@@ -12,9 +12,9 @@
 #include <array>
 #include <span>
 
+#include "base/byte_reader.h"
+#include "base/heap_buf.h"
 #include "common/command.h"
-#include "common/internal/byte_reader.h"
-#include "common/internal/heap_buf.h"
 #include "dev/internal/mmc_request.h"
 #include "dev/internal/module_log.h"
 
@@ -60,17 +60,17 @@ void PrintSense(const sg_io_hdr_t &hdr, const Sense &sense) {
 void ExplainCheck(const tMmcCmd &cmd, const Sense &sense) {
     const sg_io_hdr_t &hdr = cmd.hdr;
     if (hdr.sb_len_wr != 0) {
-        DEV_LOG_AS("Dev_ExecMMC", "%s (%02Xh) sense data :\n", cmd.label, Opcode(hdr));
+        LOG_AS("Dev_ExecMMC", "%s (%02Xh) sense data :\n", cmd.label, Opcode(hdr));
         PrintSense(hdr, sense);
     }
     if (hdr.masked_status != 0) {
-        DEV_LOG_AS("Dev_ExecMMC", "%s scsi status = 0x%02X\n", cmd.label, hdr.status);
+        LOG_AS("Dev_ExecMMC", "%s scsi status = 0x%02X\n", cmd.label, hdr.status);
     }
     if (hdr.host_status != 0) {
-        DEV_LOG_AS("Dev_ExecMMC", "%s host status = 0x%02X\n", cmd.label, hdr.host_status);
+        LOG_AS("Dev_ExecMMC", "%s host status = 0x%02X\n", cmd.label, hdr.host_status);
     }
     if (hdr.driver_status != 0) {
-        DEV_LOG_AS("Dev_ExecMMC", "%s driver status = 0x%02x\n", cmd.label, hdr.driver_status);
+        LOG_AS("Dev_ExecMMC", "%s driver status = 0x%02x\n", cmd.label, hdr.driver_status);
     }
 }
 
@@ -105,7 +105,7 @@ int CheckCondition(const tMmcCmd &cmd, bool verbose) {
     if (verbose) {
         ExplainCheck(cmd, sense);
     }
-    DEV_LOG_AS("Dev_ExecMMC", "(%s) Fail\n", cmd.label);
+    LOG_AS("Dev_ExecMMC", "(%s) Fail\n", cmd.label);
     if (!sense.Empty()) {
         return -4;
     }
@@ -150,28 +150,27 @@ constexpr size_t kModelLength = 24;
 int Dev_ExecMMC(tMmcCmd *cmd, int fd, int verbose) {
     using namespace talvek;
     if (cmd == nullptr) {
-        DEV_LOG("Get Null ptr\n");
+        LOG("Get Null ptr\n");
         return -1;
     }
     int version = 0;
     if (ioctl(fd, SG_GET_VERSION_NUM, &version) < 0) {
-        DEV_LOG("ioctl() error : %s\n", strerror(errno));
+        LOG_ERRNO("ioctl() error : %s\n");
         return -1;
     }
     if (version < kOldestDriver) {
-        DEV_LOG("\"%s\"(%02Xh) ver. too old(%d)\n", cmd->label, Opcode(cmd->hdr), version);
+        LOG("\"%s\"(%02Xh) ver. too old(%d)\n", cmd->label, Opcode(cmd->hdr), version);
         return -2;
     }
     if (ioctl(fd, SG_IO, &cmd->hdr) < 0) {
-        DEV_LOG("%s (%02Xh) SG_IO ioctl error : %s\n", cmd->label, Opcode(cmd->hdr),
-                strerror(errno));
+        LOG_ERRNO("%s (%02Xh) SG_IO ioctl error : %s\n", cmd->label, Opcode(cmd->hdr));
         return -3;
     }
     if ((cmd->hdr.info & SG_INFO_CHECK) != 0 && CheckCondition(*cmd, verbose != 0) != 0) {
         return -4;
     }
     if (verbose != 0) {
-        DEV_LOG("(%s) Success\n\n", cmd->label);
+        LOG("(%s) Success\n\n", cmd->label);
         DumpReply(cmd->hdr);
         fflush(stdout);
     }
@@ -194,7 +193,7 @@ int Dev_Inquiry(const char *devPath, int fd, char *model) {
     using namespace talvek;
     const HeapBuf<uint8_t> reply{static_cast<uint8_t *>(malloc(DEV_REPLY_SIZE))};
     if (!reply) {
-        DEV_LOG("reply_buf = NULL\n");
+        LOG("reply_buf = NULL\n");
         return 0;
     }
     MmcRequest request{"INQUIRY", devPath, kInquiry, {reply.get(), DEV_REPLY_SIZE}};
@@ -206,14 +205,14 @@ int Dev_Inquiry(const char *devPath, int fd, char *model) {
     char text[36 + 1] = "";
     const std::span<const uint8_t> received = request.reply().Sub(0, sizeof text - 1);
     std::copy(received.begin(), received.end(), text);
-    DEV_LOG("[%s] : pModel = %p\n", devPath != nullptr ? devPath : "", static_cast<void *>(model));
-    DEV_LOG("Vendor          = %.8s\n", text + 8);
-    DEV_LOG("Product ID      = %.16s\n", text + 16);
-    DEV_LOG("Revision        = %.4s\n", text + 32);
+    LOG("[%s] : pModel = %p\n", devPath != nullptr ? devPath : "", static_cast<void *>(model));
+    LOG("Vendor          = %.8s\n", text + 8);
+    LOG("Product ID      = %.16s\n", text + 16);
+    LOG("Revision        = %.4s\n", text + 32);
     if (model != nullptr) {
         text[8 + kModelLength] = '\0';
         CompactModel(text + 8, {model, kModelLength + 1});
     }
-    DEV_LOG("pModel = [%s]\n", model != nullptr ? model : "(null)");
+    LOG("pModel = [%s]\n", model != nullptr ? model : "(null)");
     return 1;
 }

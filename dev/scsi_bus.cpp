@@ -8,7 +8,8 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "common/internal/unique_fd.h"
+#include "base/unique_dir.h"
+#include "base/unique_fd.h"
 #include "dev/internal/module_log.h"
 
 namespace talvek {
@@ -23,11 +24,11 @@ bool ScanHost(const char *pHost) {
     snprintf(path, sizeof path, "%s/%s/scan", kHosts, pHost);
     const UniqueFd fd{open(path, O_WRONLY | O_CLOEXEC)};
     if (!fd) {
-        DEV_LOG_AS(kEntry, "open(%s) error : %s\n", path, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "open(%s) error : %s\n", path);
         return false;
     }
     if (write(fd.get(), kEverything, sizeof kEverything - 1) < 0) {
-        DEV_LOG_AS(kEntry, "write(%s) error : %s\n", path, strerror(errno));
+        LOG_ERRNO_AS(kEntry, "write(%s) error : %s\n", path);
         return false;
     }
     return true;
@@ -39,7 +40,7 @@ bool ScanHost(const char *pHost) {
 int Dev_RescanScsiBus(void) {
     const talvek::UniqueDir hosts{opendir(talvek::kHosts)};
     if (!hosts) {
-        DEV_LOG("opendir(%s) error : %s\n", talvek::kHosts, strerror(errno));
+        LOG_ERRNO("opendir(%s) error : %s\n", talvek::kHosts);
         return -1;
     }
     int asked = 0;

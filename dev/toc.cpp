@@ -59,17 +59,17 @@ void ParseAtip(BigEndianReader reply, tDiscInfo &info) {
     printf("Reference Speed = %0d\n", reply.U8(4) & 0x07);
     // Bit 0 tells a CD-RW here, not the standard's disc type bit 6.
     // Held by ReadCdAtip.TellsTheDiscTypeByBitZero.
-    DEV_LOG_AS(kEntry, "Disc Type : %s\n", (reply.U8(6) & 0x01) != 0 ? "CD-RW" : "CD-R");
+    LOG_AS(kEntry, "Disc Type : %s\n", (reply.U8(6) & 0x01) != 0 ? "CD-RW" : "CD-R");
     info.cdSubType = (reply.U8(6) >> 3) & 0x07;
     printf("Disc Sub Type = %s\n", SubTypeName(info.cdSubType));
     const Msf leadIn = ReadMsf(reply, 8);
     const Msf leadOut = ReadMsf(reply, 12);
-    DEV_LOG_AS(kEntry, "Start Time of Lead-in %02d:%02d:%02d\n", leadIn.minutes, leadIn.seconds,
-               leadIn.frames);
-    DEV_LOG_AS(kEntry, "Start Time of Lead-out %02d:%02d:%02d\n", leadOut.minutes, leadOut.seconds,
-               leadOut.frames);
+    LOG_AS(kEntry, "Start Time of Lead-in %02d:%02d:%02d\n", leadIn.minutes, leadIn.seconds,
+           leadIn.frames);
+    LOG_AS(kEntry, "Start Time of Lead-out %02d:%02d:%02d\n", leadOut.minutes, leadOut.seconds,
+           leadOut.frames);
     info.totalKB = 2ULL * leadOut.Frames();
-    DEV_LOG_AS(kEntry, "Disc Space is %d KB\n", static_cast<int>(info.totalKB));
+    LOG_AS(kEntry, "Disc Space is %d KB\n", static_cast<int>(info.totalKB));
 }
 
 // Logical block 0 of a CD is at 00:02:00.
@@ -91,15 +91,14 @@ bool ParseCdToc(BigEndianReader reply, tDiscInfo &info) {
     }
     const Msf track = ReadMsf(reply, leadOutAt - kDescriptorSize + 5);
     const Msf leadOut = ReadMsf(reply, leadOutAt + 5);
-    DEV_LOG_AS(kEntry, "Last track is %d\n", lastTrack);
+    LOG_AS(kEntry, "Last track is %d\n", lastTrack);
     // This line gives the start of the last track. Held by ReadCdToc.TellsTheLastTrackAsLeadIn.
-    DEV_LOG_AS(kEntry, "Last Lead-in at %02d:%02d:%02d\n", track.minutes, track.seconds,
-               track.frames);
-    DEV_LOG_AS(kEntry, "Last Lead-out at %02d:%02d:%02d\n", leadOut.minutes, leadOut.seconds,
-               leadOut.frames);
+    LOG_AS(kEntry, "Last Lead-in at %02d:%02d:%02d\n", track.minutes, track.seconds, track.frames);
+    LOG_AS(kEntry, "Last Lead-out at %02d:%02d:%02d\n", leadOut.minutes, leadOut.seconds,
+           leadOut.frames);
     info.nextLeadIn = leadOut.Frames() + (lastTrack == 1 ? kFirstSessionGap : kLaterSessionGap);
     const Msf next = SplitFrames(info.nextLeadIn + kFirstBlockFrames);
-    DEV_LOG_AS(kEntry, "Next Lead-in at %02d:%02d:%02d\n", next.minutes, next.seconds, next.frames);
+    LOG_AS(kEntry, "Next Lead-in at %02d:%02d:%02d\n", next.minutes, next.seconds, next.frames);
     info.lastTrack = lastTrack;
     info.lastTrackStart = track.Frames() - kFirstBlockFrames;
     return true;
@@ -138,7 +137,7 @@ uint64_t UsedKB(const tDiscInfo &info, uint32_t leadOut) {
 int Dev_ReadCdATIP(const char *devPath, int fd, tDiscInfo *info) {
     using namespace talvek;
     if (info == nullptr) {
-        DEV_LOG("Get Null ptr\n");
+        LOG("Get Null ptr\n");
         return 0;
     }
     ReplyBuf buf;
@@ -155,7 +154,7 @@ int Dev_ReadCdATIP(const char *devPath, int fd, tDiscInfo *info) {
 int Dev_ReadCdToc(const char *devPath, int fd, tDiscInfo *info) {
     using namespace talvek;
     if (info == nullptr) {
-        DEV_LOG("Get Null ptr\n");
+        LOG("Get Null ptr\n");
         return 0;
     }
     ReplyBuf buf;
@@ -171,7 +170,7 @@ int Dev_ReadCdToc(const char *devPath, int fd, tDiscInfo *info) {
 int Dev_ReadDvdRToc(const char *devPath, int fd, tDiscInfo *info) {
     using namespace talvek;
     if (info == nullptr) {
-        DEV_LOG("Get Null ptr\n");
+        LOG("Get Null ptr\n");
         return 0;
     }
     if ((info->discClass != DEV_CLASS_DVD_MINUS && info->discClass != DEV_CLASS_DVD_PLUS) ||
@@ -192,6 +191,6 @@ int Dev_ReadDvdRToc(const char *devPath, int fd, tDiscInfo *info) {
         return 0;
     }
     info->usedKB = UsedKB(*info, leadOut);
-    DEV_LOG("Used capacity = %llu MB.\n", static_cast<unsigned long long>(info->usedKB >> 10));
+    LOG("Used capacity = %llu MB.\n", static_cast<unsigned long long>(info->usedKB >> 10));
     return 1;
 }

@@ -14,7 +14,7 @@
  * length of its reply and is sent twice; either may fail. A call takes 64 KiB of stack for the
  * reply. */
 
-#include "dev/device.h"
+#include "device.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -17,8 +17,8 @@
  *   - A time-out is in whole seconds for each single wait: 0 does not wait, a negative one stands
  *     for 20 seconds. A signal handler that interrupts a wait ends that wait as failed.
  *   - There is no state: each query opens and closes its own socket and /etc/resolv.conf is read
- *     again by each lookup. Calls may run in several threads at once, and a thread may be cancelled
- *     while it waits.
+ *     again by each lookup. Calls may run in several threads at once.
+ *   - Cancellation of a thread waits until a call is over.
  *
  * What this resolver does not do, for a caller to weigh on a network that is not trusted:
  *

@@ -6,7 +6,8 @@
 #include <string.h>
 #include <sys/socket.h>
 
-#include "common/internal/unique_fd.h"
+#include "base/cancel_guard.h"
+#include "base/unique_fd.h"
 #include "dns/DNS.h"
 #include "dns/internal/module_log.h"
 #include "dns/internal/name.h"
@@ -34,7 +35,7 @@ int AskNameServers(const char *pFunction, ViaNameServer ask, const char *pDomain
     char servers[DNS_MAX_NAME_SERVERS][DNS_NAME_SERVER_SIZE];
     const int count = DNS_GetNameServer(servers);
     if (count == 0) {
-        DNS_LOG_AS(pFunction, "no nameserver found\n");
+        LOG_AS(pFunction, "no nameserver found\n");
         return -1;
     }
     int result = -1;
@@ -54,20 +55,20 @@ talvek::UniqueFd OpenSocket(const char *pFunction, const char *pNameServer,
     server.sin_addr.s_addr = pNameServer != nullptr ? inet_addr(pNameServer) : INADDR_NONE;
     if (server.sin_addr.s_addr == INADDR_NONE) {
         // inet_addr sets no errno.
-        DNS_LOG_AS(pFunction, "inet_addr(%s) error : %s\n",
-                   pNameServer != nullptr ? pNameServer : "(null)", strerror(EINVAL));
+        LOG_AS(pFunction, "inet_addr(%s) error : %s\n",
+               pNameServer != nullptr ? pNameServer : "(null)", strerror(EINVAL));
         return {};
     }
     talvek::UniqueFd fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     if (!fd) {
-        DNS_LOG_AS(pFunction, "socket() error : %s\n", strerror(errno));
+        LOG_ERRNO_AS(pFunction, "socket() error : %s\n");
         return {};
     }
     struct sockaddr_in local = {};
     local.sin_family = AF_INET;
     local.sin_addr.s_addr = htonl(INADDR_ANY);
     if (bind(fd.get(), reinterpret_cast<const struct sockaddr *>(&local), sizeof local) == -1) {
-        DNS_LOG_AS(pFunction, "bind() error : %s\n", strerror(errno));
+        LOG_ERRNO_AS(pFunction, "bind() error : %s\n");
         return {};
     }
     return fd;
@@ -76,12 +77,13 @@ talvek::UniqueFd OpenSocket(const char *pFunction, const char *pNameServer,
 }  // namespace
 
 int DNS_GetA(const char *pDomainName, tDnsAddrEntry *pResult, int timeout) {
+    const talvek::CancelGuard guard;
     if (pDomainName == nullptr) {
-        DNS_LOG("pDomainName is NULL!\n");
+        LOG("pDomainName is NULL!\n");
         return -1;
     }
     if (strchr(pDomainName, '.') == nullptr) {
-        DNS_LOG("invalid pDomainName [%s]\n", pDomainName);
+        LOG("invalid pDomainName [%s]\n", pDomainName);
         return -1;
     }
     if (pResult == nullptr) {
@@ -91,15 +93,16 @@ int DNS_GetA(const char *pDomainName, tDnsAddrEntry *pResult, int timeout) {
         return 0;
     }
     if (!talvek::FitsQuery(pDomainName)) {
-        DNS_LOG("invalid pDomainName [%s]\n", pDomainName);
+        LOG("invalid pDomainName [%s]\n", pDomainName);
         return -1;
     }
     return AskNameServers(__func__, DNS_GetAviaNameServer, pDomainName, pResult, timeout);
 }
 
 int DNS_GetMX(const char *pDomainName, tDnsAddrEntry *pResult, int timeout) {
+    const talvek::CancelGuard guard;
     if (pDomainName == nullptr || strchr(pDomainName, '.') == nullptr) {
-        DNS_LOG("invalid pDomainName\n");
+        LOG("invalid pDomainName\n");
         return -1;
     }
     if (pResult == nullptr) {
@@ -109,7 +112,7 @@ int DNS_GetMX(const char *pDomainName, tDnsAddrEntry *pResult, int timeout) {
         return 0;
     }
     if (!talvek::FitsQuery(pDomainName)) {
-        DNS_LOG("invalid pDomainName\n");
+        LOG("invalid pDomainName\n");
         return -1;
     }
     return AskNameServers(__func__, DNS_GetMXviaNameServer, pDomainName, pResult, timeout);
@@ -117,6 +120,7 @@ int DNS_GetMX(const char *pDomainName, tDnsAddrEntry *pResult, int timeout) {
 
 int DNS_GetAviaNameServer(const char *pNameServer, const char *pDomainName, tDnsAddrEntry *pResult,
                           int timeout) {
+    const talvek::CancelGuard guard;
     struct sockaddr_in server;
     const talvek::UniqueFd fd = OpenSocket(__func__, pNameServer, server);
     if (!fd) {
@@ -124,13 +128,14 @@ int DNS_GetAviaNameServer(const char *pNameServer, const char *pDomainName, tDns
     }
     const int result = DNS_SendAQuery(fd.get(), &server, pDomainName, pResult, timeout);
     if (result != 0) {
-        DNS_LOG("A record not found!\n");
+        LOG("A record not found!\n");
     }
     return result;
 }
 
 int DNS_GetMXviaNameServer(const char *pNameServer, const char *pDomainName, tDnsAddrEntry *pResult,
                            int timeout) {
+    const talvek::CancelGuard guard;
     struct sockaddr_in server;
     const talvek::UniqueFd fd = OpenSocket(__func__, pNameServer, server);
     if (!fd) {
@@ -138,10 +143,10 @@ int DNS_GetMXviaNameServer(const char *pNameServer, const char *pDomainName, tDn
     }
     int result = DNS_SendMXQuery(fd.get(), &server, pDomainName, pResult, timeout);
     if (result != 0) {
-        DNS_LOG("MX record not found! Try A record.\n");
+        LOG("MX record not found! Try A record.\n");
         result = DNS_SendAQuery(fd.get(), &server, pDomainName, pResult, timeout);
         if (result != 0) {
-            DNS_LOG("A record not found!\n");
+            LOG("A record not found!\n");
         }
     }
     return result;

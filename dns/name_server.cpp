@@ -4,8 +4,9 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "common/internal/file_open.h"
-#include "common/internal/unique_fd.h"
+#include "base/cancel_guard.h"
+#include "base/path.h"
+#include "base/unique_stream.h"
 #include "dns/DNS.h"
 #include "dns/internal/module_log.h"
 
@@ -33,12 +34,13 @@ const char *ServerOfLine(char *pLine) {
 }  // namespace
 
 int DNS_GetNameServer(char pServers[DNS_MAX_NAME_SERVERS][DNS_NAME_SERVER_SIZE]) {
+    const talvek::CancelGuard guard;
     if (pServers == nullptr) {
         return 0;
     }
     const talvek::UniqueFile file{talvek::OpenStream(kResolvConf, "r")};
     if (!file) {
-        DNS_LOG("fopen(%s) error : %s\n", kResolvConf, strerror(errno));
+        LOG_ERRNO("fopen(%s) error : %s\n", kResolvConf);
         return 0;
     }
     int count = 0;

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "common/internal/byte_reader.h"
+#include "base/byte_reader.h"
 #include "dns/DNS.h"
 #include "dns/internal/module_log.h"
 
@@ -143,7 +143,7 @@ int DNS_ParserMX(const uint8_t *pResponse, int length, tDnsAddrEntry *pResult) {
     const int count = std::max(additional - response.U8(kAuthorityCount), 1);
     const int start = length - kRecordSize * additional;
     if (start < 1) {
-        DNS_LOG("Packet Size error!\n");
+        LOG("Packet Size error!\n");
         return -1;
     }
     tDnsAddrEntry entries[kMaxRecords];

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <time.h>
 
+#include "base/cancel_guard.h"
 #include "dns/DNS.h"
 #include "dns/internal/module_log.h"
 #include "dns/internal/name.h"
@@ -145,7 +146,7 @@ Ready Receive(const Exchange &exchange, Response &response) {
             return Ready::kYes;
         }
         if (errno != EAGAIN || empty == kMaxEmptyReads) {
-            DNS_LOG_AS(exchange.function, "recvfrom() error : %s\n", strerror(errno));
+            LOG_ERRNO_AS(exchange.function, "recvfrom() error : %s\n");
             response.length = 0;
             return Ready::kYes;
         }
@@ -160,17 +161,17 @@ bool IsNameError(const Response &response) {
 // One attempt of an MX query; 0 with a response that holds answers.
 int AskMx(const Exchange &exchange, const uint8_t *pMessage, int length, Response &response) {
     if (Wait(exchange.fd, POLLOUT, Deadline{exchange.timeout}) != Ready::kYes) {
-        DNS_LOG_AS(exchange.function, "select(&writeset) timeout!\n");
+        LOG_AS(exchange.function, "select(&writeset) timeout!\n");
         return kNotSent;
     }
     // An error counts as sent, unlike in the A exchange: the wait for the response follows.
     // Held by SendMXQuery.CountsASendErrorAsSent.
     if (Send(exchange, pMessage, length) == 0) {
-        DNS_LOG_AS(exchange.function, "sendto() error : %s\n", strerror(errno));
+        LOG_ERRNO_AS(exchange.function, "sendto() error : %s\n");
         return kNotSent;
     }
     if (Receive(exchange, response) != Ready::kYes) {
-        DNS_LOG_AS(exchange.function, "select(&readset) timeout!\n");
+        LOG_AS(exchange.function, "select(&readset) timeout!\n");
         return kNoAnswer;
     }
     return DNS_CheckMXAnswer(response.bytes, response.length, length);
@@ -193,8 +194,9 @@ int DNS_BuildQuery(const char *pDomainName, uint8_t *pMessage, uint16_t type) {
 
 int DNS_SendAQuery(int fd, const struct sockaddr_in *pServer, const char *pDomainName,
                    tDnsAddrEntry *pResult, int timeout) {
+    const talvek::CancelGuard guard;
     if (pDomainName == nullptr) {
-        DNS_LOG("pDomainName is NULL!\n");
+        LOG("pDomainName is NULL!\n");
         return kNoAnswer;
     }
     if (pServer == nullptr || pResult == nullptr) {
@@ -203,27 +205,27 @@ int DNS_SendAQuery(int fd, const struct sockaddr_in *pServer, const char *pDomai
     uint8_t message[DNS_MESSAGE_SIZE];
     const int length = DNS_BuildQuery(pDomainName, message, DNS_TYPE_A);
     if (length < 0) {
-        DNS_LOG("invalid pDomainName [%s]\n", pDomainName);
+        LOG("invalid pDomainName [%s]\n", pDomainName);
         return kNoAnswer;
     }
     if (Wait(fd, POLLOUT, Deadline{timeout}) != Ready::kYes) {
-        DNS_LOG("select(writeset:%d) timeout! : %s\n", fd, strerror(errno));
+        LOG_ERRNO("select(writeset:%d) timeout! : %s\n", fd);
         return kNotSent;
     }
     const Exchange exchange{__func__, fd, pServer, timeout};
     const ssize_t sent = Send(exchange, message, length);
     if (sent < length) {
-        DNS_LOG("sendto() error : %d/%d - %s\n", static_cast<int>(sent), length, strerror(errno));
+        LOG_ERRNO("sendto() error : %d/%d - %s\n", static_cast<int>(sent), length);
         return kNotSent;
     }
     constexpr int kAttempt = 0;  // an A query has this one attempt
     Response response;
     switch (Receive(exchange, response)) {
         case Ready::kTimeout:
-            DNS_LOG("[%d] select() timeout\n", kAttempt);
+            LOG("[%d] select() timeout\n", kAttempt);
             return kNoAnswer;
         case Ready::kError:
-            DNS_LOG("[%d] select() error : %s\n", kAttempt, strerror(errno));
+            LOG_ERRNO("[%d] select() error : %s\n", kAttempt);
             return kNoAnswer;
         case Ready::kYes:
             break;
@@ -236,13 +238,14 @@ int DNS_SendAQuery(int fd, const struct sockaddr_in *pServer, const char *pDomai
 
 int DNS_SendMXQuery(int fd, const struct sockaddr_in *pServer, const char *pDomainName,
                     tDnsAddrEntry *pResult, int timeout) {
+    const talvek::CancelGuard guard;
     if (pServer == nullptr || pResult == nullptr) {
         return kNoAnswer;
     }
     uint8_t message[DNS_MESSAGE_SIZE];
     const int length = DNS_BuildQuery(pDomainName, message, DNS_TYPE_MX);
     if (length < 0) {
-        DNS_LOG("invalid pDomainName\n");
+        LOG("invalid pDomainName\n");
         return kNoAnswer;
     }
     const Exchange exchange{__func__, fd, pServer, timeout};

@@ -18,10 +18,10 @@
  *
  * The headers are plain C11 and can be read by C++. */
 
-#include "service/client.h"
-#include "service/daemon.h"
-#include "service/handler.h"
-#include "service/package.h"
-#include "service/session.h"
+#include "client.h"
+#include "daemon.h"
+#include "handler.h"
+#include "package.h"
+#include "session.h"
 
 #endif

@@ -10,12 +10,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "common/internal/byte_reader.h"
-#include "common/internal/heap_buf.h"
-#include "common/internal/mutex_lock.h"
-#include "common/internal/unique_fd.h"
+#include "base/cancel_guard.h"
+#include "base/byte_reader.h"
+#include "base/heap_buf.h"
+#include "base/mutex_lock.h"
+#include "base/unique_fd.h"
+#include "service/internal/module_log.h"
 #include "service/internal/send_bytes.h"
-#include "service/internal/service_log.h"
 #include "service/internal/socket_address.h"
 #include "service/internal/wait.h"
 #include "service/package.h"
@@ -87,9 +88,8 @@ void Exchange::AppendEnvironment() {
         const size_t at = pkg().sz;
         const size_t length = strlen(*ppString) + 1;
         if (at + length > TALVEK_PKG_MAX) {
-            TALVEK_LOG_AS("TALVEK_Client",
-                          "Warning!!using size(%d) > CALLOC buf_sz(%d), break loop\n",
-                          static_cast<int>(at + length), TALVEK_PKG_MAX);
+            LOG_AS("TALVEK_Client", "Warning!!using size(%d) > CALLOC buf_sz(%d), break loop\n",
+                   static_cast<int>(at + length), TALVEK_PKG_MAX);
             return;
         }
         memcpy(bytes_ + at, *ppString, length);
@@ -156,12 +156,12 @@ int Exchange::Status() const {
 UniqueFd Connect(const SocketAddress &to) {
     UniqueFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     if (!fd) {
-        TALVEK_LOG_PLAIN("socket(AF_UNIX) failed : %s\n", strerror(errno));
+        LOG_ERRNO_PLAIN("socket(AF_UNIX) failed : %s\n");
         return fd;
     }
     if (connect(fd.get(), to.get(), to.length) == -1) {
-        TALVEK_LOG_PLAIN("connect(%s, %d) failed : %s\n", to.address.sun_path,
-                         static_cast<int>(to.length), strerror(errno));
+        LOG_ERRNO_PLAIN("connect(%s, %d) failed : %s\n", to.address.sun_path,
+                        static_cast<int>(to.length));
         fd.Reset();
     }
     return fd;
@@ -171,10 +171,11 @@ UniqueFd Connect(const SocketAddress &to) {
 }  // namespace talvek
 
 int TALVEK_Client(const char *pSocketPath, const char *pCommand) {
+    const talvek::CancelGuard guard;
     constexpr size_t kLongest = TALVEK_PKG_MAX - talvek::kHeader - 1;
     if (pCommand == nullptr || strlen(pCommand) > kLongest) {
-        TALVEK_LOG_AS(__func__, "a command of at most %d characters is needed\n",
-                      static_cast<int>(kLongest));
+        LOG_AS(__func__, "a command of at most %d characters is needed\n",
+               static_cast<int>(kLongest));
         return talvek::kFailed;
     }
     const talvek::SocketAddress daemon{pSocketPath};

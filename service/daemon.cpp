@@ -12,12 +12,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "base/unique_fd.h"
 #include "common/COMMON.h"
-#include "common/internal/unique_fd.h"
 #include "service/handler.h"
 #include "service/internal/listener_signals.h"
+#include "service/internal/module_log.h"
 #include "service/internal/retry_pause.h"
-#include "service/internal/service_log.h"
 #include "service/internal/session_table.h"
 #include "service/internal/socket_address.h"
 #include "service/internal/wait.h"
@@ -67,16 +67,16 @@ UniqueFd Listen(const SocketAddress &at) {
     // next ones, nor a signal.
     UniqueFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
     if (!fd) {
-        TALVEK_LOG_PLAIN("socket(AF_UNIX) failed : %s\n", strerror(errno));
+        LOG_ERRNO_PLAIN("socket(AF_UNIX) failed : %s\n");
         return fd;
     }
     RemoveStaleSocket(at);
     if (BindTo(fd.get(), at) == -1) {
-        TALVEK_LOG_PLAIN("bind(%s, %d) failed : %s\n", at.address.sun_path,
-                         static_cast<int>(at.length), strerror(errno));
+        LOG_ERRNO_PLAIN("bind(%s, %d) failed : %s\n", at.address.sun_path,
+                        static_cast<int>(at.length));
         fd.Reset();
     } else if (listen(fd.get(), kBacklog) == -1) {
-        TALVEK_LOG_PLAIN("listen(%d, 1) failed : %s\n", fd.get(), strerror(errno));
+        LOG_ERRNO_PLAIN("listen(%d, 1) failed : %s\n", fd.get());
         fd.Reset();
     }
     return fd;
@@ -165,7 +165,7 @@ void Listener::ReportAccept(int error) {
     }
     const bool full = IsWantOfRoom(error);
     if (!full || pause_.Fail(NowMs())) {
-        TALVEK_LOG_PLAIN("[%s] : accept() failed : %s\n", at_.address.sun_path, strerror(error));
+        LOG_PLAIN("[%s] : accept() failed : %s\n", at_.address.sun_path, strerror(error));
     }
     if (full) {
         const timespec time{static_cast<time_t>(pause_.pause() / 1000),
@@ -184,9 +184,9 @@ bool Listener::ForkedChild() {
         return true;
     }
     if (child == -1) {
-        TALVEK_LOG_PLAIN("Can't fork() child : %s\n", strerror(errno));
+        LOG_ERRNO_PLAIN("Can't fork() child : %s\n");
     } else {
-        TALVEK_LOG_PLAIN("PID[%d][%d] fork() to handle client()\n", client_.daemon_pid, child);
+        LOG_PLAIN("PID[%d][%d] fork() to handle client()\n", client_.daemon_pid, child);
     }
     COM_CloseFd(&client_.fd);
     return false;

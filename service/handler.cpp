@@ -10,11 +10,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/byte_writer.h"
+#include "base/heap_buf.h"
+#include "base/scope_exit.h"
 #include "common/COMMON.h"
-#include "common/internal/byte_reader.h"
-#include "common/internal/heap_buf.h"
-#include "common/internal/scope_exit.h"
-#include "service/internal/service_log.h"
+#include "service/internal/module_log.h"
 #include "service/internal/wait.h"
 #include "service/session.h"
 
@@ -104,7 +104,7 @@ Connection::Next Connection::TakePackage() {
     }
     const int type = TALVEK_CheckPkgHeader(&pkg(), static_cast<uint32_t>(held_));
     if (type != 0 && pkg().sz > TALVEK_PKG_MAX) {
-        TALVEK_LOG_PLAIN("pkg sz = %d, more than %d!\n", int{pkg().sz}, TALVEK_PKG_MAX);
+        LOG_PLAIN("pkg sz = %d, more than %d!\n", int{pkg().sz}, TALVEK_PKG_MAX);
         return Next::kClose;
     }
     if (type != 0 && held_ < pkg().sz) {
@@ -122,7 +122,7 @@ Connection::Next Connection::Dispatch(int type) {
             RunCommand();
             return Next::kRead;
         default:
-            TALVEK_LOG_PLAIN("pkg type = %d, not implement yet!\n", type);
+            LOG_PLAIN("pkg type = %d, not implement yet!\n", type);
             return Next::kRead;
     }
 }
@@ -147,7 +147,7 @@ void Connection::RunCommand() {
     const size_t end = pkg().sz > kHeader ? pkg().sz : kHeader;
     bytes_[end] = '\0';
     const char *pCommand = reinterpret_cast<const char *>(bytes_ + kHeader);
-    TALVEK_LOG_AS("TALVEK_DaemonHandler", "Command => [%s]\n", pCommand);
+    LOG_AS("TALVEK_DaemonHandler", "Command => [%s]\n", pCommand);
     const int status = TALVEK_RunCommand(pCommand);
 
     pkg().type = TALVEK_PKG_RESULT;

@@ -1,7 +1,7 @@
 #ifndef TALVEK_SERVICE_HANDLER_H
 #define TALVEK_SERVICE_HANDLER_H
 
-#include "service/package.h"
+#include "package.h"
 
 #ifdef __cplusplus
 extern "C" {

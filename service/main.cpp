@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "service/TALVEK.h"
-#include "service/internal/service_log.h"
+#include "service/internal/module_log.h"
 
 namespace talvek {
 namespace {
@@ -79,14 +79,14 @@ void OpenMissingStandardStreams() {
 
 int RunDaemon(const char *pSocketPath) {
     signal(SIGCHLD, SIG_IGN);
-    TALVEK_LOG_PLAIN("Daemon Mode - [%s]\n", pSocketPath);
+    LOG_PLAIN("Daemon Mode - [%s]\n", pSocketPath);
     const pid_t child = fork();
     if (child == -1) {
-        TALVEK_LOG_PLAIN("fork() failed : %s\n", strerror(errno));
+        LOG_ERRNO_PLAIN("fork() failed : %s\n");
         return 0;
     }
     if (child > 0) {
-        TALVEK_LOG_PLAIN("Master[%d] is leaving - you're on your own [%d]\n", getpid(), child);
+        LOG_PLAIN("Master[%d] is leaving - you're on your own [%d]\n", getpid(), child);
         return 0;
     }
     return TALVEK_Daemon(pSocketPath);
@@ -100,13 +100,13 @@ int main(int argc, char **argv) {
     const talvek::Options options{argc, argv};
     switch (options.mode()) {
         case talvek::Mode::kClient:
-            TALVEK_LOG_PLAIN("Client Mode - [%s][%s]\n", options.path(), options.command());
+            LOG_PLAIN("Client Mode - [%s][%s]\n", options.path(), options.command());
             return TALVEK_Client(options.path(), options.command());
         case talvek::Mode::kDaemon:
             return talvek::RunDaemon(options.path());
         case talvek::Mode::kNone:
             break;
     }
-    TALVEK_LOG_PLAIN("Unknown mode[%d]\n", static_cast<int>(options.mode()));
+    LOG_PLAIN("Unknown mode[%d]\n", static_cast<int>(options.mode()));
     return 0;
 }

@@ -8,10 +8,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "common/internal/byte_reader.h"
-#include "common/internal/heap_buf.h"
+#include "base/byte_reader.h"
+#include "base/heap_buf.h"
+#include "service/internal/module_log.h"
 #include "service/internal/send_bytes.h"
-#include "service/internal/service_log.h"
 
 namespace talvek {
 namespace {
@@ -39,14 +39,14 @@ struct Header {
 };
 
 void DumpHeader(const Header &header, const tTalvekPkg &pkg, uint16_t computed) {
-    TALVEK_LOG_PLAIN("Fail to check tTalvekPkg header:\n=========================\n");
-    TALVEK_LOG_PLAIN("(ver, fragement) = (%d, %d)\n", header.ver, header.fragement);
-    TALVEK_LOG_PLAIN("(pkg_cnt, pkg_idx) = (%d, %d)\n", header.count, header.index);
-    TALVEK_LOG_PLAIN("(session, sn) = (0x%08X, 0x%04X)\n", static_cast<unsigned>(pkg.session),
-                     unsigned{pkg.sn});
-    TALVEK_LOG_PLAIN("(chksum, type, sz) = (0x%04X/0x%04X, %d, %d)\n", unsigned{pkg.chksum},
-                     unsigned{computed}, int{pkg.type}, int{pkg.sz});
-    TALVEK_LOG_PLAIN("========================\n");
+    LOG_PLAIN("Fail to check tTalvekPkg header:\n=========================\n");
+    LOG_PLAIN("(ver, fragement) = (%d, %d)\n", header.ver, header.fragement);
+    LOG_PLAIN("(pkg_cnt, pkg_idx) = (%d, %d)\n", header.count, header.index);
+    LOG_PLAIN("(session, sn) = (0x%08X, 0x%04X)\n", static_cast<unsigned>(pkg.session),
+              unsigned{pkg.sn});
+    LOG_PLAIN("(chksum, type, sz) = (0x%04X/0x%04X, %d, %d)\n", unsigned{pkg.chksum},
+              unsigned{computed}, int{pkg.type}, int{pkg.sz});
+    LOG_PLAIN("========================\n");
 }
 
 // Only a socket can be told not to raise SIGPIPE; another kind of descriptor is written as it is.

@@ -6,7 +6,7 @@
 
 #include <array>
 
-#include "common/internal/mutex_lock.h"
+#include "base/mutex_lock.h"
 #include "service/internal/session_table.h"
 
 namespace talvek {

@@ -10,7 +10,7 @@
 
 #include <array>
 
-#include "common/internal/ascii_case.h"
+#include "base/characters.h"
 
 namespace talvek {
 namespace {

@@ -5,8 +5,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "common/internal/file_open.h"
-#include "common/internal/unique_fd.h"
+#include "base/path.h"
+#include "base/unique_stream.h"
 
 namespace talvek {
 

@@ -13,8 +13,8 @@ namespace talvek {
 inline void CopyText(const char *pFunction, char *pDst, size_t size, const char *pSrc) {
     const int length = snprintf(pDst, size, "%s", pSrc);
     if (length >= 0 && static_cast<size_t>(length) >= size) {
-        DEV_LOG_AS(pFunction, "Warning! overflow (len, size) = (%d, %d)\n", length,
-                   static_cast<int>(size));
+        LOG_AS(pFunction, "Warning! overflow (len, size) = (%d, %d)\n", length,
+               static_cast<int>(size));
     }
 }
 

@@ -7,7 +7,8 @@
 #include <array>
 #include <span>
 
-#include "common/internal/byte_reader.h"
+#include "base/byte_reader.h"
+#include "base/byte_writer.h"
 #include "dev/scsi.h"
 
 namespace talvek {

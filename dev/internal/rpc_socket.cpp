@@ -12,7 +12,7 @@
 
 #include <span>
 
-#include "common/internal/byte_reader.h"
+#include "base/byte_reader.h"
 
 namespace talvek::rpc {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <netinet/in.h>
 
-#include "common/internal/unique_fd.h"
+#include "base/unique_fd.h"
 
 // Sockets to RPC servers on which every wait has an end. The RPC library would wait for minutes to
 // be connected, and over TCP for its time-out anew with each byte that comes.

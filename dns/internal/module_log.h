@@ -3,9 +3,7 @@
 
 #include "common/log.h"
 
-// One macro a module: module name, line and the function's own name. A helper that works for an
-// entry says the entry's name with the _AS form.
-#define DNS_LOG(...) COM_Log("DNS", __LINE__, __func__, __VA_ARGS__)
-#define DNS_LOG_AS(function, ...) COM_Log("DNS", __LINE__, function, __VA_ARGS__)
+#define TALVEK_MODULE "DNS"
+#include "base/log_macros.h"
 
 #endif

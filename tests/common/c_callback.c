@@ -1,4 +1,4 @@
-/* Callbacks as C programs on the device have them: compiled without unwind tables. */
+/* A callback as C programs on the device have it: compiled without unwind tables. */
 
 #include "c_callback.h"
 
@@ -21,11 +21,4 @@ int SleepInC(void *pArg) {
     __atomic_store_n((int *)pArg, 1, __ATOMIC_RELEASE);
     SleepLong();
     return 0;
-}
-
-void SleepOnLineInC(const char *pLine, void *pUser) {
-    if (pLine != NULL) {
-        __atomic_store_n((int *)pUser, 1, __ATOMIC_RELEASE);
-        SleepLong();
-    }
 }

@@ -5,9 +5,8 @@
 extern "C" {
 #endif
 
-/* Each sets the int that its argument points to and then sleeps for a minute. */
+/* Sets the int that its argument points to and then sleeps for a minute. */
 int SleepInC(void *pArg);
-void SleepOnLineInC(const char *pLine, void *pUser);
 
 #ifdef __cplusplus
 }

@@ -1,12 +1,8 @@
-// Threads that are cancelled inside calls that block: what the call holds is released.
+// Cancellation of threads: where it acts, what is held is released; everywhere else it waits.
 
 #include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <pthread.h>
-#include <signal.h>
-#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,16 +13,15 @@
 #include "c_callback.h"
 #include "common/command.h"
 #include "common/file.h"
-#include "common/net_info.h"
 #include "common/process.h"
-#include "common/system_info.h"
-#include "common/terminal.h"
+#include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/temp_dir.h"
 
 namespace {
 
 using talvek::test::CaptureLog;
+using talvek::test::OutlastsCancellation;
 using talvek::test::TempDir;
 using Lines = std::vector<std::string>;
 
@@ -81,14 +76,6 @@ void CancelInside(const std::function<void()> &body, const std::function<bool()>
     ASSERT_EQ(0, pthread_join(thread, &result));
     EXPECT_EQ(PTHREAD_CANCELED, result);
     EXPECT_TRUE(IsSet(job.unwound)) << "the caller's frame";
-}
-
-int OpenCount() {
-    int count = 0;
-    for (int fd = 0; fd < 1024; ++fd) {
-        count += fcntl(fd, F_GETFD) != -1;
-    }
-    return count;
 }
 
 void ExpectNoChild() {
@@ -215,142 +202,29 @@ TEST_F(CallLocked, UnlocksEveryMutexOfNestedCalls) {
     pthread_mutex_destroy(&second);
 }
 
-// ---- COM_System ----
+// ---- cancellation waits until a call is over ----
 
-TEST(CancelSystem, KillsAndCollectsTheProgramAndRestoresTheSignals) {
-    struct sigaction interrupt;
-    struct sigaction quit;
-    sigaction(SIGINT, nullptr, &interrupt);
-    sigaction(SIGQUIT, nullptr, &quit);
-    const int fds = OpenCount();
-    int pid = 0;
-    int seen = 0;
-    CancelInside([&] { COM_System("/bin/sleep 60", &pid); },
-                 [&] { return (seen = __atomic_load_n(&pid, __ATOMIC_ACQUIRE)) != 0; });
-    EXPECT_EQ(0, pid);
-    EXPECT_EQ(-1, kill(seen, 0));
-    ExpectNoChild();
-    EXPECT_EQ(fds, OpenCount());
-    struct sigaction after;
-    sigaction(SIGINT, nullptr, &after);
-    EXPECT_EQ(interrupt.sa_handler, after.sa_handler);
-    sigaction(SIGQUIT, nullptr, &after);
-    EXPECT_EQ(quit.sa_handler, after.sa_handler);
-}
-
-// At any moment of the call, also before the program is there.
-TEST(CancelSystem, LeavesNoProgramBehindWheneverItComes) {
-    for (int delay = 0; delay < 2000; delay += 100) {
-        int started = 0;
-        int pid = 0;
-        CancelInside(
-            [&] {
-                Set(started);
-                COM_System("/bin/sleep 60", &pid);
-            },
-            [&] { return IsSet(started) && usleep(static_cast<useconds_t>(delay)) == 0; });
-        ExpectNoChild();
-        EXPECT_EQ(0, pid);
-    }
-}
-
-// ---- COM_PopenRead ----
-
-TEST(CancelPopenRead, CollectsACommandThatIsWaitedFor) {
-    const TempDir dir;
-    const std::string flag = dir / "flag";
-    const std::string command = "echo > " + flag + "; sleep 0.3";
-    const int fds = OpenCount();
-    CancelInside([&] { COM_PopenRead(command.c_str(), nullptr, nullptr, nullptr); },
-                 [&] { return access(flag.c_str(), F_OK) == 0; });
-    EXPECT_EQ(fds, OpenCount());
-    ExpectNoChild();
-}
-
-TEST(CancelPopenRead, CollectsTheCommandOfACallbackThatIsCancelled) {
-    const int fds = OpenCount();
-    int inside = 0;
-    CancelInside(
-        [&] {
-            COM_PopenRead("echo 1; echo 2", nullptr, &inside, [](const char *pLine, void *pUser) {
-                EXPECT_NE(nullptr, pLine) << "the end is not told to a thread that is cancelled";
-                Set(*static_cast<int *>(pUser));
-                SleepMinute();
-            });
-        },
-        [&] { return IsSet(inside); });
-    EXPECT_EQ(fds, OpenCount());
-    ExpectNoChild();
-}
-
-TEST(CancelPopenRead, CollectsTheCommandOfACallbackInC) {
-    const int fds = OpenCount();
-    int inside = 0;
-    CancelInside([&] { COM_PopenRead("echo 1", nullptr, &inside, SleepOnLineInC); },
-                 [&] { return IsSet(inside); });
-    EXPECT_EQ(fds, OpenCount());
-    ExpectNoChild();
-}
-
-// ---- COM_CloseFdExceptSTD ----
-
-// A cancellation that is pending comes with the first descriptor that is to be closed.
-TEST(CancelCloseFdExceptSTD, ClosesItsListing) {
-    const int fds = OpenCount();
-    CancelInside(
-        [] {
-            pthread_cancel(pthread_self());
-            COM_CloseFdExceptSTD(getpid());
-        },
-        [] { return true; });
-    EXPECT_EQ(fds, OpenCount());
-}
-
-// ---- streams ----
-
-// A cancellation that is pending comes while the file is opened.
-TEST(CancelOpening, LosesNothing) {
+TEST(Cancellation, WaitsUntilACallIsOver) {
     static const TempDir dir;
-    static const std::string pidFile = dir / "pid";
+    static const std::string file = dir / "file";
     void (*const calls[])() = {
-        [] { COM_SavePid(pidFile.c_str()); },
+        [] { EXPECT_EQ(0, COM_System("/bin/true", nullptr)); },
+        [] { EXPECT_EQ(0, COM_PopenRead("echo 1", nullptr, nullptr, nullptr)); },
+        [] { COM_SavePid(file.c_str()); },
         [] {
             tFileItem item = {2, "a=", "a=1"};
-            tFileItemRequest request = {1, 0, 0, 0, &item};
-            COM_ReplaceItemsInFile(pidFile.c_str(), &request);
+            tFileItemRequest request = {1, 0, 0, 1, &item};
+            EXPECT_EQ(1, COM_ReplaceItemsInFile(file.c_str(), &request));
         },
-        [] { COM_KillDhcpProc("no such", "program"); },
-        [] { COM_KillProcess("no such program", 0, 0); },
         [] {
             tProcState self = {getpid(), ""};
-            COM_CheckProcState(&self);
-        },
-        [] { COM_GetMemAndSwap(nullptr); },
-        [] {
-            char name[16];
-            COM_GetDefaultRoute(name);
-        },
-        [] {
-            char path[32];
-            COM_GetSerialPort(2, path);
+            EXPECT_EQ(0, COM_CheckProcState(&self));
         },
     };
     for (const auto &call : calls) {
-        const auto cancel = [call] {
-            CancelInside(
-                [call] {
-                    pthread_cancel(pthread_self());
-                    call();
-                },
-                [] { return true; });
-        };
-        cancel();  // what the first cancellation of a program allocates stays
-        const int fds = OpenCount();
-        const size_t held = mallinfo2().uordblks;
-        cancel();
-        EXPECT_EQ(held, mallinfo2().uordblks) << "call " << &call - calls;
-        EXPECT_EQ(fds, OpenCount());
+        EXPECT_TRUE(OutlastsCancellation(call)) << "call " << &call - calls;
     }
+    ExpectNoChild();
 }
 
 // ---- COM_SleepAtLeast ----

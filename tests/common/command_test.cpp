@@ -23,7 +23,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/internal/unique_fd.h"
+#include "base/unique_fd.h"
 #include "common/log.h"
 #include "support/canary.h"
 #include "support/capture.h"

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "common/internal/unique_fd.h"
+#include "base/unique_fd.h"
 #include "support/canary.h"
 #include "support/capture.h"
 #include "support/private_world.h"

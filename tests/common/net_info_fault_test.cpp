@@ -104,14 +104,14 @@ TEST(NetInfoFault, LogsTablesThatCannotBeOpened) {
     char out[18];
     EXPECT_EQ((Lines{"COMMON:COM_GetArpMAC(): fopen(/proc/net/arp) fail : Permission denied"}),
               CaptureLog([&] {
-                  const Fault fault{"open", 0, EACCES};
+                  const Fault fault{"fopen", 0, EACCES};
                   COM_GetArpMAC(15, "10.0.0.9", out);
               }));
     EXPECT_STREQ("00:00:00:00:00:00", out);
     EXPECT_EQ((Lines{"COMMON:COM_GetDefaultRoute(): fopen(/proc/net/route) : Permission denied"}),
               CaptureLog([] {
                   const CanaryBuf name{16};
-                  const Fault fault{"open", 0, EACCES};
+                  const Fault fault{"fopen", 0, EACCES};
                   EXPECT_EQ(-1, COM_GetDefaultRoute(name.text()));
                   EXPECT_TRUE(name.UntouchedFrom(0));
               }));
@@ -128,7 +128,7 @@ TEST(NetInfoFault, NamesTheGeneralResolvFileForEveryOne) {
         char out[16];
         EXPECT_EQ((Lines{"COMMON:COM_GetDnsServer(): fopen(/etc/resolv.conf) : Permission denied"}),
                   CaptureLog([&] {
-                      const Fault fault{"open", 0, EACCES};
+                      const Fault fault{"fopen", 0, EACCES};
                       EXPECT_EQ(-1, COM_GetDnsServer(35, "eth0", out));
                   }));
         EXPECT_STREQ("0.0.0.0", out);

@@ -388,4 +388,18 @@ TEST(PopenRead, LeavesNothingBehind) {
     EXPECT_EQ(ECHILD, errno);
 }
 
+TEST(Interruption, KeepsThePartOfALineThatWasRead) {
+    RunInPrivateWorld(kMounts, [] {
+        const Interruptions often{10};
+        Lines lines;
+        EXPECT_EQ(0, COM_PopenRead("printf par; sleep 0.2; echo tial; printf end", nullptr, &lines,
+                                   [](const char *pLine, void *pUser) {
+                                       if (pLine != nullptr) {
+                                           static_cast<Lines *>(pUser)->push_back(pLine);
+                                       }
+                                   }));
+        EXPECT_EQ((Lines{"partial\n", "end"}), lines);
+    });
+}
+
 }  // namespace

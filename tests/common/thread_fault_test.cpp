@@ -43,13 +43,13 @@ TEST(ThreadFault, APidFileThatCannotBeWrittenIsTold) {
         MountTmpfs("/var");
         EXPECT_EQ((Lines{"COMMON:COM_LogThread(): [one] fprintf() error : Input/output error"}),
                   CaptureLog([] {
-                      const Fault fault{"write", 0, EIO};
+                      const Fault fault{"fflush", 0, EIO};
                       EXPECT_EQ(1, COM_LogThread("one"));
                   }));
         EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : Too many "
                          "open files"}),
                   CaptureLog([] {
-                      const Fault fault{"open", 0, EMFILE};
+                      const Fault fault{"fopen", 0, EMFILE};
                       EXPECT_EQ(2, COM_LogThread("one"));
                   }));
     });

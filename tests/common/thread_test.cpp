@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "common/command.h"
+#include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/private_world.h"
 
@@ -35,6 +36,7 @@ using talvek::test::Capture;
 using talvek::test::CaptureLog;
 using talvek::test::kMounts;
 using talvek::test::MountTmpfs;
+using talvek::test::OutlastsCancellation;
 using talvek::test::ReadFile;
 using talvek::test::RunInPrivateWorld;
 
@@ -425,8 +427,8 @@ TEST(ThreadWatchdog, RefusesASecondStartAndAStopWithoutAStart) {
     });
 }
 
-// What the parent's watchdog held at the fork is lost in the child. Another program takes the
-// child's place, so that no tool blames the library for that.
+// Ends a child by another program: the blocks of the parent's other threads are lost in it, which
+// valgrind would report as leaks.
 [[noreturn]] void EndChild(bool good) {
     execl(good ? "/bin/true" : "/bin/false", "end", nullptr);
     _exit(2);
@@ -490,86 +492,48 @@ TEST(ThreadWatchdog, OfAForkedChildIsNotHeldUpByALookOfTheParent) {
     });
 }
 
-// Cancelling a thread at the points where it blocks. Afterwards the registry must answer, which it
-// cannot while the cancelled thread holds the lock, and no descriptor may be left.
-struct Blocked {
-    std::function<void()> call;
-    pthread_t thread;
-
-    static void *Start(void *pSelf) {
-        static_cast<Blocked *>(pSelf)->call();
-        return nullptr;
-    }
-    void CancelOnceBlocked() {
-        ASSERT_EQ(0, pthread_create(&thread, nullptr, Start, this));
-        usleep(100'000);
-        ASSERT_EQ(0, pthread_cancel(thread));
-        void *pResult = nullptr;
-        ASSERT_EQ(0, pthread_join(thread, &pResult));
-        EXPECT_EQ(PTHREAD_CANCELED, pResult);
-    }
-};
-
-int OpenFds() {
-    int count = 0;
-    for (int fd = 0; fd < 256; ++fd) {
-        count += fcntl(fd, F_GETFD) != -1;
-    }
-    return count;
-}
-
-TEST(LogThread, CanBeCancelledWhileThePidFileIsOpened) {
+TEST(Registry, LetsCancellationWait) {
     InEmptyRegistry([] {
-        ASSERT_EQ(0, mkdir("/var/run", 0755));
-        ASSERT_EQ(0, mkfifo("/var/run/fifo.thread.pid", 0600));  // opening waits for a reader
-        const int before = OpenFds();
-        Blocked blocked{[] { COM_LogThread("fifo"); }, {}};
-        blocked.CancelOnceBlocked();
-        EXPECT_EQ(before, OpenFds());
-        EXPECT_EQ(1, COM_LogThread("next"));
+        EXPECT_TRUE(OutlastsCancellation([] { EXPECT_EQ(1, COM_LogThread("first")); }));
+        EXPECT_EQ(Pid(), ReadFile("/var/run/first.thread.pid"));
+        EXPECT_TRUE(OutlastsCancellation([] { EXPECT_EQ(0, COM_LogThreadMemUsage(1)); }));
+        EXPECT_TRUE(OutlastsCancellation([] { COM_ShowThread(); }));
+        EXPECT_TRUE(OutlastsCancellation([] { EXPECT_EQ(0, COM_CreateThreadWatchdog(1)); }));
+        EXPECT_TRUE(OutlastsCancellation([] { EXPECT_EQ(0, COM_DestroyThreadWatchdog()); }));
+        EXPECT_EQ(2, COM_LogThread("second")) << "the registry is free";
     });
 }
 
-TEST(LogThread, CanBeCancelledWhileThePidFileIsWritten) {
+// A child finds the registry whole and free while the parent's threads register and look.
+TEST(Registry, IsFreeInTheChildOfAFork) {
     InEmptyRegistry([] {
-        ASSERT_EQ(0, mkdir("/var/run", 0755));
-        ASSERT_EQ(0, mkfifo("/var/run/fifo.thread.pid", 0600));
-        const int reader = open("/var/run/fifo.thread.pid", O_RDWR);
-        ASSERT_GE(reader, 0);
-        FillPipe(reader);
-        const int before = OpenFds();
-        Blocked blocked{[] { COM_LogThread("fifo"); }, {}};
-        blocked.CancelOnceBlocked();
-        EXPECT_EQ(before, OpenFds());
-        close(reader);
-        EXPECT_EQ(1, COM_LogThread("next"));
-    });
-}
-
-// The log line is written with the lock held, into a pipe that nobody empties.
-TEST(LogThreadMemUsage, ReleasesTheLockWhenCancelledWhileLogging) {
-    InEmptyRegistry([] {
-        COM_LogThread("logger");
-        int pipeFds[2];
-        ASSERT_EQ(0, pipe(pipeFds));
-        FillPipe(pipeFds[1]);
-        fflush(stdout);
-        const int saved = dup(STDOUT_FILENO);
-        dup2(pipeFds[1], STDOUT_FILENO);
-        Blocked adding{[] { COM_LogThreadMemUsage(1); }, {}};
-        adding.CancelOnceBlocked();
-        EXPECT_EQ(2, COM_LogThread("other")) << "the lock is free";
-        Blocked showing{[] { COM_ShowThread(); }, {}};
-        showing.CancelOnceBlocked();
-        EXPECT_EQ(3, COM_LogThread("another")) << "the lock is free";
-        // What the stream still holds goes the way of the pipe.
-        close(pipeFds[0]);
-        signal(SIGPIPE, SIG_IGN);
-        fflush(stdout);
-        clearerr(stdout);
-        dup2(saved, STDOUT_FILENO);
-        close(saved);
-        close(pipeFds[1]);
+        constexpr int kEntries = 3000;
+        std::atomic<bool> stop{false};
+        ASSERT_EQ(0, COM_CreateThreadWatchdog(1));
+        Capture([&] {
+            for (int i = 0; i < kEntries; ++i) {
+                COM_LogThread("entry");
+            }
+            std::thread registrar{[&stop] {
+                while (!stop) {
+                    COM_LogThread("busy");
+                    COM_ShowThread();
+                }
+            }};
+            for (int i = 0; i < 100; ++i) {
+                const pid_t child = fork();
+                if (child == 0) {
+                    alarm(60);  // ends a child that hangs
+                    EndChild(COM_LogThread("child") > kEntries);
+                }
+                int status = -1;
+                ASSERT_EQ(child, waitpid(child, &status, 0));
+                EXPECT_EQ(0, status) << "child " << i;
+            }
+            stop = true;
+            registrar.join();
+        });
+        EXPECT_EQ(0, COM_DestroyThreadWatchdog());
     });
 }
 

@@ -67,42 +67,6 @@ TEST(MountFault, LookUpsSurviveEveryFailure) {
     });
 }
 
-// The kernel's list is read from a pipe here, so that its reader can be made to wait.
-TEST(MountFault, ACancelledLookUpGivesEverythingBack) {
-    RunInPrivateWorld(kMounts, [] {
-        ReplaceProc();
-        ASSERT_EQ(0, mkfifo("/proc/mounts", 0600));
-        const int writer = open("/proc/mounts", O_RDWR | O_CLOEXEC);
-        const std::string line = "/dev/sda1 /mnt ext4 rw 0 0\n/dev/";
-        ASSERT_EQ(ssize_t(line.size()), write(writer, line.data(), line.size()));
-        const int fds = HeldFds();
-        const long blocks = HeldBlocks();
-        pthread_t thread;
-        ASSERT_EQ(0, pthread_create(
-                         &thread, nullptr,
-                         [](void *) -> void * {
-                             char text[DEV_MOUNT_TEXT_SIZE];
-                             Dev_GetMPT("/dev/sdb", text);
-                             return nullptr;
-                         },
-                         nullptr));
-        int left = 1;
-        for (int tries = 0; left > 0 && tries < 5000; ++tries) {
-            usleep(1000);
-            ASSERT_EQ(0, ioctl(writer, FIONREAD, &left));
-        }
-        EXPECT_EQ(0, left);
-        usleep(20000);  // the reader takes the first line and waits for the rest of the second
-        ASSERT_EQ(0, pthread_cancel(thread));
-        void *result = nullptr;
-        ASSERT_EQ(0, pthread_join(thread, &result));
-        EXPECT_EQ(PTHREAD_CANCELED, result);
-        EXPECT_EQ(fds, HeldFds());
-        EXPECT_EQ(blocks, HeldBlocks());
-        close(writer);
-    });
-}
-
 TEST(MountFault, TheTableSurvivesEveryFailure) {
     WithDisks([] {
         Capture([] {

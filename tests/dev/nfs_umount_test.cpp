@@ -30,7 +30,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/internal/byte_reader.h"
+#include "base/byte_reader.h"
 #include "dev/mount.h"
 #include "support/capture.h"
 #include "support/command.h"

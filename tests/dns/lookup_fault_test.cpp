@@ -80,7 +80,7 @@ TEST(LookupFault, LogsAFileThatCannotBeOpened) {
     char servers[DNS_MAX_NAME_SERVERS][DNS_NAME_SERVER_SIZE];
     EXPECT_EQ((Lines{"DNS:DNS_GetNameServer(): fopen(/etc/resolv.conf) error : Permission denied"}),
               CaptureLog([&] {
-                  const Fault fault{"open", 0, EACCES};
+                  const Fault fault{"fopen", 0, EACCES};
                   EXPECT_EQ(0, DNS_GetNameServer(servers));
               }));
 }

@@ -15,6 +15,7 @@
 
 #include "dns/DNS.h"
 #include "dns/scripted_server.h"
+#include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/private_world.h"
 
@@ -544,29 +545,15 @@ size_t OpenDescriptors() {
     return static_cast<size_t>(std::distance(begin(fds), end(fds)));
 }
 
-TEST(Threads, MayBeCancelledWhileTheyWait) {
+TEST(Threads, AreCancelledAfterTheLookup) {
     RunWithResolvConf(kOneServer, [] {
         for (const Lookup lookup : kBoth) {
             ScriptedServer server{"127.0.0.1", Deaf};
             const size_t before = OpenDescriptors();
-            pthread_t thread;
-            ASSERT_EQ(0, pthread_create(
-                             &thread, nullptr,
-                             [](void *pLookup) -> void * {
-                                 Results results;
-                                 (*static_cast<const Lookup *>(pLookup))("www.ex.test",
-                                                                         results.entries, 20);
-                                 return nullptr;
-                             },
-                             const_cast<Lookup *>(&lookup)));
-            while (server.Queries().empty()) {
-                usleep(1000);
-            }
-            EXPECT_EQ(before + 1, OpenDescriptors());
-            pthread_cancel(thread);
-            void *pResult = nullptr;
-            pthread_join(thread, &pResult);
-            EXPECT_EQ(PTHREAD_CANCELED, pResult);
+            EXPECT_TRUE(OutlastsCancellation([lookup] {
+                Results results;
+                EXPECT_EQ(-1, lookup("www.ex.test", results.entries, 1));
+            }));
             EXPECT_EQ(before, OpenDescriptors());
         }
     });

@@ -20,6 +20,7 @@
 
 #include "service/package.h"
 #include "service/support/wire.h"
+#include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
@@ -90,6 +91,7 @@ using talvek::test::CaptureLog;
 using talvek::test::CommandPkg;
 using talvek::test::Hex;
 using talvek::test::ListenAt;
+using talvek::test::OutlastsCancellation;
 using talvek::test::Pkg;
 using talvek::test::Put;
 using talvek::test::Quiet;
@@ -610,28 +612,12 @@ TEST(Client, ServesThreadsOneAfterAnother) {
     }
 }
 
-// A thread that is cancelled while its command runs gives everything back.
-TEST(Client, ACancelledCallReleasesTheOthers) {
-    std::atomic<int> connections{0};
-    std::atomic<bool> waiting{false};
+TEST(Client, LetsCancellationWait) {
     const FakeDaemon daemon{[&](int fd) {
-                                TakeCommand(fd);
-                                if (connections++ == 0) {
-                                    waiting = true;
-                                    EXPECT_TRUE(AtEnd(fd)) << "the descriptor is closed";
-                                } else {
-                                    Put(fd, ResultPkg(7));
-                                }
-                            },
-                            2};
-    std::thread caller{[&] { static_cast<void>(daemon.Ask("true")); }};
-    while (!waiting) {
-        usleep(1000);
-    }
-    usleep(10000);
-    pthread_cancel(caller.native_handle());
-    caller.join();
-    EXPECT_EQ(7, daemon.Ask("true"));
+        TakeCommand(fd);
+        Put(fd, ResultPkg(7));
+    }};
+    EXPECT_TRUE(OutlastsCancellation([&] { EXPECT_EQ(7, daemon.Ask("true")); }));
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
-#ifndef TALVEK_COMMON_INTERNAL_MUTEX_LOCK_H
-#define TALVEK_COMMON_INTERNAL_MUTEX_LOCK_H
+#ifndef TALVEK_BASE_MUTEX_LOCK_H
+#define TALVEK_BASE_MUTEX_LOCK_H
 
 #include <pthread.h>
 
 namespace talvek {
 
-// Holds a mutex for a scope; a thread that is cancelled inside releases it on its way out.
+// Locks a mutex for a scope.
 class MutexLock {
   public:
     explicit MutexLock(pthread_mutex_t &mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }

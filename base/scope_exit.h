@@ -1,5 +1,5 @@
-#ifndef TALVEK_COMMON_INTERNAL_SCOPE_EXIT_H
-#define TALVEK_COMMON_INTERNAL_SCOPE_EXIT_H
+#ifndef TALVEK_BASE_SCOPE_EXIT_H
+#define TALVEK_BASE_SCOPE_EXIT_H
 
 #include <errno.h>
 
@@ -7,12 +7,12 @@
 
 namespace talvek {
 
-// Runs an action at the end of the scope, also when a cancelled thread unwinds through it.
+// Runs an action at the end of the scope.
 template <typename Action>
 class ScopeExit {
   public:
     explicit ScopeExit(Action action) : action_(std::move(action)) {}
-    ~ScopeExit() noexcept(false) { action_(); }
+    ~ScopeExit() { action_(); }
     ScopeExit(const ScopeExit &) = delete;
     ScopeExit &operator=(const ScopeExit &) = delete;
 
@@ -20,7 +20,7 @@ class ScopeExit {
     Action action_;
 };
 
-// Keeps errno over a destructor or a clean-up that makes system calls of its own.
+// Restores errno at the end of the scope.
 class ErrnoKeeper {
   public:
     ErrnoKeeper() : saved_(errno) {}

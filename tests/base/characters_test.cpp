@@ -1,7 +1,7 @@
 // Texts compared without regard to case, in a program whose locale has other ideas of case than
 // ASCII.
 
-#include "common/internal/ascii_case.h"
+#include "base/characters.h"
 
 #include <ctype.h>
 #include <gtest/gtest.h>
@@ -33,7 +33,7 @@ using talvek::test::RunInPrivateWorld;
 using talvek::test::TempDir;
 using talvek::test::WriteFile;
 
-TEST(AsciiCase, FoldsTheTwentySixLettersAlone) {
+TEST(Characters, FoldsTheTwentySixLettersAlone) {
     for (int code = 0; code < 256; ++code) {
         const char c = static_cast<char>(code);
         const bool upper = code >= 0x41 && code <= 0x5A;
@@ -43,7 +43,7 @@ TEST(AsciiCase, FoldsTheTwentySixLettersAlone) {
     }
 }
 
-TEST(AsciiCase, EndsWithTheShorterText) {
+TEST(Characters, EndsWithTheShorterText) {
     EXPECT_TRUE(BeginsIgnoringCase("Text", "tEXTile", 4));
     EXPECT_FALSE(BeginsIgnoringCase("Text", "tEXTile", 5));
     EXPECT_TRUE(BeginsIgnoringCase("", "x", 0));
@@ -56,7 +56,7 @@ TEST(AsciiCase, EndsWithTheShorterText) {
 
 // Turkish has an i with and one without a dot, each in both cases; 0xD6 and 0xF6 are an O with dots
 // in both cases.
-TEST(AsciiCase, IsTheSameInEveryLocale) {
+TEST(Characters, IsTheSameInEveryLocale) {
     if (access("/usr/share/i18n/locales/tr_TR", R_OK) != 0) {
         GTEST_SKIP() << "the sources of the locales are not installed (packages.txt)";
     }

@@ -1,5 +1,5 @@
-#ifndef TALVEK_COMMON_INTERNAL_BYTE_READER_H
-#define TALVEK_COMMON_INTERNAL_BYTE_READER_H
+#ifndef TALVEK_BASE_BYTE_READER_H
+#define TALVEK_BASE_BYTE_READER_H
 
 #include <stddef.h>
 #include <stdint.h>
@@ -7,12 +7,12 @@
 
 #include <span>
 
+#include "base/endian.h"
+
 namespace talvek {
 
-enum class Endian { kBig, kLittle };
-
-// Takes bytes from outside apart by position and never touches one beyond them: a field that does
-// not lie wholly inside reads as zero and sets failed().
+// Reads fields at byte offsets of a buffer from outside, never beyond it: a field that is not
+// wholly inside reads as zero and sets failed().
 template <Endian kEndian>
 class ByteReader {
   public:
@@ -74,56 +74,6 @@ class ByteReader {
 
 using BigEndianReader = ByteReader<Endian::kBig>;
 using LittleEndianReader = ByteReader<Endian::kLittle>;
-
-// Puts fields together by position, never beyond the buffer: a field that does not fit wholly is
-// left out and sets failed().
-template <Endian kEndian>
-class ByteWriter {
-  public:
-    ByteWriter(void *pBytes, size_t size)
-        : bytes_(static_cast<uint8_t *>(pBytes), pBytes != nullptr ? size : 0) {}
-
-    [[nodiscard]] bool failed() const { return failed_; }
-
-    bool U8(size_t offset, uint8_t value) { return Put<1>(offset, value); }
-    bool U16(size_t offset, uint16_t value) { return Put<2>(offset, value); }
-    bool U32(size_t offset, uint32_t value) { return Put<4>(offset, value); }
-    bool Copy(size_t offset, const void *pSrc, size_t count) {
-        if (!Room(offset, count)) {
-            return false;
-        }
-        if (count > 0) {
-            memcpy(bytes_.data() + offset, pSrc, count);
-        }
-        return true;
-    }
-
-  private:
-    bool Room(size_t offset, size_t count) {
-        if (offset <= bytes_.size() && count <= bytes_.size() - offset) {
-            return true;
-        }
-        failed_ = true;
-        return false;
-    }
-    template <size_t kCount>
-    bool Put(size_t offset, uint64_t value) {
-        if (!Room(offset, kCount)) {
-            return false;
-        }
-        for (size_t i = 0; i < kCount; ++i) {
-            const size_t at = kEndian == Endian::kBig ? kCount - 1 - i : i;
-            bytes_[offset + at] = static_cast<uint8_t>(value >> (8 * i));
-        }
-        return true;
-    }
-
-    std::span<uint8_t> bytes_;
-    bool failed_ = false;
-};
-
-using BigEndianWriter = ByteWriter<Endian::kBig>;
-using LittleEndianWriter = ByteWriter<Endian::kLittle>;
 
 }  // namespace talvek
 

@@ -1,6 +1,8 @@
-#ifndef TALVEK_COMMON_INTERNAL_HEAP_BUF_H
-#define TALVEK_COMMON_INTERNAL_HEAP_BUF_H
+#ifndef TALVEK_BASE_HEAP_BUF_H
+#define TALVEK_BASE_HEAP_BUF_H
 
+#include <errno.h>
+#include <stdint.h>
 #include <stdlib.h>
 
 #include <utility>
@@ -25,6 +27,21 @@ class HeapBuf {
     // A zeroed block of `count` elements; empty when there is no memory.
     static HeapBuf Zeroed(size_t count) {
         return HeapBuf{static_cast<T *>(calloc(count, sizeof(T)))};
+    }
+
+    // Resizes the block to `count` elements, at least one, and keeps those that fit; new ones are
+    // not initialised. False, with errno ENOMEM and the block unchanged, when there is no memory.
+    [[nodiscard]] bool Resize(size_t count) {
+        if (count > SIZE_MAX / sizeof(T)) {
+            errno = ENOMEM;
+            return false;
+        }
+        T *block = static_cast<T *>(realloc(block_, (count > 0 ? count : 1) * sizeof(T)));
+        if (block == nullptr) {
+            return false;
+        }
+        block_ = block;
+        return true;
     }
 
     [[nodiscard]] T *get() const { return block_; }

@@ -1,0 +1,39 @@
+#include "base/path.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+
+namespace talvek {
+
+int OpenPath(const char *pPath, int flags, mode_t mode) {
+    if (pPath == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    return ::open(pPath, flags | O_CLOEXEC, mode);
+}
+
+FILE *OpenStream(const char *pPath, const char *pMode) {
+    if (pPath == nullptr) {
+        errno = EFAULT;
+        return nullptr;
+    }
+    const char mode[] = {pMode[0], 'e', pMode[1], '\0'};  // "e" is O_CLOEXEC
+    return ::fopen(pPath, mode);
+}
+
+int StatPath(const char *pPath, struct stat *pStat) {
+    if (pPath == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    return ::stat(pPath, pStat);
+}
+
+const char *LastComponent(const char *pPath) {
+    const char *slash = strrchr(pPath, '/');
+    return slash != nullptr ? slash + 1 : pPath;
+}
+
+}  // namespace talvek

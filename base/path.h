@@ -1,0 +1,27 @@
+#ifndef TALVEK_BASE_PATH_H
+#define TALVEK_BASE_PATH_H
+
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace talvek {
+
+// open, fopen and stat with a path from a caller. The kernel answers NULL with EFAULT, but the C
+// library declares that it never gets one; these give the kernel's answer. Descriptors are opened
+// with O_CLOEXEC. `pMode` is "r" or "w", alone or with "+".
+int OpenPath(const char *pPath, int flags, mode_t mode = 0);
+FILE *OpenStream(const char *pPath, const char *pMode);
+int StatPath(const char *pPath, struct stat *pStat);
+
+// How a path or name that may be NULL appears in a message.
+inline const char *Shown(const char *pPath) {
+    return pPath != nullptr ? pPath : "(null)";
+}
+
+// The text after the last "/"; the whole path when it has none.
+const char *LastComponent(const char *pPath);
+
+}  // namespace talvek
+
+#endif

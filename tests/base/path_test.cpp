@@ -1,0 +1,74 @@
+#include "base/path.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "base/unique_fd.h"
+#include "base/unique_stream.h"
+#include "support/private_world.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using talvek::LastComponent;
+using talvek::OpenPath;
+using talvek::OpenStream;
+using talvek::Shown;
+using talvek::StatPath;
+using talvek::UniqueFd;
+using talvek::UniqueFile;
+using talvek::test::ReadFile;
+using talvek::test::TempDir;
+using talvek::test::WriteFile;
+
+TEST(Path, RefusesNullAsTheKernelDoes) {
+    struct stat st;
+    errno = 0;
+    EXPECT_EQ(-1, OpenPath(nullptr, O_RDONLY));
+    EXPECT_EQ(EFAULT, errno);
+    errno = 0;
+    EXPECT_EQ(nullptr, OpenStream(nullptr, "r"));
+    EXPECT_EQ(EFAULT, errno);
+    errno = 0;
+    EXPECT_EQ(-1, StatPath(nullptr, &st));
+    EXPECT_EQ(EFAULT, errno);
+    EXPECT_STREQ("(null)", Shown(nullptr));
+    EXPECT_STREQ("x", Shown("x"));
+}
+
+TEST(Path, OpensForThisProgramAlone) {
+    const TempDir dir;
+    const std::string path = dir / "file";
+    const UniqueFd fd{OpenPath(path.c_str(), O_WRONLY | O_CREAT, 0600)};
+    EXPECT_EQ(FD_CLOEXEC, fcntl(fd.get(), F_GETFD));
+    for (const char *mode : {"r", "w", "r+", "w+"}) {
+        const UniqueFile stream{OpenStream(path.c_str(), mode)};
+        ASSERT_TRUE(stream) << mode;
+        EXPECT_EQ(FD_CLOEXEC, fcntl(fileno(stream.get()), F_GETFD)) << mode;
+        const int access = fcntl(fileno(stream.get()), F_GETFL) & O_ACCMODE;
+        EXPECT_EQ(mode[1] == '+' ? O_RDWR : mode[0] == 'r' ? O_RDONLY : O_WRONLY, access) << mode;
+    }
+}
+
+TEST(Path, StreamIsClosedWithItsData) {
+    const TempDir dir;
+    const std::string path = dir / "file";
+    WriteFile(path, "before");
+    {
+        const UniqueFile stream{OpenStream(path.c_str(), "w")};
+        fputs("data", stream.get());
+    }
+    EXPECT_EQ("data", ReadFile(path));
+}
+
+TEST(LastComponent, FollowsTheLastSlash) {
+    EXPECT_STREQ("sda1", LastComponent("/dev/sda1"));
+    EXPECT_STREQ("sda1", LastComponent("sda1"));
+    EXPECT_STREQ("", LastComponent("/dev/"));
+    EXPECT_STREQ("", LastComponent(""));
+}
+
+}  // namespace
