@@ -1,9 +1,10 @@
-// Answers about IPv4 interfaces, from the kernel's interface requests and its text tables.
+// Facts about IPv4 interfaces, from the kernel's interface requests and text tables.
 
 #include "common/net_info.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <net/ethernet.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <stdio.h>
@@ -13,25 +14,31 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "base/cancel_guard.h"
 #include "base/path.h"
 #include "base/unique_fd.h"
 #include "base/unique_stream.h"
 #include "common/internal/interface_name.h"
 #include "common/internal/module_log.h"
 
-namespace talvek {
 namespace {
+
+using talvek::CancelGuard;
+using talvek::OpenStream;
+using talvek::Shown;
+using talvek::UniqueFd;
+using talvek::UniqueFile;
 
 constexpr const char *kArpTable = "/proc/net/arp";
 constexpr const char *kRouteTable = "/proc/net/route";
 constexpr const char *kResolvConf = "/etc/resolv.conf";
-constexpr const char *kFallbackInterface = "eth0";
 constexpr const char *kBlanks = " \t\r\n";
 
 constexpr size_t kTableLine = 256;
 constexpr size_t kResolvLine = 160;
-constexpr size_t kMacSize = 6;
-constexpr size_t kAddressTextSize = 16;
+
+static_assert(COM_NET_IF_NAME_SIZE == IFNAMSIZ);
+static_assert(COM_NET_MAC_BYTES_SIZE == ETH_ALEN);
 
 enum class MacForm { kUpperHex, kLowerHex, kColon, kBytes };
 
@@ -43,18 +50,20 @@ struct MacRow {
 };
 
 constexpr MacRow kInterfaceMacRows[] = {
-    {0, MacForm::kUpperHex, 0}, {1, MacForm::kLowerHex, 0}, {2, MacForm::kUpperHex, 2},
-    {3, MacForm::kUpperHex, 3}, {4, MacForm::kColon, 0},    {5, MacForm::kColon, 2},
-    {6, MacForm::kColon, 3},    {7, MacForm::kBytes, 0},    {8, MacForm::kBytes, 2},
-    {9, MacForm::kBytes, 3},    {10, MacForm::kBytes, 4},
+    {COM_NET_MAC_HEX, MacForm::kUpperHex, 0},       {COM_NET_MAC_HEX_LOWER, MacForm::kLowerHex, 0},
+    {COM_NET_MAC_HEX_LAST4, MacForm::kUpperHex, 2}, {COM_NET_MAC_HEX_LAST3, MacForm::kUpperHex, 3},
+    {COM_NET_MAC_COLON, MacForm::kColon, 0},        {COM_NET_MAC_COLON_LAST4, MacForm::kColon, 2},
+    {COM_NET_MAC_COLON_LAST3, MacForm::kColon, 3},  {COM_NET_MAC_BYTES, MacForm::kBytes, 0},
+    {COM_NET_MAC_BYTES_LAST4, MacForm::kBytes, 2},  {COM_NET_MAC_BYTES_LAST3, MacForm::kBytes, 3},
+    {COM_NET_MAC_BYTES_LAST2, MacForm::kBytes, 4},
 };
 
-// The byte forms begin with the last three bytes here; there is no form of all six.
-// Held by ArpMac.AnswersEveryFlagInItsForm.
 constexpr MacRow kNeighbourMacRows[] = {
-    {11, MacForm::kUpperHex, 0}, {12, MacForm::kLowerHex, 0}, {13, MacForm::kUpperHex, 2},
-    {14, MacForm::kUpperHex, 3}, {15, MacForm::kColon, 0},    {16, MacForm::kColon, 2},
-    {17, MacForm::kColon, 3},    {18, MacForm::kBytes, 3},    {19, MacForm::kBytes, 4},
+    {COM_NET_ARP_HEX, MacForm::kUpperHex, 0},       {COM_NET_ARP_HEX_LOWER, MacForm::kLowerHex, 0},
+    {COM_NET_ARP_HEX_LAST4, MacForm::kUpperHex, 2}, {COM_NET_ARP_HEX_LAST3, MacForm::kUpperHex, 3},
+    {COM_NET_ARP_COLON, MacForm::kColon, 0},        {COM_NET_ARP_COLON_LAST4, MacForm::kColon, 2},
+    {COM_NET_ARP_COLON_LAST3, MacForm::kColon, 3},  {COM_NET_ARP_BYTES_LAST3, MacForm::kBytes, 3},
+    {COM_NET_ARP_BYTES_LAST2, MacForm::kBytes, 4},
 };
 
 enum class AddressForm { kText, kPadded, kBinary };
@@ -66,12 +75,17 @@ struct AddressRow {
 };
 
 constexpr AddressRow kAddressRows[] = {
-    {20, SIOCGIFADDR, AddressForm::kText},      {21, SIOCGIFADDR, AddressForm::kPadded},
-    {22, SIOCGIFADDR, AddressForm::kBinary},    {23, SIOCGIFADDR, AddressForm::kBinary},
-    {24, SIOCGIFBRDADDR, AddressForm::kText},   {25, SIOCGIFBRDADDR, AddressForm::kPadded},
-    {26, SIOCGIFBRDADDR, AddressForm::kBinary}, {27, SIOCGIFNETMASK, AddressForm::kText},
-    {28, SIOCGIFNETMASK, AddressForm::kPadded}, {29, SIOCGIFNETMASK, AddressForm::kBinary},
-    {30, SIOCGIFNETMASK, AddressForm::kBinary},
+    {COM_NET_IP_TEXT, SIOCGIFADDR, AddressForm::kText},
+    {COM_NET_IP_PADDED, SIOCGIFADDR, AddressForm::kPadded},
+    {COM_NET_IP_U32, SIOCGIFADDR, AddressForm::kBinary},
+    {COM_NET_IP_RAW, SIOCGIFADDR, AddressForm::kBinary},
+    {COM_NET_BROADCAST_TEXT, SIOCGIFBRDADDR, AddressForm::kText},
+    {COM_NET_BROADCAST_PADDED, SIOCGIFBRDADDR, AddressForm::kPadded},
+    {COM_NET_BROADCAST_U32, SIOCGIFBRDADDR, AddressForm::kBinary},
+    {COM_NET_NETMASK_TEXT, SIOCGIFNETMASK, AddressForm::kText},
+    {COM_NET_NETMASK_PADDED, SIOCGIFNETMASK, AddressForm::kPadded},
+    {COM_NET_NETMASK_U32, SIOCGIFNETMASK, AddressForm::kBinary},
+    {COM_NET_NETMASK_RAW, SIOCGIFNETMASK, AddressForm::kBinary},
 };
 
 struct GatewayRow {
@@ -80,10 +94,10 @@ struct GatewayRow {
 };
 
 constexpr GatewayRow kGatewayRows[] = {
-    {31, AddressForm::kText},
-    {32, AddressForm::kPadded},
-    {33, AddressForm::kBinary},
-    {34, AddressForm::kBinary},
+    {COM_NET_GATEWAY_TEXT, AddressForm::kText},
+    {COM_NET_GATEWAY_PADDED, AddressForm::kPadded},
+    {COM_NET_GATEWAY_U32, AddressForm::kBinary},
+    {COM_NET_GATEWAY_RAW, AddressForm::kBinary},
 };
 
 struct NameServerRow {
@@ -93,9 +107,10 @@ struct NameServerRow {
 };
 
 constexpr NameServerRow kNameServerRows[] = {
-    {35, AddressForm::kText, 1},   {36, AddressForm::kPadded, 1}, {37, AddressForm::kText, 2},
-    {38, AddressForm::kPadded, 2}, {39, AddressForm::kBinary, 1}, {40, AddressForm::kBinary, 2},
-    {41, AddressForm::kBinary, 1}, {42, AddressForm::kBinary, 2},
+    {COM_NET_DNS1_TEXT, AddressForm::kText, 1},  {COM_NET_DNS1_PADDED, AddressForm::kPadded, 1},
+    {COM_NET_DNS2_TEXT, AddressForm::kText, 2},  {COM_NET_DNS2_PADDED, AddressForm::kPadded, 2},
+    {COM_NET_DNS1_U32, AddressForm::kBinary, 1}, {COM_NET_DNS2_U32, AddressForm::kBinary, 2},
+    {COM_NET_DNS1_RAW, AddressForm::kBinary, 1}, {COM_NET_DNS2_RAW, AddressForm::kBinary, 2},
 };
 
 template <typename Row, size_t kCount>
@@ -112,14 +127,14 @@ void LogUnknownFlag(const char *pFunction, uint32_t flag) {
     LOG_AS(pFunction, "flag(%d) not implemented.\n", static_cast<int>(flag));
 }
 
-void WriteMac(const MacRow &row, const uint8_t (&mac)[kMacSize], void *pOut) {
+void WriteMac(const MacRow &row, const uint8_t (&mac)[ETH_ALEN], void *pOut) {
     if (row.form == MacForm::kBytes) {
-        memcpy(pOut, mac + row.firstByte, kMacSize - row.firstByte);
+        memcpy(pOut, mac + row.firstByte, ETH_ALEN - row.firstByte);
         return;
     }
     const char *pDigits = row.form == MacForm::kLowerHex ? "0123456789abcdef" : "0123456789ABCDEF";
     char *pText = static_cast<char *>(pOut);
-    for (size_t i = row.firstByte; i < kMacSize; ++i) {
+    for (size_t i = row.firstByte; i < ETH_ALEN; ++i) {
         if (row.form == MacForm::kColon && i > row.firstByte) {
             *pText++ = ':';
         }
@@ -129,18 +144,18 @@ void WriteMac(const MacRow &row, const uint8_t (&mac)[kMacSize], void *pOut) {
     *pText = '\0';
 }
 
-// The address 0.0.0.0 in each form is also what stands for a failure.
+// In each form 0.0.0.0 is also the value after a failure.
 void WriteAddress(AddressForm form, const in_addr &address, void *pOut) {
     uint8_t part[sizeof address];
     memcpy(part, &address, sizeof part);
     switch (form) {
         case AddressForm::kText:
-            snprintf(static_cast<char *>(pOut), kAddressTextSize, "%d.%d.%d.%d", part[0], part[1],
-                     part[2], part[3]);
+            snprintf(static_cast<char *>(pOut), COM_NET_ADDRESS_TEXT_SIZE, "%d.%d.%d.%d", part[0],
+                     part[1], part[2], part[3]);
             break;
         case AddressForm::kPadded:
-            snprintf(static_cast<char *>(pOut), kAddressTextSize, "%03d.%03d.%03d.%03d", part[0],
-                     part[1], part[2], part[3]);
+            snprintf(static_cast<char *>(pOut), COM_NET_ADDRESS_TEXT_SIZE, "%03d.%03d.%03d.%03d",
+                     part[0], part[1], part[2], part[3]);
             break;
         case AddressForm::kBinary:
             memcpy(pOut, part, sizeof part);
@@ -156,9 +171,9 @@ UniqueFd OpenRequestSocket(const char *pFunction) {
     return fd;
 }
 
-// A name that no interface can have is refused here: cut to its first 15 characters it could be
-// that of another interface.
-int AskInterface(const UniqueFd &fd, unsigned long request, const char *pIfName, ifreq &answer) {
+// A name that is too long for an interface is refused here. Cut to 15 characters it could be the
+// name of another interface.
+int RequestFact(const UniqueFd &fd, unsigned long request, const char *pIfName, ifreq &answer) {
     answer = {};
     const size_t length = pIfName != nullptr ? strlen(pIfName) : 0;
     if (length == 0 || length >= sizeof answer.ifr_name) {
@@ -176,13 +191,13 @@ in_addr AddressOf(const sockaddr &address) {
     return inet.sin_addr;
 }
 
-int ReadInterfaceMac(const char *pIfName, uint8_t (&mac)[kMacSize]) {
+int ReadInterfaceMac(const char *pIfName, uint8_t (&mac)[ETH_ALEN]) {
     const UniqueFd fd = OpenRequestSocket("COM_GetMAC");
     if (!fd) {
         return -1;
     }
     ifreq answer;
-    if (AskInterface(fd, SIOCGIFHWADDR, pIfName, answer) == -1) {
+    if (RequestFact(fd, SIOCGIFHWADDR, pIfName, answer) == -1) {
         LOG_ERRNO_AS("COM_GetMAC", "ioctl(SIOCGIFHWADDR) for %s got error : %s\n", Shown(pIfName));
         return -1;
     }
@@ -190,33 +205,41 @@ int ReadInterfaceMac(const char *pIfName, uint8_t (&mac)[kMacSize]) {
     return 0;
 }
 
+// Cuts a line at the delimiters, of which several in a row count as one. False when it has fewer
+// columns.
+template <size_t kCount>
+bool SplitColumns(char *pLine, const char *pDelimiters, const char *(&columns)[kCount]) {
+    char *rest = nullptr;
+    for (const char *&pColumn : columns) {
+        pColumn = strtok_r(pLine, pDelimiters, &rest);
+        if (pColumn == nullptr) {
+            return false;
+        }
+        pLine = nullptr;
+    }
+    return true;
+}
+
 // Text such as 00:11:22:aa:bb:cc: a number begins at every third character.
-void ParseMac(const char *pText, uint8_t (&mac)[kMacSize]) {
+void ParseMac(const char *pText, uint8_t (&mac)[ETH_ALEN]) {
     const size_t length = strlen(pText);
-    for (size_t i = 0; i < kMacSize && i * 3 < length; ++i) {
+    for (size_t i = 0; i < ETH_ALEN && i * 3 < length; ++i) {
         mac[i] = static_cast<uint8_t>(strtoull(pText + i * 3, nullptr, 16));
     }
 }
 
-void FindNeighbour(const char *pAddress, uint8_t (&mac)[kMacSize]) {
+void FindNeighbour(const char *pAddress, uint8_t (&mac)[ETH_ALEN]) {
     const UniqueFile table{OpenStream(kArpTable, "r")};
     if (!table) {
         LOG_ERRNO_AS("COM_GetArpMAC", "fopen(%s) fail : %s\n", kArpTable);
         return;
     }
-    // Columns: IP address, HW type, Flags, HW address, Mask, Device.
+    enum ArpColumn : size_t { kAddress, kHardwareType, kFlags, kHardwareAddress, kArpColumns };
     char line[kTableLine];
     while (fgets(line, sizeof line, table.get()) != nullptr) {
-        char *rest = nullptr;
-        const char *pFound = strtok_r(line, kBlanks, &rest);
-        if (pFound == nullptr || strcmp(pFound, pAddress) != 0) {
-            continue;
-        }
-        strtok_r(nullptr, kBlanks, &rest);
-        strtok_r(nullptr, kBlanks, &rest);
-        const char *pMac = strtok_r(nullptr, kBlanks, &rest);
-        if (pMac != nullptr) {
-            ParseMac(pMac, mac);
+        const char *columns[kArpColumns];
+        if (SplitColumns(line, kBlanks, columns) && strcmp(columns[kAddress], pAddress) == 0) {
+            ParseMac(columns[kHardwareAddress], mac);
             return;
         }
     }
@@ -233,8 +256,8 @@ int ReadInterfaceAddress(uint32_t flag, const AddressRow *pRow, const char *pIfN
         return -1;
     }
     ifreq answer;
-    if (AskInterface(fd, pRow->request, pIfName, answer) == -1) {
-        // An interface that has no address yet is an everyday state.
+    if (RequestFact(fd, pRow->request, pIfName, answer) == -1) {
+        // An interface without an address is an ordinary state.
         if (errno != EADDRNOTAVAIL) {
             LOG_ERRNO_AS("COM_SubGetNetInfo", "ioctl(%d:%s) error : %s\n",
                          static_cast<int>(pRow->request), Shown(pIfName));
@@ -245,7 +268,6 @@ int ReadInterfaceAddress(uint32_t flag, const AddressRow *pRow, const char *pIfN
     return 0;
 }
 
-// Who searches the routing table, and for what.
 struct RouteSearch {
     const char *function;    // the entry that logs
     const char *delimiters;  // between the columns
@@ -257,10 +279,8 @@ struct Route {
     in_addr gateway;
 };
 
-enum RouteColumn : size_t { kInterface, kDestination, kGateway, kMask = 7, kRouteColumns };
-
-// The table shows the four bytes of the address as they lie in memory, read as a number; the same
-// number stored is the address in network byte order.
+// The table prints the four bytes of the address in memory as one number; the same number stored is
+// the address in network byte order.
 bool ReadGateway(const char *pFunction, const char *pText, in_addr &gateway) {
     errno = 0;
     char *end = nullptr;
@@ -278,19 +298,13 @@ bool ReadGateway(const char *pFunction, const char *pText, in_addr &gateway) {
     return true;
 }
 
-// Whether the line is a default route with a gateway, as the search wants it.
+// Whether the line is a default route with a gateway through the interface of the search.
 bool TakeRoute(const RouteSearch &search, char *pLine, Route &route) {
-    const char *columns[kRouteColumns];
-    char *rest = nullptr;
-    for (const char *&pColumn : columns) {
-        pColumn = strtok_r(pLine, search.delimiters, &rest);
-        if (pColumn == nullptr) {
-            return false;
-        }
-        pLine = nullptr;
-    }
+    enum RouteColumn : size_t { kInterface, kDestination, kGateway, kMask = 7, kRouteColumns };
     constexpr const char *kAny = "00000000";
-    if (strcmp(columns[kDestination], kAny) != 0 || strcmp(columns[kMask], kAny) != 0 ||
+    const char *columns[kRouteColumns];
+    if (!SplitColumns(pLine, search.delimiters, columns) ||
+        strcmp(columns[kDestination], kAny) != 0 || strcmp(columns[kMask], kAny) != 0 ||
         (search.interface != nullptr && strcmp(columns[kInterface], search.interface) != 0)) {
         return false;
     }
@@ -314,14 +328,14 @@ bool FindRoute(const RouteSearch &search, char (&line)[kTableLine], Route &route
     return false;
 }
 
-// A default route straight onto a point-to-point link has no gateway; the peer stands for it.
+// A default route onto a point-to-point link has no gateway; the peer is the gateway then.
 int ReadPeer(const char *pIfName, in_addr &peer) {
     const UniqueFd fd = OpenRequestSocket("COM_SubGetGateway");
     if (!fd) {
         return -1;
     }
     ifreq answer;
-    if (AskInterface(fd, SIOCGIFDSTADDR, pIfName, answer) == -1) {
+    if (RequestFact(fd, SIOCGIFDSTADDR, pIfName, answer) == -1) {
         LOG_ERRNO_AS("COM_SubGetGateway", "ioctl(SIOCGIFDSTADDR[%s]) error : %s\n", Shown(pIfName));
         return -1;
     }
@@ -330,7 +344,7 @@ int ReadPeer(const char *pIfName, in_addr &peer) {
 }
 
 struct ResolvFile {
-    const char *kept;  // marks the setting as kept over a restart
+    const char *saved;  // marks the setting as saved over a restart
     const char *inUse;
 };
 
@@ -342,11 +356,11 @@ const char *ChooseResolvFile(const char *pIfName) {
         return kResolvConf;
     }
     const ResolvFile &own = strcmp(pIfName, "eth0") == 0 ? kWan : kUplink;
-    const bool usable = access(own.inUse, F_OK) == 0 && access(own.kept, F_OK) == 0;
+    const bool usable = access(own.inUse, F_OK) == 0 && access(own.saved, F_OK) == 0;
     return usable ? own.inUse : kResolvConf;
 }
 
-// The word behind "nameserver", or null when the line has none.
+// The word after "nameserver", or null when the line has none.
 const char *NameServerIn(char *pLine) {
     constexpr const char *kKey = "nameserver";
     char *pKey = strstr(pLine, kKey);
@@ -357,8 +371,8 @@ const char *NameServerIn(char *pLine) {
 int ReadNameServer(const char *pIfName, int entry, in_addr &address) {
     const UniqueFile file{OpenStream(ChooseResolvFile(pIfName), "r")};
     if (!file) {
-        // The message names the general file whichever was chosen.
-        // Held by DnsServer.NamesTheGeneralFileInItsMessage.
+        // The message names the general file, whichever was chosen.
+        // Tested by DnsServer.NamesTheGeneralFileInItsMessage.
         LOG_ERRNO_AS("COM_GetDnsServer", "fopen(%s) : %s\n", kResolvConf);
         return -1;
     }
@@ -384,131 +398,132 @@ struct Service {
 };
 
 constexpr Service kServices[] = {
-    {0, 10, COM_GetMAC},         {11, 19, COM_GetArpMAC},    {20, 30, COM_SubGetNetInfo},
-    {31, 34, COM_SubGetGateway}, {35, 42, COM_GetDnsServer}, {43, 43, COM_GetMTU},
+    {COM_NET_MAC_HEX, COM_NET_MAC_BYTES_LAST2, COM_GetMAC},
+    {COM_NET_ARP_HEX, COM_NET_ARP_BYTES_LAST2, COM_GetArpMAC},
+    {COM_NET_IP_TEXT, COM_NET_NETMASK_RAW, COM_SubGetNetInfo},
+    {COM_NET_GATEWAY_TEXT, COM_NET_GATEWAY_RAW, COM_SubGetGateway},
+    {COM_NET_DNS1_TEXT, COM_NET_DNS2_RAW, COM_GetDnsServer},
+    {COM_NET_MTU, COM_NET_MTU, COM_GetMTU},
 };
 
 }  // namespace
 
-const char *MeantInterface(const char *pName, char (&route)[IFNAMSIZ]) {
-    if (pName != nullptr && strcmp(pName, "auto") != 0) {
-        return pName;
-    }
-    return COM_GetDefaultRoute(route) == 0 ? route : kFallbackInterface;
-}
-
-}  // namespace talvek
-
 int COM_GetNetInfo(uint32_t flag, const char *pName, void *pOut) {
+    const CancelGuard guard;
     if (pOut == nullptr) {
         return -1;
     }
-    for (const talvek::Service &service : talvek::kServices) {
+    for (const Service &service : kServices) {
         if (flag < service.first || flag > service.last) {
             continue;
         }
         char route[IFNAMSIZ];
-        return service.serve(flag, talvek::MeantInterface(pName, route), pOut);
+        return service.serve(flag, talvek::ResolveInterface(pName, route), pOut);
     }
-    constexpr char kUnknown[] = "unknown";
+    constexpr char kUnknown[COM_NET_UNKNOWN_SIZE] = "unknown";
     memcpy(pOut, kUnknown, sizeof kUnknown);
     LOG("flag(%d) not implemented yet.\n", static_cast<int>(flag));
     return -1;
 }
 
 int COM_GetMAC(uint32_t flag, const char *pIfName, void *pOut) {
+    const CancelGuard guard;
     if (pOut == nullptr) {
         return -1;
     }
-    const talvek::MacRow *pRow = talvek::FindRow(talvek::kInterfaceMacRows, flag);
+    const MacRow *pRow = FindRow(kInterfaceMacRows, flag);
     if (pRow == nullptr) {
-        talvek::LogUnknownFlag(__func__, flag);
+        LogUnknownFlag(__func__, flag);
         return -1;
     }
-    uint8_t mac[talvek::kMacSize] = {};
-    const int result = talvek::ReadInterfaceMac(pIfName, mac);
-    talvek::WriteMac(*pRow, mac, pOut);
+    uint8_t mac[ETH_ALEN] = {};
+    const int result = ReadInterfaceMac(pIfName, mac);
+    WriteMac(*pRow, mac, pOut);
     return result;
 }
 
-// Callers read the output; the result tells nothing.
-// Held by ArpMac.ReturnsMinusOneInEveryCase.
+// The result is -1 also for a neighbour that was found: callers read the output.
+// Tested by ArpMac.ReturnsMinusOneInEveryCase.
 int COM_GetArpMAC(uint32_t flag, const char *pAddress, void *pOut) {
+    const CancelGuard guard;
     if (pOut == nullptr) {
         return -1;
     }
-    const talvek::MacRow *pRow = talvek::FindRow(talvek::kNeighbourMacRows, flag);
+    const MacRow *pRow = FindRow(kNeighbourMacRows, flag);
     if (pRow == nullptr) {
-        talvek::LogUnknownFlag(__func__, flag);
+        LogUnknownFlag(__func__, flag);
         return -1;
     }
-    uint8_t mac[talvek::kMacSize] = {};
+    uint8_t mac[ETH_ALEN] = {};
     if (pAddress != nullptr) {
-        talvek::FindNeighbour(pAddress, mac);
+        FindNeighbour(pAddress, mac);
     }
-    talvek::WriteMac(*pRow, mac, pOut);
+    WriteMac(*pRow, mac, pOut);
     return -1;
 }
 
 int COM_SubGetNetInfo(uint32_t flag, const char *pIfName, void *pOut) {
+    const CancelGuard guard;
     if (pOut == nullptr) {
         return -1;
     }
-    const talvek::AddressRow *pRow = talvek::FindRow(talvek::kAddressRows, flag);
+    const AddressRow *pRow = FindRow(kAddressRows, flag);
     in_addr address = {};
-    const int result = talvek::ReadInterfaceAddress(flag, pRow, pIfName, address);
-    talvek::WriteAddress(pRow != nullptr ? pRow->form : talvek::AddressForm::kBinary, address,
-                         pOut);
+    const int result = ReadInterfaceAddress(flag, pRow, pIfName, address);
+    WriteAddress(pRow != nullptr ? pRow->form : AddressForm::kBinary, address, pOut);
     return result;
 }
 
 int COM_SubGetGateway(uint32_t flag, const char *pIfName, void *pOut) {
+    const CancelGuard guard;
     if (pOut == nullptr) {
         return -1;
     }
-    const talvek::GatewayRow *pRow = talvek::FindRow(talvek::kGatewayRows, flag);
+    const GatewayRow *pRow = FindRow(kGatewayRows, flag);
     if (pRow == nullptr) {
-        talvek::LogUnknownFlag(__func__, flag);
-        talvek::WriteAddress(talvek::AddressForm::kBinary, {}, pOut);
+        LogUnknownFlag(__func__, flag);
+        WriteAddress(AddressForm::kBinary, {}, pOut);
         return -1;
     }
-    char line[talvek::kTableLine];
-    talvek::Route route = {};
+    char line[kTableLine];
+    Route route = {};
     int result = 0;
-    if (!talvek::FindRoute({__func__, talvek::kBlanks, pIfName}, line, route)) {
+    if (!FindRoute({__func__, kBlanks, pIfName}, line, route)) {
         route.gateway = {};
-        result = talvek::ReadPeer(pIfName, route.gateway);
+        result = ReadPeer(pIfName, route.gateway);
     }
-    talvek::WriteAddress(pRow->form, route.gateway, pOut);
+    WriteAddress(pRow->form, route.gateway, pOut);
     return result;
 }
 
 int COM_GetDnsServer(uint32_t flag, const char *pIfName, void *pOut) {
+    const CancelGuard guard;
     if (pOut == nullptr) {
         return -1;
     }
-    const talvek::NameServerRow *pRow = talvek::FindRow(talvek::kNameServerRows, flag);
+    const NameServerRow *pRow = FindRow(kNameServerRows, flag);
     if (pRow == nullptr) {
-        talvek::LogUnknownFlag(__func__, flag);
-        talvek::WriteAddress(talvek::AddressForm::kBinary, {}, pOut);
+        LogUnknownFlag(__func__, flag);
+        WriteAddress(AddressForm::kBinary, {}, pOut);
         return -1;
     }
     in_addr address = {};
-    const int result = talvek::ReadNameServer(pIfName, pRow->entry, address);
-    talvek::WriteAddress(pRow->form, address, pOut);
+    const int result = ReadNameServer(pIfName, pRow->entry, address);
+    WriteAddress(pRow->form, address, pOut);
     return result;
 }
 
 int COM_GetMTU(uint32_t /*flag*/, const char *pIfName, void *pOut) {
+    const CancelGuard guard;
     if (pOut == nullptr) {
         return -1;
     }
     int32_t mtu = 0;
     int result = -1;
-    const talvek::UniqueFd fd = talvek::OpenRequestSocket(__func__);
+    const UniqueFd fd = OpenRequestSocket(__func__);
     if (fd) {
         ifreq answer;
-        result = talvek::AskInterface(fd, SIOCGIFMTU, pIfName, answer);
+        result = RequestFact(fd, SIOCGIFMTU, pIfName, answer);
         if (result == -1) {
             LOG_ERRNO("ioctl() error : %s\n");
         } else {
@@ -520,12 +535,13 @@ int COM_GetMTU(uint32_t /*flag*/, const char *pIfName, void *pOut) {
 }
 
 int COM_GetDefaultRoute(char *pIfName) {
+    const CancelGuard guard;
     if (pIfName == nullptr) {
         return -1;
     }
-    char line[talvek::kTableLine];
-    talvek::Route route;
-    if (!talvek::FindRoute({__func__, "\t", nullptr}, line, route)) {
+    char line[kTableLine];
+    Route route;
+    if (!FindRoute({__func__, "\t", nullptr}, line, route)) {
         return -1;
     }
     snprintf(pIfName, IFNAMSIZ, "%s", route.interface);

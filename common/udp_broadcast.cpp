@@ -13,19 +13,23 @@
 #include <sys/socket.h>
 
 #include "base/byte_writer.h"
+#include "base/cancel_guard.h"
+#include "base/path.h"
 #include "base/unique_fd.h"
 #include "common/internal/module_log.h"
 #include "common/media.h"
 
-namespace talvek {
 namespace {
 
-constexpr const char *kEntry = "COM_SendUdpPackage";
-constexpr size_t kMaxPayload = 1500;
+using talvek::BigEndianWriter;
+using talvek::Shown;
+using talvek::UniqueFd;
+
+constexpr const char *kFunction = "COM_SendUdpPackage";
 constexpr size_t kIpHeader = 20;
 constexpr size_t kUdpHeader = 8;
 constexpr size_t kHeaders = kIpHeader + kUdpHeader;
-constexpr size_t kMaxPacket = kHeaders + kMaxPayload;
+constexpr size_t kMaxPacket = kHeaders + COM_UDP_MAX_PAYLOAD;
 
 // Offsets in the packet (RFC 791, RFC 768).
 constexpr size_t kVersionAndLength = 0;
@@ -43,10 +47,14 @@ constexpr size_t kUdpChecksum = kIpHeader + 6;
 constexpr uint8_t kIpv4WithoutOptions = 0x45;
 constexpr uint8_t kHops = 64;
 
-// Link-layer destination by mode; a mode beyond the table has the zero address.
-constexpr uint8_t kLinkDestinations[][ETH_ALEN] = {
-    {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
-    {0x01, 0x00, 0x5E, 0x7F, 0xFF, 0xFA},
+struct LinkDestination {
+    uint32_t mode;
+    uint8_t address[ETH_ALEN];
+};
+
+constexpr LinkDestination kLinkDestinations[] = {
+    {COM_UDP_TO_ALL, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
+    {COM_UDP_TO_MULTICAST, {0x01, 0x00, 0x5E, 0x7F, 0xFF, 0xFA}},
 };
 
 struct Datagram {
@@ -59,14 +67,14 @@ struct Datagram {
 };
 
 void StoreChecksum(uint8_t *pPacket, size_t summed, size_t offset) {
-    // The sum is of words as they lie in memory, and so it is stored.
+    // The sum is taken over words in memory order and stored in memory order (RFC 1071, 2 (B)).
     const uint16_t sum = COM_CheckSum16(pPacket, static_cast<int>(summed));
     memcpy(pPacket + offset, &sum, sizeof sum);
 }
 
-// `packet` is zeroed. The IPv4 header first serves as the pseudo-header of the UDP checksum: with
-// the protocol, the UDP length in place of the total length, and the addresses, it sums up to
-// the same as the one of RFC 768.
+// `packet` is zeroed. The IPv4 header first serves as the pseudo-header of the UDP checksum. It
+// then holds the protocol, the addresses, and the UDP length in place of the total length, so its
+// sum is that of the pseudo-header of RFC 768.
 void BuildPacket(const Datagram &datagram, uint8_t (&packet)[kMaxPacket]) {
     const size_t size = kHeaders + datagram.size;
     const auto udpLength = static_cast<uint16_t>(kUdpHeader + datagram.size);
@@ -94,7 +102,7 @@ int InterfaceIndex(const UniqueFd &fd, const char *pIfName) {
     ifreq request = {};
     snprintf(request.ifr_name, sizeof request.ifr_name, "%s", pIfName);
     if (ioctl(fd.get(), SIOCGIFINDEX, &request) == -1) {
-        LOG_ERRNO_AS(kEntry, "failed to retrieve ifindex of [%s] : %s\n", pIfName);
+        LOG_ERRNO_AS(kFunction, "failed to retrieve ifindex of [%s] : %s\n", pIfName);
         return 0;
     }
     return request.ifr_ifindex;
@@ -106,8 +114,10 @@ sockaddr_ll LinkAddress(int index, uint32_t mode) {
     address.sll_protocol = htons(ETH_P_IP);
     address.sll_ifindex = index;
     address.sll_halen = ETH_ALEN;
-    if (mode < sizeof kLinkDestinations / sizeof kLinkDestinations[0]) {
-        memcpy(address.sll_addr, kLinkDestinations[mode], ETH_ALEN);
+    for (const LinkDestination &destination : kLinkDestinations) {
+        if (destination.mode == mode) {
+            memcpy(address.sll_addr, destination.address, ETH_ALEN);
+        }
     }
     return address;
 }
@@ -117,15 +127,15 @@ int SendPacket(const UniqueFd &fd, const char *pIfName, uint32_t mode, const Dat
     BuildPacket(datagram, packet);
     const sockaddr_ll link = LinkAddress(InterfaceIndex(fd, pIfName), mode);
     const auto *pLink = reinterpret_cast<const sockaddr *>(&link);
-    // The packet carries its own link address, so it may leave without the bind too.
+    // sendto gives the same address, so the packet can be sent without the bind too.
     if (bind(fd.get(), pLink, sizeof link) == -1) {
-        LOG_ERRNO_AS(kEntry, "bind([%d][%s]) failed! : %s\n", link.sll_ifindex,
-                     pIfName != nullptr ? pIfName : "(null)");
+        LOG_ERRNO_AS(kFunction, "bind([%d][%s]) failed! : %s\n", link.sll_ifindex, Shown(pIfName));
     }
     if (sendto(fd.get(), packet, kHeaders + datagram.size, MSG_NOSIGNAL, pLink, sizeof link) ==
         -1) {
         if (pIfName != nullptr) {
-            LOG_ERRNO_AS(kEntry, "sendto(%s:%d) error : %s\n", pIfName, datagram.destinationPort);
+            LOG_ERRNO_AS(kFunction, "sendto(%s:%d) error : %s\n", pIfName,
+                         datagram.destinationPort);
         }
         return -1;
     }
@@ -133,20 +143,19 @@ int SendPacket(const UniqueFd &fd, const char *pIfName, uint32_t mode, const Dat
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_SendUdpPackage(const char *pIfName, uint32_t mode, uint32_t source, uint32_t destination,
                        uint16_t sourcePort, uint16_t destinationPort, const void *pData,
                        uint32_t size) {
-    if (size > talvek::kMaxPayload) {
-        LOG("data_sz[%d] exceed limit[%d]!\n", static_cast<int>(size),
-            static_cast<int>(talvek::kMaxPayload));
+    const talvek::CancelGuard guard;
+    if (size > COM_UDP_MAX_PAYLOAD) {
+        LOG("data_sz[%d] exceed limit[%d]!\n", static_cast<int>(size), COM_UDP_MAX_PAYLOAD);
         return -1;
     }
     if (pData == nullptr && size > 0) {
         return -1;
     }
-    const talvek::UniqueFd fd{socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, htons(ETH_P_IP))};
+    const UniqueFd fd{socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, htons(ETH_P_IP))};
     if (!fd) {
         LOG_ERRNO("socket(SOCK_DGRAM) failed : %s\n");
         return -1;
@@ -158,12 +167,12 @@ int COM_SendUdpPackage(const char *pIfName, uint32_t mode, uint32_t source, uint
                   SO_BROADCAST);
         return result;
     }
-    return talvek::SendPacket(fd, pIfName, mode,
-                              {source, destination, sourcePort, destinationPort, pData, size});
+    return SendPacket(fd, pIfName, mode,
+                      {source, destination, sourcePort, destinationPort, pData, size});
 }
 
 int COM_SendUdpBroadcast(const char *pIfName, uint16_t sourcePort, uint16_t destinationPort,
                          const void *pData, uint32_t size) {
-    return COM_SendUdpPackage(pIfName, 0, INADDR_ANY, INADDR_BROADCAST, sourcePort, destinationPort,
-                              pData, size);
+    return COM_SendUdpPackage(pIfName, COM_UDP_TO_ALL, INADDR_ANY, INADDR_BROADCAST, sourcePort,
+                              destinationPort, pData, size);
 }

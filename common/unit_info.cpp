@@ -112,7 +112,7 @@ int COM_GetUnitNetInfo(tUnitNetInfo *pInfo, const char *pIfName) {
     tUnitNetInfo unit = {};
     // Looked up once, so that the whole record is of one interface.
     char route[IFNAMSIZ];
-    const char *pMeant = talvek::MeantInterface(pIfName, route);
+    const char *pMeant = talvek::ResolveInterface(pIfName, route);
     int result = talvek::ReadField("/etc/Model", unit.model);
     result += talvek::ReadField("/etc/Proj", unit.proj);
     result += talvek::ReadHostName(unit.name);

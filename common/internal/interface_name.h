@@ -5,9 +5,10 @@
 
 namespace talvek {
 
-// The interface that a caller of COM_GetNetInfo means: for null and "auto" that of the default
-// route, whose name is then kept in `route`, or "eth0" when there is none; else pName itself.
-const char *MeantInterface(const char *pName, char (&route)[IFNAMSIZ]);
+// Resolves an interface name from a caller. NULL and "auto" name the interface of the default
+// route, which is then stored in `route`, or "eth0" when there is none; any other name is returned
+// unchanged.
+const char *ResolveInterface(const char *pName, char (&route)[IFNAMSIZ]);
 
 }  // namespace talvek
 

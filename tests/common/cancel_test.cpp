@@ -13,7 +13,9 @@
 #include "c_callback.h"
 #include "common/command.h"
 #include "common/file.h"
+#include "common/net_info.h"
 #include "common/process.h"
+#include "common/udp_broadcast.h"
 #include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/temp_dir.h"
@@ -220,6 +222,13 @@ TEST(Cancellation, WaitsUntilACallIsOver) {
             tProcState self = {getpid(), ""};
             EXPECT_EQ(0, COM_CheckProcState(&self));
         },
+        [] {
+            char out[COM_NET_MAC_COLON_SIZE];
+            for (uint32_t flag = COM_NET_MAC_HEX; flag <= COM_NET_MTU; ++flag) {
+                COM_GetNetInfo(flag, "auto", out);
+            }
+        },
+        [] { COM_SendUdpBroadcast("lo", 1, 2, "x", 1); },
     };
     for (const auto &call : calls) {
         EXPECT_TRUE(OutlastsCancellation(call)) << "call " << &call - calls;

@@ -31,22 +31,22 @@ using talvek::test::WriteFile;
 
 using Lines = std::vector<std::string>;
 
-TEST(NetInfoFault, LogsWhenThereIsNoSocketAndWritesTheFiller) {
+TEST(NetInfoFault, WithoutASocketLogsAndWritesTheFailureValue) {
     struct Case {
         uint32_t flag;
         const char *function;
         std::string filler;
     };
     const Case cases[] = {
-        {4, "COM_GetMAC", std::string{"00:00:00:00:00:00\0", 18}},
-        {10, "COM_GetMAC", std::string(2, '\0')},
-        {20, "COM_SubGetNetInfo", std::string{"0.0.0.0\0", 8}},
-        {28, "COM_SubGetNetInfo", std::string{"000.000.000.000\0", 16}},
-        {30, "COM_SubGetNetInfo", std::string(4, '\0')},
-        {31, "COM_SubGetGateway", std::string{"0.0.0.0\0", 8}},
-        {32, "COM_SubGetGateway", std::string{"000.000.000.000\0", 16}},
-        {34, "COM_SubGetGateway", std::string(4, '\0')},
-        {43, "COM_GetMTU", std::string(4, '\0')},
+        {COM_NET_MAC_COLON, "COM_GetMAC", std::string{"00:00:00:00:00:00\0", 18}},
+        {COM_NET_MAC_BYTES_LAST2, "COM_GetMAC", std::string(2, '\0')},
+        {COM_NET_IP_TEXT, "COM_SubGetNetInfo", std::string{"0.0.0.0\0", 8}},
+        {COM_NET_NETMASK_PADDED, "COM_SubGetNetInfo", std::string{"000.000.000.000\0", 16}},
+        {COM_NET_NETMASK_RAW, "COM_SubGetNetInfo", std::string(4, '\0')},
+        {COM_NET_GATEWAY_TEXT, "COM_SubGetGateway", std::string{"0.0.0.0\0", 8}},
+        {COM_NET_GATEWAY_PADDED, "COM_SubGetGateway", std::string{"000.000.000.000\0", 16}},
+        {COM_NET_GATEWAY_RAW, "COM_SubGetGateway", std::string(4, '\0')},
+        {COM_NET_MTU, "COM_GetMTU", std::string(4, '\0')},
     };
     RunInPrivateWorld(kNetwork, [&] {
         for (const Case &c : cases) {
@@ -65,23 +65,25 @@ TEST(NetInfoFault, LogsWhenThereIsNoSocketAndWritesTheFiller) {
     });
 }
 
-TEST(NetInfoFault, LogsFailingRequestsWithTheirErrors) {
+TEST(NetInfoFault, LogsFailingRequests) {
     struct Case {
         uint32_t flag;
         const char *message;
     };
     const Case cases[] = {
-        {4, "COM_GetMAC(): ioctl(SIOCGIFHWADDR) for lo got error : Input/output error"},
-        {20, "COM_SubGetNetInfo(): ioctl(35093:lo) error : Input/output error"},
-        {24, "COM_SubGetNetInfo(): ioctl(35097:lo) error : Input/output error"},
-        {27, "COM_SubGetNetInfo(): ioctl(35099:lo) error : Input/output error"},
-        {31, "COM_SubGetGateway(): ioctl(SIOCGIFDSTADDR[lo]) error : Input/output error"},
-        {43, "COM_GetMTU(): ioctl() error : Input/output error"},
+        {COM_NET_MAC_COLON,
+         "COM_GetMAC(): ioctl(SIOCGIFHWADDR) for lo got error : Input/output error"},
+        {COM_NET_IP_TEXT, "COM_SubGetNetInfo(): ioctl(35093:lo) error : Input/output error"},
+        {COM_NET_BROADCAST_TEXT, "COM_SubGetNetInfo(): ioctl(35097:lo) error : Input/output error"},
+        {COM_NET_NETMASK_TEXT, "COM_SubGetNetInfo(): ioctl(35099:lo) error : Input/output error"},
+        {COM_NET_GATEWAY_TEXT,
+         "COM_SubGetGateway(): ioctl(SIOCGIFDSTADDR[lo]) error : Input/output error"},
+        {COM_NET_MTU, "COM_GetMTU(): ioctl() error : Input/output error"},
     };
     RunInPrivateWorld(kNetwork, [&] {
         for (const Case &c : cases) {
             EXPECT_EQ((Lines{std::string{"COMMON:"} + c.message}), CaptureLog([&] {
-                          char out[18];
+                          char out[COM_NET_MAC_COLON_SIZE];
                           const Fault fault{"ioctl", 0, EIO};
                           EXPECT_EQ(-1, COM_GetNetInfo(c.flag, "lo", out));
                           EXPECT_TRUE(Fault::Tripped());
@@ -90,53 +92,53 @@ TEST(NetInfoFault, LogsFailingRequestsWithTheirErrors) {
     });
 }
 
-// Only the missing address is passed over in silence.
-TEST(NetInfoFault, KeepsQuietAboutAnInterfaceWithoutAddress) {
+// EADDRNOTAVAIL is the only error that is not logged.
+TEST(NetInfoFault, DoesNotLogAnInterfaceWithoutAddress) {
     EXPECT_EQ(Lines{}, CaptureLog([] {
-                  char out[16];
+                  char out[COM_NET_ADDRESS_TEXT_SIZE];
                   const Fault fault{"ioctl", 0, EADDRNOTAVAIL};
-                  EXPECT_EQ(-1, COM_SubGetNetInfo(20, "lo", out));
+                  EXPECT_EQ(-1, COM_SubGetNetInfo(COM_NET_IP_TEXT, "lo", out));
                   EXPECT_STREQ("0.0.0.0", out);
               }));
 }
 
 TEST(NetInfoFault, LogsTablesThatCannotBeOpened) {
-    char out[18];
+    char out[COM_NET_MAC_COLON_SIZE];
     EXPECT_EQ((Lines{"COMMON:COM_GetArpMAC(): fopen(/proc/net/arp) fail : Permission denied"}),
               CaptureLog([&] {
                   const Fault fault{"fopen", 0, EACCES};
-                  COM_GetArpMAC(15, "10.0.0.9", out);
+                  COM_GetArpMAC(COM_NET_ARP_COLON, "10.0.0.9", out);
               }));
     EXPECT_STREQ("00:00:00:00:00:00", out);
     EXPECT_EQ((Lines{"COMMON:COM_GetDefaultRoute(): fopen(/proc/net/route) : Permission denied"}),
               CaptureLog([] {
-                  const CanaryBuf name{16};
+                  const CanaryBuf name{COM_NET_IF_NAME_SIZE};
                   const Fault fault{"fopen", 0, EACCES};
                   EXPECT_EQ(-1, COM_GetDefaultRoute(name.text()));
                   EXPECT_TRUE(name.UntouchedFrom(0));
               }));
 }
 
-// The message has the general name also when an interface's own file is the one that failed.
-TEST(NetInfoFault, NamesTheGeneralResolvFileForEveryOne) {
+// The message names the general file even when an interface's own file failed.
+TEST(NetInfoFault, NamesTheGeneralResolvFileForEachOfThem) {
     RunInPrivateWorld(kMounts, [] {
         WritableRoot();
         ASSERT_FALSE(HasFatalFailure());
         FreshEtc();
         WriteFile("/etc/resolv.conf.wan", "nameserver 192.0.2.2\n");
         WriteFile("/mtd1/resolv.conf.wan", "");
-        char out[16];
+        char out[COM_NET_ADDRESS_TEXT_SIZE];
         EXPECT_EQ((Lines{"COMMON:COM_GetDnsServer(): fopen(/etc/resolv.conf) : Permission denied"}),
                   CaptureLog([&] {
                       const Fault fault{"fopen", 0, EACCES};
-                      EXPECT_EQ(-1, COM_GetDnsServer(35, "eth0", out));
+                      EXPECT_EQ(-1, COM_GetDnsServer(COM_NET_DNS1_TEXT, "eth0", out));
                   }));
         EXPECT_STREQ("0.0.0.0", out);
     });
 }
 
-// Whatever fails, the answer is well formed, and right when the result says so.
-TEST(NetInfoFault, LeavesAWellFormedAnswerWhicheverCallFails) {
+// The answer is well formed whichever call fails, and correct when the result is 0.
+TEST(NetInfoFault, AnswersInFormWhicheverCallFails) {
     RunInPrivateWorld(kNetwork, [] {
         FreshEtc();
         WriteFile("/etc/resolv.conf", "nameserver 192.0.2.1\nnameserver 192.0.2.2\n");
@@ -153,22 +155,22 @@ TEST(NetInfoFault, LeavesAWellFormedAnswerWhicheverCallFails) {
             const char *right;
         };
         const Case cases[] = {
-            {4, nullptr, "([0-9A-F]{2}:){5}[0-9A-F]{2}", "00:11:22:AA:BB:CC"},
-            {15, "10.0.0.9", "([0-9A-F]{2}:){5}[0-9A-F]{2}", "00:11:22:AA:BB:CC"},
-            {20, nullptr, "[0-9]+(\\.[0-9]+){3}", "10.0.0.5"},
-            {25, nullptr, "[0-9]{3}(\\.[0-9]{3}){3}", "010.000.000.255"},
-            {27, nullptr, "[0-9]+(\\.[0-9]+){3}", "255.255.255.0"},
-            {32, nullptr, "[0-9]{3}(\\.[0-9]{3}){3}", "010.000.000.001"},
-            {37, nullptr, "[0-9]+(\\.[0-9]+){3}", "192.0.2.2"},
+            {COM_NET_MAC_COLON, nullptr, "([0-9A-F]{2}:){5}[0-9A-F]{2}", "00:11:22:AA:BB:CC"},
+            {COM_NET_ARP_COLON, "10.0.0.9", "([0-9A-F]{2}:){5}[0-9A-F]{2}", "00:11:22:AA:BB:CC"},
+            {COM_NET_IP_TEXT, nullptr, "[0-9]+(\\.[0-9]+){3}", "10.0.0.5"},
+            {COM_NET_BROADCAST_PADDED, nullptr, "[0-9]{3}(\\.[0-9]{3}){3}", "010.000.000.255"},
+            {COM_NET_NETMASK_TEXT, nullptr, "[0-9]+(\\.[0-9]+){3}", "255.255.255.0"},
+            {COM_NET_GATEWAY_PADDED, nullptr, "[0-9]{3}(\\.[0-9]{3}){3}", "010.000.000.001"},
+            {COM_NET_DNS2_TEXT, nullptr, "[0-9]+(\\.[0-9]+){3}", "192.0.2.2"},
         };
         for (const Case &c : cases) {
             const int failed = EveryCallFails(EIO, [&] {
-                const CanaryBuf out{18};
+                const CanaryBuf out{COM_NET_MAC_COLON_SIZE};
                 const int result = COM_GetNetInfo(c.flag, c.name, out.bytes());
                 EXPECT_TRUE(std::regex_match(out.text(), std::regex{c.form})) << out.text();
-                // Where the default route cannot be read, eth0 stands for it, which has no
-                // gateway of its own then but its own address as peer.
-                if (result == 0 && c.flag != 32) {
+                // When the default route cannot be read, eth0 is asked for its peer, which is its
+                // own address here.
+                if (result == 0 && c.flag != COM_NET_GATEWAY_PADDED) {
                     EXPECT_STREQ(c.right, out.text());
                 }
             });

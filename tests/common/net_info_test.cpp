@@ -30,10 +30,11 @@ using talvek::test::WritableRoot;
 using talvek::test::WriteFile;
 
 using Lines = std::vector<std::string>;
+
+constexpr uint32_t kNoFlag = COM_NET_MTU + 1;  // the first number that is no flag
 using Entry = int (*)(uint32_t flag, const char *pName, void *pOut);
 
-// What an entry answers into a buffer that ends where the answer has to end. The whole buffer must
-// have been written.
+// An entry's result and output, in a buffer that ends where the answer must end.
 struct Answer {
     int result;
     std::string bytes;
@@ -45,7 +46,7 @@ Answer Ask(Entry entry, uint32_t flag, const char *pName, size_t size) {
     return {result, std::string(out.text(), size)};
 }
 
-// A text with its NUL, as it lies in the output.
+// A text with its NUL, as in the output.
 std::string Text(const std::string &text) {
     return text + '\0';
 }
@@ -65,8 +66,7 @@ std::string Padded(const std::string &quad) {
     return text;
 }
 
-// How the answer of an address flag must lie in the output. Text forms are followed by what the
-// buffer held, so they are compared in a buffer of exactly their size.
+// The form of an address flag.
 enum class Form { kText, kPadded, kBinary };
 
 std::string InForm(Form form, const std::string &quad) {
@@ -89,7 +89,7 @@ void ExpectAddress(Entry entry, uint32_t flag, const char *pName, Form form,
     EXPECT_EQ(result, answer.result) << "flag " << flag;
 }
 
-// Two linked interfaces, eth0 with a known hardware address.
+// Two connected interfaces; eth0 has a known hardware address.
 void MakeLink() {
     RunCommand(
         "ip link set lo up && ip link add eth0 address 00:11:22:aa:bb:cc type veth peer name far"
@@ -104,31 +104,31 @@ struct MacForm {
 // 00:11:22:aa:bb:cc in each form.
 std::vector<MacForm> InterfaceMacForms() {
     return {
-        {0, Text("001122AABBCC")},
-        {1, Text("001122aabbcc")},
-        {2, Text("22AABBCC")},
-        {3, Text("AABBCC")},
-        {4, Text("00:11:22:AA:BB:CC")},
-        {5, Text("22:AA:BB:CC")},
-        {6, Text("AA:BB:CC")},
-        {7, std::string("\x00\x11\x22\xAA\xBB\xCC", 6)},
-        {8, "\x22\xAA\xBB\xCC"},
-        {9, "\xAA\xBB\xCC"},
-        {10, "\xBB\xCC"},
+        {COM_NET_MAC_HEX, Text("001122AABBCC")},
+        {COM_NET_MAC_HEX_LOWER, Text("001122aabbcc")},
+        {COM_NET_MAC_HEX_LAST4, Text("22AABBCC")},
+        {COM_NET_MAC_HEX_LAST3, Text("AABBCC")},
+        {COM_NET_MAC_COLON, Text("00:11:22:AA:BB:CC")},
+        {COM_NET_MAC_COLON_LAST4, Text("22:AA:BB:CC")},
+        {COM_NET_MAC_COLON_LAST3, Text("AA:BB:CC")},
+        {COM_NET_MAC_BYTES, std::string("\x00\x11\x22\xAA\xBB\xCC", 6)},
+        {COM_NET_MAC_BYTES_LAST4, "\x22\xAA\xBB\xCC"},
+        {COM_NET_MAC_BYTES_LAST3, "\xAA\xBB\xCC"},
+        {COM_NET_MAC_BYTES_LAST2, "\xBB\xCC"},
     };
 }
 
 std::vector<MacForm> NeighbourMacForms() {
     return {
-        {11, Text("001122AABBCC")},
-        {12, Text("001122aabbcc")},
-        {13, Text("22AABBCC")},
-        {14, Text("AABBCC")},
-        {15, Text("00:11:22:AA:BB:CC")},
-        {16, Text("22:AA:BB:CC")},
-        {17, Text("AA:BB:CC")},
-        {18, "\xAA\xBB\xCC"},
-        {19, "\xBB\xCC"},
+        {COM_NET_ARP_HEX, Text("001122AABBCC")},
+        {COM_NET_ARP_HEX_LOWER, Text("001122aabbcc")},
+        {COM_NET_ARP_HEX_LAST4, Text("22AABBCC")},
+        {COM_NET_ARP_HEX_LAST3, Text("AABBCC")},
+        {COM_NET_ARP_COLON, Text("00:11:22:AA:BB:CC")},
+        {COM_NET_ARP_COLON_LAST4, Text("22:AA:BB:CC")},
+        {COM_NET_ARP_COLON_LAST3, Text("AA:BB:CC")},
+        {COM_NET_ARP_BYTES_LAST3, "\xAA\xBB\xCC"},
+        {COM_NET_ARP_BYTES_LAST2, "\xBB\xCC"},
     };
 }
 
@@ -157,7 +157,7 @@ TEST(Mac, AnswersEveryFlagInItsForm) {
     });
 }
 
-TEST(Mac, IsZeroInTheFlagsFormForAnUnknownInterface) {
+TEST(Mac, OfAnUnknownInterfaceIsZeroInTheFlagsForm) {
     for (const MacForm &form : InterfaceMacForms()) {
         Answer answer;
         EXPECT_EQ((Lines{"COMMON:COM_GetMAC(): ioctl(SIOCGIFHWADDR) for nope0 got error : No such "
@@ -169,19 +169,21 @@ TEST(Mac, IsZeroInTheFlagsFormForAnUnknownInterface) {
     }
 }
 
-TEST(Mac, IsZeroWithoutAName) {
+TEST(Mac, WithoutANameIsZero) {
     EXPECT_EQ((Lines{"COMMON:COM_GetMAC(): ioctl(SIOCGIFHWADDR) for (null) got error : No such "
                      "device"}),
               CaptureLog([] {
-                  const Answer answer = Ask(COM_GetMAC, 4, nullptr, 18);
+                  const Answer answer =
+                      Ask(COM_GetMAC, COM_NET_MAC_COLON, nullptr, COM_NET_MAC_COLON_SIZE);
                   EXPECT_EQ(Text("00:00:00:00:00:00"), answer.bytes);
                   EXPECT_EQ(-1, answer.result);
               }));
 }
 
-TEST(Mac, RefusesFlagsOfOtherEntries) {
-    for (const uint32_t flag : {11U, 20U, 44U, UINT32_MAX}) {
-        const CanaryBuf out{18};
+TEST(Mac, RefusesOtherFlags) {
+    for (const uint32_t flag :
+         std::initializer_list<uint32_t>{COM_NET_ARP_HEX, COM_NET_IP_TEXT, kNoFlag, UINT32_MAX}) {
+        const CanaryBuf out{COM_NET_MAC_COLON_SIZE};
         EXPECT_EQ((Lines{"COMMON:COM_GetMAC(): flag(" + std::to_string(static_cast<int>(flag)) +
                          ") not implemented."}),
                   CaptureLog([&] { EXPECT_EQ(-1, COM_GetMAC(flag, "lo", out.bytes())); }));
@@ -189,20 +191,20 @@ TEST(Mac, RefusesFlagsOfOtherEntries) {
     }
 }
 
-// The kernel's names have at most 15 characters. A longer one must not be answered for the
-// interface that has its first 15.
-TEST(InterfaceNames, AreTakenAtFullLengthOrNotAtAll) {
+// Interface names have at most 15 characters. A longer name must not be answered for the interface
+// that has its first 15.
+TEST(InterfaceNames, AreNotCut) {
     RunInPrivateWorld(kNetwork, [] {
         RunCommand("ip link add abcdefghijklmno address 02:00:00:00:00:01 type veth peer name far");
         CaptureLog([] {
-            char out[18];
-            EXPECT_EQ(0, COM_GetMAC(4, "abcdefghijklmno", out));
+            char out[COM_NET_MAC_COLON_SIZE];
+            EXPECT_EQ(0, COM_GetMAC(COM_NET_MAC_COLON, "abcdefghijklmno", out));
             EXPECT_STREQ("02:00:00:00:00:01", out);
-            EXPECT_EQ(-1, COM_GetMAC(4, "abcdefghijklmn", out));
-            EXPECT_EQ(-1, COM_GetMAC(4, "abcdefghijklmnop", out));
+            EXPECT_EQ(-1, COM_GetMAC(COM_NET_MAC_COLON, "abcdefghijklmn", out));
+            EXPECT_EQ(-1, COM_GetMAC(COM_NET_MAC_COLON, "abcdefghijklmnop", out));
             EXPECT_STREQ("00:00:00:00:00:00", out);
-            EXPECT_EQ(-1, COM_GetMAC(4, std::string(100000, 'x').c_str(), out));
-            EXPECT_EQ(-1, COM_GetMAC(4, "", out));
+            EXPECT_EQ(-1, COM_GetMAC(COM_NET_MAC_COLON, std::string(100000, 'x').c_str(), out));
+            EXPECT_EQ(-1, COM_GetMAC(COM_NET_MAC_COLON, "", out));
         });
     });
 }
@@ -224,10 +226,10 @@ TEST(ArpMac, AnswersEveryFlagInItsForm) {
                     << "flag " << form.flag;
             }
         }
-        char out[18];
-        COM_GetArpMAC(15, "10.0.0.8", out);
+        char out[COM_NET_MAC_COLON_SIZE];
+        COM_GetArpMAC(COM_NET_ARP_COLON, "10.0.0.8", out);
         EXPECT_STREQ("02:0A:0B:0C:0D:0E", out);
-        COM_GetArpMAC(15, "10.0.0.90", out);
+        COM_GetArpMAC(COM_NET_ARP_COLON, "10.0.0.90", out);
         EXPECT_STREQ("02:0A:0B:0C:0D:0F", out);
     });
 }
@@ -250,9 +252,10 @@ TEST(ArpMac, ReturnsMinusOneInEveryCase) {
         EXPECT_EQ((Lines{"COMMON:COM_GetArpMAC(): flag(10) not implemented.",
                          "COMMON:COM_GetArpMAC(): flag(20) not implemented."}),
                   CaptureLog([] {
-                      const CanaryBuf out{18};
-                      EXPECT_EQ(-1, COM_GetArpMAC(10, "10.0.0.9", out.bytes()));
-                      EXPECT_EQ(-1, COM_GetArpMAC(20, "10.0.0.9", out.bytes()));
+                      const CanaryBuf out{COM_NET_MAC_COLON_SIZE};
+                      EXPECT_EQ(-1,
+                                COM_GetArpMAC(COM_NET_MAC_BYTES_LAST2, "10.0.0.9", out.bytes()));
+                      EXPECT_EQ(-1, COM_GetArpMAC(COM_NET_IP_TEXT, "10.0.0.9", out.bytes()));
                       EXPECT_TRUE(out.UntouchedFrom(0));
                   }));
     });
@@ -260,14 +263,14 @@ TEST(ArpMac, ReturnsMinusOneInEveryCase) {
 
 std::string ArpAnswer(const std::string &table, const char *pAddress) {
     WriteFile("/proc/net/arp", table);
-    const Answer answer = Ask(COM_GetArpMAC, 15, pAddress, 18);
+    const Answer answer = Ask(COM_GetArpMAC, COM_NET_ARP_COLON, pAddress, COM_NET_MAC_COLON_SIZE);
     return answer.bytes.c_str();
 }
 
 constexpr char kArpHead[] =
     "IP address       HW type     Flags       HW address            Mask     Device\n";
 
-TEST(ArpMac, TakesTheFirstWholeLineOfTheNeighbour) {
+TEST(ArpMac, TakesTheFirstCompleteLineOfTheNeighbour) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
         const std::string head = kArpHead;
@@ -275,7 +278,7 @@ TEST(ArpMac, TakesTheFirstWholeLineOfTheNeighbour) {
                   ArpAnswer(head + "10.0.0.9 0x1 0x2 01:02:03:04:05:06 * eth0\n"
                                    "10.0.0.9 0x1 0x2 11:12:13:14:15:16 * eth1\n",
                             "10.0.0.9"));
-        // A line without a hardware address is passed over.
+        // A line without a hardware address is skipped.
         EXPECT_EQ("11:12:13:14:15:16", ArpAnswer(head + "10.0.0.9 0x1 0x2\n"
                                                         "10.0.0.9 0x1 0x2 11:12:13:14:15:16\n",
                                                  "10.0.0.9"));
@@ -290,13 +293,13 @@ TEST(ArpMac, TakesTheFirstWholeLineOfTheNeighbour) {
         EXPECT_EQ("00:00:00:00:00:00", ArpAnswer("a 0x1 0x2 *\n", "a"));
         EXPECT_EQ("00:00:00:00:00:00", ArpAnswer("", "a"));
         EXPECT_EQ("00:00:00:00:00:00", ArpAnswer("\n\n \n", "a"));
-        // A line is read in pieces of at most 255 characters: the second piece counts as a line.
+        // At most 255 characters are read at a time; the rest counts as the next line.
         EXPECT_EQ("01:02:03:04:05:06",
                   ArpAnswer(std::string(255, ' ') + "a 0x1 0x2 01:02:03:04:05:06\n", "a"));
     });
 }
 
-// 256 bytes a line with the NUL: the 256th character begins the next line.
+// A line has at most 255 characters; the 256th begins the next one.
 TEST(ArpMac, ReadsLongLinesInPieces) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
@@ -325,7 +328,7 @@ TEST(ArpMac, ReadsATableThatEndsAnywhere) {
                 if (at % 3 == 1) {  // both digits of the byte are there
                     expected[at - 1] = whole[at - 1];
                     expected[at] = whole[at];
-                } else if (at % 3 == 0) {  // one digit is a number too
+                } else if (at % 3 == 0) {  // one digit is a number as well
                     expected[at + 1] = whole[at];
                 }
             }
@@ -334,14 +337,17 @@ TEST(ArpMac, ReadsATableThatEndsAnywhere) {
     });
 }
 
-TEST(ArpMac, LogsATableThatCannotBeOpened) {
+TEST(ArpMac, LogsAMissingTable) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
-        EXPECT_EQ((Lines{"COMMON:COM_GetArpMAC(): fopen(/proc/net/arp) fail : No such file or "
-                         "directory"}),
-                  CaptureLog([] {
-                      EXPECT_EQ(Text("000000000000"), Ask(COM_GetArpMAC, 11, "10.0.0.9", 13).bytes);
-                  }));
+        EXPECT_EQ(
+            (Lines{"COMMON:COM_GetArpMAC(): fopen(/proc/net/arp) fail : No such file or "
+                   "directory"}),
+            CaptureLog([] {
+                EXPECT_EQ(
+                    Text("000000000000"),
+                    Ask(COM_GetArpMAC, COM_NET_ARP_HEX, "10.0.0.9", COM_NET_MAC_HEX_SIZE).bytes);
+            }));
     });
 }
 
@@ -350,18 +356,29 @@ struct AddressForm {
     Form form;
 };
 
-constexpr AddressForm kAddressForms[] = {
-    {20, Form::kText}, {21, Form::kPadded}, {22, Form::kBinary}, {23, Form::kBinary}};
-constexpr AddressForm kBroadcastForms[] = {
-    {24, Form::kText}, {25, Form::kPadded}, {26, Form::kBinary}};
-constexpr AddressForm kNetmaskForms[] = {
-    {27, Form::kText}, {28, Form::kPadded}, {29, Form::kBinary}, {30, Form::kBinary}};
-constexpr AddressForm kGatewayForms[] = {
-    {31, Form::kText}, {32, Form::kPadded}, {33, Form::kBinary}, {34, Form::kBinary}};
-constexpr AddressForm kFirstServerForms[] = {
-    {35, Form::kText}, {36, Form::kPadded}, {39, Form::kBinary}, {41, Form::kBinary}};
-constexpr AddressForm kSecondServerForms[] = {
-    {37, Form::kText}, {38, Form::kPadded}, {40, Form::kBinary}, {42, Form::kBinary}};
+constexpr AddressForm kAddressForms[] = {{COM_NET_IP_TEXT, Form::kText},
+                                         {COM_NET_IP_PADDED, Form::kPadded},
+                                         {COM_NET_IP_U32, Form::kBinary},
+                                         {COM_NET_IP_RAW, Form::kBinary}};
+constexpr AddressForm kBroadcastForms[] = {{COM_NET_BROADCAST_TEXT, Form::kText},
+                                           {COM_NET_BROADCAST_PADDED, Form::kPadded},
+                                           {COM_NET_BROADCAST_U32, Form::kBinary}};
+constexpr AddressForm kNetmaskForms[] = {{COM_NET_NETMASK_TEXT, Form::kText},
+                                         {COM_NET_NETMASK_PADDED, Form::kPadded},
+                                         {COM_NET_NETMASK_U32, Form::kBinary},
+                                         {COM_NET_NETMASK_RAW, Form::kBinary}};
+constexpr AddressForm kGatewayForms[] = {{COM_NET_GATEWAY_TEXT, Form::kText},
+                                         {COM_NET_GATEWAY_PADDED, Form::kPadded},
+                                         {COM_NET_GATEWAY_U32, Form::kBinary},
+                                         {COM_NET_GATEWAY_RAW, Form::kBinary}};
+constexpr AddressForm kFirstServerForms[] = {{COM_NET_DNS1_TEXT, Form::kText},
+                                             {COM_NET_DNS1_PADDED, Form::kPadded},
+                                             {COM_NET_DNS1_U32, Form::kBinary},
+                                             {COM_NET_DNS1_RAW, Form::kBinary}};
+constexpr AddressForm kSecondServerForms[] = {{COM_NET_DNS2_TEXT, Form::kText},
+                                              {COM_NET_DNS2_PADDED, Form::kPadded},
+                                              {COM_NET_DNS2_U32, Form::kBinary},
+                                              {COM_NET_DNS2_RAW, Form::kBinary}};
 
 template <size_t kCount>
 void ExpectForms(const AddressForm (&forms)[kCount], Entry entry, const char *pName,
@@ -406,13 +423,17 @@ TEST(Addresses, ArePaddedToThreeDigits) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink();
         RunCommand("ip addr add 10.0.0.5/24 dev eth0");
-        EXPECT_EQ(Text("010.000.000.005"), Ask(COM_GetNetInfo, 21, "eth0", 16).bytes);
-        EXPECT_EQ(Text("255.255.255.000"), Ask(COM_GetNetInfo, 28, "eth0", 16).bytes);
-        EXPECT_EQ(Text("127.000.000.001"), Ask(COM_GetNetInfo, 21, "lo", 16).bytes);
+        EXPECT_EQ(Text("010.000.000.005"),
+                  Ask(COM_GetNetInfo, COM_NET_IP_PADDED, "eth0", COM_NET_ADDRESS_TEXT_SIZE).bytes);
+        EXPECT_EQ(
+            Text("255.255.255.000"),
+            Ask(COM_GetNetInfo, COM_NET_NETMASK_PADDED, "eth0", COM_NET_ADDRESS_TEXT_SIZE).bytes);
+        EXPECT_EQ(Text("127.000.000.001"),
+                  Ask(COM_GetNetInfo, COM_NET_IP_PADDED, "lo", COM_NET_ADDRESS_TEXT_SIZE).bytes);
     });
 }
 
-TEST(Addresses, AreThePrimaryOneOfSeveralAndTheLabelledOnesByLabel) {
+TEST(Addresses, AreThePrimaryOneOrThatOfALabel) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink();
         RunCommand(
@@ -425,7 +446,7 @@ TEST(Addresses, AreThePrimaryOneOfSeveralAndTheLabelledOnesByLabel) {
     });
 }
 
-TEST(Addresses, OfAnInterfaceWithoutOneAreZeroWithoutAMessage) {
+TEST(Addresses, OfAnInterfaceWithoutOneAreZeroAndNotLogged) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink();
         EXPECT_EQ("", JsonValue(RunCommand("ip -json -4 addr show eth0"), "local"));
@@ -454,12 +475,14 @@ TEST(Addresses, OfAnUnknownInterfaceAreZeroAndLogged) {
               }));
     EXPECT_EQ((Lines{"COMMON:COM_SubGetNetInfo(): ioctl(35093:(null)) error : No such device"}),
               CaptureLog([] {
-                  ExpectAddress(COM_SubGetNetInfo, 20, nullptr, Form::kText, "0.0.0.0", -1);
+                  ExpectAddress(COM_SubGetNetInfo, COM_NET_IP_TEXT, nullptr, Form::kText, "0.0.0.0",
+                                -1);
               }));
 }
 
-TEST(Addresses, AreZeroBytesForFlagsOfOtherEntries) {
-    for (const uint32_t flag : {19U, 31U, UINT32_MAX}) {
+TEST(Addresses, AreZeroBytesForOtherFlags) {
+    for (const uint32_t flag : std::initializer_list<uint32_t>{COM_NET_ARP_BYTES_LAST2,
+                                                               COM_NET_GATEWAY_TEXT, UINT32_MAX}) {
         EXPECT_EQ((Lines{"COMMON:COM_SubGetNetInfo(): flag(" +
                          std::to_string(static_cast<int>(flag)) + ") not implemented."}),
                   CaptureLog([&] {
@@ -474,11 +497,11 @@ TEST(Outputs, MayBeUnaligned) {
         RunCommand("ip addr add 10.0.0.5/24 dev eth0 && ip route add default via 10.0.0.1");
         for (size_t shift = 0; shift < 4; ++shift) {
             alignas(8) char out[16];
-            EXPECT_EQ(0, COM_GetNetInfo(22, "eth0", out + shift));
+            EXPECT_EQ(0, COM_GetNetInfo(COM_NET_IP_U32, "eth0", out + shift));
             EXPECT_EQ(Binary("10.0.0.5"), std::string(out + shift, 4));
-            EXPECT_EQ(0, COM_GetNetInfo(33, "eth0", out + shift));
+            EXPECT_EQ(0, COM_GetNetInfo(COM_NET_GATEWAY_U32, "eth0", out + shift));
             EXPECT_EQ(Binary("10.0.0.1"), std::string(out + shift, 4));
-            EXPECT_EQ(0, COM_GetNetInfo(43, "eth0", out + shift));
+            EXPECT_EQ(0, COM_GetNetInfo(COM_NET_MTU, "eth0", out + shift));
             int32_t mtu = 0;
             memcpy(&mtu, out + shift, sizeof mtu);
             EXPECT_EQ(1500, mtu);
@@ -501,17 +524,17 @@ TEST(Gateway, EqualsWhatIpSays) {
                 ExpectForms(kGatewayForms, entry, pName, JsonValue(json, "gateway"), 0);
             }
         }
-        // The kernel keeps the routes in the order of their metrics.
+        // The kernel sorts the routes by metric.
         const std::string first = RunCommand("ip -json route show default");
         ExpectForms(kGatewayForms, COM_SubGetGateway, nullptr, JsonValue(first, "gateway"), 0);
-        char name[16];
+        char name[COM_NET_IF_NAME_SIZE];
         EXPECT_EQ(0, COM_GetDefaultRoute(name));
         EXPECT_EQ(JsonValue(first, "dev"), name);
         EXPECT_STREQ("far", name);
     });
 }
 
-// `make` is the command that makes an interface of the name.
+// `make` is the command that creates the interface.
 void ExpectPeerAsGateway(const std::string &name, const std::string &make) {
     RunCommand(make + " && ip addr add 10.9.0.1 peer 10.9.0.2 dev " + name + " && ip link set " +
                name + " up && ip route add default dev " + name);
@@ -524,18 +547,19 @@ void ExpectPeerAsGateway(const std::string &name, const std::string &make) {
     EXPECT_EQ(Lines{}, CaptureLog([&] {
                   ExpectForms(kGatewayForms, COM_SubGetGateway, name.c_str(), peer, 0);
                   ExpectForms(kGatewayForms, COM_GetNetInfo, name.c_str(), peer, 0);
-                  char route[16] = "kept";
+                  char route[COM_NET_IF_NAME_SIZE] = "kept";
                   EXPECT_EQ(-1, COM_GetDefaultRoute(route));
                   EXPECT_STREQ("kept", route);
               }));
     EXPECT_EQ((Lines{"COMMON:COM_SubGetGateway(): ioctl(SIOCGIFDSTADDR[(null)]) error : No such "
                      "device"}),
               CaptureLog([] {
-                  ExpectAddress(COM_SubGetGateway, 31, nullptr, Form::kText, "0.0.0.0", -1);
+                  ExpectAddress(COM_SubGetGateway, COM_NET_GATEWAY_TEXT, nullptr, Form::kText,
+                                "0.0.0.0", -1);
               }));
 }
 
-TEST(Gateway, IsThePeerOfAPointToPointLinkWhoseRouteHasNone) {
+TEST(Gateway, IsThePeerWhenTheRouteHasNoGateway) {
     if (access("/dev/net/tun", R_OK | W_OK) != 0) {
         GTEST_SKIP() << "/dev/net/tun cannot be used here";
     }
@@ -543,7 +567,7 @@ TEST(Gateway, IsThePeerOfAPointToPointLinkWhoseRouteHasNone) {
                       [] { ExpectPeerAsGateway("tun0", "ip tuntap add dev tun0 mode tun"); });
 }
 
-TEST(Gateway, IsThePeerOfAnAddressWithPeerOnAnyLink) {
+TEST(Gateway, IsThePeerOfAnAddressOnAnyLink) {
     RunInPrivateWorld(kNetwork, [] {
         ExpectPeerAsGateway("eth7",
                             "ip link add eth7 type veth peer name far && ip link set far up");
@@ -562,13 +586,16 @@ TEST(Gateway, IsZeroAndLoggedWithoutRouteAndPeer) {
         EXPECT_EQ(
             (Lines{
                 "COMMON:COM_SubGetGateway(): ioctl(SIOCGIFDSTADDR[nope0]) error : No such device"}),
-            CaptureLog(
-                [] { ExpectAddress(COM_SubGetGateway, 31, "nope0", Form::kText, "0.0.0.0", -1); }));
+            CaptureLog([] {
+                ExpectAddress(COM_SubGetGateway, COM_NET_GATEWAY_TEXT, "nope0", Form::kText,
+                              "0.0.0.0", -1);
+            }));
     });
 }
 
-TEST(Gateway, IsZeroBytesForFlagsOfOtherEntries) {
-    for (const uint32_t flag : {30U, 35U, UINT32_MAX}) {
+TEST(Gateway, IsZeroBytesForOtherFlags) {
+    for (const uint32_t flag :
+         std::initializer_list<uint32_t>{COM_NET_NETMASK_RAW, COM_NET_DNS1_TEXT, UINT32_MAX}) {
         EXPECT_EQ((Lines{"COMMON:COM_SubGetGateway(): flag(" +
                          std::to_string(static_cast<int>(flag)) + ") not implemented."}),
                   CaptureLog([&] {
@@ -600,20 +627,20 @@ TEST(RouteTable, IsSearchedForTheFirstDefaultRouteWithAGateway) {
                       RouteLine("eth0", "0300000A", "01000000", "00000000") +
                       RouteLine("ppp0", "00000000") + RouteLine("wan1", "0101A8C0") +
                       RouteLine("eth0", "FE01A8C0") + RouteLine("eth0", "FD01A8C0"));
-        // The table prints 192.168.1.1 as the number that its four bytes in memory are.
+        // 192.168.1.1 is printed as the number that its four bytes in memory form.
         ExpectForms(kGatewayForms, COM_SubGetGateway, nullptr, "192.168.1.1", 0);
         ExpectForms(kGatewayForms, COM_SubGetGateway, "wan1", "192.168.1.1", 0);
         ExpectForms(kGatewayForms, COM_SubGetGateway, "eth0", "192.168.1.254", 0);
-        const CanaryBuf name{16};
+        const CanaryBuf name{COM_NET_IF_NAME_SIZE};
         EXPECT_EQ(0, COM_GetDefaultRoute(name.text()));
         EXPECT_STREQ("wan1", name.text());
     });
 }
 
-TEST(RouteTable, HasGatewaysThatCannotBeReadPassedOver) {
+TEST(RouteTable, UnreadableGatewaysAreLoggedAndSkipped) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
-        // One digit more than 32 bits hold, more than 64 bits hold, and no number.
+        // More than 32 bits, more than 64 bits, no number.
         WriteFile("/proc/net/route", kRouteHead + RouteLine("eth1", "100000000") +
                                          RouteLine("eth2", "FFFFFFFFFFFFFFFFF") +
                                          RouteLine("eth3", "zz") +
@@ -624,27 +651,28 @@ TEST(RouteTable, HasGatewaysThatCannotBeReadPassedOver) {
                          text + "Numerical result out of range", text + "Invalid argument"};
         };
         EXPECT_EQ(messages("COM_SubGetGateway"), CaptureLog([] {
-                      ExpectAddress(COM_SubGetGateway, 31, nullptr, Form::kText, "192.168.1.1", 0);
+                      ExpectAddress(COM_SubGetGateway, COM_NET_GATEWAY_TEXT, nullptr, Form::kText,
+                                    "192.168.1.1", 0);
                   }));
         EXPECT_EQ(messages("COM_GetDefaultRoute"), CaptureLog([] {
-                      const CanaryBuf name{16};
+                      const CanaryBuf name{COM_NET_IF_NAME_SIZE};
                       EXPECT_EQ(0, COM_GetDefaultRoute(name.text()));
                       EXPECT_STREQ("abcdefghijklmno", name.text());
                   }));
     });
 }
 
-TEST(RouteTable, HasLongInterfaceNamesCut) {
+TEST(RouteTable, LongInterfaceNamesAreCut) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
         WriteFile("/proc/net/route", RouteLine("abcdefghijklmnop", "0101A8C0"));
-        const CanaryBuf name{16};
+        const CanaryBuf name{COM_NET_IF_NAME_SIZE};
         EXPECT_EQ(0, COM_GetDefaultRoute(name.text()));
         EXPECT_STREQ("abcdefghijklmno", name.text());
     });
 }
 
-// 256 bytes a line with the NUL: a mask whose last digit does not fit is none.
+// A mask whose last digit is the 256th character of its line is another mask.
 TEST(RouteTable, IsReadInLinesOf255Characters) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
@@ -654,29 +682,29 @@ TEST(RouteTable, IsReadInLinesOf255Characters) {
             const std::string metric(size - start.size() - mask.size(), '7');
             WriteFile("/proc/net/route", start + metric + mask);
             const bool fits = size <= 255;
-            char name[16];
+            char name[COM_NET_IF_NAME_SIZE];
             EXPECT_EQ(fits ? 0 : -1, COM_GetDefaultRoute(name)) << size;
             CaptureLog([&] {
-                ExpectAddress(COM_SubGetGateway, 31, "eth7", Form::kText,
+                ExpectAddress(COM_SubGetGateway, COM_NET_GATEWAY_TEXT, "eth7", Form::kText,
                               fits ? "192.168.1.1" : "0.0.0.0", fits ? 0 : -1);
             });
         }
     });
 }
 
-// Columns of the default route's search stand between tabs alone; tabs ahead of a column count as
-// one.
+// COM_GetDefaultRoute splits lines at tabs only; several in a row count as one.
 TEST(RouteTable, IsSplitAtTabsForTheDefaultRoute) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
-        char name[16] = "kept";
+        char name[COM_NET_IF_NAME_SIZE] = "kept";
         WriteFile("/proc/net/route", "\t\teth5\t\t00000000\t0101A8C0\t3\t0\t0\t0\t00000000\t0\n");
         EXPECT_EQ(0, COM_GetDefaultRoute(name));
         EXPECT_STREQ("eth5", name);
         WriteFile("/proc/net/route", "eth6 00000000 0101A8C0 3 0 0 0 00000000 0\n");
         EXPECT_EQ(-1, COM_GetDefaultRoute(name));
         EXPECT_STREQ("eth5", name);
-        ExpectAddress(COM_SubGetGateway, 31, "eth6", Form::kText, "192.168.1.1", 0);
+        ExpectAddress(COM_SubGetGateway, COM_NET_GATEWAY_TEXT, "eth6", Form::kText, "192.168.1.1",
+                      0);
     });
 }
 
@@ -687,12 +715,12 @@ TEST(RouteTable, MayEndAnywhere) {
         const size_t whole = line.find("\t0\t0\t0\n");
         for (size_t length = 0; length <= line.size(); ++length) {
             WriteFile("/proc/net/route", line.substr(0, length));
-            const CanaryBuf name{16};
+            const CanaryBuf name{COM_NET_IF_NAME_SIZE};
             const int result = COM_GetDefaultRoute(name.text());
             EXPECT_EQ(length >= whole ? 0 : -1, result) << length;
             EXPECT_TRUE(length >= whole || name.UntouchedFrom(0)) << length;
             CaptureLog([&] {
-                ExpectAddress(COM_SubGetGateway, 31, "eth7", Form::kText,
+                ExpectAddress(COM_SubGetGateway, COM_NET_GATEWAY_TEXT, "eth7", Form::kText,
                               length >= whole ? "192.168.1.1" : "0.0.0.0",
                               length >= whole ? 0 : -1);
             });
@@ -700,22 +728,23 @@ TEST(RouteTable, MayEndAnywhere) {
     });
 }
 
-TEST(RouteTable, IsLoggedWhenItCannotBeOpened) {
+TEST(RouteTable, IsLoggedWhenMissing) {
     RunInPrivateWorld(kNetwork, [] {
         RunCommand("ip link set lo up");
         ReplaceDir("/proc");
         EXPECT_EQ((Lines{"COMMON:COM_GetDefaultRoute(): fopen(/proc/net/route) : No such file or "
                          "directory"}),
                   CaptureLog([] {
-                      const CanaryBuf name{16};
+                      const CanaryBuf name{COM_NET_IF_NAME_SIZE};
                       EXPECT_EQ(-1, COM_GetDefaultRoute(name.text()));
                       EXPECT_TRUE(name.UntouchedFrom(0));
                   }));
-        // The peer is asked for all the same; loopback's is its own address.
+        // The peer is asked for even so; that of loopback is its own address.
         EXPECT_EQ((Lines{"COMMON:COM_SubGetGateway(): fopen(/proc/net/route) : No such file or "
                          "directory"}),
                   CaptureLog([] {
-                      ExpectAddress(COM_SubGetGateway, 31, "lo", Form::kText, "127.0.0.1", 0);
+                      ExpectAddress(COM_SubGetGateway, COM_NET_GATEWAY_TEXT, "lo", Form::kText,
+                                    "127.0.0.1", 0);
                   }));
     });
 }
@@ -753,7 +782,7 @@ TEST(DnsServer, IsZeroWhenTheEntryIsMissing) {
     });
 }
 
-TEST(DnsServer, CountsAnEntryWhereverItsWordStands) {
+TEST(DnsServer, CountsAnEntryAnywhereInALine) {
     RunInPrivateWorld(kMounts, [] {
         FreshEtc();
         WriteFile("/etc/resolv.conf",
@@ -763,7 +792,7 @@ TEST(DnsServer, CountsAnEntryWhereverItsWordStands) {
     });
 }
 
-// The second entry is the second of the file, whether or not the first can be answered.
+// An entry that is no address still counts as the first.
 TEST(DnsServer, IsZeroForAnEntryThatIsNoIpv4Address) {
     RunInPrivateWorld(kMounts, [] {
         FreshEtc();
@@ -775,7 +804,7 @@ TEST(DnsServer, IsZeroForAnEntryThatIsNoIpv4Address) {
     });
 }
 
-// 160 bytes a line with the NUL: the 160th character begins the next line.
+// A line has at most 159 characters; the 160th begins the next one.
 TEST(DnsServer, ReadsLongLinesInPieces) {
     RunInPrivateWorld(kMounts, [] {
         FreshEtc();
@@ -795,15 +824,15 @@ TEST(DnsServer, ReadsAFileThatEndsAnywhere) {
         const std::string text = "nameserver 192.0.2.1\nnameserver 192.0.2.2";
         for (size_t length = 0; length <= text.size(); ++length) {
             WriteFile("/etc/resolv.conf", text.substr(0, length));
-            const CanaryBuf out{16};
-            const int result = COM_GetDnsServer(37, nullptr, out.bytes());
+            const CanaryBuf out{COM_NET_ADDRESS_TEXT_SIZE};
+            const int result = COM_GetDnsServer(COM_NET_DNS2_TEXT, nullptr, out.bytes());
             EXPECT_EQ(result == 0, strcmp("0.0.0.0", out.text()) != 0) << length;
         }
     });
 }
 
-// Which file is read for an interface, by the presence of the four files.
-TEST(DnsServer, ComesFromTheInterfacesOwnFileWhenThatIsKept) {
+// Which of the four files exist decides which one is read.
+TEST(DnsServer, ComesFromTheInterfacesOwnFileWhenItIsSaved) {
     RunInPrivateWorld(kMounts, [] {
         WritableRoot();
         ASSERT_FALSE(HasFatalFailure());
@@ -834,7 +863,6 @@ TEST(DnsServer, ComesFromTheInterfacesOwnFileWhenThatIsKept) {
     });
 }
 
-// COM_GetNetInfo names the interface of the default route, or eth0, where the caller does not.
 TEST(DnsServer, IsThatOfTheDefaultRoutesInterfaceForAutoAndNull) {
     RunInPrivateWorld(kNetwork, [] {
         WritableRoot();
@@ -868,7 +896,7 @@ TEST(DnsServer, NamesTheGeneralFileInItsMessage) {
                       ExpectForms(kFirstServerForms, COM_GetDnsServer, "eth0", "0.0.0.0", -1);
                       ExpectForms(kSecondServerForms, COM_GetDnsServer, nullptr, "0.0.0.0", -1);
                   }));
-        // A directory in the file's place can be opened but holds no line.
+        // A directory can be opened but has no lines.
         WritableRoot();
         ASSERT_FALSE(HasFatalFailure());
         WriteFile("/mtd1/resolv.conf.wan", "");
@@ -879,8 +907,9 @@ TEST(DnsServer, NamesTheGeneralFileInItsMessage) {
     });
 }
 
-TEST(DnsServer, IsZeroBytesForFlagsOfOtherEntries) {
-    for (const uint32_t flag : {34U, 43U, UINT32_MAX}) {
+TEST(DnsServer, IsZeroBytesForOtherFlags) {
+    for (const uint32_t flag :
+         std::initializer_list<uint32_t>{COM_NET_GATEWAY_RAW, COM_NET_MTU, UINT32_MAX}) {
         EXPECT_EQ((Lines{"COMMON:COM_GetDnsServer(): flag(" +
                          std::to_string(static_cast<int>(flag)) + ") not implemented."}),
                   CaptureLog([&] {
@@ -901,7 +930,7 @@ TEST(Mtu, EqualsWhatIpSays) {
             const int mtu = std::stoi(JsonValue(RunCommand("ip -json link show eth0"), "mtu"));
             EXPECT_EQ(std::stoi(pMtu), mtu);
             for (const Entry entry : {COM_GetMTU, COM_GetNetInfo}) {
-                const Answer answer = Ask(entry, 43, "eth0", 4);
+                const Answer answer = Ask(entry, COM_NET_MTU, "eth0", 4);
                 EXPECT_EQ(MtuBytes(mtu), answer.bytes);
                 EXPECT_EQ(0, answer.result);
             }
@@ -909,10 +938,11 @@ TEST(Mtu, EqualsWhatIpSays) {
     });
 }
 
-TEST(Mtu, IsAnsweredForAnyFlag) {
+TEST(Mtu, IsTheSameForAnyFlag) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink();
-        for (const uint32_t flag : {0U, 42U, 44U, UINT32_MAX}) {
+        for (const uint32_t flag : std::initializer_list<uint32_t>{
+                 COM_NET_MAC_HEX, COM_NET_DNS2_RAW, kNoFlag, UINT32_MAX}) {
             EXPECT_EQ(MtuBytes(1500), Ask(COM_GetMTU, flag, "eth0", 4).bytes);
         }
     });
@@ -923,46 +953,71 @@ TEST(Mtu, IsZeroAndLoggedForAnUnknownInterface) {
                      "COMMON:COM_GetMTU(): ioctl() error : No such device"}),
               CaptureLog([] {
                   for (const char *pName : {"nope0", static_cast<const char *>(nullptr)}) {
-                      const Answer answer = Ask(COM_GetMTU, 43, pName, 4);
+                      const Answer answer = Ask(COM_GetMTU, COM_NET_MTU, pName, 4);
                       EXPECT_EQ(MtuBytes(0), answer.bytes);
                       EXPECT_EQ(-1, answer.result);
                   }
               }));
 }
 
-TEST(NetInfo, AnswersUnknownForFlagsThatAreNone) {
-    for (const uint32_t flag : {44U, 45U, 0x80000000U, UINT32_MAX}) {
+// Callers of older versions pass the numbers.
+TEST(NetInfo, FlagsKeepTheirNumbers) {
+    EXPECT_EQ(0, COM_NET_MAC_HEX);
+    EXPECT_EQ(10, COM_NET_MAC_BYTES_LAST2);
+    EXPECT_EQ(11, COM_NET_ARP_HEX);
+    EXPECT_EQ(19, COM_NET_ARP_BYTES_LAST2);
+    EXPECT_EQ(20, COM_NET_IP_TEXT);
+    EXPECT_EQ(24, COM_NET_BROADCAST_TEXT);
+    EXPECT_EQ(27, COM_NET_NETMASK_TEXT);
+    EXPECT_EQ(30, COM_NET_NETMASK_RAW);
+    EXPECT_EQ(31, COM_NET_GATEWAY_TEXT);
+    EXPECT_EQ(34, COM_NET_GATEWAY_RAW);
+    EXPECT_EQ(35, COM_NET_DNS1_TEXT);
+    EXPECT_EQ(37, COM_NET_DNS2_TEXT);
+    EXPECT_EQ(39, COM_NET_DNS1_U32);
+    EXPECT_EQ(42, COM_NET_DNS2_RAW);
+    EXPECT_EQ(43, COM_NET_MTU);
+    EXPECT_EQ(16, COM_NET_ADDRESS_TEXT_SIZE);
+    EXPECT_EQ(18, COM_NET_MAC_COLON_SIZE);
+    EXPECT_EQ(16, COM_NET_IF_NAME_SIZE);
+}
+
+TEST(NetInfo, AnswersUnknownForOtherNumbers) {
+    for (const uint32_t flag : {kNoFlag, kNoFlag + 1, 0x80000000U, UINT32_MAX}) {
         EXPECT_EQ((Lines{"COMMON:COM_GetNetInfo(): flag(" + std::to_string(static_cast<int>(flag)) +
                          ") not implemented yet."}),
                   CaptureLog([&] {
-                      const Answer answer = Ask(COM_GetNetInfo, flag, "lo", 8);
+                      const Answer answer = Ask(COM_GetNetInfo, flag, "lo", COM_NET_UNKNOWN_SIZE);
                       EXPECT_EQ(Text("unknown"), answer.bytes);
                       EXPECT_EQ(-1, answer.result);
                   }));
     }
 }
 
-TEST(NetInfo, TakesTheDefaultRoutesInterfaceForAutoAndNull) {
+TEST(NetInfo, AsksTheDefaultRoutesInterfaceForAutoAndNull) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink();
         RunCommand(
             "ip addr add 10.0.0.5/24 dev eth0 && ip addr add 10.8.0.5/24 dev far"
             " && ip link set far address 02:00:00:00:00:77 mtu 1333");
-        // Without a default route both stand for eth0.
+        // Without a default route both mean eth0.
         for (const char *pName : {static_cast<const char *>(nullptr), "auto"}) {
-            EXPECT_EQ(Text("10.0.0.5"), Ask(COM_GetNetInfo, 20, pName, 9).bytes);
-            EXPECT_EQ(Text("00:11:22:AA:BB:CC"), Ask(COM_GetNetInfo, 4, pName, 18).bytes);
+            EXPECT_EQ(Text("10.0.0.5"), Ask(COM_GetNetInfo, COM_NET_IP_TEXT, pName, 9).bytes);
+            EXPECT_EQ(Text("00:11:22:AA:BB:CC"),
+                      Ask(COM_GetNetInfo, COM_NET_MAC_COLON, pName, COM_NET_MAC_COLON_SIZE).bytes);
         }
         RunCommand("ip route add default via 10.8.0.1 dev far");
         for (const char *pName : {static_cast<const char *>(nullptr), "auto"}) {
-            EXPECT_EQ(Text("10.8.0.5"), Ask(COM_GetNetInfo, 20, pName, 9).bytes);
-            EXPECT_EQ(Text("02:00:00:00:00:77"), Ask(COM_GetNetInfo, 4, pName, 18).bytes);
-            EXPECT_EQ(Text("10.8.0.1"), Ask(COM_GetNetInfo, 31, pName, 9).bytes);
-            EXPECT_EQ(MtuBytes(1333), Ask(COM_GetNetInfo, 43, pName, 4).bytes);
+            EXPECT_EQ(Text("10.8.0.5"), Ask(COM_GetNetInfo, COM_NET_IP_TEXT, pName, 9).bytes);
+            EXPECT_EQ(Text("02:00:00:00:00:77"),
+                      Ask(COM_GetNetInfo, COM_NET_MAC_COLON, pName, COM_NET_MAC_COLON_SIZE).bytes);
+            EXPECT_EQ(Text("10.8.0.1"), Ask(COM_GetNetInfo, COM_NET_GATEWAY_TEXT, pName, 9).bytes);
+            EXPECT_EQ(MtuBytes(1333), Ask(COM_GetNetInfo, COM_NET_MTU, pName, 4).bytes);
         }
         CaptureLog([] {
-            EXPECT_EQ(-1, Ask(COM_GetNetInfo, 20, "AUTO", 8).result) << "the name is exact";
-            EXPECT_EQ(-1, Ask(COM_SubGetNetInfo, 20, "auto", 8).result)
+            EXPECT_EQ(-1, Ask(COM_GetNetInfo, COM_NET_IP_TEXT, "AUTO", 8).result)
+                << "the name is exact";
+            EXPECT_EQ(-1, Ask(COM_SubGetNetInfo, COM_NET_IP_TEXT, "auto", 8).result)
                 << "only COM_GetNetInfo knows the name";
         });
     });
@@ -970,15 +1025,15 @@ TEST(NetInfo, TakesTheDefaultRoutesInterfaceForAutoAndNull) {
 
 TEST(NetInfo, FailsWithoutAnOutput) {
     EXPECT_EQ(Lines{}, CaptureLog([] {
-                  for (uint32_t flag = 0; flag <= 44; ++flag) {
+                  for (uint32_t flag = 0; flag <= kNoFlag; ++flag) {
                       EXPECT_EQ(-1, COM_GetNetInfo(flag, "lo", nullptr));
                   }
-                  EXPECT_EQ(-1, COM_GetMAC(0, "lo", nullptr));
-                  EXPECT_EQ(-1, COM_GetArpMAC(11, "10.0.0.9", nullptr));
-                  EXPECT_EQ(-1, COM_SubGetNetInfo(20, "lo", nullptr));
-                  EXPECT_EQ(-1, COM_SubGetGateway(31, "lo", nullptr));
-                  EXPECT_EQ(-1, COM_GetDnsServer(35, "lo", nullptr));
-                  EXPECT_EQ(-1, COM_GetMTU(43, "lo", nullptr));
+                  EXPECT_EQ(-1, COM_GetMAC(COM_NET_MAC_HEX, "lo", nullptr));
+                  EXPECT_EQ(-1, COM_GetArpMAC(COM_NET_ARP_HEX, "10.0.0.9", nullptr));
+                  EXPECT_EQ(-1, COM_SubGetNetInfo(COM_NET_IP_TEXT, "lo", nullptr));
+                  EXPECT_EQ(-1, COM_SubGetGateway(COM_NET_GATEWAY_TEXT, "lo", nullptr));
+                  EXPECT_EQ(-1, COM_GetDnsServer(COM_NET_DNS1_TEXT, "lo", nullptr));
+                  EXPECT_EQ(-1, COM_GetMTU(COM_NET_MTU, "lo", nullptr));
                   EXPECT_EQ(-1, COM_GetDefaultRoute(nullptr));
               }));
 }
@@ -991,12 +1046,12 @@ TEST(NetInfo, AnswersSeveralThreadsAtOnce) {
         for (int i = 0; i < 4; ++i) {
             threads.emplace_back([] {
                 for (int round = 0; round < 50; ++round) {
-                    char out[18];
-                    EXPECT_EQ(0, COM_GetNetInfo(20, nullptr, out));
+                    char out[COM_NET_MAC_COLON_SIZE];
+                    EXPECT_EQ(0, COM_GetNetInfo(COM_NET_IP_TEXT, nullptr, out));
                     EXPECT_STREQ("10.0.0.5", out);
-                    EXPECT_EQ(0, COM_GetNetInfo(32, "eth0", out));
+                    EXPECT_EQ(0, COM_GetNetInfo(COM_NET_GATEWAY_PADDED, "eth0", out));
                     EXPECT_STREQ("010.000.000.001", out);
-                    EXPECT_EQ(0, COM_GetNetInfo(4, "eth0", out));
+                    EXPECT_EQ(0, COM_GetNetInfo(COM_NET_MAC_COLON, "eth0", out));
                     EXPECT_STREQ("00:11:22:AA:BB:CC", out);
                 }
             });

@@ -54,7 +54,7 @@ TEST(SendUdpPackageFault, LogsEachCallThatFails) {
     });
 }
 
-TEST(SendUdpPackageFault, SendsAllTheSameWhenTheBindFails) {
+TEST(SendUdpPackageFault, SendsEvenWhenTheBindFails) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink();
         EXPECT_EQ(
@@ -67,12 +67,12 @@ TEST(SendUdpPackageFault, SendsAllTheSameWhenTheBindFails) {
     });
 }
 
-TEST(SendUdpPackageFault, LeavesNothingOpenWhicheverCallFails) {
+TEST(SendUdpPackageFault, ClosesItsSocketWhicheverCallFails) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink();
         const int failed = EveryCallFails(EIO, [] {
             const int result = COM_SendUdpBroadcast("near0", 1, 67, "x", 1);
-            // The bind and the close are not needed for the packet to leave.
+            // The packet is sent without a bind, and before the close.
             const std::string which = Fault::Which();
             const bool sent = which.empty() || which == "bind" || which == "close";
             EXPECT_EQ(sent ? 0 : -1, result) << which;

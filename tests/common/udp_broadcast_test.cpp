@@ -24,7 +24,7 @@
 
 namespace {
 
-// What the socket of a send was and where it was to send, seen at the call itself.
+// The state of the socket, and the destination, at the call of sendto.
 struct Sending {
     int type = 0;
     int broadcast = 0;
@@ -82,9 +82,8 @@ constexpr uint16_t kFrom = 40001;
 constexpr uint16_t kTo = 40002;
 constexpr size_t kLinkHeader = 14;
 
-// Two ends of a link: frames sent from "near0" arrive at "far0", whose hardware address is
-// 02:00:00:00:00:02. Neither has an IPv4 address. The sender's end goes up last: it finds its peer
-// there and can send at once.
+// A link: frames sent from "near0" (02:00:00:00:00:01) arrive at "far0". Neither has an IPv4
+// address. near0 comes up last, so that it has a carrier and can send at once.
 void MakeLink(int mtu) {
     const std::string size = std::to_string(mtu);
     RunCommand("ip link add near0 address 02:00:00:00:00:01 mtu " + size +
@@ -118,13 +117,13 @@ class Catcher {
     Catcher(const Catcher &) = delete;
     Catcher &operator=(const Catcher &) = delete;
 
-    // The next frame; empty when none comes.
+    // The next frame; empty when none arrives in 5 seconds.
     [[nodiscard]] std::string Next() const {
         char frame[4096];
         const ssize_t size = recv(fd_, frame, sizeof frame, 0);
         return size > 0 ? std::string(frame, static_cast<size_t>(size)) : std::string{};
     }
-    // Whether no further frame has come.
+    // Whether no further frame has arrived.
     [[nodiscard]] bool Empty() const {
         char byte;
         return recv(fd_, &byte, 1, MSG_DONTWAIT) == -1;
@@ -146,7 +145,7 @@ std::string Be16(size_t value) {
     return {static_cast<char>(value >> 8 & 0xFF), static_cast<char>(value & 0xFF)};
 }
 
-// RFC 1071, by big-endian words.
+// The Internet checksum (RFC 1071), over big-endian words.
 std::string Checksum(std::string bytes) {
     bytes.resize((bytes.size() + 1) / 2 * 2);
     unsigned long sum = 0;
@@ -165,7 +164,7 @@ std::string AddressBytes(const char *pText) {
     return std::string(reinterpret_cast<const char *>(&address), sizeof address);
 }
 
-// The packet as RFC 791 and RFC 768 lay it out.
+// The packet of RFC 791 and RFC 768.
 std::string Packet(const char *pSource, const char *pDestination, const std::string &data) {
     const std::string addresses = AddressBytes(pSource) + AddressBytes(pDestination);
     const std::string udpLength = Be16(data.size() + 8);
@@ -195,7 +194,7 @@ const std::vector<size_t> &Sizes() {
     return sizes;
 }
 
-TEST(SendUdpPackage, LaysThePacketOutByteForByte) {
+TEST(SendUdpPackage, SendsEveryByteOfThePacket) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink(1600);
         const Catcher far{"far0"};
@@ -203,7 +202,8 @@ TEST(SendUdpPackage, LaysThePacketOutByteForByte) {
         EXPECT_EQ(Lines{}, CaptureLog([&] {
                       for (const size_t size : Sizes()) {
                           const std::string data = Payload(size);
-                          EXPECT_EQ(0, Send("near0", 0, "10.1.2.3", "10.255.255.255", data));
+                          EXPECT_EQ(
+                              0, Send("near0", COM_UDP_TO_ALL, "10.1.2.3", "10.255.255.255", data));
                           EXPECT_EQ(link + Packet("10.1.2.3", "10.255.255.255", data), far.Next())
                               << size;
                       }
@@ -212,7 +212,7 @@ TEST(SendUdpPackage, LaysThePacketOutByteForByte) {
     });
 }
 
-TEST(SendUdpPackage, PicksTheLinkDestinationByMode) {
+TEST(SendUdpPackage, ModeSelectsTheLinkDestination) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink(1500);
         const Catcher far{"far0"};
@@ -220,8 +220,8 @@ TEST(SendUdpPackage, PicksTheLinkDestinationByMode) {
         const struct {
             uint32_t mode;
             std::string link;
-        } cases[] = {{0, std::string(6, '\xFF')},
-                     {1, multicast},
+        } cases[] = {{COM_UDP_TO_ALL, std::string(6, '\xFF')},
+                     {COM_UDP_TO_MULTICAST, multicast},
                      {2, std::string(6, '\0')},
                      {0x80000000U, std::string(6, '\0')},
                      {UINT32_MAX, std::string(6, '\0')}};
@@ -233,11 +233,11 @@ TEST(SendUdpPackage, PicksTheLinkDestinationByMode) {
     });
 }
 
-TEST(SendUdpPackage, SendsFromABoundSocketThatMayBroadcast) {
+TEST(SendUdpPackage, UsesABoundSocketThatMayBroadcast) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink(1500);
         const int index = static_cast<int>(if_nametoindex("near0"));
-        EXPECT_EQ(0, Send("near0", 1, "0.0.0.0", "239.255.255.250", "x"));
+        EXPECT_EQ(0, Send("near0", COM_UDP_TO_MULTICAST, "0.0.0.0", "239.255.255.250", "x"));
         EXPECT_EQ(SOCK_DGRAM, g_sending.type);
         EXPECT_EQ(1, g_sending.broadcast);
         EXPECT_EQ(FD_CLOEXEC, g_sending.descriptorFlags);
@@ -252,12 +252,12 @@ TEST(SendUdpPackage, SendsFromABoundSocketThatMayBroadcast) {
         EXPECT_EQ(0, g_sending.to.sll_hatype);
         EXPECT_EQ(0, g_sending.to.sll_pkttype);
         EXPECT_EQ(6, g_sending.to.sll_halen);
-        EXPECT_EQ(-1, Send(nullptr, 1, "0.0.0.0", "239.255.255.250", "x"));
+        EXPECT_EQ(-1, Send(nullptr, COM_UDP_TO_MULTICAST, "0.0.0.0", "239.255.255.250", "x"));
         EXPECT_EQ(0, g_sending.to.sll_ifindex);
     });
 }
 
-TEST(SendUdpBroadcast, GoesFromNoAddressToEveryone) {
+TEST(SendUdpBroadcast, SendsFromNoAddressToAll) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink(1500);
         const Catcher far{"far0"};
@@ -287,16 +287,16 @@ void WriteCapture(const std::string &path, const std::vector<std::string> &frame
     WriteFile(path, file);
 }
 
-// What a protocol analyser without anybody's settings makes of the frames: status 1 is a good
-// checksum, 2 one that is not there or not checked, 0 a bad one.
-TEST(SendUdpPackage, PassesTheProtocolAnalyser) {
+// tshark's checksum status: 1 good, 0 bad, 2 absent or not checked.
+TEST(SendUdpPackage, IsDecodedByAProtocolAnalyser) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink(1600);
         const Catcher far{"far0"};
         std::vector<std::string> frames;
         std::string expected;
         for (const size_t size : Sizes()) {
-            ASSERT_EQ(0, Send("near0", 1, "192.0.2.7", "239.255.255.250", Payload(size)));
+            ASSERT_EQ(0, Send("near0", COM_UDP_TO_MULTICAST, "192.0.2.7", "239.255.255.250",
+                              Payload(size)));
             frames.push_back(far.Next());
             expected += "01:00:5e:7f:ff:fa,4,20," + std::to_string(size + 28) +
                         ",64,17,1,192.0.2.7,239.255.255.250,40001,40002," +
@@ -315,7 +315,7 @@ TEST(SendUdpPackage, PassesTheProtocolAnalyser) {
     });
 }
 
-// The kernel at the other end checks both checksums before it hands a datagram on.
+// The receiving kernel checks both checksums before it delivers a datagram.
 TEST(SendUdpBroadcast, ReachesAnOrdinarySocket) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink(1600);
@@ -346,12 +346,12 @@ TEST(SendUdpBroadcast, ReachesAnOrdinarySocket) {
     });
 }
 
-// RFC 768 would send 0xFFFF; a 0 tells the receiver not to check.
+// RFC 768 replaces a computed 0 by 0xFFFF; here 0 is sent, which means "no checksum".
 TEST(SendUdpPackage, StoresAChecksumOfZeroAsZero) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink(1500);
         const Catcher far{"far0"};
-        // With two more bytes that are the checksum of the rest, the sum of all is 0xFFFF.
+        // With the checksum of the rest as payload, the sum of all words is 0xFFFF.
         const std::string rest = Packet("0.0.0.0", "255.255.255.255", std::string(2, '\0'));
         const std::string fill = rest.substr(26, 2);
         EXPECT_EQ(0, COM_SendUdpBroadcast("near0", kFrom, kTo, fill.data(), 2));
@@ -363,29 +363,34 @@ TEST(SendUdpPackage, StoresAChecksumOfZeroAsZero) {
 }
 
 TEST(SendUdpPackage, RefusesMoreThan1500Bytes) {
+    EXPECT_EQ(1500, COM_UDP_MAX_PAYLOAD);
+    EXPECT_EQ(0, COM_UDP_TO_ALL);
+    EXPECT_EQ(1, COM_UDP_TO_MULTICAST);
     RunInPrivateWorld(kNetwork, [] {
         MakeLink(9000);
         const Catcher far{"far0"};
         EXPECT_EQ((Lines{"COMMON:COM_SendUdpPackage(): data_sz[1501] exceed limit[1500]!"}),
                   CaptureLog([] {
-                      EXPECT_EQ(-1, Send("near0", 0, "0.0.0.0", "255.255.255.255", Payload(1501)));
+                      EXPECT_EQ(-1, Send("near0", COM_UDP_TO_ALL, "0.0.0.0", "255.255.255.255",
+                                         Payload(1501)));
                   }));
         EXPECT_EQ((Lines{"COMMON:COM_SendUdpPackage(): data_sz[-1] exceed limit[1500]!"}),
                   CaptureLog(
                       [] { EXPECT_EQ(-1, COM_SendUdpBroadcast("near0", 1, 2, "x", UINT32_MAX)); }));
         EXPECT_TRUE(far.Empty());
-        EXPECT_EQ(0, Send("near0", 0, "0.0.0.0", "255.255.255.255", Payload(1500)));
+        EXPECT_EQ(0, Send("near0", COM_UDP_TO_ALL, "0.0.0.0", "255.255.255.255", Payload(1500)));
         EXPECT_EQ(kLinkHeader + 1528, far.Next().size());
     });
 }
 
-TEST(SendUdpPackage, LogsAPacketThatTheInterfaceDoesNotTake) {
+TEST(SendUdpPackage, LogsAPacketThatTheInterfaceRefuses) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink(1500);
         EXPECT_EQ((Lines{"COMMON:COM_SendUdpPackage(): sendto(near0:40002) error : Message too "
                          "long"}),
                   CaptureLog([] {
-                      EXPECT_EQ(-1, Send("near0", 0, "0.0.0.0", "255.255.255.255", Payload(1500)));
+                      EXPECT_EQ(-1, Send("near0", COM_UDP_TO_ALL, "0.0.0.0", "255.255.255.255",
+                                         Payload(1500)));
                   }));
         RunCommand("ip link set near0 down");
         EXPECT_EQ(
@@ -394,27 +399,30 @@ TEST(SendUdpPackage, LogsAPacketThatTheInterfaceDoesNotTake) {
     });
 }
 
-TEST(SendUdpPackage, TriesTheSendWithoutTheUnknownInterface) {
+TEST(SendUdpPackage, TriesToSendFromAnUnknownInterface) {
     RunInPrivateWorld(kNetwork, [] {
-        EXPECT_EQ(
-            (Lines{"COMMON:COM_SendUdpPackage(): failed to retrieve ifindex of [nope0] : No "
-                   "such device",
-                   "COMMON:COM_SendUdpPackage(): sendto(nope0:40002) error : No such device "
-                   "or address"}),
-            CaptureLog([] { EXPECT_EQ(-1, Send("nope0", 0, "0.0.0.0", "255.255.255.255", "x")); }));
+        EXPECT_EQ((Lines{"COMMON:COM_SendUdpPackage(): failed to retrieve ifindex of [nope0] : No "
+                         "such device",
+                         "COMMON:COM_SendUdpPackage(): sendto(nope0:40002) error : No such device "
+                         "or address"}),
+                  CaptureLog([] {
+                      EXPECT_EQ(-1,
+                                Send("nope0", COM_UDP_TO_ALL, "0.0.0.0", "255.255.255.255", "x"));
+                  }));
     });
 }
 
-TEST(SendUdpPackage, KeepsQuietWhenNoInterfaceIsNamed) {
+TEST(SendUdpPackage, DoesNotLogAFailureWithoutAnInterface) {
     RunInPrivateWorld(kNetwork, [] {
         EXPECT_EQ(Lines{}, CaptureLog([] {
-                      EXPECT_EQ(-1, Send(nullptr, 0, "0.0.0.0", "255.255.255.255", "x"));
+                      EXPECT_EQ(-1,
+                                Send(nullptr, COM_UDP_TO_ALL, "0.0.0.0", "255.255.255.255", "x"));
                       EXPECT_EQ(-1, COM_SendUdpBroadcast(nullptr, kFrom, kTo, "x", 1));
                   }));
     });
 }
 
-TEST(SendUdpPackage, CountsFifteenCharactersOfAName) {
+TEST(SendUdpPackage, CutsANameTo15Characters) {
     RunInPrivateWorld(kNetwork, [] {
         RunCommand(
             "ip link add abcdefghijklmno type veth peer name far0"
@@ -443,7 +451,7 @@ TEST(SendUdpPackage, SendsFromSeveralThreadsAtOnce) {
             threads.emplace_back([t] {
                 for (int i = 0; i < kPackets; ++i) {
                     const std::string data(static_cast<size_t>(i + 1), static_cast<char>('a' + t));
-                    EXPECT_EQ(0, Send("near0", 0, "0.0.0.0", "255.255.255.255", data));
+                    EXPECT_EQ(0, Send("near0", COM_UDP_TO_ALL, "0.0.0.0", "255.255.255.255", data));
                 }
             });
         }
