@@ -10,6 +10,7 @@
 
 #include "dev/device.h"
 #include "dev/scsi.h"
+#include "disc_table.h"
 #include "support/capture.h"
 #include "support/simulated_drive.h"
 
@@ -23,14 +24,6 @@ using Lines = std::vector<std::string>;
 using Query = int (*)(const char *, int, tDiscInfo *);
 
 constexpr const char *kNode = "/dev/sr0";
-
-inline tDiscInfo Disc(uint32_t discClass, uint32_t mediaKind, uint32_t recordMode = 0) {
-    tDiscInfo info = {};
-    info.discClass = discClass;
-    info.mediaKind = mediaKind;
-    info.recordMode = recordMode;
-    return info;
-}
 
 // A drive at /dev/sr0 and /dev/sg1, and a disc's descriptor to be filled in.
 class DiscTest : public ::testing::Test {

@@ -21,9 +21,11 @@ using talvek::test::Capture;
 using talvek::test::CaptureLog;
 using talvek::test::Disc;
 using talvek::test::DiscTest;
+using talvek::test::ExpectedDisc;
 using talvek::test::g_isoError;
 using talvek::test::g_isoMounts;
 using talvek::test::HexText;
+using talvek::test::kDiscs;
 using talvek::test::kMounts;
 using talvek::test::kNode;
 using talvek::test::Lines;
@@ -77,84 +79,7 @@ Identified Identify(SimulatedDrive &drive) {
     return found;
 }
 
-struct Expected {
-    const char *fixture;
-    int result;
-    const char *opcodes;  // behind TEST UNIT READY, INQUIRY and GET CONFIGURATION
-    const char *mountDir;
-    tDiscInfo info;
-};
-
-tDiscInfo Info(uint32_t discClass, uint32_t mediaKind, uint32_t recordMode, uint32_t status,
-               uint64_t totalKB, uint64_t usedKB) {
-    tDiscInfo info = Disc(discClass, mediaKind, recordMode);
-    info.discStatus = status;
-    info.totalKB = totalKB;
-    info.usedKB = usedKB;
-    return info;
-}
-
-tDiscInfo Cd(tDiscInfo info, uint32_t subType, uint32_t sessions, uint32_t lastTrack,
-             uint32_t lastTrackStart, uint32_t nextLeadIn) {
-    info.cdSubType = subType;
-    info.sessions = sessions;
-    info.lastTrack = lastTrack;
-    info.lastTrackStart = lastTrackStart;
-    info.nextLeadIn = nextLeadIn;
-    return info;
-}
-
-tDiscInfo Track(tDiscInfo info, uint32_t lastTrack, uint32_t freeBlocks, uint32_t trackSize) {
-    info.lastTrack = lastTrack;
-    info.freeBlocks = freeBlocks;
-    info.trackSize = trackSize;
-    return info;
-}
-
-// The arithmetic behind the capacities:
-//   80 minutes   ((79 * 60 + 59) * 75 + 74) * 2 = 719998
-//   74 minutes   (74 * 60 + 12) * 75 * 2 = 667800
-//   open CD      2 * 188280 and 2 * 78750 (toc_test.cpp)
-//   open DVD     nominal less 2 * free blocks: 4595776 - 2 * 1798400, 4595776 - 2 * 1997888,
-//                4590208 - 2 * 2095104
-//   rewritable   the 8 MiB of the file system mounted
-const Expected kDiscs[] = {
-    {"cd_rom.hex", -130, "", "", Disc(1, 1)},
-    {"cd_r_empty.hex", 0, "43 43 51 51", "", Cd(Info(1, 2, 0, 0, 719998, 0), 1, 1, 0, 0, 0)},
-    {"cd_r_open.hex", 0, "43 43 51 51 43 43", "",
-     Cd(Info(1, 2, 0, 1, 719998, 376560), 1, 3, 5, 158105, 188280)},
-    {"cd_r_closed.hex", 0, "43 43 51 51", "", Cd(Info(1, 2, 0, 2, 719998, 719998), 1, 1, 0, 0, 0)},
-    {"cd_rw_open.hex", 0, "43 43 51 51 43 43", "",
-     Cd(Info(1, 3, 0, 1, 667800, 157500), 2, 1, 1, 0, 78750)},
-    {"dvd_rom.hex", 0, "", "", Disc(2, 1)},
-    {"dvd_ram.hex", -130, "", "", Disc(5, 4)},
-    {"dvd_minus_r_open.hex", 0, "51 51 ad ad 52 52", "",
-     Track(Info(3, 2, 0, 1, 4595776, 998976), 2, 1798400, 1798400)},
-    {"dvd_minus_r_dual_layer.hex", 0, "51 51 ad ad 52 52", "",
-     Track(Info(3, 2, 5, 2, 8343424, 8343424), 1, 0, 4171712)},
-    {"dvd_minus_r_jump.hex", -130, "", "", Disc(3, 2, 6)},
-    {"dvd_minus_rw_sequential.hex", 0, "51 51 23 23 52 52", "",
-     Track(Info(3, 3, 1, 1, 4595776, 600000), 2, 1997888, 1997888)},
-    {"dvd_minus_rw_overwrite.hex", 0, "51 51 23 23 52 52", "/var/dvd_minus_rw",
-     Track(Info(3, 3, 2, 2, 4595776, 8192), 1, 0, 2297888)},
-    {"dvd_plus_rw.hex", 0, "51 51 23 23 52 52", "/var/dvd_plus_rw",
-     Track(Info(4, 3, 0, 2, 4590208, 8192), 1, 0, 2295104)},
-    {"dvd_plus_rw_dual_layer.hex", -130, "", "", Disc(4, 3, 5)},
-    {"dvd_plus_r_open.hex", 0, "51 51 ad ad 52 52", "",
-     Track(Info(4, 2, 0, 1, 4590208, 400000), 2, 2095104, 2095104)},
-    {"dvd_plus_r_dual_layer.hex", 0, "51 51 ad ad 52 52", "",
-     Track(Info(4, 2, 5, 2, 8347648, 8347648), 1, 0, 4173824)},
-    {"ddcd_rom.hex", -130, "", "", Disc(6, 1)},
-    {"ddcd_r.hex", -130, "", "", Disc(6, 2)},
-    {"ddcd_rw.hex", -130, "", "", Disc(6, 3)},
-    {"bd_rom.hex", 0, "51 51", "", Track(Info(7, 1, 0, 2, 0, 0), 1, 0, 0)},
-    {"bd_r.hex", -130, "", "", Disc(1, 1)},
-    {"bd_re.hex", -130, "", "", Disc(1, 1)},
-    {"hd_dvd_rom.hex", -130, "", "", Disc(1, 1)},
-    {"no_disc.hex", -130, "", "", Disc(1, 1)},
-};
-
-void ExpectIdentified(const Expected &expected, const Identified &found) {
+void ExpectIdentified(const ExpectedDisc &expected, const Identified &found) {
     EXPECT_EQ(expected.result, found.result);
     const std::string start = "00 12 46";
     EXPECT_EQ(*expected.opcodes != '\0' ? start + " " + expected.opcodes : start, found.opcodes);
@@ -176,7 +101,7 @@ void ExpectIdentified(const Expected &expected, const Identified &found) {
 TEST(GetDiscInfo, IdentifiesEveryKindOfDisc) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
-        for (const Expected &expected : kDiscs) {
+        for (const ExpectedDisc &expected : kDiscs) {
             SCOPED_TRACE(expected.fixture);
             SimulatedDrive drive{{"/dev/sg1"}};
             drive.Load("drive.hex");

@@ -11,14 +11,14 @@
 #include <string>
 #include <vector>
 
+#include "support/hex_fixture.h"
+
 // SCSI devices that are not there, simulated where the code under test opens a node and calls
 // ioctl. A program that uses them links simulated_drive, which stands in for open and ioctl; calls
 // that concern no simulated device go to the kernel. COM_SleepAtLeast does not sleep in such a
 // program but notes what it was asked for.
 
 namespace talvek::test {
-
-using Bytes = std::vector<uint8_t>;
 
 // One SG_IO request as it reached the driver.
 struct SgRequest {
@@ -128,16 +128,6 @@ class SimulatedDrive {
     std::map<uint8_t, std::deque<std::optional<SgAnswer>>> next_;  // none: the usual answer
     std::map<uint8_t, SgAnswer> always_;
 };
-
-// The replies of one fixture file: text with two-digit hexadecimal bytes ("00*60" for sixty of
-// them), "#" up to the end of a line for remarks, and a line "[51]" ahead of the reply to opcode
-// 51h, or "[43 2=04]" ahead of the one to opcode 43h with 04h in byte 2 of the CDB.
-struct HexReply {
-    uint8_t opcode;
-    std::map<size_t, uint8_t> where;
-    Bytes data;
-};
-std::vector<HexReply> LoadHex(const std::string &fixture);
 
 // "12 00 00" of bytes, as programs that decode them take it.
 std::string HexText(const Bytes &bytes);
