@@ -11,41 +11,82 @@ usage() {
 ./do sanitize  all tests under AddressSanitizer and UndefinedBehaviorSanitizer
 ./do thread    the tests of what runs in threads under ThreadSanitizer
 ./do arm       build for 32-bit ARM and run the test programs under qemu
-./do lint      format, static analysis, manual pages
-./do bench     measure speed and memory next to other programs
 ./do coverage  lines and branches that the tests reach
+./do lint      format, static analysis, manual pages, spelling
+./do words     phrases that make a reader stop, in the tree or in the files named
+./do bench     measure speed and memory next to other programs
 ./do clean     remove build/
 ./do help      this list
+
+test, sanitize, thread, arm and coverage take the test programs to build and run as a regular
+expression, and after it the cases as a GoogleTest filter:
+    ./do test common_            everything of common/
+    ./do test service_handler 'Handler.Serves*'
+tests/common/file_test.cpp is the program common_file_test.
 EOF
 }
 
-as_root() {
-    if [ "$(id -u)" -eq 0 ]; then
-        "$@"
-    elif command -v sudo >/dev/null; then
-        sudo "$@"
-    else
-        echo "root or sudo is needed for: $*" >&2
+fail() {
+    echo "$*" >&2
+    exit 1
+}
+
+# Servers and administrators' tools lie there, outside the path of an ordinary user.
+export PATH="$PATH:/usr/sbin:/sbin"
+
+# Whether a command, or a file that matches a pattern beginning with "/", is there.
+is_there() {
+    case $1 in
+    /*)
+        for file in $1; do
+            [ ! -e "$file" ] || return 0
+        done
         return 1
-    fi
+        ;;
+    *) command -v "$1" >/dev/null ;;
+    esac
 }
 
-# Packages of the sections named in packages.txt that are not installed yet.
+# The packages of the sections $1 of packages.txt that are not there; of a section that belongs to
+# test programs only when one of them is in $2.
 missing_packages() {
-    for section in "$@"; do
-        sed -n "/^\[$section\]/,/^\[/p" packages.txt | grep -v -e '^\[' -e '^#' -e '^$'
-    done | sort -u | while read -r package; do
-        dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed ||
-            echo "$package"
-    done
+    awk -v sections="$1" -v programs="$2" '
+        BEGIN {
+            split(sections, list)
+            for (i in list) wanted[list[i]] = 1
+            count = split(programs, program)
+        }
+        /^\[/ {
+            gsub(/[][]/, "")
+            use = NF == 1 && ($1 in wanted)
+            if ($1 in wanted)
+                for (i = 2; i <= NF; i++)
+                    for (k = 1; k <= count; k++)
+                        if (index(program[k], $i "_") == 1) use = 1
+            next
+        }
+        use && NF > 0 && !/^#/ { print $1, (NF > 1 ? $2 : $1) }' packages.txt |
+        while read -r package mark; do
+            is_there "$mark" || echo "$package"
+        done | sort -u
 }
 
-# The servers among the packages are there for the tests to start; installing them starts none.
+# need "<sections>" ["<test programs>"] installs what is missing.
 need() {
-    packages=$(missing_packages "$@")
-    [ -n "$packages" ] || return 0
-    echo "Installing:" $packages
-    as_root sh -c '
+    set -- $(missing_packages "$1" "${2:-}")
+    [ $# -gt 0 ] || return 0
+    command -v apt-get >/dev/null ||
+        fail "Please install what these Debian packages hold; there is no apt-get here: $*"
+    if [ "$(id -u)" -eq 0 ]; then
+        as_root=
+    elif command -v sudo >/dev/null; then
+        as_root=sudo
+    else
+        fail "Run this as root, then $0 again: apt-get install --no-install-recommends $*"
+    fi
+    echo "Installing: $*"
+    # The tests start the servers among the packages themselves; installing them starts none.
+    $as_root sh -c '
         policy=/usr/sbin/policy-rc.d
         if [ ! -e $policy ]; then
             printf "#!/bin/sh\nexit 101\n" >$policy
@@ -54,13 +95,37 @@ need() {
         fi
         export DEBIAN_FRONTEND=noninteractive
         apt-get update -qq &&
-            apt-get install -y -qq --no-install-recommends "$@" >/dev/null' sh $packages
+            apt-get install -y -qq --no-install-recommends "$@" >/dev/null' sh "$@" ||
+        fail "The packages could not be installed; as root: apt-get install --no-install-recommends $*"
+}
+
+# Sets up build/ for a preset.
+configure() {
+    mkdir build 2>/dev/null || :
+    if [ "$(id -u)" -ne 0 ] && [ -d build ]; then
+        foreign=$(find build ! -user "$(id -u)" -print -quit)
+        [ -z "$foreign" ] ||
+            fail "$foreign belongs to another user: remove build/ or work in a checkout of your own."
+    fi
+    [ -w build ] || fail "$PWD cannot be written: copy it to where you can write."
+    cmake --preset "$1" >/dev/null
+}
+
+# compile <preset> [<target>...]: the progress is one line of a terminal, or nothing.
+compile() {
+    preset=$1
+    shift
+    if [ -t 1 ]; then
+        cmake --build --preset "$preset" ${1:+--target "$@"}
+    else
+        cmake --build --preset "$preset" ${1:+--target "$@"} -- --quiet
+    fi
 }
 
 build() {
     need build
-    cmake --preset default >/dev/null
-    cmake --build --preset default
+    configure default
+    compile default
 }
 
 run() {
@@ -70,6 +135,8 @@ run() {
     log=build/talvek.log
     echo
     echo "\$ build/talvek -D -s $socket"
+    # The daemon removes the socket of an earlier one, and logs a failed stat where there is none.
+    [ -e $socket ] || : >$socket
     build/talvek -D -s $socket >$log 2>&1
     daemon=$(sed -n 's/.*Master\[[0-9]*\] is leaving.*\[\([0-9]*\)\]$/\1/p' $log)
     trap 'kill "$daemon" 2>/dev/null || :' EXIT
@@ -113,58 +180,77 @@ run() {
     echo "From here: 'build/talvek -D -s $socket' starts the daemon, '$client -f \"<command>\"' has it run a command; man -l docs/talvek.8 tells the rest."
 }
 
+# run_tests <preset> "<sections>" [<programs> [<cases>]]
 run_tests() {
     preset=$1
-    cmake --preset "$preset" >/dev/null
-    cmake --build --preset "$preset"
-    shift
-    ctest --preset "$preset" -j "$(nproc)" "$@"
+    filter=${3:-}
+    if [ -n "${4:-}" ]; then
+        export GTEST_FILTER="$4"
+    fi
+    need "$2" "$(find tests -name '*_test.cpp' | sed 's|^tests/\(.*\)/\(.*\)\.cpp$|\1_\2|' |
+        grep -E -e "$filter" || :)"
+    configure "$preset"
+    programs=
+    if [ -n "$filter" ]; then
+        programs=$(ctest --preset "$preset" -N -R "$filter" |
+            sed -n 's/\.valgrind$//; s/^ *Test *#[0-9]*: //p' | sort -u)
+        [ -n "$programs" ] || fail "No test program matches \"$filter\"."
+    fi
+    compile "$preset" $programs
+    folder=build
+    [ "$preset" = test ] || folder=build/$preset
+    echo "Running the test programs in $folder/tests"
+    {
+        failed=0
+        ctest --preset "$preset" ${filter:+-R "$filter"} -j "$(nproc)" --no-label-summary || failed=1
+        echo $failed >$folder/ctest.failed
+    } 2>&1 | tests/report $folder/Testing/Temporary/LastTest.log
+    read -r failed <$folder/ctest.failed
+    [ "$failed" -eq 0 ] || exit 1
+}
+
+# Source files of the folders that are ours, whether or not git is here.
+sources() {
+    find base bench common dev dns examples service tests "$@"
 }
 
 lint() {
-    need build lint
-    cmake --preset default >/dev/null
-    git ls-files '*.h' '*.cpp' '*.c' | xargs clang-format-14 --dry-run --Werror
-    git ls-files 'service/*.cpp' 'common/*.cpp' 'dev/*.cpp' 'dns/*.cpp' |
-        xargs -P "$(nproc)" -n 2 clang-tidy-14 -p build --quiet
+    need "build lint"
+    configure default
+    sources -name '*.h' -o -name '*.cpp' -o -name '*.c' | xargs clang-format-14 --dry-run --Werror
+    find base common dev dns service -name '*.cpp' |
+        xargs -P "$(nproc)" -n 2 sh -c 'found=$(clang-tidy-14 -p build --quiet "$@" 2>&1) ||
+            { echo "$found"; exit 1; }' sh
     for page in docs/*.[1-8]; do
         mandoc -T lint -W warning "$page"
     done
+    codespell --skip './.git*,./build' --ignore-words tools/lint/codespell-ignore.txt .
     echo "lint: nothing found"
 }
 
 case ${1:-help} in
 run) run ;;
 build) build ;;
-test)
-    need build test
-    run_tests test
-    ;;
-sanitize)
-    need build test
-    run_tests asan
-    ;;
-thread)
-    need build test
-    run_tests tsan -L thread
-    ;;
-arm)
-    need build arm
-    run_tests arm
-    ;;
+test) run_tests test "build test" "${2:-}" "${3:-}" ;;
+sanitize) run_tests asan "build test" "${2:-}" "${3:-}" ;;
+thread) run_tests tsan "build test" "${2:-}" "${3:-}" ;;
+arm) run_tests arm "build test arm" "${2:-}" "${3:-}" ;;
 lint) lint ;;
+words)
+    shift
+    tools/lint/words "$@"
+    ;;
 bench)
-    need build bench
-    cmake --preset bench >/dev/null
-    cmake --build --preset bench
+    need "build bench"
+    configure bench
+    compile bench
     bench/run
     ;;
 coverage)
-    need build test coverage
     # Counts of an earlier build belong to other lines.
     [ ! -d build/coverage ] || find build/coverage -name '*.gcda' -delete
-    run_tests coverage
-    gcovr --root . --object-directory build/coverage --filter '(service|common|dev|dns)/' \
+    run_tests coverage "build test coverage" "${2:-}" "${3:-}"
+    gcovr --root . --object-directory build/coverage --filter '(base|common|dev|dns|service)/' \
         --exclude-throw-branches --exclude-unreachable-branches --txt
     ;;
 clean) rm -rf build ;;
