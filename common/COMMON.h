@@ -4,26 +4,36 @@
 /* The runtime library of the unit: logging, files, processes and threads, text and XML scraping,
  * terminals, network interfaces, broadcast frames, digests, H.264 headers, the unit's identity.
  *
- * Conventions that hold for every entry:
+ * These rules hold for every entry. Where an entry differs, its header says so.
  *
- *   - Results are signed 32-bit integers, 0 for success and -1 (or another negative code that the
- *     entry names) for failure. Scraping functions return a pointer into the text or NULL.
- *   - Outputs go into buffers of the caller, whose sizes in bytes travel beside them. What does not
- *     fit is cut and a warning is logged; an entry says where a terminating NUL is counted.
- *   - A failing system call is logged on standard output (log.h) with its name, its argument and
- *     the system's error text, unless the header says otherwise. There are no levels and there is
- *     no switch.
- *   - An output that an entry does not mention after a failure holds what it held before.
- *   - Descriptors and heap blocks are released by the function that acquired them, on every path.
- *     A block that a function hands out comes from malloc; the caller releases it with free.
- *   - Descriptors that the library opens are closed in programs that it or its caller executes
- *     (FD_CLOEXEC).
- *   - Cancellation of a thread waits until a call is over. The exceptions are COM_SleepAtLeast,
- *     COM_CallLocked and the watchdog, where it acts and what they hold is released.
- *   - There is no state between calls except the thread registry (thread.h), so calls may run in
- *     several threads at once unless an entry says otherwise.
+ *   Results       Signed 32-bit integers: 0 for success, -1 for failure. Any other result has a
+ *                 name in the header. Scraping functions return a pointer into the text, or NULL.
+ *   Errors        A failing system call is logged on standard output (log.h) with its name, its
+ *                 argument and the system's error text. There are no levels and no switch. The
+ *                 value of errno after a call is unspecified.
+ *   NULL          A NULL pointer argument makes the call fail: it returns -1, NULL or 0 and writes
+ *                 nothing. A function without a result does nothing. A NULL path fails like a path
+ *                 that cannot be read (EFAULT).
+ *   Outputs       Results go into the caller's buffers. After a failure they are unchanged.
+ *   Sizes         Sizes are in bytes. A value that does not fit is truncated, and a warning is
+ *                 logged. Each entry says whether its size includes the terminating NUL.
+ *   Texts         Texts are NUL-terminated, in any encoding that extends ASCII. Where case is
+ *                 ignored, it is that of ASCII letters, whatever locale the program has set.
+ *   Ownership     Arguments stay the caller's. A block that a function returns comes from malloc,
+ *                 and the caller releases it with free. Everything else that a function acquires,
+ *                 it releases on every path.
+ *   Descriptors   Descriptors are opened with close-on-exec: programs that the library or its
+ *                 caller executes do not inherit them.
+ *   Threads       Calls may run in several threads at once, on separate objects. The only state
+ *                 between calls is the thread registry (thread.h), which has its own lock.
+ *   Cancellation  Cancellation of a thread waits until a call is over. The exceptions are
+ *                 COM_SleepAtLeast, COM_CallLocked and the watchdog: there it acts, and what they
+ *                 hold is released.
+ *   Stack         A call uses less than 8 KiB of stack.
  *
- * The headers are plain C11 and can be read by C++. */
+ * A rule that comes from a standard or from a file of the kernel is stated with its source.
+ *
+ * The headers are plain C11 that C++ can include too. */
 
 #include "command.h"
 #include "digest.h"

@@ -1,4 +1,4 @@
-// The logger of all modules: one message, one line, one write.
+// The log of all modules: one message, one line, one write.
 
 #include "common/log.h"
 
@@ -13,7 +13,6 @@
 #include "base/heap_buf.h"
 #include "base/scope_exit.h"
 
-namespace talvek {
 namespace {
 
 constexpr size_t kFirstMessageSize = 256;
@@ -29,23 +28,24 @@ constexpr LineStyle kYellow{"\033[33m", "\033[0m"};
 struct Origin {
     const char *module;
     int line;
-    const char *function;  // null for none
+    const char *function;  // NULL for none
 };
 
 enum class Formatted { kOk, kNoMemory, kNoMemoryToGrow };
 
-// A list of arguments can be gone through once only, so each try has a copy.
+// A va_list can be read only once, so each attempt reads a copy.
 int FormatInto(char *pDst, size_t size, const char *pFormat, va_list args) {
     va_list pass;
     va_copy(pass, args);
-    // The analyser does not see that va_copy has set the list up.
+    // The analyser does not see that va_copy has initialised the list.
     const int length = vsnprintf(pDst, size, pFormat, pass);  // NOLINT(clang-analyzer-valist.*)
     va_end(pass);
     return length;
 }
 
-// Formats into a block that grows to the message: once for up to 255 characters, twice for more.
-Formatted FormatMessage(HeapBuf<char> &message, const char *pFormat, va_list args) {
+// Formats into a block that grows to the size of the message. Up to 255 characters are formatted
+// once, longer messages twice.
+Formatted FormatMessage(talvek::HeapBuf<char> &message, const char *pFormat, va_list args) {
     size_t size = kFirstMessageSize;
     message.Reset(static_cast<char *>(malloc(size)));
     if (!message) {
@@ -56,8 +56,8 @@ Formatted FormatMessage(HeapBuf<char> &message, const char *pFormat, va_list arg
         if (length >= 0 && static_cast<size_t>(length) < size) {
             return Formatted::kOk;
         }
-        // A negative report has no length to grow to. Doubling stops at the largest length that
-        // printf can report, so a format that never succeeds ends here too.
+        // A negative result gives no length to grow to. Doubling ends at the largest length that
+        // printf can report, so a format that always fails ends here too.
         if (length < 0 && size > INT_MAX / 2) {
             return Formatted::kNoMemoryToGrow;
         }
@@ -71,7 +71,7 @@ Formatted FormatMessage(HeapBuf<char> &message, const char *pFormat, va_list arg
 // The stream stays locked from the line to its flush, so that the line leaves in one piece.
 int WriteLine(const LineStyle &style, const Origin &origin, const char *pMessage) {
     flockfile(stdout);
-    const ScopeExit unlock{[] { funlockfile(stdout); }};
+    const talvek::ScopeExit unlock{[] { funlockfile(stdout); }};
     const int count = origin.function != nullptr
                           ? printf("%s%s,%d:%s(): %s%s", style.before, origin.module, origin.line,
                                    origin.function, pMessage, style.after)
@@ -82,9 +82,9 @@ int WriteLine(const LineStyle &style, const Origin &origin, const char *pMessage
 }
 
 int LogLine(const LineStyle &style, const Origin &origin, const char *pFormat, va_list args) {
-    const ErrnoKeeper keep;
-    const CancelGuard guard;
-    HeapBuf<char> message;
+    const talvek::ErrnoKeeper keep;
+    const talvek::CancelGuard guard;
+    talvek::HeapBuf<char> message;
     switch (FormatMessage(message, pFormat, args)) {
         case Formatted::kOk:
             return WriteLine(style, origin, message.get());
@@ -100,12 +100,11 @@ int LogLine(const LineStyle &style, const Origin &origin, const char *pFormat, v
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_Log(const char *pModule, int line, const char *pFunction, const char *pFormat, ...) {
     va_list args;
     va_start(args, pFormat);
-    const int count = talvek::LogLine(talvek::kPlain, {pModule, line, pFunction}, pFormat, args);
+    const int count = LogLine(kPlain, {pModule, line, pFunction}, pFormat, args);
     va_end(args);
     return count;
 }
@@ -113,7 +112,7 @@ int COM_Log(const char *pModule, int line, const char *pFunction, const char *pF
 int COM_LogColor(const char *pModule, int line, const char *pFunction, const char *pFormat, ...) {
     va_list args;
     va_start(args, pFormat);
-    const int count = talvek::LogLine(talvek::kYellow, {pModule, line, pFunction}, pFormat, args);
+    const int count = LogLine(kYellow, {pModule, line, pFunction}, pFormat, args);
     va_end(args);
     return count;
 }

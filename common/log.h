@@ -1,13 +1,15 @@
 #ifndef TALVEK_COMMON_LOG_H
 #define TALVEK_COMMON_LOG_H
 
-/* One log line for every module: module name, source line, the function's name if it is of use, and
- * a printf text, on standard output. The caller's text carries its own newline.
+/* The log that all modules write to: each call writes one line to standard output, made of a module
+ * name, a source line, a function name if there is one, and a printf text. The text brings its own
+ * newline.
  *
- * Each line is handed to standard output in one piece and flushed at once, so that it appears once
- * and in order whatever standard output is (terminal, pipe, file), also around fork and system. The
- * time stamp alone waits for the message that its caller prints behind it.
- * errno is the same after a call as before it. No state is kept; any thread may log. */
+ * A line is written in one piece and flushed at once. So it appears once and in order, whether
+ * standard output is a terminal, a pipe or a file, and also when the program calls fork or system
+ * next. Lines of different threads do not mix.
+ *
+ * The log keeps errno. A module name and a format must not be NULL. */
 
 #ifdef __cplusplus
 extern "C" {
@@ -15,25 +17,27 @@ extern "C" {
 
 /* Writes "module,line:function(): message", or "module,line: message" without a function name.
  *
- *   pModule    name of the source module, as it is to appear ("COMMON", "DEV", "DNS", "TALVEK")
+ *   pModule    name of the source module as written in the line ("COMMON", "DEV", ...)
  *   line       source line
- *   pFunction  name of the caller's function, or NULL for none
- *   pFormat    printf format and its arguments; the message may have any length and is never cut
+ *   pFunction  name of the calling function, or NULL for none
+ *   pFormat    printf format, followed by its arguments; the message may have any length and is
+ *              never truncated
  *
- * Returns the count of bytes that printf reported for the line, or -1 when there is no memory for
- * the message and nothing was written. When memory ends while a message of 256 characters or more
- * is formatted, the text "Failed to print" stands in its place, without a newline. */
+ * Returns what printf returned for the line. Without memory for a message of 256 characters or
+ * more, it writes "Failed to print" instead of the message, without a newline. Without memory for
+ * 256 bytes it writes nothing and returns -1. */
 int COM_Log(const char *pModule, int line, const char *pFunction, const char *pFormat, ...)
     __attribute__((format(printf, 4, 5)));
 
-/* COM_Log with the line in yellow on a terminal: "\e[33m" before it and "\e[0m" behind it. */
+/* COM_Log with the line in yellow on a terminal: "\e[33m" before it and "\e[0m" after it. */
 int COM_LogColor(const char *pModule, int line, const char *pFunction, const char *pFormat, ...)
     __attribute__((format(printf, 4, 5)));
 
-/* Writes "[YYYY/MM/DD hh:mm:ss.uuuuuu] " (UTC) ahead of a message that the caller prints at once
- * behind it, with "module,line: " before the bracket unless pModule is NULL. The prefix has no
- * newline and is not flushed. It and the message are two writes: another thread's line can come
- * between them.
+/* Writes "[YYYY/MM/DD hh:mm:ss.uuuuuu] " (UTC), or "module,line: [...] " if pModule is not NULL.
+ *
+ * The caller prints its message right after it, on the same line: the time stamp has no newline and
+ * is not flushed. It and the message are two writes, so a line of another thread can come between
+ * them.
  *
  * Returns 0, or -1 without output when the clock cannot be read or converted. */
 int COM_PrintTimeStamp(const char *pModule, int line);

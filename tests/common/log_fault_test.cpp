@@ -23,7 +23,7 @@ TEST(LogFault, WritesNothingWithoutMemory) {
               }));
 }
 
-TEST(LogFault, SaysThatALongMessageCannotGrow) {
+TEST(LogFault, WritesFailedToPrintWithoutMemoryForALongMessage) {
     const std::string text(256, 'x');
     int count = 0;
     EXPECT_EQ("COMMON,1:func(): Failed to print", Capture([&] {
@@ -37,14 +37,14 @@ TEST(LogFault, SaysThatALongMessageCannotGrow) {
                   const Fault fault{"realloc", 0, ENOMEM};
                   COM_LogColor("COMMON", 1, "func", "%s", text.c_str());
               }));
-    // This one line keeps the form with a function name.
+    // This line has the form with a function name in any case.
     EXPECT_EQ("COMMON,1:(null)(): Failed to print", Capture([&] {
                   const Fault fault{"realloc", 0, ENOMEM};
                   COM_Log("COMMON", 1, nullptr, "%s", text.c_str());
               }));
 }
 
-TEST(LogFault, GrowsOnlyForMessagesOf256CharactersAndMore) {
+TEST(LogFault, GrowsOnlyForMessagesOf256CharactersOrMore) {
     Capture([] {
         const Fault fault{"realloc", 0, ENOMEM};
         EXPECT_EQ(255 + 10, COM_Log("COMMON", 1, nullptr, "%s", std::string(255, 'x').c_str()));
@@ -52,7 +52,7 @@ TEST(LogFault, GrowsOnlyForMessagesOf256CharactersAndMore) {
     });
 }
 
-TEST(LogFault, ReportsAClockThatCannotBeReadOrConverted) {
+TEST(LogFault, FailsWithoutAClockOrItsConversion) {
     for (const char *pCall : {"gettimeofday", "gmtime_r"}) {
         EXPECT_EQ("", Capture([&] {
                       const Fault fault{pCall, 0, EFAULT};

@@ -21,11 +21,11 @@ namespace {
 
 using talvek::test::Capture;
 
-// What the logger asks realloc for. The request numbered g_refused and those behind it fail.
+// The sizes that the logger requests of realloc. Requests after the first g_granted fail.
 std::vector<size_t> *g_pGrown = nullptr;
-size_t g_refused = 0;
+size_t g_granted = 0;
 
-// The time of day that the logger sees; the real one when null.
+// The time of day that the logger sees, or NULL for the real one.
 const struct timeval *g_pTimeOfDay = nullptr;
 
 int TimeOfDay(struct timeval *pNow) {
@@ -50,7 +50,7 @@ int __wrap___gettimeofday64(struct timeval *pNow, void *pZone);
 void *__wrap_realloc(void *pBlock, size_t size) {
     if (g_pGrown != nullptr) {
         g_pGrown->push_back(size);
-        if (g_pGrown->size() > g_refused) {
+        if (g_pGrown->size() > g_granted) {
             return nullptr;
         }
     }
@@ -61,7 +61,7 @@ int __wrap_gettimeofday(struct timeval *pNow, void * /*pZone*/) {
     return TimeOfDay(pNow);
 }
 
-// Its name where time_t was 32 bits once.
+// The name of gettimeofday on 32-bit targets with a 64-bit time_t.
 int __wrap___gettimeofday64(struct timeval *pNow, void * /*pZone*/) {
     return TimeOfDay(pNow);
 }
@@ -69,10 +69,10 @@ int __wrap___gettimeofday64(struct timeval *pNow, void * /*pZone*/) {
 
 namespace {
 
-// The sizes that one message grows to, `allowed` of them granted.
-std::vector<size_t> Growth(size_t allowed, const std::function<void()> &log) {
+// The sizes that `log` requests when the first `granted` requests succeed.
+std::vector<size_t> Growth(size_t granted, const std::function<void()> &log) {
     std::vector<size_t> sizes;
-    g_refused = allowed;
+    g_granted = granted;
     g_pGrown = &sizes;
     log();
     g_pGrown = nullptr;
@@ -97,8 +97,8 @@ TEST(Log, AddsNoNewlineOfItsOwn) {
     EXPECT_EQ("DEV,1: a", Capture([] { COM_Log("DEV", 1, nullptr, "a"); }));
 }
 
-// Up to 255 characters fit the first block; 256 and more are formatted a second time.
-TEST(Log, KeepsMessagesOfEveryLengthWhole) {
+// Up to 255 characters fit into the first block; longer messages are formatted a second time.
+TEST(Log, WritesMessagesOfEveryLengthWhole) {
     for (const size_t length : {0, 1, 254, 255, 256, 257, 511, 512, 1000, 70000}) {
         const std::string text(length, 'm');
         int count = 0;
@@ -108,7 +108,7 @@ TEST(Log, KeepsMessagesOfEveryLengthWhole) {
     }
 }
 
-TEST(Log, GrowsToTheMessagesLengthAndItsNul) {
+TEST(Log, GrowsToTheLengthOfTheMessageAndItsNul) {
     Capture([] {
         for (const size_t length : {255, 256, 1000}) {
             const std::string text(length, 'm');
@@ -120,8 +120,8 @@ TEST(Log, GrowsToTheMessagesLengthAndItsNul) {
     });
 }
 
-// A wide character that the locale has no bytes for: the formatter reports no length.
-TEST(Log, DoublesForAMessageWithoutALengthUntilMemoryEnds) {
+// The "C" locale cannot encode this wide character, so vsnprintf fails and reports no length.
+TEST(Log, DoublesTheBlockForAMessageOfUnknownLength) {
     const wchar_t text[] = {0x263A, 0};
     const std::string output = Capture([&text] {
         const std::vector<size_t> sizes =
@@ -152,15 +152,15 @@ TEST(LogColor, EnclosesTheLineInYellow) {
               Capture([] { COM_LogColor("TALVEK", 7, "main", "hi\n"); }));
 }
 
-// A line stands in the pipe before the call returns; a child that is forked behind it does not
-// write it again.
-TEST(Log, AppearsAtOnceAndOnceAroundFork) {
+// A line is written before the call returns, so a child that is forked next does not write it
+// again.
+TEST(Log, IsWrittenAtOnceAndOnceAroundFork) {
     EXPECT_EQ("COMMON,1: one\nCOMMON,2: two\nCOMMON,3: three\n", Capture([] {
                   COM_Log("COMMON", 1, nullptr, "one\n");
                   const pid_t child = fork();
                   if (child == 0) {
                       COM_Log("COMMON", 2, nullptr, "two\n");
-                      exit(0);  // flushes what the stream would still hold
+                      exit(0);  // flushes the stream
                   }
                   waitpid(child, nullptr, 0);
                   COM_Log("COMMON", 3, nullptr, "three\n");
@@ -192,11 +192,11 @@ TEST(Log, DoesNotMixLinesOfThreads) {
         length += static_cast<size_t>(it->length());
     }
     EXPECT_EQ(kThreads * kLines, lines);
-    EXPECT_EQ(output.size(), length) << "nothing stands between whole lines";
+    EXPECT_EQ(output.size(), length) << "something else than whole lines was written";
 }
 
 TEST(PrintTimeStamp, WritesUtcWithMicroseconds) {
-    setenv("TZ", "XXX-5", 1);  // local time is not asked for
+    setenv("TZ", "XXX-5", 1);  // must not have an effect
     const time_t before = time(nullptr);
     const std::string plain = Capture([] { EXPECT_EQ(0, COM_PrintTimeStamp(nullptr, 9)); });
     const time_t after = time(nullptr);
@@ -233,7 +233,7 @@ TEST(PrintTimeStamp, FillsEveryFieldWithZerosToItsWidth) {
     EXPECT_EQ("DNS,-9: [2031/01/02 03:04:05.000006] ", named);
 }
 
-TEST(PrintTimeStamp, PutsModuleAndLineAhead) {
+TEST(PrintTimeStamp, WritesModuleAndLineFirst) {
     const std::string text = Capture([] { EXPECT_EQ(0, COM_PrintTimeStamp("TALVEK", 42)); });
     EXPECT_TRUE(
         std::regex_match(text, std::regex{"TALVEK,42: \\[[0-9/]{10} [0-9:]{8}\\.\\d{6}\\] "}))
