@@ -10,34 +10,40 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
+
 #include "base/cancel_guard.h"
-#include "common/internal/case_search.h"
+#include "base/characters.h"
+#include "base/heap_buf.h"
 #include "common/internal/module_log.h"
 
-namespace talvek {
 namespace {
 
 constexpr size_t kMaxPattern = 256;  // "</tag>" with its NUL
 
-// Bytes from one position to a later one. One less than an int can hold stands for all that is
-// longer, so that the NUL can still be counted.
-int Distance(const char *from, const char *to) {
-    return to - from < INT_MAX ? static_cast<int>(to - from) : INT_MAX - 1;
+// Compares at every place. docs/decisions/key-search.md has the cost of faster searches.
+const char *FindKey(const char *pText, const char *pKey, size_t keySize) {
+    if (keySize == 0) {
+        return pText;
+    }
+    // The two cases of a letter differ in one bit.
+    const int caseBit = talvek::IsLetter(*pKey) ? 'A' ^ 'a' : 0;
+    const int first = *pKey | caseBit;
+    for (; *pText != '\0'; ++pText) {
+        if ((*pText | caseBit) == first && talvek::BeginsIgnoringCase(pText, pKey, keySize)) {
+            return pText;
+        }
+    }
+    return nullptr;
 }
 
-// The value's characters are known to be there, so its length need not be taken again.
-void CopyText(char *pDst, const char *pSrc, int length) {
-    memcpy(pDst, pSrc, static_cast<size_t>(length));
-    pDst[length] = '\0';
-}
-
-// The position just behind the key, or null.
-const char *FindBehind(const char *pSrc, const char *pKey) {
+// The position right after the key, or NULL.
+const char *FindAfter(const char *pSrc, const char *pKey) {
     if (pSrc == nullptr || pKey == nullptr) {
         return nullptr;
     }
     const size_t keySize = strlen(pKey);
-    const char *found = FindIgnoringCase(pSrc, pKey, keySize);
+    const char *found = FindKey(pSrc, pKey, keySize);
     return found != nullptr ? found + keySize : nullptr;
 }
 
@@ -45,9 +51,19 @@ const char *FindLineEnd(const char *pText) {
     return strpbrk(pText, "\r\n");
 }
 
-const char *GetQuoted(const char *pEntry, char quote, const char *pSrc, const char *pKey,
+// Bytes from one position to a later one. Saturates at INT_MAX - 1, leaving room to count the NUL.
+int Distance(const char *from, const char *to) {
+    return static_cast<int>(std::min<ptrdiff_t>(to - from, INT_MAX - 1));
+}
+
+void CopyWithNul(char *pDst, const char *pSrc, int length) {
+    memcpy(pDst, pSrc, static_cast<size_t>(length));
+    pDst[length] = '\0';
+}
+
+const char *GetQuoted(const char *pFunction, char quote, const char *pSrc, const char *pKey,
                       char *pDst, int size) {
-    const char *after = FindBehind(pSrc, pKey);
+    const char *after = FindAfter(pSrc, pKey);
     const char *opening = after != nullptr ? strchr(after, quote) : nullptr;
     const char *closing = opening != nullptr ? strchr(opening + 1, quote) : nullptr;
     if (closing == nullptr || pDst == nullptr) {
@@ -55,25 +71,25 @@ const char *GetQuoted(const char *pEntry, char quote, const char *pSrc, const ch
     }
     int length = Distance(opening + 1, closing);
     if (length >= size) {
-        LOG_AS(pEntry, "Warning! overflow (len, size) = (%d, %d)\n", length, size);
+        LOG_AS(pFunction, "Warning! overflow (len, size) = (%d, %d)\n", length, size);
         length = size;
     }
     if (length >= 0) {
-        CopyText(pDst, opening + 1, length);
+        CopyWithNul(pDst, opening + 1, length);
     }
     return length < 1 ? nullptr : after;
 }
 
-// Copies [from, to) with its NUL into `size` bytes and returns the bytes it took, NUL included;
-// 0 or less when there was room for nothing.
-int CopyRange(const char *pEntry, const char *from, const char *to, char *pDst, int size) {
+// Copies [from, to) and a NUL into `size` bytes. Returns the bytes written; 0 or less when `size`
+// has no room for the NUL.
+int CopyRange(const char *pFunction, const char *from, const char *to, char *pDst, int size) {
     int needed = Distance(from, to) + 1;
     if (needed > size) {
-        LOG_AS(pEntry, "Warning! overflow (len, size) = (%d, %d)\n", needed, size);
+        LOG_AS(pFunction, "Warning! overflow (len, size) = (%d, %d)\n", needed, size);
         needed = size;
     }
     if (needed > 0) {
-        CopyText(pDst, from, needed - 1);
+        CopyWithNul(pDst, from, needed - 1);
     }
     return needed;
 }
@@ -83,24 +99,20 @@ struct Pattern {
     bool fits;
 };
 
-Pattern MakePattern(const char *pBefore, const char *pTag, const char *pBehind) {
+Pattern MakePattern(const char *pBefore, const char *pTag, const char *pAfter) {
     Pattern pattern;
-    const int length =
-        snprintf(pattern.text, sizeof pattern.text, "%s%s%s", pBefore, pTag, pBehind);
+    const int length = snprintf(pattern.text, sizeof pattern.text, "%s%s%s", pBefore, pTag, pAfter);
     pattern.fits = length >= 0 && static_cast<size_t>(length) < sizeof pattern.text;
     return pattern;
 }
 
-// A decimal number read one digit at a time, held at the limits of 32 bits.
+// A decimal number read one character at a time, clamped to 32 bits.
 class NumberRun {
   public:
-    // Whether the character belongs to the number.
-    bool Take(char c) {
-        if (c >= '0' && c <= '9') {
-            magnitude_ = magnitude_ * 10 + (c - '0');
-            if (magnitude_ > kMax) {
-                magnitude_ = kMax;
-            }
+    // False when the character does not belong to the number.
+    bool Append(char c) {
+        if (talvek::IsDigit(c)) {
+            magnitude_ = std::min(magnitude_ * 10 + (c - '0'), kMaxMagnitude);
         } else if (empty_ && (c == '+' || c == '-')) {
             negative_ = c == '-';
         } else {
@@ -112,58 +124,58 @@ class NumberRun {
     [[nodiscard]] bool empty() const { return empty_; }
     [[nodiscard]] int value() const {
         const int64_t value = negative_ ? -magnitude_ : magnitude_;
-        return value > INT32_MAX ? INT32_MAX : static_cast<int>(value);
+        return static_cast<int>(std::min<int64_t>(value, INT32_MAX));
     }
 
   private:
-    static constexpr int64_t kMax = -static_cast<int64_t>(INT32_MIN);
+    static constexpr int64_t kMaxMagnitude = -int64_t{INT32_MIN};
     int64_t magnitude_ = 0;
     bool negative_ = false;
     bool empty_ = true;
 };
 
-void Store(int *pNumber, const NumberRun &run) {
+void StoreIfWanted(int *pNumber, const NumberRun &run) {
     if (pNumber != nullptr) {
         *pNumber = run.value();
     }
 }
 
-// A heap text while it is rewritten from left to right: what is done stands at the start, what is
-// still to be searched at the end of the block, and room to grow between them. Each byte moves once
-// a block, and blocks grow by half, so the cost is linear in the text and in what is put in.
+// A heap text that is rewritten from left to right. The finished part is at the start of the block,
+// the part still to be searched at its end, and free room lies between them. A byte moves once per
+// block and blocks grow by half, so the time is linear in the text and in what is inserted.
 class Rewrite {
   public:
     explicit Rewrite(char *pBlock) : block_(pBlock), end_(strlen(pBlock) + 1) {}
 
-    // The next place of a text in what is still to be searched, or null.
+    // The next match in the part still to be searched, or NULL.
     [[nodiscard]] const char *Find(const char *pOld, size_t oldSize) const {
-        return static_cast<const char *>(memmem(block_ + rest_, end_ - 1 - rest_, pOld, oldSize));
+        return static_cast<const char *>(
+            memmem(block_.get() + rest_, end_ - 1 - rest_, pOld, oldSize));
     }
 
-    // Replaces `oldSize` characters at `hit`. What is still to be searched begins with the
-    // replacement.
-    void Replace(const char *hit, size_t oldSize, const char *pNew, size_t newSize) {
-        Keep(static_cast<size_t>(hit - (block_ + rest_)));
+    // Replaces the match. The part still to be searched then begins with the replacement.
+    void Replace(const char *match, size_t oldSize, const char *pNew, size_t newSize) {
+        Keep(static_cast<size_t>(match - (block_.get() + rest_)));
         if (done_ + newSize > rest_ + oldSize) {
             Grow(oldSize, newSize);
         }
         rest_ = rest_ + oldSize - newSize;
-        memcpy(block_ + rest_, pNew, newSize);
+        memcpy(block_.get() + rest_, pNew, newSize);
     }
 
-    char *Finish() {
+    [[nodiscard]] char *Finish() {
         Keep(end_ - rest_);
         if (spare_) {
-            char *trimmed = static_cast<char *>(realloc(block_, done_));
-            return trimmed != nullptr ? trimmed : block_;
+            static_cast<void>(block_.Resize(done_));  // a block that stays larger does no harm
         }
-        return block_;
+        return block_.Release();
     }
 
   private:
+    // Moves `count` characters from the part to be searched to the finished part.
     void Keep(size_t count) {
         if (done_ != rest_) {
-            memmove(block_ + done_, block_ + rest_, count);
+            memmove(block_.get() + done_, block_.get() + rest_, count);
         }
         done_ += count;
         rest_ += count;
@@ -171,129 +183,114 @@ class Rewrite {
 
     void Grow(size_t oldSize, size_t newSize) {
         const size_t tail = end_ - rest_ - oldSize;
-        const size_t needed = done_ + newSize + tail;
-        const size_t size = Reallocate(needed);
-        memmove(block_ + size - tail, block_ + end_ - tail, tail);
+        const size_t size = ResizeFor(done_ + newSize + tail);
+        memmove(block_.get() + size - tail, block_.get() + end_ - tail, tail);
         rest_ = size - tail - oldSize;
         end_ = size;
     }
 
-    // A short text gets what it needs and no more; a long one gets half as much on top where that
-    // is to be had. Returns the size of the new block.
-    size_t Reallocate(size_t needed) {
+    // A short text gets exactly what it needs. A long one gets half as much on top if memory
+    // allows. Returns the size of the new block.
+    size_t ResizeFor(size_t needed) {
         constexpr size_t kShort = 256;
-        const size_t roomy = needed + needed / 2;  // less than needed where 32 bits do not hold it
-        if (needed > kShort && roomy > needed && TryReallocate(roomy)) {
+        const size_t roomy = needed + needed / 2;  // below `needed` if it overflows 32 bits
+        if (needed > kShort && roomy > needed && block_.Resize(roomy)) {
             spare_ = true;
             return roomy;
         }
-        if (TryReallocate(needed)) {
-            return needed;
-        }
-        // The text is never left half replaced: the block is asked for until it is there.
-        // Held by ReplaceStrFault.TriesAgainUntilTheBlockGrows.
-        const CancelGuard guard;
-        do {
+        // The text is never returned half replaced, so this waits until there is memory.
+        // Tested by ReplaceStrFault.RetriesUntilTheBlockGrows.
+        while (!block_.Resize(needed)) {
             LOG_AS("COM_ReplaceStr", "REALLOC(%d) failed\n", static_cast<int>(needed));
-            // A shortage ends when someone else releases memory; until then neither the processor
-            // nor the log is flooded.
+            // The pause keeps the processor and the log free until another thread or process
+            // releases memory.
             const struct timespec pause = {0, 10'000'000};
             nanosleep(&pause, nullptr);
-        } while (!TryReallocate(needed));
+        }
         return needed;
     }
 
-    bool TryReallocate(size_t size) {
-        char *grown = static_cast<char *>(realloc(block_, size));
-        if (grown == nullptr) {
-            return false;
-        }
-        block_ = grown;
-        return true;
-    }
-
-    char *block_;
-    size_t end_;       // behind the NUL
-    size_t done_ = 0;  // characters at the start that are finished
-    size_t rest_ = 0;  // where the text still to be searched begins
+    talvek::HeapBuf<char> block_;
+    size_t end_;       // after the NUL
+    size_t done_ = 0;  // size of the finished part
+    size_t rest_ = 0;  // start of the part still to be searched
     bool spare_ = false;
 };
 
 }  // namespace
-}  // namespace talvek
 
 const char *COM_StrCaseStr(const char *pSrc, const char *pKey) {
     if (pSrc == nullptr || pKey == nullptr) {
         return nullptr;
     }
-    return talvek::FindIgnoringCase(pSrc, pKey, strlen(pKey));
+    return FindKey(pSrc, pKey, strlen(pKey));
 }
 
 const char *COM_GetStrInDoubleQuotes(const char *pSrc, const char *pKey, char *pDst, int size) {
-    return talvek::GetQuoted(__func__, '"', pSrc, pKey, pDst, size);
+    return GetQuoted(__func__, '"', pSrc, pKey, pDst, size);
 }
 
 const char *COM_GetStrInSingleQuotes(const char *pSrc, const char *pKey, char *pDst, int size) {
-    return talvek::GetQuoted(__func__, '\'', pSrc, pKey, pDst, size);
+    return GetQuoted(__func__, '\'', pSrc, pKey, pDst, size);
 }
 
 const char *COM_GetStrBeforeSpace(const char *pSrc, const char *pKey, char *pDst, int size) {
-    const char *after = talvek::FindBehind(pSrc, pKey);
+    const char *after = FindAfter(pSrc, pKey);
     const char *blank = after != nullptr ? strchr(after, ' ') : nullptr;
     if (blank == nullptr || pDst == nullptr) {
         return nullptr;
     }
-    // Unlike an empty quoted value, an empty value before a blank is a value.
-    // Held by GetStrBeforeSpace.TakesAnEmptyValueForAValue.
-    return talvek::CopyRange(__func__, after, blank, pDst, size) < 1 ? nullptr : after;
+    // Unlike an empty quoted value, an empty value before a blank is a success.
+    // Tested by GetStrBeforeSpace.AcceptsAnEmptyValue.
+    return CopyRange(__func__, after, blank, pDst, size) < 1 ? nullptr : after;
 }
 
 const char *COM_GetStrBeforeEOL(const char *pSrc, const char *pKey, char *pDst, int size) {
     constexpr int kShown = 20;
-    const char *after = talvek::FindBehind(pSrc, pKey);
-    const char *end = after != nullptr ? talvek::FindLineEnd(after) : nullptr;
+    const char *after = FindAfter(pSrc, pKey);
+    const char *end = after != nullptr ? FindLineEnd(after) : nullptr;
     if (end == nullptr || pDst == nullptr) {
         return nullptr;
     }
-    const int needed = talvek::Distance(after, end) + 1;
+    const int needed = Distance(after, end) + 1;
     if (needed <= size) {
-        talvek::CopyText(pDst, after, needed - 1);
+        CopyWithNul(pDst, after, needed - 1);
         return after;
     }
-    // Without any room the precision is negative, and printf shows all that follows the key.
+    // With a size of 0 or less the precision is negative, and printf shows all text after the key.
     const int shown = size > kShown + 1 ? kShown : size > 0 ? size - 1 : -1;
     LOG_PLAIN("Warning! overflow (len, size) = (%d, %d)[%s][%.*s]\n", needed, size, pKey, shown,
               after);
     if (size <= 0) {
         return nullptr;
     }
-    talvek::CopyText(pDst, after, size - 1);
+    CopyWithNul(pDst, after, size - 1);
     return after;
 }
 
 const char *COM_GetLineAfterKey(const char *pSrc, const char *pKey, char **ppOut) {
-    const char *after = talvek::FindBehind(pSrc, pKey);
+    const char *after = FindAfter(pSrc, pKey);
     if (after == nullptr || ppOut == nullptr) {
         return nullptr;
     }
-    const char *end = talvek::FindLineEnd(after);
+    const char *end = FindLineEnd(after);
     if (end != nullptr && end > after) {
-        const int needed = talvek::Distance(after, end) + 1;
+        const int needed = Distance(after, end) + 1;
         *ppOut = static_cast<char *>(calloc(1, static_cast<size_t>(needed)));
         if (*ppOut == nullptr) {
             LOG_ERRNO("CALLOC(1, %d) error:%s\n", needed);
             return nullptr;
         }
-        talvek::CopyText(*ppOut, after, needed - 1);
+        CopyWithNul(*ppOut, after, needed - 1);
     }
-    // Where nothing was allocated, what the caller's pointer held decides.
-    // Held by GetLineAfterKey.GoesByThePointerWhereNothingIsAllocated.
+    // If nothing was allocated, the old value of the caller's pointer decides.
+    // Tested by GetLineAfterKey.DependsOnTheOldPointerWhenNothingIsAllocated.
     return *ppOut != nullptr ? after : nullptr;
 }
 
 char *COM_CutLineAfterKey(char *pSrc, const char *pKey) {
-    const char *after = talvek::FindBehind(pSrc, pKey);
-    const char *end = after != nullptr ? talvek::FindLineEnd(after) : nullptr;
+    const char *after = FindAfter(pSrc, pKey);
+    const char *end = after != nullptr ? FindLineEnd(after) : nullptr;
     if (end == nullptr || end == after) {
         return nullptr;
     }
@@ -305,32 +302,32 @@ const char *COM_GetXMLData(const char *pSrc, const char *pTag, char *pDst, int s
     if (pSrc == nullptr || pTag == nullptr || pDst == nullptr) {
         return nullptr;
     }
-    const talvek::Pattern opening = talvek::MakePattern("<", pTag, ">");
-    const char *head = opening.fits ? talvek::FindBehind(pSrc, opening.text) : nullptr;
+    const Pattern opening = MakePattern("<", pTag, ">");
+    const char *head = opening.fits ? FindAfter(pSrc, opening.text) : nullptr;
     if (head == nullptr) {
         LOG("[%s] not found in [%s]\n", pTag, pSrc);
         return nullptr;
     }
-    const talvek::Pattern closing = talvek::MakePattern("</", pTag, ">");
-    // The search begins at the start of the text: a closing tag before the opening one is found
-    // first and is a failure. Held by GetXMLData.RefusesAClosingTagBeforeTheOpeningOne.
+    const Pattern closing = MakePattern("</", pTag, ">");
+    // The search begins at the start of the text, so a closing tag before the opening one is found
+    // first. Tested by GetXMLData.RefusesAClosingTagBeforeTheOpeningOne.
     const char *tail = closing.fits ? COM_StrCaseStr(pSrc, closing.text) : nullptr;
     if (tail == nullptr) {
         LOG("No xml tail found!\n");
         return nullptr;
     }
-    // The destination may hold anything yet; its end bounds what is shown of it.
+    // The destination may not be terminated yet, so its size bounds what is shown of it.
     const int shown = size > 0 ? size : 0;
     if (tail < head) {
         const ptrdiff_t length = tail - head + 1;
         LOG("[%s] = [%.*s] (%d bytes)\n", pTag, shown, pDst,
-            length > INT_MIN ? static_cast<int>(length) : INT_MIN);
+            static_cast<int>(std::max<ptrdiff_t>(length, INT_MIN)));
         return nullptr;
     }
     LOG("(pHead, pTail, pStr, len) = (%p, %p, %p, %d/%d)\n", static_cast<const void *>(head),
-        static_cast<const void *>(tail), static_cast<const void *>(pDst),
-        talvek::Distance(head, tail) + 1, size);
-    const int taken = talvek::CopyRange(__func__, head, tail, pDst, size);
+        static_cast<const void *>(tail), static_cast<const void *>(pDst), Distance(head, tail) + 1,
+        size);
+    const int taken = CopyRange(__func__, head, tail, pDst, size);
     LOG("[%s] = [%.*s] (%d bytes)\n", pTag, shown, pDst, taken);
     return taken > 0 ? head : nullptr;
 }
@@ -339,42 +336,42 @@ const char *COM_GetXMLAttribute(const char *pSrc, const char *pTag, char *pDst, 
     if (pSrc == nullptr || pTag == nullptr || pDst == nullptr) {
         return nullptr;
     }
-    const talvek::Pattern opening = talvek::MakePattern("<", pTag, "");
-    const char *start = opening.fits ? talvek::FindBehind(pSrc, opening.text) : nullptr;
+    const Pattern opening = MakePattern("<", pTag, "");
+    const char *start = opening.fits ? FindAfter(pSrc, opening.text) : nullptr;
     const char *end = start != nullptr ? strchr(start, '>') : nullptr;
     if (end == nullptr) {
         return nullptr;
     }
-    return talvek::CopyRange(__func__, start, end, pDst, size) < 1 ? nullptr : end + 1;
+    return CopyRange(__func__, start, end, pDst, size) < 1 ? nullptr : end + 1;
 }
 
-int COM_GetTwoNumbers(const char *pBuf, int len, int *pFirst, int *pSecond) {
-    if (pBuf == nullptr || len < 1) {
+int COM_GetTwoNumbers(const char *pBuf, int size, int *pFirst, int *pSecond) {
+    if (pBuf == nullptr || size < 1) {
         return 0;
     }
     bool haveFirst = false;
-    talvek::NumberRun run;
-    for (int i = 0; i < len; ++i) {
-        if (run.Take(pBuf[i]) || run.empty()) {
+    NumberRun run;
+    for (int i = 0; i < size; ++i) {
+        if (run.Append(pBuf[i]) || run.empty()) {
             continue;
         }
         if (haveFirst) {
-            talvek::Store(pSecond, run);
+            StoreIfWanted(pSecond, run);
             return 2;
         }
-        talvek::Store(pFirst, run);
+        StoreIfWanted(pFirst, run);
         haveFirst = true;
-        run = talvek::NumberRun{};
+        run = NumberRun{};
     }
-    // A first number needs a character behind it: callers hand in the terminator too.
-    // Held by GetTwoNumbers.DoesNotReportASingleNumberAtTheEnd.
+    // A first number needs a character after it: callers include the terminator.
+    // Tested by GetTwoNumbers.DoesNotReportASingleNumberAtTheEnd.
     if (!haveFirst) {
         return 0;
     }
     if (run.empty()) {
         return 1;
     }
-    talvek::Store(pSecond, run);
+    StoreIfWanted(pSecond, run);
     return 2;
 }
 
@@ -384,11 +381,12 @@ char *COM_ReplaceStr(char *pBuf, const char *pOld, const char *pNew) {
     }
     const size_t oldSize = strlen(pOld);
     const size_t newSize = strlen(pNew);
-    talvek::Rewrite text{pBuf};
-    // The search goes on at the start of what was put in, so that a match may begin in it.
-    // Held by ReplaceStr.FindsMatchesThatBeginInTheReplacement.
-    while (const char *hit = text.Find(pOld, oldSize)) {
-        text.Replace(hit, oldSize, pNew, newSize);
+    const talvek::CancelGuard guard;
+    Rewrite text{pBuf};
+    // The search resumes at the start of the inserted text, so a match may begin in it.
+    // Tested by ReplaceStr.FindsMatchesThatBeginInTheReplacement.
+    while (const char *match = text.Find(pOld, oldSize)) {
+        text.Replace(match, oldSize, pNew, newSize);
     }
     return text.Finish();
 }

@@ -12,6 +12,7 @@
 
 #include "common/settings.h"
 #include "common/text.h"
+#include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/faults.h"
 
@@ -21,9 +22,10 @@ using talvek::test::CaptureLog;
 using talvek::test::EveryCallFails;
 using talvek::test::Fault;
 using talvek::test::HeldBlocks;
+using talvek::test::OutlastsCancellation;
 using Lines = std::vector<std::string>;
 
-TEST(GetLineAfterKeyFault, SaysThatThereIsNoMemory) {
+TEST(GetLineAfterKeyFault, LogsThatThereIsNoMemory) {
     char *line = nullptr;
     EXPECT_EQ((Lines{"COMMON:COM_GetLineAfterKey(): CALLOC(1, 4) error:Cannot allocate memory"}),
               CaptureLog([&] {
@@ -41,7 +43,7 @@ std::string Replace(const std::string &text, const char *pOld, const char *pNew)
 }
 
 // "a-b-c" takes 6 bytes, and each replacement one more.
-TEST(ReplaceStrFault, TriesAgainUntilTheBlockGrows) {
+TEST(ReplaceStrFault, RetriesUntilTheBlockGrows) {
     for (int nth = 0; nth < 2; ++nth) {
         const long blocks = HeldBlocks();
         EXPECT_EQ(
@@ -54,14 +56,23 @@ TEST(ReplaceStrFault, TriesAgainUntilTheBlockGrows) {
     }
 }
 
-TEST(ReplaceStrFault, GoesOnWithoutRoomToSpare) {
+TEST(ReplaceStrFault, OutlastsCancellationWhileItWaits) {
+    EXPECT_EQ(Lines{"COMMON:COM_ReplaceStr(): REALLOC(7) failed"}, CaptureLog([] {
+                  EXPECT_TRUE(OutlastsCancellation([] {
+                      const Fault fault{"realloc", 0, ENOMEM};
+                      EXPECT_EQ("a::b::c", Replace("a-b-c", "-", "::"));
+                  }));
+              }));
+}
+
+TEST(ReplaceStrFault, WorksWithoutSpareRoom) {
     std::string text;
     std::string expected;
     for (int i = 0; i < 1000; ++i) {
         text += "-x";
         expected += "::x";
     }
-    // The larger block is asked for once, and cut to the text's size at the end.
+    // The larger block is requested once, and trimmed to the text's size at the end.
     for (int nth = 0; nth < 2; ++nth) {
         EXPECT_EQ(Lines{}, CaptureLog([&] {
                       const Fault fault{"realloc", nth, ENOMEM};
@@ -71,11 +82,11 @@ TEST(ReplaceStrFault, GoesOnWithoutRoomToSpare) {
     }
 }
 
-// A process that may not take more memory: the call waits for it, with a line in the log now and
-// then, and does not burn the processor.
+// Without memory the call waits for it, logs at most one line per 10 ms, and uses little processor
+// time.
 TEST(ReplaceStrFault, WaitsForMemoryWithoutFloodingTheLog) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the sanitizer's own memory does not live within a limit";
+    GTEST_SKIP() << "the sanitizer itself needs more memory than the limit";
 #endif
     Lines log;
     struct rusage usage = {};
@@ -97,7 +108,7 @@ TEST(ReplaceStrFault, WaitsForMemoryWithoutFloodingTheLog) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM);
     ASSERT_GE(log.size(), 2u);
     EXPECT_LE(log.size(), 101u);
-    // 99 characters remain, and the NUL.
+    // 99 characters and the NUL remain.
     EXPECT_EQ("COMMON:COM_ReplaceStr(): REALLOC(16777316) failed", log[0]);
     EXPECT_LT(usage.ru_utime.tv_sec, 1);
     EXPECT_LT(usage.ru_utime.tv_usec, 500000);

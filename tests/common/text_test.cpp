@@ -22,7 +22,7 @@ using talvek::test::CaptureLog;
 using talvek::test::GuardedCopy;
 using Lines = std::vector<std::string>;
 
-// The rule itself: every start in turn.
+// The rule, written without tricks: every start in turn.
 const char *SearchByTheRule(const char *pSrc, const char *pKey) {
     const size_t keySize = strlen(pKey);
     const char *end = pSrc + strlen(pSrc);
@@ -69,8 +69,8 @@ TEST(StrCaseStr, DoesNotFindAKeyLongerThanTheText) {
     EXPECT_EQ(text, COM_StrCaseStr(text, "ABC"));
 }
 
-// Only A to Z have two cases: "@[`{" lie beside them in the code, and bytes above 127 are as they
-// are ("Ä" and "ä" in ISO 8859-1 are 0xC4 and 0xE4).
+// Only A to Z have two cases: not their neighbours "@[`{" in ASCII, and no byte above 127 ("Ä" and
+// "ä" in ISO 8859-1 are 0xC4 and 0xE4).
 TEST(StrCaseStr, FoldsAsciiLettersOnly) {
     for (int a = 1; a < 256; ++a) {
         for (int b = 1; b < 256; ++b) {
@@ -82,7 +82,7 @@ TEST(StrCaseStr, FoldsAsciiLettersOnly) {
     }
 }
 
-// Few letters make many near misses and periodic keys, so all ways of the search are taken.
+// Few letters make many near misses and periodic keys.
 TEST(StrCaseStr, FindsWhatTheRuleFinds) {
     std::mt19937 random{2};
     const std::string alphabets[] = {
@@ -95,44 +95,6 @@ TEST(StrCaseStr, FindsWhatTheRuleFinds) {
             ASSERT_EQ(SearchByTheRule(text.text(), key.text()),
                       COM_StrCaseStr(text.text(), key.text()))
                 << text.text() << " : " << key.text();
-        }
-    }
-}
-
-// Long texts in which the key's rarest letter is frequent: here the search goes over to its second
-// way in the middle of the text.
-TEST(StrCaseStr, FindsWhatTheRuleFindsInLongTexts) {
-    std::mt19937 random{3};
-    const std::string alphabets[] = {"ab", "abAB", "aaaaaaab", "abcdef <>", "xyz"};
-    for (const std::string &alphabet : alphabets) {
-        for (int i = 0; i < 150; ++i) {
-            const std::string body = RandomText(random, alphabet, random() % 12000);
-            // Half of the keys come from the text's end, so that they are there.
-            const size_t keySize = random() % 60 + 1;
-            const std::string key = i % 2 == 0 && body.size() > keySize
-                                        ? body.substr(body.size() - keySize)
-                                        : RandomText(random, alphabet, keySize);
-            const GuardedCopy text{body.c_str()};
-            ASSERT_EQ(SearchByTheRule(text.text(), key.c_str()),
-                      COM_StrCaseStr(text.text(), key.c_str()))
-                << body << " : " << key;
-        }
-    }
-}
-
-// The text is taken in steps of 2048 bytes: keys around that size, at places around the steps.
-TEST(StrCaseStr, FindsKeysAcrossTheStepsInWhichTheTextIsRead) {
-    std::mt19937 random{4};
-    for (const size_t keySize : {1, 2, 100, 2047, 2048, 2049, 5000}) {
-        const std::string key(keySize, 'Q');
-        for (const size_t place : {0, 1, 2047, 2048, 2049, 4095, 4096, 4097}) {
-            const std::string before = RandomText(random, "abc", place);
-            for (const size_t missing : {0, 1}) {
-                const GuardedCopy text{(before + std::string(keySize - missing, 'q')).c_str()};
-                ASSERT_EQ(missing == 0 ? text.text() + place : nullptr,
-                          COM_StrCaseStr(text.text(), key.c_str()))
-                    << keySize << " at " << place;
-            }
         }
     }
 }
@@ -156,7 +118,7 @@ TEST(StrCaseStr, FindsPeriodicKeysInPeriodicTexts) {
     }
 }
 
-TEST(StrCaseStr, ReadsNothingBehindTheText) {
+TEST(StrCaseStr, ReadsNothingAfterTheText) {
     const std::string text = "WWW-Authenticate: Digest realm";
     for (size_t length = 0; length <= text.size(); ++length) {
         const GuardedCopy cut{text.substr(0, length).c_str()};
@@ -167,24 +129,11 @@ TEST(StrCaseStr, ReadsNothingBehindTheText) {
     }
 }
 
-// A key of half the text that nearly matches everywhere: 250,000 starts with 250,000 comparisons
-// each would take a minute.
-TEST(StrCaseStr, TakesTimeInProportionToTheText) {
-    const std::string text(500000, 'a');
-    const std::string keys[] = {std::string(250000, 'A') + "b", "b" + std::string(250000, 'A'),
-                                std::string(125000, 'a') + "b" + std::string(125000, 'a')};
-    const talvek::test::CpuTime used;
-    for (const std::string &key : keys) {
-        EXPECT_EQ(nullptr, COM_StrCaseStr(text.c_str(), key.c_str()));
-    }
-    EXPECT_LT(used.Seconds(), 5);
-}
-
 // --- Quoted values ---
 
 using Getter = const char *(*)(const char *, const char *, char *, int);
 
-TEST(GetStrInDoubleQuotes, CopiesTheValueBehindTheKey) {
+TEST(GetStrInDoubleQuotes, CopiesTheValueAfterTheKey) {
     CanaryBuf dst{81};
     const char *text = "realm=\"abc\"";
     EXPECT_EQ(text + 6, COM_GetStrInDoubleQuotes(text, "REALM=", dst.text(), 80));
@@ -192,7 +141,7 @@ TEST(GetStrInDoubleQuotes, CopiesTheValueBehindTheKey) {
     EXPECT_TRUE(dst.UntouchedFrom(4));
 }
 
-TEST(GetStrInDoubleQuotes, TakesTheFirstQuotedTextAnywhereBehindTheKey) {
+TEST(GetStrInDoubleQuotes, TakesTheFirstQuotedTextAnywhereAfterTheKey) {
     CanaryBuf dst{81};
     const char *text = "\"no\" realm=other, qop=\"auth\" \"no\"";
     EXPECT_EQ(text + 11, COM_GetStrInDoubleQuotes(text, "realm=", dst.text(), 80));
@@ -207,7 +156,7 @@ struct Quotes {
 const Quotes kQuotes[] = {{COM_GetStrInDoubleQuotes, '"', "COM_GetStrInDoubleQuotes"},
                           {COM_GetStrInSingleQuotes, '\'', "COM_GetStrInSingleQuotes"}};
 
-TEST(GetStrInQuotes, KeepsToItsOwnQuote) {
+TEST(GetStrInQuotes, MatchesOnlyItsOwnQuote) {
     for (const Quotes &kind : kQuotes) {
         const char other = kind.quote == '"' ? '\'' : '"';
         const std::string text = std::string{"k="} + other + kind.quote + "a" + other + kind.quote;
@@ -217,8 +166,8 @@ TEST(GetStrInQuotes, KeepsToItsOwnQuote) {
     }
 }
 
-// One below the size fits; at the size and above, `size` characters and a NUL are written.
-TEST(GetStrInQuotes, WritesUpToOneByteMoreThanTheSize) {
+// A value shorter than the size fits. A longer one leaves `size` characters and a NUL.
+TEST(GetStrInQuotes, WritesAtMostOneByteMoreThanTheSize) {
     for (const Quotes &kind : kQuotes) {
         for (int size = 0; size <= 6; ++size) {
             for (int length = 0; length <= 8; ++length) {
@@ -261,7 +210,7 @@ TEST(GetStrInQuotes, WritesNothingWithANegativeSize) {
     }
 }
 
-TEST(GetStrInQuotes, CountsAnEmptyValueAsNotFound) {
+TEST(GetStrInQuotes, DoesNotFindAnEmptyValue) {
     for (const Quotes &kind : kQuotes) {
         const std::string text = std::string{"x="} + kind.quote + kind.quote;
         CanaryBuf dst{5};
@@ -271,7 +220,7 @@ TEST(GetStrInQuotes, CountsAnEmptyValueAsNotFound) {
     }
 }
 
-TEST(GetStrInQuotes, LeavesTheDestinationWhenSomethingIsMissing) {
+TEST(GetStrInQuotes, LeavesTheDestinationUnchangedWhenSomethingIsMissing) {
     for (const Quotes &kind : kQuotes) {
         const std::string quote(1, kind.quote);
         for (const std::string &text : {std::string{""}, std::string{"x="}, "x=" + quote,
@@ -294,14 +243,14 @@ TEST(GetStrBeforeSpace, CopiesUpToTheNextBlank) {
     EXPECT_STREQ("v1\tx\n;", dst.text());
 }
 
-TEST(GetStrBeforeSpace, TakesAnEmptyValueForAValue) {
+TEST(GetStrBeforeSpace, AcceptsAnEmptyValue) {
     CanaryBuf dst{4};
     const char *text = "x= y";
     EXPECT_EQ(text + 2, COM_GetStrBeforeSpace(text, "x=", dst.text(), 4));
     EXPECT_STREQ("", dst.text());
 }
 
-TEST(GetStrBeforeSpace, CountsTheNulInTheSize) {
+TEST(GetStrBeforeSpace, IncludesTheNulInTheSize) {
     for (int size = 0; size <= 6; ++size) {
         for (int length = 0; length <= 7; ++length) {
             const std::string value = std::string{"abcdefgh"}.substr(0, length);
@@ -345,7 +294,7 @@ TEST(GetStrBeforeEOL, EndsAtTheNearerOfLfAndCr) {
     }
 }
 
-TEST(GetStrBeforeEOL, TakesAnEmptyLineForAValue) {
+TEST(GetStrBeforeEOL, AcceptsAnEmptyLine) {
     CanaryBuf dst{4};
     const char *text = "x=\n";
     EXPECT_EQ(text + 2, COM_GetStrBeforeEOL(text, "x=", dst.text(), 4));
@@ -362,7 +311,7 @@ TEST(GetStrBeforeEOL, DoesNotFindALastLineWithoutEnd) {
     EXPECT_TRUE(dst.UntouchedFrom(0));
 }
 
-TEST(GetStrBeforeEOL, CountsTheNulInTheSize) {
+TEST(GetStrBeforeEOL, IncludesTheNulInTheSize) {
     for (int size = 1; size <= 6; ++size) {
         for (int length = 0; length <= 7; ++length) {
             const std::string value = std::string{"abcdefgh"}.substr(0, length);
@@ -384,9 +333,8 @@ TEST(GetStrBeforeEOL, CountsTheNulInTheSize) {
     }
 }
 
-// Up to 20 characters of the value are shown: size 21 shows 20, as many as it copies, and so do 22
-// and more.
-TEST(GetStrBeforeEOL, ShowsHowACutValueBegins) {
+// The log shows what is copied, at most 20 characters.
+TEST(GetStrBeforeEOL, LogsTheStartOfATruncatedValue) {
     const std::string value = "abcdefghijklmnopqrstuvwxyz0123456789";
     const std::string text = "k=" + value + "\n";
     const struct {
@@ -403,8 +351,8 @@ TEST(GetStrBeforeEOL, ShowsHowACutValueBegins) {
     }
 }
 
-// printf takes the negative precision as none.
-TEST(GetStrBeforeEOL, HasNoRoomWithASizeOfZeroAndBelow) {
+// printf ignores the negative precision, so all text after the key is logged.
+TEST(GetStrBeforeEOL, FailsWithASizeOfZeroOrLess) {
     for (const int size : {0, -1, INT_MIN}) {
         CanaryBuf dst{1};
         EXPECT_EQ((Lines{"COMMON: Warning! overflow (len, size) = (3, " + std::to_string(size) +
@@ -419,7 +367,7 @@ TEST(GetStrBeforeEOL, HasNoRoomWithASizeOfZeroAndBelow) {
 
 // --- Lines ---
 
-TEST(GetLineAfterKey, HandsOutTheLineInABlockOfItsOwn) {
+TEST(GetLineAfterKey, ReturnsTheLineInANewBlock) {
     const GuardedCopy text{"Location: /x y\r\nServer: z\n"};
     char *line = nullptr;
     EXPECT_EQ(text.text() + 10, COM_GetLineAfterKey(text.text(), "location: ", &line));
@@ -432,7 +380,7 @@ TEST(GetLineAfterKey, HandsOutTheLineInABlockOfItsOwn) {
     free(line);
 }
 
-TEST(GetLineAfterKey, GivesNullForAnEmptyOrUnfinishedLineOrNoKey) {
+TEST(GetLineAfterKey, FailsForAMissingKeyAnEmptyOrAnUnfinishedLine) {
     for (const char *pText : {"", "k=", "k=abc", "k=\n", "k=\r\nx\n", "x=a\n"}) {
         char *line = nullptr;
         EXPECT_EQ(Lines{},
@@ -441,7 +389,7 @@ TEST(GetLineAfterKey, GivesNullForAnEmptyOrUnfinishedLineOrNoKey) {
     }
 }
 
-TEST(GetLineAfterKey, GoesByThePointerWhereNothingIsAllocated) {
+TEST(GetLineAfterKey, DependsOnTheOldPointerWhenNothingIsAllocated) {
     char held[] = "held";
     char *line = held;
     const char *text = "k=\n";
@@ -454,8 +402,8 @@ TEST(GetLineAfterKey, GoesByThePointerWhereNothingIsAllocated) {
     EXPECT_EQ(held, line);
 }
 
-TEST(GetLineAfterKey, ReplacesAPointerWithoutReleasingIt) {
-    char held[] = "held";  // not from malloc: releasing it would end the program
+TEST(GetLineAfterKey, ReplacesThePointerWithoutFreeingIt) {
+    char held[] = "held";  // not from malloc: free would abort
     char *line = held;
     const char *text = "k=abc\n";
     EXPECT_EQ(text + 2, COM_GetLineAfterKey(text, "k=", &line));
@@ -472,14 +420,14 @@ TEST(CutLineAfterKey, EndsTheTextAtTheLineEnd) {
         char *value = COM_CutLineAfterKey(text.text(), "b=");
         ASSERT_EQ(text.text() + original.find("two"), value);
         EXPECT_STREQ("two words", value);
-        // Nothing else has changed.
+        // Only the line end has changed.
         std::string expected = original;
         expected[original.find("words") + 5] = '\0';
         EXPECT_EQ(0, memcmp(expected.data(), text.text(), expected.size()));
     }
 }
 
-TEST(CutLineAfterKey, LeavesTheTextWithoutAValue) {
+TEST(CutLineAfterKey, LeavesATextWithoutAValueUnchanged) {
     for (const char *pText : {"", "k=", "k=abc", "k=\nabc", "k=\rabc", "x=a\n"}) {
         const GuardedCopy text{pText};
         EXPECT_EQ(nullptr, COM_CutLineAfterKey(text.text(), "k="));
@@ -489,7 +437,7 @@ TEST(CutLineAfterKey, LeavesTheTextWithoutAValue) {
 
 // --- XML ---
 
-// The lines that tell addresses, with the addresses taken out.
+// The log lines with every address replaced by "%p".
 Lines WithoutAddresses(Lines lines) {
     for (std::string &line : lines) {
         for (size_t at = line.find("0x"); at != std::string::npos; at = line.find("0x")) {
@@ -500,7 +448,7 @@ Lines WithoutAddresses(Lines lines) {
     return lines;
 }
 
-TEST(GetXMLData, CopiesWhatStandsBetweenTheTags) {
+TEST(GetXMLData, CopiesTheTextBetweenTheTags) {
     CanaryBuf dst{10};
     const char *text = "<r><A>v w</A></r>";
     const char *result = nullptr;
@@ -524,7 +472,7 @@ TEST(GetXMLData, DoesNotFindAStartTagWithAttributes) {
     EXPECT_TRUE(dst.UntouchedFrom(0));
 }
 
-TEST(GetXMLData, SaysThatTheClosingTagIsMissing) {
+TEST(GetXMLData, LogsAMissingClosingTag) {
     CanaryBuf dst{10};
     EXPECT_EQ((Lines{"COMMON:COM_GetXMLData(): No xml tail found!"}), CaptureLog([&] {
                   EXPECT_EQ(nullptr, COM_GetXMLData("<a>v</a", "a", dst.text(), 10));
@@ -532,7 +480,7 @@ TEST(GetXMLData, SaysThatTheClosingTagIsMissing) {
     EXPECT_TRUE(dst.UntouchedFrom(0));
 }
 
-// Behind <A> is position 10 and </a> begins at 2, so the length is 2 - 10 + 1.
+// <A> ends at position 10 and </a> begins at 2, so the length is 2 - 10 + 1.
 TEST(GetXMLData, RefusesAClosingTagBeforeTheOpeningOne) {
     CanaryBuf dst{10};
     strcpy(dst.text(), "before");
@@ -542,8 +490,8 @@ TEST(GetXMLData, RefusesAClosingTagBeforeTheOpeningOne) {
     EXPECT_STREQ("before", dst.text());
 }
 
-// 0 - 7 + 1 bytes; the destination holds no NUL.
-TEST(GetXMLData, ShowsNoMoreOfTheDestinationThanItsSize) {
+// 0 - 7 + 1 bytes; the destination has no NUL.
+TEST(GetXMLData, LogsNoMoreOfTheDestinationThanItsSize) {
     const CanaryBuf dst{4, 'x'};
     EXPECT_EQ((Lines{"COMMON:COM_GetXMLData(): [a] = [xxxx] (-6 bytes)"}),
               CaptureLog([&] { COM_GetXMLData("</a><a>", "a", dst.text(), 4); }));
@@ -551,14 +499,14 @@ TEST(GetXMLData, ShowsNoMoreOfTheDestinationThanItsSize) {
               CaptureLog([&] { COM_GetXMLData("</a><a>", "a", dst.text(), -1); }));
 }
 
-TEST(GetXMLData, TakesTheFirstTagsAndKnowsNoNesting) {
+TEST(GetXMLData, TakesTheFirstTagsAndIgnoresNesting) {
     CanaryBuf dst{30};
     const char *text = "<a>1<a>2</a>3</a><a>4</a>";
     CaptureLog([&] { EXPECT_EQ(text + 3, COM_GetXMLData(text, "a", dst.text(), 30)); });
     EXPECT_STREQ("1<a>2", dst.text());
 }
 
-TEST(GetXMLData, CountsTheNulInTheSize) {
+TEST(GetXMLData, IncludesTheNulInTheSize) {
     for (int size = -1; size <= 6; ++size) {
         for (int length = 0; length <= 7; ++length) {
             const std::string value = std::string{"abcdefgh"}.substr(0, length);
@@ -590,8 +538,9 @@ TEST(GetXMLData, CountsTheNulInTheSize) {
     }
 }
 
-// "</tag>" takes the tag, three characters and the NUL of 256 bytes, "<tag>" one character less.
+// The pattern buffer has 256 bytes. "</tag>" needs four more than the tag, "<tag>" three more.
 TEST(GetXMLData, FindsTagsOfUpTo252Characters) {
+    static_assert(COM_XML_DATA_TAG_MAX == 252);
     for (size_t length = 251; length <= 255; ++length) {
         const std::string tag(length, 't');
         const std::string text = "<" + tag + ">v</" + tag + ">";
@@ -599,7 +548,7 @@ TEST(GetXMLData, FindsTagsOfUpTo252Characters) {
         const char *result = nullptr;
         const Lines log =
             CaptureLog([&] { result = COM_GetXMLData(text.c_str(), tag.c_str(), dst.text(), 4); });
-        EXPECT_EQ(length <= 252 ? text.c_str() + length + 2 : nullptr, result);
+        EXPECT_EQ(length <= COM_XML_DATA_TAG_MAX ? text.c_str() + length + 2 : nullptr, result);
         if (length == 253) {
             EXPECT_EQ((Lines{"COMMON:COM_GetXMLData(): No xml tail found!"}), log);
         } else if (length > 253) {
@@ -618,22 +567,22 @@ TEST(GetXMLAttribute, CopiesTheAttributesWithTheirLeadingBlank) {
     EXPECT_STREQ(" name=\"k\"", dst.text());
 }
 
-// The tag is found by how it begins, and the attributes end at the first ">", be it in quotes.
-TEST(GetXMLAttribute, KnowsNoTagsAndNoQuotes) {
+// A longer tag name matches too, and the attributes end at the first ">", even inside quotes.
+TEST(GetXMLAttribute, DoesNotUnderstandTagsAndQuotes) {
     CanaryBuf dst{20};
     const char *text = "<items a=\"x>y\">";
     EXPECT_EQ(text + 12, COM_GetXMLAttribute(text, "item", dst.text(), 20));
     EXPECT_STREQ("s a=\"x", dst.text());
 }
 
-TEST(GetXMLAttribute, TakesATagWithoutAttributesForAValue) {
+TEST(GetXMLAttribute, AcceptsATagWithoutAttributes) {
     CanaryBuf dst{4};
     const char *text = "<a>";
     EXPECT_EQ(text + 3, COM_GetXMLAttribute(text, "a", dst.text(), 4));
     EXPECT_STREQ("", dst.text());
 }
 
-TEST(GetXMLAttribute, CountsTheNulInTheSize) {
+TEST(GetXMLAttribute, IncludesTheNulInTheSize) {
     for (int size = -1; size <= 6; ++size) {
         for (int length = 0; length <= 7; ++length) {
             const std::string value = std::string{" bcdefgh"}.substr(0, length);
@@ -668,22 +617,23 @@ TEST(GetXMLAttribute, FailsWithoutTagOrBracket) {
 }
 
 TEST(GetXMLAttribute, FindsTagsOfUpTo254Characters) {
+    static_assert(COM_XML_ATTRIBUTE_TAG_MAX == 254);
     for (size_t length = 253; length <= 256; ++length) {
         const std::string tag(length, 't');
         const std::string text = "<" + tag + " a>";
         CanaryBuf dst{4};
-        EXPECT_EQ(length <= 254 ? text.c_str() + text.size() : nullptr,
+        EXPECT_EQ(length <= COM_XML_ATTRIBUTE_TAG_MAX ? text.c_str() + text.size() : nullptr,
                   COM_GetXMLAttribute(text.c_str(), tag.c_str(), dst.text(), 4));
     }
 }
 
-// --- What holds for all of them ---
+// --- Rules of all scraping functions ---
 
-TEST(Scraping, GivesNullForNullWithoutALogLine) {
+TEST(Scraping, ReturnsNullForNullWithoutALogLine) {
     const Getter getters[] = {COM_GetStrInDoubleQuotes, COM_GetStrInSingleQuotes,
                               COM_GetStrBeforeSpace,    COM_GetStrBeforeEOL,
                               COM_GetXMLData,           COM_GetXMLAttribute};
-    // Each getter finds a value for "k" here.
+    // With valid arguments each getter finds a value for "k" here.
     const char *text = "<k a=\"v\" 'w' \n><k>v</k>";
     EXPECT_EQ(Lines{}, CaptureLog([&] {
                   char dst[40];
@@ -703,7 +653,7 @@ TEST(Scraping, GivesNullForNullWithoutALogLine) {
               }));
 }
 
-TEST(Scraping, TakesAnEmptyKeyAsTheStartOfTheText) {
+TEST(Scraping, FindsAnEmptyKeyAtTheStartOfTheText) {
     char dst[10];
     const char *text = "v w\n";
     EXPECT_EQ(text, COM_GetStrBeforeSpace(text, "", dst, 10));
@@ -712,8 +662,8 @@ TEST(Scraping, TakesAnEmptyKeyAsTheStartOfTheText) {
     EXPECT_STREQ("v w", dst);
 }
 
-// A header block cut at each of its bytes: what is found stands whole before the cut, and no byte
-// behind it is read.
+// A header block truncated at every length: a value is found only if it is complete, and no byte
+// after the text is read.
 TEST(Scraping, StaysWithinATextOfAnyLength) {
     const std::string whole =
         "HTTP/1.1 200 OK\r\nKey=\"a b\" 'c' d\r\n<Key x=\"1\"/><Key>v</Key>\r\n";
@@ -789,7 +739,7 @@ TEST(GetTwoNumbers, DoesNotReportASingleNumberAtTheEnd) {
     EXPECT_EQ((Numbers{0, kUnset, kUnset}), Read("abc"));
 }
 
-TEST(GetTwoNumbers, TakesASignThatBeginsANumber) {
+TEST(GetTwoNumbers, AcceptsASignOnlyAtTheStartOfANumber) {
     EXPECT_EQ((Numbers{2, -5, 3}), Read("-5,+3;"));
     EXPECT_EQ((Numbers{2, 5, 3}), Read("5-3;"));
     EXPECT_EQ((Numbers{2, 5, -3}), Read("5--3;"));
@@ -797,8 +747,8 @@ TEST(GetTwoNumbers, TakesASignThatBeginsANumber) {
     EXPECT_EQ((Numbers{2, 0, 5}), Read("+-5;"));
 }
 
-// strtol has no more than 32 bits on the board; what does not fit becomes the nearest that does.
-TEST(GetTwoNumbers, HoldsNumbersAtTheLimitsOf32Bits) {
+// strtol, with its 32 bits on the board, does the same.
+TEST(GetTwoNumbers, ClampsNumbersTo32Bits) {
     EXPECT_EQ((Numbers{2, INT_MAX, INT_MIN}), Read("2147483647 -2147483648 "));
     EXPECT_EQ((Numbers{2, INT_MAX, INT_MIN}), Read("2147483648 -2147483649 "));
     EXPECT_EQ((Numbers{2, INT_MAX, INT_MIN}),
@@ -812,7 +762,7 @@ TEST(GetTwoNumbers, ReadsNumbersOfAnyLength) {
     }
 }
 
-// The rule itself: runs are collected, and the character that ends one belongs to none.
+// The rule, written without tricks: a run is collected, and the character that ends it is dropped.
 Numbers ReadByTheRule(const std::string &text) {
     Numbers n{0, kUnset, kUnset};
     std::string run;
@@ -835,7 +785,7 @@ Numbers ReadByTheRule(const std::string &text) {
     return n;
 }
 
-TEST(GetTwoNumbers, ReadsAsTheRuleDoes) {
+TEST(GetTwoNumbers, ReadsWhatTheRuleReads) {
     std::mt19937 random{6};
     for (int i = 0; i < 5000; ++i) {
         const std::string text = RandomText(random, "0159+-x", random() % 9);
@@ -854,7 +804,7 @@ TEST(GetTwoNumbers, ReadsNothingFromNothing) {
     EXPECT_EQ(kUnset, second);
 }
 
-TEST(GetTwoNumbers, LeavesOutWhatIsNotWanted) {
+TEST(GetTwoNumbers, AcceptsNullForANumber) {
     int number = kUnset;
     EXPECT_EQ(2, COM_GetTwoNumbers("1 2 ", 4, nullptr, &number));
     EXPECT_EQ(2, number);
@@ -882,7 +832,7 @@ std::string Replace(const std::string &text, const char *pOld, const char *pNew)
     return result;
 }
 
-// The rule itself: one occurrence after the other, each search from where the last one was.
+// The rule, written without tricks: one occurrence after the other, each search from the last one.
 std::string ReplaceByTheRule(std::string text, const std::string &old, const std::string &with) {
     for (size_t at = text.find(old); at != std::string::npos; at = text.find(old, at)) {
         text.replace(at, old.size(), with);
@@ -898,7 +848,7 @@ TEST(ReplaceStr, GrowsAndShrinks) {
     EXPECT_EQ("", Replace("---", "-", ""));
 }
 
-TEST(ReplaceStr, KeepsTheBlockWhereItDoesNotGrow) {
+TEST(ReplaceStr, KeepsTheBlockUnlessItGrows) {
     for (const char *pNew : {"", "-", "==", "xx"}) {
         char *buf = strdup("a::b::c");
         EXPECT_EQ(buf, COM_ReplaceStr(buf, "::", pNew));
@@ -910,18 +860,18 @@ TEST(ReplaceStr, KeepsTheBlockWhereItDoesNotGrow) {
     free(buf);
 }
 
-TEST(ReplaceStr, ComparesCase) {
+TEST(ReplaceStr, MatchesCase) {
     EXPECT_EQ("aXA", Replace("abA", "b", "X"));
     EXPECT_EQ("abA", Replace("abA", "B", "X"));
 }
 
 TEST(ReplaceStr, FindsMatchesThatBeginInTheReplacement) {
     EXPECT_EQ("aa", Replace("aabb", "ab", "a"));
-    EXPECT_EQ("ab", Replace("aab", "ab", "b"));  // what lies before the replacement is done with
+    EXPECT_EQ("ab", Replace("aab", "ab", "b"));  // the text before the replacement is finished
     EXPECT_EQ("xxxa", Replace("xaaaaa", "aaa", "xa"));
 }
 
-TEST(ReplaceStr, LeavesTheTextForEmptyOrNull) {
+TEST(ReplaceStr, LeavesTheTextUnchangedForEmptyOrNull) {
     char *buf = strdup("abc");
     EXPECT_EQ(buf, COM_ReplaceStr(buf, "", "x"));
     EXPECT_EQ(buf, COM_ReplaceStr(buf, "", ""));
@@ -945,7 +895,7 @@ TEST(ReplaceStr, ReplacesWhatTheRuleReplaces) {
     }
 }
 
-TEST(ReplaceStr, HandsOutABlockOfTheTextsSize) {
+TEST(ReplaceStr, ReturnsABlockWithoutSpareRoom) {
     std::string text;
     for (int i = 0; i < 10000; ++i) {
         text += "-x";
@@ -953,13 +903,12 @@ TEST(ReplaceStr, HandsOutABlockOfTheTextsSize) {
     char *buf = COM_ReplaceStr(strdup(text.c_str()), "-", "::::");
     EXPECT_EQ(50000u, strlen(buf));
 #if !defined(__SANITIZE_ADDRESS__)
-    EXPECT_LT(malloc_usable_size(buf), 50001u + 64) << "no spare room is left";
+    EXPECT_LT(malloc_usable_size(buf), 50001u + 64) << "has spare room";
 #endif
     free(buf);
 }
 
-// 200,000 occurrences in 400 kB: moving the rest of the text for each would take about 40 GB of
-// moves.
+// 200,000 occurrences in 400 kB: moving the rest of the text for each would move about 40 GB.
 TEST(ReplaceStr, TakesTimeInProportionToTheText) {
     std::string text;
     for (int i = 0; i < 200000; ++i) {
