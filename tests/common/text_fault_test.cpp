@@ -108,8 +108,10 @@ TEST(ReplaceStrFault, WaitsForMemoryWithoutFloodingTheLog) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM);
     ASSERT_GE(log.size(), 2u);
     EXPECT_LE(log.size(), 101u);
-    // 99 characters and the NUL remain.
-    EXPECT_EQ("COMMON:COM_ReplaceStr(): REALLOC(16777316) failed", log[0]);
+    // The C library may still own room for a replacement or two.
+    for (const std::string &line : log) {
+        EXPECT_EQ(0U, line.find("COMMON:COM_ReplaceStr(): REALLOC(")) << line;
+    }
     EXPECT_LT(usage.ru_utime.tv_sec, 1);
     EXPECT_LT(usage.ru_utime.tv_usec, 500000);
 }
