@@ -4,22 +4,28 @@
 /* The unit's storage devices: SCSI requests, discs in optical drives, enumeration, mounts and file
  * systems, identity and health of a disk, the technician's test menu.
  *
- * Conventions that hold for every entry:
+ * Conventions that hold for every entry unless its header says otherwise:
  *
- *   - Results are signed 32-bit integers. The queries of a drive or a disc (scsi.h, optical_disc.h)
- *     return 1 for success and 0 for failure; the other entries 0 for success and -1 or another
- *     negative code. Each entry says which.
- *   - Failures are logged on standard output with the module name DEV and the entry's own name.
- *     Raw dumps (sense bytes, hex dumps, device lists, track details) are written there without a
- *     prefix, in order with the log lines around them.
- *   - A text that stands for a device in a message may be NULL and then counts as empty, unless the
- *     entry says otherwise. Any other pointer that is NULL makes the entry fail, never crash.
- *   - Bytes that a device returns are never trusted for a length: a reply that is shorter than a
- *     field needs gives zero for that field.
- *   - Descriptors of the caller stay open and stay the caller's. A descriptor may not be used by
- *     two threads at once; apart from that, calls may run in several threads unless an entry says
- *     otherwise.
- *   - Sizes named KB count 1024 bytes.
+ *   Results     Signed 32-bit integers: 0 for success, -1 for failure. The queries of a drive or a
+ *               disc return DEV_QUERY_OK (1) or DEV_QUERY_FAILED (0). Every other result has a
+ * name. Log         A failing system call is logged on standard output (common/log.h) with the
+ * module name DEV, the entry's name, the call, its argument and the system's error text. Sense
+ * bytes, hex dumps, device lists and track details are printed there without that prefix, in order
+ * with the log lines around them. errno       Means nothing after a call; the log line has the
+ * reason. NULL        A device path that an entry only writes into log lines may be NULL and then
+ * counts as empty. Any other NULL makes the entry fail and is logged. Outputs     After a failure
+ * an output holds what it held before. Texts       Are NUL-terminated. Sizes are in bytes and count
+ * the NUL. A text that does not fit its buffer is cut, and a warning is logged. KB means 1024
+ * bytes. Ownership   Buffers and records belong to the caller. A descriptor that the caller passes
+ * stays open. Descriptors that an entry opens are closed before it returns, and in programs
+ *               executed meanwhile (O_CLOEXEC).
+ *   Replies     Bytes from a device are never used as a length without a check. A reply is as long
+ *               as the request; a field beyond its end, and bytes that the device did not send,
+ * read as 0. Threads     Calls may run in several threads at once, but two threads must not use one
+ *               descriptor at the same time.
+ *   Cancelling  Cancellation of a thread waits until a call is over.
+ *   Stack       A thread stack of 32 KiB is enough. Entries that need DEV_REPLY_SIZE bytes more say
+ *               so.
  *
  * The headers are plain C11 and can be read by C++. */
 

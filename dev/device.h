@@ -11,14 +11,17 @@
 extern "C" {
 #endif
 
-/* Where a device sits on its bus. The four words together pair a block or optical node with its
- * SCSI generic node (Linux include/scsi/scsi_ioctl.h: SCSI_IOCTL_GET_BUS_NUMBER and
- * SCSI_IOCTL_GET_IDLUN, whose first word packs id, lun and channel from the low byte up). */
+/* Results of the entries that query a drive or a disc (scsi.h, mmc_commands.h, toc.h,
+ * optical_disc.h, optical_capacity.h). */
+enum { DEV_QUERY_FAILED = 0, DEV_QUERY_OK = 1 };
+
+/* Address of a device on its bus. All four words of a block or optical node and of its SCSI generic
+ * node are equal, which pairs the two. */
 typedef struct tScsiAddr {
-    uint32_t host;
-    uint32_t channel;
-    uint32_t id;
-    uint32_t lun;
+    uint32_t host;    /* SCSI_IOCTL_GET_BUS_NUMBER (Linux include/scsi/scsi_ioctl.h) */
+    uint32_t channel; /* SCSI_IOCTL_GET_IDLUN, first word: bits 16 to 23 */
+    uint32_t id;      /* bits 0 to 7 */
+    uint32_t lun;     /* bits 8 to 15 */
 } tScsiAddr;
 
 /* tDiscInfo.discClass */
@@ -49,6 +52,9 @@ enum {
     DEV_RECORD_DUAL_LAYER_JUMP = 6
 };
 
+/* tDiscInfo.cdSubType: write speeds of a CD-R or CD-RW. 3 to 7 are not defined. */
+enum { DEV_CD_NORMAL_SPEED = 0, DEV_CD_HIGH_SPEED = 1, DEV_CD_ULTRA_SPEED = 2 };
+
 /* tDiscInfo.discStatus */
 enum {
     DEV_DISC_EMPTY = 0,
@@ -57,15 +63,15 @@ enum {
     DEV_DISC_RANDOM_ACCESS = 3
 };
 
-/* The medium in an optical drive, as Dev_GetDiscInfo finds it. */
+/* The disc in an optical drive, as Dev_GetDiscInfo finds it. */
 typedef struct tDiscInfo {
     uint32_t discClass;      /* DEV_CLASS_... */
     uint32_t mediaKind;      /* DEV_MEDIA_... */
     uint32_t recordMode;     /* DEV_RECORD_... */
-    uint32_t cdSubType;      /* disc sub-type of a CD's ATIP, 0 to 7 */
+    uint32_t cdSubType;      /* DEV_CD_..., disc sub-type of the ATIP */
     uint32_t discStatus;     /* DEV_DISC_... */
     uint32_t lastTrackStart; /* logical block address of a CD's last track */
-    uint32_t nextLeadIn;     /* position of the next session's lead-in in 2 KB sectors (CD) */
+    uint32_t nextLeadIn;     /* of the next session, in 2 KB sectors (CD) */
     uint32_t lastTrack;      /* last track in the last session */
     uint32_t sessions;       /* number of sessions (CD) */
     uint32_t freeBlocks;     /* of the last track, in 2 KB blocks */
@@ -77,41 +83,46 @@ typedef struct tDiscInfo {
 
 /* Size and file system of a disk, as Dev_GetHDStat measures them. */
 typedef struct tDiskStat {
-    uint32_t fsType;      /* f_type of statfs */
+    uint32_t fsType;      /* f_type of statfs(2): DEV_FS_TYPE_... (file_system.h) */
     uint32_t blockSize;   /* bytes */
     uint32_t freeBlocks;  /* of blockSize bytes */
     uint32_t totalBlocks; /* of blockSize bytes */
     uint64_t totalBytes;  /* blockSize * totalBlocks */
     uint64_t freeBytes;   /* blockSize * freeBlocks */
-    uint64_t deviceBytes; /* of the whole block device, whatever is on it */
+    uint64_t deviceBytes; /* size of the whole block device */
 } tDiskStat;
+
+/* tDevInfo.busType. The enumeration finds no eSATA; it counts as ATA there. */
+enum { DEV_BUS_ATA = 0, DEV_BUS_USB = 1, DEV_BUS_IEEE1394 = 2, DEV_BUS_ESATA = 3 };
+
+#define DEV_MAX_DEVICES 32     /* records of one enumeration, and rows of the map of nodes */
+#define DEV_INFO_MODEL_SIZE 28 /* bytes of the texts of the records below */
+#define DEV_INFO_PATH_SIZE 12
+#define DEV_INFO_MOUNT_SIZE 120
 
 /* One device. The caller zeroes the record before it is filled. */
 typedef struct tDevInfo {
-    char model[28];       /* vendor and product, at most 24 characters and the NUL */
-    tScsiAddr scsiAddr;   /* the key that pairs the nodes */
-    char devPath[12];     /* block, optical or tape node: "/dev/sdb", "/dev/sr0", "/dev/nosst4" */
-    char sgPath[12];      /* paired generic node: "/dev/sg1" */
-    char mountPoint[120]; /* where the device is mounted; empty if it is not */
-    uint8_t ready;        /* 1 if the unit said that it is ready */
-    uint8_t isOptical;    /* 1 optical drive, 0 disk: says which member of u holds */
-    uint8_t busType;      /* 0 ATA, 1 USB, 2 IEEE-1394, 3 eSATA */
-    uint8_t reserved;     /* 0 */
+    char model[DEV_INFO_MODEL_SIZE]; /* vendor and product, as Dev_Inquiry gives them */
+    tScsiAddr scsiAddr;
+    char devPath[DEV_INFO_PATH_SIZE];     /* "/dev/sdb", "/dev/sr0", "/dev/nosst4" */
+    char sgPath[DEV_INFO_PATH_SIZE];      /* paired generic node: "/dev/sg1" */
+    char mountPoint[DEV_INFO_MOUNT_SIZE]; /* empty when the device is not mounted */
+    uint8_t ready;     /* 1: TEST UNIT READY succeeded (scsi.h says what that means) */
+    uint8_t isOptical; /* 1: optical drive, u.disc is valid; 0: disk, u.disk is valid */
+    uint8_t busType;   /* DEV_BUS_... */
+    uint8_t reserved;  /* 0 */
     union {
-        tDiscInfo disc; /* isOptical 1 */
-        tDiskStat disk; /* isOptical 0 */
+        tDiscInfo disc;
+        tDiskStat disk;
     } u;
 } tDevInfo;
 
-/* One SCSI generic node with its key. */
+/* One SCSI generic node. */
 typedef struct tSgMapEntry {
-    char sgPath[12];    /* "/dev/sg0" or "/dev/sga" */
-    uint8_t ready;      /* 1 if the unit said that it is ready */
-    tScsiAddr scsiAddr; /* sixteen 0xFF bytes in a row without a device */
+    char sgPath[DEV_INFO_PATH_SIZE]; /* "/dev/sg0" or "/dev/sga" */
+    uint8_t ready;                   /* 1: TEST UNIT READY succeeded */
+    tScsiAddr scsiAddr;              /* sixteen bytes 0xFF: no such device */
 } tSgMapEntry;
-
-/* Devices of one enumeration, and generic nodes that are looked at. */
-#define DEV_MAX_DEVICES 32
 
 /* The records are the same on 32-bit ARM and on 64-bit hosts. */
 static_assert(sizeof(tScsiAddr) == 16, "tScsiAddr");

@@ -1,4 +1,4 @@
-// The MMC commands that tell what disc is in a drive.
+// The MMC commands that identify the disc in a drive.
 
 #include "dev/mmc_commands.h"
 
@@ -9,12 +9,17 @@
 #include <array>
 #include <span>
 
+#include "base/cancel_guard.h"
 #include "base/heap_buf.h"
 #include "dev/internal/mmc_request.h"
 #include "dev/internal/module_log.h"
 
-namespace talvek {
 namespace {
+
+using talvek::BigEndianReader;
+using talvek::MmcRequest;
+using talvek::ReplyBuf;
+using talvek::WholeLength;
 
 using Cdb10 = std::array<uint8_t, 10>;
 using Cdb12 = std::array<uint8_t, 12>;
@@ -33,6 +38,8 @@ constexpr Cdb10 kReadTrackInfo = {0x52, 0x01, 0, 0, 0, 0x01, 0, 0, kTrackInfoLen
 
 constexpr uint32_t kDvdStructLength = 4;
 constexpr Cdb12 kReadDvdStruct = {0xAD, 0, 0, 0, 0, 0, 0, 0, 0, kDvdStructLength, 0, 0};
+constexpr uint8_t kMediaTypeBd = 1;     // byte 1; 0 is DVD
+constexpr uint8_t kLayerFormat = 0x10;  // byte 7
 
 constexpr uint32_t kFormatCapacityLength = 252;
 constexpr Cdb10 kReadFormatCapacity = {0x23, 0, 0, 0, 0, 0, 0, 0, kFormatCapacityLength, 0};
@@ -40,14 +47,18 @@ constexpr Cdb10 kReadFormatCapacity = {0x23, 0, 0, 0, 0, 0, 0, 0, kFormatCapacit
 constexpr uint32_t kBufferCapacityLength = 12;
 constexpr Cdb10 kReadBufferCapacity = {0x5C, 0, 0, 0, 0, 0, 0, 0, kBufferCapacityLength, 0};
 
-// Every two-byte data length counts the bytes behind itself.
-uint32_t WholeLength(BigEndianReader reply) {
-    return reply.U16(0) + 2U;
+// Lengths of the second request, read from the reply to the first.
+uint32_t DiscInfoLength(BigEndianReader reply) {
+    return std::min(WholeLength(reply), kDiscInfoMaxLength);
 }
 
-uint32_t WholeLengthToTheFull(BigEndianReader reply) {
+uint32_t LengthOrMaximum(BigEndianReader reply) {
     const uint32_t length = WholeLength(reply);
     return length >= 65534 ? MmcRequest::kMaxLength : length;
+}
+
+uint32_t CapacityListLength(BigEndianReader reply) {
+    return reply.U8(3) + 4U;
 }
 
 struct Profile {
@@ -59,9 +70,9 @@ struct Profile {
     const char *message;
 };
 
-// MMC-6, profile list. 0x0011 is told as sequential recording and gets no record mode, and blu-ray
-// discs that can be written are not among the profiles: the unit does not write to them. Held by
-// GetConfiguration.TellsEveryProfile.
+// MMC-6, profile list. Profile 0x0011 is logged as sequential recording but has no record mode.
+// BD-R and BD-RE (0x0041 to 0x0043) are not supported. Tested by GetConfiguration.LogsEveryProfile
+// and GetConfiguration.RejectsEveryOtherProfile.
 constexpr Profile kProfiles[] = {
     {0x0008, false, DEV_CLASS_CD, DEV_MEDIA_READ_ONLY, DEV_RECORD_NONE,
      "It's CD-ROM and CANNOT be used for export!\n"},
@@ -102,10 +113,12 @@ constexpr Profile kProfiles[] = {
 };
 
 const Profile *FindProfile(uint16_t number) {
-    const auto *const found =
-        std::find_if(std::begin(kProfiles), std::end(kProfiles),
-                     [number](const Profile &profile) { return profile.number == number; });
-    return found != std::end(kProfiles) ? found : nullptr;
+    for (const Profile &profile : kProfiles) {
+        if (profile.number == number) {
+            return &profile;
+        }
+    }
+    return nullptr;
 }
 
 constexpr const char *kStatusMessages[] = {
@@ -125,13 +138,19 @@ void LogDiscKind(const tDiscInfo &info, bool erasable) {
            info.recordMode >= DEV_RECORD_DUAL_LAYER ? "DL" : " ");
 }
 
-bool IsDvdWritable(const tDiscInfo &info) {
+bool IsDvdMinusOrPlus(const tDiscInfo &info) {
     return info.discClass == DEV_CLASS_DVD_MINUS || info.discClass == DEV_CLASS_DVD_PLUS;
 }
 
-// CD, DVD-R/RW, DVD+R/RW and BD: the classes that the unit follows from empty to finalized.
+bool IsWritableDvdMinus(const tDiscInfo &info) {
+    return info.discClass == DEV_CLASS_DVD_MINUS &&
+           (info.mediaKind == DEV_MEDIA_WRITE_ONCE || info.mediaKind == DEV_MEDIA_REWRITABLE);
+}
+
+// CD, DVD-R/RW, DVD+R/RW and BD: the classes whose disc status is read.
 bool HasDiscStatus(const tDiscInfo &info) {
-    return info.discClass == DEV_CLASS_CD || IsDvdWritable(info) || info.discClass == DEV_CLASS_BD;
+    return info.discClass == DEV_CLASS_CD || IsDvdMinusOrPlus(info) ||
+           info.discClass == DEV_CLASS_BD;
 }
 
 void ParseDiscInfo(BigEndianReader reply, tDiscInfo &info) {
@@ -163,7 +182,7 @@ void ParseTrackInfo(BigEndianReader reply, tDiscInfo &info) {
     fflush(stdout);
 }
 
-// The nominal capacity of a disc may be a little less than its free blocks say.
+// A blank disc may have more free blocks than its nominal capacity.
 uint64_t UsedKB(const tDiscInfo &info) {
     const uint64_t freeKB = 2ULL * info.freeBlocks;
     switch (info.discStatus) {
@@ -184,15 +203,15 @@ struct NominalKB {
 constexpr NominalKB kDvdMinusKB = {8343424, 1425782, 4595776};
 constexpr NominalKB kDvdPlusKB = {8347648, 1429088, 4590208};
 
-// The layer descriptor stands from byte 4 of the reply on (MMC-6, READ DISC STRUCTURE, physical
-// format information).
+// The layer descriptor begins at byte 4 of the reply (MMC-6, READ DISC STRUCTURE, physical format
+// information).
 void ParseLayerDescriptor(BigEndianReader reply, tDiscInfo &info) {
     LOG_AS("Dev_ReadDvdStruct", "Start Physical Sector Number of Data Area = %06Xh \n",
            reply.U24(9));
     LOG_AS("Dev_ReadDvdStruct", "End Physical Sector Number of Data Area = %06Xh \n",
            reply.U24(13));
     LOG_AS("Dev_ReadDvdStruct", "End Physical Sector Number Layer Zero = %06Xh \n", reply.U24(17));
-    if (!IsDvdWritable(info)) {
+    if (!IsDvdMinusOrPlus(info)) {
         return;
     }
     const NominalKB &nominal = info.discClass == DEV_CLASS_DVD_MINUS ? kDvdMinusKB : kDvdPlusKB;
@@ -205,7 +224,8 @@ void ParseLayerDescriptor(BigEndianReader reply, tDiscInfo &info) {
     }
 }
 
-// Rows of sixteen: bytes, then characters. A last shorter row has no characters.
+// Prints rows of sixteen bytes, each followed by its characters. A shorter last row has no
+// characters.
 void PrintCapacityList(std::span<const uint8_t> list) {
     char text[16 + 1] = "";
     size_t column = 0;
@@ -242,8 +262,9 @@ void ApplyFormattable(BigEndianReader reply, size_t at, uint32_t currentBlocks, 
     if (formatType == kFullFormat && info.discClass == DEV_CLASS_BD) {
         info.totalKB = 2ULL * currentBlocks;
     } else if (formatType == kFullFormat) {
-        // The product has 32 bits and wraps for media over 4 GiB; DVD-RW and DVD+RW bring a
-        // descriptor of their own behind it. Held by ReadFormatCapacity.WrapsTheFullFormatProduct.
+        // The product has 32 bits and wraps for media over 4 GiB. DVD-RW and DVD+RW have a
+        // descriptor of their own after this one. Tested by
+        // ReadFormatCapacity.WrapsTheFullFormatProduct.
         const uint32_t bytes = blocks * reply.U24(at + 5);
         info.totalKB = bytes >> 10;
     } else if (info.mediaKind == DEV_MEDIA_REWRITABLE &&
@@ -253,8 +274,8 @@ void ApplyFormattable(BigEndianReader reply, size_t at, uint32_t currentBlocks, 
     }
 }
 
-// Byte 3 is the length of the capacity list, bytes 4-11 the current or maximum capacity, and from
-// byte 12 on stand the formattable capacities (MMC-6, READ FORMAT CAPACITIES).
+// Byte 3 is the length of the capacity list, bytes 4-11 are the current or maximum capacity. The
+// formattable capacities begin at byte 12 (MMC-6, READ FORMAT CAPACITIES).
 void ParseFormatCapacity(BigEndianReader reply, tDiscInfo &info) {
     const uint8_t listLength = reply.U8(3);
     uint32_t currentBlocks = 0;
@@ -272,125 +293,120 @@ void ParseFormatCapacity(BigEndianReader reply, tDiscInfo &info) {
 }
 
 }  // namespace
-}  // namespace talvek
 
-int Dev_GetConfiguration(const char *devPath, int fd, tDiscInfo *info) {
-    using namespace talvek;
-    if (info == nullptr) {
+int Dev_GetConfiguration(const char *pDevPath, int fd, tDiscInfo *pInfo) {
+    const talvek::CancelGuard guard;
+    if (pInfo == nullptr) {
         LOG("Get Null ptr\n");
-        return 0;
+        return DEV_QUERY_FAILED;
     }
-    const HeapBuf<uint8_t> buf{static_cast<uint8_t *>(malloc(DEV_REPLY_SIZE))};
+    const talvek::HeapBuf<uint8_t> buf{static_cast<uint8_t *>(malloc(DEV_REPLY_SIZE))};
     if (!buf) {
         LOG("reply_buf = NULL\n");
-        return 0;
+        return DEV_QUERY_FAILED;
     }
-    info->discClass = DEV_CLASS_CD;
-    info->mediaKind = DEV_MEDIA_READ_ONLY;
-    info->recordMode = DEV_RECORD_NONE;
+    pInfo->discClass = DEV_CLASS_CD;
+    pInfo->mediaKind = DEV_MEDIA_READ_ONLY;
+    pInfo->recordMode = DEV_RECORD_NONE;
     MmcRequest request{
-        "GET CONFIGURATION", devPath, kGetConfiguration, {buf.get(), DEV_REPLY_SIZE}};
-    if (!request.Issue(fd, kConfigurationLength, true)) {
-        return 0;
+        "GET CONFIGURATION", pDevPath, kGetConfiguration, {buf.get(), DEV_REPLY_SIZE}};
+    if (!request.Issue(fd, kConfigurationLength, DEV_MMC_VERBOSE)) {
+        return DEV_QUERY_FAILED;
     }
     const uint16_t number = request.reply().U16(6);
-    const Profile *profile = FindProfile(number);
-    if (profile == nullptr) {
+    const Profile *pProfile = FindProfile(number);
+    if (pProfile == nullptr) {
         LOG("Disc type(0x%04X) unreconfized and unsupported!\n", number);
-        return 0;
+        return DEV_QUERY_FAILED;
     }
-    LOG("%s", profile->message);
-    info->discClass = profile->discClass;
-    info->mediaKind = profile->mediaKind;
-    info->recordMode = profile->recordMode;
-    return profile->supported ? 1 : 0;
+    LOG("%s", pProfile->message);
+    pInfo->discClass = pProfile->discClass;
+    pInfo->mediaKind = pProfile->mediaKind;
+    pInfo->recordMode = pProfile->recordMode;
+    return pProfile->supported ? DEV_QUERY_OK : DEV_QUERY_FAILED;
 }
 
-int Dev_ReadDiscInfo(const char *devPath, int fd, tDiscInfo *info) {
-    using namespace talvek;
-    if (info == nullptr) {
+int Dev_ReadDiscInfo(const char *pDevPath, int fd, tDiscInfo *pInfo) {
+    const talvek::CancelGuard guard;
+    if (pInfo == nullptr) {
         LOG("Get Null ptr\n");
-        return 0;
+        return DEV_QUERY_FAILED;
     }
     ReplyBuf buf;
-    MmcRequest request{"READ DISC INFORMATION", devPath, kReadDiscInfo, buf};
-    if (!request.IssueLearning(fd, kDiscInfoLength, [](BigEndianReader reply) {
-            return std::min(WholeLength(reply), kDiscInfoMaxLength);
-        })) {
-        return 0;
+    MmcRequest request{"READ DISC INFORMATION", pDevPath, kReadDiscInfo, buf};
+    if (!request.IssueTwice(fd, kDiscInfoLength, DiscInfoLength)) {
+        return DEV_QUERY_FAILED;
     }
-    ParseDiscInfo(request.reply(), *info);
-    return 1;
+    ParseDiscInfo(request.reply(), *pInfo);
+    return DEV_QUERY_OK;
 }
 
-int Dev_ReadTrackInfo(const char *devPath, int fd, tDiscInfo *info) {
-    using namespace talvek;
-    if (info == nullptr) {
+int Dev_ReadTrackInfo(const char *pDevPath, int fd, tDiscInfo *pInfo) {
+    const talvek::CancelGuard guard;
+    if (pInfo == nullptr) {
         LOG("Get Null ptr\n");
-        return 0;
+        return DEV_QUERY_FAILED;
     }
     ReplyBuf buf;
-    MmcRequest request{"READ TRACK INFORMATION", devPath, kReadTrackInfo, buf};
-    request.PatchU32(2, info->lastTrack);
-    if (!request.IssueLearning(fd, kTrackInfoLength, WholeLengthToTheFull)) {
-        return 0;
+    MmcRequest request{"READ TRACK INFORMATION", pDevPath, kReadTrackInfo, buf};
+    request.PatchU32(2, pInfo->lastTrack);
+    if (!request.IssueTwice(fd, kTrackInfoLength, LengthOrMaximum)) {
+        return DEV_QUERY_FAILED;
     }
-    ParseTrackInfo(request.reply(), *info);
-    if (HasDiscStatus(*info)) {
-        info->usedKB = UsedKB(*info);
+    ParseTrackInfo(request.reply(), *pInfo);
+    if (HasDiscStatus(*pInfo)) {
+        pInfo->usedKB = UsedKB(*pInfo);
     }
-    return 1;
+    return DEV_QUERY_OK;
 }
 
-int Dev_ReadDvdStruct(const char *devPath, int fd, tDiscInfo *info) {
-    using namespace talvek;
-    if (info == nullptr) {
+int Dev_ReadDvdStruct(const char *pDevPath, int fd, tDiscInfo *pInfo) {
+    const talvek::CancelGuard guard;
+    if (pInfo == nullptr) {
         LOG("Get Null ptr\n");
-        return 0;
+        return DEV_QUERY_FAILED;
     }
     ReplyBuf buf;
-    MmcRequest request{"READ DVD STRUCTURE", devPath, kReadDvdStruct, buf};
-    const bool dvdMinusWritable =
-        info->discClass == DEV_CLASS_DVD_MINUS &&
-        (info->mediaKind == DEV_MEDIA_WRITE_ONCE || info->mediaKind == DEV_MEDIA_REWRITABLE);
-    if (dvdMinusWritable || info->discClass == DEV_CLASS_BD) {
-        request.Patch(1, info->discClass == DEV_CLASS_BD ? 1 : 0);
-        request.Patch(7, 0x10);
+    MmcRequest request{"READ DVD STRUCTURE", pDevPath, kReadDvdStruct, buf};
+    if (IsWritableDvdMinus(*pInfo)) {
+        request.Patch(7, kLayerFormat);
+    } else if (pInfo->discClass == DEV_CLASS_BD) {
+        request.Patch(1, kMediaTypeBd);
+        request.Patch(7, kLayerFormat);
     }
-    if (!request.IssueLearning(fd, kDvdStructLength, WholeLengthToTheFull)) {
-        return 0;
+    if (!request.IssueTwice(fd, kDvdStructLength, LengthOrMaximum)) {
+        return DEV_QUERY_FAILED;
     }
-    ParseLayerDescriptor(request.reply(), *info);
-    return 1;
+    ParseLayerDescriptor(request.reply(), *pInfo);
+    return DEV_QUERY_OK;
 }
 
-int Dev_ReadFormatCapacity(const char *devPath, int fd, tDiscInfo *info) {
-    using namespace talvek;
-    if (info == nullptr) {
+int Dev_ReadFormatCapacity(const char *pDevPath, int fd, tDiscInfo *pInfo) {
+    const talvek::CancelGuard guard;
+    if (pInfo == nullptr) {
         LOG("Get Null ptr\n");
-        return 0;
+        return DEV_QUERY_FAILED;
     }
     ReplyBuf buf;
-    MmcRequest request{"READ FORMAT CAPACITY", devPath, kReadFormatCapacity, buf};
-    if (!request.IssueLearning(fd, kFormatCapacityLength,
-                               [](BigEndianReader reply) { return reply.U8(3) + 4U; })) {
-        return 0;
+    MmcRequest request{"READ FORMAT CAPACITY", pDevPath, kReadFormatCapacity, buf};
+    if (!request.IssueTwice(fd, kFormatCapacityLength, CapacityListLength)) {
+        return DEV_QUERY_FAILED;
     }
     BigEndianReader reply = request.reply();
     const uint8_t listLength = reply.U8(3);
-    LOG("(%s) : reply_buf_len = %d\n", devPath != nullptr ? devPath : "", listLength);
+    LOG("(%s) : reply_buf_len = %d\n", pDevPath != nullptr ? pDevPath : "", listLength);
     PrintCapacityList(reply.Sub(4, listLength));
     fflush(stdout);
-    ParseFormatCapacity(reply, *info);
-    return 1;
+    ParseFormatCapacity(reply, *pInfo);
+    return DEV_QUERY_OK;
 }
 
-int Dev_ReadBufferCapacity(const char *devPath, int fd) {
-    using namespace talvek;
+int Dev_ReadBufferCapacity(const char *pDevPath, int fd) {
+    const talvek::CancelGuard guard;
     ReplyBuf buf;
-    MmcRequest request{"READ BUFFER CAPACITY", devPath, kReadBufferCapacity, buf};
+    MmcRequest request{"READ BUFFER CAPACITY", pDevPath, kReadBufferCapacity, buf};
     if (!request.Issue(fd, kBufferCapacityLength)) {
-        return 0;
+        return DEV_QUERY_FAILED;
     }
     constexpr uint32_t kMiB = 0x100000;
     const uint32_t size = request.reply().U32(4);
@@ -399,5 +415,5 @@ int Dev_ReadBufferCapacity(const char *devPath, int fd) {
     } else {
         LOG("buffer_size = ???\n");
     }
-    return 1;
+    return DEV_QUERY_OK;
 }

@@ -1,19 +1,19 @@
 #ifndef TALVEK_DEV_MMC_COMMANDS_H
 #define TALVEK_DEV_MMC_COMMANDS_H
 
-/* The MMC commands that tell what disc is in a drive, each as in MMC-6. READ DVD STRUCTURE and READ
+/* The MMC commands that identify the disc in a drive, each as in MMC-6. READ DVD STRUCTURE and READ
  * FORMAT CAPACITY are called READ DISC STRUCTURE and READ FORMAT CAPACITIES there.
  *
  * For every entry:
  *
- *   devPath  for the log lines
- *   fd       the drive (scsi.h)
- *   info     the disc's descriptor. discClass, mediaKind and recordMode are set by
- *            Dev_GetConfiguration and decide how the other replies are read.
+ *   pDevPath  for the log lines
+ *   fd        the drive (scsi.h)
+ *   pInfo     the disc's descriptor. discClass, mediaKind and recordMode come from
+ *             Dev_GetConfiguration and decide how the other replies are read.
  *
- * Results are 1 for success and 0 for failure, when info keeps what it held. Commands that learn
- * the length of their reply are sent twice; either may fail. A call takes 64 KiB of stack for the
- * reply. */
+ * Results are DEV_QUERY_OK and DEV_QUERY_FAILED. A command with a reply of variable length is sent
+ * twice, first for the length, and fails when either request fails. A call needs DEV_REPLY_SIZE
+ * bytes of stack more than other entries. */
 
 #include "device.h"
 
@@ -21,38 +21,41 @@
 extern "C" {
 #endif
 
-/* GET CONFIGURATION: discClass, mediaKind and recordMode by the current profile. The drive's reply
- * is shown as a hex dump.
+/* GET CONFIGURATION: discClass, mediaKind and recordMode from the current profile. A hex dump of
+ * the drive's reply is printed.
  *
- * Returns 1 for a supported profile. The result is 0 for a profile that is not, and the three
- * fields are filled in all the same; they are 1, 1 and 0 when the profile is unknown or the command
- * fails, and as before when there is no memory. */
-int Dev_GetConfiguration(const char *devPath, int fd, tDiscInfo *info);
+ * Returns DEV_QUERY_OK for a supported profile. For a known profile that is not supported the three
+ * fields are set too. For an unknown profile and after a failed command they are DEV_CLASS_CD,
+ * DEV_MEDIA_READ_ONLY and DEV_RECORD_NONE. Without memory they are unchanged. Needs no additional
+ * stack. */
+int Dev_GetConfiguration(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
-/* READ DISC INFORMATION: discStatus for CD, DVD-R/RW, DVD+R/RW and BD; sessions for CD,
- * lastTrack for the others. Other classes are left as they are. */
-int Dev_ReadDiscInfo(const char *devPath, int fd, tDiscInfo *info);
+/* READ DISC INFORMATION: discStatus of a CD, DVD-R/RW, DVD+R/RW or BD; sessions of a CD, lastTrack
+ * of the others. Other classes are unchanged. */
+int Dev_ReadDiscInfo(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
-/* READ TRACK INFORMATION of lastTrack: freeBlocks and trackSize, and usedKB from discStatus:
- * totalKB less what is free on an incomplete disc (0 when more is free than totalKB), totalKB on a
- * finalized one, otherwise 0. DVD-ROM, DVD-RAM and DDCD keep their usedKB. */
-int Dev_ReadTrackInfo(const char *devPath, int fd, tDiscInfo *info);
+/* READ TRACK INFORMATION of track lastTrack: freeBlocks and trackSize, which are printed with the
+ * track's addresses, and usedKB by discStatus: totalKB less the free blocks on an incomplete disc
+ * (0 when more than totalKB is free), totalKB on a finalized disc, otherwise 0. usedKB of a
+ * DVD-ROM, DVD-RAM or DDCD is unchanged. */
+int Dev_ReadTrackInfo(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
-/* READ DVD STRUCTURE, physical format: totalKB of a DVD-R/RW or DVD+R/RW, one of the nominal
- * capacities by layers and diameter. Other classes keep their totalKB. */
-int Dev_ReadDvdStruct(const char *devPath, int fd, tDiscInfo *info);
+/* READ DVD STRUCTURE, physical format: totalKB of a DVD-R/RW or DVD+R/RW, a nominal capacity chosen
+ * by layers and diameter. totalKB of other classes is unchanged. */
+int Dev_ReadDvdStruct(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
-/* READ FORMAT CAPACITY: totalKB from the formattable capacity descriptors, of which the last that
- * applies counts.
+/* READ FORMAT CAPACITY: totalKB from the formattable capacity descriptors. If several apply, the
+ * last one counts:
  *
- *   full format (00h)      BD: twice the blocks of the current capacity. Others: blocks times block
- *                          length as a 32-bit product, which wraps from 4 GiB on
- *   DVD+RW (26h), DVD-RW (10h)  twice the blocks, if the disc is a rewritable one of that family */
-int Dev_ReadFormatCapacity(const char *devPath, int fd, tDiscInfo *info);
+ *   full format (00h)  on a BD: twice the blocks of the current capacity. On other discs: blocks
+ *                      times block length as a 32-bit product, which wraps from 4 GiB on.
+ *   DVD+RW (26h)       twice the blocks, on a rewritable DVD+
+ *   DVD-RW (10h)       twice the blocks, on a rewritable DVD- */
+int Dev_ReadFormatCapacity(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
-/* READ BUFFER CAPACITY: logs the size of the drive's buffer, in whole MiB, when it is more
- * than one. */
-int Dev_ReadBufferCapacity(const char *devPath, int fd);
+/* READ BUFFER CAPACITY: logs the size of the drive's buffer, rounded up to whole MiB, when it is
+ * more than one MiB. */
+int Dev_ReadBufferCapacity(const char *pDevPath, int fd);
 
 #ifdef __cplusplus
 }

@@ -2,84 +2,80 @@
 
 #include "dev/optical_capacity.h"
 
-#include <errno.h>
-#include <string.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/vfs.h>
-#include <time.h>
 
+#include "base/cancel_guard.h"
 #include "base/scope_exit.h"
-#include "common/command.h"
 #include "common/file.h"
+#include "dev/file_system.h"
 #include "dev/internal/module_log.h"
+#include "dev/internal/pause.h"
 #include "dev/mount.h"
 
-namespace talvek {
 namespace {
 
-constexpr unsigned kIso9660 = 7;  // its row in the file-system table
 constexpr mode_t kDirMode = 0755;
-constexpr timespec kPause = {1, 0};
-constexpr int kPauseRounds = 1000;
 
-// One kind of disc: the entry that measures it and the directory it is mounted on.
+// One kind of disc: the entry that measures it and the directory that it is mounted on.
 struct Measurement {
-    const char *entry;
+    const char *function;
     const char *dir;
 };
 
 bool MeasureMounted(const Measurement &what, tDevInfo &dev) {
     struct statfs fs = {};
     if (statfs(what.dir, &fs) != 0) {
-        LOG_ERRNO_AS(what.entry, "statfs(%s,%s) error : %s\n", dev.devPath, what.dir);
+        LOG_ERRNO_AS(what.function, "statfs(%s,%s) error : %s\n", dev.devPath, what.dir);
         return false;
     }
     // The size of the file system counts, not its used blocks.
-    // Held by RewritableCapacity.CountsTheWholeFileSystem.
+    // Tested by RewritableCapacity.CountsTheWholeFileSystem.
     dev.u.disc.usedKB = (static_cast<uint64_t>(fs.f_bsize) * fs.f_blocks) >> 10;
-    LOG_AS(what.entry, "(%s) : used_capacity = %llu\n", dev.devPath,
+    LOG_AS(what.function, "(%s) : used_capacity = %llu\n", dev.devPath,
            static_cast<unsigned long long>(dev.u.disc.usedKB));
     return true;
 }
 
 bool MountAndMeasure(const Measurement &what, tDevInfo &dev) {
-    if (Dev_Mount(dev.devPath, what.dir, kIso9660) != 0) {
-        LOG_ERRNO_AS(what.entry, "Dev_Mount(%s, %s) error : %s\n", dev.devPath, what.dir);
+    if (Dev_Mount(dev.devPath, what.dir, DEV_FS_ISO9660) != 0) {
+        LOG_ERRNO_AS(what.function, "Dev_Mount(%s, %s) error : %s\n", dev.devPath, what.dir);
         return false;
     }
     bool done = false;
     {
-        const ScopeExit unmount{[&what] { Dev_uMount(what.dir); }};
+        const talvek::ScopeExit unmount{[&what] { Dev_uMount(what.dir); }};
         done = MeasureMounted(what, dev);
     }
-    COM_SleepAtLeast(&kPause, kPauseRounds);
+    talvek::PauseSecond();
     return done;
 }
 
 int Measure(const Measurement &what, tDevInfo *pDev) {
+    const talvek::CancelGuard guard;
     if (pDev == nullptr) {
-        LOG_AS(what.entry, "Get Null ptr\n");
-        return 0;
+        LOG_AS(what.function, "Get Null ptr\n");
+        return DEV_QUERY_FAILED;
     }
     if (COM_Mkdir(what.dir, kDirMode) != 0) {
-        LOG_ERRNO_AS(what.entry, "COM_Mkdir(%s) error : %s\n", what.dir);
-        return 0;
+        LOG_ERRNO_AS(what.function, "COM_Mkdir(%s) error : %s\n", what.dir);
+        return DEV_QUERY_FAILED;
     }
     umount(what.dir);
-    return MountAndMeasure(what, *pDev) ? 1 : 0;
+    return MountAndMeasure(what, *pDev) ? DEV_QUERY_OK : DEV_QUERY_FAILED;
 }
 
 }  // namespace
-}  // namespace talvek
 
-int Dev_GetDvdPlusRwInfo(tDevInfo *dev) {
-    return talvek::Measure({__func__, "/var/dvd_plus_rw"}, dev);
+int Dev_GetDvdPlusRwInfo(tDevInfo *pDev) {
+    return Measure({__func__, "/var/dvd_plus_rw"}, pDev);
 }
 
-int Dev_GetDvdMinusRwInfo(tDevInfo *dev) {
-    return talvek::Measure({__func__, "/var/dvd_minus_rw"}, dev);
+int Dev_GetDvdMinusRwInfo(tDevInfo *pDev) {
+    return Measure({__func__, "/var/dvd_minus_rw"}, pDev);
 }
 
-int Dev_GetBDReInfo(tDevInfo *dev) {
-    return talvek::Measure({__func__, "/var/bd_re"}, dev);
+int Dev_GetBDReInfo(tDevInfo *pDev) {
+    return Measure({__func__, "/var/bd_re"}, pDev);
 }

@@ -1,15 +1,15 @@
 #ifndef TALVEK_DEV_OPTICAL_CAPACITY_H
 #define TALVEK_DEV_OPTICAL_CAPACITY_H
 
-/* Used capacity of a rewritable disc: the size of the file system that it carries.
+/* Used capacity of a rewritable disc: the size of the file system on it.
  *
- * Each entry mounts the record's devPath as ISO 9660, reading only, on a directory of its own
- * below /var (which is made, and unmounted first if something is left there), sets u.disc.usedKB
- * from f_bsize * f_blocks of statfs, unmounts, and gives the drive a second before it returns.
+ * Each entry mounts pDev->devPath read-only as ISO 9660 on a directory of its own below /var, sets
+ * u.disc.usedKB from f_bsize * f_blocks of statfs(2), unmounts, and gives the drive one second. The
+ * directory is made if it does not exist, and anything mounted on it before is unmounted.
  *
- * Returns 1, or 0 with usedKB as it was: no record, no directory, no mount (a disc without an
- * ISO 9660 file system), no statfs. Two threads may not measure the same kind of disc at once,
- * since they would share the directory. */
+ * Returns DEV_QUERY_OK, or DEV_QUERY_FAILED with usedKB unchanged: no record, no directory, no
+ * mount (a disc without an ISO 9660 file system), no statfs. Two threads must not measure the same
+ * kind of disc at the same time, since they would use the same directory. */
 
 #include "device.h"
 
@@ -17,9 +17,9 @@
 extern "C" {
 #endif
 
-int Dev_GetDvdPlusRwInfo(tDevInfo *dev);  /* on /var/dvd_plus_rw */
-int Dev_GetDvdMinusRwInfo(tDevInfo *dev); /* on /var/dvd_minus_rw */
-int Dev_GetBDReInfo(tDevInfo *dev);       /* on /var/bd_re */
+int Dev_GetDvdPlusRwInfo(tDevInfo *pDev);  /* on /var/dvd_plus_rw */
+int Dev_GetDvdMinusRwInfo(tDevInfo *pDev); /* on /var/dvd_minus_rw */
+int Dev_GetBDReInfo(tDevInfo *pDev);       /* on /var/bd_re */
 
 #ifdef __cplusplus
 }

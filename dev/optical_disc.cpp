@@ -1,11 +1,11 @@
-// What disc is in a drive: the sequences of commands for each class of medium.
+// Which disc is in a drive: the sequence of commands for each class of disc.
 
 #include "dev/optical_disc.h"
 
-#include <errno.h>
 #include <fcntl.h>
-#include <string.h>
 
+#include "base/cancel_guard.h"
+#include "base/path.h"
 #include "base/unique_fd.h"
 #include "dev/internal/module_log.h"
 #include "dev/mmc_commands.h"
@@ -13,33 +13,28 @@
 #include "dev/scsi.h"
 #include "dev/toc.h"
 
-namespace talvek {
 namespace {
 
-constexpr int kNotOptical = 2;
-constexpr int kNotReady = -129;
-constexpr int kUnknownDisc = -130;
-
-// DVD-R and DVD+R tell their capacity by structure, the rewritable ones by format.
+// DVD-R and DVD+R report their capacity as a structure, rewritable discs as a format.
 void IdentifyDvd(const char *pDevPath, int fd, tDiscInfo &info) {
-    if (Dev_ReadDiscInfo(pDevPath, fd, &info) != 1) {
+    if (Dev_ReadDiscInfo(pDevPath, fd, &info) != DEV_QUERY_OK) {
         return;
     }
-    int found = 0;
+    int found = DEV_QUERY_FAILED;
     if (info.mediaKind == DEV_MEDIA_WRITE_ONCE) {
         found = Dev_ReadDvdStruct(pDevPath, fd, &info);
     } else if (info.mediaKind == DEV_MEDIA_REWRITABLE) {
         found = Dev_ReadFormatCapacity(pDevPath, fd, &info);
     }
-    if (found == 1) {
+    if (found == DEV_QUERY_OK) {
         Dev_ReadTrackInfo(pDevPath, fd, &info);
     }
 }
 
-// BD-R and BD-RE have no accepted profile, so a disc that gets here is a BD-ROM and ends behind the
-// disc information. Held by Identification.AsksABdRomForDiscInformationOnly.
+// BD-R and BD-RE have no supported profile, so the disc is a BD-ROM and only its disc information
+// is read. Tested by Identification.AsksABdRomForDiscInformationOnly.
 void IdentifyBd(const char *pDevPath, int fd, tDiscInfo &info) {
-    if (Dev_ReadDiscInfo(pDevPath, fd, &info) != 1 ||
+    if (Dev_ReadDiscInfo(pDevPath, fd, &info) != DEV_QUERY_OK ||
         (info.mediaKind != DEV_MEDIA_WRITE_ONCE && info.mediaKind != DEV_MEDIA_REWRITABLE)) {
         return;
     }
@@ -86,66 +81,65 @@ void IdentifyByClass(tDevInfo &dev, int fd) {
 }
 
 }  // namespace
-}  // namespace talvek
 
-int Dev_GetDiscInfo(tDevInfo *dev) {
-    using namespace talvek;
-    if (dev == nullptr) {
+int Dev_GetDiscInfo(tDevInfo *pDev) {
+    const talvek::CancelGuard guard;
+    if (pDev == nullptr) {
         LOG("Get Null ptr\n");
-        return 1;
+        return DEV_DISC_INFO_NO_RECORD;
     }
-    if (dev->isOptical == 0) {
-        LOG("%s is HDD type\n", dev->devPath);
-        return kNotOptical;
+    if (pDev->isOptical == 0) {
+        LOG("%s is HDD type\n", pDev->devPath);
+        return DEV_DISC_INFO_NOT_OPTICAL;
     }
-    const UniqueFd fd{open(dev->sgPath, O_RDWR | O_NONBLOCK | O_CLOEXEC)};
+    const talvek::UniqueFd fd{talvek::OpenPath(pDev->sgPath, O_RDWR | O_NONBLOCK)};
     if (!fd) {
-        LOG_ERRNO("open(%s/%s) fail : %s\n", dev->devPath, dev->sgPath);
-        return -1;
+        LOG_ERRNO("open(%s/%s) fail : %s\n", pDev->devPath, pDev->sgPath);
+        return DEV_DISC_INFO_OPEN_FAILED;
     }
-    dev->u.disc = {};
-    dev->ready = static_cast<uint8_t>(Dev_TestUnitReady(dev->devPath, fd.get()));
-    if (dev->ready == 0) {
-        return kNotReady;
+    pDev->u.disc = {};
+    pDev->ready = Dev_TestUnitReady(pDev->devPath, fd.get()) == DEV_QUERY_OK ? 1 : 0;
+    if (pDev->ready == 0) {
+        return DEV_DISC_INFO_NOT_READY;
     }
-    // The inquiry is for the log; the record has its model since the enumeration.
-    Dev_Inquiry(dev->devPath, fd.get(), nullptr);
-    if (Dev_GetConfiguration(dev->devPath, fd.get(), &dev->u.disc) == 0) {
-        LOG("(%s,%s) : Unknown/Unsupport CD/DVD Specs\n", dev->devPath, dev->sgPath);
-        return kUnknownDisc;
+    // The inquiry is for the log; the enumeration has already stored the model.
+    Dev_Inquiry(pDev->devPath, fd.get(), nullptr);
+    if (Dev_GetConfiguration(pDev->devPath, fd.get(), &pDev->u.disc) != DEV_QUERY_OK) {
+        LOG("(%s,%s) : Unknown/Unsupport CD/DVD Specs\n", pDev->devPath, pDev->sgPath);
+        return DEV_DISC_INFO_UNSUPPORTED;
     }
-    IdentifyByClass(*dev, fd.get());
-    return 0;
+    IdentifyByClass(*pDev, fd.get());
+    return DEV_DISC_INFO_OK;
 }
 
-int Dev_GetCdInfo(const char *devPath, int fd, tDiscInfo *info) {
-    using namespace talvek;
-    if (info == nullptr) {
+int Dev_GetCdInfo(const char *pDevPath, int fd, tDiscInfo *pInfo) {
+    const talvek::CancelGuard guard;
+    if (pInfo == nullptr) {
         LOG("Get Null ptr\n");
-        return 0;
+        return DEV_QUERY_FAILED;
     }
-    const char *pShown = devPath != nullptr ? devPath : "";
-    if (Dev_ReadCdATIP(devPath, fd, info) != 1) {
+    const char *pShown = pDevPath != nullptr ? pDevPath : "";
+    if (Dev_ReadCdATIP(pDevPath, fd, pInfo) != DEV_QUERY_OK) {
         LOG("(%s) : Read CD ATIP error\n", pShown);
-        return 0;
+        return DEV_QUERY_FAILED;
     }
-    if (Dev_ReadDiscInfo(devPath, fd, info) != 1) {
+    if (Dev_ReadDiscInfo(pDevPath, fd, pInfo) != DEV_QUERY_OK) {
         LOG("(%s) : Read CD DISC INFORMATION error\n", pShown);
-        return 0;
+        return DEV_QUERY_FAILED;
     }
-    switch (info->discStatus) {
+    switch (pInfo->discStatus) {
         case DEV_DISC_INCOMPLETE:
-            if (Dev_ReadCdToc(devPath, fd, info) != 1) {
+            if (Dev_ReadCdToc(pDevPath, fd, pInfo) != DEV_QUERY_OK) {
                 LOG("(%s) : Read CD TOC error\n", pShown);
             }
-            info->usedKB = 2ULL * info->nextLeadIn;
+            pInfo->usedKB = 2ULL * pInfo->nextLeadIn;
             break;
         case DEV_DISC_FINALIZED:
-            info->usedKB = info->totalKB;
+            pInfo->usedKB = pInfo->totalKB;
             break;
         default:
-            info->usedKB = 0;
+            pInfo->usedKB = 0;
             break;
     }
-    return 1;
+    return DEV_QUERY_OK;
 }

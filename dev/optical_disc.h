@@ -1,7 +1,7 @@
 #ifndef TALVEK_DEV_OPTICAL_DISC_H
 #define TALVEK_DEV_OPTICAL_DISC_H
 
-/* What disc is in a drive, in what state it is and how much of it is used. */
+/* Which disc is in a drive, in what state it is and how much of it is used. */
 
 #include "device.h"
 
@@ -9,33 +9,42 @@
 extern "C" {
 #endif
 
-/* Identifies the disc in one drive of an enumeration. Takes 64 KiB of stack.
- *
- *   dev  isOptical, sgPath (the node that is opened) and devPath (for the log lines, and mounted to
- *        measure a rewritable DVD) say which; ready and u.disc are filled in
- *
- * Returns
- *      0  done; what the drive did not tell is 0 in u.disc
- *      1  dev is NULL
- *      2  the record is not that of an optical drive
- *     -1  the node cannot be opened
- *   -129  the drive is not ready (no disc, tray open); takes three seconds
- *   -130  the disc's profile is not supported (mmc_commands.h), or the drive does not tell it
- * The record is untouched by the results 1, 2 and -1. */
-int Dev_GetDiscInfo(tDevInfo *dev);
+/* Results of Dev_GetDiscInfo. */
+enum {
+    DEV_DISC_INFO_OK = 0,             /* what the drive did not report is 0 in u.disc */
+    DEV_DISC_INFO_NO_RECORD = 1,      /* pDev is NULL */
+    DEV_DISC_INFO_NOT_OPTICAL = 2,    /* isOptical is 0 */
+    DEV_DISC_INFO_OPEN_FAILED = -1,   /* sgPath cannot be opened */
+    DEV_DISC_INFO_NOT_READY = -129,   /* no disc, or the tray is open */
+    DEV_DISC_INFO_UNSUPPORTED = -130, /* unsupported profile (mmc_commands.h), or none reported */
+};
 
-/* The whole sequence for a CD: ATIP, disc information, and for a disc that is still open the table
- * of contents. usedKB is what lies before the next session's lead-in on an incomplete disc (twice
- * the nextLeadIn that info had when the table cannot be read), totalKB on a finalized one,
- * otherwise 0.
+/* Identifies the disc in one drive of an enumeration.
  *
- *   devPath  for the log lines
- *   fd       the drive (scsi.h)
- *   info     the descriptor with discClass 1
+ *   pDev  isOptical, sgPath (the node that is opened) and devPath (for the log lines, and mounted
+ * to measure a rewritable DVD) are read; ready and u.disc are set
  *
- * Returns 1, or 0 when ATIP or disc information cannot be read; info then holds what was found
- * before, and usedKB as it was. */
-int Dev_GetCdInfo(const char *devPath, int fd, tDiscInfo *info);
+ * A drive that is not ready takes three seconds. A drive that does not answer counts as ready
+ * (Dev_ExecMMC, scsi.h): the result is DEV_DISC_INFO_UNSUPPORTED after three requests, each of
+ * which takes DEV_MMC_TIMEOUT_MS and the kernel's attempts to recover the drive, so more than a
+ * minute. No call sends more than eleven requests.
+ *
+ * The record is unchanged by DEV_DISC_INFO_NOT_OPTICAL and DEV_DISC_INFO_OPEN_FAILED. Needs
+ * DEV_REPLY_SIZE bytes of stack more than other entries. */
+int Dev_GetDiscInfo(tDevInfo *pDev);
+
+/* All commands for a CD: ATIP, disc information, and the table of contents of an incomplete disc.
+ * usedKB is what lies before the next session's lead-in on an incomplete disc (twice the nextLeadIn
+ * that pInfo had when the table cannot be read), totalKB on a finalized one, otherwise 0.
+ *
+ *   pDevPath  for the log lines
+ *   fd        the drive (scsi.h)
+ *   pInfo     the descriptor, with discClass DEV_CLASS_CD
+ *
+ * Returns DEV_QUERY_OK, or DEV_QUERY_FAILED when ATIP or disc information cannot be read; pInfo
+ * then holds what was read before, and usedKB is unchanged. Needs DEV_REPLY_SIZE bytes of stack
+ * more than other entries. */
+int Dev_GetCdInfo(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
 #ifdef __cplusplus
 }

@@ -2,10 +2,8 @@
 
 #include "dev/scsi.h"
 
-#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -13,14 +11,19 @@
 #include <span>
 
 #include "base/byte_reader.h"
+#include "base/cancel_guard.h"
+#include "base/characters.h"
 #include "base/heap_buf.h"
-#include "common/command.h"
 #include "dev/internal/mmc_request.h"
 #include "dev/internal/module_log.h"
+#include "dev/internal/pause.h"
 
-namespace talvek {
 namespace {
 
+using talvek::BigEndianReader;
+using talvek::MmcRequest;
+
+constexpr const char *kExec = "Dev_ExecMMC";
 constexpr int kOldestDriver = 30000;  // sg 3.0, the first with SG_IO
 
 struct Sense {
@@ -30,7 +33,7 @@ struct Sense {
     [[nodiscard]] bool Empty() const { return key == 0 && asc == 0 && ascq == 0; }
 };
 
-// The sense buffer starts zeroed, so what the device did not send reads as zero.
+// The sense buffer starts zeroed, so bytes that the device did not send read as 0.
 Sense ReadSense(const sg_io_hdr_t &hdr) {
     BigEndianReader sense{hdr.sbp, hdr.mx_sb_len};
     return {static_cast<uint8_t>(sense.U8(2) & 0x0F), sense.U8(12), sense.U8(13)};
@@ -60,24 +63,24 @@ void PrintSense(const sg_io_hdr_t &hdr, const Sense &sense) {
 void ExplainCheck(const tMmcCmd &cmd, const Sense &sense) {
     const sg_io_hdr_t &hdr = cmd.hdr;
     if (hdr.sb_len_wr != 0) {
-        LOG_AS("Dev_ExecMMC", "%s (%02Xh) sense data :\n", cmd.label, Opcode(hdr));
+        LOG_AS(kExec, "%s (%02Xh) sense data :\n", cmd.label, Opcode(hdr));
         PrintSense(hdr, sense);
     }
     if (hdr.masked_status != 0) {
-        LOG_AS("Dev_ExecMMC", "%s scsi status = 0x%02X\n", cmd.label, hdr.status);
+        LOG_AS(kExec, "%s scsi status = 0x%02X\n", cmd.label, hdr.status);
     }
     if (hdr.host_status != 0) {
-        LOG_AS("Dev_ExecMMC", "%s host status = 0x%02X\n", cmd.label, hdr.host_status);
+        LOG_AS(kExec, "%s host status = 0x%02X\n", cmd.label, hdr.host_status);
     }
     if (hdr.driver_status != 0) {
-        LOG_AS("Dev_ExecMMC", "%s driver status = 0x%02x\n", cmd.label, hdr.driver_status);
+        LOG_AS(kExec, "%s driver status = 0x%02x\n", cmd.label, hdr.driver_status);
     }
 }
 
 constexpr size_t kRowBytes = 16;
 constexpr int kHexColumns = 3 * static_cast<int>(kRowBytes);
 
-// Bytes of 0x7F and more are shown as they are. Held by ExecMmcDump.ShowsHighBytesAsThemselves.
+// Bytes from 0x7F on are shown as they are. Tested by ExecMmcDump.ShowsHighBytesUnchanged.
 void DumpRow(size_t offset, std::span<const uint8_t> row) {
     char hex[kHexColumns + 1] = "";
     char text[kRowBytes + 1] = "";
@@ -89,45 +92,44 @@ void DumpRow(size_t offset, std::span<const uint8_t> row) {
 }
 
 void DumpReply(const sg_io_hdr_t &hdr) {
-    // A scatter list stands in dxferp's place when iovec_count is not 0; it is no reply.
-    const bool plain = hdr.dxferp != nullptr && hdr.iovec_count == 0;
+    // With a scatter list (iovec_count not 0) dxferp does not point to the reply.
+    const bool isPlain = hdr.dxferp != nullptr && hdr.iovec_count == 0;
     const std::span<const uint8_t> reply{static_cast<const uint8_t *>(hdr.dxferp),
-                                         plain ? hdr.dxfer_len : 0};
+                                         isPlain ? hdr.dxfer_len : 0};
     for (size_t at = 0; at < reply.size(); at += kRowBytes) {
         DumpRow(at, reply.subspan(at, std::min(kRowBytes, reply.size() - at)));
     }
     printf("\n");
 }
 
-// Decides about a reply with the check bit set: 0 to go on as a success, -4 otherwise.
-int CheckCondition(const tMmcCmd &cmd, bool verbose) {
+// The result of a request whose check bit is set.
+int ResultOfCheck(const tMmcCmd &cmd, int verbose) {
     const Sense sense = ReadSense(cmd.hdr);
-    if (verbose) {
+    if (verbose != DEV_MMC_QUIET) {
         ExplainCheck(cmd, sense);
     }
-    LOG_AS("Dev_ExecMMC", "(%s) Fail\n", cmd.label);
+    LOG_AS(kExec, "(%s) Fail\n", cmd.label);
     if (!sense.Empty()) {
-        return -4;
+        return DEV_MMC_CHECK_CONDITION;
     }
-    // Some drives raise a check condition without real sense data; their command has succeeded.
-    // Held by ExecMmc.CheckConditionWithoutSenseSucceeds.
+    // Some drives raise a check condition without sense data although the command succeeded.
+    // Tested by ExecMmc.CheckConditionWithoutSenseSucceeds.
     puts("Special case(sense, asc, ascq) = (0, 0, 0).");
     fflush(stdout);
-    return 0;
+    return DEV_MMC_OK;
 }
 
-// Keeps one space of a run and drops what is neither letter, digit nor space. A leading space
-// stays, one at the end goes. Held by Inquiry.CompactsTheModel.
+// Keeps letters, digits and one space of each run. A space at the beginning stays, one at the end
+// is removed. Tested by Inquiry.CompactsTheModel.
 void CompactModel(const char *pText, std::span<char> model) {
     std::fill(model.begin(), model.end(), '\0');
     size_t length = 0;
     bool afterSpace = false;
-    for (const char *at = pText; *at != '\0'; ++at) {
-        const bool alphanumeric =
-            (*at >= '0' && *at <= '9') || (*at >= 'A' && *at <= 'Z') || (*at >= 'a' && *at <= 'z');
-        if (alphanumeric || (*at == ' ' && !afterSpace)) {
-            model[length++] = *at;
-            afterSpace = *at == ' ';
+    for (; *pText != '\0'; ++pText) {
+        const bool isSpace = *pText == ' ';
+        if (talvek::IsDigit(*pText) || talvek::IsLetter(*pText) || (isSpace && !afterSpace)) {
+            model[length++] = *pText;
+            afterSpace = isSpace;
         }
     }
     if (length > 0 && model[length - 1] == ' ') {
@@ -136,83 +138,86 @@ void CompactModel(const char *pText, std::span<char> model) {
 }
 
 constexpr std::array<uint8_t, 6> kTestUnitReady = {0x00, 0, 0, 0, 0, 0};
-constexpr int kReadyTries = 3;
-constexpr timespec kReadyPause = {1, 0};
-constexpr int kPauseRounds = 1000;
+constexpr int kReadyAttempts = 3;
 
 constexpr uint8_t kInquiryLength = 96;
 constexpr std::array<uint8_t, 6> kInquiry = {0x12, 0, 0, 0, kInquiryLength, 0};
-constexpr size_t kModelLength = 24;
+
+// Fields of the reply (SPC-3 6.4.2): vendor in bytes 8-15, product in 16-31, revision in 32-35.
+constexpr size_t kVendor = 8;
+constexpr size_t kProduct = 16;
+constexpr size_t kRevision = 32;
+constexpr size_t kInquiryTextSize = 36;
+constexpr size_t kModelLength = DEV_MODEL_SIZE - 1;
 
 }  // namespace
-}  // namespace talvek
 
-int Dev_ExecMMC(tMmcCmd *cmd, int fd, int verbose) {
-    using namespace talvek;
-    if (cmd == nullptr) {
+int Dev_ExecMMC(tMmcCmd *pCmd, int fd, int verbose) {
+    const talvek::CancelGuard guard;
+    if (pCmd == nullptr) {
         LOG("Get Null ptr\n");
-        return -1;
+        return DEV_MMC_NO_VERSION;
     }
     int version = 0;
     if (ioctl(fd, SG_GET_VERSION_NUM, &version) < 0) {
         LOG_ERRNO("ioctl() error : %s\n");
-        return -1;
+        return DEV_MMC_NO_VERSION;
     }
     if (version < kOldestDriver) {
-        LOG("\"%s\"(%02Xh) ver. too old(%d)\n", cmd->label, Opcode(cmd->hdr), version);
-        return -2;
+        LOG("\"%s\"(%02Xh) ver. too old(%d)\n", pCmd->label, Opcode(pCmd->hdr), version);
+        return DEV_MMC_OLD_DRIVER;
     }
-    if (ioctl(fd, SG_IO, &cmd->hdr) < 0) {
-        LOG_ERRNO("%s (%02Xh) SG_IO ioctl error : %s\n", cmd->label, Opcode(cmd->hdr));
-        return -3;
+    if (ioctl(fd, SG_IO, &pCmd->hdr) < 0) {
+        LOG_ERRNO("%s (%02Xh) SG_IO ioctl error : %s\n", pCmd->label, Opcode(pCmd->hdr));
+        return DEV_MMC_IOCTL_FAILED;
     }
-    if ((cmd->hdr.info & SG_INFO_CHECK) != 0 && CheckCondition(*cmd, verbose != 0) != 0) {
-        return -4;
+    if ((pCmd->hdr.info & SG_INFO_CHECK) != 0) {
+        const int result = ResultOfCheck(*pCmd, verbose);
+        if (result != DEV_MMC_OK) {
+            return result;
+        }
     }
-    if (verbose != 0) {
-        LOG("(%s) Success\n\n", cmd->label);
-        DumpReply(cmd->hdr);
+    if (verbose != DEV_MMC_QUIET) {
+        LOG("(%s) Success\n\n", pCmd->label);
+        DumpReply(pCmd->hdr);
         fflush(stdout);
     }
-    return 0;
+    return DEV_MMC_OK;
 }
 
-int Dev_TestUnitReady(const char *devPath, int fd) {
-    using namespace talvek;
-    MmcRequest request{"TEST UNIT READY", devPath, kTestUnitReady, {}};
-    for (int i = 0; i < kReadyTries; ++i) {
+int Dev_TestUnitReady(const char *pDevPath, int fd) {
+    const talvek::CancelGuard guard;
+    MmcRequest request{"TEST UNIT READY", pDevPath, kTestUnitReady, {}};
+    for (int i = 0; i < kReadyAttempts; ++i) {
         if (request.Issue(fd, 0)) {
-            return 1;
+            return DEV_QUERY_OK;
         }
-        COM_SleepAtLeast(&kReadyPause, kPauseRounds);
+        talvek::PauseSecond();
     }
-    return 0;
+    return DEV_QUERY_FAILED;
 }
 
-int Dev_Inquiry(const char *devPath, int fd, char *model) {
-    using namespace talvek;
-    const HeapBuf<uint8_t> reply{static_cast<uint8_t *>(malloc(DEV_REPLY_SIZE))};
-    if (!reply) {
+int Dev_Inquiry(const char *pDevPath, int fd, char *pModel) {
+    const talvek::CancelGuard guard;
+    const talvek::HeapBuf<uint8_t> buf{static_cast<uint8_t *>(malloc(DEV_REPLY_SIZE))};
+    if (!buf) {
         LOG("reply_buf = NULL\n");
-        return 0;
+        return DEV_QUERY_FAILED;
     }
-    MmcRequest request{"INQUIRY", devPath, kInquiry, {reply.get(), DEV_REPLY_SIZE}};
+    MmcRequest request{"INQUIRY", pDevPath, kInquiry, {buf.get(), DEV_REPLY_SIZE}};
     if (!request.Issue(fd, kInquiryLength)) {
-        return 0;
+        return DEV_QUERY_FAILED;
     }
-    // SPC-3 6.4.2: vendor in bytes 8-15, product in 16-31, revision in 32-35. What did not
-    // arrive reads as the end of the text.
-    char text[36 + 1] = "";
-    const std::span<const uint8_t> received = request.reply().Sub(0, sizeof text - 1);
-    std::copy(received.begin(), received.end(), text);
-    LOG("[%s] : pModel = %p\n", devPath != nullptr ? devPath : "", static_cast<void *>(model));
-    LOG("Vendor          = %.8s\n", text + 8);
-    LOG("Product ID      = %.16s\n", text + 16);
-    LOG("Revision        = %.4s\n", text + 32);
-    if (model != nullptr) {
-        text[8 + kModelLength] = '\0';
-        CompactModel(text + 8, {model, kModelLength + 1});
+    char text[kInquiryTextSize + 1] = "";
+    request.reply().Copy(0, text, kInquiryTextSize);
+    LOG("[%s] : pModel = %p\n", pDevPath != nullptr ? pDevPath : "", static_cast<void *>(pModel));
+    LOG("Vendor          = %.8s\n", text + kVendor);
+    LOG("Product ID      = %.16s\n", text + kProduct);
+    LOG("Revision        = %.4s\n", text + kRevision);
+    if (pModel != nullptr) {
+        text[kVendor + kModelLength] = '\0';
+        CompactModel(text + kVendor, {pModel, DEV_MODEL_SIZE});
     }
-    LOG("pModel = [%s]\n", model != nullptr ? model : "(null)");
-    return 1;
+    LOG("pModel = [%s]\n", pModel != nullptr ? pModel : "(null)");
+    return DEV_QUERY_OK;
 }

@@ -6,11 +6,16 @@
 
 #include <array>
 
+#include "base/cancel_guard.h"
 #include "dev/internal/mmc_request.h"
 #include "dev/internal/module_log.h"
 
-namespace talvek {
 namespace {
+
+using talvek::BigEndianReader;
+using talvek::MmcRequest;
+using talvek::ReplyBuf;
+using talvek::WholeLength;
 
 constexpr uint32_t kHeaderLength = 4;
 constexpr std::array<uint8_t, 10> kReadToc = {0x43, 0, 0, 0, 0, 0, 0, 0, kHeaderLength, 0};
@@ -19,17 +24,13 @@ constexpr uint8_t kMsf = 0x02;
 constexpr uint8_t kFormatAtip = 0x04;
 constexpr uint8_t kFirstTrack = 1;
 
-constexpr const char *kAtip = "(0100b ; ATIP -MSF-)";
-constexpr const char *kCdToc = "(0000b ; Formatted TOC -MSF-)";
-constexpr const char *kDvdToc = "READ TOC/PMA/ATIP";
+constexpr const char *kAtipLabel = "(0100b ; ATIP -MSF-)";
+constexpr const char *kCdTocLabel = "(0000b ; Formatted TOC -MSF-)";
+constexpr const char *kDvdTocLabel = "READ TOC/PMA/ATIP";
 
-constexpr uint8_t kLeadOut = 0xAA;  // its track number
+constexpr uint8_t kLeadOut = 0xAA;  // the track number of the lead-out
 
-uint32_t WholeLength(BigEndianReader reply) {
-    return reply.U16(0) + 2U;
-}
-
-// A position as minutes, seconds and frames, 75 frames a second. A frame is a sector of 2 KB.
+// A position in minutes, seconds and frames, 75 frames a second. A frame is a sector of 2 KB.
 struct Msf {
     int minutes;
     int seconds;
@@ -49,30 +50,38 @@ Msf SplitFrames(uint32_t frames) {
 }
 
 const char *SubTypeName(uint32_t subType) {
-    constexpr const char *kNames[] = {"Normal Speed", "High   Speed", "Ultra  Speed"};
-    return subType < std::size(kNames) ? kNames[subType] : "Not Defined";
+    switch (subType) {
+        case DEV_CD_NORMAL_SPEED:
+            return "Normal Speed";
+        case DEV_CD_HIGH_SPEED:
+            return "High   Speed";
+        case DEV_CD_ULTRA_SPEED:
+            return "Ultra  Speed";
+        default:
+            return "Not Defined";
+    }
 }
 
-// The ATIP descriptor stands behind the header.
+// The ATIP descriptor follows the header.
 void ParseAtip(BigEndianReader reply, tDiscInfo &info) {
-    constexpr const char *kEntry = "Dev_ReadCdATIP";
+    constexpr const char *kFunction = "Dev_ReadCdATIP";
     printf("Reference Speed = %0d\n", reply.U8(4) & 0x07);
-    // Bit 0 tells a CD-RW here, not the standard's disc type bit 6.
-    // Held by ReadCdAtip.TellsTheDiscTypeByBitZero.
-    LOG_AS(kEntry, "Disc Type : %s\n", (reply.U8(6) & 0x01) != 0 ? "CD-RW" : "CD-R");
+    // Bit 0 decides, not the standard's disc type bit 6. Tested by
+    // ReadCdAtip.TakesTheDiscTypeFromBitZero.
+    LOG_AS(kFunction, "Disc Type : %s\n", (reply.U8(6) & 0x01) != 0 ? "CD-RW" : "CD-R");
     info.cdSubType = (reply.U8(6) >> 3) & 0x07;
     printf("Disc Sub Type = %s\n", SubTypeName(info.cdSubType));
     const Msf leadIn = ReadMsf(reply, 8);
     const Msf leadOut = ReadMsf(reply, 12);
-    LOG_AS(kEntry, "Start Time of Lead-in %02d:%02d:%02d\n", leadIn.minutes, leadIn.seconds,
+    LOG_AS(kFunction, "Start Time of Lead-in %02d:%02d:%02d\n", leadIn.minutes, leadIn.seconds,
            leadIn.frames);
-    LOG_AS(kEntry, "Start Time of Lead-out %02d:%02d:%02d\n", leadOut.minutes, leadOut.seconds,
+    LOG_AS(kFunction, "Start Time of Lead-out %02d:%02d:%02d\n", leadOut.minutes, leadOut.seconds,
            leadOut.frames);
     info.totalKB = 2ULL * leadOut.Frames();
-    LOG_AS(kEntry, "Disc Space is %d KB\n", static_cast<int>(info.totalKB));
+    LOG_AS(kFunction, "Disc Space is %d KB\n", static_cast<int>(info.totalKB));
 }
 
-// Logical block 0 of a CD is at 00:02:00.
+// Logical block 0 of a CD has the position 00:02:00.
 constexpr uint32_t kFirstBlockFrames = 150;
 
 // Frames from the start of a session's lead-out to that of the next lead-in.
@@ -81,9 +90,10 @@ constexpr uint32_t kLaterSessionGap = 6750;
 
 constexpr size_t kDescriptorSize = 8;
 
-// Descriptors of eight bytes stand behind the header, the last track's before the lead-out's.
+// Descriptors of eight bytes follow the header, one a track from track 1 on, then the lead-out's.
+// The reply must be long enough for all of them.
 bool ParseCdToc(BigEndianReader reply, tDiscInfo &info) {
-    constexpr const char *kEntry = "Dev_ReadCdToc";
+    constexpr const char *kFunction = "Dev_ReadCdToc";
     const uint8_t lastTrack = reply.U8(3);
     const size_t leadOutAt = kHeaderLength + kDescriptorSize * lastTrack;
     if (lastTrack == 0 || !reply.Has(leadOutAt, kDescriptorSize)) {
@@ -91,20 +101,21 @@ bool ParseCdToc(BigEndianReader reply, tDiscInfo &info) {
     }
     const Msf track = ReadMsf(reply, leadOutAt - kDescriptorSize + 5);
     const Msf leadOut = ReadMsf(reply, leadOutAt + 5);
-    LOG_AS(kEntry, "Last track is %d\n", lastTrack);
-    // This line gives the start of the last track. Held by ReadCdToc.TellsTheLastTrackAsLeadIn.
-    LOG_AS(kEntry, "Last Lead-in at %02d:%02d:%02d\n", track.minutes, track.seconds, track.frames);
-    LOG_AS(kEntry, "Last Lead-out at %02d:%02d:%02d\n", leadOut.minutes, leadOut.seconds,
+    LOG_AS(kFunction, "Last track is %d\n", lastTrack);
+    // This line has the start of the last track. Tested by ReadCdToc.LogsTheLastTrackAsLeadIn.
+    LOG_AS(kFunction, "Last Lead-in at %02d:%02d:%02d\n", track.minutes, track.seconds,
+           track.frames);
+    LOG_AS(kFunction, "Last Lead-out at %02d:%02d:%02d\n", leadOut.minutes, leadOut.seconds,
            leadOut.frames);
     info.nextLeadIn = leadOut.Frames() + (lastTrack == 1 ? kFirstSessionGap : kLaterSessionGap);
     const Msf next = SplitFrames(info.nextLeadIn + kFirstBlockFrames);
-    LOG_AS(kEntry, "Next Lead-in at %02d:%02d:%02d\n", next.minutes, next.seconds, next.frames);
+    LOG_AS(kFunction, "Next Lead-in at %02d:%02d:%02d\n", next.minutes, next.seconds, next.frames);
     info.lastTrack = lastTrack;
     info.lastTrackStart = track.Frames() - kFirstBlockFrames;
     return true;
 }
 
-// Prints the tracks up to the lead-out and gives its address.
+// Prints the tracks and the lead-out, whose address it stores; false without a lead-out.
 bool ParseDvdToc(BigEndianReader reply, uint32_t &leadOut) {
     for (size_t at = kHeaderLength; reply.Has(at, kDescriptorSize); at += kDescriptorSize) {
         const unsigned control = reply.U8(at + 1);
@@ -131,66 +142,68 @@ uint64_t UsedKB(const tDiscInfo &info, uint32_t leadOut) {
     }
 }
 
-}  // namespace
-}  // namespace talvek
+// Requests a table of contents from the first track on.
+bool ReadToc(MmcRequest &request, int fd) {
+    request.Patch(6, kFirstTrack);
+    return request.IssueTwice(fd, kHeaderLength, WholeLength);
+}
 
-int Dev_ReadCdATIP(const char *devPath, int fd, tDiscInfo *info) {
-    using namespace talvek;
-    if (info == nullptr) {
+}  // namespace
+
+int Dev_ReadCdATIP(const char *pDevPath, int fd, tDiscInfo *pInfo) {
+    const talvek::CancelGuard guard;
+    if (pInfo == nullptr) {
         LOG("Get Null ptr\n");
-        return 0;
+        return DEV_QUERY_FAILED;
     }
     ReplyBuf buf;
-    MmcRequest request{kAtip, devPath, kReadToc, buf};
+    MmcRequest request{kAtipLabel, pDevPath, kReadToc, buf};
     request.Patch(1, kMsf);
     request.Patch(2, kFormatAtip);
-    if (!request.IssueLearning(fd, kHeaderLength, WholeLength)) {
-        return 0;
+    if (!request.IssueTwice(fd, kHeaderLength, WholeLength)) {
+        return DEV_QUERY_FAILED;
     }
-    ParseAtip(request.reply(), *info);
-    return 1;
+    ParseAtip(request.reply(), *pInfo);
+    return DEV_QUERY_OK;
 }
 
-int Dev_ReadCdToc(const char *devPath, int fd, tDiscInfo *info) {
-    using namespace talvek;
-    if (info == nullptr) {
+int Dev_ReadCdToc(const char *pDevPath, int fd, tDiscInfo *pInfo) {
+    const talvek::CancelGuard guard;
+    if (pInfo == nullptr) {
         LOG("Get Null ptr\n");
-        return 0;
+        return DEV_QUERY_FAILED;
     }
     ReplyBuf buf;
-    MmcRequest request{kCdToc, devPath, kReadToc, buf};
+    MmcRequest request{kCdTocLabel, pDevPath, kReadToc, buf};
     request.Patch(1, kMsf);
-    request.Patch(6, kFirstTrack);
-    if (!request.IssueLearning(fd, kHeaderLength, WholeLength)) {
-        return 0;
-    }
-    return ParseCdToc(request.reply(), *info) ? 1 : 0;
+    return ReadToc(request, fd) && ParseCdToc(request.reply(), *pInfo) ? DEV_QUERY_OK
+                                                                       : DEV_QUERY_FAILED;
 }
 
-int Dev_ReadDvdRToc(const char *devPath, int fd, tDiscInfo *info) {
-    using namespace talvek;
-    if (info == nullptr) {
+int Dev_ReadDvdRToc(const char *pDevPath, int fd, tDiscInfo *pInfo) {
+    const talvek::CancelGuard guard;
+    if (pInfo == nullptr) {
         LOG("Get Null ptr\n");
-        return 0;
+        return DEV_QUERY_FAILED;
     }
-    if ((info->discClass != DEV_CLASS_DVD_MINUS && info->discClass != DEV_CLASS_DVD_PLUS) ||
-        info->mediaKind != DEV_MEDIA_WRITE_ONCE) {
-        return 0;
+    if ((pInfo->discClass != DEV_CLASS_DVD_MINUS && pInfo->discClass != DEV_CLASS_DVD_PLUS) ||
+        pInfo->mediaKind != DEV_MEDIA_WRITE_ONCE) {
+        return DEV_QUERY_FAILED;
     }
-    // Addresses in blocks: minutes, seconds and frames end before half of a DVD.
+    // Positions in minutes, seconds and frames cannot express the second half of a DVD, so block
+    // addresses are requested.
     ReplyBuf buf;
-    MmcRequest request{kDvdToc, devPath, kReadToc, buf};
-    request.Patch(6, kFirstTrack);
-    if (!request.IssueLearning(fd, kHeaderLength, WholeLength)) {
-        return 0;
+    MmcRequest request{kDvdTocLabel, pDevPath, kReadToc, buf};
+    if (!ReadToc(request, fd)) {
+        return DEV_QUERY_FAILED;
     }
     uint32_t leadOut = 0;
     const bool found = ParseDvdToc(request.reply(), leadOut);
     fflush(stdout);
     if (!found) {
-        return 0;
+        return DEV_QUERY_FAILED;
     }
-    info->usedKB = UsedKB(*info, leadOut);
-    LOG("Used capacity = %llu MB.\n", static_cast<unsigned long long>(info->usedKB >> 10));
-    return 1;
+    pInfo->usedKB = UsedKB(*pInfo, leadOut);
+    LOG("Used capacity = %llu MB.\n", static_cast<unsigned long long>(pInfo->usedKB >> 10));
+    return DEV_QUERY_OK;
 }

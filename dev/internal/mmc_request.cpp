@@ -1,13 +1,18 @@
-// One MMC command from CDB template to received bytes.
+// One MMC command, from the CDB template to the reply.
 
 #include "dev/internal/mmc_request.h"
 
 #include <stdio.h>
-#include <string.h>
 
 #include <algorithm>
 
+#include "base/byte_writer.h"
+
 namespace talvek {
+
+uint32_t WholeLength(BigEndianReader reply) {
+    return reply.U16(0) + 2U;
+}
 
 MmcRequest::MmcRequest(const char *pName, const char *pDevPath,
                        std::span<const uint8_t> cdbTemplate, std::span<uint8_t> reply)
@@ -28,8 +33,8 @@ void MmcRequest::PatchU32(size_t at, uint32_t value) {
     BigEndianWriter{cdb_.data(), cdb_.size()}.U32(at, value);
 }
 
-// The field is byte 4 of a six-byte CDB, bytes 7-8 of a ten-byte one and bytes 8-9 of READ DVD
-// STRUCTURE, the only command of twelve bytes here.
+// The field is byte 4 of a CDB of 6 bytes, bytes 7-8 of one of 10 bytes and bytes 8-9 of READ DVD
+// STRUCTURE, the only command of 12 bytes here.
 void MmcRequest::PutAllocationLength(uint32_t length) {
     BigEndianWriter cdb{cdb_.data(), cdb_.size()};
     switch (cmd_.hdr.cmd_len) {
@@ -45,21 +50,14 @@ void MmcRequest::PutAllocationLength(uint32_t length) {
     }
 }
 
-bool MmcRequest::Issue(int fd, uint32_t length, bool verbose) {
-    received_ = {};
+bool MmcRequest::Issue(int fd, uint32_t length, int verbose) {
     length = std::min({length, kMaxLength, static_cast<uint32_t>(buffer_.size())});
     PutAllocationLength(length);
     cmd_.hdr.dxfer_len = length;
-    cmd_.hdr.resid = 0;
+    requested_ = buffer_.first(length);
     std::fill_n(buffer_.begin(), length, uint8_t{0});
     sense_.fill(0);
-    if (Dev_ExecMMC(&cmd_, fd, verbose ? 1 : 0) != 0) {
-        return false;
-    }
-    // A driver that does not count what arrives leaves the residue at 0; the bytes are zero then.
-    const int missing = std::clamp(cmd_.hdr.resid, 0, static_cast<int>(length));
-    received_ = buffer_.first(length - static_cast<uint32_t>(missing));
-    return true;
+    return Dev_ExecMMC(&cmd_, fd, verbose) == DEV_MMC_OK;
 }
 
 }  // namespace talvek

@@ -8,24 +8,25 @@
 #include <span>
 
 #include "base/byte_reader.h"
-#include "base/byte_writer.h"
 #include "dev/scsi.h"
 
 namespace talvek {
 
-// A reply buffer for any allocation length, to be declared without initialiser: a request clears
-// what it asks for, and what it does not ask for is never looked at.
+// A reply buffer for any allocation length. Declare it without an initialiser: a request clears the
+// bytes that it asks for and reads no others.
 using ReplyBuf = std::array<uint8_t, DEV_REPLY_SIZE>;
 
-// One command with its CDB, sense and reply. Every issue starts from cleared sense and reply bytes;
-// what the drive returned is seen through reply() alone.
+// The length of a reply whose first two bytes count the bytes that follow them.
+uint32_t WholeLength(BigEndianReader reply);
+
+// One command with its CDB, sense and reply. Each issue starts with cleared sense and reply bytes.
 class MmcRequest {
   public:
-    // The largest length that fits a two-byte allocation length field.
+    // The largest allocation length that a CDB of 10 or 12 bytes can hold.
     static constexpr uint32_t kMaxLength = 0xFFFF;
 
     // The CDB (6, 10 or 12 bytes) starts as a copy of the template. `reply` has room for every
-    // length that will be asked for; an empty one makes a command without data.
+    // length that is requested; an empty one makes a command without data.
     MmcRequest(const char *pName, const char *pDevPath, std::span<const uint8_t> cdbTemplate,
                std::span<uint8_t> reply);
     MmcRequest(const MmcRequest &) = delete;
@@ -34,17 +35,19 @@ class MmcRequest {
     void Patch(size_t at, uint8_t value) { cdb_[at] = value; }
     void PatchU32(size_t at, uint32_t value);  // big-endian
 
-    // Issues the command for `length` bytes, which are also its CDB's allocation length.
-    bool Issue(int fd, uint32_t length, bool verbose = false);
+    // Issues the command for `length` bytes, which is also the CDB's allocation length.
+    bool Issue(int fd, uint32_t length, int verbose = DEV_MMC_QUIET);
 
-    // Issues the command for `length` bytes, and again for as many as `learn` reads in the reply.
-    template <typename Learn>
-    bool IssueLearning(int fd, uint32_t length, Learn learn) {
-        return Issue(fd, length) && Issue(fd, learn(reply()));
+    // Issues the command for `firstLength` bytes, then for as many as `lengthOf` reads in the
+    // reply.
+    template <typename LengthOf>
+    bool IssueTwice(int fd, uint32_t firstLength, LengthOf lengthOf) {
+        return Issue(fd, firstLength) && Issue(fd, lengthOf(reply()));
     }
 
-    // The bytes that the last issue received.
-    [[nodiscard]] BigEndianReader reply() const { return BigEndianReader{received_}; }
+    // The bytes that the last issue requested; those that the drive did not send are 0. The
+    // driver's residue is not used: some bridges deliver all data and report a wrong residue.
+    [[nodiscard]] BigEndianReader reply() const { return BigEndianReader{requested_}; }
 
   private:
     void PutAllocationLength(uint32_t length);
@@ -53,7 +56,7 @@ class MmcRequest {
     std::array<uint8_t, 12> cdb_ = {};
     std::array<uint8_t, DEV_SENSE_SIZE> sense_ = {};
     std::span<uint8_t> buffer_;
-    std::span<const uint8_t> received_;
+    std::span<const uint8_t> requested_;
 };
 
 }  // namespace talvek

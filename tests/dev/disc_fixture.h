@@ -25,29 +25,31 @@ using Query = int (*)(const char *, int, tDiscInfo *);
 
 constexpr const char *kNode = "/dev/sr0";
 
-// A drive at /dev/sr0 and /dev/sg1, and a disc's descriptor to be filled in.
+// A drive at /dev/sr0 and /dev/sg1, and the descriptor of a disc.
 class DiscTest : public ::testing::Test {
   protected:
     DiscTest() { drive_.Load("drive.hex"); }
     ~DiscTest() override { close(fd_); }
 
-    // Runs a query that has to give `result`; what it writes.
-    std::string TextOf(Query query, int result = 1) {
+    // Runs a query, expects `result` and returns what was printed.
+    std::string TextOf(Query query, int result = DEV_QUERY_OK) {
         return Capture([&] { EXPECT_EQ(result, query(kNode, fd_, &info_)); });
     }
-    Lines LinesOf(Query query, int result = 1) { return LogLines(TextOf(query, result)); }
+    Lines LinesOf(Query query, int result = DEV_QUERY_OK) {
+        return LogLines(TextOf(query, result));
+    }
 
     SimulatedDrive drive_{{kNode, "/dev/sg1"}};
     int fd_ = drive_.Open();
     tDiscInfo info_ = {};
 };
 
-// The form that all data-in commands share.
+// What all data-in requests have in common.
 inline void ExpectDataIn(const SgRequest &request, const Bytes &cdb, unsigned length) {
     EXPECT_EQ(HexText(cdb), HexText(request.cdb));
     EXPECT_EQ(length, request.length);
     EXPECT_EQ('S', request.interfaceId);
-    EXPECT_EQ(-3, request.direction);  // SG_DXFER_FROM_DEV
+    EXPECT_EQ(SG_DXFER_FROM_DEV, request.direction);
     EXPECT_EQ(20000U, request.timeout);
     EXPECT_EQ(64U, request.senseSize);
     EXPECT_TRUE(request.cleared) << "sense and reply are zeroed before each issue";

@@ -1,9 +1,9 @@
 #ifndef TALVEK_TESTS_DEV_ISO_MOUNT_H
 #define TALVEK_TESTS_DEV_ISO_MOUNT_H
 
-// Stands in for mount in the program that includes it: a request for an ISO 9660 file system, which
-// not every kernel has, is noted and mounts a tmpfs of a given size. Everything else, unmounting
-// and statfs are the kernel's.
+// Defines mount in the program that includes it. A mount of an ISO 9660 file system, which not
+// every kernel has, is recorded and mounts a tmpfs of a given size. Other mounts, unmounting and
+// statfs go to the kernel.
 
 #include <errno.h>
 #include <string.h>
@@ -25,7 +25,7 @@ struct IsoMount {
 
 inline std::vector<IsoMount> g_isoMounts;
 inline std::string g_isoSize = "size=8m";  // of the next file system
-inline int g_isoError = 0;                 // errno of the next mounts, 0: they work
+inline int g_isoError = 0;                 // errno of the next mounts; 0: success
 
 }  // namespace talvek::test
 

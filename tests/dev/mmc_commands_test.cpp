@@ -65,7 +65,7 @@ const ProfileRow kProfiles[] = {
 
 class GetConfiguration : public DiscTest {};
 
-TEST_F(GetConfiguration, AsksForEightBytesAndShowsThem) {
+TEST_F(GetConfiguration, RequestsEightBytesAndDumpsThem) {
     drive_.Load("dvd_plus_rw.hex");
     EXPECT_EQ((Lines{"DEV:Dev_ExecMMC(): ((/dev/sr0) GET CONFIGURATION) Success", "",
                      "0000h  00 00 00 10 00 00 00 1A                         |........|", "",
@@ -75,7 +75,7 @@ TEST_F(GetConfiguration, AsksForEightBytesAndShowsThem) {
     ExpectDataIn(drive_.requests[0], {0x46, 0x01, 0, 0, 0, 0, 0, 0, 0x08, 0}, 8);
 }
 
-TEST_F(GetConfiguration, TellsEveryProfile) {
+TEST_F(GetConfiguration, LogsEveryProfile) {
     for (const ProfileRow &row : kProfiles) {
         drive_.Reply(0x46, ProfileReply(row.profile));
         info_ = Disc(9, 9, 9);
@@ -103,47 +103,46 @@ TEST_F(GetConfiguration, RejectsEveryOtherProfile) {
         snprintf(expected, sizeof expected,
                  "DEV:Dev_GetConfiguration(): Disc type(0x%04X) unreconfized and unsupported!",
                  profile);
-        EXPECT_EQ(expected, LinesOf(Dev_GetConfiguration, 0).back());
-        EXPECT_TRUE(Disc(1, 1, 0) == info_) << "the preset stays";
+        EXPECT_EQ(expected, LinesOf(Dev_GetConfiguration, DEV_QUERY_FAILED).back());
+        EXPECT_TRUE(Disc(1, 1, 0) == info_) << "the preset";
     }
 }
 
-TEST_F(GetConfiguration, PresetsTheDescriptorAheadOfAFailure) {
+TEST_F(GetConfiguration, PresetsTheDescriptorBeforeAFailure) {
     drive_.Always(0x46, SgAnswer::Check(0x06, 0x28, 0x00));
     info_ = Disc(9, 9, 9);
     info_.sessions = 7;
-    const Lines lines = LinesOf(Dev_GetConfiguration, 0);
+    const Lines lines = LinesOf(Dev_GetConfiguration, DEV_QUERY_FAILED);
     EXPECT_EQ("DEV:Dev_ExecMMC(): (/dev/sr0) GET CONFIGURATION (46h) sense data :", lines.front());
     EXPECT_EQ("DEV:Dev_ExecMMC(): ((/dev/sr0) GET CONFIGURATION) Fail", lines.back());
     tDiscInfo expected = Disc(1, 1, 0);
     expected.sessions = 7;
     EXPECT_TRUE(expected == info_);
-    EXPECT_EQ(Lines{"DEV:Dev_GetConfiguration(): Get Null ptr"},
-              CaptureLog([&] { EXPECT_EQ(0, Dev_GetConfiguration(kNode, fd_, nullptr)); }));
+    EXPECT_EQ(Lines{"DEV:Dev_GetConfiguration(): Get Null ptr"}, CaptureLog([&] {
+                  EXPECT_EQ(DEV_QUERY_FAILED, Dev_GetConfiguration(kNode, fd_, nullptr));
+              }));
 }
 
-// Without bytes 6 and 7 there is no profile.
-TEST_F(GetConfiguration, RejectsAReplyThatEndsAheadOfTheProfile) {
+// The profile is in bytes 6 and 7.
+TEST_F(GetConfiguration, RejectsAReplyThatEndsBeforeTheProfile) {
     drive_.Load("dvd_plus_rw.hex");
-    drive_.dirty = true;
     for (size_t length = 0; length < 8; ++length) {
         drive_.cut[0x46] = length;
         EXPECT_EQ("DEV:Dev_GetConfiguration(): Disc type(0x0000) unreconfized and unsupported!",
-                  LinesOf(Dev_GetConfiguration, 0).back());
+                  LinesOf(Dev_GetConfiguration, DEV_QUERY_FAILED).back());
     }
     drive_.cut[0x46] = 8;
-    LinesOf(Dev_GetConfiguration, 1);
+    LinesOf(Dev_GetConfiguration, DEV_QUERY_OK);
 }
 
-// The fixtures' replies, given to Debian's own tool instead of a drive's.
+// Debian's tool gets the replies of the fixtures instead of a drive's.
 TEST_F(GetConfiguration, AgreesWithSgGetConfig) {
     if (std::string{TALVEK_SG_PRELOAD}.empty()) {
-        GTEST_SKIP()
-            << "the tool is a program of the build machine, its drive is built for another";
+        GTEST_SKIP() << "the library with the drive is built for another processor than the tool";
     }
     const struct {
         const char *fixture;
-        const char *told;
+        const char *name;
         uint32_t discClass;
         uint32_t mediaKind;
         int result;
@@ -177,14 +176,15 @@ TEST_F(GetConfiguration, AgreesWithSgGetConfig) {
         drive_.Load(item.fixture);
         const Bytes &reply = drive_.Data(0x46);
         WriteFile(dir / "reply", std::string{reply.begin(), reply.end()});
-        const std::string told =
+        const std::string output =
             RunCommand("SG_PRELOAD_REPLY=" + (dir / "reply") +
                        " LD_PRELOAD=" TALVEK_SG_PRELOAD " sg_get_config /dev/null");
-        EXPECT_NE(std::string::npos, told.find("Current profile: " + std::string{item.told} + "\n"))
-            << told;
+        EXPECT_NE(std::string::npos,
+                  output.find("Current profile: " + std::string{item.name} + "\n"))
+            << output;
         TextOf(Dev_GetConfiguration, item.result);
-        EXPECT_EQ(item.discClass, info_.discClass) << item.told;
-        EXPECT_EQ(item.mediaKind, info_.mediaKind) << item.told;
+        EXPECT_EQ(item.discClass, info_.discClass) << item.name;
+        EXPECT_EQ(item.mediaKind, info_.mediaKind) << item.name;
     }
 }
 
@@ -194,7 +194,7 @@ class ReadDiscInfo : public DiscTest {
     static std::string Line(const std::string &text) { return "DEV:Dev_ReadDiscInfo(): " + text; }
 };
 
-TEST_F(ReadDiscInfo, NamesTheDisc) {
+TEST_F(ReadDiscInfo, LogsTheKindOfDisc) {
     const struct {
         uint32_t discClass;
         uint32_t recordMode;
@@ -216,7 +216,7 @@ TEST_F(ReadDiscInfo, NamesTheDisc) {
     }
 }
 
-TEST_F(ReadDiscInfo, TellsTheStatusOfTheClassesThatHaveOne) {
+TEST_F(ReadDiscInfo, LogsAndStoresTheStatusOfFourClasses) {
     const char *const texts[] = {"It is an empty disc", "It is an incomplete disc",
                                  "It is a finalized disc",
                                  "The disc is only random access writable"};
@@ -235,7 +235,7 @@ TEST_F(ReadDiscInfo, TellsTheStatusOfTheClassesThatHaveOne) {
     }
 }
 
-TEST_F(ReadDiscInfo, CountsTracksAndSessionsInTwoBytes) {
+TEST_F(ReadDiscInfo, ReadsTracksAndSessionsFromTwoBytes) {
     drive_.Patch(0x51, 4, {0x03});   // sessions, low byte
     drive_.Patch(0x51, 9, {0x02});   // and high byte
     drive_.Patch(0x51, 6, {0x05});   // last track, low byte
@@ -290,7 +290,7 @@ TEST_F(ReadTrackInfo, PrintsNoNextWritableAddressUnlessItIsValid) {
         TextOf(Dev_ReadTrackInfo));
 }
 
-TEST_F(ReadTrackInfo, FindsTheUsedCapacityByStatus) {
+TEST_F(ReadTrackInfo, DerivesTheUsedCapacityFromTheStatus) {
     drive_.Patch(0x52, 16, BigEndian32(1000));
     for (const uint32_t discClass : {1U, 2U, 3U, 4U, 5U, 6U, 7U}) {
         const bool counts = discClass == 1 || discClass == 3 || discClass == 4 || discClass == 7;
@@ -307,7 +307,7 @@ TEST_F(ReadTrackInfo, FindsTheUsedCapacityByStatus) {
 }
 
 // A blank DVD-R has a few more blocks than its nominal capacity.
-TEST_F(ReadTrackInfo, FindsNothingUsedWhenMoreIsFreeThanNominal) {
+TEST_F(ReadTrackInfo, ReportsNothingUsedWhenMoreIsFreeThanNominal) {
     info_ = Disc(3, 2);
     info_.discStatus = 1;
     info_.totalKB = 4595776;
@@ -343,8 +343,8 @@ TEST_F(ReadDvdStruct, LogsTheSectorNumbers) {
     EXPECT_EQ(2052U, drive_.requests[1].length);
 }
 
-// The two layer bits say 0 for one layer and 1 for two; 2 and 3 are reserved and count as one.
-TEST_F(ReadDvdStruct, TakesNominalCapacities) {
+// Layer bits: 0 is one layer, 1 is two; 2 and 3 are reserved and count as one.
+TEST_F(ReadDvdStruct, StoresNominalCapacities) {
     const struct {
         uint32_t discClass;
         uint8_t size;    // byte 5
@@ -391,7 +391,7 @@ constexpr uint8_t Format(uint8_t type) {
 
 class ReadFormatCapacity : public DiscTest {
   protected:
-    // totalKB of a disc of this class and kind, 5 if it is left alone.
+    // totalKB of a disc of this class and kind; 5 when it is unchanged.
     uint64_t TotalKB(uint32_t discClass, uint32_t mediaKind) {
         info_ = Disc(discClass, mediaKind);
         info_.totalKB = 5;
@@ -414,7 +414,7 @@ TEST_F(ReadFormatCapacity, PrintsTheListInRowsOfSixteen) {
     EXPECT_EQ("2e ", LinesOf(Dev_ReadFormatCapacity)[2]);
 }
 
-TEST_F(ReadFormatCapacity, TellsTheTypeOfTheCurrentDescriptor) {
+TEST_F(ReadFormatCapacity, PrintsTheTypeOfTheCurrentDescriptor) {
     const char *const texts[] = {"Reserved descriptor type", "Unformatted Media", "Formatted disc",
                                  "No Media Present/ Unknown capacity media"};
     for (unsigned type = 0; type < 4; ++type) {
@@ -453,9 +453,9 @@ TEST_F(ReadFormatCapacity, WrapsTheFullFormatProduct) {
     EXPECT_EQ(0U, TotalKB(3, 3));
 }
 
-TEST_F(ReadFormatCapacity, TakesTheFormatOfTheFamilyForARewritableDisc) {
+TEST_F(ReadFormatCapacity, UsesTheFormatOfTheFamilyForARewritableDisc) {
     drive_.Load("dvd_minus_rw_overwrite.hex");
-    EXPECT_EQ(2U * 2297888, TotalKB(3, 3)) << "over the wrapped product";
+    EXPECT_EQ(2U * 2297888, TotalKB(3, 3)) << "not the wrapped product";
     for (const uint8_t type : {uint8_t{0x26}, uint8_t{0x10}}) {
         for (const uint32_t discClass : {1U, 2U, 3U, 4U, 5U, 6U, 7U}) {
             for (const uint32_t mediaKind : {1U, 2U, 3U, 4U}) {
@@ -479,8 +479,8 @@ TEST_F(ReadFormatCapacity, IgnoresOtherFormatTypes) {
     }
 }
 
-// Up to 8 bytes there is no formattable descriptor; up to 15 no current one either, and the first
-// formattable descriptor is cut short.
+// Up to 8 bytes there is no formattable descriptor. From 9 to 15 there is no current descriptor,
+// and the first formattable one is incomplete.
 TEST_F(ReadFormatCapacity, ReadsListsOfEveryLength) {
     for (unsigned length = 0; length <= 33; ++length) {
         Bytes reply = CapacityList(
@@ -489,7 +489,7 @@ TEST_F(ReadFormatCapacity, ReadsListsOfEveryLength) {
              Descriptor(300, 0x00, 2048), Descriptor(400, 0x00, 2048)});
         reply.resize(4 + length);
         drive_.Reply(0x23, reply);
-        // (L - 9) / 8 + 1 descriptors from byte 12 on; one that is cut has no block length.
+        // (L - 9) / 8 + 1 descriptors from byte 12 on; an incomplete one has no block length.
         const unsigned count = length < 9 ? 0 : (length - 9) / 8 + 1;
         const unsigned whole = length < 16 ? 0 : (length - 8) / 8;
         const uint64_t expected = count == 0 ? 5 : count > whole ? 0 : 2 * 100 * whole;
@@ -500,13 +500,12 @@ TEST_F(ReadFormatCapacity, ReadsListsOfEveryLength) {
     }
 }
 
-// Descriptors that were announced and did not come change nothing.
-TEST_F(ReadFormatCapacity, KeepsToTheDescriptorsThatArrived) {
+// A descriptor that was announced but did not arrive is a full format of 0 blocks.
+TEST_F(ReadFormatCapacity, ReadsDescriptorsThatDidNotArriveAsZero) {
     drive_.Load("dvd_minus_rw_overwrite.hex");
-    drive_.cut[0x23] = 28;  // the full formats 00h and 10h
     EXPECT_EQ(2U * 2297888, TotalKB(3, 3));
-    drive_.cut[0x23] = 20;  // 00h alone
-    EXPECT_EQ(401472U, TotalKB(3, 3));
+    drive_.cut[0x23] = 28;  // the full formats 00h and 10h
+    EXPECT_EQ(0U, TotalKB(3, 3));
 }
 
 class ReadBufferCapacity : public DiscTest {};
@@ -524,7 +523,7 @@ TEST_F(ReadBufferCapacity, RoundsUpToWholeMebibytes) {
     for (const auto &item : cases) {
         drive_.Patch(0x5C, 4, BigEndian32(item.bytes));
         EXPECT_EQ(Lines{std::string{"DEV:Dev_ReadBufferCapacity(): "} + item.text},
-                  CaptureLog([&] { EXPECT_EQ(1, Dev_ReadBufferCapacity(kNode, fd_)); }));
+                  CaptureLog([&] { EXPECT_EQ(DEV_QUERY_OK, Dev_ReadBufferCapacity(kNode, fd_)); }));
     }
 }
 

@@ -1,9 +1,11 @@
-// What all the commands that ask a drive about its disc have in common: the form of the requests,
-// the learned lengths, failures, and replies that end early.
+// What all commands that query a disc have in common: the form of the requests, the length of the
+// second one, failures, and replies that end early.
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 
+#include <algorithm>
 #include <string>
 
 #include "dev/DEV.h"
@@ -32,10 +34,10 @@ struct Command {
     const char *label;
     const char *peerName;  // of the opcode in sg_decode_sense, unless disks use it otherwise
     Query query;
-    tDiscInfo info;  // ahead of the call
-    Bytes cdb;       // as the first issue sends it
+    tDiscInfo info;  // before the call
+    Bytes cdb;       // of the first request
     unsigned length;
-    bool learns;  // issued again
+    bool sentTwice;
 };
 
 tDiscInfo WithLastTrack(uint32_t track) {
@@ -132,7 +134,7 @@ const Command kCommands[] = {
      true},
 };
 
-// A reply with every field set: 40 bytes that no command reads as an error.
+// A reply with every field set: 40 bytes that every command accepts.
 Bytes FullReply(const Command &command) {
     Bytes data(40, 0);
     for (size_t i = 4; i < data.size(); ++i) {
@@ -150,26 +152,27 @@ Bytes FullReply(const Command &command) {
     return data;
 }
 
-// The second issue of READ FORMAT CAPACITY has byte 3 + 4, that of the others bytes 0-1 + 2: 40.
+// The second request of READ FORMAT CAPACITY is for byte 3 + 4 bytes, that of the others for bytes
+// 0-1 + 2: 40.
 constexpr unsigned kFullLength = 40;
 
 class MmcCommand : public DiscTest {
   protected:
-    std::string TextFor(const Command &command, int result = 1) {
+    std::string TextFor(const Command &command, int result = DEV_QUERY_OK) {
         info_ = command.info;
         return TextOf(command.query, result);
     }
 };
 
-TEST_F(MmcCommand, AsksAgainForTheLengthThatItLearned) {
+TEST_F(MmcCommand, IsSentAgainForTheLengthInTheReply) {
     for (const Command &command : kCommands) {
         SCOPED_TRACE(command.label);
         drive_.Reply(command.cdb[0], FullReply(command));
         drive_.requests.clear();
         TextFor(command);
-        ASSERT_EQ(command.learns ? 2U : 1U, drive_.requests.size());
+        ASSERT_EQ(command.sentTwice ? 2U : 1U, drive_.requests.size());
         ExpectDataIn(drive_.requests[0], command.cdb, command.length);
-        if (command.learns) {
+        if (command.sentTwice) {
             Bytes cdb = command.cdb;
             cdb[cdb.size() == 12 ? 9 : 8] = kFullLength;
             ExpectDataIn(drive_.requests[1], cdb, kFullLength);
@@ -177,7 +180,7 @@ TEST_F(MmcCommand, AsksAgainForTheLengthThatItLearned) {
     }
 }
 
-TEST_F(MmcCommand, SendsOpcodesThatSgDecodeSenseKnowsByTheirNames) {
+TEST_F(MmcCommand, HasTheNameThatSgDecodeSenseGivesItsOpcode) {
     for (const Command &command : kCommands) {
         if (command.peerName != nullptr) {
             EXPECT_EQ(command.peerName,
@@ -186,19 +189,19 @@ TEST_F(MmcCommand, SendsOpcodesThatSgDecodeSenseKnowsByTheirNames) {
     }
 }
 
-TEST_F(MmcCommand, FailsWhenEitherIssueFails) {
+TEST_F(MmcCommand, FailsWhenEitherRequestFails) {
     for (const Command &command : kCommands) {
         const std::string fail =
             std::string{"DEV:Dev_ExecMMC(): ((/dev/sr0) "} + command.label + ") Fail";
-        for (size_t good = 0; good < (command.learns ? 2U : 1U); ++good) {
+        for (size_t good = 0; good < (command.sentTwice ? 2U : 1U); ++good) {
             drive_.requests.clear();
             for (size_t i = 0; i < good; ++i) {
                 drive_.Next(command.cdb[0], SgAnswer::Data(FullReply(command)));
             }
             drive_.Next(command.cdb[0], SgAnswer::Check(0x03, 0x11, 0x00));
             info_ = command.info;
-            EXPECT_EQ(Lines{fail}, LinesOf(command.query, 0));
-            EXPECT_EQ(good + 1, drive_.requests.size()) << "nothing is sent once more";
+            EXPECT_EQ(Lines{fail}, LinesOf(command.query, DEV_QUERY_FAILED));
+            EXPECT_EQ(good + 1, drive_.requests.size()) << "no further request";
             EXPECT_TRUE(command.info == info_) << command.label;
         }
     }
@@ -207,17 +210,16 @@ TEST_F(MmcCommand, FailsWhenEitherIssueFails) {
 TEST_F(MmcCommand, FailsWithoutDriver) {
     for (const Command &command : kCommands) {
         drive_.driverVersion = 29999;
-        TextFor(command, 0);
+        TextFor(command, DEV_QUERY_FAILED);
         drive_.driverVersion = 30000;
         drive_.Next(command.cdb[0], SgAnswer::Error(EIO));
-        TextFor(command, 0);
+        TextFor(command, DEV_QUERY_FAILED);
         EXPECT_TRUE(command.info == info_) << command.label;
     }
 }
 
-// A drive may announce more than it sends, and a host adapter may spoil the rest of the buffer:
-// only what arrived counts, and a number that did not arrive whole is zero.
-TEST_F(MmcCommand, ReadsNothingBeyondWhatArrived) {
+// A drive may announce more than it sends.
+TEST_F(MmcCommand, ReadsBytesThatDidNotArriveAsZero) {
     for (const Command &command : kCommands) {
         const Bytes whole = FullReply(command);
         for (size_t length = 0; length <= whole.size(); ++length) {
@@ -225,57 +227,51 @@ TEST_F(MmcCommand, ReadsNothingBeyondWhatArrived) {
             drive_.Reply(command.cdb[0], whole);
             drive_.cut[command.cdb[0]] = length;
             info_ = command.info;
-            int clean = -1;
-            int dirty = -1;
-            const std::string text = Capture([&] { clean = command.query(kNode, fd_, &info_); });
+            int cut = -1;
+            int padded = -1;
+            const std::string text = Capture([&] { cut = command.query(kNode, fd_, &info_); });
             const tDiscInfo found = info_;
+            drive_.cut.clear();
+            Bytes zeroed = whole;
+            std::fill(zeroed.begin() + static_cast<std::ptrdiff_t>(length), zeroed.end(), 0);
+            drive_.Reply(command.cdb[0], zeroed);
             info_ = command.info;
-            drive_.dirty = true;
-            EXPECT_EQ(text, Capture([&] { dirty = command.query(kNode, fd_, &info_); }));
-            drive_.dirty = false;
-            EXPECT_EQ(clean, dirty);
+            EXPECT_EQ(text, Capture([&] { padded = command.query(kNode, fd_, &info_); }));
+            EXPECT_EQ(padded, cut);
             EXPECT_TRUE(found == info_);
         }
     }
 }
 
-// A driver that does not count what arrived leaves the residue at 0: the bytes are there.
-TEST_F(MmcCommand, TakesAllBytesWhenTheDriverDoesNotCount) {
+// Some bridges deliver all data and report a residue of the whole length, or any other.
+TEST_F(MmcCommand, IgnoresTheResidue) {
     for (const Command &command : kCommands) {
         drive_.Reply(command.cdb[0], FullReply(command));
-        const std::string counted = TextFor(command);
+        const std::string expected = TextFor(command);
         const tDiscInfo found = info_;
         SgAnswer answer = SgAnswer::Data(FullReply(command));
-        answer.countsBytes = false;
-        for (int i = 0; i < (command.learns ? 2 : 1); ++i) {
-            drive_.Next(command.cdb[0], answer);
+        for (const int residue : {0, 1, 36, 40, 252, 65535, INT_MAX, -1, INT_MIN}) {
+            answer.residue = residue;
+            for (int i = 0; i < (command.sentTwice ? 2 : 1); ++i) {
+                drive_.Next(command.cdb[0], answer);
+            }
+            EXPECT_EQ(expected, TextFor(command)) << command.label << " " << residue;
+            EXPECT_TRUE(found == info_) << command.label << " " << residue;
         }
-        EXPECT_EQ(counted, TextFor(command));
-        EXPECT_TRUE(found == info_);
     }
 }
 
-// A residue below zero does not bring back what the first issue left behind the reply, and one over
-// the request's length leaves nothing of it.
-TEST_F(MmcCommand, TakesNoResidueBeyondTheRequest) {
+// The first request brings 36 bytes, the second one 20, which end before the track's size.
+TEST_F(MmcCommand, ReadsNothingBeyondTheSecondRequest) {
     Bytes data(36, 0);
-    data[1] = 18;  // 20 bytes, up to the free blocks and without the track's size
-    data[19] = 7;
-    data[27] = 9;
-    SgAnswer answer = SgAnswer::Data(data);
+    data[1] = 18;
+    data[19] = 7;  // free blocks
+    data[27] = 9;  // track size
+    drive_.Reply(0x52, data);
     info_ = WithLastTrack(1);
-    drive_.Next(0x52, answer);
-    answer.residueError = -16;
-    drive_.Next(0x52, answer);
     TextOf(Dev_ReadTrackInfo);
     EXPECT_EQ(20U, drive_.requests.back().length);
     EXPECT_EQ(7U, info_.freeBlocks);
-    EXPECT_EQ(0U, info_.trackSize);
-    answer.residueError = 21;
-    drive_.Next(0x52, SgAnswer::Data(data));
-    drive_.Next(0x52, answer);
-    TextOf(Dev_ReadTrackInfo);
-    EXPECT_EQ(0U, info_.freeBlocks);
     EXPECT_EQ(0U, info_.trackSize);
 }
 
@@ -283,8 +279,8 @@ TEST_F(MmcCommand, FailsWithoutDescriptor) {
     for (const Command &command : kCommands) {
         if (command.query != BufferCapacity) {
             drive_.requests.clear();
-            const Lines lines =
-                talvek::test::CaptureLog([&] { EXPECT_EQ(0, command.query(kNode, fd_, nullptr)); });
+            const Lines lines = talvek::test::CaptureLog(
+                [&] { EXPECT_EQ(DEV_QUERY_FAILED, command.query(kNode, fd_, nullptr)); });
             ASSERT_EQ(1U, lines.size());
             EXPECT_NE(std::string::npos, lines[0].find("(): Get Null ptr"));
             EXPECT_TRUE(drive_.requests.empty());
@@ -292,16 +288,16 @@ TEST_F(MmcCommand, FailsWithoutDescriptor) {
     }
 }
 
-// Lengths at the ends of what the reply's two bytes can announce.
-struct LearnedLength {
+// A length in the first two bytes of a reply, and the length of the second request.
+struct LengthCase {
     uint16_t announced;
-    unsigned asked;
+    unsigned requested;
 };
 
 template <size_t kCount>
 void ExpectLengths(talvek::test::SimulatedDrive &drive, int fd, const Command &command,
-                   const LearnedLength (&cases)[kCount]) {
-    for (const LearnedLength &item : cases) {
+                   const LengthCase (&cases)[kCount]) {
+    for (const LengthCase &item : cases) {
         drive.Reply(command.cdb[0], {static_cast<uint8_t>(item.announced >> 8),
                                      static_cast<uint8_t>(item.announced)});
         drive.requests.clear();
@@ -310,9 +306,9 @@ void ExpectLengths(talvek::test::SimulatedDrive &drive, int fd, const Command &c
         ASSERT_EQ(2U, drive.requests.size());
         Bytes cdb = command.cdb;
         const size_t at = cdb.size() == 12 ? 8 : 7;
-        cdb[at] = static_cast<uint8_t>(item.asked >> 8);
-        cdb[at + 1] = static_cast<uint8_t>(item.asked);
-        ExpectDataIn(drive.requests[1], cdb, item.asked);
+        cdb[at] = static_cast<uint8_t>(item.requested >> 8);
+        cdb[at + 1] = static_cast<uint8_t>(item.requested);
+        ExpectDataIn(drive.requests[1], cdb, item.requested);
     }
 }
 
@@ -326,7 +322,7 @@ const Command &CommandOf(Query query) {
     return kCommands[0];
 }
 
-TEST_F(MmcCommand, CapsDiscInformationAt255) {
+TEST_F(MmcCommand, RequestsAtMost255BytesOfDiscInformation) {
     ExpectLengths(drive_, fd_, CommandOf(Dev_ReadDiscInfo),
                   {{0, 2},
                    {32, 34},
@@ -338,7 +334,7 @@ TEST_F(MmcCommand, CapsDiscInformationAt255) {
                    {65535, 255}});
 }
 
-TEST_F(MmcCommand, AsksForTheFullFieldFrom65534On) {
+TEST_F(MmcCommand, Requests65535BytesFor65534AndMore) {
     for (const Query query : {Dev_ReadTrackInfo, Dev_ReadDvdStruct}) {
         ExpectLengths(drive_, fd_, CommandOf(query),
                       {{0, 2},
@@ -352,7 +348,7 @@ TEST_F(MmcCommand, AsksForTheFullFieldFrom65534On) {
 }
 
 // The allocation length of READ TOC/PMA/ATIP has two bytes.
-TEST_F(MmcCommand, AsksForNoMoreThanTheTocFieldHolds) {
+TEST_F(MmcCommand, RequestsAtMost65535BytesOfAToc) {
     for (const Query query : {Dev_ReadCdATIP, Dev_ReadCdToc, Dev_ReadDvdRToc}) {
         ExpectLengths(
             drive_, fd_, CommandOf(query),
@@ -360,7 +356,7 @@ TEST_F(MmcCommand, AsksForNoMoreThanTheTocFieldHolds) {
     }
 }
 
-TEST_F(MmcCommand, AsksForTheCapacityListWithItsHeader) {
+TEST_F(MmcCommand, RequestsTheCapacityListWithItsHeader) {
     const Command &command = CommandOf(Dev_ReadFormatCapacity);
     for (const unsigned listLength : {0U, 8U, 248U, 252U, 255U}) {
         drive_.Reply(0x23, {0, 0, 0, static_cast<uint8_t>(listLength)});

@@ -59,7 +59,7 @@ TEST(RewritableCapacity, MountsTheDriveForReading) {
             tDevInfo dev = Drive();
             EXPECT_EQ(
                 Lines{"DEV:" + std::string{item.name} + "(): (/dev/sr0) : used_capacity = 8192"},
-                CaptureLog([&] { EXPECT_EQ(1, item.entry(&dev)); }));
+                CaptureLog([&] { EXPECT_EQ(DEV_QUERY_OK, item.entry(&dev)); }));
             EXPECT_EQ(8192U, dev.u.disc.usedKB);
             ASSERT_EQ(1U, g_isoMounts.size());
             EXPECT_EQ("/dev/sr0", g_isoMounts[0].source);
@@ -69,7 +69,7 @@ TEST(RewritableCapacity, MountsTheDriveForReading) {
             EXPECT_FALSE(IsMounted(item.dir));
             EXPECT_EQ(std::vector<double>{1.0}, TakePauses());
             struct stat st = {};
-            EXPECT_EQ(0, stat(item.dir, &st)) << "the directory stays for the next disc";
+            EXPECT_EQ(0, stat(item.dir, &st)) << "the directory stays";
         }
     });
 }
@@ -80,64 +80,62 @@ TEST(RewritableCapacity, CountsTheWholeFileSystem) {
         MountTmpfs("/var");
         g_isoSize = "size=5g";
         tDevInfo dev = Drive();
-        CaptureLog([&] { EXPECT_EQ(1, Dev_GetDvdPlusRwInfo(&dev)); });
+        CaptureLog([&] { EXPECT_EQ(DEV_QUERY_OK, Dev_GetDvdPlusRwInfo(&dev)); });
         EXPECT_EQ(5242880U, dev.u.disc.usedKB);
     });
 }
 
-TEST(RewritableCapacity, TakesADirectoryThatIsThereAndUnmountsWhatIsLeftOnIt) {
+TEST(RewritableCapacity, UsesAnExistingDirectoryAndUnmountsWhatIsOnIt) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         for (const Measure &item : kMeasures) {
             ASSERT_EQ(0, mkdir(item.dir, 0755));
             MountTmpfs(item.dir);
             tDevInfo dev = Drive();
-            CaptureLog([&] { EXPECT_EQ(1, item.entry(&dev)); });
+            CaptureLog([&] { EXPECT_EQ(DEV_QUERY_OK, item.entry(&dev)); });
             EXPECT_FALSE(IsMounted(item.dir));
         }
     });
 }
 
-TEST(RewritableCapacity, FailsWithoutADirectory) {
+// Measures with a /var that allows no directory; `error` is in the log.
+void ExpectNoDirectory(const Measure &item, const char *error) {
+    tDevInfo dev = Drive();
+    const Lines lines = CaptureLog([&] { EXPECT_EQ(DEV_QUERY_FAILED, item.entry(&dev)); });
+    EXPECT_EQ("DEV:" + std::string{item.name} + "(): COM_Mkdir(" + item.dir + ") error : " + error,
+              lines.back());
+    EXPECT_EQ(7U, dev.u.disc.usedKB);
+    EXPECT_TRUE(g_isoMounts.empty());
+}
+
+TEST(RewritableCapacity, FailsWhenTheDirectoryCannotBeMade) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         ASSERT_EQ(0, mount(nullptr, "/var", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
         for (const Measure &item : kMeasures) {
-            tDevInfo dev = Drive();
-            const Lines lines = CaptureLog([&] { EXPECT_EQ(0, item.entry(&dev)); });
-            EXPECT_EQ("DEV:" + std::string{item.name} + "(): COM_Mkdir(" + item.dir +
-                          ") error : Read-only file system",
-                      lines.back());
-            EXPECT_EQ(7U, dev.u.disc.usedKB);
+            ExpectNoDirectory(item, "Read-only file system");
         }
-        EXPECT_TRUE(g_isoMounts.empty());
     });
 }
 
-TEST(RewritableCapacity, TakesNoFileForADirectory) {
+TEST(RewritableCapacity, FailsWhenTheDirectoryIsAFile) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         for (const Measure &item : kMeasures) {
             WriteFile(item.dir, "");
-            tDevInfo dev = Drive();
-            const Lines lines = CaptureLog([&] { EXPECT_EQ(0, item.entry(&dev)); });
-            EXPECT_EQ("DEV:" + std::string{item.name} + "(): COM_Mkdir(" + item.dir +
-                          ") error : File exists",
-                      lines.back());
-            EXPECT_EQ(7U, dev.u.disc.usedKB);
+            ExpectNoDirectory(item, "File exists");
         }
-        EXPECT_TRUE(g_isoMounts.empty());
     });
 }
 
-TEST(RewritableCapacity, FailsWithoutAFileSystem) {
+TEST(RewritableCapacity, FailsWhenTheDiscCannotBeMounted) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         g_isoError = EINVAL;
         for (const Measure &item : kMeasures) {
             TakePauses();
             tDevInfo dev = Drive();
-            const Lines lines = CaptureLog([&] { EXPECT_EQ(0, item.entry(&dev)); });
+            const Lines lines = CaptureLog([&] { EXPECT_EQ(DEV_QUERY_FAILED, item.entry(&dev)); });
             EXPECT_EQ("DEV:" + std::string{item.name} + "(): Dev_Mount(/dev/sr0, " + item.dir +
                           ") error : Invalid argument",
                       lines.back());
@@ -147,10 +145,10 @@ TEST(RewritableCapacity, FailsWithoutAFileSystem) {
     });
 }
 
-TEST(RewritableCapacity, NeedsARecord) {
+TEST(RewritableCapacity, RefusesNull) {
     for (const Measure &item : kMeasures) {
         EXPECT_EQ(Lines{"DEV:" + std::string{item.name} + "(): Get Null ptr"},
-                  CaptureLog([&] { EXPECT_EQ(0, item.entry(nullptr)); }));
+                  CaptureLog([&] { EXPECT_EQ(DEV_QUERY_FAILED, item.entry(nullptr)); }));
     }
 }
 

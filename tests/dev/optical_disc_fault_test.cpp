@@ -1,4 +1,4 @@
-// Each call of the C library fails in turn while a disc is identified.
+// Every call of the C library fails in turn while a disc is identified.
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -39,19 +39,19 @@ class DiscFault : public DiscTest {};
 
 TEST_F(DiscFault, NeedsMemoryForInquiryAndConfiguration) {
     const long blocks = HeldBlocks();
-    char model[25] = "before";
+    char model[DEV_MODEL_SIZE] = "before";
     const Lines inquiry = CaptureLog([&] {
         const Fault fault{"malloc", 0, ENOMEM};
-        EXPECT_EQ(0, Dev_Inquiry(kNode, fd_, model));
+        EXPECT_EQ(DEV_QUERY_FAILED, Dev_Inquiry(kNode, fd_, model));
     });
     EXPECT_EQ(Lines{"DEV:Dev_Inquiry(): reply_buf = NULL"}, inquiry);
     EXPECT_STREQ("before", model);
     const Lines configuration = CaptureLog([&] {
         const Fault fault{"malloc", 0, ENOMEM};
-        EXPECT_EQ(0, Dev_GetConfiguration(kNode, fd_, &info_));
+        EXPECT_EQ(DEV_QUERY_FAILED, Dev_GetConfiguration(kNode, fd_, &info_));
     });
     EXPECT_EQ(Lines{"DEV:Dev_GetConfiguration(): reply_buf = NULL"}, configuration);
-    EXPECT_TRUE(tDiscInfo{} == info_) << "the preset comes behind the buffer";
+    EXPECT_TRUE(tDiscInfo{} == info_) << "the buffer is allocated before the preset";
     EXPECT_TRUE(drive_.requests.empty());
     EXPECT_EQ(blocks, HeldBlocks());
 }
@@ -60,8 +60,8 @@ TEST_F(DiscFault, IdentifiesWithoutInquiry) {
     drive_.Load("dvd_rom.hex");
     tDevInfo dev = Drive();
     Capture([&] {
-        const Fault fault{"malloc", 0, ENOMEM};  // the first buffer is the inquiry's
-        EXPECT_EQ(0, Dev_GetDiscInfo(&dev));
+        const Fault fault{"malloc", 0, ENOMEM};  // the buffer of INQUIRY
+        EXPECT_EQ(DEV_DISC_INFO_OK, Dev_GetDiscInfo(&dev));
         EXPECT_TRUE(Fault::Tripped());
     });
 }
@@ -73,7 +73,7 @@ TEST(RewritableCapacityFault, UnmountsWhenTheFileSystemCannotBeMeasured) {
         dev.u.disc.usedKB = 7;
         const Lines lines = CaptureLog([&] {
             const Fault fault{"statfs", 0, EIO};
-            EXPECT_EQ(0, Dev_GetBDReInfo(&dev));
+            EXPECT_EQ(DEV_QUERY_FAILED, Dev_GetBDReInfo(&dev));
         });
         EXPECT_EQ(Lines{"DEV:Dev_GetBDReInfo(): statfs(/dev/sr0,/var/bd_re) error : "
                         "Input/output error"},
@@ -85,8 +85,8 @@ TEST(RewritableCapacityFault, UnmountsWhenTheFileSystemCannotBeMeasured) {
     });
 }
 
-// Nothing is left behind whatever fails, for the longest sequences there are.
-TEST(DiscFaultSweep, LeavesNothingBehind) {
+// The longest sequences of commands.
+TEST(DiscFaultSweep, ReleasesEverythingAfterEveryFailure) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         for (const char *fixture :
@@ -101,7 +101,10 @@ TEST(DiscFaultSweep, LeavesNothingBehind) {
                     calls = EveryCallFails(error, [] {
                         tDevInfo dev = Drive();
                         const int result = Dev_GetDiscInfo(&dev);
-                        EXPECT_TRUE(result == 0 || result == -1 || result == -130) << result;
+                        EXPECT_TRUE(result == DEV_DISC_INFO_OK ||
+                                    result == DEV_DISC_INFO_OPEN_FAILED ||
+                                    result == DEV_DISC_INFO_UNSUPPORTED)
+                            << result;
                     });
                 });
                 EXPECT_FALSE(::testing::Test::HasFailure()) << output;

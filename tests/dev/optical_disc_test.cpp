@@ -37,7 +37,7 @@ using talvek::test::SgRequest;
 using talvek::test::SimulatedDrive;
 using talvek::test::TakePauses;
 
-// A record as the enumeration leaves it, with something in the descriptor.
+// A record as the enumeration leaves it, with other bytes in the descriptor.
 tDevInfo Drive() {
     tDevInfo dev = {};
     strcpy(dev.model, "DRV WR24X B");
@@ -57,15 +57,20 @@ size_t OpenFds() {
     return count;
 }
 
+// The values that other programs are compiled with.
+static_assert(DEV_DISC_INFO_OK == 0 && DEV_DISC_INFO_NO_RECORD == 1 &&
+              DEV_DISC_INFO_NOT_OPTICAL == 2 && DEV_DISC_INFO_OPEN_FAILED == -1 &&
+              DEV_DISC_INFO_NOT_READY == -129 && DEV_DISC_INFO_UNSUPPORTED == -130);
+
 struct Identified {
     int result;
     tDevInfo dev;
     std::string text;
     std::string opcodes;
-    std::string mountDir;  // of the measurement, empty if there was none
+    std::string mountDir;  // of the measurement; empty without one
 };
 
-// Identifies the disc of `drive`, which is at /dev/sg1, in a world whose /var may be written.
+// Identifies the disc of `drive`, which is at /dev/sg1. /var must be writable.
 Identified Identify(SimulatedDrive &drive) {
     Identified found = {};
     found.dev = Drive();
@@ -85,7 +90,7 @@ void ExpectIdentified(const ExpectedDisc &expected, const Identified &found) {
     EXPECT_EQ(*expected.opcodes != '\0' ? start + " " + expected.opcodes : start, found.opcodes);
     EXPECT_EQ(expected.mountDir, found.mountDir);
     EXPECT_EQ(1, found.dev.ready);
-    EXPECT_STREQ("DRV WR24X B", found.dev.model) << "the model is the enumeration's";
+    EXPECT_STREQ("DRV WR24X B", found.dev.model) << "unchanged";
     const tDiscInfo &info = found.dev.u.disc;
     EXPECT_EQ(expected.info.discClass, info.discClass);
     EXPECT_EQ(expected.info.mediaKind, info.mediaKind);
@@ -115,10 +120,10 @@ TEST(GetDiscInfo, IdentifiesEveryKindOfDisc) {
 
 class Identification : public DiscTest {};
 
-TEST_F(Identification, TellsAnUnknownProfile) {
+TEST_F(Identification, LogsAnUnknownProfile) {
     drive_.Load("bd_re.hex");
     const Identified found = Identify(drive_);
-    EXPECT_EQ(-130, found.result);
+    EXPECT_EQ(DEV_DISC_INFO_UNSUPPORTED, found.result);
     const Lines lines = LogLines(found.text);
     ASSERT_GE(lines.size(), 2U);
     EXPECT_EQ("DEV:Dev_GetConfiguration(): Disc type(0x0043) unreconfized and unsupported!",
@@ -136,7 +141,7 @@ TEST_F(Identification, AsksABdRomForDiscInformationOnly) {
     EXPECT_EQ("DEV:Dev_ReadDiscInfo(): This disc is BD-R", lines[lines.size() - 3]);
 }
 
-TEST_F(Identification, TellsTheDriveAheadOfTheDisc) {
+TEST_F(Identification, LogsTheDriveBeforeTheDisc) {
     drive_.Load("dvd_rom.hex");
     const Lines lines = LogLines(Identify(drive_).text);
     const Lines expected = {"DEV:Dev_Inquiry(): [/dev/sr0] : pModel = (nil)",
@@ -154,12 +159,12 @@ TEST_F(Identification, TellsTheDriveAheadOfTheDisc) {
 
 TEST_F(Identification, NeedsARecordOfAnOpticalDrive) {
     EXPECT_EQ(Lines{"DEV:Dev_GetDiscInfo(): Get Null ptr"},
-              CaptureLog([] { EXPECT_EQ(1, Dev_GetDiscInfo(nullptr)); }));
+              CaptureLog([] { EXPECT_EQ(DEV_DISC_INFO_NO_RECORD, Dev_GetDiscInfo(nullptr)); }));
     tDevInfo dev = Drive();
     dev.isOptical = 0;
     const tDevInfo before = dev;
     EXPECT_EQ(Lines{"DEV:Dev_GetDiscInfo(): /dev/sr0 is HDD type"},
-              CaptureLog([&] { EXPECT_EQ(2, Dev_GetDiscInfo(&dev)); }));
+              CaptureLog([&] { EXPECT_EQ(DEV_DISC_INFO_NOT_OPTICAL, Dev_GetDiscInfo(&dev)); }));
     EXPECT_EQ(0, memcmp(&before, &dev, sizeof dev));
     EXPECT_EQ(0, drive_.opens);
 }
@@ -170,7 +175,7 @@ TEST_F(Identification, NeedsTheNode) {
     drive_.openError = EBUSY;
     EXPECT_EQ(
         Lines{"DEV:Dev_GetDiscInfo(): open(/dev/sr0//dev/sg1) fail : Device or resource busy"},
-        CaptureLog([&] { EXPECT_EQ(-1, Dev_GetDiscInfo(&dev)); }));
+        CaptureLog([&] { EXPECT_EQ(DEV_DISC_INFO_OPEN_FAILED, Dev_GetDiscInfo(&dev)); }));
     EXPECT_EQ(0, memcmp(&before, &dev, sizeof dev));
 }
 
@@ -178,7 +183,7 @@ TEST_F(Identification, StopsWhenTheDriveIsNotReady) {
     drive_.Always(0x00, SgAnswer::Check(0x02, 0x3A, 0x00));
     TakePauses();
     const Identified found = Identify(drive_);
-    EXPECT_EQ(-129, found.result);
+    EXPECT_EQ(DEV_DISC_INFO_NOT_READY, found.result);
     EXPECT_EQ("00 00 00", found.opcodes);
     EXPECT_EQ(Lines(3, "DEV:Dev_ExecMMC(): ((/dev/sr0) TEST UNIT READY) Fail"),
               LogLines(found.text));
@@ -192,20 +197,35 @@ TEST_F(Identification, GoesOnWhenTheDriveBecomesReady) {
     drive_.Next(0x00, SgAnswer::Check(0x02, 0x04, 0x01));
     TakePauses();
     const Identified found = Identify(drive_);
-    EXPECT_EQ(0, found.result);
+    EXPECT_EQ(DEV_DISC_INFO_OK, found.result);
     EXPECT_EQ("00 00 12 46 43 43 51 51", found.opcodes);
     EXPECT_EQ(std::vector<double>{1.0}, TakePauses());
     EXPECT_EQ(1, found.dev.ready);
 }
 
+// Every request of a drive that does not answer ends after its time with a host status (03h:
+// DID_TIME_OUT) and without sense data.
+TEST_F(Identification, TakesADriveThatDoesNotAnswerForReadyAndUnsupported) {
+    SgAnswer noAnswer;
+    noAnswer.info = SG_INFO_CHECK;
+    noAnswer.hostStatus = 0x03;
+    for (const uint8_t opcode : Bytes{0x00, 0x12, 0x46}) {
+        drive_.Always(opcode, noAnswer);
+    }
+    const Identified found = Identify(drive_);
+    EXPECT_EQ(DEV_DISC_INFO_UNSUPPORTED, found.result);
+    EXPECT_EQ(1, found.dev.ready);
+    EXPECT_EQ("00 12 46", found.opcodes);
+    EXPECT_NE(std::string::npos, found.text.find("Disc type(0x0000) unreconfized"));
+}
+
 TEST_F(Identification, DoesNotNeedTheInquiry) {
     drive_.Load("dvd_rom.hex");
     drive_.Always(0x12, SgAnswer::Check(0x05, 0x24, 0x00));
-    EXPECT_EQ(0, Identify(drive_).result);
+    EXPECT_EQ(DEV_DISC_INFO_OK, Identify(drive_).result);
 }
 
-// Check conditions without sense count as success all the way through.
-TEST_F(Identification, TakesCheckConditionsWithoutSenseForSuccess) {
+TEST_F(Identification, CountsCheckConditionsWithoutSenseAsSuccess) {
     drive_.Load("cd_r_open.hex");
     const auto withCheck = [](Bytes data) {
         SgAnswer answer = SgAnswer::Check(0, 0, 0);
@@ -218,45 +238,44 @@ TEST_F(Identification, TakesCheckConditionsWithoutSenseForSuccess) {
         drive_.Next(0x51, withCheck(drive_.Data(0x51)));
     }
     const Identified found = Identify(drive_);
-    EXPECT_EQ(0, found.result);
+    EXPECT_EQ(DEV_DISC_INFO_OK, found.result);
     EXPECT_EQ(376560U, found.dev.u.disc.usedKB);
 }
 
 TEST_F(Identification, RefusesAnOldDriver) {
     drive_.driverVersion = 29999;
-    EXPECT_EQ(-129, Identify(drive_).result);
+    EXPECT_EQ(DEV_DISC_INFO_NOT_READY, Identify(drive_).result);
     drive_.driverVersion = 30000;
     drive_.Load("dvd_rom.hex");
-    EXPECT_EQ(0, Identify(drive_).result);
+    EXPECT_EQ(DEV_DISC_INFO_OK, Identify(drive_).result);
 }
 
-// Each issue of each command fails once; the sequence ends where it has to, and the result is 0
-// unless the profile itself is missing.
-TEST(GetDiscInfo, GoesAsFarAsTheDriveAnswers) {
+// Each request of each command fails once. The result is 0 unless the profile is missing.
+TEST(GetDiscInfo, EndsTheSequenceWhenARequestFails) {
     const struct {
         const char *fixture;
         uint8_t opcode;
-        int nth;  // issue that fails, from 0
+        int nth;  // request that fails, from 0
         const char *opcodes;
         int result;
     } cases[] = {
-        {"cd_r_open.hex", 0x46, 0, "00 12 46", -130},
-        {"cd_r_open.hex", 0x43, 0, "00 12 46 43", 0},
-        {"cd_r_open.hex", 0x43, 1, "00 12 46 43 43", 0},
-        {"cd_r_open.hex", 0x51, 0, "00 12 46 43 43 51", 0},
-        {"cd_r_open.hex", 0x51, 1, "00 12 46 43 43 51 51", 0},
-        {"cd_r_open.hex", 0x43, 2, "00 12 46 43 43 51 51 43", 0},
-        {"cd_r_open.hex", 0x43, 3, "00 12 46 43 43 51 51 43 43", 0},
-        {"dvd_plus_r_open.hex", 0x51, 0, "00 12 46 51", 0},
-        {"dvd_plus_r_open.hex", 0x51, 1, "00 12 46 51 51", 0},
-        {"dvd_plus_r_open.hex", 0xAD, 0, "00 12 46 51 51 ad", 0},
-        {"dvd_plus_r_open.hex", 0xAD, 1, "00 12 46 51 51 ad ad", 0},
-        {"dvd_plus_r_open.hex", 0x52, 0, "00 12 46 51 51 ad ad 52", 0},
-        {"dvd_plus_r_open.hex", 0x52, 1, "00 12 46 51 51 ad ad 52 52", 0},
-        {"dvd_minus_rw_sequential.hex", 0x23, 0, "00 12 46 51 51 23", 0},
-        {"dvd_minus_rw_sequential.hex", 0x23, 1, "00 12 46 51 51 23 23", 0},
-        {"bd_rom.hex", 0x51, 0, "00 12 46 51", 0},
-        {"bd_rom.hex", 0x51, 1, "00 12 46 51 51", 0},
+        {"cd_r_open.hex", 0x46, 0, "00 12 46", DEV_DISC_INFO_UNSUPPORTED},
+        {"cd_r_open.hex", 0x43, 0, "00 12 46 43", DEV_DISC_INFO_OK},
+        {"cd_r_open.hex", 0x43, 1, "00 12 46 43 43", DEV_DISC_INFO_OK},
+        {"cd_r_open.hex", 0x51, 0, "00 12 46 43 43 51", DEV_DISC_INFO_OK},
+        {"cd_r_open.hex", 0x51, 1, "00 12 46 43 43 51 51", DEV_DISC_INFO_OK},
+        {"cd_r_open.hex", 0x43, 2, "00 12 46 43 43 51 51 43", DEV_DISC_INFO_OK},
+        {"cd_r_open.hex", 0x43, 3, "00 12 46 43 43 51 51 43 43", DEV_DISC_INFO_OK},
+        {"dvd_plus_r_open.hex", 0x51, 0, "00 12 46 51", DEV_DISC_INFO_OK},
+        {"dvd_plus_r_open.hex", 0x51, 1, "00 12 46 51 51", DEV_DISC_INFO_OK},
+        {"dvd_plus_r_open.hex", 0xAD, 0, "00 12 46 51 51 ad", DEV_DISC_INFO_OK},
+        {"dvd_plus_r_open.hex", 0xAD, 1, "00 12 46 51 51 ad ad", DEV_DISC_INFO_OK},
+        {"dvd_plus_r_open.hex", 0x52, 0, "00 12 46 51 51 ad ad 52", DEV_DISC_INFO_OK},
+        {"dvd_plus_r_open.hex", 0x52, 1, "00 12 46 51 51 ad ad 52 52", DEV_DISC_INFO_OK},
+        {"dvd_minus_rw_sequential.hex", 0x23, 0, "00 12 46 51 51 23", DEV_DISC_INFO_OK},
+        {"dvd_minus_rw_sequential.hex", 0x23, 1, "00 12 46 51 51 23 23", DEV_DISC_INFO_OK},
+        {"bd_rom.hex", 0x51, 0, "00 12 46 51", DEV_DISC_INFO_OK},
+        {"bd_rom.hex", 0x51, 1, "00 12 46 51 51", DEV_DISC_INFO_OK},
     };
     for (const auto &item : cases) {
         SimulatedDrive drive{{"/dev/sg1"}};
@@ -269,9 +288,8 @@ TEST(GetDiscInfo, GoesAsFarAsTheDriveAnswers) {
     }
 }
 
-// What the fixtures have of one kind, with some bytes of another: states of a CD-RW, both sizes,
-// both layers of a DVD-R.
-TEST(GetDiscInfo, FollowsStateSizeAndLayers) {
+// Fixtures with some bytes changed: states of a CD-RW, both sizes and both layers of a DVD-R.
+TEST(GetDiscInfo, DerivesCapacitiesFromStateSizeAndLayers) {
     using Where = std::map<size_t, uint8_t>;
     struct Change {
         uint8_t opcode;
@@ -312,14 +330,13 @@ TEST(GetDiscInfo, FollowsStateSizeAndLayers) {
             drive.Patch(change.opcode, change.at, change.bytes, change.where);
         }
         const Identified found = Identify(drive);
-        EXPECT_EQ(0, found.result);
+        EXPECT_EQ(DEV_DISC_INFO_OK, found.result);
         EXPECT_EQ(item.totalKB, found.dev.u.disc.totalKB) << item.fixture;
         EXPECT_EQ(item.usedKB, found.dev.u.disc.usedKB) << item.fixture;
     }
 }
 
-// A disc that cannot be mounted keeps what its commands told.
-TEST(GetDiscInfo, KeepsTheCommandsCapacityWithoutAFileSystem) {
+TEST(GetDiscInfo, KeepsTheCapacityOfTheCommandsWhenTheDiscCannotBeMounted) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         g_isoError = EINVAL;
@@ -328,7 +345,7 @@ TEST(GetDiscInfo, KeepsTheCommandsCapacityWithoutAFileSystem) {
             drive.Load("drive.hex");
             drive.Load(fixture);
             const Identified found = Identify(drive);
-            EXPECT_EQ(0, found.result);
+            EXPECT_EQ(DEV_DISC_INFO_OK, found.result);
             EXPECT_NE("", found.mountDir);
             EXPECT_NE(0U, found.dev.u.disc.totalKB);
             EXPECT_EQ(found.dev.u.disc.totalKB, found.dev.u.disc.usedKB) << "finalized";
@@ -336,8 +353,7 @@ TEST(GetDiscInfo, KeepsTheCommandsCapacityWithoutAFileSystem) {
     });
 }
 
-// Only what is written and can be overwritten at random is measured.
-TEST(GetDiscInfo, MeasuresWhatIsWritten) {
+TEST(GetDiscInfo, MeasuresOnlyWrittenDiscsWithRandomOverwrite) {
     const struct {
         const char *fixture;
         uint8_t status;  // byte 2 of READ DISC INFORMATION
@@ -364,7 +380,7 @@ TEST(GetDiscInfo, MeasuresWhatIsWritten) {
             drive.Load(item.fixture);
             drive.Patch(0x51, 2, {item.status});
             const Identified found = Identify(drive);
-            EXPECT_EQ(0, found.result);
+            EXPECT_EQ(DEV_DISC_INFO_OK, found.result);
             EXPECT_EQ(item.mountDir, found.mountDir) << item.fixture << " " << int{item.status};
         }
     });
@@ -378,21 +394,21 @@ class CdInfo : public DiscTest {
     }
 };
 
-TEST_F(CdInfo, TellsWhichPartIsMissing) {
+TEST_F(CdInfo, LogsTheCommandThatFailed) {
     drive_.Fail(0x43, 0, SgAnswer::Check(0x05, 0x24, 0x00));
     EXPECT_EQ("DEV:Dev_GetCdInfo(): (/dev/sr0) : Read CD ATIP error",
-              LinesOf(Dev_GetCdInfo, 0).back());
+              LinesOf(Dev_GetCdInfo, DEV_QUERY_FAILED).back());
     drive_.Fail(0x51, 0, SgAnswer::Check(0x05, 0x24, 0x00));
     EXPECT_EQ("DEV:Dev_GetCdInfo(): (/dev/sr0) : Read CD DISC INFORMATION error",
-              LinesOf(Dev_GetCdInfo, 0).back());
-    EXPECT_EQ(719998U, info_.totalKB) << "what was found stays";
+              LinesOf(Dev_GetCdInfo, DEV_QUERY_FAILED).back());
+    EXPECT_EQ(719998U, info_.totalKB) << "read before the failure";
     info_.usedKB = 7;
     drive_.Fail(0x43, 2, SgAnswer::Check(0x05, 0x24, 0x00));
     EXPECT_EQ("DEV:Dev_GetCdInfo(): (/dev/sr0) : Read CD TOC error", LinesOf(Dev_GetCdInfo).back());
-    EXPECT_EQ(0U, info_.usedKB) << "twice the next lead-in, which is not known";
+    EXPECT_EQ(0U, info_.usedKB) << "twice the next lead-in, which is 0";
 }
 
-TEST_F(CdInfo, FindsTheUsedCapacityByStatus) {
+TEST_F(CdInfo, DerivesTheUsedCapacityFromTheStatus) {
     const uint64_t used[] = {0, 376560, 719998, 0};
     for (unsigned status = 0; status < 4; ++status) {
         drive_.Patch(0x51, 2, {static_cast<uint8_t>(status)});
@@ -403,10 +419,11 @@ TEST_F(CdInfo, FindsTheUsedCapacityByStatus) {
     }
 }
 
-TEST_F(CdInfo, ToleratesMissingArguments) {
+TEST_F(CdInfo, AcceptsNullForThePathOnly) {
     EXPECT_EQ(Lines{"DEV:Dev_GetCdInfo(): Get Null ptr"},
-              CaptureLog([&] { EXPECT_EQ(0, Dev_GetCdInfo(kNode, fd_, nullptr)); }));
-    const Lines lines = CaptureLog([&] { EXPECT_EQ(0, Dev_GetCdInfo(nullptr, -1, &info_)); });
+              CaptureLog([&] { EXPECT_EQ(DEV_QUERY_FAILED, Dev_GetCdInfo(kNode, fd_, nullptr)); }));
+    const Lines lines =
+        CaptureLog([&] { EXPECT_EQ(DEV_QUERY_FAILED, Dev_GetCdInfo(nullptr, -1, &info_)); });
     EXPECT_EQ("DEV:Dev_GetCdInfo(): () : Read CD ATIP error", lines.back());
 }
 

@@ -37,7 +37,15 @@ using Lines = std::vector<std::string>;
 
 constexpr const char *kNode = "/dev/sg1";
 
-TEST(MmcCmd, HoldsLabelAndKernelRecord) {
+// The values that other programs are compiled with.
+static_assert(DEV_MMC_OK == 0 && DEV_MMC_NO_VERSION == -1 && DEV_MMC_OLD_DRIVER == -2 &&
+              DEV_MMC_IOCTL_FAILED == -3 && DEV_MMC_CHECK_CONDITION == -4);
+static_assert(DEV_MMC_QUIET == 0 && DEV_MMC_VERBOSE == 1);
+static_assert(DEV_QUERY_FAILED == 0 && DEV_QUERY_OK == 1);
+static_assert(DEV_LABEL_SIZE == 64 && DEV_SENSE_SIZE == 64 && DEV_MODEL_SIZE == 25 &&
+              DEV_REPLY_SIZE == 65536 && DEV_MMC_TIMEOUT_MS == 20000);
+
+TEST(MmcCmd, HasLabelAndKernelRecord) {
     EXPECT_EQ(64U, offsetof(tMmcCmd, hdr));
     EXPECT_EQ(64 + sizeof(sg_io_hdr_t), sizeof(tMmcCmd));
     if (sizeof(void *) == 4) {
@@ -45,7 +53,7 @@ TEST(MmcCmd, HoldsLabelAndKernelRecord) {
     }
 }
 
-// A drive and a request of opcode 25h to it, with a reply buffer of exactly the length asked for.
+// A drive and a request with opcode 25h, whose reply buffer has exactly the requested length.
 class ExecMmc : public ::testing::Test {
   protected:
     explicit ExecMmc(unsigned length = 8) : reply_(length, 0) {
@@ -56,7 +64,7 @@ class ExecMmc : public ::testing::Test {
         cmd_.hdr.cmdp = cdb_;
         cmd_.hdr.mx_sb_len = sizeof sense_;
         cmd_.hdr.sbp = sense_;
-        cmd_.hdr.timeout = 20000;
+        cmd_.hdr.timeout = DEV_MMC_TIMEOUT_MS;
         Ask(length);
         drive_.Reply(0x25, Bytes(64, 0x11));
     }
@@ -74,23 +82,24 @@ class ExecMmc : public ::testing::Test {
     SimulatedDrive drive_{{kNode}};
     int fd_ = drive_.Open();
     uint8_t cdb_[10] = {0x25};
-    uint8_t sense_[64] = {};
+    uint8_t sense_[DEV_SENSE_SIZE] = {};
     CanaryBuf reply_;
     tMmcCmd cmd_ = {};
 };
 
-TEST_F(ExecMmc, SucceedsWithoutAWord) {
-    EXPECT_EQ("", TextOf(0, 0));
+TEST_F(ExecMmc, LogsNothingForAQuietSuccess) {
+    EXPECT_EQ("", TextOf(DEV_MMC_OK, DEV_MMC_QUIET));
     EXPECT_EQ(1U, drive_.requests.size());
     EXPECT_EQ(0x11, reply_.bytes()[7]);
 }
 
-TEST_F(ExecMmc, FailsWithoutADriverVersion) {
+TEST_F(ExecMmc, FailsWhenTheDriverVersionCannotBeRead) {
     drive_.versionError = ENOTTY;
     EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ioctl() error : Inappropriate ioctl for device"},
-              LogOf(-1, 0));
+              LogOf(DEV_MMC_NO_VERSION, DEV_MMC_QUIET));
     EXPECT_TRUE(drive_.requests.empty());
-    const Lines lines = CaptureLog([&] { EXPECT_EQ(-1, Dev_ExecMMC(&cmd_, -1, 1)); });
+    const Lines lines =
+        CaptureLog([&] { EXPECT_EQ(DEV_MMC_NO_VERSION, Dev_ExecMMC(&cmd_, -1, DEV_MMC_VERBOSE)); });
     ASSERT_EQ(1U, lines.size());
     EXPECT_EQ(0U, lines[0].find("DEV:Dev_ExecMMC(): ioctl() error : "));
 }
@@ -98,31 +107,32 @@ TEST_F(ExecMmc, FailsWithoutADriverVersion) {
 TEST_F(ExecMmc, RefusesADriverOlderThanThree) {
     drive_.driverVersion = 29999;
     EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): \"(/dev/sg1) READ CAPACITY\"(25h) ver. too old(29999)"},
-              LogOf(-2, 0));
+              LogOf(DEV_MMC_OLD_DRIVER, DEV_MMC_QUIET));
     EXPECT_TRUE(drive_.requests.empty());
     drive_.driverVersion = 30000;
-    EXPECT_EQ(Lines{}, LogOf(0, 0));
+    EXPECT_EQ(Lines{}, LogOf(DEV_MMC_OK, DEV_MMC_QUIET));
     drive_.driverVersion = 30001;
-    EXPECT_EQ(Lines{}, LogOf(0, 0));
+    EXPECT_EQ(Lines{}, LogOf(DEV_MMC_OK, DEV_MMC_QUIET));
 }
 
-TEST_F(ExecMmc, TellsAFailedRequest) {
+TEST_F(ExecMmc, LogsAFailedIoctlAndDoesNotRepeatIt) {
     cdb_[0] = 0xAD;
     drive_.Next(0xAD, SgAnswer::Error(EIO));
     EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY (ADh) SG_IO ioctl error : "
                     "Input/output error"},
-              LogOf(-3, 0));
+              LogOf(DEV_MMC_IOCTL_FAILED, DEV_MMC_QUIET));
     cdb_[0] = 0x00;
     drive_.Next(0x00, SgAnswer::Error(ENOMEM));
     EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY (00h) SG_IO ioctl error : "
                     "Cannot allocate memory"},
-              LogOf(-3, 1));
-    EXPECT_EQ(2U, drive_.requests.size()) << "nothing is sent twice";
+              LogOf(DEV_MMC_IOCTL_FAILED, DEV_MMC_VERBOSE));
+    EXPECT_EQ(2U, drive_.requests.size());
 }
 
-TEST_F(ExecMmc, FailsOnCheckConditionWithASingleLine) {
+TEST_F(ExecMmc, LogsOneLineForAQuietCheckCondition) {
     drive_.Next(0x25, SgAnswer::Check(0x02, 0x3A, 0x01));
-    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail"}, LogOf(-4, 0));
+    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail"},
+              LogOf(DEV_MMC_CHECK_CONDITION, DEV_MMC_QUIET));
 }
 
 TEST_F(ExecMmc, ExplainsACheckCondition) {
@@ -138,10 +148,10 @@ TEST_F(ExecMmc, ExplainsACheckCondition) {
         "DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY driver status = 0x08",
         "DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail",
     };
-    EXPECT_EQ(expected, LogOf(-4, 1));
+    EXPECT_EQ(expected, LogOf(DEV_MMC_CHECK_CONDITION, DEV_MMC_VERBOSE));
 }
 
-// A line break stands before bytes 10, 20 ... and one newline behind the last byte.
+// A line break precedes bytes 10, 20 ..., and a newline follows the last byte.
 TEST_F(ExecMmc, PrintsSenseInRowsOfTen) {
     for (const size_t count : {1, 9, 10, 11, 19, 20, 21, 63, 64}) {
         SgAnswer answer = SgAnswer::Check(0x05, 0x24, 0x00);
@@ -154,37 +164,42 @@ TEST_F(ExecMmc, PrintsSenseInRowsOfTen) {
         }
         memset(sense_, 0, sizeof sense_);
         drive_.Next(0x25, answer);
-        const std::string output = TextOf(count >= 3 ? -4 : 0, 1);
+        const std::string output =
+            TextOf(count >= 3 ? int{DEV_MMC_CHECK_CONDITION} : int{DEV_MMC_OK}, DEV_MMC_VERBOSE);
         EXPECT_NE(std::string::npos, output.find("sense data :\n" + expected + "\nSense Key = "))
             << count << "\n"
             << output;
     }
 }
 
-TEST_F(ExecMmc, TellsEachStatusThatIsNotZero) {
+TEST_F(ExecMmc, LogsEachStatusThatIsNotZero) {
     SgAnswer answer;
     answer.info = 1;
     answer.hostStatus = 0x0A;
     drive_.Next(0x25, answer);
-    EXPECT_EQ("DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY host status = 0x0A", LogOf(0, 1)[0]);
+    EXPECT_EQ("DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY host status = 0x0A",
+              LogOf(DEV_MMC_OK, DEV_MMC_VERBOSE)[0]);
 
     answer.hostStatus = 0;
-    answer.driverStatus = 0x0A;  // in lower case, as the only one
+    answer.driverStatus = 0x0A;  // the only one in lower case
     drive_.Next(0x25, answer);
-    EXPECT_EQ("DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY driver status = 0x0a", LogOf(0, 1)[0]);
+    EXPECT_EQ("DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY driver status = 0x0a",
+              LogOf(DEV_MMC_OK, DEV_MMC_VERBOSE)[0]);
 
     answer.driverStatus = 0;
-    answer.status = 0x3E;  // shown unmasked
+    answer.status = 0x3E;  // this one is logged, not the masked one
     answer.maskedStatus = 0x1F;
     drive_.Next(0x25, answer);
-    EXPECT_EQ("DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY scsi status = 0x3E", LogOf(0, 1)[0]);
+    EXPECT_EQ("DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY scsi status = 0x3E",
+              LogOf(DEV_MMC_OK, DEV_MMC_VERBOSE)[0]);
 
-    answer.maskedStatus = 0;  // the unmasked status alone is not told
+    answer.maskedStatus = 0;  // then the status is not logged
     drive_.Next(0x25, answer);
-    EXPECT_EQ("DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail", LogOf(0, 1)[0]);
+    EXPECT_EQ("DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail",
+              LogOf(DEV_MMC_OK, DEV_MMC_VERBOSE)[0]);
 }
 
-TEST_F(ExecMmc, TellsTheStatusesInOrder) {
+TEST_F(ExecMmc, LogsScsiThenHostThenDriverStatus) {
     SgAnswer answer;
     answer.info = 1;
     answer.status = 0x08;  // BUSY
@@ -193,29 +208,56 @@ TEST_F(ExecMmc, TellsTheStatusesInOrder) {
     answer.driverStatus = 0x01;
     drive_.Next(0x25, answer);
     const std::string start = "DEV:Dev_ExecMMC(): (/dev/sg1) READ CAPACITY ";
-    const Lines lines = LogOf(0, 1);
+    const Lines lines = LogOf(DEV_MMC_OK, DEV_MMC_VERBOSE);
     EXPECT_EQ((Lines{start + "scsi status = 0x08", start + "host status = 0x02",
                      start + "driver status = 0x01"}),
               Lines(lines.begin(), lines.begin() + 3));
 }
 
-TEST_F(ExecMmc, TakesKeyCodeAndQualifierEachForAFailure) {
+TEST_F(ExecMmc, FailsWhenSenseKeyAscOrAscqIsNotZero) {
     const struct {
         Bytes sense;
         int result;
     } cases[] = {
-        {SgAnswer::Check(0x01, 0, 0).sense, -4}, {SgAnswer::Check(0x0F, 0, 0).sense, -4},
-        {SgAnswer::Check(0, 0x01, 0).sense, -4}, {SgAnswer::Check(0, 0, 0x01).sense, -4},
-        {SgAnswer::Check(0xF0, 0, 0).sense, 0},  // the high bits are no key
-        {SgAnswer::Check(0, 0, 0).sense, 0},     {{}, 0},
+        {SgAnswer::Check(0x01, 0, 0).sense, DEV_MMC_CHECK_CONDITION},
+        {SgAnswer::Check(0x0F, 0, 0).sense, DEV_MMC_CHECK_CONDITION},
+        {SgAnswer::Check(0, 0x01, 0).sense, DEV_MMC_CHECK_CONDITION},
+        {SgAnswer::Check(0, 0, 0x01).sense, DEV_MMC_CHECK_CONDITION},
+        {SgAnswer::Check(0xF0, 0, 0).sense, DEV_MMC_OK},  // the high bits are not the key
+        {SgAnswer::Check(0, 0, 0).sense, DEV_MMC_OK},
+        {{}, DEV_MMC_OK},
     };
     for (const auto &item : cases) {
         SgAnswer answer = SgAnswer::Check(0, 0, 0);
         answer.sense = item.sense;
         memset(sense_, 0, sizeof sense_);
         drive_.Next(0x25, answer);
-        TextOf(item.result, 0);
+        TextOf(item.result, DEV_MMC_QUIET);
     }
+}
+
+// SPC-3 4.5.2: response code, key, ASC and ASCQ are bytes 0 to 3. At the places of the fixed format
+// are the ASC (for the key) and descriptors or nothing (for ASC and ASCQ).
+TEST_F(ExecMmc, ReadsSenseInDescriptorFormatAsFixedFormat) {
+    SgAnswer answer = SgAnswer::Check(0, 0, 0);
+    answer.sense = {0x72, 0x02, 0x3A, 0x00, 0, 0, 0, 0};  // not ready, no medium
+    drive_.Next(0x25, answer);
+    TextOf(DEV_MMC_CHECK_CONDITION, DEV_MMC_QUIET);
+    answer.sense = {0x72, 0x05, 0x20, 0x00, 0, 0, 0, 0};  // invalid command; 0x20 & 0x0F is 0
+    memset(sense_, 0, sizeof sense_);
+    drive_.Next(0x25, answer);
+    TextOf(DEV_MMC_OK, DEV_MMC_QUIET);
+}
+
+// A request that times out ends with a host status (03h: DID_TIME_OUT) and without sense data.
+TEST_F(ExecMmc, ARequestWithoutAnAnswerSucceeds) {
+    SgAnswer answer;
+    answer.info = SG_INFO_CHECK;
+    answer.hostStatus = 0x03;
+    drive_.Next(0x25, answer);
+    EXPECT_EQ((Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail",
+                     "Special case(sense, asc, ascq) = (0, 0, 0)."}),
+              LogOf(DEV_MMC_OK, DEV_MMC_QUIET));
 }
 
 TEST_F(ExecMmc, CheckConditionWithoutSenseSucceeds) {
@@ -224,7 +266,7 @@ TEST_F(ExecMmc, CheckConditionWithoutSenseSucceeds) {
     drive_.Next(0x25, answer);
     EXPECT_EQ((Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Fail",
                      "Special case(sense, asc, ascq) = (0, 0, 0)."}),
-              LogOf(0, 0));
+              LogOf(DEV_MMC_OK, DEV_MMC_QUIET));
 
     Ask(2);
     answer.sense.clear();
@@ -235,26 +277,26 @@ TEST_F(ExecMmc, CheckConditionWithoutSenseSucceeds) {
                      "Special case(sense, asc, ascq) = (0, 0, 0).",
                      "DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Success", "",
                      "0000h  61 62 " + std::string(42, ' ') + "|ab|", ""}),
-              LogOf(0, 1));
+              LogOf(DEV_MMC_OK, DEV_MMC_VERBOSE));
 }
 
-// Bits of info beside the lowest tell of direct transfers.
-TEST_F(ExecMmc, LooksAtTheCheckBitAlone) {
+// Bits of info beside the lowest describe direct transfers.
+TEST_F(ExecMmc, ReadsOnlyTheCheckBitOfInfo) {
     SgAnswer answer;
     answer.info = 0x6;
     answer.sense = SgAnswer::Check(2, 0x3A, 0).sense;
     drive_.Next(0x25, answer);
-    EXPECT_EQ("", TextOf(0, 0));
+    EXPECT_EQ("", TextOf(DEV_MMC_OK, DEV_MMC_QUIET));
 }
 
 class ExecMmcDump : public ExecMmc {
   protected:
     ExecMmcDump() : ExecMmc(70000) {}
-    // The dump of a reply, without the line ahead of it.
+    // The dump of a reply, without the line before it.
     std::string DumpOf(const Bytes &data) {
         drive_.Reply(0x25, data);
         Ask(static_cast<unsigned>(data.size()));
-        const std::string output = TextOf(0, 1);
+        const std::string output = TextOf(DEV_MMC_OK, DEV_MMC_VERBOSE);
         const std::string head = "((/dev/sg1) READ CAPACITY) Success\n\n";
         const size_t at = output.find(head);
         EXPECT_NE(std::string::npos, at) << output;
@@ -262,7 +304,7 @@ class ExecMmcDump : public ExecMmc {
     }
 };
 
-TEST_F(ExecMmcDump, FillsALastRowWithBlanks) {
+TEST_F(ExecMmcDump, PadsTheLastRowWithBlanks) {
     Bytes data;
     for (int i = 0; i < 20; ++i) {
         data.push_back(static_cast<uint8_t>('A' + i));
@@ -274,7 +316,7 @@ TEST_F(ExecMmcDump, FillsALastRowWithBlanks) {
         DumpOf(data));
 }
 
-TEST_F(ExecMmcDump, EndsAfterAWholeRow) {
+TEST_F(ExecMmcDump, HasNoEmptyRow) {
     EXPECT_EQ("\n", DumpOf({}));
     EXPECT_EQ("0000h  30 " + std::string(45, ' ') + "|0|\n\n", DumpOf({'0'}));
     EXPECT_EQ("0000h  30 30 30 30 30 30 30 30 30 30 30 30 30 30 30    |000000000000000|\n\n",
@@ -283,7 +325,7 @@ TEST_F(ExecMmcDump, EndsAfterAWholeRow) {
               DumpOf(Bytes(16, '0')));
 }
 
-TEST_F(ExecMmcDump, ShowsHighBytesAsThemselves) {
+TEST_F(ExecMmcDump, ShowsHighBytesUnchanged) {
     EXPECT_EQ("0000h  00 1F 20 7E 7F 80 FF                            |.. ~\x7F\x80\xFF|\n\n",
               DumpOf({0x00, 0x1F, 0x20, 0x7E, 0x7F, 0x80, 0xFF}));
 }
@@ -295,34 +337,35 @@ TEST_F(ExecMmcDump, WritesOffsetsInLowerCase) {
     EXPECT_NE(std::string::npos, dump.find("\n10000h  20 "));
 }
 
-// Only the bytes that arrived differ from zero; the dump has as many as were asked for.
-TEST_F(ExecMmcDump, ShowsAsManyBytesAsWereAskedFor) {
+// Bytes that did not arrive are 0.
+TEST_F(ExecMmcDump, ShowsAllRequestedBytes) {
     memset(reply_.bytes(), 0, 18);
     drive_.Reply(0x25, Bytes(2, 'x'));
     Ask(18);
     EXPECT_EQ((Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Success", "",
                      "0000h  78 78 00 00 00 00 00 00 00 00 00 00 00 00 00 00 |xx..............|",
                      "0010h  00 00 " + std::string(42, ' ') + "|..|", ""}),
-              LogOf(0, 1));
+              LogOf(DEV_MMC_OK, DEV_MMC_VERBOSE));
 }
 
-TEST_F(ExecMmc, ToleratesWhatACallerLeavesOut) {
-    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): Get Null ptr"},
-              CaptureLog([&] { EXPECT_EQ(-1, Dev_ExecMMC(nullptr, fd_, 1)); }));
-    // Without sense buffer there is no sense, whatever the driver says.
+TEST_F(ExecMmc, AcceptsMissingBuffersAndRefusesNull) {
+    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): Get Null ptr"}, CaptureLog([&] {
+                  EXPECT_EQ(DEV_MMC_NO_VERSION, Dev_ExecMMC(nullptr, fd_, DEV_MMC_VERBOSE));
+              }));
+    // Without a sense buffer there is no sense, even if the driver reports a length.
     drive_.Next(0x25, SgAnswer::Check(0x02, 0x3A, 0x00));
     cmd_.hdr.sbp = nullptr;
     cmd_.hdr.mx_sb_len = 0;
-    TextOf(0, 1);
-    // Without reply there is nothing to dump.
+    TextOf(DEV_MMC_OK, DEV_MMC_VERBOSE);
+    // Without a reply buffer the dump is empty.
     cmd_.hdr.dxferp = nullptr;
     cmd_.hdr.dxfer_direction = SG_DXFER_NONE;
     EXPECT_EQ((Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) READ CAPACITY) Success", "", ""}),
-              LogOf(0, 1));
+              LogOf(DEV_MMC_OK, DEV_MMC_VERBOSE));
 }
 
-// A driver that claims more sense than the buffer holds is not believed.
-TEST(ExecMmcSense, StaysInsideTheSenseBuffer) {
+// The driver reports more sense bytes than the buffer has.
+TEST(ExecMmcSense, IsReadOnlyInsideItsBuffer) {
     SimulatedDrive drive{{kNode}};
     const int fd = drive.Open();
     for (const int room : {0, 2, 3, 12, 13, 14, 18}) {
@@ -336,7 +379,8 @@ TEST(ExecMmcSense, StaysInsideTheSenseBuffer) {
         cmd.hdr.sbp = sense.bytes();
         drive.claimedSense = 255;
         drive.Next(0x03, SgAnswer::Check(0x02, 0x3A, 0x01));
-        Capture([&] { EXPECT_EQ(size >= 3 ? -4 : 0, Dev_ExecMMC(&cmd, fd, 1)); });
+        const int result = size >= 3 ? int{DEV_MMC_CHECK_CONDITION} : int{DEV_MMC_OK};
+        Capture([&] { EXPECT_EQ(result, Dev_ExecMMC(&cmd, fd, DEV_MMC_VERBOSE)); });
     }
     close(fd);
 }
@@ -351,16 +395,16 @@ class Drive : public ::testing::Test {
 
 void ExpectUsualForm(const SgRequest &request) {
     EXPECT_EQ('S', request.interfaceId);
-    EXPECT_EQ(20000U, request.timeout);
-    EXPECT_EQ(64U, request.senseSize);
+    EXPECT_EQ(unsigned{DEV_MMC_TIMEOUT_MS}, request.timeout);
+    EXPECT_EQ(unsigned{DEV_SENSE_SIZE}, request.senseSize);
     EXPECT_TRUE(request.cleared);
 }
 
 class TestUnitReady : public Drive {};
 
-TEST_F(TestUnitReady, AsksWithoutData) {
+TEST_F(TestUnitReady, TransfersNoData) {
     TakePauses();
-    EXPECT_EQ("", Capture([&] { EXPECT_EQ(1, Dev_TestUnitReady(kNode, fd_)); }));
+    EXPECT_EQ("", Capture([&] { EXPECT_EQ(DEV_QUERY_OK, Dev_TestUnitReady(kNode, fd_)); }));
     ASSERT_EQ(1U, drive_.requests.size());
     const SgRequest &request = drive_.requests[0];
     EXPECT_EQ(Bytes(6, 0), request.cdb);
@@ -379,7 +423,7 @@ TEST_F(TestUnitReady, PausesASecondAfterEachFailure) {
             drive.Next(0x00, SgAnswer::Check(0x02, 0x04, 0x01));  // becoming ready
         }
         TakePauses();
-        const int result = failures < 3 ? 1 : 0;
+        const int result = failures < 3 ? DEV_QUERY_OK : DEV_QUERY_FAILED;
         const int tries = failures < 3 ? failures + 1 : 3;
         const int failed = failures < 3 ? failures : 3;
         EXPECT_EQ(Lines(static_cast<size_t>(failed), fail),
@@ -393,18 +437,18 @@ TEST_F(TestUnitReady, PausesASecondAfterEachFailure) {
     }
 }
 
-TEST_F(TestUnitReady, TakesEveryKindOfFailureForNotReady) {
+TEST_F(TestUnitReady, EveryKindOfFailureMeansNotReady) {
     drive_.driverVersion = 29999;
-    Capture([&] { EXPECT_EQ(0, Dev_TestUnitReady(kNode, fd_)); });
-    Capture([] { EXPECT_EQ(0, Dev_TestUnitReady(kNode, -1)); });
+    Capture([&] { EXPECT_EQ(DEV_QUERY_FAILED, Dev_TestUnitReady(kNode, fd_)); });
+    Capture([] { EXPECT_EQ(DEV_QUERY_FAILED, Dev_TestUnitReady(kNode, -1)); });
     EXPECT_EQ(6U, TakePauses().size());
     drive_.driverVersion = 30000;
     drive_.Next(0x00, SgAnswer::Error(EBUSY));
-    Capture([&] { EXPECT_EQ(1, Dev_TestUnitReady(kNode, fd_)); });
+    Capture([&] { EXPECT_EQ(DEV_QUERY_OK, Dev_TestUnitReady(kNode, fd_)); });
 }
 
-// The label has 64 bytes; a path of any length is cut there.
-TEST_F(TestUnitReady, CutsTheLabel) {
+// The label has 64 bytes.
+TEST_F(TestUnitReady, CutsTheLabelOfALongPath) {
     drive_.Always(0x00, SgAnswer::Check(0x02, 0x3A, 0x00));
     const std::string path(100, 'p');
     EXPECT_EQ("DEV:Dev_ExecMMC(): ((" + std::string(62, 'p') + ") Fail",
@@ -419,8 +463,8 @@ class Inquiry : public Drive {
     std::string ModelOf(const std::string &text) {
         EXPECT_EQ(24U, text.size());
         drive_.Patch(0x12, 8, Bytes(text.begin(), text.end()));
-        const CanaryBuf model{25};
-        Capture([&] { EXPECT_EQ(1, Dev_Inquiry(kNode, fd_, model.text())); });
+        const CanaryBuf model{DEV_MODEL_SIZE};
+        Capture([&] { EXPECT_EQ(DEV_QUERY_OK, Dev_Inquiry(kNode, fd_, model.text())); });
         for (size_t i = strlen(model.text()); i < model.size(); ++i) {
             EXPECT_EQ('\0', model.text()[i]) << "the rest is zeroed";
         }
@@ -428,9 +472,9 @@ class Inquiry : public Drive {
     }
 };
 
-TEST_F(Inquiry, AsksFor96Bytes) {
-    char model[25];
-    Capture([&] { EXPECT_EQ(1, Dev_Inquiry(kNode, fd_, model)); });
+TEST_F(Inquiry, Requests96Bytes) {
+    char model[DEV_MODEL_SIZE];
+    Capture([&] { EXPECT_EQ(DEV_QUERY_OK, Dev_Inquiry(kNode, fd_, model)); });
     ASSERT_EQ(1U, drive_.requests.size());
     const SgRequest &request = drive_.requests[0];
     EXPECT_EQ((Bytes{0x12, 0, 0, 0, 0x60, 0}), request.cdb);
@@ -439,8 +483,8 @@ TEST_F(Inquiry, AsksFor96Bytes) {
     ExpectUsualForm(request);
 }
 
-TEST_F(Inquiry, LogsWhatTheDriveIs) {
-    char model[25];
+TEST_F(Inquiry, LogsVendorProductAndRevision) {
+    char model[DEV_MODEL_SIZE];
     char first[128];
     snprintf(first, sizeof first, "DEV:Dev_Inquiry(): [/dev/sg1] : pModel = %p",
              static_cast<void *>(model));
@@ -448,12 +492,13 @@ TEST_F(Inquiry, LogsWhatTheDriveIs) {
                      "DEV:Dev_Inquiry(): Product ID      = WR-24X   B      ",
                      "DEV:Dev_Inquiry(): Revision        = 1.02",
                      "DEV:Dev_Inquiry(): pModel = [DRV WR24X B]"}),
-              CaptureLog([&] { EXPECT_EQ(1, Dev_Inquiry(kNode, fd_, model)); }));
+              CaptureLog([&] { EXPECT_EQ(DEV_QUERY_OK, Dev_Inquiry(kNode, fd_, model)); }));
     EXPECT_STREQ("DRV WR24X B", model);
 }
 
-TEST_F(Inquiry, NeedsNoModel) {
-    const Lines lines = CaptureLog([&] { EXPECT_EQ(1, Dev_Inquiry(nullptr, fd_, nullptr)); });
+TEST_F(Inquiry, AcceptsNullForPathAndModel) {
+    const Lines lines =
+        CaptureLog([&] { EXPECT_EQ(DEV_QUERY_OK, Dev_Inquiry(nullptr, fd_, nullptr)); });
     ASSERT_EQ(5U, lines.size());
     EXPECT_EQ("DEV:Dev_Inquiry(): [] : pModel = (nil)", lines[0]);
     EXPECT_EQ("DEV:Dev_Inquiry(): pModel = [(null)]", lines[4]);
@@ -466,26 +511,27 @@ TEST_F(Inquiry, CompactsTheModel) {
     EXPECT_EQ("", ModelOf("------------------------"));
     EXPECT_EQ("abcdefghijklmnopqrstuvwx", ModelOf("abcdefghijklmnopqrstuvwx"));
     EXPECT_EQ("azAZ09", ModelOf("a`z{A@Z[0/9:\t\n\x7F\x80\xC4\xFF      "));
-    // A dropped character does not end a run of spaces, nor begins one.
+    // A dropped character neither ends a run of spaces nor begins one.
     EXPECT_EQ("A B", ModelOf("A - - - -- - - -  - - -B"));
 }
 
-TEST_F(Inquiry, LeavesTheModelAfterAFailure) {
-    const CanaryBuf model{25};
+TEST_F(Inquiry, LeavesTheModelUnchangedAfterAFailure) {
+    const CanaryBuf model{DEV_MODEL_SIZE};
     drive_.Next(0x12, SgAnswer::Check(0x05, 0x24, 0x00));
-    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) INQUIRY) Fail"},
-              CaptureLog([&] { EXPECT_EQ(0, Dev_Inquiry(kNode, fd_, model.text())); }));
+    EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ((/dev/sg1) INQUIRY) Fail"}, CaptureLog([&] {
+                  EXPECT_EQ(DEV_QUERY_FAILED, Dev_Inquiry(kNode, fd_, model.text()));
+              }));
     EXPECT_TRUE(model.UntouchedFrom(0));
 }
 
-// The text that arrived is shown, and nothing behind it.
-TEST_F(Inquiry, TakesAReplyOfAnyLength) {
+// Bytes that did not arrive are 0 and end the text.
+TEST_F(Inquiry, AcceptsAReplyOfAnyLength) {
     const std::string whole = "DRV     WR-24X   B      ";
     for (size_t length = 0; length <= 96; ++length) {
         drive_.cut[0x12] = length;
-        const CanaryBuf model{25};
+        const CanaryBuf model{DEV_MODEL_SIZE};
         const Lines lines =
-            CaptureLog([&] { EXPECT_EQ(1, Dev_Inquiry(kNode, fd_, model.text())); });
+            CaptureLog([&] { EXPECT_EQ(DEV_QUERY_OK, Dev_Inquiry(kNode, fd_, model.text())); });
         const auto part = [&](size_t from, size_t count) {
             return length <= from ? "" : whole.substr(from - 8, std::min(count, length - from));
         };
@@ -501,7 +547,7 @@ TEST_F(Inquiry, TakesAReplyOfAnyLength) {
 TEST_F(Inquiry, AgreesWithSgInq) {
     const TempDir dir;
     WriteFile(dir / "inquiry.hex", HexText(drive_.Data(0x12)) + "\n");
-    const std::string told = RunCommand("sg_inq --inhex=" + (dir / "inquiry.hex"));
+    const std::string output = RunCommand("sg_inq --inhex=" + (dir / "inquiry.hex"));
     const Lines lines = CaptureLog([&] { Dev_Inquiry(kNode, fd_, nullptr); });
     const auto fact = [](const std::string &text, const std::string &key) {
         const size_t at = text.find(key);
@@ -512,21 +558,21 @@ TEST_F(Inquiry, AgreesWithSgInq) {
     const auto padded = [](std::string text, size_t size) {
         return text.append(size - text.size(), ' ');
     };
-    EXPECT_EQ(
-        "DEV:Dev_Inquiry(): Vendor          = " + padded(fact(told, "Vendor identification: "), 8),
-        lines[1])
-        << told;
+    EXPECT_EQ("DEV:Dev_Inquiry(): Vendor          = " +
+                  padded(fact(output, "Vendor identification: "), 8),
+              lines[1])
+        << output;
     EXPECT_EQ("DEV:Dev_Inquiry(): Product ID      = " +
-                  padded(fact(told, "Product identification: "), 16),
+                  padded(fact(output, "Product identification: "), 16),
               lines[2])
-        << told;
-    EXPECT_EQ(
-        "DEV:Dev_Inquiry(): Revision        = " + padded(fact(told, "Product revision level: "), 4),
-        lines[3])
-        << told;
+        << output;
+    EXPECT_EQ("DEV:Dev_Inquiry(): Revision        = " +
+                  padded(fact(output, "Product revision level: "), 4),
+              lines[3])
+        << output;
 }
 
-// Sense key and codes as Debian's decoder reads the same bytes.
+// Debian's decoder reads the same sense key and codes.
 TEST_F(Drive, SenseAgreesWithSgDecodeSense) {
     const struct {
         uint8_t key;
@@ -542,9 +588,9 @@ TEST_F(Drive, SenseAgreesWithSgDecodeSense) {
     };
     for (const auto &item : cases) {
         const SgAnswer answer = SgAnswer::Check(item.key, item.asc, item.ascq);
-        const std::string told = RunCommand("sg_decode_sense " + HexText(answer.sense));
-        EXPECT_NE(std::string::npos, told.find(item.keyText)) << told;
-        EXPECT_NE(std::string::npos, told.find(item.codeText)) << told;
+        const std::string output = RunCommand("sg_decode_sense " + HexText(answer.sense));
+        EXPECT_NE(std::string::npos, output.find(item.keyText)) << output;
+        EXPECT_NE(std::string::npos, output.find(item.codeText)) << output;
         drive_.Next(0x5C, answer);
         uint8_t cdb[10] = {0x5C};
         uint8_t sense[64] = {};
@@ -558,8 +604,10 @@ TEST_F(Drive, SenseAgreesWithSgDecodeSense) {
                  "Sense Key = 0x%02X \nAdditional Sense Code = 0x%02X \nAdditional Sense Code "
                  "Qualifier= 0x%02X\n",
                  item.key, item.asc, item.ascq);
-        EXPECT_NE(std::string::npos,
-                  Capture([&] { EXPECT_EQ(-4, Dev_ExecMMC(&cmd, fd_, 1)); }).find(expected));
+        EXPECT_NE(std::string::npos, Capture([&] {
+                                         EXPECT_EQ(DEV_MMC_CHECK_CONDITION,
+                                                   Dev_ExecMMC(&cmd, fd_, DEV_MMC_VERBOSE));
+                                     }).find(expected));
     }
 }
 

@@ -17,7 +17,7 @@ using talvek::test::DiscTest;
 using talvek::test::kNode;
 using talvek::test::Lines;
 
-// Two forms of one command: the replies of the fixtures are told apart by the CDB's format byte.
+// The format byte of the CDB distinguishes two forms of one command.
 const std::map<size_t, uint8_t> kAtip = {{2, 0x04}};
 const std::map<size_t, uint8_t> kToc = {{2, 0x00}};
 
@@ -30,7 +30,7 @@ class ReadCdAtip : public DiscTest {
     static std::string Line(const std::string &text) { return "DEV:Dev_ReadCdATIP(): " + text; }
 };
 
-TEST_F(ReadCdAtip, TellsWhatTheDiscCanHold) {
+TEST_F(ReadCdAtip, LogsTypeTimesAndCapacity) {
     EXPECT_EQ((Lines{"Reference Speed = 4", Line("Disc Type : CD-R"),
                      "Disc Sub Type = High   Speed", Line("Start Time of Lead-in 97:15:17"),
                      Line("Start Time of Lead-out 79:59:74"), Line("Disc Space is 719998 KB")}),
@@ -40,14 +40,14 @@ TEST_F(ReadCdAtip, TellsWhatTheDiscCanHold) {
     EXPECT_EQ(1U, info_.cdSubType);
 }
 
-TEST_F(ReadCdAtip, TellsTheDiscTypeByBitZero) {
+TEST_F(ReadCdAtip, TakesTheDiscTypeFromBitZero) {
     drive_.Patch(0x43, 6, {0xFE}, kAtip);
     EXPECT_EQ(Line("Disc Type : CD-R"), LinesOf(Dev_ReadCdATIP)[1]);
     drive_.Patch(0x43, 6, {0x01}, kAtip);
     EXPECT_EQ(Line("Disc Type : CD-RW"), LinesOf(Dev_ReadCdATIP)[1]);
 }
 
-TEST_F(ReadCdAtip, NamesTheSubTypes) {
+TEST_F(ReadCdAtip, PrintsTheSubTypes) {
     const char *const names[] = {"Normal Speed", "High   Speed", "Ultra  Speed", "Not Defined",
                                  "Not Defined",  "Not Defined",  "Not Defined",  "Not Defined"};
     for (unsigned subType = 0; subType < 8; ++subType) {
@@ -65,7 +65,7 @@ TEST_F(ReadCdAtip, TakesTheReferenceSpeedFromThreeBits) {
 }
 
 // ((255 * 60 + 255) * 75 + 255) * 2 = 2333760
-TEST_F(ReadCdAtip, CountsTimesOfEverySize) {
+TEST_F(ReadCdAtip, AcceptsTimesOfEverySize) {
     drive_.Patch(0x43, 12, {0xFF, 0xFF, 0xFF}, kAtip);
     EXPECT_EQ(Line("Disc Space is 2333760 KB"), LinesOf(Dev_ReadCdATIP).back());
     drive_.Patch(0x43, 12, {0, 0, 0}, kAtip);
@@ -81,7 +81,7 @@ class ReadCdToc : public DiscTest {
 
 // Track 5 starts at 35:10:05 = 158255 frames. The lead-out is at 40:20:30 = 181530 frames, and
 // 181530 + 6750 = 188280; 188280 + 150 = 188430 is 41:52:30.
-TEST_F(ReadCdToc, TellsTheLastTrackAsLeadIn) {
+TEST_F(ReadCdToc, LogsTheLastTrackAsLeadIn) {
     drive_.Load("cd_r_open.hex");
     EXPECT_EQ((Lines{Line("Last track is 5"), Line("Last Lead-in at 35:10:05"),
                      Line("Last Lead-out at 40:20:30"), Line("Next Lead-in at 41:52:30")}),
@@ -92,7 +92,7 @@ TEST_F(ReadCdToc, TellsTheLastTrackAsLeadIn) {
 }
 
 // 15:00:00 is 67500 frames; 67500 + 11250 = 78750; 78750 + 150 = 78900 is 17:32:00.
-TEST_F(ReadCdToc, LeavesTheLongGapBehindASingleTrack) {
+TEST_F(ReadCdToc, AddsTheLongGapAfterASingleTrack) {
     drive_.Load("cd_rw_open.hex");
     EXPECT_EQ((Lines{Line("Last track is 1"), Line("Last Lead-in at 00:02:00"),
                      Line("Last Lead-out at 15:00:00"), Line("Next Lead-in at 17:32:00")}),
@@ -101,10 +101,10 @@ TEST_F(ReadCdToc, LeavesTheLongGapBehindASingleTrack) {
     EXPECT_EQ(78750U, info_.nextLeadIn);
 }
 
-// The lead-out at 15:00:00 again, behind track 2 at 10:00:00: 67500 + 6750 = 74250.
-TEST_F(ReadCdToc, LeavesTheShortGapFromTheSecondTrackOn) {
+// Lead-out at 15:00:00 again, after track 2 at 10:00:00: 67500 + 6750 = 74250.
+TEST_F(ReadCdToc, AddsTheShortGapFromTheSecondTrackOn) {
     Bytes toc(4 + 8 * 3, 0);
-    toc[1] = 26;  // bytes behind the length
+    toc[1] = 26;  // bytes after the length
     toc[3] = 2;
     toc[4 + 8 + 5] = 10;
     toc[4 + 16 + 5] = 15;
@@ -114,7 +114,7 @@ TEST_F(ReadCdToc, LeavesTheShortGapFromTheSecondTrackOn) {
     EXPECT_EQ(74250U, info_.nextLeadIn);
 }
 
-TEST_F(ReadCdToc, ReadsAsManyTracksAsACdHas) {
+TEST_F(ReadCdToc, Reads99Tracks) {
     Bytes toc(4 + 8 * 100, 0);
     toc[0] = 0x03;  // 802 bytes follow
     toc[1] = 0x22;
@@ -127,7 +127,7 @@ TEST_F(ReadCdToc, ReadsAsManyTracksAsACdHas) {
     EXPECT_EQ(71U * 4500 + 6750, info_.nextLeadIn);
 }
 
-// Block addresses ahead of 00:02:00 are negative.
+// Block addresses before 00:02:00 are negative.
 TEST_F(ReadCdToc, CountsBlocksFromTwoSecondsOn) {
     drive_.Load("cd_rw_open.hex");
     drive_.Patch(0x43, 9, {0, 0, 0}, kToc);
@@ -138,20 +138,22 @@ TEST_F(ReadCdToc, CountsBlocksFromTwoSecondsOn) {
     EXPECT_EQ(1U, info_.lastTrackStart);
 }
 
-// The table says how many tracks there are; what the drive sends may be less, or no track at all.
-TEST_F(ReadCdToc, FailsWithoutLastTrackAndLeadOut) {
+// The reply has 4 + 8 * 6 bytes: five tracks and the lead-out.
+TEST_F(ReadCdToc, FailsWhenTheReplyIsTooShortForLastTrackAndLeadOut) {
     drive_.Load("cd_r_open.hex");
-    const size_t whole = drive_.Data(0x43, kToc).size();
-    for (size_t length = 0; length < whole; ++length) {
-        drive_.cut[0x43] = length;
-        EXPECT_EQ("", TextOf(Dev_ReadCdToc, 0)) << length;
-        EXPECT_TRUE(Disc(1, 2) == info_);
-    }
-    drive_.cut.clear();
     for (const int tracks : {0, 6, 255}) {
         drive_.Patch(0x43, 3, {static_cast<uint8_t>(tracks)}, kToc);
-        EXPECT_EQ("", TextOf(Dev_ReadCdToc, 0)) << tracks;
+        EXPECT_EQ("", TextOf(Dev_ReadCdToc, DEV_QUERY_FAILED)) << tracks;
+        EXPECT_TRUE(Disc(1, 2) == info_);
     }
+    drive_.Patch(0x43, 3, {5}, kToc);
+    for (uint8_t length = 0; length < 50; ++length) {  // of the bytes after the length
+        drive_.Patch(0x43, 1, {length}, kToc);
+        EXPECT_EQ("", TextOf(Dev_ReadCdToc, DEV_QUERY_FAILED)) << int{length};
+        EXPECT_TRUE(Disc(1, 2) == info_);
+    }
+    drive_.Patch(0x43, 1, {50}, kToc);
+    TextOf(Dev_ReadCdToc);
 }
 
 class ReadDvdRToc : public DiscTest {
@@ -172,7 +174,7 @@ TEST_F(ReadDvdRToc, PrintsTheTracksAndTheLeadOut) {
 }
 
 TEST_F(ReadDvdRToc, PrintsEveryByteInItsColumn) {
-    // The lead-out ends the list; the descriptor behind it does not count.
+    // The lead-out ends the list; the descriptor after it is ignored.
     Bytes toc = {0, 0x22, 1, 255};
     for (const Bytes &descriptor :
          {Bytes{0, 0x0C, 10, 0, 0, 0, 0, 1}, Bytes{0, 0xFF, 255, 0, 0xFF, 0xFF, 0xFF, 0xFF},
@@ -186,7 +188,7 @@ TEST_F(ReadDvdRToc, PrintsEveryByteInItsColumn) {
         LinesOf(Dev_ReadDvdRToc));
 }
 
-TEST_F(ReadDvdRToc, FindsTheUsedCapacityByStatus) {
+TEST_F(ReadDvdRToc, DerivesTheUsedCapacityFromTheStatus) {
     for (const uint32_t discClass : {3U, 4U}) {
         for (uint32_t status = 0; status < 4; ++status) {
             info_ = Disc(discClass, 2);
@@ -202,35 +204,39 @@ TEST_F(ReadDvdRToc, FindsTheUsedCapacityByStatus) {
     }
 }
 
-TEST_F(ReadDvdRToc, CountsTheWholeRangeOfAddresses) {
+TEST_F(ReadDvdRToc, AcceptsTheHighestAddress) {
     drive_.Patch(0x43, 24, BigEndian32(0xFFFFFFFF), kToc);
     info_.discStatus = 1;
     TextOf(Dev_ReadDvdRToc);
     EXPECT_EQ(2ULL << 32, info_.usedKB);
 }
 
-TEST_F(ReadDvdRToc, IsForWriteOnceDvdsOnly) {
+TEST_F(ReadDvdRToc, FailsForOtherMediaWithoutARequest) {
     for (const uint32_t discClass : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U}) {
         for (const uint32_t mediaKind : {1U, 2U, 3U, 4U}) {
             if ((discClass == 3 || discClass == 4) && mediaKind == 2) {
                 continue;
             }
             info_ = Disc(discClass, mediaKind);
-            EXPECT_EQ("", TextOf(Dev_ReadDvdRToc, 0));
+            EXPECT_EQ("", TextOf(Dev_ReadDvdRToc, DEV_QUERY_FAILED));
         }
     }
     EXPECT_TRUE(drive_.requests.empty());
 }
 
+// Two tracks and the lead-out, whose track number is byte 22. Bytes that did not arrive are 0.
 TEST_F(ReadDvdRToc, FailsWithoutLeadOut) {
-    info_.discStatus = 1;
+    info_.discStatus = DEV_DISC_INCOMPLETE;
     info_.usedKB = 7;
-    const size_t whole = drive_.Data(0x43, kToc).size();
-    for (size_t length = 0; length < whole; ++length) {
+    for (size_t length = 0; length <= 22; ++length) {
         drive_.cut[0x43] = length;
-        TextOf(Dev_ReadDvdRToc, 0);
+        TextOf(Dev_ReadDvdRToc, DEV_QUERY_FAILED);
         EXPECT_EQ(7U, info_.usedKB);
     }
+    drive_.cut.clear();
+    drive_.Patch(0x43, 22, {3}, kToc);
+    TextOf(Dev_ReadDvdRToc, DEV_QUERY_FAILED);
+    EXPECT_EQ(7U, info_.usedKB);
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 namespace talvek::test {
 namespace {
 
-// "51", "2=04" of a header line; "0C", "00*60" of the bytes below it.
+// Words of a header line: "51", "2=04". Words of the lines after it: "0C", "00*60".
 void AddHeaderWord(const std::string &word, HexReply &reply) {
     const size_t equals = word.find('=');
     if (equals == std::string::npos) {

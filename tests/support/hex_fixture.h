@@ -12,9 +12,9 @@ namespace talvek::test {
 
 using Bytes = std::vector<uint8_t>;
 
-// The replies of one fixture file: text with two-digit hexadecimal bytes ("00*60" for sixty of
-// them), "#" up to the end of a line for remarks, and a line "[51]" ahead of the reply to opcode
-// 51h, or "[43 2=04]" ahead of the one to opcode 43h with 04h in byte 2 of the CDB.
+// The replies of one fixture file. The line "[51]" begins the reply to opcode 51h, "[43 2=04]" that
+// to opcode 43h with 04h in byte 2 of the CDB. Two-digit hexadecimal bytes follow; "00*60" is sixty
+// of them. "#" begins a comment.
 struct HexReply {
     uint8_t opcode;
     std::map<size_t, uint8_t> where;

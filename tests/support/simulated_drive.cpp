@@ -24,7 +24,7 @@ namespace {
 std::vector<SimulatedDrive *> g_drives;
 std::vector<double> g_pauses;
 
-// The harness itself makes system calls: the C library's functions may be made to fail.
+// These use system calls because a test may make the C library's functions fail.
 uint64_t InodeOf(int fd) {
     struct statx st = {};
     if (syscall(SYS_statx, fd, "", AT_EMPTY_PATH, STATX_INO, &st) != 0) {
@@ -97,8 +97,7 @@ void Deliver(const SgAnswer &answer, sg_io_hdr_t &hdr) {
     if (sent > 0) {
         memcpy(hdr.dxferp, answer.data.data(), sent);
     }
-    hdr.resid = answer.countsBytes ? static_cast<int>(hdr.dxfer_len - sent) : 0;
-    hdr.resid += answer.residueError;
+    hdr.resid = answer.residue.value_or(static_cast<int>(hdr.dxfer_len - sent));
     const size_t sense = std::min<size_t>(answer.sense.size(), hdr.mx_sb_len);
     if (sense > 0) {
         memcpy(hdr.sbp, answer.sense.data(), sense);
@@ -276,7 +275,7 @@ int SimulatedDrive::Ioctl(unsigned long request, void *arg) {
             if (probeError != 0) {
                 return FailWith(probeError);
             }
-            // The first word says how much room there is; the text takes its place.
+            // The first word is the size of the buffer; the text overwrites it.
             unsigned room = 0;
             memcpy(&room, arg, sizeof room);
             const size_t size = std::min<size_t>(room, hostText.size() + 1);
@@ -290,9 +289,6 @@ int SimulatedDrive::Ioctl(unsigned long request, void *arg) {
             const SgAnswer answer = AnswerTo(described);
             if (answer.error != 0) {
                 return FailWith(answer.error);
-            }
-            if (dirty && hdr.dxferp != nullptr) {
-                memset(hdr.dxferp, 0xEE, hdr.dxfer_len);
             }
             Deliver(answer, hdr);
             hdr.sb_len_wr = claimedSense.value_or(hdr.sb_len_wr);
@@ -321,8 +317,8 @@ std::vector<double> TakePauses() {
 
 }  // namespace talvek::test
 
-// The stand-ins. The names are given to the assembler: on 32 bits <sys/ioctl.h> and <fcntl.h> give
-// ioctl and open others.
+// The definitions of open and ioctl. They have assembler names because <sys/ioctl.h> and <fcntl.h>
+// rename the two on 32 bits.
 extern "C" {
 int SimulatedIoctl(int fd, unsigned long request, ...) __asm__("ioctl");
 int SimulatedOpen(const char *path, int flags, ...) __asm__("open");

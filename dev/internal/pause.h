@@ -1,0 +1,19 @@
+#ifndef TALVEK_DEV_INTERNAL_PAUSE_H
+#define TALVEK_DEV_INTERNAL_PAUSE_H
+
+#include <time.h>
+
+#include "common/command.h"
+
+namespace talvek {
+
+// Gives a drive a second of time.
+inline void PauseSecond() {
+    constexpr timespec kSecond = {1, 0};
+    constexpr int kMaxRounds = 1000;
+    COM_SleepAtLeast(&kSecond, kMaxRounds);
+}
+
+}  // namespace talvek
+
+#endif
