@@ -7,14 +7,18 @@
 extern "C" {
 #endif
 
-/* Reads an open file from its position to its end, without its white space.
+enum {
+    COM_HEX_TEXT_MAX_FILE = 1048576, /* bytes that COM_ReadHexDataInStrFormat reads at most */
+};
+
+/* Reads an open file from its position to its end and removes the white space.
  *
  *   fd       open for reading; stays open
- *   pLength  receives the number of characters, the NUL not counted; may be NULL
+ *   pLength  receives the number of characters, without the NUL; may be NULL
  *
- * Returns a NUL-terminated heap text, which the caller frees; an empty one for an empty file. NULL
- * with *pLength as it was, logged, when the file cannot be read, when there is no memory, or when
- * more than 1 MiB is left of the file, its white space counted. */
+ * Returns a NUL-terminated text, which the caller frees; an empty one at the end of the file. NULL
+ * with *pLength unchanged when the file cannot be read, there is no memory, or more than
+ * COM_HEX_TEXT_MAX_FILE bytes are left of the file (logged). */
 char *COM_ReadHexDataInStrFormat(int fd, int *pLength);
 
 #ifdef __cplusplus

@@ -1,41 +1,35 @@
-// HTML in memory turned into text, or cut to one element.
+// Turns HTML in memory into text, or cuts one element out of it.
 
 #include "common/html.h"
 
-#include <errno.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "base/characters.h"
+#include "base/heap_buf.h"
 #include "common/file.h"
 #include "common/internal/module_log.h"
 
-namespace talvek {
 namespace {
 
-// The result of stripping while it grows. A short one takes byte after byte, so that it needs what
-// it holds and no more; a longer one at least doubles where that is to be had, which keeps the cost
-// in proportion to the text, and goes on byte by byte where it is not.
+// The text while it is stripped.
 class StrippedText {
   public:
-    explicit StrippedText(char **ppBlock) : block_(*ppBlock) {}
+    explicit StrippedText(char *pBlock) : block_(pBlock) {}
 
     [[nodiscard]] bool empty() const { return used_ == 0; }
 
-    // False when memory has ended; what fitted is kept.
+    // False when memory has run out; the text so far is kept.
     bool Append(const char *pText, size_t count) {
         while (count > 0) {
-            if (used_ == capacity_ && !Reserve(count)) {
-                if (!AppendByte(*pText, used_)) {
-                    return false;
-                }
-                ++pText;
-                --count;
-                continue;
+            if (used_ == size_ && !Grow(count)) {
+                return false;
             }
-            const size_t room = capacity_ - used_;
-            const size_t taken = count < room ? count : room;
-            memcpy(block_ + used_, pText, taken);
+            const size_t taken = std::min(count, size_ - used_);
+            memcpy(block_.get() + used_, pText, taken);
             used_ += taken;
             pText += taken;
             count -= taken;
@@ -43,57 +37,66 @@ class StrippedText {
         return true;
     }
 
-    // Puts the NUL behind the text and returns the bytes of both. Where there is no memory for it,
-    // it takes the place of the last character, so that the caller never gets an open text.
-    int Finish() {
-        if (used_ < capacity_) {
-            block_[used_++] = '\0';
-            char *trimmed = static_cast<char *>(realloc(block_, used_));
-            block_ = trimmed != nullptr ? trimmed : block_;
-        } else if (!AppendByte('\0', used_ + 1)) {
-            block_[used_ - 1] = '\0';
+    // Appends the NUL and trims the block. Without memory for the NUL, it replaces the last
+    // character, so that the result is always terminated.
+    void Finish() {
+        if (used_ == size_ && !GrowByOne(used_ + 1)) {
+            --used_;
         }
-        return static_cast<int>(used_);
+        block_[used_++] = '\0';
+        if (used_ < size_) {
+            static_cast<void>(block_.Resize(used_));  // a block that stays larger does no harm
+        }
     }
+
+    // Size of the finished text, with its NUL.
+    [[nodiscard]] size_t size() const { return used_; }
+    [[nodiscard]] char *Release() { return block_.Release(); }
 
   private:
-    bool AppendByte(char byte, size_t shown) {
-        void *block = block_;
-        if (COM_ReallocAndCopyBuf(used_ + 1, &block, used_, &byte, 1) == nullptr) {
-            LOG_AS("COM_StripHtmlCode", "COM_ReallocAndCopyBuf(%d) error\n",
-                   static_cast<int>(shown));
-            return false;
-        }
-        block_ = static_cast<char *>(block);
-        capacity_ = ++used_;
-        return true;
-    }
-
-    // Makes room for `count` characters and the NUL.
-    bool Reserve(size_t count) {
+    // A short text grows byte by byte to exactly what it needs. A longer one at least doubles, so
+    // that the time is linear in the text. A refused step is halved for good: then few requests are
+    // refused, and the text still grows to the last byte that there is.
+    // Tested by StripHtmlCode.UsesAllMemoryWithFewRefusedRequests.
+    bool Grow(size_t count) {
         constexpr size_t kShort = 64;
-        if (used_ < kShort) {
+        if (used_ >= kShort) {
+            for (size_t step = std::min(std::max(count, used_), largestStep_); step > 1;
+                 step /= 2) {
+                const size_t size = used_ + step + 1;  // with the NUL
+                if (block_.Resize(size)) {
+                    size_ = size;
+                    return true;
+                }
+                largestStep_ = step / 2;
+            }
+        }
+        return GrowByOne(used_);
+    }
+
+    bool GrowByOne(size_t logged) {
+        void *block = block_.Release();
+        const bool grown = COM_ReallocAndCopyBuf(used_ + 1, &block, used_, nullptr, 0) != nullptr;
+        block_.Reset(static_cast<char *>(block));
+        if (!grown) {
+            LOG_AS("COM_StripHtmlCode", "COM_ReallocAndCopyBuf(%d) error\n",
+                   static_cast<int>(logged));
             return false;
         }
-        const size_t size = used_ + (count > used_ ? count : used_) + 1;
-        char *grown = static_cast<char *>(realloc(block_, size));
-        if (grown == nullptr) {
-            return false;
-        }
-        block_ = grown;
-        capacity_ = size;
+        size_ = used_ + 1;
         return true;
     }
 
-    char *&block_;  // the caller's pointer, which holds the block at any time
+    talvek::HeapBuf<char> block_;
     size_t used_ = 0;
-    size_t capacity_ = 0;
+    size_t size_ = 0;  // of the block that may be written; 0 for the caller's old block
+    size_t largestStep_ = SIZE_MAX;
 };
 
-// Whether a tag's name begins at `at`: the name, then a blank, a tab or the tag's end. A name that
-// only begins with it is another one. Held by ExtractHtmlTag.PassesOverLongerNames.
+// Whether the tag's name is at `at`: the name, then a blank, a tab or the end of the tag. A longer
+// name does not match. Tested by ExtractHtmlTag.SkipsLongerNames.
 bool HasName(const char *at, const char *pTag, size_t tagSize) {
-    return BeginsIgnoringCase(at, pTag, tagSize) &&
+    return talvek::BeginsIgnoringCase(at, pTag, tagSize) &&
            (at[tagSize] == ' ' || at[tagSize] == '\t' || at[tagSize] == '>');
 }
 
@@ -105,7 +108,7 @@ struct Extent {
 // The first element of the name; empty when there is none.
 Extent FindElement(const char *pTag, const char *pHtml, bool keepTags) {
     const size_t tagSize = strlen(pTag);
-    ptrdiff_t depth = -1;  // 0 inside the element, more inside elements that it holds
+    ptrdiff_t depth = -1;  // 0 inside the element, more inside nested elements of its name
     const char *start = nullptr;
     const char *close = nullptr;
     for (const char *open = strchr(pHtml, '<'); open != nullptr; open = strchr(close + 1, '<')) {
@@ -128,13 +131,12 @@ Extent FindElement(const char *pTag, const char *pHtml, bool keepTags) {
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_StripHtmlCode(char *pSrc, char **ppResult) {
     if (pSrc == nullptr || ppResult == nullptr) {
         return -1;
     }
-    talvek::StrippedText result{ppResult};
+    StrippedText result{*ppResult};
     for (char *at = pSrc; *at != '\0';) {
         char *open = strchrnul(at, '<');
         if (!result.Append(at, static_cast<size_t>(open - at)) || *open == '\0') {
@@ -146,7 +148,7 @@ int COM_StripHtmlCode(char *pSrc, char **ppResult) {
         }
         if (talvek::BeginsIgnoringCase(open + 1, "BR", 2)) {
             // Callers find the newline in the source too.
-            // Held by StripHtmlCode.LeavesTheNewlinesInTheSource.
+            // Tested by StripHtmlCode.WritesTheNewlinesIntoTheSource.
             *close = '\n';
             if (!result.Append(close, 1)) {
                 break;
@@ -154,14 +156,19 @@ int COM_StripHtmlCode(char *pSrc, char **ppResult) {
         }
         at = close + 1;
     }
-    return result.empty() ? -1 : result.Finish();
+    const bool empty = result.empty();
+    if (!empty) {
+        result.Finish();
+    }
+    *ppResult = result.Release();
+    return empty ? -1 : static_cast<int>(result.size());
 }
 
 int COM_ExtractHtmlTag(const char *pTag, const char *pHtml, char **ppResult, int keepTags) {
     if (pTag == nullptr || pHtml == nullptr || ppResult == nullptr) {
         return -1;
     }
-    const talvek::Extent element = talvek::FindElement(pTag, pHtml, keepTags != 0);
+    const Extent element = FindElement(pTag, pHtml, keepTags != COM_HTML_CONTENT);
     if (element.length < 1) {
         return -1;
     }

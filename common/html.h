@@ -1,41 +1,45 @@
 #ifndef TALVEK_COMMON_HTML_H
 #define TALVEK_COMMON_HTML_H
 
-/* HTML that is held in memory, turned into text or cut to one element. Neither entry parses HTML:
- * a tag begins at "<" and ends at the next ">", also in comments, scripts and quoted attributes,
- * and character references stay as they are.
+/* Turns HTML in memory into text, or cuts one element out of it. Neither entry parses HTML: a tag
+ * begins at "<" and ends at the next ">", even in comments, scripts and quoted attributes, and
+ * character references are not decoded.
  *
- * Texts are NUL-terminated, below 2 GiB. NULL for an argument gives -1. */
+ * A text must be shorter than 2 GiB. */
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* Takes all tags out of a text and keeps what stands between them, as it is. A tag whose name
- * begins with "br" in any case becomes a newline.
+/* What COM_ExtractHtmlTag returns of the element. */
+enum {
+    COM_HTML_CONTENT = 0,   /* the text between the element's tags */
+    COM_HTML_WITH_TAGS = 1, /* the element with its tags; so does any other value */
+};
+
+/* Removes all tags from a text. A tag whose name begins with "br", in any case, becomes a newline.
  *
- *   pSrc      is changed: the ">" of each such tag is overwritten with a newline. Hand in a copy if
- *             it is still needed.
- *   ppResult  NULL or a block from malloc, which is grown and overwritten. Receives the text with
- *             its NUL, to be released with free.
+ *   pSrc      is modified: the ">" of each tag that becomes a newline is overwritten with a
+ * newline. Pass a copy if the source is still needed. ppResult  points to NULL or to a block from
+ * malloc, which is reused. Receives the block with the text and its NUL, which the caller frees.
  *
- * Returns the bytes of the result, the NUL included; -1 when the source yields no character or
- * there is no memory for the first one (*ppResult is then as it was). Where memory ends later, the
- * result is what fitted, the failure is logged and the rest of the source is left alone. */
+ * Returns the size of the text in bytes, including the NUL; -1 with *ppResult unchanged when there
+ * is no text, or no memory for its first character. When memory runs out later, this is logged, the
+ * result is the text so far, and the rest of the source is not read. */
 int COM_StripHtmlCode(char *pSrc, char **ppResult);
 
-/* Cuts the first element of a name out of a text, with the elements of the same name that it holds.
+/* Cuts the first element of a name out of a text, including nested elements of the same name.
  *
- *   pTag      the element's name without brackets, in any case. A tag has this name when it begins
- *             with it and a blank, a tab or ">" follows.
+ *   pTag      the element's name without brackets; ASCII case is ignored. A tag has this name when
+ *             it begins with the name and a blank, a tab or ">" follows.
  *   pHtml     the text
- *   ppResult  receives a new block with the element and a NUL, to be released with free; what it
- *             held is not released. After -1 it is as it was, NULL when there was no memory.
- *   keepTags  0 for what stands between the element's tags, else the element with its tags
+ *   ppResult  receives a new block with the element and a NUL, which the caller frees. The old
+ *             value is not freed. Unchanged after -1, except NULL when there is no memory.
+ *   keepTags  COM_HTML_CONTENT or COM_HTML_WITH_TAGS
  *
- * Opening and closing tags are only counted: for each stray closing tag ahead of the element, one
- * opening tag is passed over. Returns the bytes of the result, the NUL included; -1 when the
- * element is not there, is not closed or is empty, or there is no memory (logged). */
+ * Tags are only counted, so a stray closing tag before the element hides one opening tag. Returns
+ * the size of the result in bytes, including the NUL; -1 when the element is missing, not closed or
+ * empty, or there is no memory (logged). */
 int COM_ExtractHtmlTag(const char *pTag, const char *pHtml, char **ppResult, int keepTags);
 
 #ifdef __cplusplus

@@ -1,5 +1,3 @@
-// Every call of the C library fails in turn; nothing is lost, and a failure is told.
-
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -24,7 +22,7 @@ using talvek::test::EveryCallFails;
 using talvek::test::Fault;
 using Lines = std::vector<std::string>;
 
-constexpr int kSize = 10000;  // two buffers are not enough
+constexpr int kSize = 10000;  // the block grows twice
 
 int LargeFile() {
     const int fd = memfd_create("hex text", MFD_CLOEXEC);
@@ -33,12 +31,12 @@ int LargeFile() {
     return fd;
 }
 
-// Its own calls do not count.
+// Not counted as a call of the code under test.
 void Rewind(int fd) {
     __real_lseek(fd, 0, SEEK_SET);
 }
 
-TEST(ReadHexDataFault, SurvivesEveryFailure) {
+TEST(ReadHexDataFault, ReturnsNullWhicheverCallFails) {
     const int fd = LargeFile();
     Capture([&] {
         EXPECT_GT(EveryCallFails(ENOMEM,
@@ -55,7 +53,7 @@ TEST(ReadHexDataFault, SurvivesEveryFailure) {
     close(fd);
 }
 
-TEST(ReadHexDataFault, TellsThatThereIsNoMemory) {
+TEST(ReadHexDataFault, LogsThatThereIsNoMemory) {
     const int fd = LargeFile();
     for (int nth = 0; nth < 3; ++nth) {
         EXPECT_EQ(Lines{"COMMON:COM_ReadHexDataInStrFormat(): REALLOC() failed : Cannot allocate "

@@ -23,7 +23,8 @@ using talvek::test::CaptureLog;
 using talvek::test::ReadFile;
 using Lines = std::vector<std::string>;
 
-constexpr size_t kMaxFile = 1048576;
+constexpr size_t kMaxFile = COM_HEX_TEXT_MAX_FILE;
+static_assert(kMaxFile == 1048576);
 
 // A file in memory, at its beginning.
 class MemoryFile {
@@ -33,7 +34,7 @@ class MemoryFile {
         EXPECT_EQ(ssize_t(content.size()), write(fd_, content.data(), content.size()));
         EXPECT_EQ(0, lseek(fd_, 0, SEEK_SET));
     }
-    ~MemoryFile() { EXPECT_EQ(0, close(fd_)) << "the file stays open"; }
+    ~MemoryFile() { EXPECT_EQ(0, close(fd_)) << "the call closed the file"; }
     MemoryFile(const MemoryFile &) = delete;
     MemoryFile &operator=(const MemoryFile &) = delete;
 
@@ -50,7 +51,7 @@ std::string TextOf(int fd) {
     const std::unique_ptr<char, decltype(&free)> text{COM_ReadHexDataInStrFormat(fd, &length),
                                                       &free};
     if (text == nullptr) {
-        EXPECT_EQ(-77, length) << "written although it failed";
+        EXPECT_EQ(-77, length) << "written after a failure";
         return kNothing;
     }
     EXPECT_EQ(strlen(text.get()), static_cast<size_t>(length));
@@ -62,7 +63,7 @@ std::string TextOf(const std::string &content) {
     return TextOf(file.fd());
 }
 
-TEST(ReadHexData, TakesOutAllWhiteSpaceAndNothingElse) {
+TEST(ReadHexData, RemovesWhiteSpaceOnly) {
     EXPECT_EQ("", TextOf(""));
     EXPECT_EQ("", TextOf(" \t\n\v\f\r"));
     EXPECT_EQ("0c5a3fff", TextOf("0c5a 3fff\n"));
@@ -78,7 +79,7 @@ TEST(ReadHexData, TakesOutAllWhiteSpaceAndNothingElse) {
     EXPECT_EQ(kept, TextOf(all));
 }
 
-TEST(ReadHexData, CountsNulBytesToo) {
+TEST(ReadHexData, CountsNulBytes) {
     const MemoryFile file{std::string{"ab\0 cd", 6}};
     int length = 0;
     const std::unique_ptr<char, decltype(&free)> text{
@@ -88,7 +89,7 @@ TEST(ReadHexData, CountsNulBytesToo) {
     EXPECT_EQ(0, memcmp("ab\0cd", text.get(), 6));
 }
 
-// Around each size that a buffer may have.
+// Around each size of the growing block.
 TEST(ReadHexData, ReadsFilesOfAnySize) {
     for (const size_t size : {4096u, 8192u, 16384u, 65536u, 524288u}) {
         for (size_t length = size - 2; length <= size + 2; ++length) {
@@ -118,14 +119,14 @@ TEST(ReadHexData, RefusesMoreThanAMebibyte) {
     }
 }
 
-TEST(ReadHexData, EndsForAFileWithoutEnd) {
+TEST(ReadHexData, RefusesAnEndlessFile) {
     const int fd = open("/dev/zero", O_RDONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
     EXPECT_EQ(1u, CaptureLog([&] { EXPECT_EQ(kNothing, TextOf(fd)); }).size());
     close(fd);
 }
 
-TEST(ReadHexData, BeginsWhereTheFileStandsAndLeavesItOpenAtItsEnd) {
+TEST(ReadHexData, ReadsFromTheFilesPositionToItsEnd) {
     const MemoryFile file{"00 11 22\n"};
     lseek(file.fd(), 3, SEEK_SET);
     EXPECT_EQ("1122", TextOf(file.fd()));
@@ -133,14 +134,14 @@ TEST(ReadHexData, BeginsWhereTheFileStandsAndLeavesItOpenAtItsEnd) {
     EXPECT_EQ("", TextOf(file.fd()));
 }
 
-TEST(ReadHexData, NeedsNoLength) {
+TEST(ReadHexData, AcceptsNullForTheLength) {
     const MemoryFile file{"a b"};
     char *pText = COM_ReadHexDataInStrFormat(file.fd(), nullptr);
     EXPECT_STREQ("ab", pText);
     free(pText);
 }
 
-// The kernel's files say that they are empty.
+// The files of the kernel report a size of 0.
 TEST(ReadHexData, ReadsAFileOfTheKernel) {
     const int fd = open("/proc/version", O_RDONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
@@ -150,7 +151,7 @@ TEST(ReadHexData, ReadsAFileOfTheKernel) {
     close(fd);
 }
 
-TEST(ReadHexData, PutsPiecesTogether) {
+TEST(ReadHexData, JoinsTheReadsOfAPipe) {
     int ends[2];
     ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
     std::thread writer{[&] {
@@ -165,7 +166,7 @@ TEST(ReadHexData, PutsPiecesTogether) {
     close(ends[0]);
 }
 
-TEST(ReadHexData, TellsWhatCannotBeRead) {
+TEST(ReadHexData, LogsWhyAFileCannotBeRead) {
     EXPECT_EQ(Lines{"COMMON:COM_ReadHexDataInStrFormat(): read(-1) error : Bad file descriptor"},
               CaptureLog([] { EXPECT_EQ(kNothing, TextOf(-1)); }));
     const int fd = open("/", O_RDONLY | O_CLOEXEC);

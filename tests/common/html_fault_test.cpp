@@ -19,7 +19,7 @@ using talvek::test::HeldBlocks;
 using Lines = std::vector<std::string>;
 
 // A short text grows by one byte at a time, so the nth growth that fails leaves n characters.
-TEST(StripHtmlCodeFault, KeepsWhatWasThereWhenMemoryEnded) {
+TEST(StripHtmlCodeFault, KeepsTheTextUpToTheFailure) {
     for (int nth = 1; nth < 7; ++nth) {
         std::string source = "a<b>bold</b><br>c";
         const std::string whole = "abold\nc";
@@ -34,7 +34,7 @@ TEST(StripHtmlCodeFault, KeepsWhatWasThereWhenMemoryEnded) {
                       EXPECT_EQ(nth + 1, COM_StripHtmlCode(source.data(), &result));
                   }));
         EXPECT_EQ(whole.substr(0, static_cast<size_t>(nth)), result);
-        // The line break had been passed when its newline found no memory.
+        // The newline is written to the source before it is appended to the text.
         EXPECT_EQ(nth >= 5, source.find('\n') != std::string::npos);
         free(result);
         EXPECT_EQ(blocks, HeldBlocks());
@@ -53,7 +53,7 @@ TEST(StripHtmlCodeFault, FailsWithoutMemoryForTheFirstCharacter) {
     EXPECT_EQ(nullptr, result);
 }
 
-TEST(StripHtmlCodeFault, GivesTheLastCharacterForTheNulWithoutMemoryForIt) {
+TEST(StripHtmlCodeFault, ReplacesTheLastCharacterWithoutMemoryForTheNul) {
     char source[] = "abc";
     char *result = nullptr;
     EXPECT_EQ((Lines{"COMMON:COM_ReallocAndCopyBuf(): REALLOC(4) failed : Cannot allocate memory",
@@ -66,9 +66,9 @@ TEST(StripHtmlCodeFault, GivesTheLastCharacterForTheNulWithoutMemoryForIt) {
     free(result);
 }
 
-// Behind the first 64 characters more room than needed is asked for; without it the text goes on
-// byte by byte, and nobody notices.
-TEST(StripHtmlCodeFault, GoesOnWithoutRoomToSpare) {
+// After the first 64 characters more room than needed is requested. If that fails, nothing is
+// logged.
+TEST(StripHtmlCodeFault, WorksWithoutSpareRoom) {
     for (int nth = 64; nth < 70; ++nth) {
         std::string source = "<p>" + std::string(200, 'x') + "</p><p>" + std::string(300, 'y');
         char *result = nullptr;
@@ -81,7 +81,7 @@ TEST(StripHtmlCodeFault, GoesOnWithoutRoomToSpare) {
     }
 }
 
-TEST(StripHtmlCodeFault, LeavesATextWhateverFails) {
+TEST(StripHtmlCodeFault, ReturnsATextWhateverFails) {
     EXPECT_GE(EveryCallFails(ENOMEM,
                              [] {
                                  std::string source =
@@ -96,7 +96,7 @@ TEST(StripHtmlCodeFault, LeavesATextWhateverFails) {
               66);
 }
 
-TEST(ExtractHtmlTagFault, SaysThatThereIsNoMemory) {
+TEST(ExtractHtmlTagFault, LogsThatThereIsNoMemory) {
     char *result = nullptr;
     EXPECT_EQ((Lines{"COMMON:COM_ExtractHtmlTag(): CALLOC(5) fail : Cannot allocate memory"}),
               CaptureLog([&] {

@@ -1,5 +1,6 @@
 #include "common/html.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <stdlib.h>
@@ -19,10 +20,32 @@ using talvek::test::CaptureLog;
 using talvek::test::GuardedCopy;
 using Lines = std::vector<std::string>;
 
+// While g_memory is not 0, requests of realloc for more bytes fail and are counted.
+size_t g_memory = 0;
+int g_refused = 0;
+
+}  // namespace
+
+extern "C" {
+void *__real_realloc(void *pBlock, size_t size);
+void *__wrap_realloc(void *pBlock, size_t size);
+
+void *__wrap_realloc(void *pBlock, size_t size) {
+    if (g_memory != 0 && size > g_memory) {
+        ++g_refused;
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return __real_realloc(pBlock, size);
+}
+}
+
+namespace {
+
 struct Stripped {
     int count;
     std::string text;
-    std::string source;  // as it is afterwards
+    std::string source;  // after the call
     bool operator==(const Stripped &) const = default;
 };
 std::ostream &operator<<(std::ostream &out, const Stripped &stripped) {
@@ -47,7 +70,7 @@ std::string StripText(const std::string &source) {
     return Strip(source).text;
 }
 
-// The rule itself, character after character.
+// The rule, written without tricks: character after character.
 Stripped StripByTheRule(std::string source) {
     enum { kOutside, kTag, kLineBreak } state = kOutside;
     std::string text;
@@ -69,7 +92,7 @@ Stripped StripByTheRule(std::string source) {
     return {text.empty() ? -1 : static_cast<int>(text.size()) + 1, text, source};
 }
 
-TEST(StripHtmlCode, LeavesTheNewlinesInTheSource) {
+TEST(StripHtmlCode, WritesTheNewlinesIntoTheSource) {
     EXPECT_EQ((Stripped{8, "abold\nc", "a<b>bold</b><br\nc"}), Strip("a<b>bold</b><br>c"));
     EXPECT_EQ((Stripped{2, "\n", "<br\n"}), Strip("<br>"));
 }
@@ -116,8 +139,8 @@ TEST(StripHtmlCode, StaysWithinATextOfAnyLength) {
     }
 }
 
-// Around the sizes at which the block begins to grow in larger steps, and far beyond them.
-TEST(StripHtmlCode, HandsOutTextsOfEverySizeWithoutSpareRoom) {
+// Around the size at which the block begins to grow in larger steps, and far beyond it.
+TEST(StripHtmlCode, ReturnsTextsOfEverySizeWithoutSpareRoom) {
     for (const size_t size : {1, 2, 62, 63, 64, 65, 66, 126, 127, 128, 129, 130, 1000, 100000}) {
         for (const bool inOneRun : {true, false}) {
             std::string source;
@@ -140,8 +163,36 @@ TEST(StripHtmlCode, HandsOutTextsOfEverySizeWithoutSpareRoom) {
     }
 }
 
-TEST(StripHtmlCode, ReusesTheBlockHandedIn) {
-    char *result = strdup("what the block held before, longer than the new text");
+// One run of text, and as many runs as characters.
+TEST(StripHtmlCode, UsesAllMemoryWithFewRefusedRequests) {
+    constexpr size_t kMemory = 1'500'000;
+    for (const bool inOneRun : {true, false}) {
+        std::string source;
+        for (size_t i = 0; i < 2 * kMemory; ++i) {
+            source += inOneRun ? "x" : "x<i>";
+        }
+        char *result = nullptr;
+        g_memory = kMemory;
+        g_refused = 0;
+        EXPECT_EQ(
+            (Lines{"COMMON:COM_ReallocAndCopyBuf(): REALLOC(1500001) failed : Cannot allocate "
+                   "memory",
+                   "COMMON:COM_StripHtmlCode(): COM_ReallocAndCopyBuf(1500000) error",
+                   "COMMON:COM_ReallocAndCopyBuf(): REALLOC(1500001) failed : Cannot allocate "
+                   "memory",
+                   "COMMON:COM_StripHtmlCode(): COM_ReallocAndCopyBuf(1500001) error"}),
+            CaptureLog(
+                [&] { EXPECT_EQ(int{kMemory}, COM_StripHtmlCode(source.data(), &result)); }));
+        g_memory = 0;
+        // The step is halved 21 times from 1.5 million to 1; two requests are for a single byte.
+        EXPECT_LE(g_refused, 23);
+        EXPECT_EQ(std::string(kMemory - 1, 'x'), result);
+        free(result);
+    }
+}
+
+TEST(StripHtmlCode, ReusesTheCallersBlock) {
+    char *result = strdup("the old text of the block, longer than the new text");
     char source[] = "<p>new</p>";
     EXPECT_EQ(4, COM_StripHtmlCode(source, &result));
     EXPECT_STREQ("new", result);
@@ -162,7 +213,7 @@ TEST(StripHtmlCode, FailsForNull) {
     EXPECT_EQ(nullptr, result);
 }
 
-// 4 MB: taking the length again after each character would read 8,000 GB.
+// 4 MB: measuring the text again after each character would read 8,000 GB.
 TEST(StripHtmlCode, TakesTimeInProportionToTheText) {
     std::string source;
     while (source.size() < 4000000) {
@@ -200,7 +251,7 @@ Extracted Extract(const char *pTag, const std::string &html, int keepTags) {
         EXPECT_EQ(nullptr, result);
     }
     free(result);
-    EXPECT_STREQ(html.c_str(), text.text()) << "the source stays as it is";
+    EXPECT_STREQ(html.c_str(), text.text()) << "the source changed";
     return extracted;
 }
 
@@ -222,19 +273,19 @@ TEST(ExtractHtmlTag, KeepsNestedElementsOfTheSameName) {
               Extract("div", "<div><div>1</div><div>2</div></div>", 0));
 }
 
-TEST(ExtractHtmlTag, PassesOverLongerNames) {
+TEST(ExtractHtmlTag, SkipsLongerNames) {
     EXPECT_EQ((Extracted{2, "2"}), Extract("td", "<tdx>1</tdx><td class=x>2</td>", 0));
     EXPECT_EQ((Extracted{9, "1</tdx>2"}), Extract("td", "<td>1</tdx>2</td>", 0));
 }
 
-TEST(ExtractHtmlTag, TakesABlankATabOrTheBracketBehindTheName) {
-    for (const char *pBehind : {">", " >", " a=b>", "\t>", "\tx>"}) {
+TEST(ExtractHtmlTag, RequiresABlankATabOrABracketAfterTheName) {
+    for (const char *pAfter : {">", " >", " a=b>", "\t>", "\tx>"}) {
         EXPECT_EQ((Extracted{2, "1"}),
-                  Extract("td", std::string{"<td"} + pBehind + "1</td" + pBehind, 0));
+                  Extract("td", std::string{"<td"} + pAfter + "1</td" + pAfter, 0));
     }
-    for (const char *pBehind : {"\n>", "\r\n>", "/>", "x>", "."}) {
-        EXPECT_EQ(kNone, Extract("td", std::string{"<td"} + pBehind + "1</td>", 0));
-        EXPECT_EQ(kNone, Extract("td", std::string{"<td>1</td"} + pBehind, 0));
+    for (const char *pAfter : {"\n>", "\r\n>", "/>", "x>", "."}) {
+        EXPECT_EQ(kNone, Extract("td", std::string{"<td"} + pAfter + "1</td>", 0));
+        EXPECT_EQ(kNone, Extract("td", std::string{"<td>1</td"} + pAfter, 0));
     }
 }
 
@@ -242,14 +293,14 @@ TEST(ExtractHtmlTag, IgnoresCase) {
     EXPECT_EQ((Extracted{11, "<Td>1</tD>"}), Extract("TD", "<Td>1</tD>", 1));
 }
 
-TEST(ExtractHtmlTag, CountsAnEmptyElementAsNotThere) {
+TEST(ExtractHtmlTag, DoesNotFindAnEmptyElement) {
     EXPECT_EQ(kNone, Extract("b", "<b></b>", 0));
     EXPECT_EQ((Extracted{8, "<b></b>"}), Extract("b", "<b></b>", 1));
-    // The first element decides, even if a later one is not empty.
+    // Only the first element counts, even if a later one is not empty.
     EXPECT_EQ(kNone, Extract("b", "<b></b><b>x</b>", 0));
 }
 
-TEST(ExtractHtmlTag, FailsForAnElementThatIsNotThereOrNotClosed) {
+TEST(ExtractHtmlTag, FailsForAMissingOrUnclosedElement) {
     for (const int keep : {0, 1}) {
         EXPECT_EQ(kNone, Extract("b", "", keep));
         EXPECT_EQ(kNone, Extract("b", "<i>b</i>", keep));
@@ -267,20 +318,20 @@ TEST(ExtractHtmlTag, CountsStrayClosingTags) {
     EXPECT_EQ((Extracted{9, "<b>2</b>"}), Extract("b", "</b><b>1<b>2</b></b>", 1));
 }
 
-// A tag ends at the next ">", and what lies before it belongs to it.
-TEST(ExtractHtmlTag, KnowsNoCommentsAndNoQuotes) {
+// A tag ends at the next ">", and all text before that belongs to the tag.
+TEST(ExtractHtmlTag, DoesNotUnderstandCommentsAndQuotes) {
     EXPECT_EQ((Extracted{5, "\">x "}), Extract("b", "<b a=\">\">x </b>", 0));
     EXPECT_EQ((Extracted{2, "1"}), Extract("b", "<!-- > --><b>1</b>", 0));
     // "<!-- <b>" is a tag of another name, so the first "</b>" is a stray one.
     EXPECT_EQ(kNone, Extract("b", "<!-- <b>1</b> --><b>2</b>", 0));
 }
 
-// The rule itself, tag after tag.
+// The rule, written without tricks: tag after tag.
 Extracted ExtractByTheRule(const std::string &tag, const std::string &html, bool keep) {
     const auto named = [&](size_t at) {
-        const size_t behind = at + tag.size();
+        const size_t after = at + tag.size();
         return strncasecmp(html.c_str() + at, tag.c_str(), tag.size()) == 0 &&
-               behind < html.size() && strchr(" \t>", html[behind]) != nullptr;
+               after < html.size() && strchr(" \t>", html[after]) != nullptr;
     };
     int depth = -1;
     size_t start = std::string::npos;
