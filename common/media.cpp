@@ -5,11 +5,13 @@
 #include <limits.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "base/characters.h"
+#include "base/path.h"
 #include "common/internal/module_log.h"
 #include "common/text.h"
 
-namespace talvek {
 namespace {
 
 struct ContentType {
@@ -34,25 +36,26 @@ struct AudioCodec {
 };
 
 constexpr AudioCodec kAudioCodecs[] = {
-    {"PCMU", 7},         {"PCMA", 6},         {"G726-16", 0x4000},
-    {"G726-24", 0x4001}, {"G726-32", 0x4002}, {"G726-40", 0x4003},
+    {"PCMU", COM_AUDIO_CODEC_PCMU},       {"PCMA", COM_AUDIO_CODEC_PCMA},
+    {"G726-16", COM_AUDIO_CODEC_G726_16}, {"G726-24", COM_AUDIO_CODEC_G726_24},
+    {"G726-32", COM_AUDIO_CODEC_G726_32}, {"G726-40", COM_AUDIO_CODEC_G726_40},
 };
 
-void Store(int *pOut, int value) {
+void StoreIfWanted(int *pOut, int value) {
     if (pOut != nullptr) {
         *pOut = value;
     }
 }
 
-// A quoted value is cut out with one byte more than the size told, so it passes through a text of
-// that size; the field keeps its last byte for the NUL.
+// COM_GetStrInDoubleQuotes may write one byte more than its size, so the value passes through a
+// larger text. The field keeps its last byte for the NUL.
 template <size_t kSize>
-void TakeQuoted(const char *pHeader, const char *pKey, char (&field)[kSize]) {
+void ReadQuoted(const char *pHeader, const char *pKey, char (&field)[kSize]) {
     char value[kSize + 1];
     value[0] = '?';
     const char *found = COM_GetStrInDoubleQuotes(pHeader, pKey, value, static_cast<int>(kSize));
     if (found == nullptr && value[0] != '\0') {
-        return;  // not there, whereas an empty value has emptied the text
+        return;  // missing; an empty value has emptied the text
     }
     const size_t length = strnlen(value, kSize - 1);
     memcpy(field, value, length);
@@ -62,16 +65,15 @@ void TakeQuoted(const char *pHeader, const char *pKey, char (&field)[kSize]) {
 constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
 constexpr int kStartCodeSize = sizeof kStartCode;
 constexpr int kNalTypeMask = 0x1F;
-constexpr int kNalTypeSei = 6;
 
-// A number of an SEI message, from `at` on, which is moved behind it. -1 when the bytes end within.
-int ReadSeiNumber(const uint8_t *pBytes, int len, int &at) {
+// Reads a number of an SEI message at `at` and moves `at` past it. -1 when the bytes end inside it.
+int ReadSeiNumber(const uint8_t *pBytes, int size, int &at) {
     int64_t value = 0;
-    while (at < len) {
+    while (at < size) {
         const uint8_t byte = pBytes[at++];
         value += byte;
         if (byte != 0xFF) {
-            return value < INT_MAX ? static_cast<int>(value) : INT_MAX;
+            return static_cast<int>(std::min<int64_t>(value, INT_MAX));
         }
     }
     return -1;
@@ -85,36 +87,33 @@ Word LoadWord(const uint8_t *pAt) {
 }
 
 }  // namespace
-}  // namespace talvek
 
 const char *COM_GetMimeType(const char *pFileName) {
-    const char *type = talvek::kPlainText;
+    const char *type = kPlainText;
     const char *extension = pFileName != nullptr ? strrchr(pFileName, '.') : nullptr;
     if (extension != nullptr) {
         ++extension;
-        for (const talvek::ContentType &row : talvek::kContentTypes) {
+        for (const ContentType &row : kContentTypes) {
             if (strcmp(extension, row.extension) == 0) {
                 type = row.type;
                 break;
             }
         }
     }
-    LOG_PLAIN("[%s][%s] => [%s]\n", pFileName != nullptr ? pFileName : "(null)",
-              extension != nullptr ? extension : "(null)", type);
+    LOG_PLAIN("[%s][%s] => [%s]\n", talvek::Shown(pFileName), talvek::Shown(extension), type);
     return type;
 }
 
 int COM_GetAudioCodecId(const char *pName, int *pSecond, int *pId) {
-    // Every codec is told with an 8. Held by GetAudioCodecId.TellsAnEightForEveryName.
-    talvek::Store(pSecond, 8);
-    int id = 0;
-    for (const talvek::AudioCodec &row : talvek::kAudioCodecs) {
+    StoreIfWanted(pSecond, COM_AUDIO_CODEC_SECOND);
+    int id = COM_AUDIO_CODEC_UNKNOWN;
+    for (const AudioCodec &row : kAudioCodecs) {
         if (pName != nullptr && talvek::EqualsIgnoringCase(pName, row.name)) {
             id = row.id;
             break;
         }
     }
-    talvek::Store(pId, id);
+    StoreIfWanted(pId, id);
     return 0;
 }
 
@@ -123,76 +122,75 @@ int COM_ParseDigestChallenge(const char *pHeaders, tDigestChallenge *pRec) {
     if (header == nullptr || pRec == nullptr) {
         return -1;
     }
-    talvek::TakeQuoted(header, "realm=", pRec->realm);
-    talvek::TakeQuoted(header, "qop=", pRec->qop);
-    talvek::TakeQuoted(header, "nonce=", pRec->nonce);
-    talvek::TakeQuoted(header, "opaque=", pRec->opaque);
+    ReadQuoted(header, "realm=", pRec->realm);
+    ReadQuoted(header, "qop=", pRec->qop);
+    ReadQuoted(header, "nonce=", pRec->nonce);
+    ReadQuoted(header, "opaque=", pRec->opaque);
     return 0;
 }
 
-int COM_FindStartCode(const void *pBuf, int len, int *pNalType) {
-    if (pBuf == nullptr || len <= talvek::kStartCodeSize) {
+int COM_FindStartCode(const void *pBuf, int size, int *pNalType) {
+    if (pBuf == nullptr || size <= kStartCodeSize) {
         return -1;
     }
-    // The last byte can only be a unit's header.
+    // The last byte must follow the start code.
     const auto *bytes = static_cast<const uint8_t *>(pBuf);
-    const void *found =
-        memmem(bytes, static_cast<size_t>(len - 1), talvek::kStartCode, sizeof talvek::kStartCode);
+    const void *found = memmem(bytes, static_cast<size_t>(size - 1), kStartCode, sizeof kStartCode);
     if (found == nullptr) {
         return -1;
     }
     const auto *code = static_cast<const uint8_t *>(found);
-    talvek::Store(pNalType, code[talvek::kStartCodeSize] & talvek::kNalTypeMask);
+    StoreIfWanted(pNalType, code[kStartCodeSize] & kNalTypeMask);
     return static_cast<int>(code - bytes);
 }
 
-int COM_FindSeiPayload(const void *pBuf, int len, int *pPayloadType, int *pPayloadSize) {
+int COM_FindSeiPayload(const void *pBuf, int size, int *pPayloadType, int *pPayloadSize) {
     const auto *bytes = static_cast<const uint8_t *>(pBuf);
     int offset = 0;
     for (;;) {
         int type = 0;
         const int found =
-            bytes != nullptr ? COM_FindStartCode(bytes + offset, len - offset, &type) : -1;
+            bytes != nullptr ? COM_FindStartCode(bytes + offset, size - offset, &type) : -1;
         if (found < 0) {
             return -1;
         }
         offset += found;
-        if (type == talvek::kNalTypeSei) {
+        if (type == COM_NAL_TYPE_SEI) {
             break;
         }
-        offset += talvek::kStartCodeSize;
-        if (len - offset <= talvek::kStartCodeSize) {
+        offset += kStartCodeSize;
+        if (size - offset <= kStartCodeSize) {
             return -1;
         }
     }
-    int at = offset + talvek::kStartCodeSize + 1;
-    const int type = talvek::ReadSeiNumber(bytes, len, at);
-    const int size = talvek::ReadSeiNumber(bytes, len, at);
-    if (type < 0 || size < 0) {
+    int at = offset + kStartCodeSize + 1;
+    const int payloadType = ReadSeiNumber(bytes, size, at);
+    const int payloadSize = ReadSeiNumber(bytes, size, at);
+    if (payloadType < 0 || payloadSize < 0) {
         return -1;
     }
-    talvek::Store(pPayloadType, type);
-    talvek::Store(pPayloadSize, size);
+    StoreIfWanted(pPayloadType, payloadType);
+    StoreIfWanted(pPayloadSize, payloadSize);
     return offset;
 }
 
-uint16_t COM_CheckSum16(const void *pData, int len) {
+uint16_t COM_CheckSum16(const void *pData, int size) {
     const auto *at = static_cast<const uint8_t *>(pData);
-    size_t left = pData != nullptr && len > 0 ? static_cast<size_t>(len) : 0;
-    // 32-bit words carry two 16-bit ones, whose sum is folded together at the end: one's complement
-    // addition may be done in any width (RFC 1071, section 2).
+    size_t left = pData != nullptr && size > 0 ? static_cast<size_t>(size) : 0;
+    // One's complement sums may be taken over wider words and folded at the end (RFC 1071, section
+    // 2).
     uint64_t sum = 0;
     for (; left >= sizeof(uint32_t); left -= sizeof(uint32_t), at += sizeof(uint32_t)) {
-        sum += talvek::LoadWord<uint32_t>(at);
+        sum += LoadWord<uint32_t>(at);
     }
     if (left >= sizeof(uint16_t)) {
-        sum += talvek::LoadWord<uint16_t>(at);
+        sum += LoadWord<uint16_t>(at);
         at += sizeof(uint16_t);
         left -= sizeof(uint16_t);
     }
     if (left > 0) {
         const uint8_t last[] = {*at, 0};
-        sum += talvek::LoadWord<uint16_t>(last);
+        sum += LoadWord<uint16_t>(last);
     }
     while (sum > 0xFFFF) {
         sum = (sum & 0xFFFF) + (sum >> 16);

@@ -1,12 +1,11 @@
 #ifndef TALVEK_COMMON_MEDIA_H
 #define TALVEK_COMMON_MEDIA_H
 
-/* Look-ups of programs that serve media over HTTP: content types, audio codecs, the challenge of
+/* Helpers of programs that serve media over HTTP: content types, audio codecs, the challenge of
  * HTTP Digest authentication (RFC 7616), units of an H.264 byte stream (ITU-T H.264 annexes B and
  * D), and the Internet checksum (RFC 1071).
  *
- * Texts are NUL-terminated, counts are in bytes, and a number that is not wanted may be NULL. After
- * -1 all outputs are as they were. */
+ * An output for a number may be NULL if the caller does not need the number. */
 
 #include <assert.h>
 #include <stddef.h>
@@ -16,75 +15,95 @@
 extern "C" {
 #endif
 
-/* Tells the content type for a file name by what stands behind its last ".": avi, rpt, txt, log,
- * jpg, jpe, jpeg, gif, bmp, pdf, rar, xml, zip, mpeg, mpg, mpe, mp4, in this case only. Each call
- * is logged.
- *
- * Returns a static text, "text/plain" for any other extension, for none and for NULL. */
+/* Returns the content type for a file name, by the extension after its last ".": avi, rpt, txt,
+ * log, jpg, jpe, jpeg, gif, bmp, pdf, rar, xml, zip, mpeg, mpg, mpe, mp4, lower case only. Any
+ * other extension, none, and NULL give "text/plain". The text is static. Each call is logged. */
 const char *COM_GetMimeType(const char *pFileName);
 
-/* Tells the identifier of a narrow-band audio codec that a session description names.
+/* Identifiers of narrow-band audio codecs. */
+enum {
+    COM_AUDIO_CODEC_UNKNOWN = 0,
+    COM_AUDIO_CODEC_PCMA = 6,
+    COM_AUDIO_CODEC_PCMU = 7,
+    COM_AUDIO_CODEC_G726_16 = 0x4000,
+    COM_AUDIO_CODEC_G726_24 = 0x4001,
+    COM_AUDIO_CODEC_G726_32 = 0x4002,
+    COM_AUDIO_CODEC_G726_40 = 0x4003,
+
+    COM_AUDIO_CODEC_SECOND = 8, /* the second number of every codec */
+};
+
+/* Returns the identifier of an audio codec by its name in a session description.
  *
- *   pName    "PCMU", "PCMA", "G726-16", "G726-24", "G726-32" or "G726-40", in any case
- *   pSecond  receives 8, whatever the name
- *   pId      receives 7, 6, 0x4000, 0x4001, 0x4002 or 0x4003; 0 for any other name and for NULL
+ *   pName    "PCMU", "PCMA", "G726-16", "G726-24", "G726-32" or "G726-40"; ASCII case is ignored
+ *   pSecond  receives COM_AUDIO_CODEC_SECOND for every name
+ *   pId      receives the codec's identifier; COM_AUDIO_CODEC_UNKNOWN for any other name and for
+ *            NULL
  *
  * Returns 0. */
 int COM_GetAudioCodecId(const char *pName, int *pSecond, int *pId);
 
-/* The challenge of a server that asks for Digest authentication. It is the last part of a program's
- * own authentication record; hand in the address of this part. */
-typedef struct tDigestChallenge {
-    char realm[80];
-    char qop[16];
-    char nonce[80];
-    char opaque[80];
-} tDigestChallenge;
-static_assert(sizeof(tDigestChallenge) == 256, "four texts without gaps");
-static_assert(offsetof(tDigestChallenge, qop) == 80, "behind the realm");
-static_assert(offsetof(tDigestChallenge, nonce) == 96, "behind the quality of protection");
-static_assert(offsetof(tDigestChallenge, opaque) == 176, "behind the nonce");
+enum {
+    COM_DIGEST_VALUE_SIZE = 80, /* bytes for a realm, nonce or opaque value, including the NUL */
+    COM_DIGEST_QOP_SIZE = 16,   /* bytes for the quality of protection, including the NUL */
+};
 
-/* Takes realm, qop, nonce and opaque, each in double quotes, out of the first
- * "WWW-Authenticate: Digest" of a header block (in any case). What the header line does not have is
- * taken from the lines behind it.
+/* The challenge of a server that requests Digest authentication. In a program it is the last part
+ * of an authentication record; pass the address of that part. */
+typedef struct tDigestChallenge {
+    char realm[COM_DIGEST_VALUE_SIZE];
+    char qop[COM_DIGEST_QOP_SIZE];
+    char nonce[COM_DIGEST_VALUE_SIZE];
+    char opaque[COM_DIGEST_VALUE_SIZE];
+} tDigestChallenge;
+static_assert(sizeof(tDigestChallenge) == 256, "the record has no gaps");
+static_assert(offsetof(tDigestChallenge, qop) == 80, "qop follows the realm");
+static_assert(offsetof(tDigestChallenge, nonce) == 96, "the nonce follows qop");
+static_assert(offsetof(tDigestChallenge, opaque) == 176, "opaque follows the nonce");
+
+/* Reads realm, qop, nonce and opaque, each in double quotes, from the first
+ * "WWW-Authenticate: Digest" of a header block (ASCII case is ignored). A parameter that this
+ * header does not have is taken from a later one.
  *
- *   pRec  a parameter that is missing leaves its field as it was, an empty one makes it empty; one
- *         that is longer than its field is cut, its NUL is the field's last byte, and the log warns
+ *   pRec  a missing parameter leaves its field unchanged, an empty one empties it, a longer one is
+ *         truncated to the field less one byte with a warning
  *
- * Returns 0, or -1 when the header is not there or an argument is NULL. */
+ * Returns 0, or -1 without the header. */
 int COM_ParseDigestChallenge(const char *pHeaders, tDigestChallenge *pRec);
 
-/* Finds the first start code 00 00 00 01 that at least one byte follows. Start codes of three bytes
- * are not recognised.
+enum {
+    COM_NAL_TYPE_SEI = 6, /* nal_unit_type of supplemental enhancement information */
+};
+
+/* Finds the first start code 00 00 00 01 that is followed by at least one byte. Start codes of
+ * three bytes are not recognised.
  *
- *   pBuf      `len` bytes
- *   pNalType  receives the type of the unit (0 to 31)
+ *   pBuf      `size` bytes
+ *   pNalType  receives the unit's nal_unit_type (0 to 31)
  *
  * Returns the offset of the start code, or -1. */
-int COM_FindStartCode(const void *pBuf, int len, int *pNalType);
+int COM_FindStartCode(const void *pBuf, int size, int *pNalType);
 
-/* Finds the first SEI unit (type 6) and reads the type and the size of its first message (H.264,
- * 7.3.2.3.1: each byte FF counts 255, the first other byte ends the number). Emulation prevention
- * bytes are not looked for.
+/* Finds the first SEI unit and reads the type and the size of its first message (H.264, 7.3.2.3.1:
+ * each byte FF adds 255, the first other byte is added last). Emulation-prevention bytes are not
+ * removed.
  *
- *   pBuf          `len` bytes
- *   pPayloadType  receives the payload's type
- *   pPayloadSize  receives the payload's size in bytes, as it is told; it may promise more bytes
- *                 than there are
+ *   pBuf          `size` bytes
+ *   pPayloadType  receives the payload type
+ *   pPayloadSize  receives the payload size in bytes, which may exceed the bytes that follow
  *
- * Returns the offset of the unit's start code; -1 when there is no SEI unit, or the bytes end
- * within the two numbers. */
-int COM_FindSeiPayload(const void *pBuf, int len, int *pPayloadType, int *pPayloadSize);
+ * Returns the offset of the unit's start code; -1 without an SEI unit, or when the bytes end inside
+ * the two numbers. */
+int COM_FindSeiPayload(const void *pBuf, int size, int *pPayloadType, int *pPayloadSize);
 
 /* Computes the Internet checksum (RFC 1071): the complement of the one's complement sum of the
- * 16-bit words as they lie in memory. A last odd byte is taken with a zero byte behind it.
+ * 16-bit words in memory order. A zero byte is added after a last odd byte.
  *
- *   pData  `len` bytes at any address; NULL or a length of 0 and below count as no bytes (0xFFFF)
+ *   pData  `size` bytes at any address; NULL, or a size of 0 or less, is no bytes (0xFFFF)
  *
- * The result is in memory order too: stored as a uint16_t, it is the checksum on the wire. Over
- * bytes that hold their right checksum the result is 0. */
-uint16_t COM_CheckSum16(const void *pData, int len);
+ * Returns the checksum in memory order: stored as a uint16_t, it is the checksum on the wire. For
+ * bytes that include their correct checksum it is 0. */
+uint16_t COM_CheckSum16(const void *pData, int size);
 
 #ifdef __cplusplus
 }

@@ -1,4 +1,4 @@
-// One setting out of a settings document.
+// Reads one setting out of a settings document.
 
 #include "common/settings.h"
 
@@ -6,19 +6,20 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "common/internal/module_log.h"
 #include "common/text.h"
 
-namespace talvek {
 namespace {
 
-constexpr char kEntry[] = "COM_ParserXmlData";
+constexpr char kFunction[] = "COM_ParserXmlData";
 constexpr char kElement[] = "<DATA";
 constexpr char kElementEnd[] = "</DATA>";
 constexpr char kNameAttribute[] = "Name=\"";
 constexpr char kItem[] = "<ITEM";
 
-// A quoted value, with the byte more than its size that COM_GetStrInDoubleQuotes may write.
+// COM_GetStrInDoubleQuotes may write one byte more than its size.
 constexpr int kValueSize = 80;
 using Value = char[kValueSize + 1];
 
@@ -28,14 +29,15 @@ struct Element {
     const char *name = nullptr;
 };
 
-// The next occurrence of a text at or behind `from`, given one that was found from an earlier
-// place: it is searched for again only when it has been passed, so a walk reads the document once.
+// The first occurrence of a text at or after `from`. `last` is the result of an earlier call with a
+// smaller `from`, or NULL. While it is not passed it is still the first, so that a walk reads the
+// document once.
 const char *NextFrom(const char *from, const char *last, const char *pPattern) {
     return last != nullptr && last >= from ? last : strstr(from, pPattern);
 }
 
 void LogMissing(const char *pPattern, const char *pFrom) {
-    LOG_AS(kEntry, "Can't find [%s] pattern - [%.20s]\n", pPattern, pFrom);
+    LOG_AS(kFunction, "Can't find [%s] pattern - [%.20s]\n", pPattern, pFrom);
 }
 
 bool FindElement(const char *pDoc, const char *pName, size_t nameSize, Element &element) {
@@ -50,15 +52,15 @@ bool FindElement(const char *pDoc, const char *pName, size_t nameSize, Element &
             LogMissing(kElementEnd, element.start);
             return false;
         }
-        // The name may lie behind the element's end: an element without a name takes the next one.
-        // Held by ParserXmlData.TakesANameThatLiesBehindTheElement.
+        // An element without a name takes the next name, even after its own end.
+        // Tested by ParserXmlData.TakesANameFromALaterElement.
         const char *attribute = strstr(element.start, kNameAttribute);
         if (attribute == nullptr) {
             LogMissing(kNameAttribute, element.start);
             return false;
         }
         element.name = attribute + sizeof kNameAttribute - 1;
-        // A name matches by how it begins. Held by ParserXmlData.MatchesTheBeginningOfAName.
+        // A prefix matches. Tested by ParserXmlData.MatchesTheBeginningOfAName.
         if (strncmp(element.name, pName, nameSize) == 0) {
             return true;
         }
@@ -66,26 +68,24 @@ bool FindElement(const char *pDoc, const char *pName, size_t nameSize, Element &
     }
 }
 
-// Attributes are searched without regard to the element's end: one that is missing is taken from
-// what follows. Held by ParserXmlData.TakesAMissingAttributeFromALaterElement.
-bool TakeAttribute(const Element &element, const char *pKey, Value &value) {
+// The search does not end with the element: a missing attribute is taken from a later element.
+// Tested by ParserXmlData.TakesAMissingAttributeFromALaterElement.
+bool ReadAttribute(const Element &element, const char *pKey, Value &value) {
     value[0] = '\0';
     return COM_GetStrInDoubleQuotes(element.start, pKey, value, kValueSize) != nullptr;
 }
 
-void TakeNumber(const Element &element, const char *pKey, int32_t &number) {
+void ReadNumber(const Element &element, const char *pKey, int32_t &number) {
     Value value;
-    if (TakeAttribute(element, pKey, value)) {
+    if (ReadAttribute(element, pKey, value)) {
         const long parsed = strtol(value, nullptr, 10);
-        number = parsed > INT32_MAX   ? INT32_MAX
-                 : parsed < INT32_MIN ? INT32_MIN
-                                      : static_cast<int32_t>(parsed);
+        number = static_cast<int32_t>(std::clamp<long>(parsed, INT32_MIN, INT32_MAX));
     }
 }
 
-void TakeType(const Element &element, int32_t &type) {
+void ReadType(const Element &element, int32_t &type) {
     Value value;
-    if (!TakeAttribute(element, "type=", value)) {
+    if (!ReadAttribute(element, "type=", value)) {
         return;
     }
     if (strcmp(value, "INT") == 0) {
@@ -97,35 +97,34 @@ void TakeType(const Element &element, int32_t &type) {
     }
 }
 
-// A text of fixed size that cuts what does not fit.
-template <size_t kSize>
-class FixedText {
+// The names of items, which are truncated to the size of the record's text.
+class ItemNames {
   public:
-    explicit FixedText(char (&text)[kSize]) : text_(text) { memset(text, 0, kSize); }
+    explicit ItemNames(char (&text)[COM_XML_TEXT_SIZE]) : text_(text) {
+        memset(text, 0, sizeof text);
+    }
 
-    // False when something had to be left out, which is logged.
-    bool Append(const char *pWhat) {
-        const size_t length = strlen(pWhat);
-        const size_t room = kSize - 1 - used_;
-        const size_t taken = length < room ? length : room;
-        memcpy(text_ + used_, pWhat, taken);
-        used_ += taken;
+    // False when the text had to be truncated, which is logged.
+    bool Append(const char *pText) {
+        const size_t length = strlen(pText);
+        const size_t taken = std::min(length, sizeof text_ - 1 - used_);
+        memcpy(text_ + used_, pText, taken);
         if (taken < length) {
-            LOG_AS(kEntry, "Warning! overflow (len, size) = (%d, %d)\n",
-                   static_cast<int>(used_ - taken + length + 1), static_cast<int>(kSize));
-            return false;
+            LOG_AS(kFunction, "Warning! overflow (len, size) = (%d, %d)\n",
+                   static_cast<int>(used_ + length + 1), COM_XML_TEXT_SIZE);
         }
-        return true;
+        used_ += taken;
+        return taken == length;
     }
     [[nodiscard]] bool empty() const { return used_ == 0; }
 
   private:
-    char (&text_)[kSize];
+    char (&text_)[COM_XML_TEXT_SIZE];
     size_t used_ = 0;
 };
 
-void TakeItems(const Element &element, tXmlDataItem &item) {
-    FixedText<sizeof item.text> names{item.text};
+void ReadItems(const Element &element, tXmlDataItem &item) {
+    ItemNames names{item.text};
     const char *position = element.start;
     for (;;) {
         const char *start = strstr(position, kItem);
@@ -140,37 +139,36 @@ void TakeItems(const Element &element, tXmlDataItem &item) {
     }
 }
 
-void TakeText(const Element &element, tXmlDataItem &item) {
+void ReadText(const Element &element, tXmlDataItem &item) {
     Value value;
-    if (TakeAttribute(element, "value=", value)) {
+    if (ReadAttribute(element, "value=", value)) {
         static_assert(sizeof item.text >= sizeof value, "a value always fits");
         memcpy(item.text, value, strlen(value) + 1);
     }
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_ParserXmlData(const char *pDoc, tXmlDataItem *pItem) {
     if (pDoc == nullptr || pItem == nullptr) {
         return -1;
     }
     const size_t nameSize = strnlen(pItem->name, sizeof pItem->name);
-    talvek::Element element;
-    if (!talvek::FindElement(pDoc, pItem->name, nameSize, element)) {
+    Element element;
+    if (!FindElement(pDoc, pItem->name, nameSize, element)) {
         return -1;
     }
     const int shownName = static_cast<int>(nameSize);
     LOG("find [%.*s] pattern - [%.20s]\n", shownName, pItem->name, element.name);
 
-    talvek::TakeType(element, pItem->type);
+    ReadType(element, pItem->type);
     if (pItem->type == COM_XML_TYPE_TEXT) {
-        talvek::TakeText(element, *pItem);
+        ReadText(element, *pItem);
     } else {
-        talvek::TakeNumber(element, "min=", pItem->min);
-        talvek::TakeNumber(element, "max=", pItem->max);
-        talvek::TakeNumber(element, "value=", pItem->value);
-        talvek::TakeItems(element, *pItem);
+        ReadNumber(element, "min=", pItem->min);
+        ReadNumber(element, "max=", pItem->max);
+        ReadNumber(element, "value=", pItem->value);
+        ReadItems(element, *pItem);
     }
     LOG_PLAIN("[%.*s] (min, max, value)=(%d, %d, %d) - (%d)[%.*s]\n", shownName, pItem->name,
               pItem->min, pItem->max, pItem->value, pItem->type,

@@ -1,6 +1,6 @@
-// The scraping functions and general tools at the same work over documents of Debian's packages:
-// strcasestr, xmllint, w3m and html2text. What they do differently is listed here, each difference
-// as a rule that makes both sides equal.
+// Compares the scraping functions with general tools, on documents from Debian packages:
+// strcasestr, xmllint, w3m and html2text. Each difference is listed as a rule that makes both
+// results equal.
 
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -66,7 +66,7 @@ void ExpectTheSamePlaces(const std::string &path) {
     const std::string document = ReadFile(path);
     std::mt19937 random{17};
     for (int i = 0; i < 400; ++i) {
-        // A piece of the document with the case of its letters changed, or one that is not there.
+        // A piece of the document with the case of its letters changed, or one that does not occur.
         const size_t length = random() % 24 + 1;
         std::string key = document.substr(random() % (document.size() - length), length);
         for (char &c : key) {
@@ -81,17 +81,17 @@ void ExpectTheSamePlaces(const std::string &path) {
     }
 }
 
-TEST(Documents, AreSearchedAsStrcasestrDoesInXml) {
+TEST(Documents, AreSearchedLikeStrcasestrInXml) {
     ExpectTheSamePlaces(kMimeDatabase);
 }
-TEST(Documents, AreSearchedAsStrcasestrDoesInHtml) {
+TEST(Documents, AreSearchedLikeStrcasestrInHtml) {
     ExpectTheSamePlaces(kMimeSpec + "x34.html");
     ExpectTheSamePlaces(kW3mHelp);
 }
 
 // --- XML values and xmllint ---
 
-// The document's elements of a name, each from its start tag on to the next one's.
+// The elements of a name, each from its start tag to the next start tag of that name.
 std::vector<std::string> Elements(const std::string &document, const std::string &opening) {
     std::vector<std::string> elements;
     size_t at = document.find(opening);
@@ -127,7 +127,7 @@ std::vector<std::string> Xpath(const std::string &expression) {
     return Lines(Output("xmllint --xpath '" + expression + "' " + kMimeDatabase));
 }
 
-TEST(Documents, GiveTheAttributesThatXmllintGives) {
+TEST(Documents, YieldTheAttributesThatXmllintPrints) {
     NEED_FILE(kMimeDatabase);
     NEED_TOOL("xmllint");
     std::vector<std::string> found;
@@ -138,9 +138,9 @@ TEST(Documents, GiveTheAttributesThatXmllintGives) {
     EXPECT_EQ(Xpath("//*[local-name()=\"mime-type\"]/@type"), found);
 }
 
-// The first element without attributes. Difference: entities are not resolved; xmllint writes them
-// back when it prints a text node, so both show "&amp;".
-TEST(Documents, GiveTheValuesThatXmllintGives) {
+// The first element without attributes. Scraping does not resolve entities; xmllint does, but
+// encodes them again when it prints a text node, so both show "&amp;".
+TEST(Documents, YieldTheValuesThatXmllintPrints) {
     NEED_FILE(kMimeDatabase);
     NEED_TOOL("xmllint");
     const struct {
@@ -166,8 +166,8 @@ std::string XmllintString(const std::string &text, const std::string &path) {
     return Lines(Output("echo '" + text + "' | xmllint --xpath 'string(" + path + ")' -"))[0];
 }
 
-// Where the rules of scraping and of XML part. Left: what the function gives, right: xmllint.
-TEST(Documents, DifferFromXmllintAsTheRulesSay) {
+// Where scraping differs from XML: first the result of scraping, then that of xmllint.
+TEST(Documents, DifferFromXmllintInKnownWays) {
     NEED_FILE(kMimeDatabase);
     NEED_TOOL("xmllint");
     const std::string document = ReadFile(kMimeDatabase);
@@ -177,20 +177,20 @@ TEST(Documents, DifferFromXmllintAsTheRulesSay) {
     };
     const std::vector<std::string> elements = Elements(document, "<mime-type ");
 
-    // A start tag with attributes is not the tag.
+    // A start tag with attributes is not found.
     const std::string translated = "<comment xml:lang=\"zz\">other</comment>";
     EXPECT_EQ("(none)", Data(translated, "comment"));
     EXPECT_EQ("other", XmllintString(translated, "//comment"));
 
-    // Case does not count.
+    // Case is ignored.
     EXPECT_EQ(Data(elements[0], "comment"), Data(elements[0], "COMMENT"));
     EXPECT_EQ("", xpath("//*[local-name()=\"COMMENT\"]"));
 
-    // A tag is found by how it begins: there is no element "sub-class".
+    // A longer tag name matches: there is no element "sub-class".
     EXPECT_NE("(none)", Attribute(document, "sub-class", "type="));
     EXPECT_EQ("", xpath("//*[local-name()=\"sub-class\"]/@type"));
 
-    // What stands in a comment counts.
+    // Tags in comments count.
     const std::string commented = "<r><!-- <a>1</a> --><a>2</a></r>";
     EXPECT_EQ("1", Data(commented, "a"));
     EXPECT_EQ("2", XmllintString(commented, "//a"));
@@ -208,8 +208,8 @@ TEST(Documents, DifferFromXmllintAsTheRulesSay) {
 
 // --- HTML to text: w3m and html2text ---
 
-// Letters and digits alone: browsers wrap lines, draw rules, tables and bullets, and set blanks
-// between cells, which stripping joins.
+// Only letters and digits are compared: browsers wrap lines, draw rules, tables and bullets, and
+// separate cells, which stripping joins.
 std::string LettersAndDigits(const std::string &text) {
     std::string result;
     std::copy_if(text.begin(), text.end(), std::back_inserter(result),
@@ -227,13 +227,13 @@ std::string Strip(std::string html) {
     return text;
 }
 
-// What a browser does and stripping does not, as a change of the source that makes up for it.
+// What a browser does and stripping does not, as a change of the source that has the same effect.
 struct Difference {
     const char *name;
     std::string (*compensate)(const std::string &);
 };
 
-// Without what stands from `opening` to the first ">" at or behind `closing`.
+// Removes all text from `opening` to the first ">" at or after `closing`.
 std::string Without(const std::string &html, const char *pOpening, const char *pClosing) {
     std::string result = html;
     while (const char *start = strcasestr(result.c_str(), pOpening)) {
@@ -249,8 +249,8 @@ std::string Without(const std::string &html, const char *pOpening, const char *p
     return result;
 }
 
-// Character references stay as they are; a browser shows the characters. Those of these documents
-// are no letters or digits.
+// Stripping keeps character references; a browser shows the characters. In these documents they are
+// not letters or digits.
 std::string WithoutReferences(const std::string &html) {
     return std::regex_replace(html, std::regex{"&(lt|gt|nbsp|#13|#38|#60|#62);"}, "");
 }
@@ -280,7 +280,7 @@ const Difference kDifferences[] = {
     {"list numbers", WithListNumbers},
 };
 
-// Whether a document's stripped text is the browser's, and by which differences alone it is not.
+// Compares a document's stripped text with the browser's and expects the named differences only.
 void ExpectTheText(const std::string &path, const std::string &command,
                    const std::vector<std::string> &differences) {
     NEED_FILE(path);
@@ -300,7 +300,7 @@ void ExpectTheText(const std::string &path, const std::string &command,
     EXPECT_EQ(differences, met);
 }
 
-TEST(Documents, AreStrippedToTheTextThatW3mShows) {
+TEST(Documents, AreStrippedToTheTextThatW3mPrints) {
     NEED_TOOL("w3m");
     const std::string w3m = "LC_ALL=C.UTF-8 HOME=/nonexistent w3m -dump -T text/html -cols 200 ";
     ExpectTheText(kMimeSpec + "index.html", w3m, {"title", "references"});
@@ -313,9 +313,8 @@ TEST(Documents, AreStrippedToTheTextThatW3mShows) {
                   {"comments", "style sheet", "title", "references", "list numbers"});
 }
 
-// html2text writes the lines of table cells side by side, so documents with such tables are left
-// out.
-TEST(Documents, AreStrippedToTheTextThatHtml2textShows) {
+// html2text prints the cells of a table side by side, so documents with such tables are omitted.
+TEST(Documents, AreStrippedToTheTextThatHtml2textPrints) {
     NEED_TOOL("html2text");
     const std::string html2text = "html2text -utf8 -nobs ";
     ExpectTheText(kMimeSpec + "index.html", html2text, {"title", "references"});
@@ -325,8 +324,8 @@ TEST(Documents, AreStrippedToTheTextThatHtml2textShows) {
     ExpectTheText(kW3mDocs + "STORY.html", html2text, {"title", "references", "list numbers"});
 }
 
-// An element cut out and stripped is what the browser shows of it alone.
-TEST(Documents, GiveTheirElementsToTheBrowser) {
+// An extracted and stripped element has the text that the browser prints for it.
+TEST(Documents, YieldElementsThatW3mPrintsAlike) {
     NEED_TOOL("w3m");
     NEED_FILE(kW3mHelp);
     const std::string html = ReadFile(kW3mHelp);

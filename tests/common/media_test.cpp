@@ -59,7 +59,7 @@ TEST(GetMimeType, KnowsEachExtensionInLowerCaseOnly) {
     }
 }
 
-TEST(GetMimeType, GoesByWhatStandsBehindTheLastDot) {
+TEST(GetMimeType, UsesTheTextAfterTheLastDot) {
     EXPECT_EQ("text/plain", MimeType("movie.AVI"));
     EXPECT_EQ("application/zip", MimeType("a.tar.zip"));
     EXPECT_EQ("text/plain", MimeType("a.zip.tar"));
@@ -91,14 +91,24 @@ TEST(GetAudioCodecId, KnowsEachNameInAnyCase) {
     const struct {
         const char *name;
         int id;
-    } rows[] = {{"PCMU", 7},         {"pcmu", 7},
-                {"PcMa", 6},         {"PCMA", 6},
-                {"G726-16", 0x4000}, {"G726-24", 0x4001},
-                {"g726-32", 0x4002}, {"G726-32", 0x4002},
-                {"G726-40", 0x4003}, {"G726-48", 0},
-                {"G726", 0},         {"PCM", 0},
-                {"PCMUX", 0},        {"", 0},
-                {nullptr, 0}};
+    } rows[] = {{"PCMU", 7},
+                {"pcmu", COM_AUDIO_CODEC_PCMU},
+                {"PcMa", 6},
+                {"PCMA", COM_AUDIO_CODEC_PCMA},
+                {"G726-16", 0x4000},
+                {"g726-16", COM_AUDIO_CODEC_G726_16},
+                {"G726-24", 0x4001},
+                {"g726-24", COM_AUDIO_CODEC_G726_24},
+                {"G726-32", 0x4002},
+                {"g726-32", COM_AUDIO_CODEC_G726_32},
+                {"G726-40", 0x4003},
+                {"g726-40", COM_AUDIO_CODEC_G726_40},
+                {"G726-48", 0},
+                {"G726", 0},
+                {"PCM", 0},
+                {"PCMUX", 0},
+                {"", 0},
+                {nullptr, COM_AUDIO_CODEC_UNKNOWN}};
     for (const auto &row : rows) {
         int second = -1;
         int id = -1;
@@ -107,16 +117,17 @@ TEST(GetAudioCodecId, KnowsEachNameInAnyCase) {
     }
 }
 
-TEST(GetAudioCodecId, TellsAnEightForEveryName) {
+TEST(GetAudioCodecId, ReturnsEightAsTheSecondNumberOfEveryName) {
     for (const char *pName : {"PCMU", "G726-40", "opus", ""}) {
         int second = -1;
         int id = -1;
         COM_GetAudioCodecId(pName, &second, &id);
         EXPECT_EQ(8, second);
+        EXPECT_EQ(int{COM_AUDIO_CODEC_SECOND}, second);
     }
 }
 
-TEST(GetAudioCodecId, LeavesOutWhatIsNotWanted) {
+TEST(GetAudioCodecId, AcceptsNullForANumber) {
     int value = -1;
     EXPECT_EQ(0, COM_GetAudioCodecId("PCMU", nullptr, &value));
     EXPECT_EQ(7, value);
@@ -126,15 +137,15 @@ TEST(GetAudioCodecId, LeavesOutWhatIsNotWanted) {
 
 // --- Digest challenges ---
 
-// A record whose bytes are all set, so that a field left alone can be told from an empty one.
+// A record with all bytes set, so that an unchanged field differs from an empty one.
 struct Record {
     CanaryBuf buf{sizeof(tDigestChallenge), '#'};
     tDigestChallenge *rec = reinterpret_cast<tDigestChallenge *>(buf.bytes());
 };
 
-TEST(ParseDigestChallenge, TakesTheFourParameters) {
+TEST(ParseDigestChallenge, ReadsTheFourParameters) {
     const Record r;
-    // RFC 7616, section 3.9.1, with the algorithm left out.
+    // RFC 7616, section 3.9.1, without the algorithm.
     const char *headers =
         "HTTP/1.1 401 Unauthorized\r\n"
         "www-authenticate: digest\r\n"
@@ -162,7 +173,7 @@ TEST(ParseDigestChallenge, FailsWithoutTheHeader) {
     EXPECT_TRUE(r.buf.UntouchedFrom(0));
 }
 
-TEST(ParseDigestChallenge, LeavesTheFieldOfAMissingParameter) {
+TEST(ParseDigestChallenge, LeavesTheFieldOfAMissingParameterUnchanged) {
     const Record r;
     EXPECT_EQ(0, COM_ParseDigestChallenge("WWW-Authenticate: Digest nonce=\"n\", opaque=x", r.rec));
     EXPECT_EQ('#', r.rec->realm[0]);
@@ -178,7 +189,7 @@ TEST(ParseDigestChallenge, EmptiesTheFieldOfAnEmptyParameter) {
     EXPECT_STREQ("a", r.rec->qop);
 }
 
-// What stands before the header does not count; what stands on later lines does.
+// Text before the header is ignored, later lines are not.
 TEST(ParseDigestChallenge, SearchesFromTheHeaderToTheEndOfTheText) {
     const Record r;
     EXPECT_EQ(0, COM_ParseDigestChallenge("realm=\"before\"\r\n"
@@ -188,7 +199,7 @@ TEST(ParseDigestChallenge, SearchesFromTheHeaderToTheEndOfTheText) {
     EXPECT_STREQ("later", r.rec->realm);
 }
 
-TEST(ParseDigestChallenge, KeepsEachFieldWithinItsSize) {
+TEST(ParseDigestChallenge, TruncatesValuesToTheirFields) {
     const struct {
         const char *key;
         size_t offset;
@@ -239,18 +250,18 @@ int FindStartCode(const Bytes &bytes, int *pType) {
     return COM_FindStartCode(guarded.bytes(), static_cast<int>(bytes.size()), pType);
 }
 
-TEST(FindStartCode, FindsFourBytesAndTellsTheUnitsType) {
+TEST(FindStartCode, FindsFourBytesAndReturnsTheUnitsType) {
     int type = -1;
     EXPECT_EQ(0, FindStartCode({0, 0, 0, 1, 0x65}, &type));
     EXPECT_EQ(5, type);
     EXPECT_EQ(3, FindStartCode({9, 0, 1, 0, 0, 0, 1, 0xFF, 0, 0, 0, 1, 1}, &type));
     EXPECT_EQ(31, type);
-    // Any number of zero bytes may lead to a start code.
+    // Any number of zero bytes may precede a start code.
     EXPECT_EQ(2, FindStartCode({0, 0, 0, 0, 0, 1, 0x67}, &type));
     EXPECT_EQ(7, type);
 }
 
-TEST(FindStartCode, NeedsAByteBehindTheCode) {
+TEST(FindStartCode, NeedsAByteAfterTheCode) {
     int type = -1;
     EXPECT_EQ(-1, FindStartCode({0, 0, 0, 1}, &type));
     EXPECT_EQ(-1, FindStartCode({7, 0, 0, 0, 1}, &type));
@@ -260,13 +271,13 @@ TEST(FindStartCode, NeedsAByteBehindTheCode) {
     EXPECT_EQ(1, type);
 }
 
-TEST(FindStartCode, DoesNotKnowThreeByteCodes) {
+TEST(FindStartCode, IgnoresThreeByteCodes) {
     int type = -1;
     EXPECT_EQ(-1, FindStartCode({9, 0, 0, 1, 0x65, 0, 0, 1, 0x65}, &type));
     EXPECT_EQ(-1, type);
 }
 
-TEST(FindStartCode, TakesNullAndLengthsBelowFiveForNothing) {
+TEST(FindStartCode, FindsNothingInNullOrFewerThanFiveBytes) {
     const uint8_t bytes[] = {0, 0, 0, 1, 0x65};
     int type = -1;
     EXPECT_EQ(-1, COM_FindStartCode(nullptr, 5, &type));
@@ -318,19 +329,19 @@ constexpr Sei kNoSei{-1, -7, -7};
 const Bytes kStream = {0, 0, 0, 1, 0x67, 0x42, 0,    0, 0,    1, 0x68, 0xCE,
                        0, 0, 0, 1, 0x06, 0xFF, 0xFF, 5, 0xFF, 0, 0x11, 0x80};
 
-TEST(FindSeiPayload, PassesOverOtherUnits) {
+TEST(FindSeiPayload, SkipsOtherUnits) {
     EXPECT_EQ((Sei{12, 515, 255}), FindSei(kStream));
 }
 
-TEST(FindSeiPayload, AddsTheNumbersUp) {
+TEST(FindSeiPayload, AddsTheBytesOfANumber) {
     EXPECT_EQ((Sei{0, 5, 3}), FindSei({0, 0, 0, 1, 6, 5, 3}));
     EXPECT_EQ((Sei{0, 0, 0}), FindSei({0, 0, 0, 1, 0x46, 0, 0}));
     EXPECT_EQ((Sei{0, 254, 255}), FindSei({0, 0, 0, 1, 6, 254, 255, 0}));
     EXPECT_EQ((Sei{0, 255, 509}), FindSei({0, 0, 0, 1, 6, 255, 0, 255, 254}));
 }
 
-TEST(FindSeiPayload, FindsAUnitRightBehindAStartCode) {
-    // The byte behind the first start code is the first zero of the next one: type 0.
+TEST(FindSeiPayload, FindsAUnitRightAfterAStartCode) {
+    // The byte after the first start code is the first zero of the next one: type 0.
     EXPECT_EQ((Sei{4, 1, 2}), FindSei({0, 0, 0, 1, 0, 0, 0, 1, 6, 1, 2}));
 }
 
@@ -346,7 +357,7 @@ TEST(FindSeiPayload, FailsWithoutASeiUnit) {
     EXPECT_EQ(-1, COM_FindSeiPayload(kStream.data(), -1, &type, &size));
 }
 
-TEST(FindSeiPayload, FailsWhenTheBytesEndWithinTheNumbers) {
+TEST(FindSeiPayload, FailsWhenTheBytesEndInsideTheNumbers) {
     for (size_t length = 0; length <= kStream.size(); ++length) {
         const Bytes cut{kStream.begin(), kStream.begin() + static_cast<ptrdiff_t>(length)};
         EXPECT_EQ(length >= 22 ? (Sei{12, 515, 255}) : kNoSei, FindSei(cut)) << length;
@@ -354,7 +365,7 @@ TEST(FindSeiPayload, FailsWhenTheBytesEndWithinTheNumbers) {
     EXPECT_EQ(kNoSei, FindSei({0, 0, 0, 1, 6, 0xFF, 0xFF, 0xFF}));
 }
 
-TEST(FindSeiPayload, HoldsANumberAtTheLimitOf32Bits) {
+TEST(FindSeiPayload, SaturatesANumberAtIntMax) {
     // 255 * 8,421,505 is the first multiple above 2,147,483,647.
     std::vector<uint8_t> bytes(5 + 8421505 + 2, 0xFF);
     memcpy(bytes.data(), "\0\0\0\1\6", 5);
@@ -363,7 +374,7 @@ TEST(FindSeiPayload, HoldsANumberAtTheLimitOf32Bits) {
     EXPECT_EQ((Sei{0, INT_MAX, 4}), FindSei(bytes));
 }
 
-TEST(FindSeiPayload, LeavesOutWhatIsNotWanted) {
+TEST(FindSeiPayload, AcceptsNullForANumber) {
     int value = 0;
     EXPECT_EQ(
         12, COM_FindSeiPayload(kStream.data(), static_cast<int>(kStream.size()), nullptr, &value));
@@ -387,8 +398,8 @@ std::vector<int> CheckSum(const Bytes &bytes) {
     return WireBytes(COM_CheckSum16(guarded.bytes(), static_cast<int>(bytes.size())));
 }
 
-// RFC 1071, section 3: the words 0001 f203 f4f5 f6f7 add up to ddf2; the complement is 220d.
-TEST(CheckSum16, GivesTheExampleOfTheStandard) {
+// RFC 1071, section 3: the sum of the words 0001 f203 f4f5 f6f7 is ddf2, its complement 220d.
+TEST(CheckSum16, ReturnsTheExampleOfTheStandard) {
     EXPECT_EQ((std::vector<int>{0x22, 0x0D}), CheckSum({0, 1, 0xF2, 3, 0xF4, 0xF5, 0xF6, 0xF7}));
 }
 
@@ -417,7 +428,7 @@ TEST(CheckSum16, FoldsEveryCarry) {
     EXPECT_EQ((std::vector<int>{0xFF, 0xFF}), CheckSum(Bytes(200000, 0)));
 }
 
-TEST(CheckSum16, TakesNoBytesForAllOnes) {
+TEST(CheckSum16, ReturnsAllOnesForNoBytes) {
     const uint8_t byte = 1;
     for (const int len : {0, -1, INT_MIN}) {
         EXPECT_EQ(0xFFFF, COM_CheckSum16(&byte, len));
@@ -434,9 +445,9 @@ void LoopbackUp() {
     close(fd);
 }
 
-// The kernel answers an echo request only when its checksum is right, and sends an answer with a
-// checksum of its own.
-TEST(CheckSum16, IsTheKernelsOwn) {
+// The kernel answers an echo request only if its checksum is correct, and computes the checksum of
+// the answer itself.
+TEST(CheckSum16, EqualsTheKernelsChecksum) {
     talvek::test::RunInPrivateWorld(talvek::test::kNetwork, [] {
         LoopbackUp();
         const int fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP);
@@ -459,7 +470,7 @@ TEST(CheckSum16, IsTheKernelsOwn) {
                        reinterpret_cast<const struct sockaddr *>(&loopback), sizeof loopback));
             uint8_t packet[1100];
             ssize_t got;
-            do {  // the request itself passes by too
+            do {  // the request is received too
                 got = recv(fd, packet, sizeof packet, 0);
                 ASSERT_EQ(static_cast<ssize_t>(sizeof(struct iphdr) + size), got) << "no answer";
             } while (packet[sizeof(struct iphdr)] != ICMP_ECHOREPLY);
@@ -470,8 +481,8 @@ TEST(CheckSum16, IsTheKernelsOwn) {
     });
 }
 
-// The sum by the definition: words of two bytes, the higher one first.
-TEST(CheckSum16, GivesTheSumOfTheDefinitionForEveryLengthAndAlignment) {
+// The definition: a sum of words of two bytes, the high byte first.
+TEST(CheckSum16, FollowsTheDefinitionForEveryLengthAndAlignment) {
     std::mt19937 random{11};
     for (size_t length = 0; length < 80; ++length) {
         for (size_t shift = 0; shift < 4; ++shift) {

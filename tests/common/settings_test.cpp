@@ -20,7 +20,7 @@ using talvek::test::CaptureLog;
 using talvek::test::GuardedCopy;
 using Lines = std::vector<std::string>;
 
-// A record between canaries whose numbers and text show whether they were written.
+// A record between canaries, with numbers and a text that show whether the call wrote them.
 class Record {
   public:
     explicit Record(const std::string &name) {
@@ -29,7 +29,7 @@ class Record {
         item->type = item->min = item->max = item->value = -77;
         strcpy(item->text, "before");
     }
-    // The document ends at a page that cannot be read.
+    // The page after the document cannot be read.
     int Parse(const std::string &doc) {
         const GuardedCopy text{doc.c_str()};
         int result = -2;
@@ -102,7 +102,7 @@ TEST(ParserXmlData, ReadsAnyOtherTypeLikeAnInteger) {
     }
 }
 
-TEST(ParserXmlData, GoesByTheRecordsTypeWhereTheDocumentTellsNone) {
+TEST(ParserXmlData, UsesTheRecordsTypeIfTheDocumentHasNone) {
     for (const char *pAttribute : {"", "type=\"\" "}) {
         for (const int type : {0, 1, 2, -5, INT_MAX}) {
             Record r{"A"};
@@ -122,7 +122,7 @@ TEST(ParserXmlData, FindsAttributesInAnyOrderAndCase) {
     ExpectNumbers(*r.item, COM_XML_TYPE_INT, -1, 9, 3);
 }
 
-TEST(ParserXmlData, LeavesNumbersWithoutAnAttribute) {
+TEST(ParserXmlData, LeavesNumbersWithoutAnAttributeUnchanged) {
     Record r{"A"};
     EXPECT_EQ(0, r.Parse("<DATA Name=\"A\" type=\"INT\" min=\"\" max=\"8\"></DATA>"));
     ExpectNumbers(*r.item, COM_XML_TYPE_INT, -77, 8, -77);
@@ -150,7 +150,7 @@ TEST(ParserXmlData, MatchesTheBeginningOfAName) {
     EXPECT_EQ(1, any.item->value);
 }
 
-TEST(ParserXmlData, ComparesTheCaseOfElementsAndNames) {
+TEST(ParserXmlData, MatchesTheCaseOfElementsAndNames) {
     for (const char *pDoc :
          {"<data Name=\"A\" value=\"1\"></data>", "<DATA Name=\"a\" value=\"1\"></DATA>"}) {
         Record r{"A"};
@@ -165,7 +165,7 @@ TEST(ParserXmlData, ComparesTheCaseOfElementsAndNames) {
         r.log);
 }
 
-TEST(ParserXmlData, FailsSilentlyWhenTheNameIsNotThere) {
+TEST(ParserXmlData, FailsSilentlyWithoutTheName) {
     for (const char *pDoc : {"", "no data", "<DAT Name=\"A\">", "<DATA Name=\"B\"></DATA>",
                              "<DATA Name=\"B\"></DATA><DATA Name=\"C\"></DATA>"}) {
         Record r{"A"};
@@ -176,7 +176,7 @@ TEST(ParserXmlData, FailsSilentlyWhenTheNameIsNotThere) {
     }
 }
 
-TEST(ParserXmlData, SaysWhatAnElementLacks) {
+TEST(ParserXmlData, LogsWhatAnElementLacks) {
     Record open{"A"};
     EXPECT_EQ(-1, open.Parse("<DATA Name=\"A\" value=\"1\">"));
     EXPECT_EQ(
@@ -196,30 +196,30 @@ TEST(ParserXmlData, SaysWhatAnElementLacks) {
     ExpectNumbers(*nameless.item, -77, -77, -77, -77);
 }
 
-TEST(ParserXmlData, TakesANameThatLiesBehindTheElement) {
+TEST(ParserXmlData, TakesANameFromALaterElement) {
     Record r{"A"};
     EXPECT_EQ(0, r.Parse("<DATA value=\"1\"></DATA><X Name=\"A\" value=\"2\">"));
     EXPECT_EQ(1, r.item->value);
 }
 
-TEST(ParserXmlData, EndsTheItemsAtOneWithoutAName) {
+TEST(ParserXmlData, EndsTheItemsBeforeOneWithoutAName) {
     Record r{"A"};
     EXPECT_EQ(0, r.Parse("<DATA Name=\"A\"><ITEM Name=\"x\"/><ITEM Name=\"\"/><ITEM Name=\"y\"/>"
                          "</DATA>"));
     EXPECT_STREQ("x", r.item->text);
-    // An item that tells no name takes the next one that is told, here that of the item behind it.
+    // An item without a name attribute takes the name of the next item.
     Record skipped{"A"};
     EXPECT_EQ(0,
               skipped.Parse("<DATA Name=\"A\"><ITEM/><ITEM Name=\"x\"/><ITEM Name=\"y\"/></DATA>"));
     EXPECT_STREQ("x,y", skipped.item->text);
 }
 
-TEST(ParserXmlData, DoesNotTakeAnItemForASetting) {
+TEST(ParserXmlData, DoesNotMistakeAnItemForASetting) {
     Record r{"Off"};
     EXPECT_EQ(-1, r.Parse("<DATA Name=\"Mode\"><ITEM Name=\"Off\"/></DATA>"));
 }
 
-TEST(ParserXmlData, ReadsNumbersAsStrtolDoes) {
+TEST(ParserXmlData, ReadsNumbersLikeStrtol) {
     const struct {
         const char *text;
         int value;
@@ -241,7 +241,7 @@ TEST(ParserXmlData, ReadsNumbersAsStrtolDoes) {
     }
 }
 
-TEST(ParserXmlData, CutsAValueTo80Characters) {
+TEST(ParserXmlData, TruncatesAValueTo80Characters) {
     for (const size_t length : {79, 80, 81, 300}) {
         Record r{"A"};
         const std::string value(length, 'v');
@@ -256,8 +256,8 @@ TEST(ParserXmlData, CutsAValueTo80Characters) {
     }
 }
 
-// Names of 50 characters with a comma between: five take 254, and 1 to 3 more are to fit.
-TEST(ParserXmlData, KeepsTheItemsWithinTheText) {
+// Five names of 50 characters and their commas take 254 characters; 1 to 3 more follow.
+TEST(ParserXmlData, TruncatesTheItemsToTheText) {
     for (size_t last = 1; last <= 3; ++last) {
         std::string doc = "<DATA Name=\"A\">";
         std::string names;
@@ -266,7 +266,7 @@ TEST(ParserXmlData, KeepsTheItemsWithinTheText) {
             doc += "<ITEM Name=\"" + name + "\"/>";
             names += (i > 0 ? "," : "") + name;
         }
-        // 254 + last - 1 characters in all.
+        // 254 + last - 1 characters altogether.
         doc.insert(doc.size() - 3, std::string(last - 1, 'e'));
         names += std::string(last - 1, 'e');
         doc += "</DATA>";
@@ -284,19 +284,19 @@ TEST(ParserXmlData, KeepsTheItemsWithinTheText) {
 TEST(ParserXmlData, StopsAtTheFirstItemThatDoesNotFit) {
     std::string doc = "<DATA Name=\"A\">";
     for (int i = 0; i < 100; ++i) {
-        doc += "<ITEM Name=\"abcdefghijklmnopqrst\"/>";  // 21 characters each with the comma
+        doc += "<ITEM Name=\"abcdefghijklmnopqrst\"/>";  // 21 characters with its comma
     }
     Record r{"A"};
     EXPECT_EQ(0, r.Parse(doc + "</DATA>"));
     EXPECT_EQ(255u, strlen(r.item->text));
     ASSERT_EQ(3u, r.log.size());
-    // Twelve take 251; the thirteenth ends at 272 with its comma, and the NUL makes 273.
+    // Twelve names take 251 bytes, a comma and the thirteenth 21 more, the NUL one: 273.
     EXPECT_EQ("COMMON:COM_ParserXmlData(): Warning! overflow (len, size) = (273, 256)", r.log[1]);
 }
 
-TEST(ParserXmlData, TakesANameThatFillsItsField) {
+TEST(ParserXmlData, AcceptsANameThatFillsItsField) {
     const std::string name(80, 'n');
-    Record r{name};  // no NUL within the field
+    Record r{name};  // no NUL in the field
     r.item->type = 0x6E6E6E6E;
     EXPECT_EQ(0, r.Parse("<DATA Name=\"" + name + "\" value=\"1\"></DATA>"));
     EXPECT_EQ(1, r.item->value);
@@ -306,7 +306,7 @@ TEST(ParserXmlData, TakesANameThatFillsItsField) {
     EXPECT_EQ(-1, shorter.Parse("<DATA Name=\"" + name.substr(1) + "\" value=\"1\"></DATA>"));
 }
 
-TEST(ParserXmlData, ShowsATextWithoutNulUpToItsEnd) {
+TEST(ParserXmlData, LogsATextWithoutANulUpToItsEnd) {
     Record r{"A"};
     memset(r.item->text, 't', sizeof r.item->text);
     EXPECT_EQ(0, r.Parse("<DATA Name=\"A\" type=\"TEXT\"></DATA>"));
@@ -314,11 +314,11 @@ TEST(ParserXmlData, ShowsATextWithoutNulUpToItsEnd) {
               r.log.back());
 }
 
-// The text between the first pair of double quotes behind a key, ignoring the key's case; `behind`
-// is the key's end, or npos when there is no such text.
-std::string Quoted(const std::string &doc, size_t from, const std::string &key, size_t &behind) {
+// The text between the first pair of double quotes after a key, ignoring the key's case. `after` is
+// the end of the key, or npos without such a text.
+std::string Quoted(const std::string &doc, size_t from, const std::string &key, size_t &after) {
     const char *found = strcasestr(doc.c_str() + from, key.c_str());
-    behind = std::string::npos;
+    after = std::string::npos;
     if (found == nullptr) {
         return "";
     }
@@ -328,11 +328,11 @@ std::string Quoted(const std::string &doc, size_t from, const std::string &key, 
     if (closing == std::string::npos || closing == opening + 1) {
         return "";
     }
-    behind = end;
+    after = end;
     return doc.substr(opening + 1, closing - opening - 1);
 }
 
-// The rule itself: what becomes of a record that names a setting.
+// The rule, written without tricks: fills a record that names a setting.
 int ParseByTheRule(const std::string &doc, tXmlDataItem &item) {
     size_t data = 0;
     size_t end = 0;
@@ -348,14 +348,14 @@ int ParseByTheRule(const std::string &doc, tXmlDataItem &item) {
         }
         cursor = name;
     }
-    size_t behind = 0;
-    const std::string type = Quoted(doc, data, "type=", behind);
-    if (behind != std::string::npos) {
+    size_t after = 0;
+    const std::string type = Quoted(doc, data, "type=", after);
+    if (after != std::string::npos) {
         item.type = type == "INT" ? 0 : type == "VIRTKB" || type == "TEXT" ? 1 : 2;
     }
     if (item.type == 1) {
-        const std::string value = Quoted(doc, data, "value=", behind);
-        if (behind != std::string::npos) {
+        const std::string value = Quoted(doc, data, "value=", after);
+        if (after != std::string::npos) {
             strcpy(item.text, value.c_str());
         }
         return 0;
@@ -365,15 +365,15 @@ int ParseByTheRule(const std::string &doc, tXmlDataItem &item) {
         int32_t *number;
     } rows[] = {{"min=", &item.min}, {"max=", &item.max}, {"value=", &item.value}};
     for (const auto &row : rows) {
-        const std::string value = Quoted(doc, data, row.key, behind);
-        if (behind != std::string::npos) {
+        const std::string value = Quoted(doc, data, row.key, after);
+        if (after != std::string::npos) {
             *row.number = atoi(value.c_str());
         }
     }
     std::string names;
-    for (size_t at = doc.find("<ITEM", data); at < end; at = doc.find("<ITEM", behind)) {
-        const std::string name = Quoted(doc, at, "Name=", behind);
-        if (behind == std::string::npos) {
+    for (size_t at = doc.find("<ITEM", data); at < end; at = doc.find("<ITEM", after)) {
+        const std::string name = Quoted(doc, at, "Name=", after);
+        if (after == std::string::npos) {
             break;
         }
         names += (names.empty() ? "" : ",") + name;
@@ -382,8 +382,8 @@ int ParseByTheRule(const std::string &doc, tXmlDataItem &item) {
     return 0;
 }
 
-// Pieces in any order, so that elements lack parts, share them and lie in each other.
-TEST(ParserXmlData, ReadsAsTheRuleDoes) {
+// Pieces in any order, so that elements lack parts, share parts and are nested.
+TEST(ParserXmlData, ReadsWhatTheRuleReads) {
     std::mt19937 random{18};
     const char *pieces[] = {"<DATA ",
                             "</DATA>",
@@ -438,11 +438,11 @@ TEST(ParserXmlData, StaysWithinADocumentOfAnyLength) {
     }
 }
 
-// 200,000 elements that begin and one end: searching for the end from each of them would read
-// 320 GB.
+// 200,000 start tags and one end tag: a search for the end tag from each start tag would read 320
+// GB.
 TEST(ParserXmlData, TakesTimeInProportionToTheDocument) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the sanitizer's strstr takes the length of the whole text at each call";
+    GTEST_SKIP() << "the sanitizer's strstr measures the whole text at each call";
 #endif
     std::string doc;
     for (int i = 0; i < 200000; ++i) {
