@@ -14,8 +14,7 @@ using talvek::BigEndianReader;
 using talvek::BigEndianWriter;
 using talvek::LittleEndianReader;
 using talvek::LittleEndianWriter;
-using talvek::test::CanaryBuf;
-using talvek::test::GuardedCopy;
+using namespace talvek::test;
 
 TEST(ByteReader, ReadsBothByteOrders) {
     const uint8_t bytes[] = {0x81, 0x02, 0xF3, 0x04, 0x85};

@@ -24,14 +24,7 @@ namespace {
 
 using talvek::BeginsIgnoringCase;
 using talvek::EqualsIgnoringCase;
-using talvek::test::Capture;
-using talvek::test::kMounts;
-using talvek::test::MountTmpfs;
-using talvek::test::ReadFile;
-using talvek::test::RunCommand;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
+using namespace talvek::test;
 
 TEST(Characters, FoldsTheTwentySixLettersAlone) {
     for (int code = 0; code < 256; ++code) {

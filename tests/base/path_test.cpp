@@ -20,9 +20,7 @@ using talvek::Shown;
 using talvek::StatPath;
 using talvek::UniqueFd;
 using talvek::UniqueFile;
-using talvek::test::ReadFile;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
+using namespace talvek::test;
 
 TEST(Path, RefusesNullAsTheKernelDoes) {
     struct stat st;

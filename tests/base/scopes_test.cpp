@@ -14,7 +14,7 @@ using talvek::CancelGuard;
 using talvek::ErrnoKeeper;
 using talvek::MutexLock;
 using talvek::ScopeExit;
-using talvek::test::OutlastsCancellation;
+using namespace talvek::test;
 
 TEST(ScopeExit, RunsAtTheEndOfTheScope) {
     int count = 0;

@@ -22,10 +22,7 @@
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::OutlastsCancellation;
-using talvek::test::TempDir;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // Static: AddressSanitizer goes on guarding the variables of a frame that cancellation leaves.
 constexpr struct timespec kMinute = {60, 0};

@@ -20,20 +20,7 @@
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::CaptureUnderFault;
-using talvek::test::ChildProcess;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::kMounts;
-using talvek::test::kPids;
-using talvek::test::LogLines;
-using talvek::test::ReadFile;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::Sleeper;
-using talvek::test::TempDir;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 constexpr const char *kSleep = "/bin/sleep";
 

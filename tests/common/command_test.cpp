@@ -35,23 +35,8 @@
 namespace {
 
 using talvek::UniqueFd;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::ChildProcess;
-using talvek::test::GuardedCopy;
-using talvek::test::Interruptions;
-using talvek::test::kMounts;
-using talvek::test::kNetwork;
-using talvek::test::kPids;
-using talvek::test::LogLines;
-using talvek::test::ReadFile;
-using talvek::test::ReplaceDir;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::Sleeper;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
+using namespace talvek::test;
 using Clock = std::chrono::steady_clock;
-using Lines = std::vector<std::string>;
 
 constexpr const char *kSleep = "/bin/sleep";
 

@@ -14,16 +14,7 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::CaptureLog;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::HeldBlocks;
-using talvek::test::HeldFds;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 std::string Data() {
     std::string data(100000, '\0');

@@ -25,16 +25,7 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::GuardedCopy;
-using talvek::test::ReadFile;
-using talvek::test::RunCommand;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 constexpr char kEmptyMd5[] = "d41d8cd98f00b204e9800998ecf8427e";
 constexpr char kEmptySha1[] = "da39a3ee5e6b4b0d3255bfef95601890afd80709";

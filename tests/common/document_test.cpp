@@ -21,8 +21,7 @@
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::ReadFile;
+using namespace talvek::test;
 
 const std::string kMimeDatabase = "/usr/share/mime/packages/freedesktop.org.xml";
 const std::string kMimeSpec = "/usr/share/doc/shared-mime-info/shared-mime-info-spec.html/";

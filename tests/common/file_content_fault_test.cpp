@@ -16,18 +16,7 @@
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::FreshEtc;
-using talvek::test::kHostname;
-using talvek::test::kMounts;
-using talvek::test::ReadFile;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 TEST(GetFileContentFault, EveryCallFails) {
     const TempDir dir;

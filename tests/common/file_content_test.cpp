@@ -27,18 +27,7 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::CaptureLog;
-using talvek::test::FreshEtc;
-using talvek::test::kHostname;
-using talvek::test::kMounts;
-using talvek::test::MountTmpfs;
-using talvek::test::ReadFile;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // What the code under test opens, and what its next writes return. A script entry that is negative
 // fails with that errno, another one is the most that the write takes.

@@ -14,14 +14,7 @@
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::ReadFile;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 TEST(CopyFileFault, EveryCallFails) {
     const TempDir dir;

@@ -19,15 +19,7 @@
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::kMounts;
-using talvek::test::MountTmpfs;
-using talvek::test::ReadFile;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 struct Opened {
     std::string path;

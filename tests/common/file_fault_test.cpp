@@ -19,19 +19,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::CaptureUnderFault;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::kMounts;
-using talvek::test::LogLines;
-using talvek::test::MountTmpfs;
-using talvek::test::ReadFile;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 TEST(MkdirFault, MakesThePathOrSaysThatItDidNot) {
     const TempDir dir;

@@ -45,17 +45,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using talvek::UniqueFd;
-using talvek::test::CanaryBuf;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::GuardedCopy;
-using talvek::test::kMounts;
-using talvek::test::MountTmpfs;
-using talvek::test::ReadFile;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 void MountSmallTmpfs(const std::string &dir, const char *pSize) {
     ASSERT_EQ(0, mount("tmpfs", dir.c_str(), "tmpfs", 0, pSize)) << strerror(errno);

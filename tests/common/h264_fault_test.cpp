@@ -8,7 +8,7 @@
 
 namespace {
 
-using talvek::test::EveryCallFails;
+using namespace talvek::test;
 
 using Bytes = std::vector<uint8_t>;
 

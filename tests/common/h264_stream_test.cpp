@@ -21,20 +21,8 @@
 
 namespace {
 
-using talvek::test::ReadFile;
-using talvek::test::RunCommand;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-using talvek::test::h264::Bytes;
-using talvek::test::h264::Deltas;
-using talvek::test::h264::Escape;
-using talvek::test::h264::Guarded;
-using talvek::test::h264::Pack;
-using talvek::test::h264::Padded;
-using talvek::test::h264::Se;
-using talvek::test::h264::Sps;
-using talvek::test::h264::Ue;
-using talvek::test::h264::Zigzag;
+using namespace talvek::test;
+using namespace talvek::test::h264;
 
 constexpr uint8_t kSpsNal = 7;
 constexpr uint8_t kPpsNal = 8;

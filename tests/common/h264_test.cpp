@@ -16,21 +16,8 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::CaptureLog;
-using talvek::test::h264::Bytes;
-using talvek::test::h264::Deltas;
-using talvek::test::h264::Escape;
-using talvek::test::h264::Fixed;
-using talvek::test::h264::Guarded;
-using talvek::test::h264::Pack;
-using talvek::test::h264::Padded;
-using talvek::test::h264::Se;
-using talvek::test::h264::Sps;
-using talvek::test::h264::Ue;
-using talvek::test::h264::Zigzag;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
+using namespace talvek::test::h264;
 
 // ---- The bit reader ----
 

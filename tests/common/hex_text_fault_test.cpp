@@ -16,11 +16,7 @@ extern "C" off_t __real_lseek(int fd, off_t offset, int whence);
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 constexpr int kSize = 10000;  // the block grows twice
 

@@ -19,9 +19,7 @@
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::ReadFile;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 constexpr size_t kMaxFile = COM_HEX_TEXT_MAX_FILE;
 static_assert(kMaxFile == 1048576);

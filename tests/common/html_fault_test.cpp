@@ -12,11 +12,7 @@
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::HeldBlocks;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // A short text grows by one byte at a time, so the nth growth that fails leaves n characters.
 TEST(StripHtmlCodeFault, KeepsTheTextUpToTheFailure) {

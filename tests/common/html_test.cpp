@@ -16,9 +16,7 @@
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::GuardedCopy;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // While g_memory is not 0, requests of realloc for more bytes fail and are counted.
 size_t g_memory = 0;

@@ -15,14 +15,7 @@
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::kPids;
-using talvek::test::RunInPrivateWorld;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // Alone with its guardian and the children that meet the failing calls.
 TEST(CheckProcExistFault, EveryCallFails) {

@@ -26,17 +26,7 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::GuardedCopy;
-using talvek::test::Interruptions;
-using talvek::test::kMounts;
-using talvek::test::kPids;
-using talvek::test::ReplaceDir;
-using talvek::test::RunInPrivateWorld;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // A sleeping process that was called by a name of the test's choice, until the end of the scope.
 class Sleeper {

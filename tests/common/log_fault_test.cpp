@@ -10,9 +10,7 @@
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::Fault;
-using talvek::test::HeldBlocks;
+using namespace talvek::test;
 
 TEST(LogFault, WritesNothingWithoutMemory) {
     EXPECT_EQ("", Capture([] {

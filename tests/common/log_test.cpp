@@ -19,7 +19,7 @@
 
 namespace {
 
-using talvek::test::Capture;
+using namespace talvek::test;
 
 // The sizes that the logger requests of realloc. Requests after the first g_granted fail.
 std::vector<size_t> *g_pGrown = nullptr;

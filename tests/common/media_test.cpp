@@ -21,10 +21,7 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::CaptureLog;
-using talvek::test::GuardedCopy;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 using Bytes = std::vector<uint8_t>;
 
 // --- Content types ---

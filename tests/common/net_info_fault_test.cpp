@@ -16,20 +16,7 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::CaptureLog;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::FreshEtc;
-using talvek::test::HeldFds;
-using talvek::test::kMounts;
-using talvek::test::kNetwork;
-using talvek::test::RunCommand;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::WritableRoot;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 TEST(NetInfoFault, WithoutASocketLogsAndWritesTheFailureValue) {
     struct Case {

@@ -17,19 +17,7 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::CaptureLog;
-using talvek::test::FreshEtc;
-using talvek::test::JsonValue;
-using talvek::test::kMounts;
-using talvek::test::kNetwork;
-using talvek::test::ReplaceDir;
-using talvek::test::RunCommand;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::WritableRoot;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 constexpr uint32_t kNoFlag = COM_NET_MTU + 1;  // the first number that is no flag
 using Entry = int (*)(uint32_t flag, const char *pName, void *pOut);

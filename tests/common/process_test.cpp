@@ -22,20 +22,7 @@
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::CaptureAll;
-using talvek::test::CaptureLog;
-using talvek::test::ChildProcess;
-using talvek::test::Interruptions;
-using talvek::test::kMounts;
-using talvek::test::kPids;
-using talvek::test::ReadFile;
-using talvek::test::ReplaceDir;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::Sleeper;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 constexpr const char *kSleep = "/bin/sleep";
 

@@ -15,10 +15,7 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::CaptureLog;
-using talvek::test::GuardedCopy;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // A record between canaries, with numbers and a text that show whether the call wrote them.
 class Record {

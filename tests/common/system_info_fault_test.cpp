@@ -15,14 +15,7 @@
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::kMounts;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // EveryCallFails counts the descriptors in /proc/self/fd, so /proc stays and one directory of it
 // is replaced.

@@ -20,17 +20,8 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::kMounts;
-using talvek::test::kNetwork;
-using talvek::test::ReadFile;
-using talvek::test::ReplaceDir;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::WriteFile;
+using namespace talvek::test;
 
-using Lines = std::vector<std::string>;
 using Figures = std::vector<int32_t>;
 
 constexpr char kMemInfo[] =

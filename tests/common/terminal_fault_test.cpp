@@ -15,9 +15,7 @@
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
+using namespace talvek::test;
 
 tTermDevInfo Device() {
     tTermDevInfo device = {};

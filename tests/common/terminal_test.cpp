@@ -25,16 +25,7 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::Interruptions;
-using talvek::test::kMounts;
-using talvek::test::ReplaceDir;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // A terminal pair: what is set on the device shows on the other side.
 class Pty {

@@ -18,12 +18,7 @@
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::HeldBlocks;
-using talvek::test::OutlastsCancellation;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 TEST(GetLineAfterKeyFault, LogsThatThereIsNoMemory) {
     char *line = nullptr;

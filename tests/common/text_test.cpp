@@ -17,10 +17,7 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::CaptureLog;
-using talvek::test::GuardedCopy;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // The rule, written without tricks: every start in turn.
 const char *SearchByTheRule(const char *pSrc, const char *pKey) {

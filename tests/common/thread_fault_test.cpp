@@ -12,14 +12,7 @@
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::MountTmpfs;
-using talvek::test::RunInPrivateWorld;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 TEST(ThreadFault, ARegistrationWithoutMemoryLeavesTheOthers) {
     RunInPrivateWorld(talvek::test::kMounts, [] {

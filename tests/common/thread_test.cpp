@@ -32,15 +32,7 @@
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::kMounts;
-using talvek::test::MountTmpfs;
-using talvek::test::OutlastsCancellation;
-using talvek::test::ReadFile;
-using talvek::test::RunInPrivateWorld;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // Every test has an empty registry, for it runs in a process of its own, and a /var of its own.
 void InEmptyRegistry(const std::function<void()> &body) {

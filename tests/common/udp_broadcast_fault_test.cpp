@@ -13,14 +13,7 @@
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::kNetwork;
-using talvek::test::RunCommand;
-using talvek::test::RunInPrivateWorld;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 Lines LogOfASendThatFailsAt(const char *pCall, const char *pIfName, int result) {
     return CaptureLog([&] {

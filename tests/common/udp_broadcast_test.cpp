@@ -68,15 +68,7 @@ ssize_t __wrap_sendto(int fd, const void *data, size_t size, int flags, const so
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::GuardedCopy;
-using talvek::test::kNetwork;
-using talvek::test::RunCommand;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 constexpr uint16_t kFrom = 40001;
 constexpr uint16_t kTo = 40002;

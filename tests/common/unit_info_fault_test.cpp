@@ -13,15 +13,7 @@
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::FreshEtc;
-using talvek::test::kNetwork;
-using talvek::test::ReplaceDir;
-using talvek::test::RunCommand;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::WriteFile;
+using namespace talvek::test;
 
 void MakeUnit() {
     FreshEtc();

@@ -22,23 +22,7 @@
 
 namespace {
 
-using talvek::test::CanaryBuf;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::FreshEtc;
-using talvek::test::GuardedCopy;
-using talvek::test::JsonValue;
-using talvek::test::kHostname;
-using talvek::test::kMounts;
-using talvek::test::kNetwork;
-using talvek::test::ReadFile;
-using talvek::test::ReplaceDir;
-using talvek::test::RunCommand;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 constexpr size_t kRecord = 328;
 

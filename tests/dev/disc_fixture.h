@@ -20,7 +20,6 @@ inline bool operator==(const tDiscInfo &a, const tDiscInfo &b) {
 
 namespace talvek::test {
 
-using Lines = std::vector<std::string>;
 using Query = int (*)(const char *, int, tDiscInfo *);
 
 constexpr const char *kNode = "/dev/sr0";

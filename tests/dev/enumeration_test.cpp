@@ -28,7 +28,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 constexpr const char *kUsbHost = "SCSI emulation for USB Mass Storage devices";
 

@@ -20,7 +20,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 constexpr const char *kTools[] = {"mkfs.xfs", "xfs_db", "xfs_repair", "mke2fs",
                                   "tune2fs",  "e2fsck", "mkfs.vfat",  "dosfsck"};

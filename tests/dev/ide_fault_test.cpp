@@ -17,7 +17,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 void WithDisk(const std::function<void()> &body) {
     RunInPrivateWorld(kMounts, [&] {

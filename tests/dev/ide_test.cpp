@@ -22,7 +22,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 const std::string kSerial = "WD-0123456789";
 const std::string kFirmware = "07.02E07";

@@ -15,19 +15,7 @@
 
 namespace {
 
-using talvek::test::BigEndian32;
-using talvek::test::Bytes;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::Disc;
-using talvek::test::DiscTest;
-using talvek::test::ExpectDataIn;
-using talvek::test::kNode;
-using talvek::test::Lines;
-using talvek::test::RunCommand;
-using talvek::test::SgAnswer;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
+using namespace talvek::test;
 
 Bytes ProfileReply(unsigned profile) {
     return {0, 0, 0, 4, 0, 0, static_cast<uint8_t>(profile >> 8), static_cast<uint8_t>(profile)};

@@ -14,17 +14,7 @@
 
 namespace {
 
-using talvek::test::Bytes;
-using talvek::test::Capture;
-using talvek::test::Disc;
-using talvek::test::DiscTest;
-using talvek::test::ExpectDataIn;
-using talvek::test::HexText;
-using talvek::test::kNode;
-using talvek::test::Lines;
-using talvek::test::Query;
-using talvek::test::RunCommand;
-using talvek::test::SgAnswer;
+using namespace talvek::test;
 
 int BufferCapacity(const char *pPath, int fd, tDiscInfo *) {
     return Dev_ReadBufferCapacity(pPath, fd);

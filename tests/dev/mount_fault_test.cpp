@@ -27,7 +27,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 // A world with a disk /dev/sda1 that is not mounted and an array /dev/md1 that takes a tmpfs.
 void WithDisks(const std::function<void()> &body) {

@@ -28,7 +28,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 constexpr unsigned kXfs = 0;
 constexpr unsigned kExt4 = 1;

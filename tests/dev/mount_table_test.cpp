@@ -19,7 +19,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 // Runs `body` with a /proc that holds these files alone.
 void WithProc(const std::string &mounts, const std::string &partitions,

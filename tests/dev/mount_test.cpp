@@ -24,7 +24,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 struct MountCall {
     std::string src;

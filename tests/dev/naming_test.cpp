@@ -19,7 +19,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 std::string NameOf(unsigned k, int numeric) {
     CanaryBuf name{12};

@@ -13,17 +13,7 @@
 
 namespace {
 
-using talvek::test::CaptureLog;
-using talvek::test::g_isoError;
-using talvek::test::g_isoMounts;
-using talvek::test::g_isoSize;
-using talvek::test::kMounts;
-using talvek::test::Lines;
-using talvek::test::MountTmpfs;
-using talvek::test::ReadFile;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::TakePauses;
-using talvek::test::WriteFile;
+using namespace talvek::test;
 
 struct Measure {
     const char *name;

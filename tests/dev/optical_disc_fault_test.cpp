@@ -13,19 +13,7 @@
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::Disc;
-using talvek::test::DiscTest;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::HeldBlocks;
-using talvek::test::kMounts;
-using talvek::test::kNode;
-using talvek::test::Lines;
-using talvek::test::MountTmpfs;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::SimulatedDrive;
+using namespace talvek::test;
 
 tDevInfo Drive() {
     tDevInfo dev = {};

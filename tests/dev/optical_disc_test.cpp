@@ -16,26 +16,7 @@
 
 namespace {
 
-using talvek::test::Bytes;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::Disc;
-using talvek::test::DiscTest;
-using talvek::test::ExpectedDisc;
-using talvek::test::g_isoError;
-using talvek::test::g_isoMounts;
-using talvek::test::HexText;
-using talvek::test::kDiscs;
-using talvek::test::kMounts;
-using talvek::test::kNode;
-using talvek::test::Lines;
-using talvek::test::LogLines;
-using talvek::test::MountTmpfs;
-using talvek::test::RunInPrivateWorld;
-using talvek::test::SgAnswer;
-using talvek::test::SgRequest;
-using talvek::test::SimulatedDrive;
-using talvek::test::TakePauses;
+using namespace talvek::test;
 
 // A record as the enumeration leaves it, with other bytes in the descriptor.
 tDevInfo Drive() {

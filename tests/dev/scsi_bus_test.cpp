@@ -18,7 +18,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 const std::string kHosts = "/sys/class/scsi_host/";
 

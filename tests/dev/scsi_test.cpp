@@ -19,21 +19,7 @@
 
 namespace {
 
-using talvek::test::Bytes;
-using talvek::test::CanaryBuf;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::GuardedCopy;
-using talvek::test::HexText;
-using talvek::test::LogLines;
-using talvek::test::RunCommand;
-using talvek::test::SgAnswer;
-using talvek::test::SgRequest;
-using talvek::test::SimulatedDrive;
-using talvek::test::TakePauses;
-using talvek::test::TempDir;
-using talvek::test::WriteFile;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 constexpr const char *kNode = "/dev/sg1";
 

@@ -40,7 +40,6 @@ int __wrap_system(const char *command) {
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 tDevTestMenu Menu() {
     return {"/dev/sg1", "/dev/sdb", "/dev/sda", 8, 17};

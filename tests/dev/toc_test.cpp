@@ -9,13 +9,7 @@
 
 namespace {
 
-using talvek::test::BigEndian32;
-using talvek::test::Bytes;
-using talvek::test::Capture;
-using talvek::test::Disc;
-using talvek::test::DiscTest;
-using talvek::test::kNode;
-using talvek::test::Lines;
+using namespace talvek::test;
 
 // The format byte of the CDB distinguishes two forms of one command.
 const std::map<size_t, uint8_t> kAtip = {{2, 0x04}};

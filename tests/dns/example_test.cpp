@@ -12,7 +12,6 @@
 namespace {
 
 using namespace talvek::test;
-using Builder = ResponseBuilder;
 
 struct Ended {
     int status;

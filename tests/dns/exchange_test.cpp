@@ -27,8 +27,6 @@
 namespace {
 
 using namespace talvek::test;
-using Builder = ResponseBuilder;
-using Lines = std::vector<std::string>;
 
 // What the thread of a test sees in place of the system: a clock that only waits move on, and sends
 // that end as told.

@@ -14,8 +14,6 @@
 namespace {
 
 using namespace talvek::test;
-using Builder = ResponseBuilder;
-using Lines = std::vector<std::string>;
 using Via = int (*)(const char *, const char *, tDnsAddrEntry *, int);
 
 // No server runs: with a time-out of 0 a query goes out and the wait for its response is over.

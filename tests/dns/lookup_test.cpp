@@ -22,8 +22,6 @@
 namespace {
 
 using namespace talvek::test;
-using Builder = ResponseBuilder;
-using Lines = std::vector<std::string>;
 
 using Lookup = int (*)(const char *, tDnsAddrEntry *, int);
 

@@ -17,7 +17,6 @@
 namespace {
 
 using namespace talvek::test;
-using Builder = ResponseBuilder;
 
 tDnsAddrEntry EntryA(const char *pAddress) {
     return {1, 0, 0, DNS_TYPE_A, Address(pAddress)};

@@ -9,9 +9,7 @@
 
 namespace {
 
-using talvek::test::Bytes;
-using talvek::test::CanaryBuf;
-using talvek::test::QueryFor;
+using namespace talvek::test;
 
 // The message that is built for a name, in a buffer of 1024 bytes of which nothing else is touched.
 Bytes Built(const std::string &name, uint16_t type) {

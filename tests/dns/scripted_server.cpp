@@ -108,21 +108,20 @@ std::vector<Bytes> Deaf(const Bytes & /*query*/, int /*nth*/) {
     return {};
 }
 
-ResponseBuilder::ResponseBuilder(const Bytes &query, uint16_t flags) : bytes_(query) {
+Builder::Builder(const Bytes &query, uint16_t flags) : bytes_(query) {
     bytes_[2] = static_cast<uint8_t>(flags >> 8);
     bytes_[3] = static_cast<uint8_t>(flags);
 }
 
-ResponseBuilder &ResponseBuilder::A(Section section, size_t owner, const char *pAddress,
-                                    uint32_t ttl) {
+Builder &Builder::A(Section section, size_t owner, const char *pAddress, uint32_t ttl) {
     const uint32_t addr = Address(pAddress);
     Bytes data(4);
     memcpy(data.data(), &addr, 4);
     return Record(section, owner, DNS_TYPE_A, ttl, data);
 }
 
-ResponseBuilder &ResponseBuilder::Record(Section section, size_t owner, uint16_t type, uint32_t ttl,
-                                         const Bytes &data) {
+Builder &Builder::Record(Section section, size_t owner, uint16_t type, uint32_t ttl,
+                         const Bytes &data) {
     const unsigned count = bytes_[section] * 256u + bytes_[section + 1] + 1;
     bytes_[section] = static_cast<uint8_t>(count >> 8);
     bytes_[section + 1] = static_cast<uint8_t>(count);
@@ -135,7 +134,7 @@ ResponseBuilder &ResponseBuilder::Record(Section section, size_t owner, uint16_t
     return *this;
 }
 
-size_t ResponseBuilder::Mx(uint16_t preference, const std::string &label) {
+size_t Builder::Mx(uint16_t preference, const std::string &label) {
     Bytes data;
     Append16(data, preference);
     data.push_back(static_cast<uint8_t>(label.size()));

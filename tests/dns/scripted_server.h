@@ -51,18 +51,17 @@ class ScriptedServer {
 std::vector<Bytes> Deaf(const Bytes &query, int nth);
 
 // Puts a response together as RFC 1035, 4.1 draws it, behind the question of a query.
-class ResponseBuilder {
+class Builder {
   public:
     enum Section : size_t { kAnswer = 6, kAuthority = 8, kAdditional = 10 };  // offset of the count
     static constexpr size_t kQuestion = 12;  // where the name asked for stands
 
-    explicit ResponseBuilder(const Bytes &query, uint16_t flags = 0x8180);
+    explicit Builder(const Bytes &query, uint16_t flags = 0x8180);
 
     // An A record of 16 bytes: its owner is a pointer to the name at `owner`.
-    ResponseBuilder &A(Section section, size_t owner, const char *pAddress, uint32_t ttl = 3600);
+    Builder &A(Section section, size_t owner, const char *pAddress, uint32_t ttl = 3600);
     // A record of any type with a compressed owner.
-    ResponseBuilder &Record(Section section, size_t owner, uint16_t type, uint32_t ttl,
-                            const Bytes &data);
+    Builder &Record(Section section, size_t owner, uint16_t type, uint32_t ttl, const Bytes &data);
     // An MX answer to an exchanger in the domain asked for; returns where its name stands.
     size_t Mx(uint16_t preference, const std::string &label);
 

@@ -85,22 +85,7 @@ int WRAP_PSELECT(int nfds, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, const
 namespace {
 
 using namespace std::string_literals;
-using talvek::test::AtEnd;
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::CommandPkg;
-using talvek::test::Hex;
-using talvek::test::ListenAt;
-using talvek::test::OutlastsCancellation;
-using talvek::test::Pkg;
-using talvek::test::Put;
-using talvek::test::Quiet;
-using talvek::test::RegisterPkg;
-using talvek::test::ResultPkg;
-using talvek::test::Take;
-using talvek::test::TakePkg;
-using talvek::test::TempDir;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // A daemon that does what a test tells it with each connection, in a thread.
 class FakeDaemon {

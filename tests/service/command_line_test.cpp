@@ -23,20 +23,7 @@
 
 namespace {
 
-using talvek::test::Arguments;
-using talvek::test::BecomeUserWith;
-using talvek::test::Daemon;
-using talvek::test::Eventually;
-using talvek::test::ListenAt;
-using talvek::test::Outcome;
-using talvek::test::Put;
-using talvek::test::ReadFile;
-using talvek::test::RegisterPkg;
-using talvek::test::ResultPkg;
-using talvek::test::RunProgram;
-using talvek::test::TakePkg;
-using talvek::test::TempDir;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 TEST(CommandLine, WithoutAModeTellsSoAndReturnsZero) {
     for (const Arguments &arguments :

@@ -63,34 +63,7 @@ int __wrap_TALVEK_DaemonHandler(tTalvekClient *pClient) {
 namespace {
 
 using namespace std::string_literals;
-using talvek::test::AddressOf;
-using talvek::test::AtEnd;
-using talvek::test::BecomeUserWith;
-using talvek::test::Capture;
-using talvek::test::CommandPkg;
-using talvek::test::ConnectTo;
-using talvek::test::Daemon;
-using talvek::test::EndedBy;
-using talvek::test::Eventually;
-using talvek::test::Gone;
-using talvek::test::Hex;
-using talvek::test::ListenAt;
-using talvek::test::Outcome;
-using talvek::test::Put;
-using talvek::test::Quiet;
-using talvek::test::ReadFile;
-using talvek::test::RegisterPkg;
-using talvek::test::ResultPkg;
-using talvek::test::RunProgram;
-using talvek::test::SignalBits;
-using talvek::test::SignalMask;
-using talvek::test::StartProgram;
-using talvek::test::Take;
-using talvek::test::TempDir;
-using talvek::test::U32;
-using talvek::test::WaitFor;
-using talvek::test::WriteFile;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 bool Exists(const std::string &path) {
     struct stat st;

@@ -27,24 +27,7 @@
 namespace {
 
 using namespace std::string_literals;
-using talvek::test::AtEnd;
-using talvek::test::Capture;
-using talvek::test::CommandPkg;
-using talvek::test::Hex;
-using talvek::test::LogLines;
-using talvek::test::Pkg;
-using talvek::test::Put;
-using talvek::test::Quiet;
-using talvek::test::RegisterPkg;
-using talvek::test::ResultPkg;
-using talvek::test::SignalBits;
-using talvek::test::SignalMask;
-using talvek::test::Take;
-using talvek::test::TempDir;
-using talvek::test::U16;
-using talvek::test::U32;
-using talvek::test::WaitFor;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // What a handler in a process of its own left behind.
 struct Served {

@@ -16,11 +16,7 @@
 
 namespace {
 
-using talvek::test::ConnectTo;
-using talvek::test::Daemon;
-using talvek::test::Eventually;
-using talvek::test::RunProgram;
-using talvek::test::WaitFor;
+using namespace talvek::test;
 
 // Sanitizers and emulators make every process many times as dear.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)

@@ -19,12 +19,7 @@
 
 namespace {
 
-using talvek::test::Capture;
-using talvek::test::CaptureLog;
-using talvek::test::GuardedCopy;
-using talvek::test::Pkg;
-using talvek::test::Take;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // Checks bytes that end where the memory ends.
 int Check(const std::string &bytes) {

@@ -31,30 +31,7 @@ extern "C" int __real_shutdown(int fd, int how);
 namespace {
 
 using namespace std::string_literals;
-using talvek::test::AtEnd;
-using talvek::test::Capture;
-using talvek::test::CaptureAll;
-using talvek::test::CaptureLog;
-using talvek::test::CaptureUnderFault;
-using talvek::test::CommandPkg;
-using talvek::test::ConnectTo;
-using talvek::test::Eventually;
-using talvek::test::EveryCallFails;
-using talvek::test::Fault;
-using talvek::test::HasEnded;
-using talvek::test::HeldFds;
-using talvek::test::Hex;
-using talvek::test::ListenAt;
-using talvek::test::LogLines;
-using talvek::test::Put;
-using talvek::test::RegisterPkg;
-using talvek::test::ResultPkg;
-using talvek::test::Take;
-using talvek::test::TakePkg;
-using talvek::test::TempDir;
-using talvek::test::U32;
-using talvek::test::WaitFor;
-using Lines = std::vector<std::string>;
+using namespace talvek::test;
 
 // One daemon's answer to one client, in a process of its own: the calls that fail are the client's.
 class AnsweringProcess {

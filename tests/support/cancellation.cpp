@@ -19,8 +19,8 @@ bool OutlastsCancellation(const std::function<void()> &body) {
         return nullptr;
     };
     void *result = nullptr;
-    return pthread_create(&thread, nullptr, run, &job) == 0 &&
-           pthread_join(thread, &result) == 0 && result == PTHREAD_CANCELED && job.ended;
+    return pthread_create(&thread, nullptr, run, &job) == 0 && pthread_join(thread, &result) == 0 &&
+           result == PTHREAD_CANCELED && job.ended;
 }
 
 }  // namespace talvek::test

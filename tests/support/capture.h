@@ -7,6 +7,8 @@
 
 namespace talvek::test {
 
+using Lines = std::vector<std::string>;
+
 // Runs `body` with descriptor 1 on a file in memory and returns what was written there, by this
 // process and by its children.
 std::string Capture(const std::function<void()> &body);
@@ -16,10 +18,10 @@ std::string CaptureAll(const std::function<void()> &body);
 
 // A log line without its line number: "COMMON:COM_Mkdir(): text" or "COMMON: text". Lines that do
 // not look like one stay as they are.
-std::vector<std::string> LogLines(const std::string &output);
+Lines LogLines(const std::string &output);
 
 // "COMMON:function(): message" lines of what `body` logs, each with its newline cut off.
-std::vector<std::string> CaptureLog(const std::function<void()> &body);
+Lines CaptureLog(const std::function<void()> &body);
 
 }  // namespace talvek::test
 
