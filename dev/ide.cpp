@@ -1,4 +1,4 @@
-// Identity and health of disks under the kernel's IDE driver.
+// Identity and health of disks that the kernel's IDE driver runs.
 
 #include "dev/ide.h"
 
@@ -9,27 +9,27 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "base/cancel_guard.h"
+#include "base/characters.h"
 #include "base/heap_buf.h"
+#include "base/path.h"
 #include "base/unique_fd.h"
 #include "common/hex_text.h"
 #include "dev/internal/module_log.h"
 #include "dev/mount_table.h"
 
-namespace talvek {
 namespace {
 
-// A text of pairs of hexadecimal digits, in the order of the text: the high byte of each word
-// first.
-class PairText {
+// Data that the driver publishes as pairs of hexadecimal digits. A word has its high byte first.
+class HexDump {
   public:
-    explicit PairText(int fd) : text_(COM_ReadHexDataInStrFormat(fd, &length_)) {}
+    explicit HexDump(int fd) : text_(COM_ReadHexDataInStrFormat(fd, &length_)) {}
 
     explicit operator bool() const { return static_cast<bool>(text_); }
-    [[nodiscard]] int length() const { return length_; }
+    [[nodiscard]] int length() const { return length_; }  // characters
     [[nodiscard]] int pairs() const { return length_ / 2; }
-    [[nodiscard]] bool Has(int pair) const { return pair < pairs(); }
 
-    // The byte of a pair; digits that are none end it.
+    // The byte of a pair, which must exist. A character that is no hexadecimal digit ends it.
     [[nodiscard]] uint8_t At(int pair) const {
         char digits[3];
         snprintf(digits, sizeof digits, "%.*s", 2, text_.get() + ptrdiff_t{pair} * 2);
@@ -38,10 +38,10 @@ class PairText {
 
   private:
     int length_ = 0;
-    HeapBuf<char> text_;
+    talvek::HeapBuf<char> text_;
 };
 
-// A text field of the identity, by the pair that it begins with (two pairs a word).
+// A text field of the identity. A word has two pairs.
 struct IdentityField {
     int firstPair;
     int size;
@@ -53,55 +53,50 @@ constexpr IdentityField kModel{27 * 2, DEV_IDE_MODEL_SIZE - 1};
 constexpr int kIdentityPairs = kModel.firstPair + kModel.size;
 static_assert(kIdentityPairs == 94);
 
-// SMART READ DATA: a revision word, then entries of 12 bytes. As the text has its bytes word by
-// word with the high one first, an entry's id is the fourth byte and its first raw byte three
-// behind it.
+// SMART READ DATA: a revision word, then entries of 12 bytes with the id first and the first raw
+// byte sixth. In the dump, where each word has its high byte first, the id of the first entry is
+// pair 3 and the raw byte follows three pairs later.
 constexpr int kFirstIdPair = 3;
 constexpr int kEntryPairs = 12;
-constexpr int kRawBehindId = 3;
-constexpr int kShortestSmartText = 30;
-
-const char *LastComponent(const char *pPath) {
-    const char *pSlash = strrchr(pPath, '/');
-    return pSlash != nullptr ? pSlash + 1 : pPath;
-}
+constexpr int kRawAfterId = 3;
+constexpr int kMinSmartLength = 30;  // characters
 
 // /proc/ide/<name>/<file>
 class IdePath {
   public:
     IdePath(const char *pDevPath, const char *pFile) {
-        snprintf(text_, sizeof text_, "/proc/ide/%s/%s", LastComponent(pDevPath), pFile);
+        snprintf(text_, sizeof text_, "/proc/ide/%s/%s", talvek::LastComponent(pDevPath), pFile);
     }
     [[nodiscard]] const char *get() const { return text_; }
-    [[nodiscard]] UniqueFd Open() const { return UniqueFd{open(text_, O_RDONLY | O_CLOEXEC)}; }
+    [[nodiscard]] int Open() const { return talvek::OpenPath(text_, O_RDONLY); }
 
   private:
     char text_[300];
 };
 
-// The length of a name up to the number that it ends in.
+// The length of a name without the number at its end.
 size_t LengthWithoutNumber(const char *pName) {
     size_t length = strlen(pName);
-    while (length > 0 && pName[length - 1] >= '0' && pName[length - 1] <= '9') {
+    while (length > 0 && talvek::IsDigit(pName[length - 1])) {
         --length;
     }
     return length;
 }
 
-void CopyField(char *pDst, const PairText &text, const IdentityField &field) {
+void CopyField(char *pDst, const HexDump &dump, const IdentityField &field) {
     if (pDst == nullptr) {
         return;
     }
     for (int i = 0; i < field.size; ++i) {
-        pDst[i] = static_cast<char>(text.At(field.firstPair + i));
+        pDst[i] = static_cast<char>(dump.At(field.firstPair + i));
     }
     pDst[field.size] = '\0';
 }
 
 }  // namespace
-}  // namespace talvek
 
 int Dev_GetDevIdentify(const char *pDevPath, char *pSerial, char *pFwRev, char *pModel) {
+    const talvek::CancelGuard guard;
     if (pSerial == nullptr && pFwRev == nullptr && pModel == nullptr) {
         LOG("Invalid input : (pDevPath, pSN, pFwRev, pModel) = (%p, %p, %p, %p)\n",
             static_cast<const void *>(pDevPath), static_cast<void *>(pSerial),
@@ -111,26 +106,27 @@ int Dev_GetDevIdentify(const char *pDevPath, char *pSerial, char *pFwRev, char *
     if (pDevPath == nullptr) {
         return -1;
     }
-    const talvek::UniqueFd fd = talvek::IdePath{pDevPath, "identify"}.Open();
+    const talvek::UniqueFd fd{IdePath{pDevPath, "identify"}.Open()};
     if (!fd) {
         return -1;
     }
-    const talvek::PairText text{fd.get()};
-    if (!text) {
+    const HexDump dump{fd.get()};
+    if (!dump) {
         return -1;
     }
-    if (text.pairs() < talvek::kIdentityPairs) {
-        LOG("count error : (count, size, limit) = (%d, %d, %d)\n", text.pairs(), text.length(),
-            talvek::kIdentityPairs);
+    if (dump.pairs() < kIdentityPairs) {
+        LOG("count error : (count, size, limit) = (%d, %d, %d)\n", dump.pairs(), dump.length(),
+            kIdentityPairs);
         return -1;
     }
-    talvek::CopyField(pSerial, text, talvek::kSerial);
-    talvek::CopyField(pFwRev, text, talvek::kFirmware);
-    talvek::CopyField(pModel, text, talvek::kModel);
+    CopyField(pSerial, dump, kSerial);
+    CopyField(pFwRev, dump, kFirmware);
+    CopyField(pModel, dump, kModel);
     return 0;
 }
 
 int Dev_GetIDViaMount(const char *pMountPoint, char *pSerial, char *pFwRev, char *pModel) {
+    const talvek::CancelGuard guard;
     if (pMountPoint == nullptr || (pSerial == nullptr && pFwRev == nullptr && pModel == nullptr)) {
         LOG("(%p, %p) : Null ptr\n", static_cast<const void *>(pMountPoint),
             static_cast<void *>(pSerial));
@@ -143,8 +139,8 @@ int Dev_GetIDViaMount(const char *pMountPoint, char *pSerial, char *pFwRev, char
     if (Dev_GetDevIdentify(device, pSerial, pFwRev, pModel) == 0) {
         return 0;
     }
-    // The driver has an entry a disk, none a partition.
-    const size_t length = talvek::LengthWithoutNumber(device);
+    // The driver publishes disks, not partitions.
+    const size_t length = LengthWithoutNumber(device);
     if (device[length] == '\0') {
         return -1;
     }
@@ -153,28 +149,28 @@ int Dev_GetIDViaMount(const char *pMountPoint, char *pSerial, char *pFwRev, char
 }
 
 int Dev_GetSmartValue(const char *pDevPath, tSmartAttr *pAttr) {
+    const talvek::CancelGuard guard;
     if (pDevPath == nullptr || pAttr == nullptr) {
-        LOG("Invalid Input : (pDev, pSmart) = (%s, %p)\n",
-            pDevPath != nullptr ? pDevPath : "(null)", static_cast<void *>(pAttr));
+        LOG("Invalid Input : (pDev, pSmart) = (%s, %p)\n", talvek::Shown(pDevPath),
+            static_cast<void *>(pAttr));
         return -1;
     }
-    const talvek::IdePath path{pDevPath, "smart_values"};
-    const talvek::UniqueFd fd = path.Open();
+    const IdePath path{pDevPath, "smart_values"};
+    const talvek::UniqueFd fd{path.Open()};
     if (!fd) {
         if (errno != ENOENT) {
             LOG_ERRNO("open(%s) error : %s\n", path.get());
         }
         return -1;
     }
-    const talvek::PairText text{fd.get()};
-    if (!text || text.length() < talvek::kShortestSmartText) {
+    const HexDump dump{fd.get()};
+    if (!dump || dump.length() < kMinSmartLength) {
         return -1;
     }
-    // An entry that the text ends inside has no value to give.
-    for (int id = talvek::kFirstIdPair; text.Has(id + talvek::kRawBehindId);
-         id += talvek::kEntryPairs) {
-        if (text.At(id) == pAttr->id) {
-            pAttr->value = text.At(id + talvek::kRawBehindId);
+    // An entry without its raw byte ends the search.
+    for (int id = kFirstIdPair; id + kRawAfterId < dump.pairs(); id += kEntryPairs) {
+        if (dump.At(id) == pAttr->id) {
+            pAttr->value = dump.At(id + kRawAfterId);
             return 0;
         }
     }

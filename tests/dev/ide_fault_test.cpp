@@ -1,4 +1,4 @@
-// Every call of the C library fails in turn; nothing crashes, stays open or is written.
+// Every call of the C library fails in turn: no crash, no leak, and outputs unchanged.
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -34,7 +34,7 @@ TEST(IdeFault, IdentityWritesNothingAfterAFailure) {
     WithDisk([] {
         Capture([] {
             EXPECT_EQ(4, EveryCallFails(EIO, [] {
-                             // open, realloc, read, read; a failing close changes nothing.
+                             // open, realloc, read, read; a failing close has no effect.
                              char model[DEV_IDE_MODEL_SIZE] = "same";
                              const int result = Dev_GetDevIdentify("hda", nullptr, nullptr, model);
                              const bool failed = Fault::Tripped() && Fault::Which() != "close";
@@ -75,7 +75,7 @@ TEST(IdeFault, SmartValueWritesNothingAfterAFailure) {
     });
 }
 
-TEST(IdeFault, SmartValueTellsWhyItCannotBeOpened) {
+TEST(IdeFault, SmartValueLogsWhyTheFileCannotBeOpened) {
     WithDisk([] {
         for (const int error : {EACCES, EMFILE, EIO}) {
             EXPECT_EQ(Lines{std::string{"DEV:Dev_GetSmartValue(): "
@@ -87,7 +87,7 @@ TEST(IdeFault, SmartValueTellsWhyItCannotBeOpened) {
                           EXPECT_EQ(-1, Dev_GetSmartValue("/dev/hda", &attribute));
                       }));
         }
-        // The identity is not told about.
+        // For the identity nothing is logged.
         EXPECT_EQ(Lines{}, CaptureLog([] {
                       const Fault fault{"open", 0, EACCES};
                       char model[DEV_IDE_MODEL_SIZE];

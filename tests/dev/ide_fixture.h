@@ -8,13 +8,13 @@
 #include <array>
 #include <string>
 
-// The 512 bytes of a disk's identity or of its SMART data, and the text in which the kernel's IDE
-// driver publishes them: words of four hexadecimal digits, eight a line (Linux 5.13,
-// drivers/ide/ide-proc.c, proc_ide_read_identify: "%04x%c").
+// The 512 bytes of a disk's identity or SMART data, and the text that the kernel's IDE driver makes
+// of them: words of four hexadecimal digits, eight a line (Linux 5.13, drivers/ide/ide-proc.c,
+// proc_ide_read_identify: "%04x%c").
 
 namespace talvek::test {
 
-// Bytes as the disk sends them: of each word the low one first.
+// Bytes as the disk sends them: the low byte of each word first.
 using Sector = std::array<uint8_t, 512>;
 
 inline std::string KernelText(const Sector &sector) {
@@ -28,7 +28,7 @@ inline std::string KernelText(const Sector &sector) {
     return text;
 }
 
-// Puts an ATA string: its first character is the high byte of the first word; blanks fill it up.
+// Stores an ATA string, filled with blanks: its first character is the high byte of the first word.
 inline void PutAtaString(Sector &sector, size_t firstWord, size_t words, std::string text) {
     text.resize(2 * words, ' ');
     for (size_t i = 0; i < words; ++i) {
@@ -38,8 +38,8 @@ inline void PutAtaString(Sector &sector, size_t firstWord, size_t words, std::st
 }
 
 // ATA IDENTIFY DEVICE: serial number in words 10 to 19, firmware revision in 23 to 26, model in 27
-// to 46 (ATA/ATAPI-6, 8.15). The rest is that of a plain disk, and of each word around the strings
-// both bytes differ from all theirs.
+// to 46 (ATA/ATAPI-6, 8.15). The other words are those of a plain disk; the bytes around the
+// strings do not occur in them.
 inline Sector Identity(const std::string &serial, const std::string &firmware,
                        const std::string &model) {
     Sector sector = {};
@@ -60,8 +60,8 @@ inline Sector Identity(const std::string &serial, const std::string &firmware,
     return sector;
 }
 
-// One of the 30 attributes of SMART READ DATA: behind the revision, of two bytes, 12 bytes each
-// with the id first and six raw bytes from byte 5 on (SFF-8035i).
+// One of the 30 attributes of SMART READ DATA, which follow the revision of two bytes. Each has 12
+// bytes, the id first and six raw bytes from byte 5 on (SFF-8035i).
 inline void PutAttribute(Sector &sector, size_t entry, uint8_t id, uint8_t raw) {
     const size_t at = 2 + 12 * entry;
     sector[at] = id;

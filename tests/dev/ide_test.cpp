@@ -62,7 +62,7 @@ struct Read {
     std::string model;
 };
 
-// Reads into outputs between canaries; an output that was not written is empty.
+// Reads into outputs between canaries. An unchanged output becomes an empty text.
 template <typename Query>
 Read ReadInto(Query query, bool serial = true, bool firmware = true, bool model = true) {
     CanaryBuf sn{DEV_IDE_SERIAL_SIZE};
@@ -124,7 +124,7 @@ TEST(DevIdentify, FillsTheTextsToTheirLastCharacter) {
     });
 }
 
-TEST(DevIdentify, TakesTheLastComponentOfThePath) {
+TEST(DevIdentify, UsesTheLastComponentOfThePath) {
     WithIdentity(PlainIdentity(), [] {
         for (const char *pPath : {"/dev/hda", "hda", "/hda", "/dev/disk/hda", "./hda"}) {
             ExpectPlainIdentity(Identify(pPath));
@@ -139,7 +139,7 @@ TEST(DevIdentify, TakesTheLastComponentOfThePath) {
     });
 }
 
-TEST(DevIdentify, FillsWhatIsAskedFor) {
+TEST(DevIdentify, FillsTheOutputsThatAreGiven) {
     WithIdentity(PlainIdentity(), [] {
         for (unsigned asked = 1; asked < 8; ++asked) {
             const bool serial = (asked & 1) != 0;
@@ -171,11 +171,11 @@ TEST(DevIdentify, RefusesMissingArguments) {
               CaptureLog([&] {
                   EXPECT_EQ(-1, Dev_GetDevIdentify(pPath, nullptr, nullptr, nullptr));
                   EXPECT_EQ(-1, Dev_GetDevIdentify(nullptr, nullptr, nullptr, nullptr));
-                  ExpectNothing(Identify(nullptr));  // told to nobody
+                  ExpectNothing(Identify(nullptr));  // not logged
               }));
 }
 
-// The model ends with word 46, so 94 bytes are the least: 188 digits.
+// The model ends with word 46, so 94 bytes are needed: 188 digits.
 TEST(DevIdentify, NeedsTheWordsUpToTheModel) {
     std::string digits = PlainIdentity();
     std::erase_if(digits, [](char c) { return c == ' ' || c == '\n'; });
@@ -199,11 +199,11 @@ TEST(DevIdentify, NeedsTheWordsUpToTheModel) {
     });
 }
 
-TEST(DevIdentify, TakesAnyDigitsAndAnyBytes) {
-    // Upper case, no white space, and bytes that end a text: they are copied too.
+TEST(DevIdentify, AcceptsAnyCharactersAndAnyBytes) {
+    // Upper case, no white space; bytes that end a text are copied too.
     std::string digits(188, '0');
     digits.replace(40, 8, "4142FF0a");
-    digits.replace(92, 4, "zz4F");  // what is no digit counts as 0
+    digits.replace(92, 4, "zz4F");  // "zz" reads as 0
     WithIdentity(digits, [] {
         const Read read = Identify("hda");
         EXPECT_EQ(0, read.result);
@@ -213,7 +213,7 @@ TEST(DevIdentify, TakesAnyDigitsAndAnyBytes) {
     });
 }
 
-TEST(DevIdentify, TellsWhatCannotBeRead) {
+TEST(DevIdentify, LogsAFailedRead) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
         std::filesystem::create_directories("/proc/ide/hda/identify");
@@ -223,18 +223,17 @@ TEST(DevIdentify, TellsWhatCannotBeRead) {
     });
 }
 
-// The words that hdparm decodes are those that are read here.
 TEST(DevIdentify, AgreesWithHdparm) {
     const TempDir dir;
     WriteFile(dir / "identify", PlainIdentity());
-    const std::string told = RunCommand("hdparm --Istdin < " + dir / "identify");
-    const auto valueOf = [&told](const std::string &name) {
-        const size_t at = told.find(name);
+    const std::string output = RunCommand("hdparm --Istdin < " + dir / "identify");
+    const auto valueOf = [&output](const std::string &name) {
+        const size_t at = output.find(name);
         if (at == std::string::npos) {
-            return "no " + name + " in " + told;
+            return "no " + name + " in " + output;
         }
-        const size_t begin = told.find_first_not_of(" \t", at + name.size());
-        std::string value = told.substr(begin, told.find('\n', begin) - begin);
+        const size_t begin = output.find_first_not_of(" \t", at + name.size());
+        std::string value = output.substr(begin, output.find('\n', begin) - begin);
         value.erase(value.find_last_not_of(' ') + 1);
         return value;
     };
@@ -271,8 +270,7 @@ TEST(IdViaMount, FindsTheDiskOfAMount) {
     });
 }
 
-// An entry with the name that is mounted is taken before the one of its disk.
-TEST(IdViaMount, TakesTheMountedNameFirst) {
+TEST(IdViaMount, PrefersTheMountedNameToItsDisk) {
     WithIdentity(PlainIdentity(), [] {
         WriteFile("/proc/ide/hda12/identify", KernelText(Identity("OWN", "OWN", "OWN")));
         WriteFile("/proc/mounts", kMountList);
@@ -281,7 +279,7 @@ TEST(IdViaMount, TakesTheMountedNameFirst) {
     });
 }
 
-TEST(IdViaMount, FillsWhatIsAskedFor) {
+TEST(IdViaMount, FillsTheOutputsThatAreGiven) {
     WithIdentity(PlainIdentity(), [] {
         WriteFile("/proc/mounts", kMountList);
         char model[DEV_IDE_MODEL_SIZE];
@@ -306,7 +304,7 @@ TEST(IdViaMount, RefusesMissingArguments) {
               }));
 }
 
-TEST(IdViaMount, TellsThatThereIsNoListOfMounts) {
+TEST(IdViaMount, LogsThatThereIsNoListOfMounts) {
     WithIdentity(PlainIdentity(), [] {
         EXPECT_EQ(
             Lines{
@@ -315,7 +313,7 @@ TEST(IdViaMount, TellsThatThereIsNoListOfMounts) {
     });
 }
 
-// The value, or -1 when there is none and nothing was written.
+// The value, or -1 when there is none and the attribute is unchanged.
 int ValueOf(const char *pDevPath, uint8_t id) {
     tSmartAttr attribute = {id, 0xEE};
     const int result = Dev_GetSmartValue(pDevPath, &attribute);
@@ -354,7 +352,7 @@ TEST(SmartValue, FindsEachOfTheThirtyAttributes) {
     });
 }
 
-TEST(SmartValue, TakesTheFirstOfEqualIdsAndZeroForTheFirstEmptyEntry) {
+TEST(SmartValue, FindsTheFirstOfEqualIdsAndTheFirstEmptyEntryForZero) {
     Sector sector = {};
     PutAttribute(sector, 0, 5, 11);
     PutAttribute(sector, 1, 0, 12);
@@ -363,13 +361,13 @@ TEST(SmartValue, TakesTheFirstOfEqualIdsAndZeroForTheFirstEmptyEntry) {
     WithSmart(KernelText(sector), [] {
         EXPECT_EQ(11, ValueOf("hda", 5));
         EXPECT_EQ(12, ValueOf("hda", 0));
-        // Bytes beside the ids are not looked at.
+        // Other bytes than the ids are not compared.
         EXPECT_EQ(-1, ValueOf("hda", 0x64));
         EXPECT_EQ(-1, ValueOf("hda", 13));
     });
 }
 
-// What a disk keeps behind its 30 attributes, up to byte 511, is searched in steps of 12 too.
+// The bytes after the 30 attributes, up to byte 511, are searched in steps of 12 too.
 TEST(SmartValue, SearchesToTheEndOfTheText) {
     Sector sector = {};
     for (size_t entry = 0; entry < 30; ++entry) {
@@ -387,7 +385,8 @@ TEST(SmartValue, SearchesToTheEndOfTheText) {
     });
 }
 
-// The text as a list of bytes, each two digits: id at 3, 15, 27 and so on, raw byte three behind.
+// Ids are bytes 3, 15, 27 and so on of the text, two digits a byte; the raw byte is three further
+// on.
 TEST(SmartValue, EndsWithTheText) {
     std::string digits = KernelText(FullSmart());
     std::erase_if(digits, [](char c) { return c == ' ' || c == '\n'; });
@@ -395,13 +394,13 @@ TEST(SmartValue, EndsWithTheText) {
         for (size_t length = 0; length <= 90; ++length) {
             WriteFile("/proc/ide/hda/smart_values", digits.substr(0, length));
             EXPECT_EQ(Lines{}, CaptureLog([length] {
-                          // 29 characters and fewer are not looked at at all.
+                          // A text of up to 29 characters is not searched.
                           EXPECT_EQ(length >= 30 ? 199 : -1, ValueOf("hda", 1)) << length;
                           // The raw bytes of the next entries are characters 36, 37 and 60, 61;
-                          // half of one is no value.
+                          // both are needed.
                           EXPECT_EQ(length >= 38 ? 198 : -1, ValueOf("hda", 2)) << length;
                           EXPECT_EQ(length >= 62 ? 197 : -1, ValueOf("hda", 3)) << length;
-                          // There are no ids behind the end, not even empty ones.
+                          // There are no ids beyond the end, not even empty ones.
                           EXPECT_EQ(-1, ValueOf("hda", 0)) << length;
                       }));
         }
@@ -423,7 +422,7 @@ TEST(SmartValue, IsSilentWithoutADisk) {
     });
 }
 
-TEST(SmartValue, TellsOtherFailuresToOpen) {
+TEST(SmartValue, LogsOtherFailuresToOpen) {
     WithSmart("", [] {
         WriteFile("/proc/ide/hdc", "");
         const std::string longName(256, 'n');
