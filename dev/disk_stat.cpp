@@ -2,7 +2,6 @@
 
 #include "dev/disk_stat.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <stdlib.h>
@@ -14,6 +13,8 @@
 
 #include <algorithm>
 
+#include "base/cancel_guard.h"
+#include "base/path.h"
 #include "base/scope_exit.h"
 #include "base/unique_fd.h"
 #include "dev/internal/copy_text.h"
@@ -21,29 +22,30 @@
 #include "dev/mount.h"
 #include "dev/mount_table.h"
 
-namespace talvek {
 namespace {
 
-constexpr const char *kEntry = "Dev_GetHDStat";
+using talvek::ScopeExit;
+
+constexpr const char *kFunction = "Dev_GetHDStat";
 constexpr char kDirTemplate[] = "/var/Dev_GetHDStat_XXXXXX";
 constexpr uint64_t kSectorSize = 512;
 
 uint64_t DeviceBytes(const char *pDevPath) {
-    const UniqueFd fd{open(pDevPath, O_RDONLY | O_CLOEXEC)};
+    const talvek::UniqueFd fd{talvek::OpenPath(pDevPath, O_RDONLY)};
     if (!fd) {
-        LOG_ERRNO_AS(kEntry, "open(%s) failed : %s\n", pDevPath);
+        LOG_ERRNO_AS(kFunction, "open(%s) failed : %s\n", pDevPath);
         return 0;
     }
     uint64_t bytes = 0;
     if (ioctl(fd.get(), BLKGETSIZE64, &bytes) != -1) {
         return bytes;
     }
-    LOG_ERRNO_AS(kEntry, "ioctl(BLKGETSIZE64, %s) error : %s\n", pDevPath);
+    LOG_ERRNO_AS(kFunction, "ioctl(BLKGETSIZE64, %s) error : %s\n", pDevPath);
     unsigned long sectors = 0;
     if (ioctl(fd.get(), BLKGETSIZE, &sectors) != -1) {
         return sectors * kSectorSize;
     }
-    LOG_ERRNO_AS(kEntry, "ioctl(BLKGETSIZE, %s) error : %s\n", pDevPath);
+    LOG_ERRNO_AS(kFunction, "ioctl(BLKGETSIZE, %s) error : %s\n", pDevPath);
     return 0;
 }
 
@@ -54,7 +56,7 @@ uint32_t Bounded(uint64_t count) {
 bool MeasureFileSystem(const char *pMountPoint, tDevInfo &dev) {
     struct statfs st;
     if (statfs(pMountPoint, &st) != 0) {
-        LOG_ERRNO_AS(kEntry, "statfs(%s, %s) error : %s\n", dev.devPath, pMountPoint);
+        LOG_ERRNO_AS(kFunction, "statfs(%s, %s) error : %s\n", dev.devPath, pMountPoint);
         return false;
     }
     tDiskStat &disk = dev.u.disk;
@@ -72,43 +74,42 @@ int MeasureThroughOwnMount(tDevInfo &dev, unsigned fsIndex) {
     char dir[sizeof kDirTemplate];
     memcpy(dir, kDirTemplate, sizeof dir);
     if (mkdtemp(dir) == nullptr) {
-        LOG_ERRNO_AS(kEntry, "mkdtemp(%s) error : %s\n", kDirTemplate);
-        return -1;
+        LOG_ERRNO_AS(kFunction, "mkdtemp(%s) error : %s\n", kDirTemplate);
+        return DEV_HD_STAT_FAILED;
     }
     const ScopeExit removeDir{[&dir] {
         if (rmdir(dir) != 0) {
-            LOG_ERRNO_AS(kEntry, "rmdir(%s) error : %s\n", dir);
+            LOG_ERRNO_AS(kFunction, "rmdir(%s) error : %s\n", dir);
         }
     }};
     if (Dev_Mount(dev.devPath, dir, fsIndex) != 0) {
-        return -1;
+        return DEV_HD_STAT_FAILED;
     }
     const ScopeExit unmount{[&dir] {
-        // Whoever has looked into the mount meanwhile keeps it; its directory goes all the same.
+        // If another process uses the mount, it keeps the mount, and the directory is removed.
         if (Dev_uMount(dir) != 0) {
             umount2(dir, MNT_DETACH);
         }
     }};
-    return MeasureFileSystem(dir, dev) ? 1 : -1;
+    return MeasureFileSystem(dir, dev) ? DEV_HD_STAT_OWN_MOUNT : DEV_HD_STAT_FAILED;
 }
 
 }  // namespace
-}  // namespace talvek
 
 int Dev_GetHDStat(tDevInfo *pDev, unsigned fsIndex) {
-    using namespace talvek;
+    const talvek::CancelGuard guard;
     if (pDev == nullptr) {
         LOG("(%p) : Null ptr\n", static_cast<void *>(pDev));
-        return -1;
+        return DEV_HD_STAT_FAILED;
     }
     if (strstr(pDev->devPath, "/dev/md") == nullptr) {
         pDev->u.disk.deviceBytes = DeviceBytes(pDev->devPath);
     }
     char mountPoint[DEV_MOUNT_TEXT_SIZE];
-    if (Dev_nGetMPT(pDev->devPath, mountPoint, 0) != 0) {
+    if (Dev_nGetMPT(pDev->devPath, mountPoint, DEV_MPT_PREFIX) != 0) {
         pDev->mountPoint[0] = '\0';
         return MeasureThroughOwnMount(*pDev, fsIndex);
     }
-    CopyText(__func__, pDev->mountPoint, sizeof pDev->mountPoint, mountPoint);
-    return MeasureFileSystem(mountPoint, *pDev) ? 0 : -1;
+    talvek::CopyText(__func__, pDev->mountPoint, sizeof pDev->mountPoint, mountPoint);
+    return MeasureFileSystem(mountPoint, *pDev) ? DEV_HD_STAT_MOUNTED : DEV_HD_STAT_FAILED;
 }

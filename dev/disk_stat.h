@@ -9,21 +9,26 @@
 extern "C" {
 #endif
 
-/* Measures a disk: u.disk of the record and, when the disk is mounted, mountPoint.
+/* Results of Dev_GetHDStat. */
+enum {
+    DEV_HD_STAT_MOUNTED = 0,   /* measured where the disk is mounted; mountPoint is set */
+    DEV_HD_STAT_OWN_MOUNT = 1, /* measured through a mount of its own; mountPoint is empty */
+    DEV_HD_STAT_FAILED = -1,   /* only u.disk.deviceBytes is set */
+};
+
+/* Measures a disk and its file system: u.disk and mountPoint of the record.
  *
- *   pDev     the record; devPath names the disk or partition. A disk counts as mounted where the
- *            first device is that begins with its name ("/dev/sda1" for "/dev/sda").
- *   fsIndex  as for Dev_Mount (mount.h), to mount a disk that is not mounted. That mount stands
- *            below /var only while the disk is measured, and mountPoint is then empty.
- *            With DEV_FS_DETECT a disk without a known file system gets a tmpfs there, and that is
- *            measured: fsType is 0x01021994 (TMPFS_MAGIC of linux/magic.h).
+ *   pDev     devPath names the disk or partition. A disk counts as mounted on the first mount point
+ *            whose device name begins with devPath ("/dev/sda1" for "/dev/sda").
+ *   fsIndex  as for Dev_Mount (mount.h). A disk that is not mounted is mounted with it below /var
+ *            while it is measured. With DEV_FS_DETECT a disk without a known file system gets a
+ *            tmpfs there: fsType is then DEV_FS_TYPE_TMPFS (file_system.h), and the sizes are those
+ *            of the tmpfs.
  *
- * u.disk.deviceBytes is asked of the device itself, and is 0 when it does not tell; of an array
- * ("/dev/md...") it is left alone. The counts of blocks end at 2^32 - 1; the counts of bytes do
- * not.
+ * u.disk.deviceBytes is read from the device and is 0 when that fails; for an array ("/dev/md...")
+ * it is unchanged. Counts of blocks above UINT32_MAX read as UINT32_MAX; counts of bytes are exact.
  *
- * Returns 1 when it was measured through a mount of its own, 0 when it was measured where it was
- * mounted, -1 when the file system could not be measured (u.disk then holds deviceBytes alone). */
+ * Returns a result from the list above. */
 int Dev_GetHDStat(tDevInfo *pDev, unsigned fsIndex);
 
 #ifdef __cplusplus

@@ -2,7 +2,6 @@
 
 #include "dev/enumeration.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <scsi/scsi.h>
 #include <stdio.h>
@@ -11,7 +10,11 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <array>
+
+#include "base/cancel_guard.h"
 #include "base/characters.h"
+#include "base/path.h"
 #include "base/unique_fd.h"
 #include "common/file_content.h"
 #include "dev/disk_stat.h"
@@ -20,28 +23,38 @@
 #include "dev/internal/scsi_nodes.h"
 #include "dev/scsi.h"
 
-namespace talvek {
 namespace {
 
-enum BusType : uint8_t { kAta, kUsb, kIeee1394, kEsata };
+using talvek::kCandidateNodes;
+using talvek::UniqueFd;
 
 const char *BusName(uint8_t busType) {
-    constexpr const char *kNames[] = {"ATA", "USB", "IEEE-1394", "eSATA"};
-    return busType < sizeof kNames / sizeof kNames[0] ? kNames[busType] : "unknown";
+    switch (busType) {
+        case DEV_BUS_ATA:
+            return "ATA";
+        case DEV_BUS_USB:
+            return "USB";
+        case DEV_BUS_IEEE1394:
+            return "IEEE-1394";
+        case DEV_BUS_ESATA:
+            return "eSATA";
+        default:
+            return "unknown";
+    }
 }
 
-// A driver's text tells the bus at its beginning or behind "SCSI emulation for ". The rules are
+// A driver's text names the bus at its beginning or after "SCSI emulation for ". The rules are
 // tried in this order.
 struct HostRule {
     size_t offset;
     const char *text;
-    BusType busType;
+    uint8_t busType;
 };
 constexpr HostRule kHostRules[] = {
-    {19, "USB", kUsb},
-    {19, "IEEE-1394", kIeee1394},
-    {0, "IEEE-1394", kIeee1394},
-    {0, "usb-storage", kUsb},
+    {19, "USB", DEV_BUS_USB},
+    {19, "IEEE-1394", DEV_BUS_IEEE1394},
+    {0, "IEEE-1394", DEV_BUS_IEEE1394},
+    {0, "usb-storage", DEV_BUS_USB},
 };
 constexpr size_t kHostTextSize = 512;
 
@@ -49,7 +62,7 @@ bool IsDiskPath(const char *pPath) {
     return strncmp(pPath, "/dev/sd", 7) == 0;
 }
 
-// A disk's node by its place n in the list: 16 disks a major number, 16 minor numbers a disk.
+// Makes the node of disk n of the list: 16 disks a major number, 16 minor numbers a disk.
 void EnsureDiskNode(const char *pPath, unsigned n) {
     constexpr unsigned kDisksPerMajor = 16;
     const unsigned major = n < kDisksPerMajor ? 8 : 65;
@@ -57,7 +70,7 @@ void EnsureDiskNode(const char *pPath, unsigned n) {
 }
 
 uint8_t ReadBusType(const char *pFunction, int fd) {
-    // The kernel takes the first word as the size of the buffer and puts the text over it.
+    // The first word is the size of the buffer for the kernel; the text overwrites it.
     char text[kHostTextSize + 1];
     memset(text, ' ', kHostTextSize);
     text[kHostTextSize] = '\0';
@@ -65,42 +78,37 @@ uint8_t ReadBusType(const char *pFunction, int fd) {
     memcpy(text, &kSize, sizeof kSize);
     if (ioctl(fd, SCSI_IOCTL_PROBE_HOST, text) < 0) {
         LOG_ERRNO_AS(pFunction, "ioctl(SCSI_IOCTL_PROBE_HOST) error : %s\n");
-        return kAta;
+        return DEV_BUS_ATA;
     }
     for (const HostRule &rule : kHostRules) {
-        if (BeginsIgnoringCase(text + rule.offset, rule.text, strlen(rule.text))) {
+        if (talvek::BeginsIgnoringCase(text + rule.offset, rule.text, strlen(rule.text))) {
             return rule.busType;
         }
     }
     LOG_AS(pFunction, "Unknown host - string_buf = [%s]\n", text);
-    return kAta;
+    return DEV_BUS_ATA;
 }
 
+// Unlike those of the other callers, these two lines do not show the error text.
 bool ReadAddr(const char *pFunction, const char *pPath, int fd, tScsiAddr &addr) {
-    switch (ReadScsiAddr(fd, addr)) {
-        case AddressStep::kDone:
-            return true;
-        case AddressStep::kBusNumber:
-            LOG_AS(pFunction, "get bus No. ioctl on %s failed\n", pPath);
-            return false;
-        case AddressStep::kIdLun:
-            LOG_AS(pFunction, "get IDLUN ioctl on %s failed\n", pPath);
-            return false;
-    }
-    return false;
+    return talvek::ReadScsiAddr(
+        {pFunction, "get bus No. ioctl on %s failed\n", "get IDLUN ioctl on %s failed\n"}, pPath,
+        fd, addr);
 }
 
-const tSgMapEntry *FindPair(const tSgMapEntry *map, const tScsiAddr &addr) {
-    for (int i = 0; i < DEV_MAX_DEVICES; ++i) {
-        if (SameScsiAddr(map[i].scsiAddr, addr)) {
-            return &map[i];
+using SgMap = std::array<tSgMapEntry, DEV_MAX_DEVICES>;
+
+const tSgMapEntry *FindPair(const SgMap &map, const tScsiAddr &addr) {
+    for (const tSgMapEntry &row : map) {
+        if (talvek::SameScsiAddr(row.scsiAddr, addr)) {
+            return &row;
         }
     }
     return nullptr;
 }
 
 void ReadModel(const char *pFunction, tDevInfo &dev) {
-    const UniqueFd fd{open(dev.sgPath, O_RDWR | O_NONBLOCK | O_CLOEXEC)};
+    const UniqueFd fd{talvek::OpenPath(dev.sgPath, O_RDWR | O_NONBLOCK)};
     if (!fd) {
         LOG_ERRNO_AS(pFunction, "open(%s) error : %s\n", dev.sgPath);
         return;
@@ -108,14 +116,14 @@ void ReadModel(const char *pFunction, tDevInfo &dev) {
     Dev_Inquiry(dev.devPath, fd.get(), dev.model);
 }
 
-// One enumeration: which of the paired devices it takes and where it ends.
+// One enumeration: which of the paired devices it accepts, and after which one it ends.
 struct Walk {
     const char *function;
-    bool (*take)(tDevInfo &dev);
+    bool (*accept)(tDevInfo &dev);
     bool (*isLast)(const tDevInfo &dev);
 };
 
-bool TakeMeasured(tDevInfo &dev) {
+bool AcceptMeasured(tDevInfo &dev) {
     if (!IsDiskPath(dev.devPath)) {
         dev.isOptical = 1;
         return true;
@@ -127,22 +135,22 @@ bool TakeMeasured(tDevInfo &dev) {
     return true;
 }
 
-bool TakeAsIs(tDevInfo &dev) {
+bool AcceptUnmeasured(tDevInfo &dev) {
     return dev.ready == 1 || !IsDiskPath(dev.devPath);
 }
 
-bool Never(const tDevInfo &) {
+bool Never(const tDevInfo & /*dev*/) {
     return false;
 }
 
 bool IsOnUsb(const tDevInfo &dev) {
-    return dev.busType == kUsb;
+    return dev.busType == DEV_BUS_USB;
 }
 
-// Looks at one node; true when it is a device that the walk takes.
-bool Examine(const Walk &walk, const char *pPath, const tSgMapEntry *map, tDevInfo &dev) {
+// Fills the record of one node; true when it is a device that the walk accepts.
+bool Examine(const Walk &walk, const char *pPath, const SgMap &map, tDevInfo &dev) {
     // Descriptor 0 counts as a failed open.
-    const UniqueFd fd{open(pPath, O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    const UniqueFd fd{talvek::OpenPath(pPath, O_RDONLY | O_NONBLOCK)};
     if (fd.get() < 1) {
         return false;
     }
@@ -157,20 +165,20 @@ bool Examine(const Walk &walk, const char *pPath, const tSgMapEntry *map, tDevIn
     }
     snprintf(dev.sgPath, sizeof dev.sgPath, "%s", pPair->sgPath);
     dev.ready = pPair->ready;
-    if (!walk.take(dev)) {
+    if (!walk.accept(dev)) {
         return false;
     }
     ReadModel(walk.function, dev);
     return true;
 }
 
-int Enumerate(const Walk &walk, tDevInfo *devs) {
-    if (devs == nullptr) {
-        LOG_AS(walk.function, "(%p) : Null Ptr\n", static_cast<void *>(devs));
+int Enumerate(const Walk &walk, tDevInfo *pDevs) {
+    if (pDevs == nullptr) {
+        LOG_AS(walk.function, "(%p) : Null Ptr\n", static_cast<void *>(pDevs));
         return 0;
     }
-    tSgMapEntry map[DEV_MAX_DEVICES];
-    Dev_BuildSgMap(map);
+    SgMap map;
+    Dev_BuildSgMap(map.data());
     int count = 0;
     for (unsigned n = 0; kCandidateNodes[n] != nullptr && count < DEV_MAX_DEVICES; ++n) {
         if (IsDiskPath(kCandidateNodes[n])) {
@@ -178,7 +186,7 @@ int Enumerate(const Walk &walk, tDevInfo *devs) {
         }
         tDevInfo dev{};
         if (Examine(walk, kCandidateNodes[n], map, dev)) {
-            devs[count++] = dev;
+            pDevs[count++] = dev;
             if (walk.isLast(dev)) {
                 break;
             }
@@ -189,18 +197,17 @@ int Enumerate(const Walk &walk, tDevInfo *devs) {
 }
 
 }  // namespace
-}  // namespace talvek
 
-int Dev_Get(tDevInfo *devs) {
-    using namespace talvek;
-    const int count = Enumerate({__func__, TakeMeasured, Never}, devs);
+int Dev_Get(tDevInfo *pDevs) {
+    const talvek::CancelGuard guard;
+    const int count = Enumerate({__func__, AcceptMeasured, Never}, pDevs);
     for (int i = 0; i < count; ++i) {
-        const tDevInfo &dev = devs[i];
-        // A drive has no figures; the disc in it is not looked at here.
-        const tDiskStat disk = dev.isOptical ? tDiskStat{} : dev.u.disk;
+        const tDevInfo &dev = pDevs[i];
+        // Sizes of a drive are 0: the enumeration does not identify the disc in it.
+        const tDiskStat disk = dev.isOptical != 0 ? tDiskStat{} : dev.u.disk;
         printf("  pDev[%d] : %s : %s : %s : %s : %s : %s, %d,%d,%d,%d : %llu MB(%llu)\n", i,
-               dev.model, dev.devPath, dev.sgPath, dev.ready ? "Ready" : "Not Ready",
-               dev.isOptical ? "CD-ROM" : "HDD", BusName(dev.busType),
+               dev.model, dev.devPath, dev.sgPath, dev.ready != 0 ? "Ready" : "Not Ready",
+               dev.isOptical != 0 ? "CD-ROM" : "HDD", BusName(dev.busType),
                static_cast<int>(dev.scsiAddr.host), static_cast<int>(dev.scsiAddr.channel),
                static_cast<int>(dev.scsiAddr.id), static_cast<int>(dev.scsiAddr.lun),
                static_cast<unsigned long long>(disk.freeBytes >> 20),
@@ -210,46 +217,37 @@ int Dev_Get(tDevInfo *devs) {
     return count;
 }
 
-int Dev_GetUSBFlashDevice(tDevInfo *devs) {
-    using namespace talvek;
-    const int count = Enumerate({__func__, TakeAsIs, IsOnUsb}, devs);
+int Dev_GetUSBFlashDevice(tDevInfo *pDevs) {
+    const talvek::CancelGuard guard;
+    const int count = Enumerate({__func__, AcceptUnmeasured, IsOnUsb}, pDevs);
     for (int i = 0; i < count; ++i) {
-        printf("  pDev[%d] : %s : %s : %s \n", i, devs[i].model, devs[i].devPath,
-               BusName(devs[i].busType));
+        printf("  pDev[%d] : %s : %s : %s \n", i, pDevs[i].model, pDevs[i].devPath,
+               BusName(pDevs[i].busType));
     }
     fflush(stdout);
     return count;
 }
 
-int Dev_BuildSgMap(tSgMapEntry *map) {
-    using namespace talvek;
-    if (map == nullptr) {
-        LOG("(%p) : Null Ptr\n", static_cast<void *>(map));
+int Dev_BuildSgMap(tSgMapEntry *pMap) {
+    const talvek::CancelGuard guard;
+    if (pMap == nullptr) {
+        LOG("(%p) : Null Ptr\n", static_cast<void *>(pMap));
         return 0;
     }
-    memset(map, 0, DEV_MAX_DEVICES * sizeof map[0]);
+    memset(pMap, 0, DEV_MAX_DEVICES * sizeof pMap[0]);
     int ready = 0;
-    SgNodes nodes;
+    talvek::SgNodes nodes;
     for (unsigned k = 0; k < DEV_MAX_DEVICES; ++k) {
-        tSgMapEntry &row = map[k];
-        // No device has this key.
+        tSgMapEntry &row = pMap[k];
+        // No device has this address.
         memset(&row.scsiAddr, 0xFF, sizeof row.scsiAddr);
         const UniqueFd fd{nodes.Open(k, row.sgPath)};
-        if (!fd) {
-            continue;
+        if (fd && talvek::ReadScsiAddr(
+                      {__func__, "get bus no on %s failed : %s\n", "get IDLUN on %s failed : %s\n"},
+                      row.sgPath, fd.get(), row.scsiAddr)) {
+            row.ready = Dev_TestUnitReady(row.sgPath, fd.get()) == DEV_QUERY_OK ? 1 : 0;
+            ready += row.ready;
         }
-        switch (ReadScsiAddr(fd.get(), row.scsiAddr)) {
-            case AddressStep::kBusNumber:
-                LOG_ERRNO("get bus no on %s failed : %s\n", row.sgPath);
-                continue;
-            case AddressStep::kIdLun:
-                LOG_ERRNO("get IDLUN on %s failed : %s\n", row.sgPath);
-                continue;
-            case AddressStep::kDone:
-                break;
-        }
-        row.ready = Dev_TestUnitReady(row.sgPath, fd.get()) == 1;
-        ready += row.ready;
     }
     return ready;
 }

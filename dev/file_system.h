@@ -3,14 +3,9 @@
 
 /* The file systems that can be mounted and maintained, and which of them this machine supports.
  *
- * A file system is known by its row in a fixed table, which is also the order in which a mount
- * tries them:
- *
- *   0 xfs   1 ext4   2 ext3   3 ext2   4 vfat   5 fat   6 jffs2   7 iso9660   8 smbfs   9 nfs
- *   10 tmpfs
- *
- * What the kernel (/proc/filesystems) and the installed tools support is found out by the first
- * entry that needs to know it, once for the process; Dev_InitFsArray finds it out again. */
+ * A file system is a row of a fixed table. A mount that detects the file system tries the rows in
+ * their order. What the kernel (/proc/filesystems) and the installed tools support is determined
+ * once a process, by the first entry that needs it; Dev_InitFsArray determines it again. */
 
 #include <stdint.h>
 
@@ -18,23 +13,41 @@
 extern "C" {
 #endif
 
-#define DEV_FS_COUNT 11 /* rows of the table */
-/* In place of a row this, or any greater number, has the file system found. */
-#define DEV_FS_DETECT 11
+/* Rows of the table. */
+#define DEV_FS_XFS 0
+#define DEV_FS_EXT4 1
+#define DEV_FS_EXT3 2
+#define DEV_FS_EXT2 3
+#define DEV_FS_VFAT 4
+#define DEV_FS_FAT 5
+#define DEV_FS_JFFS2 6
 #define DEV_FS_ISO9660 7
+#define DEV_FS_SMBFS 8
 #define DEV_FS_NFS 9
+#define DEV_FS_TMPFS 10
+#define DEV_FS_COUNT 11
+/* In place of a row: detect the file system. Every greater number has the same meaning. */
+#define DEV_FS_DETECT 11
 
-/* Capability bits; a mask has the bit 1 << n for capability n.
- *
- *   MAKE   a tool makes the file system: arg1 = its options
- *   LABEL  a tool handles the label: arg1 reads it, arg2 (a format) sets it
- *   CHECK  a tool repairs: arg1 by itself, arg2 answering yes ("%c": a letter that the caller fills
- *          in)
- *   MARK   the marked file systems xfs, ext4 and ext3; no tool goes with it */
-#define DEV_FS_CAP_MAKE 1
-#define DEV_FS_CAP_LABEL 2
-#define DEV_FS_CAP_CHECK 3
-#define DEV_FS_CAP_MARK 4
+/* What statfs(2) reports as f_type for these file systems (linux/magic.h). */
+enum {
+    DEV_FS_TYPE_XFS = 0x58465342,
+    DEV_FS_TYPE_EXT = 0xEF53, /* ext2, ext3 and ext4 */
+    DEV_FS_TYPE_FAT = 0x4D44, /* vfat */
+    DEV_FS_TYPE_JFFS2 = 0x72B6,
+    DEV_FS_TYPE_ISO9660 = 0x9660,
+    DEV_FS_TYPE_SMBFS = 0x517B,
+    DEV_FS_TYPE_NFS = 0x6969,
+    DEV_FS_TYPE_TMPFS = 0x01021994,
+};
+
+/* Capabilities. A mask has the bit 1 << n for capability n. */
+#define DEV_FS_CAP_MAKE 1  /* a tool makes the file system: arg1 = its options */
+#define DEV_FS_CAP_LABEL 2 /* a tool handles the label: arg1 reads it, arg2 (a format) sets it */
+#define DEV_FS_CAP_CHECK                                                                          \
+    3                     /* a tool repairs: arg1 without questions, arg2 answers yes; the caller \
+                             fills in a letter for "%c" */
+#define DEV_FS_CAP_MARK 4 /* the mark of xfs, ext4 and ext3; it has no tool */
 
 /* A tool. All texts are constant; an argument that the tool does not have is NULL. */
 typedef struct tFsTool {
@@ -46,32 +59,40 @@ typedef struct tFsTool {
 
 /* A row of the table. */
 typedef struct tFsEntry {
-    uint32_t index;
+    uint32_t index;        /* DEV_FS_XFS to DEV_FS_TMPFS */
     uint32_t caps;         /* capability mask; 0 = disabled */
-    const char *name;      /* type as mount(2) takes it */
-    uint32_t mountFlags;   /* of mount(2): 0x400 MS_NOATIME, 0x001 MS_RDONLY */
-    const char *mountData; /* options, or NULL */
+    const char *name;      /* type for mount(2) */
+    uint32_t mountFlags;   /* for mount(2): 0x400 MS_NOATIME, 0x001 MS_RDONLY */
+    const char *mountData; /* options for mount(2), or NULL */
     tFsTool tools[5];
 } tFsEntry;
 
-/* Finds out anew what is supported and logs one line a row. A row that the kernel knows has its
- * initial mask and a bit for each tool whose file its owner may execute; a row that the kernel does
- * not know, or that could not be looked up, has the mask 0. */
+/* Determines again what is supported and logs one line a row. The mask of a row that the kernel
+ * knows is its initial mask with a bit for each tool that its owner may execute. The mask is 0 for
+ * a row that the kernel does not know, and for all rows when the look-up fails. */
 void Dev_InitFsArray(void);
 
-/* Asks for the mark of a file system by its name.
+/* Argument `mode` of Dev_FsCheckFlag. */
+enum {
+    DEV_FS_IS_UNMARKED = 0, /* 0 if the file system is not marked, -1 if it is */
+    DEV_FS_IS_MARKED = 1,   /* 0 if it is marked, -1 if it is not */
+};
+
+/* Whether a file system has the mark DEV_FS_CAP_MARK.
  *
- *   mode  0: -1 if it is marked, else 0; 1: 0 if it is marked, else -1; others: 0
+ *   pName  type for mount(2), as in the table
+ *   mode   DEV_FS_IS_UNMARKED or DEV_FS_IS_MARKED; any other mode gives 0
  *
- * Returns -1 for a name that is unknown, disabled or NULL whatever the mode. */
+ * Returns -1, whatever the mode, for a name that is unknown, disabled or NULL; nothing is logged.
+ */
 int Dev_FsCheckFlag(const char *pName, int mode);
 
 /* The tool of a file system, by its name or by its row.
  *
- *   capBit  1 to 4
+ *   capBit  DEV_FS_CAP_MAKE to DEV_FS_CAP_MARK
  *
- * Returns the slot, which is constant and never released, or NULL: no such file system, capability
- * not there, or no tool goes with it. */
+ * Returns a constant slot of the table. Returns NULL, which is not logged, for an unknown file
+ * system, a capability that is not supported, and a capability without a tool. */
 const tFsTool *Dev_GetFsTool(const char *pName, uint32_t capBit);
 const tFsTool *Dev_GetFsToolByIndex(uint32_t index, uint32_t capBit);
 

@@ -2,7 +2,6 @@
 
 #include "dev/naming.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -11,40 +10,18 @@
 #include <algorithm>
 #include <array>
 
+#include "base/cancel_guard.h"
+#include "base/path.h"
 #include "base/unique_fd.h"
-#include "dev/device.h"
 #include "dev/internal/copy_text.h"
 #include "dev/internal/module_log.h"
 #include "dev/internal/scsi_nodes.h"
 
-namespace talvek {
 namespace {
 
-bool ReadAddrOrLog(const char *pFunction, const char *pPath, int fd, tScsiAddr &addr) {
-    switch (ReadScsiAddr(fd, addr)) {
-        case AddressStep::kDone:
-            return true;
-        case AddressStep::kBusNumber:
-            LOG_ERRNO_AS(pFunction, "get bus No. on %s failed : %s\n", pPath);
-            return false;
-        case AddressStep::kIdLun:
-            LOG_ERRNO_AS(pFunction, "get IDLUN on %s failed : %s\n", pPath);
-            return false;
-    }
-    return false;
-}
+using talvek::UniqueFd;
 
-// The key of the node that is to be translated.
-bool ReadOwnAddr(const char *pFunction, const char *pPath, int flags, tScsiAddr &addr) {
-    const UniqueFd fd{open(pPath, flags | O_NONBLOCK | O_CLOEXEC)};
-    if (!fd) {
-        LOG_ERRNO_AS(pFunction, "open(%s) error : %s\n", pPath);
-        return false;
-    }
-    return ReadAddrOrLog(pFunction, pPath, fd.get(), addr);
-}
-
-// SCSI disks have 16 minors each, 16 disks a major.
+// SCSI disks: 16 minor numbers a disk, 16 disks a major number.
 constexpr int kMinorsPerDisk = 16;
 constexpr int kDisksPerMajor = 16;
 constexpr int kScsiDiskMajors[] = {8,   65,  66,  67,  68,  69,  70,  71,
@@ -83,7 +60,7 @@ bool ScsiDiskName(int major, int minor, char *pName, size_t size) {
     return true;
 }
 
-// The kernel's own name: the last component of the link, in which a '!' stands for a slash.
+// The kernel's own name: the last component of the link, in which the kernel writes '!' for '/'.
 bool NameOfKernel(int major, int minor, char *pName, size_t size) {
     char link[64];
     snprintf(link, sizeof link, "/sys/dev/block/%d:%d", major, minor);
@@ -93,8 +70,7 @@ bool NameOfKernel(int major, int minor, char *pName, size_t size) {
         return false;
     }
     target[length] = '\0';
-    const char *pSlash = strrchr(target, '/');
-    snprintf(pName, size, "/dev/%s", pSlash != nullptr ? pSlash + 1 : target);
+    snprintf(pName, size, "/dev/%s", talvek::LastComponent(target));
     std::replace(pName, pName + strlen(pName), '!', '/');
     return true;
 }
@@ -117,78 +93,93 @@ bool NodeName(int major, int minor, char *pName, size_t size) {
     return NameOfKernel(major, minor, pName, size);
 }
 
-bool HaveArguments(const char *pFunction, const char *pFrom, const char *pTo, size_t size) {
-    if (pFrom == nullptr || pTo == nullptr || size == 0) {
-        LOG_AS(pFunction, "(%p, %p) : Null ptr\n", static_cast<const void *>(pFrom),
-               static_cast<const void *>(pTo));
+// A translation from one kind of node to the other.
+struct Translation {
+    const char *function;
+    const char *from;
+    int openFlags;  // of `from`
+    char *to;
+    size_t size;
+};
+
+bool ReadAddr(const Translation &what, const char *pPath, int fd, tScsiAddr &addr) {
+    return talvek::ReadScsiAddr(
+        {what.function, "get bus No. on %s failed : %s\n", "get IDLUN on %s failed : %s\n"}, pPath,
+        fd, addr);
+}
+
+bool ReadWantedAddr(const Translation &what, tScsiAddr &addr) {
+    if (what.from == nullptr || what.to == nullptr || what.size == 0) {
+        LOG_AS(what.function, "(%p, %p) : Null ptr\n", static_cast<const void *>(what.from),
+               static_cast<void *>(what.to));
         return false;
     }
-    return true;
+    const UniqueFd fd{talvek::OpenPath(what.from, what.openFlags | O_NONBLOCK)};
+    if (!fd) {
+        LOG_ERRNO_AS(what.function, "open(%s) error : %s\n", what.from);
+        return false;
+    }
+    return ReadAddr(what, what.from, fd.get(), addr);
+}
+
+// Stores the name of the first of `count` nodes that has the address of `what.from`. `openNode`
+// opens node k and writes its name (DEV_INFO_PATH_SIZE bytes).
+template <typename OpenNode>
+int Translate(const Translation &what, unsigned count, OpenNode openNode) {
+    const talvek::CancelGuard guard;
+    tScsiAddr wanted{};
+    if (!ReadWantedAddr(what, wanted)) {
+        return -1;
+    }
+    for (unsigned k = 0; k < count; ++k) {
+        char name[DEV_INFO_PATH_SIZE];
+        const UniqueFd fd{openNode(k, name)};
+        tScsiAddr addr{};
+        if (fd && ReadAddr(what, name, fd.get(), addr) && talvek::SameScsiAddr(addr, wanted)) {
+            talvek::CopyText(what.function, what.to, what.size, name);
+            return 0;
+        }
+    }
+    return -1;
 }
 
 }  // namespace
-}  // namespace talvek
 
-void Dev_MakeDevName(char *dst, unsigned k, int numeric) {
-    constexpr size_t kSize = sizeof(tSgMapEntry::sgPath);
-    if (dst == nullptr) {
+void Dev_MakeDevName(char *pDst, unsigned k, int numeric) {
+    if (pDst == nullptr) {
         return;
     }
-    if (numeric) {
-        snprintf(dst, kSize, "/dev/sg%d", static_cast<int>(k));
+    if (numeric != DEV_SG_LETTERS) {
+        snprintf(pDst, DEV_INFO_PATH_SIZE, "/dev/sg%d", static_cast<int>(k));
     } else if (k < 26) {
-        snprintf(dst, kSize, "/dev/sg%c", static_cast<char>('a' + k));
+        snprintf(pDst, DEV_INFO_PATH_SIZE, "/dev/sg%c", static_cast<char>('a' + k));
     } else {
         LOG("k = %d, out of range\n", static_cast<int>(k));
-        snprintf(dst, kSize, "/dev/sgxx");
+        snprintf(pDst, DEV_INFO_PATH_SIZE, "/dev/sgxx");
     }
 }
 
 int Dev_SgToSd(const char *pSgPath, char *pSdPath, size_t size) {
-    using namespace talvek;
-    tScsiAddr wanted{};
-    if (!HaveArguments(__func__, pSgPath, pSdPath, size) ||
-        !ReadOwnAddr(__func__, pSgPath, O_RDWR, wanted)) {
-        return -1;
-    }
-    for (const char *const *ppNode = kCandidateNodes; *ppNode != nullptr; ++ppNode) {
-        const UniqueFd fd{open(*ppNode, O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
-        tScsiAddr addr{};
-        if (fd && ReadAddrOrLog(__func__, *ppNode, fd.get(), addr) && SameScsiAddr(addr, wanted)) {
-            CopyText(__func__, pSdPath, size, *ppNode);
-            return 0;
-        }
-    }
-    return -1;
+    return Translate({__func__, pSgPath, O_RDWR, pSdPath, size}, talvek::kCandidateNodeCount,
+                     [](unsigned k, char *pName) {
+                         snprintf(pName, DEV_INFO_PATH_SIZE, "%s", talvek::kCandidateNodes[k]);
+                         return talvek::OpenPath(pName, O_RDONLY | O_NONBLOCK);
+                     });
 }
 
 int Dev_SdToSg(const char *pSdPath, char *pSgPath, size_t size) {
-    using namespace talvek;
-    tScsiAddr wanted{};
-    if (!HaveArguments(__func__, pSdPath, pSgPath, size) ||
-        !ReadOwnAddr(__func__, pSdPath, O_RDONLY, wanted)) {
-        return -1;
-    }
-    SgNodes nodes;
-    for (unsigned k = 0; k < DEV_MAX_DEVICES; ++k) {
-        char name[sizeof(tSgMapEntry::sgPath)];
-        const UniqueFd fd{nodes.Open(k, name)};
-        tScsiAddr addr{};
-        if (fd && ReadAddrOrLog(__func__, name, fd.get(), addr) && SameScsiAddr(addr, wanted)) {
-            CopyText(__func__, pSgPath, size, name);
-            return 0;
-        }
-    }
-    return -1;
+    talvek::SgNodes nodes;
+    return Translate({__func__, pSdPath, O_RDONLY, pSgPath, size}, DEV_MAX_DEVICES,
+                     [&nodes](unsigned k, char *pName) { return nodes.Open(k, pName); });
 }
 
 int Dev_ConvertMajorMinor(int major, int minor, char *pName, size_t size) {
-    using namespace talvek;
+    const talvek::CancelGuard guard;
     char name[DEV_NODE_NAME_SIZE];
     if (pName == nullptr || size == 0 || !NodeName(major, minor, name, sizeof name)) {
         LOG("invalid (major, minor) = (%d, %d)\n", major, minor);
         return -1;
     }
-    CopyText(__func__, pName, size, name);
+    talvek::CopyText(__func__, pName, size, name);
     return 0;
 }

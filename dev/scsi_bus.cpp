@@ -2,52 +2,52 @@
 
 #include "dev/scsi_bus.h"
 
-#include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdio.h>
-#include <string.h>
 #include <unistd.h>
 
+#include "base/cancel_guard.h"
+#include "base/path.h"
 #include "base/unique_dir.h"
 #include "base/unique_fd.h"
 #include "dev/internal/module_log.h"
 
-namespace talvek {
 namespace {
 
 constexpr char kHosts[] = "/sys/class/scsi_host";
-constexpr char kEverything[] = "- - -";
+constexpr char kScan[] = "/scan";
+constexpr char kEverything[] = "- - -";  // all channels, ids and units
 
-bool ScanHost(const char *pHost) {
-    constexpr const char *kEntry = "Dev_RescanScsiBus";
-    char path[320];
-    snprintf(path, sizeof path, "%s/%s/scan", kHosts, pHost);
-    const UniqueFd fd{open(path, O_WRONLY | O_CLOEXEC)};
+bool ScanHost(const char *pFunction, const char *pHost) {
+    char path[sizeof kHosts + 1 + NAME_MAX + sizeof kScan];
+    snprintf(path, sizeof path, "%s/%s%s", kHosts, pHost, kScan);
+    const talvek::UniqueFd fd{talvek::OpenPath(path, O_WRONLY)};
     if (!fd) {
-        LOG_ERRNO_AS(kEntry, "open(%s) error : %s\n", path);
+        LOG_ERRNO_AS(pFunction, "open(%s) error : %s\n", path);
         return false;
     }
     if (write(fd.get(), kEverything, sizeof kEverything - 1) < 0) {
-        LOG_ERRNO_AS(kEntry, "write(%s) error : %s\n", path);
+        LOG_ERRNO_AS(pFunction, "write(%s) error : %s\n", path);
         return false;
     }
     return true;
 }
 
 }  // namespace
-}  // namespace talvek
 
 int Dev_RescanScsiBus(void) {
-    const talvek::UniqueDir hosts{opendir(talvek::kHosts)};
+    const talvek::CancelGuard guard;
+    const talvek::UniqueDir hosts{opendir(kHosts)};
     if (!hosts) {
-        LOG_ERRNO("opendir(%s) error : %s\n", talvek::kHosts);
+        LOG_ERRNO("opendir(%s) error : %s\n", kHosts);
         return -1;
     }
-    int asked = 0;
-    while (const struct dirent *pEntry = readdir(hosts.get())) {
-        if (pEntry->d_name[0] != '.' && talvek::ScanHost(pEntry->d_name)) {
-            ++asked;
+    int scanned = 0;
+    while (const struct dirent *pHost = readdir(hosts.get())) {
+        if (pHost->d_name[0] != '.' && ScanHost(__func__, pHost->d_name)) {
+            ++scanned;
         }
     }
-    return asked;
+    return scanned;
 }

@@ -7,10 +7,10 @@
 extern "C" {
 #endif
 
-/* Has every SCSI host look for devices anew, on all its channels, ids and units ("- - -" into its
- * scan file). New devices turn up by and by after the call.
+/* Makes every SCSI host scan for new devices on all its channels, ids and units: writes "- - -"
+ * into its file "scan". New devices appear some time after the call.
  *
- * Returns the number of hosts that were asked, or -1 when there is no list of hosts. */
+ * Returns the number of hosts that accepted the scan, or -1 when there is no list of hosts. */
 int Dev_RescanScsiBus(void);
 
 #ifdef __cplusplus

@@ -8,8 +8,9 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <iterator>
+#include <array>
 
+#include "base/cancel_guard.h"
 #include "dev/device.h"
 #include "dev/enumeration.h"
 #include "dev/file_system.h"
@@ -20,7 +21,6 @@
 #include "dev/optical_disc.h"
 #include "dev/scsi_bus.h"
 
-namespace talvek {
 namespace {
 
 enum Item {
@@ -45,7 +45,7 @@ enum Item {
 };
 
 constexpr unsigned kDeviceNameLength = 8;
-constexpr size_t kLineSize = 256;
+constexpr size_t kLineSize = DEV_MENU_LINE_MAX + 1;
 
 constexpr const char *kClassNames[] = {"unknown disc", "CD",      "DVD-ROM", "DVD-R/-RW",
                                        "DVD+R/+RW",    "DVD-RAM", "DDCD",    "Blu-ray"};
@@ -60,40 +60,61 @@ const char *NameIn(const char *const (&names)[N], uint32_t value) {
     return value < N ? names[value] : "?";
 }
 
+struct FsName {
+    uint32_t type;
+    const char *name;
+};
+constexpr FsName kFsNames[] = {
+    {DEV_FS_TYPE_XFS, "xfs"},
+    {DEV_FS_TYPE_EXT, "ext2, ext3 or ext4"},
+    {DEV_FS_TYPE_FAT, "FAT"},
+    {DEV_FS_TYPE_JFFS2, "jffs2"},
+    {DEV_FS_TYPE_ISO9660, "ISO 9660"},
+    {DEV_FS_TYPE_SMBFS, "smbfs"},
+    {DEV_FS_TYPE_NFS, "nfs"},
+    {DEV_FS_TYPE_TMPFS, "none that can be mounted; the sizes are those of a tmpfs"},
+};
+
+const char *FsNameOf(uint32_t type) {
+    for (const FsName &known : kFsNames) {
+        if (known.type == type) {
+            return known.name;
+        }
+    }
+    return "unknown";
+}
+
 const char *DiscFailure(int result) {
-    constexpr int kNotReady = -129;
-    constexpr int kUnknownDisc = -130;
     switch (result) {
-        case kNotReady:
+        case DEV_DISC_INFO_NOT_READY:
             return "not ready (no disc, or the tray is open)";
-        case kUnknownDisc:
-            return "a disc of unknown kind";
+        case DEV_DISC_INFO_UNSUPPORTED:
+            return "a disc that is not supported, or a drive that does not answer";
         default:
             return "the drive cannot be opened";
     }
 }
 
-// What came in with one line.
 enum class Line { kText, kEmpty, kTooLong, kEnd };
 
-// One session at the menu.
-class Session {
+// The loop that asks for items and runs them.
+class Menu {
   public:
-    Session(tDevTestMenu &state, FILE *pIn) : state_(state), in_(pIn) {}
+    Menu(tDevTestMenu &state, FILE *pIn) : state_(state), in_(pIn) {}
 
     void Run();
 
   private:
-    // Both ask until a line of use comes in. False when the question is given up: by an empty line,
-    // or by the end of input, which is the end of the session too.
+    // Both repeat the question until the answer is usable. False when an empty line or the end of
+    // input cancels it; the end of input ends the loop too.
     bool Ask(const char *pQuestion, char *pDst, size_t size);
     bool AskNumber(const char *pQuestion, int *pNumber);
 
     void EditName(const char *pWhat, char *pName, size_t size);
     void EditNumber(const char *pWhat, int *pNumber);
-    void Do(int item);
+    void RunItem(int item);
 
-    // The items, in their order.
+    // The items in their order.
     void Reload();
     void EditSgName() { EditName("SG name", state_.sgName, sizeof state_.sgName); }
     void EditSdName() { EditName("SD name", state_.sdName, sizeof state_.sdName); }
@@ -122,7 +143,7 @@ bool IsBlank(int character) {
     return character == ' ' || character == '\t' || character == '\r';
 }
 
-// A line without its end, the blanks around it and NUL bytes, which a slip on the keyboard sends.
+// Reads a line without its end, the blanks around its text, and NUL bytes (Ctrl-@ sends one).
 Line ReadLine(FILE *pIn, char (&text)[kLineSize]) {
     size_t length = 0;
     bool tooLong = false;
@@ -150,7 +171,7 @@ Line ReadLine(FILE *pIn, char (&text)[kLineSize]) {
     return character == EOF ? Line::kEnd : Line::kEmpty;
 }
 
-bool Session::Ask(const char *pQuestion, char *pDst, size_t size) {
+bool Menu::Ask(const char *pQuestion, char *pDst, size_t size) {
     for (;;) {
         printf("%s : ", pQuestion);
         fflush(stdout);
@@ -175,7 +196,7 @@ bool Session::Ask(const char *pQuestion, char *pDst, size_t size) {
     }
 }
 
-bool Session::AskNumber(const char *pQuestion, int *pNumber) {
+bool Menu::AskNumber(const char *pQuestion, int *pNumber) {
     char text[kLineSize];
     while (Ask(pQuestion, text, sizeof text)) {
         char *pEnd = nullptr;
@@ -193,8 +214,8 @@ bool Session::AskNumber(const char *pQuestion, int *pNumber) {
     return false;
 }
 
-// The value that an empty line keeps stands in the question.
-void Session::EditName(const char *pWhat, char *pName, size_t size) {
+// The question shows the present value, which an empty line keeps.
+void Menu::EditName(const char *pWhat, char *pName, size_t size) {
     char question[kLineSize];
     snprintf(question, sizeof question, "%s [%s]", pWhat, pName);
     if (Ask(question, pName, size)) {
@@ -202,7 +223,7 @@ void Session::EditName(const char *pWhat, char *pName, size_t size) {
     }
 }
 
-void Session::EditNumber(const char *pWhat, int *pNumber) {
+void Menu::EditNumber(const char *pWhat, int *pNumber) {
     char question[kLineSize];
     snprintf(question, sizeof question, "%s [%d]", pWhat, *pNumber);
     if (AskNumber(question, pNumber)) {
@@ -210,22 +231,22 @@ void Session::EditNumber(const char *pWhat, int *pNumber) {
     }
 }
 
-// What an item found out about a name.
-void Tell(const char *pAbout, const char *pFound) {
-    printf("[%s] => %s\n", pAbout, pFound);
+void Report(const char *pAbout, const char *pResult) {
+    printf("[%s] => %s\n", pAbout, pResult);
 }
 
-void TellName(const char *pAbout, int result, const char *pName, const char *pNone) {
+// Reports the name that an item found, or the reason why there is none.
+void ReportName(const char *pAbout, int result, const char *pName, const char *pReason) {
     if (result == 0) {
         printf("[%s] => [%s]\n", pAbout, pName);
     } else {
-        Tell(pAbout, pNone);
+        Report(pAbout, pReason);
     }
 }
 
-// A disc that cannot be written is not asked for more than its kind, nor an empty or finalized CD
-// for its tracks.
-void TellDisc(const char *pDrive, const tDiscInfo &disc) {
+// Of a disc that cannot be written only the kind is known, and of an empty or finalized CD no
+// tracks.
+void ReportDisc(const char *pDrive, const tDiscInfo &disc) {
     printf("[%s] => %s, %s", pDrive, NameIn(kClassNames, disc.discClass),
            NameIn(kMediaNames, disc.mediaKind));
     if (disc.mediaKind == DEV_MEDIA_READ_ONLY) {
@@ -247,110 +268,117 @@ void TellDisc(const char *pDrive, const tDiscInfo &disc) {
     putchar('\n');
 }
 
-void Session::Reload() {
+void Menu::Reload() {
     Dev_PrintTestMenu(&state_);
 }
 
-void Session::RescanBus() {
+void Menu::RescanBus() {
     const int hosts = Dev_RescanScsiBus();
     if (hosts > 0) {
-        printf("Asked %d SCSI host(s); new devices turn up by and by.\n", hosts);
+        printf("%d SCSI host(s) scan for devices; new ones appear after some time.\n", hosts);
     } else {
-        printf("No SCSI host could be asked.\n");
+        printf("No SCSI host scans for devices.\n");
     }
 }
 
-// The enumeration itself prints what it finds.
-void Session::QueryAll() {
+// The enumeration prints its list itself. A disk whose file system cannot be mounted has the sizes
+// of a tmpfs there, so the file system is shown too.
+void Menu::QueryAll() {
     tDevInfo devices[DEV_MAX_DEVICES] = {};
-    Dev_Get(devices);
+    const int count = Dev_Get(devices);
+    for (int i = 0; i < count; ++i) {
+        const tDevInfo &dev = devices[i];
+        if (dev.isOptical == 0 && dev.u.disk.totalBlocks > 0) {
+            printf("[%s] => file system : %s\n", dev.devPath, FsNameOf(dev.u.disk.fsType));
+        }
+    }
 }
 
-void Session::ShowMountPoint() {
+void Menu::ShowMountPoint() {
     char mountPoint[DEV_MOUNT_TEXT_SIZE] = "";
     const int result = Dev_GetMPT(state_.devName, mountPoint);
-    TellName(state_.devName, result, mountPoint, "not mounted");
+    ReportName(state_.devName, result, mountPoint, "not mounted");
 }
 
-void Session::ShowMountPointOf8() {
+void Menu::ShowMountPointOf8() {
     char mountPoint[DEV_MOUNT_TEXT_SIZE] = "";
     const int result = Dev_nGetMPT(state_.devName, mountPoint, kDeviceNameLength);
-    TellName(state_.devName, result, mountPoint, "not mounted");
+    ReportName(state_.devName, result, mountPoint, "not mounted");
 }
 
-void Session::ConvertSgToSd() {
+void Menu::ConvertSgToSd() {
     char name[DEV_NODE_NAME_SIZE] = "";
     const int result = Dev_SgToSd(state_.sgName, name, sizeof name);
-    TellName(state_.sgName, result, name, "no such pair");
+    ReportName(state_.sgName, result, name, "no such pair");
 }
 
-void Session::ConvertSdToSg() {
+void Menu::ConvertSdToSg() {
     char name[DEV_NODE_NAME_SIZE] = "";
     const int result = Dev_SdToSg(state_.sdName, name, sizeof name);
-    TellName(state_.sdName, result, name, "no such pair");
+    ReportName(state_.sdName, result, name, "no such pair");
 }
 
-// The record of one drive is made as the enumeration would make it.
-void Session::ShowDisc() {
+// Fills a record as the enumeration does.
+void Menu::ShowDisc() {
     tDevInfo device = {};
     device.isOptical = 1;
     if (strlen(state_.devName) >= sizeof device.devPath) {
-        Tell(state_.devName, "no name of an optical drive");
+        Report(state_.devName, "not the name of an optical drive");
         return;
     }
     memcpy(device.devPath, state_.devName, strlen(state_.devName) + 1);
     if (Dev_SdToSg(device.devPath, device.sgPath, sizeof device.sgPath) != 0) {
-        Tell(state_.devName, "no SCSI generic node");
+        Report(state_.devName, "no SCSI generic node");
         return;
     }
     const int result = Dev_GetDiscInfo(&device);
-    if (result != 0) {
-        Tell(state_.devName, DiscFailure(result));
+    if (result != DEV_DISC_INFO_OK) {
+        Report(state_.devName, DiscFailure(result));
         return;
     }
-    TellDisc(state_.devName, device.u.disc);
+    ReportDisc(state_.devName, device.u.disc);
 }
 
-void Session::MountNfs() {
+void Menu::MountNfs() {
     char source[kLineSize];
     char directory[kLineSize];
     if (Ask("NFS export (host:/path)", source, sizeof source) &&
         Ask("Mount point", directory, sizeof directory)) {
         const int result = Dev_Mount(source, directory, DEV_FS_NFS);
-        TellName(source, result, directory, "not mounted");
+        ReportName(source, result, directory, "not mounted");
     }
 }
 
-void Session::CheckPartition() {
-    Tell(state_.devName, Dev_CheckPartition(state_.devName) == 0 ? "is in /proc/partitions"
-                                                                 : "is not in /proc/partitions");
+void Menu::CheckPartition() {
+    Report(state_.devName, Dev_CheckPartition(state_.devName) == 0 ? "is in /proc/partitions"
+                                                                   : "is not in /proc/partitions");
 }
 
-void Session::ConvertNumbers() {
+void Menu::ConvertNumbers() {
     char name[DEV_NODE_NAME_SIZE] = "";
     if (Dev_ConvertMajorMinor(state_.major, state_.minor, name, sizeof name) == 0) {
         printf("(%d, %d) => [%s]\n", state_.major, state_.minor, name);
     }
 }
 
-void Session::ShowTemperature() {
+void Menu::ShowTemperature() {
     tSmartAttr temperature = {DEV_SMART_TEMPERATURE, 0};
     if (Dev_GetSmartValue(state_.devName, &temperature) == 0) {
         printf("[%s] => %d degrees Celsius\n", state_.devName, temperature.value);
     } else {
-        Tell(state_.devName, "no temperature");
+        Report(state_.devName, "no temperature");
     }
 }
 
-void Session::Do(int item) {
-    using Action = void (Session::*)();
+void Menu::RunItem(int item) {
+    using Action = void (Menu::*)();
     static constexpr Action kActions[] = {
-        &Session::Reload,         &Session::EditSgName,        &Session::EditSdName,
-        &Session::EditDevName,    &Session::RescanBus,         &Session::QueryAll,
-        &Session::ShowMountPoint, &Session::ShowMountPointOf8, &Session::ConvertSgToSd,
-        &Session::ConvertSdToSg,  &Session::ShowDisc,          &Session::MountNfs,
-        &Session::CheckPartition, &Session::EditMajor,         &Session::EditMinor,
-        &Session::ConvertNumbers, &Session::ShowTemperature,   &Session::Exit};
+        &Menu::Reload,         &Menu::EditSgName,        &Menu::EditSdName,
+        &Menu::EditDevName,    &Menu::RescanBus,         &Menu::QueryAll,
+        &Menu::ShowMountPoint, &Menu::ShowMountPointOf8, &Menu::ConvertSgToSd,
+        &Menu::ConvertSdToSg,  &Menu::ShowDisc,          &Menu::MountNfs,
+        &Menu::CheckPartition, &Menu::EditMajor,         &Menu::EditMinor,
+        &Menu::ConvertNumbers, &Menu::ShowTemperature,   &Menu::Exit};
     static_assert(std::size(kActions) == kExit + 1);
     if (item < 0 || item > kExit) {
         printf("There is no item %d; %d shows the menu.\n", item, kReload);
@@ -359,52 +387,52 @@ void Session::Do(int item) {
     (this->*kActions[item])();
 }
 
-void Session::Run() {
+void Menu::Run() {
     Dev_PrintTestMenu(&state_);
     while (!over_) {
         int item = 0;
         if (AskNumber("Item", &item)) {
-            Do(item);
+            RunItem(item);
         }
     }
     fflush(stdout);
 }
 
 }  // namespace
-}  // namespace talvek
 
 void Dev_PrintTestMenu(const tDevTestMenu *pState) {
+    const talvek::CancelGuard guard;
     if (pState == nullptr) {
         return;
     }
     const tDevTestMenu &state = *pState;
-    printf("\n\t%d) Reload\n", talvek::kReload);
-    printf("\t%d) Modify SG Name : \"%s\"\n", talvek::kModifySgName, state.sgName);
-    printf("\t%d) Modify SD Name : \"%s\"\n", talvek::kModifySdName, state.sdName);
-    printf("\t%d) Modify DEV Name : \"%s\"\n", talvek::kModifyDevName, state.devName);
-    printf("\t%d) Rescan SCSI Bus\n", talvek::kRescanBus);
-    printf("\t%d) Query All Devices\n", talvek::kQueryAll);
-    printf("\t%d) Get DEV MPT (Dev_GetMPT(%s, pMPT))\n", talvek::kGetMountPoint, state.devName);
-    printf("\t%d) Get DEV MPT (Dev_nGetMPT(%s, pMPT, 8))\n", talvek::kGetMountPointOf8,
-           state.devName);
-    printf("\t%d) Convert SG to SD\n", talvek::kSgToSd);
-    printf("\t%d) Convert SD to SG\n", talvek::kSdToSg);
-    printf("\t%d) Get DEV(%s) Disc Info\n", talvek::kDiscInfo, state.devName);
-    printf("\t%d) Test Dev_Mount() nfs mount\n", talvek::kNfsMount);
-    printf("\t%d) Dev_CheckPartition(%s)\n", talvek::kCheckPartition, state.devName);
-    printf("\t%d) Modify major number : \"%d\"\n", talvek::kModifyMajor, state.major);
-    printf("\t%d) Modify minor number : \"%d\"\n", talvek::kModifyMinor, state.minor);
-    printf("\t%d) Convert (major, minor) = (%d, %d) to device name\n", talvek::kConvertNumbers,
-           state.major, state.minor);
-    printf("\t%d) Get [%s] smart value [0xC2 - Temperature]\n", talvek::kSmartValue, state.devName);
-    printf("\t%d) Exit\n\n", talvek::kExit);
+    printf("\n\t%d) Reload\n", kReload);
+    printf("\t%d) Modify SG Name : \"%s\"\n", kModifySgName, state.sgName);
+    printf("\t%d) Modify SD Name : \"%s\"\n", kModifySdName, state.sdName);
+    printf("\t%d) Modify DEV Name : \"%s\"\n", kModifyDevName, state.devName);
+    printf("\t%d) Rescan SCSI Bus\n", kRescanBus);
+    printf("\t%d) Query All Devices\n", kQueryAll);
+    printf("\t%d) Get DEV MPT (Dev_GetMPT(%s, pMPT))\n", kGetMountPoint, state.devName);
+    printf("\t%d) Get DEV MPT (Dev_nGetMPT(%s, pMPT, 8))\n", kGetMountPointOf8, state.devName);
+    printf("\t%d) Convert SG to SD\n", kSgToSd);
+    printf("\t%d) Convert SD to SG\n", kSdToSg);
+    printf("\t%d) Get DEV(%s) Disc Info\n", kDiscInfo, state.devName);
+    printf("\t%d) Test Dev_Mount() nfs mount\n", kNfsMount);
+    printf("\t%d) Dev_CheckPartition(%s)\n", kCheckPartition, state.devName);
+    printf("\t%d) Modify major number : \"%d\"\n", kModifyMajor, state.major);
+    printf("\t%d) Modify minor number : \"%d\"\n", kModifyMinor, state.minor);
+    printf("\t%d) Convert (major, minor) = (%d, %d) to device name\n", kConvertNumbers, state.major,
+           state.minor);
+    printf("\t%d) Get [%s] smart value [0xC2 - Temperature]\n", kSmartValue, state.devName);
+    printf("\t%d) Exit\n\n", kExit);
     fflush(stdout);
 }
 
 int Dev_RunTestMenu(tDevTestMenu *pState, FILE *pIn) {
+    const talvek::CancelGuard guard;
     if (pState == nullptr || pIn == nullptr) {
         return -1;
     }
-    talvek::Session{*pState, pIn}.Run();
+    Menu{*pState, pIn}.Run();
     return 0;
 }

@@ -1,7 +1,7 @@
 #ifndef TALVEK_DEV_TEST_MENU_H
 #define TALVEK_DEV_TEST_MENU_H
 
-/* The technician's menu: exercises the storage functions by hand on a unit. */
+/* The technician's menu: runs the storage functions by hand on a unit. */
 
 #include <stdio.h>
 
@@ -9,11 +9,15 @@
 extern "C" {
 #endif
 
-/* The current selections, each name with its NUL. */
+#define DEV_MENU_NODE_SIZE 12   /* bytes of sgName and sdName */
+#define DEV_MENU_DEVICE_SIZE 64 /* bytes of devName */
+#define DEV_MENU_LINE_MAX 255   /* characters of a line that Dev_RunTestMenu accepts */
+
+/* The current selections. */
 typedef struct tDevTestMenu {
-    char sgName[12];  /* generic node, "/dev/sg0" */
-    char sdName[12];  /* block or optical node, "/dev/sda" */
-    char devName[64]; /* device that the queries act on */
+    char sgName[DEV_MENU_NODE_SIZE];    /* generic node, "/dev/sg0" */
+    char sdName[DEV_MENU_NODE_SIZE];    /* block or optical node, "/dev/sda" */
+    char devName[DEV_MENU_DEVICE_SIZE]; /* device that the queries use */
     int major;
     int minor;
 } tDevTestMenu;
@@ -21,16 +25,16 @@ typedef struct tDevTestMenu {
 /* Prints the menu with its 18 items and the selections that they use. NULL prints nothing. */
 void Dev_PrintTestMenu(const tDevTestMenu *pState);
 
-/* Prints the menu, then reads item numbers from a stream, a line each, and does what they say until
- * item 17 or the end of input. Items that need more ask for it; an empty line gives such a question
- * up and keeps what was there. Wrong input is told and asked for again. A line has at most 255
- * characters; blanks around its text do not count.
+/* Prints the menu, then reads item numbers from a stream, one a line, and runs the items until item
+ * 17 or the end of input. An item that needs more asks for it; an empty line cancels such a
+ * question and changes nothing. Wrong input is reported, and the question is repeated. Blanks
+ * around the text of a line are ignored.
  *
- *   pState  selections to start with; edited by items 1 to 3, 13 and 14 alone
+ *   pState  selections to start with; items 1 to 3, 13 and 14 change them
  *   pIn     open for reading; stays open
  *
- * Results are printed on standard output, each at the latest before the next question. Returns 0,
- * or -1 for a NULL argument. */
+ * Results are printed on standard output before the next question. Returns 0, or -1 for a NULL
+ * argument (not logged). Needs DEV_REPLY_SIZE bytes (scsi.h) of stack more than other entries. */
 int Dev_RunTestMenu(tDevTestMenu *pState, FILE *pIn);
 
 #ifdef __cplusplus

@@ -3,16 +3,22 @@
 
 #include "dev/file_system.h"
 
+// The file-system table. Only the capability masks change; one thread may recompute them while
+// others read them.
+
 namespace talvek {
 
-// A row of the table; what it holds is constant except the mask, which FsCaps reads. The index is
-// below DEV_FS_COUNT.
+// A row, with its index below DEV_FS_COUNT. FsCaps reads the mask; `caps` of this row is the
+// initial one.
 const tFsEntry &FsRow(uint32_t index);
 
-// Finds out what is supported when nobody has yet.
+// Recomputes all masks and logs them for the entry `pFunction`.
+void UpdateFsTable(const char *pFunction);
+
+// Computes the masks unless that has been done before.
 void EnsureFsTable();
 
-// The row's capability mask, as it stands; finds it out first when nobody has yet.
+// The mask of a row; computes the masks first unless that has been done before.
 uint32_t FsCaps(uint32_t index);
 
 }  // namespace talvek

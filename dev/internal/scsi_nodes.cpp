@@ -1,4 +1,4 @@
-// The nodes of SCSI devices and what pairs them.
+// The nodes of SCSI devices and the addresses that pair them.
 
 #include "dev/internal/scsi_nodes.h"
 
@@ -8,11 +8,12 @@
 #include <string.h>
 #include <sys/ioctl.h>
 
-#include "dev/naming.h"
+#include "base/path.h"
+#include "dev/internal/module_log.h"
 
 namespace talvek {
 
-const char *const kCandidateNodes[] = {
+const char *const kCandidateNodes[kCandidateNodeCount + 1] = {
     "/dev/sda",    "/dev/sdb",  "/dev/sdc",    "/dev/sdd",    "/dev/sde",    "/dev/sdf",
     "/dev/sdg",    "/dev/sdh",  "/dev/sdi",    "/dev/sdj",    "/dev/sdk",    "/dev/sdl",
     "/dev/sdm",    "/dev/sdn",  "/dev/sdo",    "/dev/sdp",    "/dev/sdq",    "/dev/sdr",
@@ -23,22 +24,23 @@ const char *const kCandidateNodes[] = {
     "/dev/nst4",   "/dev/nst5", "/dev/nosst0", "/dev/nosst1", "/dev/nosst2", "/dev/nosst3",
     "/dev/nosst4", nullptr,
 };
-static_assert(sizeof kCandidateNodes / sizeof kCandidateNodes[0] == 49 + 1);
 
-AddressStep ReadScsiAddr(int fd, tScsiAddr &addr) {
+bool ReadScsiAddr(const AddrLog &log, const char *pPath, int fd, tScsiAddr &addr) {
     int host = 0;
     if (ioctl(fd, SCSI_IOCTL_GET_BUS_NUMBER, &host) < 0) {
-        return AddressStep::kBusNumber;
+        LOG_ERRNO_AS(log.function, log.busNumberFailed, pPath);
+        return false;
     }
     addr.host = static_cast<uint32_t>(host);
     uint32_t idLun[2] = {};  // the second word is the host's unique number
     if (ioctl(fd, SCSI_IOCTL_GET_IDLUN, idLun) < 0) {
-        return AddressStep::kIdLun;
+        LOG_ERRNO_AS(log.function, log.idLunFailed, pPath);
+        return false;
     }
     addr.channel = idLun[0] >> 16 & 0xFF;
     addr.id = idLun[0] & 0xFF;
     addr.lun = idLun[0] >> 8 & 0xFF;
-    return AddressStep::kDone;
+    return true;
 }
 
 bool SameScsiAddr(const tScsiAddr &a, const tScsiAddr &b) {
@@ -46,15 +48,15 @@ bool SameScsiAddr(const tScsiAddr &a, const tScsiAddr &b) {
 }
 
 int SgNodes::Open(unsigned k, char *pName) {
-    constexpr int kFlags = O_RDWR | O_NONBLOCK | O_CLOEXEC;
-    Dev_MakeDevName(pName, k, numeric_);
-    int fd = open(pName, kFlags);
-    if (fd < 0 && k == 0 && errno == ENOENT) {
-        numeric_ = false;
-        Dev_MakeDevName(pName, k, numeric_);
-        fd = open(pName, kFlags);
+    constexpr int kFlags = O_RDWR | O_NONBLOCK;
+    Dev_MakeDevName(pName, k, naming_);
+    const int fd = OpenPath(pName, kFlags);
+    if (fd >= 0 || k != 0 || errno != ENOENT) {
+        return fd;
     }
-    return fd;
+    naming_ = DEV_SG_LETTERS;
+    Dev_MakeDevName(pName, k, naming_);
+    return OpenPath(pName, kFlags);
 }
 
 }  // namespace talvek

@@ -2,30 +2,38 @@
 #define TALVEK_DEV_INTERNAL_SCSI_NODES_H
 
 #include "dev/device.h"
+#include "dev/naming.h"
 
 namespace talvek {
 
-// The nodes that are looked for, in this order; a null pointer ends them.
-extern const char *const kCandidateNodes[];
+// The block, optical and tape nodes of an enumeration in their order; a null pointer ends them.
+constexpr unsigned kCandidateNodeCount = 49;
+extern const char *const kCandidateNodes[kCandidateNodeCount + 1];
 
-// What could not be asked of a node.
-enum class AddressStep { kDone, kBusNumber, kIdLun };
+// What is logged when an address cannot be read: formats of COM_Log for the node's path and the
+// error text.
+struct AddrLog {
+    const char *function;
+    const char *busNumberFailed;
+    const char *idLunFailed;
+};
 
-// Asks a node for its place on its bus. What was asked before a failure is stored, errno is that of
-// the failure.
-AddressStep ReadScsiAddr(int fd, tScsiAddr &addr);
+// Reads the address of the open node `pPath`; false when that fails, which is logged. `addr.host`
+// may be stored even then.
+bool ReadScsiAddr(const AddrLog &log, const char *pPath, int fd, tScsiAddr &addr);
 
 bool SameScsiAddr(const tScsiAddr &a, const tScsiAddr &b);
 
-// Walks the generic nodes of the machine: numbers, or letters where there is no /dev/sg0.
+// Opens the SCSI generic nodes of the machine, which have numbers, or letters where there is no
+// /dev/sg0.
 class SgNodes {
   public:
-    // Opens node k and writes its name (12 bytes); -1 when it cannot be opened. The nodes are
-    // asked for in ascending order, from 0 on.
+    // Opens node k and writes its name (DEV_INFO_PATH_SIZE bytes); -1 when it cannot be opened.
+    // The nodes must be opened in ascending order from 0 on.
     int Open(unsigned k, char *pName);
 
   private:
-    bool numeric_ = true;
+    int naming_ = DEV_SG_NUMBERS;
 };
 
 }  // namespace talvek

@@ -36,7 +36,6 @@ TEST(EnumerationFault, SurvivesEveryFailure) {
     WithDevices([] {
         Capture([] {
             Dev_InitFsArray();
-            // Past the nodes of disks, whose look-ups come first, the calls are those of devices.
             EXPECT_GT(EveryCallFails(EIO,
                                      [] {
                                          tDevInfo devs[DEV_MAX_DEVICES] = {};

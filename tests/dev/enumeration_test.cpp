@@ -50,7 +50,7 @@ uint32_t IdLun(uint32_t channel, uint32_t id, uint32_t lun) {
     return 1u << 24 | channel << 16 | lun << 8 | id;
 }
 
-// A device behind its two nodes; host and id are made of its number.
+// A device with two nodes; its host and id are `number`.
 std::unique_ptr<SimulatedDrive> MakeDevice(const std::string &node, const std::string &sgNode,
                                            const char *pHostText, uint32_t number) {
     auto device = std::make_unique<SimulatedDrive>(std::vector<std::string>{node, sgNode});
@@ -69,8 +69,8 @@ std::unique_ptr<SimulatedDrive> MakeDevice(const std::string &node, const std::s
     return device;
 }
 
-// Runs `body` with a /dev, /proc and /var of its own. What is mounted there is `mounts`; no file
-// system is known, so that nothing else can be mounted.
+// Runs `body` with a /dev, /proc and /var of its own and with `mounts` in /proc/mounts. No file
+// system is known, so that nothing can be mounted.
 void WithMachine(const std::string &mounts, const std::function<void()> &body) {
     RunInPrivateWorld(
         kMounts,
@@ -82,7 +82,7 @@ void WithMachine(const std::string &mounts, const std::function<void()> &body) {
             WriteFile("/proc/filesystems", "nodev\tproc\n");
             WriteFile("/proc/partitions", "major minor  #blocks  name\n\n");
             CaptureLog(Dev_InitFsArray);
-            // While a device lives, only its nodes can be opened.
+            // While a simulated device exists, only its nodes can be opened.
             const SimulatedDrive none;
             body();
         },
@@ -114,26 +114,10 @@ bool Has(const Lines &lines, const std::string &line) {
 
 #define EXPECT_HAS(lines, line) EXPECT_TRUE(Has(lines, line)) << ::testing::PrintToString(lines)
 
-TEST(CandidateNodes, AreFortyNineInOrder) {
-    std::vector<std::string> expected;
-    for (char c = 'a'; c <= 'z'; ++c) {
-        expected.push_back(std::string{"/dev/sd"} + c);
-    }
-    for (int i = 0; i <= 11; ++i) {
-        expected.push_back("/dev/sr" + std::to_string(i));
-    }
-    for (int i = 0; i <= 5; ++i) {
-        expected.push_back("/dev/nst" + std::to_string(i));
-    }
-    for (int i = 0; i <= 4; ++i) {
-        expected.push_back("/dev/nosst" + std::to_string(i));
-    }
-    ASSERT_EQ(49u, expected.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(expected[i], talvek::kCandidateNodes[i]);
-    }
-    EXPECT_EQ(nullptr, talvek::kCandidateNodes[49]);
-}
+// The values that other programs are compiled with.
+static_assert(DEV_BUS_ATA == 0 && DEV_BUS_USB == 1 && DEV_BUS_IEEE1394 == 2 && DEV_BUS_ESATA == 3);
+static_assert(DEV_MAX_DEVICES == 32 && DEV_INFO_MODEL_SIZE == 28 && DEV_INFO_PATH_SIZE == 12 &&
+              DEV_INFO_MOUNT_SIZE == 120);
 
 TEST(Enumeration, RefusesNull) {
     EXPECT_EQ((Lines{"DEV:Dev_Get(): ((nil)) : Null Ptr",
@@ -146,7 +130,7 @@ TEST(Enumeration, RefusesNull) {
               }));
 }
 
-// Without /dev/sg0 the letters are used, of which there are 26.
+// Without /dev/sg0 the generic nodes have letters, of which there are 26.
 TEST(Enumeration, FindsNothing) {
     WithMachine("", [] {
         Lines expected;
@@ -211,7 +195,7 @@ TEST(Enumeration, ListsAUsbStickAndADvdWriter) {
         EXPECT_EQ(6u, disk.scsiAddr.id);
         EXPECT_EQ(1, disk.ready);
         EXPECT_EQ(0, disk.isOptical);
-        EXPECT_EQ(1, disk.busType);
+        EXPECT_EQ(DEV_BUS_USB, disk.busType);
         EXPECT_EQ(static_cast<uint32_t>(st.f_type), disk.u.disk.fsType);
         EXPECT_EQ(st.f_blocks, disk.u.disk.totalBlocks);
         EXPECT_EQ(uint64_t{500} << 20, disk.u.disk.deviceBytes);
@@ -227,7 +211,7 @@ TEST(Enumeration, ListsAUsbStickAndADvdWriter) {
         EXPECT_EQ(1u, drive.scsiAddr.lun);
         EXPECT_EQ(1, drive.ready);
         EXPECT_EQ(1, drive.isOptical);
-        EXPECT_EQ(0, drive.busType);
+        EXPECT_EQ(DEV_BUS_ATA, drive.busType);
         const tDiscInfo noDisc{};
         EXPECT_EQ(0, memcmp(&noDisc, &drive.u.disc, sizeof noDisc));
 
@@ -243,10 +227,9 @@ TEST(Enumeration, ListsAUsbStickAndADvdWriter) {
             "  pDev[1] : DRV WR24X B : /dev/sr0 : /dev/sg0 : Ready : CD-ROM : ATA, 1,3,2,1 : "
             "0 MB(0)",
             found.lines[last - 1]);
-        // Opened without blocking, and closed in programs that are executed.
         EXPECT_EQ(O_NONBLOCK | O_CLOEXEC, writer->openFlags & (O_NONBLOCK | O_CLOEXEC));
         EXPECT_EQ(O_RDWR, writer->openFlags & O_ACCMODE);
-        EXPECT_EQ(3, writer->opens);  // in the map, as a node, for its model
+        EXPECT_EQ(3, writer->opens);  // for the map, as a node, for its model
     });
 }
 
@@ -257,30 +240,30 @@ struct BusCase {
     bool unknown;
 };
 
-TEST(Enumeration, TellsTheBusByTheHostsText) {
+TEST(Enumeration, DerivesTheBusFromTheTextOfTheHost) {
     const std::string nineteen(19, 'x');
     const std::vector<BusCase> cases = {
-        {kUsbHost, 1, "USB", false},
-        {nineteen + "usb", 1, "USB", false},
-        {nineteen + "UsB stick", 1, "USB", false},
-        {nineteen + "US", 0, "ATA", true},
-        {nineteen + " USB", 0, "ATA", true},
-        {nineteen.substr(1) + "USB", 0, "ATA", true},
-        {nineteen + "IEEE-1394 SBP-2", 2, "IEEE-1394", false},
-        {nineteen + "ieee-1394", 2, "IEEE-1394", false},
-        {"IEEE-1394 SBP-2 protocol driver", 2, "IEEE-1394", false},
-        {"ieee-1394", 2, "IEEE-1394", false},
-        {"IEEE-139", 0, "ATA", true},
-        {"usb-storage", 1, "USB", false},
-        {"USB-Storage 2", 1, "USB", false},
-        {"usb-storag", 0, "ATA", true},
-        {"USB", 0, "ATA", true},
-        // The place behind character 19 is looked at first.
-        {"IEEE-1394xxxxxxxxxxUSB", 1, "USB", false},
-        {"usb-storage12345678IEEE-1394", 2, "IEEE-1394", false},
-        {"ahci", 0, "ATA", true},
-        {"", 0, "ATA", true},
-        {std::string(511, 't'), 0, "ATA", true},
+        {kUsbHost, DEV_BUS_USB, "USB", false},
+        {nineteen + "usb", DEV_BUS_USB, "USB", false},
+        {nineteen + "UsB stick", DEV_BUS_USB, "USB", false},
+        {nineteen + "US", DEV_BUS_ATA, "ATA", true},
+        {nineteen + " USB", DEV_BUS_ATA, "ATA", true},
+        {nineteen.substr(1) + "USB", DEV_BUS_ATA, "ATA", true},
+        {nineteen + "IEEE-1394 SBP-2", DEV_BUS_IEEE1394, "IEEE-1394", false},
+        {nineteen + "ieee-1394", DEV_BUS_IEEE1394, "IEEE-1394", false},
+        {"IEEE-1394 SBP-2 protocol driver", DEV_BUS_IEEE1394, "IEEE-1394", false},
+        {"ieee-1394", DEV_BUS_IEEE1394, "IEEE-1394", false},
+        {"IEEE-139", DEV_BUS_ATA, "ATA", true},
+        {"usb-storage", DEV_BUS_USB, "USB", false},
+        {"USB-Storage 2", DEV_BUS_USB, "USB", false},
+        {"usb-storag", DEV_BUS_ATA, "ATA", true},
+        {"USB", DEV_BUS_ATA, "ATA", true},
+        // The text from character 19 on is compared first.
+        {"IEEE-1394xxxxxxxxxxUSB", DEV_BUS_USB, "USB", false},
+        {"usb-storage12345678IEEE-1394", DEV_BUS_IEEE1394, "IEEE-1394", false},
+        {"ahci", DEV_BUS_ATA, "ATA", true},
+        {"", DEV_BUS_ATA, "ATA", true},
+        {std::string(511, 't'), DEV_BUS_ATA, "ATA", true},
     };
     for (const BusCase &one : cases) {
         WithMachine("", [&] {
@@ -298,8 +281,8 @@ TEST(Enumeration, TellsTheBusByTheHostsText) {
     }
 }
 
-// A driver with a text of more than 511 characters fills the buffer and no byte beyond it.
-TEST(Enumeration, BoundsTheHostsText) {
+// The buffer has 512 bytes.
+TEST(Enumeration, AcceptsATextOfTheHostOfAnyLength) {
     WithMachine("", [] {
         const auto device = MakeDevice("/dev/sr3", "/dev/sg0", std::string(5000, 't').c_str(), 1);
         const Found found = Enumerate(Dev_Get);
@@ -309,7 +292,7 @@ TEST(Enumeration, BoundsTheHostsText) {
     });
 }
 
-TEST(Enumeration, KeepsADeviceWhoseHostTellsNothing) {
+TEST(Enumeration, KeepsADeviceWhoseHostReportsNoText) {
     WithMachine("", [] {
         const auto device = MakeDevice("/dev/sr0", "/dev/sg0", kUsbHost, 1);
         device->probeError = ENOTTY;
@@ -322,9 +305,8 @@ TEST(Enumeration, KeepsADeviceWhoseHostTellsNothing) {
     });
 }
 
-TEST(Enumeration, SkipsNodesThatCannotBeAsked) {
+TEST(Enumeration, SkipsNodesThatCannotBeOpenedOrQueried) {
     WithMachine("", [] {
-        // The nodes fail, not the generic ones.
         SimulatedDrive noBus{{"/dev/sda"}};
         noBus.busNumberError = EIO;
         SimulatedDrive noIdlun{{"/dev/sr1"}};
@@ -349,15 +331,15 @@ TEST(Enumeration, SkipsANodeThatOpensAsDescriptorZero) {
             close(STDIN_FILENO);
             EXPECT_EQ(0, Dev_Get(devs.data()));
         });
-        EXPECT_EQ(2, device->opens);  // in the map and as a node
+        EXPECT_EQ(2, device->opens);  // for the map and as a node
         EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD));
     });
 }
 
-TEST(Enumeration, SkipsADeviceWhoseKeyIsInNoRow) {
+TEST(Enumeration, SkipsADeviceWithoutAGenericNode) {
     WithMachine("", [] {
         const auto good = MakeDevice("/dev/sr0", "/dev/sg0", kUsbHost, 1);
-        // Each of the four words counts.
+        // All four words of the address are compared.
         SimulatedDrive otherHost{{"/dev/sr1"}};
         otherHost.host = 2;
         otherHost.idlun = good->idlun;
@@ -370,7 +352,7 @@ TEST(Enumeration, SkipsADeviceWhoseKeyIsInNoRow) {
         SimulatedDrive otherLun{{"/dev/sr4"}};
         otherLun.host = 1;
         otherLun.idlun = IdLun(0, 1, 1);
-        // The key of an unused row is out of every device's reach.
+        // No device has the address of an unused row.
         SimulatedDrive allOnes{{"/dev/sr5"}};
         allOnes.host = 0xFFFFFFFF;
         allOnes.idlun = 0xFFFFFFFF;
@@ -379,13 +361,13 @@ TEST(Enumeration, SkipsADeviceWhoseKeyIsInNoRow) {
         EXPECT_STREQ("/dev/sr0", found.devs[0].devPath);
         EXPECT_EQ(O_RDONLY | O_NONBLOCK,
                   otherLun.openFlags & (O_ACCMODE | O_NONBLOCK));  // as a node
-        // The slots behind the last device were not used.
+        // The records after the last device are unchanged.
         const tDevInfo empty{};
         EXPECT_EQ(0, memcmp(&empty, &found.devs[1], sizeof empty));
     });
 }
 
-TEST(Enumeration, PairsWithTheFirstRowThatHasTheKey) {
+TEST(Enumeration, PairsWithTheFirstGenericNodeOfTheAddress) {
     WithMachine("", [] {
         const auto drive = MakeDevice("/dev/sr0", "/dev/sg0", kUsbHost, 1);
         SimulatedDrive same{{"/dev/sg1"}};
@@ -446,8 +428,8 @@ TEST(Enumeration, ListsADiskThatCannotBeMounted) {
     });
 }
 
-// A sector has 512 bytes; their product passes 32 bits.
-TEST(Enumeration, TellsTheSizeOfADiskThatCountsItsSectorsAlone) {
+// 512 bytes times 2^32 - 1 sectors needs more than 32 bits.
+TEST(Enumeration, ListsTheSizeOfADiskThatReportsSectorsOnly) {
     WithMachine("", [] {
         const auto device = MakeDevice("/dev/sda", "/dev/sg0", "usb-storage", 1);
         device->otherIoctl = [](unsigned long request, void *arg) -> std::optional<int> {
@@ -468,12 +450,12 @@ TEST(Enumeration, TellsTheSizeOfADiskThatCountsItsSectorsAlone) {
     });
 }
 
-// Thirty-three nodes that pair: the walk ends at 32.
+// Thirty-three nodes pair with a generic node.
 TEST(Enumeration, EndsWith32Devices) {
     WithMachine("", [] {
         std::vector<std::unique_ptr<SimulatedDrive>> devices;
         for (uint32_t i = 0; i < 33; ++i) {
-            // One more node than generic nodes: the last two share a generic node's key.
+            // The last two nodes have the same address, since there are only 32 generic nodes.
             const std::string sgNode = "/dev/sg" + std::to_string(i < 32 ? i : 99);
             devices.push_back(
                 MakeDevice(talvek::kCandidateNodes[i], sgNode, kUsbHost, i < 32 ? i : 31));
@@ -490,7 +472,7 @@ TEST(Enumeration, EndsWith32Devices) {
     });
 }
 
-TEST(UsbFlashDevice, StopsAtTheFirstOnUsb) {
+TEST(UsbFlashDevice, EndsAfterTheFirstDeviceOnUsb) {
     WithMachine("", [] {
         const auto disk = MakeDevice("/dev/sda", "/dev/sg0", "ahci", 1);
         const auto stick = MakeDevice("/dev/sdb", "/dev/sg1", kUsbHost, 2);
@@ -500,7 +482,7 @@ TEST(UsbFlashDevice, StopsAtTheFirstOnUsb) {
         EXPECT_STREQ("/dev/sda", found.devs[0].devPath);
         EXPECT_STREQ("/dev/sdb", found.devs[1].devPath);
         EXPECT_EQ(1, found.devs[1].ready);
-        // Nothing is measured.
+        EXPECT_EQ(DEV_BUS_USB, found.devs[1].busType) << "the last record is the device found";
         const tDiskStat none{};
         EXPECT_EQ(0, memcmp(&none, &found.devs[0].u.disk, sizeof none));
         const size_t last = found.lines.size();
@@ -512,7 +494,17 @@ TEST(UsbFlashDevice, StopsAtTheFirstOnUsb) {
     });
 }
 
-TEST(UsbFlashDevice, TakesReadyDisksAndEveryDrive) {
+TEST(UsbFlashDevice, HasNoUsbDeviceInTheLastRecordWhenNoneIsFound) {
+    WithMachine("", [] {
+        const auto disk = MakeDevice("/dev/sda", "/dev/sg0", "ahci", 1);
+        const auto drive = MakeDevice("/dev/sr0", "/dev/sg1", "IEEE-1394", 2);
+        const Found found = Enumerate(Dev_GetUSBFlashDevice);
+        ASSERT_EQ(2, found.count);
+        EXPECT_NE(DEV_BUS_USB, found.devs[1].busType);
+    });
+}
+
+TEST(UsbFlashDevice, AcceptsReadyDisksAndEveryDrive) {
     WithMachine("", [] {
         const auto disk = MakeDevice("/dev/sda", "/dev/sg0", kUsbHost, 1);
         const auto drive = MakeDevice("/dev/sr0", "/dev/sg1", "IEEE-1394", 2);
@@ -526,7 +518,7 @@ TEST(UsbFlashDevice, TakesReadyDisksAndEveryDrive) {
     });
 }
 
-TEST(BuildSgMap, GivesEachGenericNodeARow) {
+TEST(BuildSgMap, HasARowForEachGenericNode) {
     WithMachine("", [] {
         const auto first = MakeDevice("/dev/sda", "/dev/sg0", "", 4);
         const auto last = MakeDevice("/dev/sdb", "/dev/sg31", "", 5);
@@ -536,7 +528,7 @@ TEST(BuildSgMap, GivesEachGenericNodeARow) {
         memset(map, 0x5A, sizeof map);
         EXPECT_EQ(Lines{"DEV:Dev_ExecMMC(): ((/dev/sg31) TEST UNIT READY) Fail"}, [&] {
             Lines lines = CaptureLog([&] { EXPECT_EQ(1, Dev_BuildSgMap(map)); });
-            EXPECT_EQ(3u, lines.size());  // one for each try
+            EXPECT_EQ(3u, lines.size());  // one for each attempt
             lines.resize(1);
             return lines;
         }());
@@ -591,7 +583,7 @@ TEST(BuildSgMap, KeepsNumbersWhenSg0FailsOtherwise) {
     });
 }
 
-TEST(BuildSgMap, LeavesARowUnusedThatCannotBeAsked) {
+TEST(BuildSgMap, LeavesTheRowOfANodeThatCannotBeQueriedUnused) {
     WithMachine("", [] {
         SimulatedDrive noBus{{"/dev/sg0"}};
         noBus.busNumberError = EIO;

@@ -1,6 +1,7 @@
 #include "dev/file_system.h"
 
 #include <gtest/gtest.h>
+#include <linux/magic.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mount.h>
@@ -24,8 +25,8 @@ using namespace talvek::test;
 constexpr const char *kTools[] = {"mkfs.xfs", "xfs_db", "xfs_repair", "mke2fs",
                                   "tune2fs",  "e2fsck", "mkfs.vfat",  "dosfsck"};
 
-// Runs `body` in a world with this /proc/filesystems and a /sbin that holds files of these names
-// and modes. The table is not initialised there yet.
+// Runs `body` in a world with this /proc/filesystems and a /sbin that has all tools with this mode.
+// The table is not initialised yet.
 void WithKernel(const std::string &fileSystems, mode_t toolMode,
                 const std::function<void()> &body) {
     RunInPrivateWorld(kMounts, [&] {
@@ -94,7 +95,28 @@ const std::vector<ExpectedRow> kExpected = {
     {"tmpfs", 0x01, 0x400, nullptr, {}},
 };
 
-TEST(FsTable, HoldsElevenRows) {
+// The values that other programs are compiled with.
+static_assert(DEV_FS_XFS == 0 && DEV_FS_EXT4 == 1 && DEV_FS_EXT3 == 2 && DEV_FS_EXT2 == 3 &&
+              DEV_FS_VFAT == 4 && DEV_FS_FAT == 5 && DEV_FS_JFFS2 == 6 && DEV_FS_ISO9660 == 7 &&
+              DEV_FS_SMBFS == 8 && DEV_FS_NFS == 9 && DEV_FS_TMPFS == 10 && DEV_FS_DETECT == 11);
+static_assert(DEV_FS_CAP_MAKE == 1 && DEV_FS_CAP_LABEL == 2 && DEV_FS_CAP_CHECK == 3 &&
+              DEV_FS_CAP_MARK == 4);
+static_assert(DEV_FS_IS_UNMARKED == 0 && DEV_FS_IS_MARKED == 1);
+
+TEST(FsTypes, AreThoseOfTheKernel) {
+    EXPECT_EQ(XFS_SUPER_MAGIC, DEV_FS_TYPE_XFS);
+    EXPECT_EQ(EXT2_SUPER_MAGIC, DEV_FS_TYPE_EXT);
+    EXPECT_EQ(EXT3_SUPER_MAGIC, DEV_FS_TYPE_EXT);
+    EXPECT_EQ(EXT4_SUPER_MAGIC, DEV_FS_TYPE_EXT);
+    EXPECT_EQ(MSDOS_SUPER_MAGIC, DEV_FS_TYPE_FAT);
+    EXPECT_EQ(JFFS2_SUPER_MAGIC, DEV_FS_TYPE_JFFS2);
+    EXPECT_EQ(ISOFS_SUPER_MAGIC, DEV_FS_TYPE_ISO9660);
+    EXPECT_EQ(SMB_SUPER_MAGIC, DEV_FS_TYPE_SMBFS);
+    EXPECT_EQ(NFS_SUPER_MAGIC, DEV_FS_TYPE_NFS);
+    EXPECT_EQ(TMPFS_MAGIC, DEV_FS_TYPE_TMPFS);
+}
+
+TEST(FsTable, HasElevenRows) {
     ASSERT_EQ(11u, kExpected.size());
     ASSERT_EQ(11, DEV_FS_COUNT);
     for (uint32_t i = 0; i < DEV_FS_COUNT; ++i) {
@@ -143,7 +165,7 @@ TEST(InitFsArray, DisablesWhatTheKernelDoesNotKnow) {
         const Lines lines = CaptureLog(Dev_InitFsArray);
         ASSERT_EQ(11u, lines.size());
         for (uint32_t i = 0; i < DEV_FS_COUNT; ++i) {
-            const bool known = i == 1 || i == 10;
+            const bool known = i == DEV_FS_EXT4 || i == DEV_FS_TMPFS;
             EXPECT_EQ(known, lines[i].find("Enable") != std::string::npos) << lines[i];
             EXPECT_EQ(!known, lines[i].ends_with(" - Disable[0x0000]")) << lines[i];
             EXPECT_EQ(known, talvek::FsCaps(i) != 0);
@@ -151,50 +173,50 @@ TEST(InitFsArray, DisablesWhatTheKernelDoesNotKnow) {
     });
 }
 
-// The name counts behind a tab only, and as the beginning of the kernel's name.
-TEST(InitFsArray, LooksForTheNameBehindATab) {
+// The name must follow a tab, and it may be the beginning of a longer name.
+TEST(InitFsArray, LooksForTheNameAfterATab) {
     WithKernel("ext4\nnodev xfs\n\tvfat\nnodev\tnfsd\n", 0755, [] {
         CaptureLog(Dev_InitFsArray);
-        EXPECT_EQ(0u, talvek::FsCaps(0));
-        EXPECT_EQ(0u, talvek::FsCaps(1));
-        EXPECT_EQ(0x0Bu, talvek::FsCaps(4));
-        EXPECT_EQ(0u, talvek::FsCaps(5));
-        EXPECT_EQ(0x01u, talvek::FsCaps(9));
+        EXPECT_EQ(0u, talvek::FsCaps(DEV_FS_XFS));
+        EXPECT_EQ(0u, talvek::FsCaps(DEV_FS_EXT4));
+        EXPECT_EQ(0x0Bu, talvek::FsCaps(DEV_FS_VFAT));
+        EXPECT_EQ(0u, talvek::FsCaps(DEV_FS_FAT));
+        EXPECT_EQ(0x01u, talvek::FsCaps(DEV_FS_NFS));
     });
 }
 
-TEST(InitFsArray, CountsAToolThatItsOwnerMayExecute) {
-    // 0677 gives everybody but the owner the right to execute.
+TEST(InitFsArray, NeedsToolsThatTheirOwnerMayExecute) {
+    // With 0677 everybody but the owner may execute the tool.
     for (const auto &[mode, caps] :
          std::vector<std::pair<mode_t, uint32_t>>{{0100, 0x1F}, {0700, 0x1F}, {0677, 0x11}}) {
         WithKernel("\txfs\n", mode, [caps = caps] {
             CaptureLog(Dev_InitFsArray);
-            EXPECT_EQ(caps, talvek::FsCaps(0));
+            EXPECT_EQ(caps, talvek::FsCaps(DEV_FS_XFS));
         });
     }
     WithKernel("\txfs\n\text2\n", 0755, [] {
         ASSERT_EQ(0, unlink("/sbin/xfs_db"));
         ASSERT_EQ(0, unlink("/sbin/mke2fs"));
         CaptureLog(Dev_InitFsArray);
-        EXPECT_EQ(0x1Bu, talvek::FsCaps(0));
-        EXPECT_EQ(0x0Du, talvek::FsCaps(3));
+        EXPECT_EQ(0x1Bu, talvek::FsCaps(DEV_FS_XFS));
+        EXPECT_EQ(0x0Du, talvek::FsCaps(DEV_FS_EXT2));
     });
 }
 
-TEST(InitFsArray, FindsOutAnew) {
+TEST(InitFsArray, ReplacesTheMasks) {
     WithKernel("", 0755, [] {
         CaptureLog(Dev_InitFsArray);
-        EXPECT_EQ(0u, talvek::FsCaps(0));
+        EXPECT_EQ(0u, talvek::FsCaps(DEV_FS_XFS));
         WriteFile("/proc/filesystems", kAll);
         CaptureLog(Dev_InitFsArray);
-        EXPECT_EQ(0x1Fu, talvek::FsCaps(0));
+        EXPECT_EQ(0x1Fu, talvek::FsCaps(DEV_FS_XFS));
         ASSERT_EQ(0, unlink("/sbin/xfs_repair"));
         CaptureLog(Dev_InitFsArray);
-        EXPECT_EQ(0x17u, talvek::FsCaps(0));
+        EXPECT_EQ(0x17u, talvek::FsCaps(DEV_FS_XFS));
     });
 }
 
-TEST(InitFsArray, DisablesAllWhenNothingCanBeLookedUp) {
+TEST(InitFsArray, DisablesAllRowsWhenTheLookUpFails) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
         WriteFile("/proc/filesystems", kAll);
@@ -208,47 +230,50 @@ TEST(InitFsArray, DisablesAllWhenNothingCanBeLookedUp) {
     });
 }
 
-TEST(FsTable, IsInitialisedOnceByTheFirstThatNeedsIt) {
+TEST(FsTable, IsInitialisedOnceByTheFirstEntryThatNeedsIt) {
     WithKernel(kAll, 0755, [] {
-        EXPECT_EQ(11u, CaptureLog([] { EXPECT_EQ(0, Dev_FsCheckFlag("xfs", 1)); }).size());
+        EXPECT_EQ(
+            11u, CaptureLog([] { EXPECT_EQ(0, Dev_FsCheckFlag("xfs", DEV_FS_IS_MARKED)); }).size());
         EXPECT_EQ(Lines{}, CaptureLog([] {
-                      EXPECT_EQ(0, Dev_FsCheckFlag("ext4", 1));
-                      EXPECT_NE(nullptr, Dev_GetFsTool("ext4", 1));
-                      EXPECT_NE(nullptr, Dev_GetFsToolByIndex(1, 1));
+                      EXPECT_EQ(0, Dev_FsCheckFlag("ext4", DEV_FS_IS_MARKED));
+                      EXPECT_NE(nullptr, Dev_GetFsTool("ext4", DEV_FS_CAP_MAKE));
+                      EXPECT_NE(nullptr, Dev_GetFsToolByIndex(DEV_FS_EXT4, DEV_FS_CAP_MAKE));
                   }));
     });
-    WithKernel(kAll, 0755,
-               [] { EXPECT_EQ(11u, CaptureLog([] { Dev_GetFsToolByIndex(0, 1); }).size()); });
+    WithKernel(kAll, 0755, [] {
+        EXPECT_EQ(11u,
+                  CaptureLog([] { Dev_GetFsToolByIndex(DEV_FS_XFS, DEV_FS_CAP_MAKE); }).size());
+    });
     WithKernel(kAll, 0755, [] {
         EXPECT_EQ(11u, CaptureLog([] {
                            Dev_InitFsArray();
-                           Dev_GetFsTool("xfs", 1);
+                           Dev_GetFsTool("xfs", DEV_FS_CAP_MAKE);
                        }).size());
     });
 }
 
 TEST(FsTable, IsInitialisedOnceByManyThreads) {
     WithKernel(kAll, 0755, [] {
-        EXPECT_EQ(11u,
-                  CaptureLog([] {
-                      std::vector<std::thread> threads;
-                      for (int i = 0; i < 8; ++i) {
-                          threads.emplace_back([] { EXPECT_EQ(0, Dev_FsCheckFlag("xfs", 1)); });
-                      }
-                      for (std::thread &thread : threads) {
-                          thread.join();
-                      }
-                  }).size());
+        EXPECT_EQ(11u, CaptureLog([] {
+                           std::vector<std::thread> threads;
+                           for (int i = 0; i < 8; ++i) {
+                               threads.emplace_back(
+                                   [] { EXPECT_EQ(0, Dev_FsCheckFlag("xfs", DEV_FS_IS_MARKED)); });
+                           }
+                           for (std::thread &thread : threads) {
+                               thread.join();
+                           }
+                       }).size());
     });
 }
 
-TEST(FsCheckFlag, TellsTheMark) {
+TEST(FsCheckFlag, ReportsTheMark) {
     WithKernel(kAll, 0755, [] {
         CaptureLog(Dev_InitFsArray);
         for (const ExpectedRow &row : kExpected) {
             const bool marked = (row.initialCaps & 0x10) != 0;
-            EXPECT_EQ(marked ? -1 : 0, Dev_FsCheckFlag(row.name, 0)) << row.name;
-            EXPECT_EQ(marked ? 0 : -1, Dev_FsCheckFlag(row.name, 1)) << row.name;
+            EXPECT_EQ(marked ? -1 : 0, Dev_FsCheckFlag(row.name, DEV_FS_IS_UNMARKED)) << row.name;
+            EXPECT_EQ(marked ? 0 : -1, Dev_FsCheckFlag(row.name, DEV_FS_IS_MARKED)) << row.name;
             for (const int mode : {-1, 2, 100}) {
                 EXPECT_EQ(0, Dev_FsCheckFlag(row.name, mode)) << row.name;
             }
@@ -260,7 +285,7 @@ TEST(FsCheckFlag, RefusesUnknownAndDisabledNames) {
     WithKernel("\text4\n", 0755, [] {
         CaptureLog(Dev_InitFsArray);
         for (const char *pName : {"xfs", "tmpfs", "EXT4", "ext", "ext44", ""}) {
-            for (const int mode : {0, 1, 2}) {
+            for (const int mode : {int{DEV_FS_IS_UNMARKED}, int{DEV_FS_IS_MARKED}, 2}) {
                 EXPECT_EQ(-1, Dev_FsCheckFlag(pName, mode)) << pName;
             }
         }
@@ -269,7 +294,7 @@ TEST(FsCheckFlag, RefusesUnknownAndDisabledNames) {
     });
 }
 
-TEST(GetFsTool, GivesTheSlotOfEachCapability) {
+TEST(GetFsTool, ReturnsTheSlotOfEachCapability) {
     WithKernel(kAll, 0755, [] {
         CaptureLog(Dev_InitFsArray);
         for (uint32_t i = 0; i < DEV_FS_COUNT; ++i) {
@@ -289,34 +314,31 @@ TEST(GetFsTool, GivesTheSlotOfEachCapability) {
                 }
             }
         }
-        EXPECT_EQ(nullptr, Dev_GetFsTool("ntfs", 1));
-        EXPECT_EQ(nullptr, Dev_GetFsTool(nullptr, 1));
-        EXPECT_EQ(nullptr, Dev_GetFsToolByIndex(11, 1));
-        EXPECT_EQ(nullptr, Dev_GetFsToolByIndex(0xFFFFFFFF, 1));
+        EXPECT_EQ(nullptr, Dev_GetFsTool("ntfs", DEV_FS_CAP_MAKE));
+        EXPECT_EQ(nullptr, Dev_GetFsTool(nullptr, DEV_FS_CAP_MAKE));
+        EXPECT_EQ(nullptr, Dev_GetFsToolByIndex(DEV_FS_DETECT, DEV_FS_CAP_MAKE));
+        EXPECT_EQ(nullptr, Dev_GetFsToolByIndex(0xFFFFFFFF, DEV_FS_CAP_MAKE));
     });
 }
 
-TEST(GetFsTool, GivesNothingWithoutTheCapability) {
+TEST(GetFsTool, ReturnsNullWithoutTheCapability) {
     WithKernel("\txfs\n", 0755, [] {
         ASSERT_EQ(0, unlink("/sbin/xfs_db"));
         CaptureLog(Dev_InitFsArray);
-        EXPECT_NE(nullptr, Dev_GetFsTool("xfs", 1));
-        EXPECT_EQ(nullptr, Dev_GetFsTool("xfs", 2));
-        EXPECT_NE(nullptr, Dev_GetFsTool("xfs", 3));
-        EXPECT_EQ(nullptr, Dev_GetFsTool("ext4", 1));
+        EXPECT_NE(nullptr, Dev_GetFsTool("xfs", DEV_FS_CAP_MAKE));
+        EXPECT_EQ(nullptr, Dev_GetFsTool("xfs", DEV_FS_CAP_LABEL));
+        EXPECT_NE(nullptr, Dev_GetFsTool("xfs", DEV_FS_CAP_CHECK));
+        EXPECT_EQ(nullptr, Dev_GetFsTool("ext4", DEV_FS_CAP_MAKE));
     });
 }
 
-// The kernel's own list, as it is here: what it names after a tab is enabled.
 TEST(InitFsArray, AgreesWithThisKernel) {
+    if (access("/proc/filesystems", W_OK) != 0) {
+        GTEST_SKIP() << "only root may open the list for writing, as the look-up does";
+    }
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         const std::string list = ReadFile("/proc/filesystems");
-        if (FILE *pFile = fopen("/proc/filesystems", "r+"); pFile != nullptr) {
-            fclose(pFile);
-        } else {
-            return;  // only root may open it for writing, which the look-up does
-        }
         CaptureLog(Dev_InitFsArray);
         for (uint32_t i = 0; i < DEV_FS_COUNT; ++i) {
             const bool known =

@@ -69,9 +69,9 @@ constexpr const char *kMountLines =
     "/dev/sdb /mnt/disk ext2 ro 0 0\n"
     "/dev/sdd1 /mnt/one vfat rw 0 0\n";
 
-TEST(nGetMPT, WithoutLengthTakesTheFirstDeviceThatBeginsWithTheName) {
+TEST(nGetMPT, WithPrefixFindsTheFirstDeviceThatBeginsWithTheName) {
     WithMounts(kMountLines, [] {
-        EXPECT_EQ("/mnt/ten", MountPointOf("/dev/sda", 0));
+        EXPECT_EQ("/mnt/ten", MountPointOf("/dev/sda", DEV_MPT_PREFIX));
         EXPECT_EQ("/mnt/ten", MountPointOf("/dev/sda1", 0));
         EXPECT_EQ("/mnt/disk", MountPointOf("/dev/sdb", 0));
         EXPECT_EQ("-1", MountPointOf("/dev/sdb1", 0));
@@ -79,22 +79,22 @@ TEST(nGetMPT, WithoutLengthTakesTheFirstDeviceThatBeginsWithTheName) {
     });
 }
 
-TEST(nGetMPT, WithLengthTakesADeviceNoLongerThanIt) {
+TEST(nGetMPT, WithALengthFindsADeviceNoLongerThanIt) {
     WithMounts(kMountLines, [] {
         EXPECT_EQ("/mnt/one", MountPointOf("/dev/sda1", 9));
         EXPECT_EQ("/mnt/ten", MountPointOf("/dev/sda10", 10));
         EXPECT_EQ("-1", MountPointOf("/dev/sda", 8));
         EXPECT_EQ("/mnt/disk", MountPointOf("/dev/sdb", 8));
-        // One below and one above the name's own length.
+        // One below and one above the length of the name.
         EXPECT_EQ("-1", MountPointOf("/dev/sdb", 7));
         EXPECT_EQ("/mnt/disk", MountPointOf("/dev/sdb", 9));
-        // Only the first n characters of the name count.
+        // Only the first n characters of the name are compared.
         EXPECT_EQ("/mnt/disk", MountPointOf("/dev/sdb77", 8));
         EXPECT_EQ("/mnt/one", MountPointOf("/dev/sda1", 4000000000u));
     });
 }
 
-TEST(GetMPT, IsTheLookUpWithoutLength) {
+TEST(GetMPT, FindsByPrefix) {
     WithMounts(kMountLines, [] {
         char out[DEV_MOUNT_TEXT_SIZE] = "";
         EXPECT_EQ(0, Dev_GetMPT("/dev/sda", out));
@@ -118,7 +118,7 @@ TEST(nGetMPT, RefusesNullPointers) {
     EXPECT_EQ("DEV:Dev_GetMPT(): ((nil), (nil), 0) : Null ptr", lines[2]);
 }
 
-TEST(GetDevViaMount, TakesTheLastMountOnTheDirectory) {
+TEST(GetDevViaMount, FindsTheLastMountOnTheDirectory) {
     WithMounts(kMountLines, [] {
         EXPECT_EQ("/dev/sdd1", DeviceOf("/mnt/one"));
         EXPECT_EQ("/dev/sdc2", DeviceOf("/"));
@@ -139,7 +139,7 @@ TEST(GetDevViaMount, RefusesNullPointers) {
     EXPECT_EQ("DEV:Dev_GetDevViaMount(): ((nil), (nil)) : Null ptr", lines[0]);
 }
 
-TEST(GetEntryViaMtab, GivesTheWholeEntry) {
+TEST(GetEntryViaMtab, ReturnsTheWholeEntry) {
     WithMounts(
         "/dev/sda1 /mnt xfs rw 0 0\n"
         "srv:/a/b /mnt nfs rw,vers=3,addr=10.0.0.1,mountport=635 0 0\n"
@@ -195,9 +195,10 @@ TEST(MountTable, LogsAMissingFile) {
     });
 }
 
-// proc(5): blank, tab, newline and backslash stand as \040 \011 \012 \134; newer kernels write '#'
-// as \043 too.
-TEST(MountTable, TakesAndGivesNamesWithoutEscapes) {
+// proc(5): blank, tab, newline and backslash are written as \040 \011 \012 \134; newer kernels
+// write
+// '#' as \043 too.
+TEST(MountTable, AcceptsAndReturnsNamesWithoutEscapes) {
     WithMounts(
         "/dev/my\\040disk /mnt/a\\040b\\011c\\012d\\134e\\043f ext4 rw 0 0\n"
         "/dev/sdb \\134\\13\\9400\\400\\ ext4 rw 0 0\n",
@@ -208,12 +209,12 @@ TEST(MountTable, TakesAndGivesNamesWithoutEscapes) {
             tMountEntry entry;
             ASSERT_EQ(0, Dev_GetEntryViaMtab("/mnt/a b\tc\nd\\e#f", &entry));
             EXPECT_STREQ("/dev/my disk", entry.device);
-            // What is no escape of three octal digits of one byte stays as it is.
+            // Other backslashes are unchanged.
             EXPECT_EQ("\\\\13\\9400\\400\\", MountPointOf("/dev/sdb", 8));
         });
 }
 
-TEST(MountTable, GivesWhatTheKernelHasMounted) {
+TEST(MountTable, FindsARealMount) {
     RunInPrivateWorld(World::kMounts, [] {
         MountTmpfs("/var");
         const std::string dir = "/var/a b\\c";
@@ -228,7 +229,7 @@ TEST(MountTable, GivesWhatTheKernelHasMounted) {
 }
 
 // 256 bytes hold 255 characters and the NUL.
-TEST(MountTable, CutsAMountPointToItsBufferAndWarns) {
+TEST(MountTable, CutsAMountPointToItsBufferWithAWarning) {
     for (const size_t length : {254, 255, 256, 300, 5000}) {
         const std::string dir = "/" + std::string(length - 1, 'm');
         WithMounts("/dev/sda1 " + dir + " ext4 rw 0 0\n", [&] {
@@ -246,7 +247,7 @@ TEST(MountTable, CutsAMountPointToItsBufferAndWarns) {
     }
 }
 
-TEST(MountTable, CutsADeviceToItsBufferAndWarns) {
+TEST(MountTable, CutsADeviceToItsBufferWithAWarning) {
     for (const size_t length : {254, 255, 256}) {
         const std::string dev = std::string(length - 2, 'd') + ":/";
         WithMounts(dev + " /mnt nfs rw 0 0\n", [&] {
@@ -258,9 +259,9 @@ TEST(MountTable, CutsADeviceToItsBufferAndWarns) {
     }
 }
 
-// The entry of an NFS mount is longer than 256 characters as soon as its names are; the server's
-// address at its end must not be lost, nor the end be taken for a line of its own.
-TEST(MountTable, TakesALongLineWhole) {
+// The line of an NFS mount with long names has more than 256 characters and the server's address at
+// its end.
+TEST(MountTable, ReadsALongLineWhole) {
     const std::string options = "rw," + std::string(400, 'o') + ",addr=10.0.0.1";
     const std::string decoy = "rw,x" + std::string(300, 'y');
     WithMounts("srv:/a /mnt nfs " + options + " 0 0\n/dev/sdb1 /mnt/b ext4 " + decoy +
@@ -273,7 +274,7 @@ TEST(MountTable, TakesALongLineWhole) {
                });
 }
 
-TEST(MountTable, CutsTypeAndOptionsAndWarns) {
+TEST(MountTable, CutsTypeAndOptionsWithAWarning) {
     const std::string type(64, 't');
     const std::string options(1024, 'o');
     WithMounts("/dev/sda1 /mnt " + type + " " + options + " 0 0\n/dev/sdb1 /b " + type.substr(1) +
@@ -293,7 +294,7 @@ TEST(MountTable, CutsTypeAndOptionsAndWarns) {
                });
 }
 
-TEST(MountTable, LivesWithEveryTruncatedLength) {
+TEST(MountTable, AcceptsALineOfEveryLength) {
     const std::string whole = "/dev/sda1 /mnt/\\040x ext4 rw,noatime 0 0";
     for (size_t length = 0; length <= whole.size(); ++length) {
         WithMounts(whole.substr(0, length), [&] {
@@ -310,7 +311,7 @@ TEST(MountTable, LivesWithEveryTruncatedLength) {
     }
 }
 
-// As the kernel writes it: a heading, a blank line, numbers with blanks before them.
+// In the kernel's form: a heading, an empty line, numbers aligned with blanks.
 constexpr const char *kPartitions =
     "major minor  #blocks  name\n"
     "\n"
@@ -320,7 +321,7 @@ constexpr const char *kPartitions =
     " 259        0   15558144 mmcblk0p1\n"
     "   7        0        400 loop0\n";
 
-TEST(CheckPartition, ConfirmsTheLastComponentOfAName) {
+TEST(CheckPartition, FindsTheLastComponentOfAName) {
     WithProc("", kPartitions, [] {
         for (const char *pName : {"/dev/sda", "sda", "sda1", "/dev/sda1", "//x/y/sdb", "mmcblk0p1",
                                   "/dev/loop0", "/sda"}) {
@@ -329,7 +330,7 @@ TEST(CheckPartition, ConfirmsTheLastComponentOfAName) {
     });
 }
 
-TEST(CheckPartition, RefusesWhatIsNotListed) {
+TEST(CheckPartition, DoesNotFindOtherNames) {
     WithProc("", kPartitions, [] {
         EXPECT_EQ(
             Lines{}, CaptureLog([] {
@@ -347,7 +348,7 @@ TEST(CheckPartition, FindsANameAtEveryPlaceOfALongList) {
     for (int i = 0; i < 1000; ++i) {
         list += " 259 " + std::to_string(i) + " 1024 disk" + std::to_string(i) + "\n";
     }
-    list += "8 0 1 last";  // no newline behind it
+    list += "8 0 1 last";  // without a newline
     WithProc("", list, [] {
         for (int i = 0; i < 1000; ++i) {
             EXPECT_EQ(0, Dev_CheckPartition(("/dev/disk" + std::to_string(i)).c_str())) << i;
@@ -358,12 +359,12 @@ TEST(CheckPartition, FindsANameAtEveryPlaceOfALongList) {
     });
 }
 
-TEST(CheckPartition, EndsOnTextWithoutLines) {
+TEST(CheckPartition, AcceptsTextWithoutLines) {
     WithProc("", std::string(20000, 'x'), [] { EXPECT_EQ(-1, Dev_CheckPartition("sda")); });
     WithProc("", std::string(20000, '\n'), [] { EXPECT_EQ(-1, Dev_CheckPartition("sda")); });
 }
 
-TEST(CheckPartition, AgreesWithTheKernelsOwnFile) {
+TEST(CheckPartition, AgreesWithTheFileOfThisKernel) {
     const std::string real = ReadFile("/proc/partitions");
     std::istringstream in{real};
     std::string major, minor, blocks, name;

@@ -21,36 +21,38 @@ namespace {
 using namespace talvek::test;
 
 std::string NameOf(unsigned k, int numeric) {
-    CanaryBuf name{12};
+    CanaryBuf name{DEV_INFO_PATH_SIZE};
     Dev_MakeDevName(name.text(), k, numeric);
     EXPECT_TRUE(name.Intact());
     return name.text();
 }
 
-TEST(MakeDevName, NumbersNodes) {
-    EXPECT_EQ("/dev/sg0", NameOf(0, 1));
-    EXPECT_EQ("/dev/sg9", NameOf(9, 1));
-    EXPECT_EQ("/dev/sg26", NameOf(26, 1));
+static_assert(DEV_SG_LETTERS == 0 && DEV_SG_NUMBERS == 1 && DEV_NODE_NAME_SIZE == 256);
+
+TEST(MakeDevName, WritesNumbers) {
+    EXPECT_EQ("/dev/sg0", NameOf(0, DEV_SG_NUMBERS));
+    EXPECT_EQ("/dev/sg9", NameOf(9, DEV_SG_NUMBERS));
+    EXPECT_EQ("/dev/sg26", NameOf(26, DEV_SG_NUMBERS));
     EXPECT_EQ("/dev/sg31", NameOf(31, -1));
-    EXPECT_EQ("/dev/sg9999", NameOf(9999, 1));
-    EXPECT_EQ("/dev/sg1000", NameOf(10000, 1));  // cut to 11 characters
+    EXPECT_EQ("/dev/sg9999", NameOf(9999, DEV_SG_NUMBERS));
+    EXPECT_EQ("/dev/sg1000", NameOf(10000, DEV_SG_NUMBERS));  // cut to 11 characters
 }
 
-TEST(MakeDevName, LettersNodesUpTo26) {
+TEST(MakeDevName, WritesLettersUpToZ) {
     EXPECT_EQ(Lines{}, CaptureLog([] {
-                  EXPECT_EQ("/dev/sga", NameOf(0, 0));
-                  EXPECT_EQ("/dev/sgz", NameOf(25, 0));
+                  EXPECT_EQ("/dev/sga", NameOf(0, DEV_SG_LETTERS));
+                  EXPECT_EQ("/dev/sgz", NameOf(25, DEV_SG_LETTERS));
               }));
     EXPECT_EQ((Lines{"DEV:Dev_MakeDevName(): k = 26, out of range",
                      "DEV:Dev_MakeDevName(): k = 4000, out of range"}),
               CaptureLog([] {
-                  EXPECT_EQ("/dev/sgxx", NameOf(26, 0));
-                  EXPECT_EQ("/dev/sgxx", NameOf(4000, 0));
-                  Dev_MakeDevName(nullptr, 1, 1);
+                  EXPECT_EQ("/dev/sgxx", NameOf(26, DEV_SG_LETTERS));
+                  EXPECT_EQ("/dev/sgxx", NameOf(4000, DEV_SG_LETTERS));
+                  Dev_MakeDevName(nullptr, 1, DEV_SG_NUMBERS);
               }));
 }
 
-// Three devices: a disk, a drive and one that only has a generic node.
+// Three devices: a disk, a drive, and one with a generic node only.
 class Pairs : public ::testing::Test {
   protected:
     Pairs() {
@@ -81,7 +83,7 @@ std::string ToSg(const char *pSdPath, size_t size = DEV_NODE_NAME_SIZE) {
     return result == 0 ? out.text() : std::to_string(result);
 }
 
-TEST_F(Pairs, TranslateBothWays) {
+TEST_F(Pairs, AreTranslatedBothWays) {
     EXPECT_EQ(Lines{}, CaptureLog([] {
                   EXPECT_EQ("/dev/sdc", ToSd("/dev/sg0"));
                   EXPECT_EQ("/dev/sr11", ToSd("/dev/sg31"));
@@ -91,20 +93,20 @@ TEST_F(Pairs, TranslateBothWays) {
               }));
 }
 
-TEST_F(Pairs, FindNoneForADeviceWithoutGenericNode) {
+TEST_F(Pairs, DoNotExistForADeviceWithoutGenericNode) {
     SimulatedDrive lone{{"/dev/sda"}};
     lone.host = 77;
     EXPECT_EQ(Lines{}, CaptureLog([] { EXPECT_EQ("-1", ToSg("/dev/sda")); }));
 }
 
-TEST_F(Pairs, TakeTheFirstNodeOfADevice) {
+TEST_F(Pairs, HaveTheFirstNodeOfTheDevice) {
     SimulatedDrive tape{{"/dev/nosst2", "/dev/sg9", "/dev/nst2", "/dev/sg8"}};
     tape.host = 88;
     EXPECT_EQ("/dev/nst2", ToSd("/dev/sg9"));
     EXPECT_EQ("/dev/sg8", ToSg("/dev/nosst2"));
 }
 
-TEST_F(Pairs, LogWhatCannotBeAsked) {
+TEST_F(Pairs, LogNodesThatCannotBeQueried) {
     SimulatedDrive noBus{{"/dev/sg1", "/dev/sda"}};
     noBus.busNumberError = EIO;
     SimulatedDrive noIdlun{{"/dev/sg2", "/dev/sdb"}};
@@ -119,7 +121,7 @@ TEST_F(Pairs, LogWhatCannotBeAsked) {
                   EXPECT_EQ("-1", ToSd("/dev/sg2"));
                   EXPECT_EQ("-1", ToSd("/dev/sg3"));
               }));
-    // Nodes on the way are passed over.
+    // Other nodes that fail are skipped.
     EXPECT_EQ((Lines{
                   "DEV:Dev_SgToSd(): get bus No. on /dev/sda failed : Input/output error",
                   "DEV:Dev_SgToSd(): get IDLUN on /dev/sdb failed : No such device",
@@ -140,12 +142,12 @@ TEST_F(Pairs, LogWhatCannotBeAsked) {
               }));
 }
 
-TEST(Naming, TranslatesToLetters) {
+TEST(Naming, TranslatesToLettersWithoutSg0) {
     const SimulatedDrive disk{{"/dev/sda", "/dev/sgb"}};
     CaptureLog([] { EXPECT_EQ("/dev/sgb", ToSg("/dev/sda")); });
 }
 
-TEST_F(Pairs, CutANameToItsBufferAndWarn) {
+TEST_F(Pairs, AreCutToTheBufferWithAWarning) {
     EXPECT_EQ(Lines{}, CaptureLog([] { EXPECT_EQ("/dev/sdc", ToSd("/dev/sg0", 9)); }));
     EXPECT_EQ(Lines{"DEV:Dev_SgToSd(): Warning! overflow (len, size) = (8, 8)"},
               CaptureLog([] { EXPECT_EQ("/dev/sd", ToSd("/dev/sg0", 8)); }));
@@ -183,7 +185,7 @@ struct PairCase {
 // Linux Documentation/admin-guide/devices.txt: majors 8, 65 to 71 and 128 to 135 hold 16 SCSI
 // disks each, with 16 minor numbers a disk, the first for the disk and the others for its
 // partitions; 7 holds loop devices, 11 SCSI CD-ROMs.
-TEST(ConvertMajorMinor, NamesByTheNumbers) {
+TEST(ConvertMajorMinor, NamesDisksDrivesAndLoopDevicesByNumber) {
     constexpr PairCase kCases[] = {
         {8, 0, "/dev/sda"},       {8, 1, "/dev/sda1"},
         {8, 15, "/dev/sda15"},    {8, 16, "/dev/sdb"},
@@ -204,7 +206,7 @@ TEST(ConvertMajorMinor, NamesByTheNumbers) {
               }));
 }
 
-TEST(ConvertMajorMinor, NamesOthersAsTheKernelDoes) {
+TEST(ConvertMajorMinor, NamesOtherDevicesAsTheKernelDoes) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/sys");
         ASSERT_TRUE(std::filesystem::create_directories("/sys/dev/block"));
@@ -260,7 +262,7 @@ TEST(ConvertMajorMinor, LogsInvalidPairs) {
     CaptureLog([] { EXPECT_EQ(-1, Dev_ConvertMajorMinor(8, 0, nullptr, 10)); });
 }
 
-TEST(ConvertMajorMinor, CutsANameToItsBufferAndWarns) {
+TEST(ConvertMajorMinor, CutsANameToItsBufferWithAWarning) {
     EXPECT_EQ(Lines{}, CaptureLog([] { EXPECT_EQ("/dev/sda", NameOfPair(8, 0, 9)); }));
     EXPECT_EQ(Lines{"DEV:Dev_ConvertMajorMinor(): Warning! overflow (len, size) = (8, 8)"},
               CaptureLog([] { EXPECT_EQ("/dev/sd", NameOfPair(8, 0, 8)); }));

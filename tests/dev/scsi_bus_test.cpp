@@ -21,7 +21,7 @@ using namespace talvek::test;
 
 const std::string kHosts = "/sys/class/scsi_host/";
 
-// Runs `body` with an empty /sys of its own: the machine's hosts are out of reach.
+// Runs `body` with an empty /sys of its own.
 void WithHosts(const std::function<void()> &body) {
     RunInPrivateWorld(kMounts, [&body] {
         ReplaceDir("/sys");
@@ -29,12 +29,12 @@ void WithHosts(const std::function<void()> &body) {
     });
 }
 
-TEST(RescanScsiBus, AsksEveryHostForEverything) {
+TEST(RescanScsiBus, MakesEveryHostScanEverything) {
     WithHosts([] {
         for (const char *pHost : {"host0", "host1", "host12"}) {
             WriteFile(kHosts + pHost + "/scan", "");
         }
-        // A host's entry is a link into the tree of devices.
+        // In /sys a host is a link into the tree of devices.
         WriteFile("/sys/devices/pci0000:00/host7/scsi_host/host7/scan", "");
         ASSERT_EQ(0, symlink("../../devices/pci0000:00/host7/scsi_host/host7",
                              (kHosts + "host7").c_str()));
@@ -45,13 +45,13 @@ TEST(RescanScsiBus, AsksEveryHostForEverything) {
     });
 }
 
-TEST(RescanScsiBus, AsksTheOthersWhenAHostCannotBeAsked) {
+TEST(RescanScsiBus, ContinuesAfterAHostThatFails) {
     WithHosts([] {
         WriteFile(kHosts + "host0/scan", "");
         WriteFile(kHosts + "host1/state", "running\n");
         WriteFile(kHosts + "host3/scan", "");
         std::filesystem::create_directories(kHosts + "host2");
-        // A device that takes no byte: writing there fails.
+        // Writing to this device fails.
         ASSERT_EQ(0, symlink("/dev/full", (kHosts + "host2/scan").c_str()));
         Lines lines = CaptureLog([] { EXPECT_EQ(2, Dev_RescanScsiBus()); });
         std::sort(lines.begin(), lines.end());
@@ -62,12 +62,11 @@ TEST(RescanScsiBus, AsksTheOthersWhenAHostCannotBeAsked) {
                   lines);
         EXPECT_EQ("- - -", ReadFile(kHosts + "host0/scan"));
         EXPECT_EQ("- - -", ReadFile(kHosts + "host3/scan"));
-        // Nothing was made.
         EXPECT_FALSE(std::filesystem::exists(kHosts + "host1/scan"));
     });
 }
 
-TEST(RescanScsiBus, ReachesAHostWithTheLongestName) {
+TEST(RescanScsiBus, AcceptsAHostWithTheLongestName) {
     WithHosts([] {
         const std::string name(255, 'h');
         WriteFile(kHosts + name + "/scan", "");
@@ -76,7 +75,7 @@ TEST(RescanScsiBus, ReachesAHostWithTheLongestName) {
     });
 }
 
-TEST(RescanScsiBus, FindsNoHost) {
+TEST(RescanScsiBus, FailsWithoutAListOfHostsAndReturns0ForAnEmptyOne) {
     WithHosts([] {
         EXPECT_EQ(Lines{"DEV:Dev_RescanScsiBus(): opendir(/sys/class/scsi_host) error : No such "
                         "file or directory"},

@@ -5,9 +5,11 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,15 +28,31 @@
 
 namespace {
 
-std::string g_system;    // what the last call of system was asked to run
-int g_systemStatus = 0;  // and what it gives
+std::string g_system;    // the command of the last call of system
+int g_systemStatus = 0;  // and its result
+uint32_t g_fsType = 0;   // of every file system
 
 }  // namespace
 
-extern "C" int __wrap_system(const char *command);
+// On 32 bits statfs is called statfs64.
+extern "C" {
+int __wrap_system(const char *command);
+int __wrap_statfs(const char *path, struct statfs *found);
+int __wrap_statfs64(const char *path, struct statfs *found);
+}
 int __wrap_system(const char *command) {
     g_system = command;
     return g_systemStatus;
+}
+int __wrap_statfs(const char * /*path*/, struct statfs *found) {
+    *found = {};
+    found->f_type = static_cast<decltype(found->f_type)>(g_fsType);
+    found->f_bsize = 1024;
+    found->f_blocks = 10;
+    return 0;
+}
+int __wrap_statfs64(const char *path, struct statfs *found) {
+    return __wrap_statfs(path, found);
 }
 
 namespace {
@@ -45,7 +63,7 @@ tDevTestMenu Menu() {
     return {"/dev/sg1", "/dev/sdb", "/dev/sda", 8, 17};
 }
 
-// The menu of the selections, as it is fixed.
+// The fixed text of the menu with these selections.
 std::string MenuText(const std::string &sg, const std::string &sd, const std::string &dev,
                      const std::string &majorNumber, const std::string &minorNumber) {
     return "\n\t0) Reload\n"
@@ -115,7 +133,7 @@ class Input {
     FILE *stream_;
 };
 
-// What the session prints; each menu, whatever its selections, as "<menu>".
+// The output of the loop; each menu, whatever its selections, as "<menu>".
 std::string Talk(tDevTestMenu &menu, const std::string &input) {
     const Input in{input};
     std::string output = Capture([&] { EXPECT_EQ(0, Dev_RunTestMenu(&menu, in.stream())); });
@@ -132,12 +150,11 @@ std::string Talk(tDevTestMenu &menu, const std::string &input) {
     return output;
 }
 
-// What one item of the menu prints behind its number, in lines without their numbers; it must leave
-// the selections as they are.
+// The output of one item, in lines without line numbers. The item must not change the selections.
 Lines LinesOfItem(const tDevTestMenu &before, const std::string &input) {
     tDevTestMenu menu = before;
     std::string output = Talk(menu, input + "\n17\n");
-    EXPECT_EQ(0, memcmp(&before, &menu, sizeof menu)) << "the selections were edited";
+    EXPECT_EQ(0, memcmp(&before, &menu, sizeof menu)) << "selections";
     const std::string begin = "<menu>Item : ";
     const std::string end = "Item : ";
     EXPECT_EQ(0u, output.find(begin)) << output;
@@ -182,28 +199,28 @@ TEST(RunTestMenu, RefusesMissingArguments) {
     EXPECT_EQ('0', getc(in.stream()));
 }
 
-TEST(RunTestMenu, PrintsTheMenuOfItsSelections) {
+TEST(RunTestMenu, BeginsWithTheMenu) {
     tDevTestMenu menu = Menu();
     const Input in{"17\n"};
     EXPECT_EQ(MenuText(menu) + "Item : ",
               Capture([&] { EXPECT_EQ(0, Dev_RunTestMenu(&menu, in.stream())); }));
 }
 
-TEST(RunTestMenu, LeavesAtExitAndReadsNoFurther) {
+TEST(RunTestMenu, EndsWithItem17AndReadsNoFurther) {
     tDevTestMenu menu = Menu();
     const Input in{"17\n0\n"};
     Capture([&] { EXPECT_EQ(0, Dev_RunTestMenu(&menu, in.stream())); });
     EXPECT_EQ('0', getc(in.stream()));
 }
 
-// The question is closed by a newline, so that what follows on a terminal begins a line.
-TEST(RunTestMenu, LeavesAtTheEndOfInput) {
+// A newline follows the question, so that further output begins a line.
+TEST(RunTestMenu, EndsAtTheEndOfInput) {
     tDevTestMenu menu = Menu();
     EXPECT_EQ("<menu>Item : \n", Talk(menu, ""));
     EXPECT_EQ("<menu>Item : <menu>Item : \n", Talk(menu, "0\n"));
     EXPECT_EQ("<menu>Item : ", Talk(menu, "17"));  // a last line without its end
     EXPECT_EQ("<menu>Item : \n", Talk(menu, "  \t"));
-    // In the midst of a question too, and then the selection stays.
+    // An item's question is cancelled too, and the selection is unchanged.
     EXPECT_EQ("<menu>Item : SG name [/dev/sg1] : \n", Talk(menu, "1\n"));
     EXPECT_EQ("<menu>Item : Major number [8] : \n", Talk(menu, "13\n"));
     EXPECT_EQ("<menu>Item : NFS export (host:/path) : \n", Talk(menu, "11\n"));
@@ -212,7 +229,7 @@ TEST(RunTestMenu, LeavesAtTheEndOfInput) {
     EXPECT_EQ(0, memcmp(&same, &menu, sizeof menu));
 }
 
-TEST(RunTestMenu, LeavesWhenTheInputCannotBeRead) {
+TEST(RunTestMenu, EndsWhenTheInputCannotBeRead) {
     tDevTestMenu menu = Menu();
     FILE *directory = fopen("/", "re");
     ASSERT_NE(nullptr, directory);
@@ -226,7 +243,7 @@ TEST(RunTestMenu, ReloadsTheMenu) {
     EXPECT_EQ("<menu>Item : <menu>Item : <menu>Item : ", Talk(menu, "0\n0\n17\n"));
 }
 
-TEST(RunTestMenu, TellsWrongInputAndAsksAgain) {
+TEST(RunTestMenu, ReportsWrongInputAndRepeatsTheQuestion) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"18", "There is no item 18; 0 shows the menu.\n"},
         {"-1", "There is no item -1; 0 shows the menu.\n"},
@@ -244,15 +261,15 @@ TEST(RunTestMenu, TellsWrongInputAndAsksAgain) {
         {"", ""},
         {" \t\r", ""},
     };
-    for (const auto &[input, told] : cases) {
+    for (const auto &[input, report] : cases) {
         tDevTestMenu menu = Menu();
-        EXPECT_EQ("<menu>Item : " + told + "Item : ", Talk(menu, input + "\n17\n"));
+        EXPECT_EQ("<menu>Item : " + report + "Item : ", Talk(menu, input + "\n17\n"));
         const tDevTestMenu same = Menu();
         EXPECT_EQ(0, memcmp(&same, &menu, sizeof menu));
     }
 }
 
-TEST(RunTestMenu, PassesOverBlanksLineEndsAndSlips) {
+TEST(RunTestMenu, IgnoresBlanksCarriageReturnsAndNulBytes) {
     for (const std::string &seventeen :
          {std::string{"  17"}, std::string{"17 \t"}, std::string{"17\r"}, std::string{"+17"},
           std::string{"017"}, std::string{"\0001\0007\0", 5}}) {
@@ -261,9 +278,9 @@ TEST(RunTestMenu, PassesOverBlanksLineEndsAndSlips) {
     }
 }
 
-TEST(RunTestMenu, TakesLinesOf255Characters) {
+TEST(RunTestMenu, AcceptsLinesOf255Characters) {
     tDevTestMenu menu = Menu();
-    const std::string longest(255, '1');
+    const std::string longest(DEV_MENU_LINE_MAX, '1');
     EXPECT_EQ("<menu>Item : " + longest + " is out of range.\nItem : ",
               Talk(menu, longest + "\n17\n"));
     for (const size_t length : {256u, 257u, 512u, 100000u}) {
@@ -273,7 +290,7 @@ TEST(RunTestMenu, TakesLinesOf255Characters) {
     EXPECT_EQ("<menu>Item : The line is too long.\nItem : \n", Talk(menu, std::string(256, '1')));
 }
 
-TEST(RunTestMenu, EditsTheNames) {
+TEST(RunTestMenu, ChangesTheNames) {
     tDevTestMenu menu = Menu();
     EXPECT_EQ(
         "<menu>Item : SG name [/dev/sg1] : <menu>Item : SD name [/dev/sdb] : <menu>"
@@ -287,8 +304,7 @@ TEST(RunTestMenu, EditsTheNames) {
     EXPECT_EQ(17, menu.minor);
 }
 
-// The menu that follows shows the selection.
-TEST(RunTestMenu, ShowsWhatWasEdited) {
+TEST(RunTestMenu, ShowsAChangedSelectionInTheNextMenu) {
     tDevTestMenu menu = Menu();
     const Input in{"3\n/dev/hda\n14\n-5\n17\n"};
     const std::string output = Capture([&] { EXPECT_EQ(0, Dev_RunTestMenu(&menu, in.stream())); });
@@ -300,7 +316,9 @@ TEST(RunTestMenu, ShowsWhatWasEdited) {
               output);
 }
 
-TEST(RunTestMenu, KeepsNamesWithinTheirSizes) {
+static_assert(DEV_MENU_NODE_SIZE == 12 && DEV_MENU_DEVICE_SIZE == 64 && DEV_MENU_LINE_MAX == 255);
+
+TEST(RunTestMenu, RefusesNamesThatDoNotFit) {
     struct Field {
         const char *item;
         const char *question;
@@ -308,9 +326,12 @@ TEST(RunTestMenu, KeepsNamesWithinTheirSizes) {
         char *(*pName)(tDevTestMenu &);
     };
     const Field fields[] = {
-        {"1", "SG name [/dev/sg1] : ", 12, [](tDevTestMenu &menu) { return menu.sgName; }},
-        {"2", "SD name [/dev/sdb] : ", 12, [](tDevTestMenu &menu) { return menu.sdName; }},
-        {"3", "DEV name [/dev/sda] : ", 64, [](tDevTestMenu &menu) { return menu.devName; }},
+        {"1", "SG name [/dev/sg1] : ", DEV_MENU_NODE_SIZE,
+         [](tDevTestMenu &menu) { return menu.sgName; }},
+        {"2", "SD name [/dev/sdb] : ", DEV_MENU_NODE_SIZE,
+         [](tDevTestMenu &menu) { return menu.sdName; }},
+        {"3", "DEV name [/dev/sda] : ", DEV_MENU_DEVICE_SIZE,
+         [](tDevTestMenu &menu) { return menu.devName; }},
     };
     for (const Field &field : fields) {
         for (const size_t length : {field.size - 2, field.size - 1}) {
@@ -322,9 +343,9 @@ TEST(RunTestMenu, KeepsNamesWithinTheirSizes) {
         }
         for (const size_t length : {field.size, field.size + 1, size_t{255}}) {
             tDevTestMenu menu = Menu();
-            const std::string told =
+            const std::string report =
                 "At most " + std::to_string(field.size - 1) + " characters are possible.\n";
-            EXPECT_EQ(std::string{"<menu>Item : "} + field.question + told + field.question +
+            EXPECT_EQ(std::string{"<menu>Item : "} + field.question + report + field.question +
                           "<menu>Item : ",
                       Talk(menu, field.item + ("\n" + std::string(length, 'n')) + "\nnew\n17\n"));
             EXPECT_STREQ("new", field.pName(menu));
@@ -346,7 +367,7 @@ TEST(RunTestMenu, KeepsASelectionForAnEmptyLine) {
     EXPECT_EQ(8, menu.major);
 }
 
-TEST(RunTestMenu, EditsTheNumbers) {
+TEST(RunTestMenu, ChangesTheNumbers) {
     tDevTestMenu menu = Menu();
     EXPECT_EQ(
         "<menu>Item : Major number [8] : <menu>Item : Minor number [17] : \"1.5\" is not a "
@@ -365,11 +386,12 @@ TEST(MenuItem, RescansTheScsiBus) {
         ReplaceDir("/sys");
         EXPECT_EQ((Lines{"DEV:Dev_RescanScsiBus(): opendir(/sys/class/scsi_host) error : No such "
                          "file or directory",
-                         "No SCSI host could be asked."}),
+                         "No SCSI host scans for devices."}),
                   LinesOfItem(4));
         WriteFile("/sys/class/scsi_host/host0/scan", "");
         WriteFile("/sys/class/scsi_host/host1/scan", "");
-        EXPECT_EQ(Lines{"Asked 2 SCSI host(s); new devices turn up by and by."}, LinesOfItem(4));
+        EXPECT_EQ(Lines{"2 SCSI host(s) scan for devices; new ones appear after some time."},
+                  LinesOfItem(4));
         EXPECT_EQ("- - -", ReadFile("/sys/class/scsi_host/host1/scan"));
     });
 }
@@ -396,6 +418,38 @@ TEST(MenuItem, QueriesAllDevices) {
         true);
 }
 
+// A stick that is mounted with each file system.
+TEST(MenuItem, ShowsTheFileSystemOfEachDisk) {
+    const struct {
+        uint32_t type;
+        const char *name;
+    } cases[] = {
+        {DEV_FS_TYPE_XFS, "xfs"},
+        {DEV_FS_TYPE_EXT, "ext2, ext3 or ext4"},
+        {DEV_FS_TYPE_FAT, "FAT"},
+        {DEV_FS_TYPE_JFFS2, "jffs2"},
+        {DEV_FS_TYPE_ISO9660, "ISO 9660"},
+        {DEV_FS_TYPE_SMBFS, "smbfs"},
+        {DEV_FS_TYPE_NFS, "nfs"},
+        {DEV_FS_TYPE_TMPFS, "none that can be mounted; the sizes are those of a tmpfs"},
+        {0x73717368, "unknown"},  // squashfs
+    };
+    RunInPrivateWorld(
+        kMounts,
+        [&cases] {
+            ReplaceDir("/dev");
+            ReplaceDir("/proc");
+            WriteFile("/proc/mounts", "/dev/sdb1 /mnt vfat rw 0 0\n");
+            const SimulatedDrive stick{{"/dev/sdb", "/dev/sg0"}};
+            for (const auto &one : cases) {
+                g_fsType = one.type;
+                EXPECT_EQ(std::string{"[/dev/sdb] => file system : "} + one.name,
+                          LinesOfItem(5).back());
+            }
+        },
+        true);
+}
+
 TEST(MenuItem, ShowsWhereADeviceIsMounted) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
@@ -404,7 +458,7 @@ TEST(MenuItem, ShowsWhereADeviceIsMounted) {
                   "/dev/hdc12 /twelve ext3 rw 0 0\n");
         EXPECT_EQ(Lines{"[/dev/sda] => [/mnt one]"}, LinesOfItem(6));
         EXPECT_EQ(Lines{"[/dev/sdb] => not mounted"}, LinesOfItem(6, "/dev/sdb"));
-        // With eight characters the disk itself, not its partition.
+        // With n = 8, "/dev/sda1" does not match "/dev/sda".
         EXPECT_EQ(Lines{"[/dev/sda] => [/whole]"}, LinesOfItem(7));
         EXPECT_EQ(Lines{"[/dev/hdc12] => not mounted"}, LinesOfItem(7, "/dev/hdc12"));
         EXPECT_EQ(Lines{"[/dev/hdc12] => [/twelve]"}, LinesOfItem(6, "/dev/hdc12"));
@@ -429,10 +483,10 @@ TEST(MenuItem, ConvertsBetweenNodes) {
 
 struct DiscCase {
     const char *fixture;
-    Lines told;
+    Lines report;
 };
 
-// The figures are those of the fixtures; see optical_disc_test.cpp for their arithmetic.
+// disc_table.h shows how the figures are computed.
 TEST(MenuItem, ShowsTheDisc) {
     const DiscCase cases[] = {
         {"cd_r_empty.hex",
@@ -447,21 +501,22 @@ TEST(MenuItem, ShowsTheDisc) {
         {"dvd_minus_r_open.hex",
          {"[/dev/sr0] => DVD-R/-RW, write-once, appendable",
           "    used 998976 KB of 4595776 KB, last track 2"}},
-        {"dvd_ram.hex", {"[/dev/sr0] => a disc of unknown kind"}},
+        {"dvd_ram.hex",
+         {"[/dev/sr0] => a disc that is not supported, or a drive that does not answer"}},
     };
     for (const DiscCase &one : cases) {
         SimulatedDrive drive{{"/dev/sr0", "/dev/sg0"}};
         drive.Load("drive.hex");
         drive.Load(one.fixture);
         const Lines lines = LinesOfItem(10, "/dev/sr0");
-        ASSERT_GE(lines.size(), one.told.size()) << one.fixture;
-        EXPECT_EQ(one.told,
-                  Lines(lines.end() - static_cast<std::ptrdiff_t>(one.told.size()), lines.end()))
+        ASSERT_GE(lines.size(), one.report.size()) << one.fixture;
+        EXPECT_EQ(one.report,
+                  Lines(lines.end() - static_cast<std::ptrdiff_t>(one.report.size()), lines.end()))
             << one.fixture;
     }
 }
 
-TEST(MenuItem, TellsWhyThereIsNoDiscToShow) {
+TEST(MenuItem, ReportsWhyThereIsNoDisc) {
     SimulatedDrive drive{{"/dev/sr0", "/dev/sg0"}};
     drive.Always(0x00, SgAnswer::Check(0x02, 0x3A, 0x00));  // medium not present
     EXPECT_EQ("[/dev/sr0] => not ready (no disc, or the tray is open)",
@@ -470,7 +525,7 @@ TEST(MenuItem, TellsWhyThereIsNoDiscToShow) {
                      "[/dev/sr1] => no SCSI generic node"}),
               LinesOfItem(10, "/dev/sr1"));
     EXPECT_EQ("[/dev/nosst9] => no SCSI generic node", LinesOfItem(10, "/dev/nosst9").back());
-    EXPECT_EQ(Lines{"[/dev/nosst10] => no name of an optical drive"},
+    EXPECT_EQ(Lines{"[/dev/nosst10] => not the name of an optical drive"},
               LinesOfItem(10, "/dev/nosst10"));
 }
 
@@ -492,7 +547,7 @@ TEST(MenuItem, MountsAnExport) {
               refused[0].find("Try mount pSrc(/dev/sda) with wrong fs type(NFS)"))
         << refused[0];
     EXPECT_EQ("[/dev/sda] => not mounted", refused[1]);
-    // An empty line gives the item up.
+    // An empty line cancels the item.
     EXPECT_EQ(Lines{"NFS export (host:/path) : "}, LinesOfItem(Menu(), "11\n"));
     EXPECT_EQ(Lines{"NFS export (host:/path) : Mount point : "},
               LinesOfItem(Menu(), "11\nsrv:/data\n"));
@@ -539,7 +594,7 @@ TEST(MenuItem, ShowsTheTemperature) {
     });
 }
 
-// The program at a terminal. Whatever happens to the test, it ends with this object.
+// The program at a terminal; it ends with this object.
 class Terminal {
   public:
     explicit Terminal(const std::function<void()> &prepare = {}) {
@@ -579,7 +634,7 @@ class Terminal {
         EXPECT_EQ(ssize_t(text.size()), write(master_, text.data(), text.size()));
     }
 
-    // What comes up to and with a text, the terminal's carriage returns taken out.
+    // The output up to and including a text, without carriage returns.
     std::string Until(const std::string &text) {
         while (seen_.find(text) == std::string::npos) {
             if (!ReadMore()) {
@@ -593,7 +648,7 @@ class Terminal {
         return before;
     }
 
-    // What comes until the program has closed the terminal.
+    // The output until the program closes the terminal.
     std::string Rest() {
         while (ReadMore()) {
         }
@@ -640,7 +695,7 @@ class Terminal {
     std::string seen_;
 };
 
-// The selections that the program begins with.
+// The menu with the first selections of the program.
 const std::string kFirstMenu = MenuText("/dev/sg0", "/dev/sda", "/dev/sda", "8", "0");
 
 TEST(DevMenu, ServesATechnicianAtATerminal) {
@@ -648,16 +703,16 @@ TEST(DevMenu, ServesATechnicianAtATerminal) {
         ReplaceProc();
         WriteFile("/proc/ide/hda/smart_values", SmartText(38));
         WriteFile("/proc/mounts", "/dev/hda1 /record ext3 rw 0 0\n");
-        // A program that looks for its leaks goes by its number.
+        // LeakSanitizer reads /proc/<pid>.
         Terminal terminal{[] {
             const std::string pid = std::to_string(getpid());
             EXPECT_EQ(0, symlink(("real/" + pid).c_str(), ("/proc/" + pid).c_str()));
         }};
-        // The question is there before anything is typed.
+        // The question appears before anything is typed.
         EXPECT_EQ(kFirstMenu + "Item : ", terminal.Until("Item : "));
         terminal.Type("3\n");
         EXPECT_EQ("3\nDEV name [/dev/sda] : ", terminal.Until("] : "));
-        terminal.Type("/dev/hdx\177a\n");  // a slip, rubbed out
+        terminal.Type("/dev/hdx\177a\n");  // with a typing error, erased
         const std::string menu = terminal.Until("Item : ");
         EXPECT_NE(std::string::npos,
                   menu.find(MenuText("/dev/sg0", "/dev/sda", "/dev/hda", "8", "0")))
@@ -690,17 +745,17 @@ TEST(DevMenu, EndsAtTheEndOfInputOfATerminal) {
     }
 }
 
-// A terminal that is gone gives no input, and that is the end for one who did not heed the hang-up.
+// Without SIGHUP the program ends at the end of input.
 TEST(DevMenu, EndsWithItsTerminal) {
     Terminal plain;
     plain.Until("Item : ");
     plain.HangUp();
     const int status = plain.Wait();
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGHUP) << status;
-    Terminal deaf{[] { signal(SIGHUP, SIG_IGN); }};
-    deaf.Until("Item : ");
-    deaf.HangUp();
-    EXPECT_EQ(0, deaf.Wait());
+    Terminal ignoring{[] { signal(SIGHUP, SIG_IGN); }};
+    ignoring.Until("Item : ");
+    ignoring.HangUp();
+    EXPECT_EQ(0, ignoring.Wait());
 }
 
 TEST(DevMenu, RunsInPipes) {
@@ -713,14 +768,13 @@ TEST(DevMenu, RunsInPipes) {
     EXPECT_EQ(kFirstMenu + "Item : ", output);
 }
 
-// A start costs no more libraries than that of a small C program.
 TEST(DevMenu, NeedsTheCLibraryAlone) {
 #ifdef __SANITIZE_ADDRESS__
-    GTEST_SKIP() << "a program with sanitizers has their libraries too";
+    GTEST_SKIP() << "a program with sanitizers needs their libraries too";
 #endif
-    std::istringstream told{RunCommand(std::string{"readelf -d "} + TALVEK_DEVMENU)};
+    std::istringstream output{RunCommand(std::string{"readelf -d "} + TALVEK_DEVMENU)};
     int needed = 0;
-    for (std::string line; std::getline(told, line);) {
+    for (std::string line; std::getline(output, line);) {
         if (line.find("(NEEDED)") != std::string::npos) {
             ++needed;
             EXPECT_TRUE(line.find("[libc.so.6]") != std::string::npos ||
