@@ -5,99 +5,19 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include <string_view>
 
-#include "base/heap_buf.h"
-#include "base/path.h"
-#include "base/scope_exit.h"
 #include "base/unique_fd.h"
-#include "base/unique_stream.h"
 #include "dev/internal/copy_text.h"
 #include "dev/internal/module_log.h"
+#include "dev/internal/mount_entry.h"
 
 namespace talvek {
 namespace {
 
-constexpr const char *kMounts = "/proc/mounts";
 constexpr const char *kPartitions = "/proc/partitions";
-
-bool IsOctal(char c) {
-    return c >= '0' && c <= '7';
-}
-
-// Puts the characters in place that the kernel wrote as a backslash and three octal digits.
-void DecodeEscapes(char *pText) {
-    char *pTo = strchr(pText, '\\');
-    if (pTo == nullptr) {
-        return;
-    }
-    for (const char *pFrom = pTo; *pFrom != '\0';) {
-        if (pFrom[0] == '\\' && pFrom[1] >= '0' && pFrom[1] <= '3' && IsOctal(pFrom[2]) &&
-            IsOctal(pFrom[3])) {
-            const int value = (pFrom[1] - '0') * 64 + (pFrom[2] - '0') * 8 + (pFrom[3] - '0');
-            *pTo++ = static_cast<char>(value);
-            pFrom += 4;
-        } else {
-            *pTo++ = *pFrom++;
-        }
-    }
-    *pTo = '\0';
-}
-
-struct MountLine {
-    char *device;
-    char *mountPoint;
-    char *type;
-    char *options;
-};
-
-// Reads the mounts one after the other. A line is taken whole however long it is: the options of an
-// NFS mount easily pass 256 characters, and the server's address stands at their end.
-class MountReader {
-  public:
-    explicit MountReader(const char *pFunction) : stream_(OpenStream(kMounts, "r")) {
-        if (!stream_) {
-            LOG_ERRNO_AS(pFunction, "fopen(%s) error : %s\n", kMounts);
-        }
-    }
-
-    // The next line that has at least two names; its texts hold until the next call.
-    bool Next(MountLine &line) {
-        while (stream_ && ReadLine()) {
-            char *pRest = line_.get();
-            line = {NextField(&pRest), NextField(&pRest), NextField(&pRest), NextField(&pRest)};
-            if (line.mountPoint[0] != '\0') {
-                return true;
-            }
-        }
-        return false;
-    }
-
-  private:
-    bool ReadLine() {
-        // The block may have moved, also when the thread is cancelled in the call.
-        char *pLine = line_.Release();
-        const ScopeExit keep{[this, &pLine] { line_.Reset(pLine); }};
-        return getline(&pLine, &capacity_, stream_.get()) > 0;
-    }
-
-    // An empty text when the line has no more.
-    static char *NextField(char **ppRest) {
-        char *pField = *ppRest + strspn(*ppRest, " \n");
-        char *pEnd = pField + strcspn(pField, " \n");
-        *ppRest = *pEnd != '\0' ? pEnd + 1 : pEnd;
-        *pEnd = '\0';
-        DecodeEscapes(pField);
-        return pField;
-    }
-
-    UniqueFile stream_;
-    HeapBuf<char> line_;
-    size_t capacity_ = 0;
-};
 
 bool DeviceMatches(const char *pDevice, const char *pWanted, size_t n) {
     if (n == 0) {
@@ -120,13 +40,6 @@ int FindMountPoint(const char *pFunction, const char *pDev, char *pMountPoint, u
         }
     }
     return -1;
-}
-
-std::string_view WithoutSlashesAtEnd(std::string_view path) {
-    while (path.size() > 1 && path.back() == '/') {
-        path.remove_suffix(1);
-    }
-    return path;
 }
 
 // The name of one line of /proc/partitions, which is "major minor #blocks name" with blanks before
@@ -192,20 +105,8 @@ int Dev_GetEntryViaMtab(const char *pKey, tMountEntry *pEntry) {
         LOG("(%p, %p) : Null ptr\n", static_cast<const void *>(pKey), static_cast<void *>(pEntry));
         return -1;
     }
-    const std::string_view wanted = talvek::WithoutSlashesAtEnd(pKey);
-    int result = -1;
-    talvek::MountReader mounts{__func__};
-    for (talvek::MountLine line; mounts.Next(line);) {
-        if (wanted == line.mountPoint) {
-            talvek::CopyText(__func__, pEntry->device, sizeof pEntry->device, line.device);
-            talvek::CopyText(__func__, pEntry->mountPoint, sizeof pEntry->mountPoint,
-                             line.mountPoint);
-            talvek::CopyText(__func__, pEntry->type, sizeof pEntry->type, line.type);
-            talvek::CopyText(__func__, pEntry->options, sizeof pEntry->options, line.options);
-            result = 0;
-        }
-    }
-    return result;
+    talvek::CutFields cut;
+    return talvek::FindMountEntry(pKey, *pEntry, cut) ? 0 : -1;
 }
 
 int Dev_CheckPartition(const char *pName) {

@@ -1,0 +1,100 @@
+#include "dev/internal/mount_entry.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <string_view>
+
+#include "base/path.h"
+#include "dev/internal/copy_text.h"
+#include "dev/internal/module_log.h"
+
+namespace talvek {
+namespace {
+
+constexpr const char *kMounts = "/proc/mounts";
+
+bool IsOctal(char c) {
+    return c >= '0' && c <= '7';
+}
+
+// Puts the characters in place that the kernel wrote as a backslash and three octal digits.
+void DecodeEscapes(char *pText) {
+    char *pTo = strchr(pText, '\\');
+    if (pTo == nullptr) {
+        return;
+    }
+    for (const char *pFrom = pTo; *pFrom != '\0';) {
+        if (pFrom[0] == '\\' && pFrom[1] >= '0' && pFrom[1] <= '3' && IsOctal(pFrom[2]) &&
+            IsOctal(pFrom[3])) {
+            const int value = (pFrom[1] - '0') * 64 + (pFrom[2] - '0') * 8 + (pFrom[3] - '0');
+            *pTo++ = static_cast<char>(value);
+            pFrom += 4;
+        } else {
+            *pTo++ = *pFrom++;
+        }
+    }
+    *pTo = '\0';
+}
+
+// An empty text when the line has no more.
+const char *NextField(char **ppRest) {
+    char *pField = *ppRest + strspn(*ppRest, " \n");
+    char *pEnd = pField + strcspn(pField, " \n");
+    *ppRest = *pEnd != '\0' ? pEnd + 1 : pEnd;
+    *pEnd = '\0';
+    DecodeEscapes(pField);
+    return pField;
+}
+
+std::string_view WithoutSlashesAtEnd(std::string_view path) {
+    while (path.size() > 1 && path.back() == '/') {
+        path.remove_suffix(1);
+    }
+    return path;
+}
+
+}  // namespace
+
+MountReader::MountReader(const char *pFunction) : stream_(OpenStream(kMounts, "r")) {
+    if (!stream_) {
+        LOG_ERRNO_AS(pFunction, "fopen(%s) error : %s\n", kMounts);
+    }
+}
+
+bool MountReader::Next(MountLine &line) {
+    while (stream_) {
+        char *pLine = line_.Release();  // getline may move the block
+        const ssize_t length = getline(&pLine, &capacity_, stream_.get());
+        line_.Reset(pLine);
+        if (length <= 0) {
+            return false;
+        }
+        line = {NextField(&pLine), NextField(&pLine), NextField(&pLine), NextField(&pLine)};
+        if (line.mountPoint[0] != '\0') {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool FindMountEntry(const char *pDir, tMountEntry &entry, CutFields &cut) {
+    constexpr const char *kEntry = "Dev_GetEntryViaMtab";
+    const std::string_view wanted = WithoutSlashesAtEnd(pDir);
+    bool found = false;
+    MountReader mounts{kEntry};
+    for (MountLine line; mounts.Next(line);) {
+        if (wanted != line.mountPoint) {
+            continue;
+        }
+        found = true;
+        cut.device = !CopyText(kEntry, entry.device, sizeof entry.device, line.device);
+        CopyText(kEntry, entry.mountPoint, sizeof entry.mountPoint, line.mountPoint);
+        CopyText(kEntry, entry.type, sizeof entry.type, line.type);
+        cut.options = !CopyText(kEntry, entry.options, sizeof entry.options, line.options);
+    }
+    return found;
+}
+
+}  // namespace talvek

@@ -1,0 +1,50 @@
+#ifndef TALVEK_DEV_INTERNAL_MOUNT_ENTRY_H
+#define TALVEK_DEV_INTERNAL_MOUNT_ENTRY_H
+
+#include <stddef.h>
+
+#include "base/cancel_guard.h"
+#include "base/heap_buf.h"
+#include "base/unique_stream.h"
+#include "dev/mount_table.h"
+
+namespace talvek {
+
+// One mount, its texts without the kernel's escapes. What a line does not have is an empty text.
+struct MountLine {
+    const char *device;
+    const char *mountPoint;
+    const char *type;
+    const char *options;
+};
+
+// Reads the lines of /proc/mounts in order, each whole: the options of an NFS mount are often
+// longer than 256 characters, and the server's address is the last of them.
+class MountReader {
+  public:
+    // A file that cannot be opened is logged for the entry `pFunction` and has no lines.
+    explicit MountReader(const char *pFunction);
+
+    // The next line that has a device and a mount point. Its texts are valid until the next call.
+    bool Next(MountLine &line);
+
+  private:
+    const CancelGuard guard_;
+    UniqueFile stream_;
+    HeapBuf<char> line_;
+    size_t capacity_ = 0;
+};
+
+// The fields of an entry that did not fit.
+struct CutFields {
+    bool device = false;
+    bool options = false;
+};
+
+// Finds the mount on a directory and logs, both as Dev_GetEntryViaMtab does. False leaves `entry`
+// and `cut` unchanged.
+bool FindMountEntry(const char *pDir, tMountEntry &entry, CutFields &cut);
+
+}  // namespace talvek
+
+#endif
