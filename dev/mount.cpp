@@ -11,6 +11,7 @@
 
 #include <array>
 
+#include "base/cancel_guard.h"
 #include "base/heap_buf.h"
 #include "dev/internal/fs_table.h"
 #include "dev/internal/module_log.h"
@@ -188,19 +189,20 @@ bool IsMountable(const char *pSrc, const char *pDir) {
     return true;
 }
 
-// Unmounts by `unmount`, whose failure is logged under `pCall`, and tells an NFS server.
+// Unmounts by `unmount`, whose failure is logged under `pCall`, and notifies an NFS server.
 template <typename Unmount>
-int UnmountAndTell(const char *pFunction, const char *pCall, const char *pDir, Unmount unmount) {
+int UnmountAndNotify(const char *pFunction, const char *pCall, const char *pDir, Unmount unmount) {
     if (pDir == nullptr) {
         return -1;
     }
-    tMountEntry entry;
-    const bool found = Dev_GetEntryViaMtab(pDir, &entry) == 0;
+    const CancelGuard guard;
+    NfsMount mount;
+    const bool found = FindMountEntry(pDir, mount.entry, mount.cut);
     const int result = unmount(pDir);
     if (result != 0) {
         LOG_ERRNO_AS(pFunction, "%s(%s) failed : %s\n", pCall, pDir);
-    } else if (found && strcmp(entry.type, "nfs") == 0) {
-        TellNfsServer(pFunction, entry);
+    } else if (found && strcmp(mount.entry.type, "nfs") == 0) {
+        NotifyNfsServer(pFunction, mount);
     }
     return result;
 }
@@ -229,11 +231,11 @@ int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex) {
 }
 
 int Dev_uMount(const char *pDir) {
-    return talvek::UnmountAndTell(__func__, "umount", pDir,
+    return talvek::UnmountAndNotify(__func__, "umount", pDir,
                                   [](const char *pPath) { return umount(pPath); });
 }
 
 int Dev_uMount_Force(const char *pDir) {
-    return talvek::UnmountAndTell(__func__, "umount2(forced umount)", pDir,
+    return talvek::UnmountAndNotify(__func__, "umount2(forced umount)", pDir,
                                   [](const char *pPath) { return umount2(pPath, MNT_FORCE); });
 }

@@ -1,7 +1,8 @@
 #ifndef TALVEK_DEV_MOUNT_H
 #define TALVEK_DEV_MOUNT_H
 
-/* Mounting with or without knowing the file system, and unmounting with the NFS server told. */
+/* Mounting with or without knowing the file system, and unmounting, of which NFS servers are
+ * notified. */
 
 #ifdef __cplusplus
 extern "C" {
@@ -34,14 +35,23 @@ extern "C" {
 int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex);
 
 /* Unmounts what is mounted on a directory. When that was an NFS mount (type "nfs", whose servers
- * keep a list of mounts; not "nfs4"), its server is told with the UMNT call of the MOUNT protocol,
- * version 3 (RFC 1813, 5.2.3), over TCP if the mount's options say so and a connection comes about,
- * else over UDP. What fails there is told on standard error and does not change the result. A
- * connection, the portmapper's answer and the server's are each waited for 3 seconds at the most,
- * whatever comes meanwhile.
+ * keep a list of mounts; not "nfs4"), its server is notified by the UMNT call of the MOUNT
+ * protocol, version 3 (RFC 1813, appendix I): over TCP if the mount's options say so and a
+ * connection is possible, else over UDP. The result does not depend on it. What fails is reported
+ * on standard error, each time with a reason as RPC programs give it ("RPC: Program not
+ * registered"):
  *
- * The calls for it come from the C library if it has them, else from libtirpc.so.3, which is loaded
- * when it is first needed; without either a log line says that the server was not told.
+ *   "Cannot MOUNTPROG RPC (tcp): ..."  no mount daemon to connect to over TCP; UDP is tried
+ *   "Cannot MOUNTPROG RPC: ..."        no mount daemon to send to over UDP
+ *   "Bad UMNT RPC: ..."                the call failed
+ *
+ * A log line says why when the server is not called at all: it has no IPv4 address; the export does
+ * not fit DEV_MOUNT_TEXT_SIZE, so that its path would be sent cut; or the options do not fit the
+ * mount entry and the server's address (addr=) is not wholly in the part that does.
+ *
+ * Each call takes 3 seconds at most, its connection included, and the notification 9 seconds. When
+ * the mount table has the server's name instead of its address, the look-up counts too, but may
+ * take longer: getaddrinfo(3) has no time limit to set.
  *
  * Returns what umount(2) returned: 0, or -1 with the failure logged. */
 int Dev_uMount(const char *pDir);

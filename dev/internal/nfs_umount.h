@@ -1,12 +1,19 @@
 #ifndef TALVEK_DEV_INTERNAL_NFS_UMOUNT_H
 #define TALVEK_DEV_INTERNAL_NFS_UMOUNT_H
 
-#include "dev/mount_table.h"
+#include "dev/internal/mount_entry.h"
 
 namespace talvek {
 
-// Tells the server of an NFS mount that is gone. Log lines carry the entry's name `pFunction`.
-void TellNfsServer(const char *pFunction, const tMountEntry &entry);
+// An NFS mount as FindMountEntry found it.
+struct NfsMount {
+    tMountEntry entry;
+    CutFields cut;
+};
+
+// Notifies the server of an NFS mount that its export was unmounted. Log lines name the entry
+// `pFunction`.
+void NotifyNfsServer(const char *pFunction, const NfsMount &mount);
 
 }  // namespace talvek
 

@@ -6,11 +6,11 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
@@ -184,6 +184,9 @@ FAULT_CALL(pselect, int, -1,
            (int n, fd_set *r, fd_set *w, fd_set *e, const struct timespec *t, const sigset_t *s),
            (n, r, w, e, t, s))
 FAULT_CALL(poll, int, -1, (struct pollfd * fds, nfds_t n, int ms), (fds, n, ms))
+FAULT_CALL(ppoll, int, -1,
+           (struct pollfd * fds, nfds_t n, const struct timespec *t, const sigset_t *s),
+           (fds, n, t, s))
 FAULT_RELEASE(close, int, -1, (int fd), (fd))
 
 // Streams and directories.
@@ -241,6 +244,7 @@ FAULT_CALL(sigprocmask, int, -1, (int how, const sigset_t *now, sigset_t *old), 
 FAULT_CALL(setenv, int, -1, (const char *name, const char *value, int over), (name, value, over))
 FAULT_CALL(sethostname, int, -1, (const char *name, size_t size), (name, size))
 FAULT_CALL(gethostname, int, -1, (char *name, size_t size), (name, size))
+FAULT_CALL(getgroups, int, -1, (int size, gid_t *list), (size, list))
 FAULT_CALL(pthread_create, int, EAGAIN,
            (pthread_t * thread, const pthread_attr_t *attr, void *(*start)(void *), void *arg),
            (thread, attr, start, arg))
@@ -270,15 +274,15 @@ FAULT_CALL(recvfrom, ssize_t, -1,
 FAULT_CALL(socketpair, int, -1, (int domain, int type, int protocol, int *ends),
            (domain, type, protocol, ends))
 FAULT_CALL(shutdown, int, -1, (int fd, int how), (fd, how))
-FAULT_CALL(bindresvport, int, -1, (int fd, struct sockaddr_in *addr), (fd, addr))
 FAULT_CALL(getsockopt, int, -1, (int fd, int level, int name, void *value, socklen_t *size),
            (fd, level, name, value, size))
 FAULT_CALL(setsockopt, int, -1, (int fd, int level, int name, const void *value, socklen_t size),
            (fd, level, name, value, size))
 
-// Libraries.
-FAULT_CALL(dlopen, void *, nullptr, (const char *file, int flags), (file, flags))
-FAULT_CALL(dlsym, void *, nullptr, (void *library, const char *name), (library, name))
+FAULT_CALL(getaddrinfo, int, EAI_SYSTEM,
+           (const char *name, const char *service, const struct addrinfo *hints,
+            struct addrinfo **found),
+           (name, service, hints, found))
 
 // Terminals and time.
 FAULT_CALL(tcgetattr, int, -1, (int fd, struct termios *setting), (fd, setting))
