@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "dev/rpc_peer.h"
+#include "rpc_peer.h"
 #include "support/capture.h"
 #include "support/faults.h"
 

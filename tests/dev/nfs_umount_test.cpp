@@ -21,8 +21,8 @@
 #include <filesystem>
 
 #include "dev/mount.h"
-#include "dev/pretended_time.h"
-#include "dev/rpc_peer.h"
+#include "pretended_time.h"
+#include "rpc_peer.h"
 #include "support/cancellation.h"
 #include "support/capture.h"
 

@@ -1,4 +1,4 @@
-#include "dev/pretended_time.h"
+#include "pretended_time.h"
 
 #include <errno.h>
 #include <sys/socket.h>

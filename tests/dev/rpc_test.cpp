@@ -12,8 +12,8 @@
 #include <memory>
 #include <random>
 
-#include "dev/pretended_time.h"
-#include "dev/rpc_peer.h"
+#include "pretended_time.h"
+#include "rpc_peer.h"
 #include "support/capture.h"
 
 namespace {
@@ -346,7 +346,7 @@ std::string Printed(const Outcome &outcome) {
     return CaptureAll([&] { PrintFailure("Bad UMNT RPC", outcome); });
 }
 
-// The texts are those of clnt_perror and clnt_pcreateerror in libtirpc 1.3.3.
+// The texts are those of clnt_perror(3) and clnt_pcreateerror(3).
 TEST(PrintFailure, SaysTheReasonAsRpcUsersKnowIt) {
     const std::pair<Outcome, const char *> kRows[] = {
         {{.status = RPC_SUCCESS}, "Success"},
