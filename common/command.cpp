@@ -5,11 +5,13 @@
 #include <dirent.h>
 #include <errno.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
+#include <stddef.h>
 #include <stdio.h>
-#include <stdio_ext.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,32 +19,29 @@
 #include "base/cancel_guard.h"
 #include "base/heap_buf.h"
 #include "base/path.h"
+#include "base/scope_exit.h"
 #include "base/unique_dir.h"
 #include "base/unique_stream.h"
 #include "common/internal/child_fds.h"
 #include "common/internal/module_log.h"
 #include "common/internal/proc_entry.h"
 
-namespace talvek {
 namespace {
 
 // ---- the words of a command ----
 
-constexpr size_t kWordSlots = 128;
-constexpr size_t kWordSize = 128;
-
 // Neither block is cleared: only what the words fill is ever read.
 struct WordTable {
-    char words[kWordSlots][kWordSize];
-    char *args[kWordSlots];
+    char words[COM_COMMAND_WORDS][COM_COMMAND_WORD_SIZE];
+    char *args[COM_COMMAND_WORDS + 1];
 };
 
-// Splits at blanks; a command without a word has one that is empty. False when it does not fit.
+// Splits at blanks; a command without a word has an empty one. False when it does not fit.
 bool SplitWords(const char *pCmd, WordTable &table) {
     size_t count = 0;
     for (const char *at = pCmd + strspn(pCmd, " "); *at != '\0' || count == 0;) {
         const size_t length = strcspn(at, " ");
-        if (length >= kWordSize || count + 1 >= kWordSlots) {
+        if (length >= COM_COMMAND_WORD_SIZE || count >= COM_COMMAND_WORDS) {
             return false;
         }
         memcpy(table.words[count], at, length);
@@ -56,12 +55,23 @@ bool SplitWords(const char *pCmd, WordTable &table) {
     return true;
 }
 
+void LogNotExecuted(const char *pCmd, int error) {
+    const char *first = pCmd + strspn(pCmd, " ");
+    LOG_AS("COM_ParserCMD", "[%.*s] error : %s\n", static_cast<int>(strcspn(first, " ")), first,
+           strerror(error));
+}
+
 // ---- running ----
 
-// What COM_System changes of the process's signals. SIGINT and SIGQUIT belong to the whole
-// process, the mask to the thread.
+// Code that runs in the child while it shares the parent's memory. It is not instrumented: what a
+// sanitizer notes of its frames would stay in the parent, as the child never returns from them.
+#define TALVEK_CHILD_CODE __attribute__((no_sanitize("address", "thread")))
+
+// What COM_System changes of the process's signals. The actions of SIGINT and SIGQUIT belong to the
+// whole process, the mask to the thread.
 class CommandSignals {
   public:
+    // Ignores SIGINT and SIGQUIT, and blocks every signal until the child has its own actions.
     bool Set() {
         struct sigaction ignore = {};
         ignore.sa_handler = SIG_IGN;
@@ -70,10 +80,15 @@ class CommandSignals {
             sigaction(SIGQUIT, &ignore, &quit_) != 0) {
             return false;
         }
-        sigset_t child;
-        sigemptyset(&child);
-        sigaddset(&child, SIGCHLD);
-        return sigprocmask(SIG_BLOCK, &child, &mask_) == 0;
+        sigset_t all;
+        sigfillset(&all);
+        return sigprocmask(SIG_BLOCK, &all, &mask_) == 0;
+    }
+    // Blocks SIGCHLD alone beside what the caller had blocked.
+    bool BlockChildOnly() const {
+        sigset_t mask = mask_;
+        sigaddset(&mask, SIGCHLD);
+        return sigprocmask(SIG_SETMASK, &mask, nullptr) == 0;
     }
     // Restores all of them, also when one cannot be; false then.
     bool Restore() const {
@@ -82,6 +97,25 @@ class CommandSignals {
         const bool mask = sigprocmask(SIG_SETMASK, &mask_, nullptr) == 0;
         return interrupt && quit && mask;
     }
+    // Gives the child the caller's mask, and the actions that the caller's have after an execution:
+    // a handler becomes the default. It must not run here, on the parent's memory.
+    TALVEK_CHILD_CODE void RestoreInChild() const {
+        struct sigaction standard = {};
+        standard.sa_handler = SIG_DFL;
+        for (int sig = 1; sig < NSIG; ++sig) {
+            struct sigaction now;
+            if (sigaction(sig, nullptr, &now) != 0) {
+                continue;
+            }
+            const auto caller = sig == SIGINT    ? interrupt_.sa_handler
+                                : sig == SIGQUIT ? quit_.sa_handler
+                                                 : now.sa_handler;
+            if (caller != SIG_IGN && now.sa_handler != SIG_DFL) {
+                sigaction(sig, &standard, nullptr);
+            }
+        }
+        sigprocmask(SIG_SETMASK, &mask_, nullptr);
+    }
 
   private:
     struct sigaction interrupt_;
@@ -89,18 +123,31 @@ class CommandSignals {
     sigset_t mask_;
 };
 
-// The child has one thread, a copy of the caller's; the others' locks may be held for ever and
-// their work may be half done. What runs here is safe all the same: sigaction, sigprocmask,
-// close_range, execv and _exit by POSIX or by being plain system calls; malloc and the locks of
-// streams because the C library's fork sees to them. The text that another thread has just printed
-// into stdout's buffer is that thread's to write, so this copy of it is dropped.
-[[noreturn]] void RunChild(const char *pCmd, const CommandSignals &signals) {
-    __fpurge(stdout);
-    CloseAllButStdFds();
-    signals.Restore();
-    COM_ParserCMD(pCmd);
-    _exit(127);
+// What the child works with.
+struct Launch {
+    alignas(max_align_t) char stack[16 * 1024];
+    WordTable table;
+    bool fits;  // the command into the table
+    const CommandSignals *signals;
+    int *error;  // why the program is not executed; 0 if it is
+};
+
+// Runs in the child, on Launch::stack, with the parent's memory: it makes system calls only. Other
+// threads of the parent may hold any lock. The result is the exit code.
+TALVEK_CHILD_CODE int RunChild(void *pLaunch) {
+    Launch &launch = *static_cast<Launch *>(pLaunch);
+    talvek::CloseAllButStdFds();
+    launch.signals->RestoreInChild();
+    if (launch.fits) {
+        execv(launch.table.args[0], launch.table.args);
+    } else {
+        errno = E2BIG;
+    }
+    *launch.error = errno;
+    return COM_NOT_EXECUTED;
 }
+
+#undef TALVEK_CHILD_CODE
 
 int CollectStatus(pid_t pid) {
     int status = -1;
@@ -119,8 +166,8 @@ void Publish(int *pPid, pid_t pid) {
     }
 }
 
-// Withdraws the number between the end of the child and the collection of its status: only after the
-// collection can another process get the number.
+// Withdraws the number between the end of the child and the collection of its status: only after
+// the collection can another process get the number.
 int AwaitChild(pid_t pid, int *pPid) {
     siginfo_t ignored;
     while (waitid(P_PID, static_cast<id_t>(pid), &ignored, WEXITED | WNOWAIT) == -1 &&
@@ -128,6 +175,41 @@ int AwaitChild(pid_t pid, int *pPid) {
     }
     Publish(pPid, 0);
     return CollectStatus(pid);
+}
+
+// Runs the program and returns its status; -1 without a process.
+//
+// The child is not a copy: it has this process's memory until it executes the program, and this
+// thread waits so long (vfork). The cost does not grow with the memory in use. Emulators make a
+// copy all the same; the child's error reaches the parent through a page that is shared even then.
+int Run(const char *pCmd, const CommandSignals &signals, int *pPid) {
+    constexpr const char *kFunction = "COM_System";
+    constexpr int kAccess = PROT_READ | PROT_WRITE;
+    talvek::HeapBuf<Launch> launch;
+    void *page = launch.Resize(1)
+                     ? mmap(nullptr, sizeof(int), kAccess, MAP_SHARED | MAP_ANONYMOUS, -1, 0)
+                     : MAP_FAILED;
+    if (page == MAP_FAILED) {
+        LOG_ERRNO_AS(kFunction, "fork() failed : %s\n");
+        return -1;
+    }
+    const talvek::ScopeExit unmap{[page] { munmap(page, sizeof(int)); }};
+    launch[0].fits = SplitWords(pCmd, launch[0].table);
+    launch[0].signals = &signals;
+    launch[0].error = static_cast<int *>(page);
+    const pid_t pid = clone(RunChild, launch[0].stack + sizeof launch[0].stack,
+                            CLONE_VM | CLONE_VFORK | SIGCHLD, launch.get());
+    if (pid < 0) {
+        LOG_ERRNO_AS(kFunction, "fork() failed : %s\n");
+        return -1;
+    }
+    Publish(pPid, pid);
+    const bool unblocked = signals.BlockChildOnly();
+    const int status = AwaitChild(pid, pPid);
+    if (status != 0 && *launch[0].error != 0) {
+        LogNotExecuted(pCmd, *launch[0].error);
+    }
+    return unblocked ? status : -1;
 }
 
 // ---- sleeping ----
@@ -157,7 +239,7 @@ void Unlock(void *pMutex) {
     pthread_mutex_unlock(static_cast<pthread_mutex_t *>(pMutex));
 }
 
-int SetInterface(const char *pEntry, const char *pIfName, const char *pDirection) {
+int SetInterface(const char *pFunction, const char *pIfName, const char *pDirection) {
     if (getuid() != 0 || pIfName == nullptr) {
         return -1;
     }
@@ -165,7 +247,7 @@ int SetInterface(const char *pEntry, const char *pIfName, const char *pDirection
     const int length =
         snprintf(command, sizeof command, "%s %s %s", "/sbin/ifconfig", pIfName, pDirection);
     if (length >= static_cast<int>(sizeof command)) {
-        LOG_AS(pEntry, "Warning! overflow (len, size) = (%d, %d)\n", length,
+        LOG_AS(pFunction, "Warning! overflow (len, size) = (%d, %d)\n", length,
                static_cast<int>(sizeof command));
         return -1;
     }
@@ -173,31 +255,20 @@ int SetInterface(const char *pEntry, const char *pIfName, const char *pDirection
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_System(const char *pCmd, int *pPid) {
+    const talvek::CancelGuard guard;
     if (pCmd == nullptr) {
         LOG("pCMD == NULL\n");
         return -1;
     }
-    const talvek::CancelGuard guard;
     // Flush first, so that our output precedes the command's.
     fflush(stdout);
-    talvek::CommandSignals signals;
+    CommandSignals signals;
     if (!signals.Set()) {
         return -1;
     }
-    int status = -1;
-    const pid_t pid = fork();
-    if (pid == 0) {
-        talvek::RunChild(pCmd, signals);
-    }
-    if (pid < 0) {
-        LOG_ERRNO("fork() failed : %s\n");
-    } else {
-        talvek::Publish(pPid, pid);
-        status = talvek::AwaitChild(pid, pPid);
-    }
+    const int status = Run(pCmd, signals, pPid);
     return signals.Restore() ? status : -1;
 }
 
@@ -206,22 +277,20 @@ int COM_ParserCMD(const char *pCmd) {
         LOG("pCMD == NULL\n");
         return -1;
     }
-    const talvek::HeapBuf<talvek::WordTable> table{
-        static_cast<talvek::WordTable *>(malloc(sizeof(talvek::WordTable)))};
-    if (!table) {
-        errno = ENOMEM;
-    } else if (!talvek::SplitWords(pCmd, table[0])) {
-        errno = E2BIG;
-    } else {
-        execv(table[0].args[0], table[0].args);
+    talvek::HeapBuf<WordTable> table;
+    if (table.Resize(1)) {
+        if (SplitWords(pCmd, table[0])) {
+            execv(table[0].args[0], table[0].args);
+        } else {
+            errno = E2BIG;
+        }
     }
-    const int error = errno;
-    const char *first = pCmd + strspn(pCmd, " ");
-    LOG("[%.*s] error : %s\n", static_cast<int>(strcspn(first, " ")), first, strerror(error));
+    LogNotExecuted(pCmd, errno);
     return -1;
 }
 
 int COM_KillPid(int pid, unsigned usec) {
+    const talvek::CancelGuard guard;
     if (pid < 1) {
         LOG("Invalid pid = %d\n", pid);
         return -1;
@@ -240,8 +309,9 @@ int COM_KillPid(int pid, unsigned usec) {
 }
 
 int COM_KillProcess(const char *pName, int pid, int sig) {
+    const talvek::CancelGuard guard;
     if (pName == nullptr) {
-        return pid < 1 ? -1 : talvek::SendSignal(pid, sig);
+        return pid < 1 ? -1 : SendSignal(pid, sig);
     }
     const talvek::UniqueDir proc{opendir("/proc")};
     if (!proc) {
@@ -258,20 +328,20 @@ int COM_KillProcess(const char *pName, int pid, int sig) {
             strncmp(line, pName, strlen(pName)) != 0) {
             continue;
         }
-        const int target = talvek::PidOfEntry(name);
+        const int target = talvek::NumberOfEntry(name);
         LOG("[pid:%d] - kill(%d[%s], %d)\n", getpid(), target, pName, sig);
         // An entry that is no process ("self") ends the search when it matches.
-        // Held by KillProcess.DoesNotSignalItsOwnProgramByName.
-        return target > 0 ? talvek::SendSignal(target, sig) : -1;
+        // Tested by KillProcess.DoesNotSignalItsOwnProgramByName.
+        return target > 0 ? SendSignal(target, sig) : -1;
     }
     return -1;
 }
 
 int COM_CheckProcState(tProcState *pProc) {
+    const talvek::CancelGuard guard;
     if (pProc == nullptr) {
         return -1;
     }
-    const talvek::CancelGuard guard;
     char path[32];
     snprintf(path, sizeof path, "/proc/%d/stat", pProc->pid);
     const talvek::UniqueFile stream{talvek::OpenStream(path, "r")};
@@ -300,9 +370,9 @@ int COM_SleepAtLeast(const struct timespec *pTime, int maxRounds) {
     gettimeofday(&start, nullptr);
     nanosleep(pTime, nullptr);
     int rounds = 0;
-    while (!talvek::HasPassed(start, *pTime) && rounds < maxRounds) {
+    while (!HasPassed(start, *pTime) && rounds < maxRounds) {
         ++rounds;
-        nanosleep(&talvek::kShortRound, nullptr);
+        nanosleep(&kShortRound, nullptr);
     }
     if (rounds >= maxRounds) {
         LOG("Woops! timeout = %d\n", rounds);
@@ -311,15 +381,17 @@ int COM_SleepAtLeast(const struct timespec *pTime, int maxRounds) {
 }
 
 int COM_IfUp(const char *pIfName) {
-    return talvek::SetInterface(__func__, pIfName, "up");
+    const talvek::CancelGuard guard;
+    return SetInterface(__func__, pIfName, "up");
 }
 
 int COM_IfDown(const char *pIfName) {
-    return talvek::SetInterface(__func__, pIfName, "down");
+    const talvek::CancelGuard guard;
+    return SetInterface(__func__, pIfName, "down");
 }
 
-int COM_CallLocked(pthread_mutex_t *pMutex, void *pArg, int (*pFn)(void *pArg)) {
-    if (pMutex == nullptr || pFn == nullptr) {
+int COM_CallLocked(pthread_mutex_t *pMutex, void *pArg, int (*pFunction)(void *pArg)) {
+    if (pMutex == nullptr || pFunction == nullptr) {
         return -1;
     }
     const int error = pthread_mutex_lock(pMutex);
@@ -328,8 +400,8 @@ int COM_CallLocked(pthread_mutex_t *pMutex, void *pArg, int (*pFn)(void *pArg)) 
         return -1;
     }
     int result = 0;
-    pthread_cleanup_push(talvek::Unlock, pMutex);
-    result = pFn(pArg);
+    pthread_cleanup_push(Unlock, pMutex);
+    result = pFunction(pArg);
     pthread_cleanup_pop(1);
     return result;
 }

@@ -4,57 +4,19 @@
 
 #include <dirent.h>
 #include <errno.h>
-#include <fcntl.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <time.h>
-#include <unistd.h>
 
-#include "base/path.h"
+#include "base/cancel_guard.h"
+#include "base/characters.h"
 #include "base/unique_dir.h"
-#include "base/unique_fd.h"
 #include "common/internal/module_log.h"
+#include "common/internal/proc_entry.h"
 
-namespace talvek {
 namespace {
-
-constexpr char kProc[] = "/proc";
-
-// Reads the program name of a process: the first line of its command line, up to the first NUL.
-bool ProgramNameContains(const char *pPid, const char *pText) {
-    char buf[128];
-    if (snprintf(buf, sizeof buf, "%s/%s/%s", kProc, pPid, "cmdline") >=
-        static_cast<int>(sizeof buf)) {
-        return false;
-    }
-    const UniqueFd fd{OpenPath(buf, O_RDONLY)};
-    if (!fd) {
-        return false;  // the process has ended since the directory was read
-    }
-    memset(buf, 0, sizeof buf);
-    if (read(fd.get(), buf, sizeof buf - 1) < 0) {
-        buf[0] = '\0';
-    }
-    // The newline belongs to the line, as a text with a newline at its end may ask for it.
-    char *newline = strchr(buf, '\n');
-    if (newline != nullptr) {
-        newline[1] = '\0';
-    }
-    return strstr(buf, pText) != nullptr;
-}
-
-constexpr int HexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
 
 // Calls `copy` with each piece of the ring that a copy of `len` bytes touches, in order, and the
 // number of bytes copied before it.
@@ -71,30 +33,34 @@ void ForEachRingPiece(int offset, int ringSize, int len, Copy copy) {
     }
 }
 
-struct Timeout {
-    int option;
+struct SocketOption {
+    int number;
     const char *name;
 };
 
-constexpr Timeout kTimeouts[] = {
+constexpr SocketOption kTimeouts[] = {
     {SO_SNDTIMEO, "SO_SNDTIMEO"},
     {SO_RCVTIMEO, "SO_RCVTIMEO"},
 };
 
 }  // namespace
-}  // namespace talvek
 
 int COM_CheckProcExist(const char *pText) {
+    const talvek::CancelGuard guard;
     if (pText == nullptr) {
         return -1;
     }
-    const talvek::UniqueDir dir{opendir(talvek::kProc)};
+    const talvek::UniqueDir dir{opendir("/proc")};
     if (!dir) {
         return -1;
     }
     while (const struct dirent *entry = readdir(dir.get())) {
-        const char first = entry->d_name[0];
-        if (first >= '0' && first <= '9' && talvek::ProgramNameContains(entry->d_name, pText)) {
+        if (!talvek::IsDigit(entry->d_name[0])) {
+            continue;
+        }
+        char line[128] = "";
+        talvek::ReadCmdline(entry->d_name, line, sizeof line);
+        if (strstr(line, pText) != nullptr) {
             return 0;
         }
     }
@@ -107,7 +73,7 @@ int COM_DecodeHexEscape(char *pDst, const char *pSrc) {
     }
     char *to = pDst;
     for (const char *from = pSrc; *from != '\0';) {
-        // The second digit is looked at only behind a first one, so never beyond the NUL.
+        // The second digit is read only after a first one, so never beyond the NUL.
         const int high = *from == '=' ? talvek::HexValue(from[1]) : -1;
         const int low = high >= 0 ? talvek::HexValue(from[2]) : -1;
         if (low < 0) {
@@ -121,6 +87,7 @@ int COM_DecodeHexEscape(char *pDst, const char *pSrc) {
 }
 
 int COM_SendAll(int sock, const void *pData, int len) {
+    const talvek::CancelGuard guard;
     const char *next = static_cast<const char *>(pData);
     int left = len;
     while (left > 0) {
@@ -140,7 +107,7 @@ void COM_ReadRingBuf(void *pDst, const void *pRing, int offset, int ringSize, in
     }
     char *dst = static_cast<char *>(pDst);
     const char *ring = static_cast<const char *>(pRing);
-    talvek::ForEachRingPiece(offset, ringSize, len, [=](size_t at, size_t done, size_t count) {
+    ForEachRingPiece(offset, ringSize, len, [=](size_t at, size_t done, size_t count) {
         memcpy(dst + done, ring + at, count);
     });
 }
@@ -151,18 +118,19 @@ void COM_WriteRingBuf(void *pRing, int offset, int ringSize, const void *pSrc, i
     }
     char *ring = static_cast<char *>(pRing);
     const char *src = static_cast<const char *>(pSrc);
-    talvek::ForEachRingPiece(offset, ringSize, len, [=](size_t at, size_t done, size_t count) {
+    ForEachRingPiece(offset, ringSize, len, [=](size_t at, size_t done, size_t count) {
         memcpy(ring + at, src + done, count);
     });
 }
 
 int COM_SleepTrace(int sec, int nsec, const char *pTag, int line) {
+    const talvek::CancelGuard guard;
     const struct timespec time = {.tv_sec = sec, .tv_nsec = nsec};
     if (pTag == nullptr) {
         return nanosleep(&time, nullptr);
     }
     printf("[%s, %d] : B4 %d. %d sec Sleep\n", pTag, line, sec, nsec);
-    fflush(stdout);  // the line tells that the sleep begins
+    fflush(stdout);  // the line appears when the sleep begins
     nanosleep(&time, nullptr);
     const int count = printf("[%s, %d] : After %d. %d sec Sleep\n", pTag, line, sec, nsec);
     fflush(stdout);
@@ -171,8 +139,8 @@ int COM_SleepTrace(int sec, int nsec, const char *pTag, int line) {
 
 int COM_SetSockTimeout(int sock, int seconds) {
     const struct timeval time = {.tv_sec = seconds, .tv_usec = 0};
-    for (const talvek::Timeout &timeout : talvek::kTimeouts) {
-        if (setsockopt(sock, SOL_SOCKET, timeout.option, &time, sizeof time) != 0) {
+    for (const SocketOption &timeout : kTimeouts) {
+        if (setsockopt(sock, SOL_SOCKET, timeout.number, &time, sizeof time) != 0) {
             LOG_ERRNO("setsockopt(%d, %s, %d sec) failed - %s\n", sock, timeout.name, seconds);
             return -1;
         }

@@ -3,34 +3,21 @@
 
 #include "common/process.h"
 
-#include <ctype.h>
 #include <dirent.h>
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "base/cancel_guard.h"
+#include "base/characters.h"
 #include "base/path.h"
 #include "base/unique_dir.h"
 #include "base/unique_stream.h"
-#include "common/internal/child_fds.h"
 #include "common/internal/module_log.h"
 #include "common/internal/proc_entry.h"
-
-namespace talvek {
-
-void CloseAllButStdFds() {
-#ifdef SYS_close_range
-    if (syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0) == 0) {
-        return;
-    }
-#endif
-    COM_CloseFdExceptSTD(getpid());
-}
 
 namespace {
 
@@ -47,8 +34,8 @@ bool Terminate(int pid, const char *pFirst, const char *pSecond) {
     return true;
 }
 
-// What fgets reads, but a signal that interrupts the read costs no part of a line. Held by
-// Interruption.KeepsThePartOfALineThatWasRead. nullptr at the end of the output.
+// What fgets reads, but a signal that interrupts the read loses no part of a line. NULL at the end
+// of the output. Tested by Interruption.KeepsThePartOfALineThatWasRead.
 const char *NextLine(char *pLine, size_t size, FILE *pStream) {
     size_t length = 0;
     while (length + 1 < size && (length == 0 || pLine[length - 1] != '\n')) {
@@ -66,7 +53,6 @@ const char *NextLine(char *pLine, size_t size, FILE *pStream) {
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_SavePid(const char *pFileName) {
     const talvek::CancelGuard guard;
@@ -82,7 +68,7 @@ int COM_SavePid(const char *pFileName) {
         LOG_ERRNO("write(%s) error : %s\n", pFileName);
     }
     // Callers ignore the result, and it is the same on success.
-    // Held by SavePid.WritesThePidAndReturnsMinusOne.
+    // Tested by SavePid.WritesThePidAndReturnsMinusOne.
     return -1;
 }
 
@@ -97,20 +83,18 @@ int COM_KillDhcpProc(const char *pFirst, const char *pSecond) {
     int result = -1;
     while (const struct dirent *entry = readdir(proc.get())) {
         char line[128 + 1];
-        if (isdigit(static_cast<unsigned char>(entry->d_name[0])) == 0 ||
+        if (!talvek::IsDigit(entry->d_name[0]) ||
             !talvek::ReadCmdline(entry->d_name, line, sizeof line) ||
             strstr(line, pFirst) == nullptr || strstr(line, pSecond) == nullptr) {
             continue;
         }
-        if (talvek::Terminate(talvek::PidOfEntry(entry->d_name), pFirst, pSecond)) {
+        if (Terminate(talvek::NumberOfEntry(entry->d_name), pFirst, pSecond)) {
             result = 0;
         }
     }
     return result;
 }
 
-// Between fork and exec in a program with threads this relies on the C library: opendir allocates,
-// and malloc works in the child because fork leaves its locks free; so does the logger's stream.
 int COM_CloseFdExceptSTD(int pid) {
     const talvek::CancelGuard guard;
     char path[40];
@@ -122,7 +106,7 @@ int COM_CloseFdExceptSTD(int pid) {
     const int own = dirfd(dir.get());
     bool ownListed = false;
     while (const struct dirent *entry = readdir(dir.get())) {
-        const int fd = talvek::PidOfEntry(entry->d_name);
+        const int fd = talvek::NumberOfEntry(entry->d_name);
         if (fd == own) {
             ownListed = true;
         } else if (fd > STDERR_FILENO) {
@@ -131,7 +115,7 @@ int COM_CloseFdExceptSTD(int pid) {
     }
     // The listing's own descriptor goes last, or a long listing could not be read to its end. That
     // closedir then finds it closed is the result that callers know.
-    // Held by CloseFdExceptSTD.ClosesItsOwnListingToo.
+    // Tested by CloseFdExceptSTD.ClosesItsOwnListingToo.
     if (ownListed) {
         close(own);
     }
@@ -150,7 +134,7 @@ int COM_PopenRead(const char *pCmd, void * /*pIgnored*/, void *pUser, tComLineFn
         return -1;
     }
     char line[256];
-    while (talvek::NextLine(line, sizeof line, pipe.get()) != nullptr) {
+    while (NextLine(line, sizeof line, pipe.get()) != nullptr) {
         if (pCallback != nullptr) {
             pCallback(line, pUser);
         }

@@ -3,8 +3,8 @@
 
 namespace talvek {
 
-// What COM_CloseFdExceptSTD does for the calling process, with one system call where the kernel has
-// it (Linux 5.9). Safe in a forked child of a program with threads.
+// Closes every descriptor above 2 of the calling process. Safe in a child that shares its parent's
+// memory (vfork): it makes system calls only, neither allocates nor locks.
 void CloseAllButStdFds();
 
 }  // namespace talvek

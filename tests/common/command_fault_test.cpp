@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,15 +39,20 @@ bool IsBlocked(int sig) {
 
 // ---- COM_System ----
 
-TEST(SystemFault, ReportsEachFailure) {
+// Calls of the child count too: it has the memory of its parent.
+TEST(SystemFault, LeavesNothingWhicheverCallFails) {
     EXPECT_LT(7, EveryCallFails(ENOMEM, [] {
                   int pid = 0;
                   const int result = COM_System("/bin/true", &pid);
                   const std::string which = Fault::Which();
-                  const bool needed = which == "sigaction" || which == "sigprocmask" ||
-                                      which == "fork" || which == "waitpid";
-                  if (needed) {
+                  if (which == "mmap" || which == "clone" || which == "waitpid" ||
+                      which == "malloc" || which == "realloc") {
                       EXPECT_EQ(-1, result) << which;
+                  } else if (which == "execv") {
+                      EXPECT_EQ(COM_NOT_EXECUTED << 8, result);
+                  } else {
+                      EXPECT_TRUE(result == 0 || which == "sigaction" || which == "sigprocmask")
+                          << which;
                   }
                   EXPECT_EQ(0, pid) << which;
                   if (which == "waitpid") {
@@ -56,17 +62,24 @@ TEST(SystemFault, ReportsEachFailure) {
               }));
 }
 
-TEST(SystemFault, TellsThatItCannotFork) {
-    int pid = 77;
-    const bool ignored = IsIgnored(SIGINT);
-    EXPECT_EQ((Lines{"COMMON:COM_System(): fork() failed : Resource temporarily unavailable"}),
-              CaptureLog([&] {
-                  const Fault fault{"fork", 0, EAGAIN};
-                  EXPECT_EQ(-1, COM_System("/bin/true", &pid));
-              }));
-    EXPECT_EQ(77, pid);
-    EXPECT_EQ(ignored, IsIgnored(SIGINT)) << "the signals are as before";
-    EXPECT_FALSE(IsBlocked(SIGCHLD));
+TEST(SystemFault, ReportsThatNoProcessCanBeMade) {
+    struct Case {
+        const char *call;
+        int error;
+    };
+    for (const Case &c : {Case{"clone", EAGAIN}, Case{"mmap", ENOMEM}}) {
+        int pid = 77;
+        const bool ignored = IsIgnored(SIGINT);
+        EXPECT_EQ((Lines{"COMMON:COM_System(): fork() failed : " + std::string{strerror(c.error)}}),
+                  CaptureLog([&] {
+                      const Fault fault{c.call, 0, c.error};
+                      EXPECT_EQ(-1, COM_System("/bin/true", &pid));
+                  }));
+        EXPECT_EQ(77, pid);
+        EXPECT_EQ(ignored, IsIgnored(SIGINT)) << "the signals are as before";
+        EXPECT_FALSE(IsBlocked(SIGCHLD));
+        EXPECT_FALSE(IsBlocked(SIGTERM));
+    }
 }
 
 // A SIGINT that was changed already is not restored: signals of a valid number do not fail, so
@@ -93,22 +106,30 @@ TEST(SystemFault, ReturnsAtOnceWhenSignalsCannotBeSet) {
     }
 }
 
+// How often COM_System makes a call, its child included.
+int CallsOf(const char *pCall) {
+    const Fault never{pCall, 10000, EINVAL};
+    EXPECT_EQ(0, COM_System("/bin/true", nullptr));
+    return Fault::Passed();
+}
+
+// The last three calls restore SIGINT, SIGQUIT and the mask.
 TEST(SystemFault, FailsWhenSignalsCannotBeRestored) {
     struct Case {
         const char *call;
-        int nth;
+        int fromEnd;
         bool interruptIgnored;
         bool quitIgnored;
         bool childBlocked;
     };
     for (const Case &c :
-         {Case{"sigaction", 2, true, false, false}, Case{"sigaction", 3, false, true, false},
+         {Case{"sigaction", 2, true, false, false}, Case{"sigaction", 1, false, true, false},
           Case{"sigprocmask", 1, false, false, true}}) {
         RunInPrivateWorld(kMounts, [&c] {
             signal(SIGINT, SIG_DFL);
             signal(SIGQUIT, SIG_DFL);
             Capture([&] {
-                const Fault fault{c.call, c.nth, EINVAL};
+                const Fault fault{c.call, CallsOf(c.call) - c.fromEnd, EINVAL};
                 EXPECT_EQ(-1, COM_System("/bin/true", nullptr));
                 EXPECT_TRUE(Fault::Tripped());
             });
@@ -117,6 +138,12 @@ TEST(SystemFault, FailsWhenSignalsCannotBeRestored) {
             EXPECT_EQ(c.childBlocked, IsBlocked(SIGCHLD));
         });
     }
+}
+
+TEST(SystemFault, FailsWhenTheMaskCannotBeOpenedForTheWait) {
+    const Fault fault{"sigprocmask", CallsOf("sigprocmask") - 2, EINVAL};
+    EXPECT_EQ(-1, COM_System("/bin/true", nullptr));
+    EXPECT_FALSE(IsBlocked(SIGTERM)) << "it is restored";
 }
 
 TEST(SystemFault, WaitsAgainAfterAnInterruption) {
@@ -137,43 +164,86 @@ TEST(SystemFault, HasNoStatusAfterAnyOtherFailureToWait) {
     EXPECT_LT(0, wait(nullptr));
 }
 
-// A kernel before Linux 5.9.
-TEST(SystemFault, ClosesDescriptorsOneByOneWhereTheKernelKnowsNoRange) {
-    const int first = dup(0);
-    const int last = fcntl(0, F_DUPFD, 700);
-    ASSERT_LE(700, last);
-    const std::string output = Capture([] {
+// What a command sees of the descriptors 3 to 9, on a kernel before Linux 5.9. The script needs no
+// /proc.
+std::string InheritedWithoutCloseRange() {
+    WriteFile("/var/script",
+              "for fd in 3 4 5 6 7 8 9; do eval \": <&$fd\" 2>/dev/null && echo $fd; done\n");
+    return Capture([] {
         const Fault fault{"syscall", 0, ENOSYS};
-        EXPECT_EQ(0, COM_System("/bin/ls /proc/self/fd", nullptr));
+        COM_System("/bin/sh /var/script", nullptr);
+        EXPECT_TRUE(Fault::Tripped());
     });
-    EXPECT_EQ("0\n1\n2\n3\n", output);
-    close(first);
-    close(last);
 }
 
-TEST(SystemFault, TellsWhyTheChildCannotExecute) {
-    struct Case {
-        const char *call;
-        int error;
-    };
-    for (const Case &c : {Case{"malloc", ENOMEM}, Case{"execv", ETXTBSY}}) {
-        EXPECT_EQ((Lines{"COMMON:COM_ParserCMD(): [/bin/true] error : " +
-                         std::string{strerror(c.error)}}),
-                  CaptureLog([&] {
-                      const Fault fault{c.call, 0, c.error};
-                      EXPECT_EQ(127 << 8, COM_System("  /bin/true  word ", nullptr));
+TEST(SystemFault, ClosesDescriptorsOneByOneWhereTheKernelKnowsNoRange) {
+    RunInPrivateWorld(kMounts, [] {
+        MountTmpfs("/var");
+        ASSERT_EQ(9, dup2(0, 9));
+        EXPECT_EQ("", InheritedWithoutCloseRange());
+
+        // More than one reading of the listing brings.
+        while (dup(0) < 700) {
+        }
+        EXPECT_EQ("0\n1\n2\n3\n", Capture([] {
+                      const Fault fault{"syscall", 0, ENOSYS};
+                      EXPECT_EQ(0, COM_System("/bin/ls /proc/self/fd", nullptr));
                   }));
-    }
+    });
 }
 
+TEST(SystemFault, ClosesDescriptorsWhenEachNumberIsInUse) {
+    RunInPrivateWorld(kMounts, [] {
+        MountTmpfs("/var");
+        ASSERT_EQ(500, dup2(0, 500));  // above the limit that is set now
+        struct rlimit limit;
+        ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+        // The script takes descriptors too.
+        limit.rlim_cur = 40;
+        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+        while (dup(0) != -1) {
+        }
+        for (int fd = 30; fd < 40; ++fd) {
+            close(fd);  // for the test's own files
+        }
+        WriteFile("/var/script", "exec ls /proc/self/fd\n");
+        EXPECT_EQ("0\n1\n2\n3\n", Capture([] {
+                      while (dup(0) != -1) {
+                      }
+                      const Fault fault{"syscall", 0, ENOSYS};
+                      EXPECT_EQ(0, COM_System("/bin/sh /var/script", nullptr));
+                  }));
+        for (int fd = 30; fd < 40; ++fd) {
+            close(fd);
+        }
+    });
+}
+
+TEST(SystemFault, ClosesDescriptorsWithoutProc) {
+    RunInPrivateWorld(kMounts, [] {
+        MountTmpfs("/var");
+        ReplaceDir("/proc");
+        ASSERT_EQ(9, dup2(0, 9));
+        EXPECT_EQ("", InheritedWithoutCloseRange());
+    });
+}
+
+TEST(SystemFault, LogsWhyTheProgramIsNotExecuted) {
+    EXPECT_EQ((Lines{"COMMON:COM_ParserCMD(): [/bin/true] error : Text file busy"}), CaptureLog([] {
+                  const Fault fault{"execv", 0, ETXTBSY};
+                  EXPECT_EQ(COM_NOT_EXECUTED << 8, COM_System("  /bin/true  word ", nullptr));
+              }));
+}
+
+// The first call allocates, the second executes.
 TEST(ParserCMDFault, ReturnsAfterEachFailure) {
-    for (const char *call : {"malloc", "execv"}) {
+    for (const int nth : {0, 1}) {
         const long blocks = talvek::test::HeldBlocks();
-        Capture([&] {
-            const Fault fault{call, 0, ENOMEM};
-            EXPECT_EQ(-1, COM_ParserCMD("/bin/true"));
-            EXPECT_TRUE(Fault::Tripped());
-        });
+        EXPECT_EQ((Lines{"COMMON:COM_ParserCMD(): [/bin/true] error : Cannot allocate memory"}),
+                  LogLines(CaptureUnderFault([nth] {
+                      const Fault fault{nullptr, nth, ENOMEM};
+                      EXPECT_EQ(-1, COM_ParserCMD("/bin/true"));
+                  })));
         EXPECT_EQ(blocks, talvek::test::HeldBlocks());
     }
 }

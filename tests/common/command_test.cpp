@@ -8,7 +8,9 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -189,6 +191,63 @@ TEST(System, IgnoresSigintAndSigquitAndBlocksSigchldMeanwhile) {
     });
 }
 
+// The child starts in the memory of its parent; what a handler does there would be done to the
+// parent. The signals go to the whole process group.
+TEST(System, RunsNoHandlerOfTheCallerInTheChild) {
+    RunInPrivateWorld(kPids, [] {
+        static pid_t parent = 0;
+        static volatile sig_atomic_t ranInTheChild = 0;
+        parent = getpid();
+        ASSERT_EQ(0, setpgid(0, 0));
+        signal(SIGUSR1, SIG_IGN);
+        const ChildProcess storm{"/bin/sh", {"sh", "-c", "while :; do kill -s USR1 0; done"}};
+        signal(SIGUSR1, [](int) {
+            if (getpid() != parent) {
+                ranInTheChild = 1;
+            }
+        });
+        for (int i = 0; i < 100; ++i) {
+            const int status = COM_System("/bin/true", nullptr);
+            EXPECT_TRUE(status == 0 || status == SIGUSR1) << status;
+        }
+        EXPECT_EQ(0, ranInTheChild);
+    });
+}
+
+bool IsVforkAFork() {
+    static volatile int seen;
+    seen = 0;
+    const pid_t pid = vfork();
+    if (pid == 0) {
+        seen = 1;
+        _exit(0);
+    }
+    waitpid(pid, nullptr, 0);
+    return seen == 0;
+}
+
+// After a fork, each page that the parent writes to is copied, at the price of a page fault.
+TEST(System, DoesNotCopyTheMemoryOfTheCaller) {
+    if (IsVforkAFork()) {
+        GTEST_SKIP() << "vfork is a fork here";
+    }
+    constexpr size_t kSize = size_t{16} << 20;
+    void *memory = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(MAP_FAILED, memory);
+    madvise(memory, kSize, MADV_NOHUGEPAGE);
+    memset(memory, 1, kSize);
+    const auto faults = [] {
+        struct rusage usage;
+        getrusage(RUSAGE_SELF, &usage);
+        return usage.ru_minflt;
+    };
+    const long before = faults();
+    EXPECT_EQ(0, COM_System("/bin/true", nullptr));
+    memset(memory, 2, kSize);
+    EXPECT_GT(static_cast<long>(kSize) / sysconf(_SC_PAGESIZE) / 4, faults() - before);
+    munmap(memory, kSize);
+}
+
 TEST(System, WaitsOnWhenASignalInterrupts) {
     RunInPrivateWorld(kMounts, [] {
         const Interruptions often{5};
@@ -222,9 +281,9 @@ TEST(System, PutsWhatWasPrintedBeforeWhatTheCommandPrintsAndOnce) {
         })));
 }
 
-// Other threads log and allocate while children are forked that log as well: no child may wait for
-// a lock that nobody will release, and no line of another thread may appear twice.
-TEST(System, LogsFromTheChildOfAProgramWithBusyThreads) {
+// Other threads log and allocate while commands are started: no child may wait for a lock that
+// nobody will release, and no line of another thread may appear twice.
+TEST(System, LogsEachLineOnceInAProgramWithBusyThreads) {
     constexpr int kRuns = 40;
     std::atomic<bool> stop{false};
     std::atomic<int> logged{0};
@@ -293,7 +352,7 @@ TEST(ParserCMD, TakesACommandWithoutAWordAsAnEmptyOne) {
               CaptureLog([] { EXPECT_EQ(-1, COM_ParserCMD(nullptr)); }));
 }
 
-// A slot holds 127 characters and the NUL.
+// A word has up to 127 characters and the NUL.
 TEST(ParserCMD, RefusesAWordThatDoesNotFit) {
     for (const size_t length : {126, 127, 128, 129, 1000}) {
         const std::string word(length, 'w');

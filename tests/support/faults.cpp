@@ -20,6 +20,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -38,6 +39,7 @@ namespace {
 struct Plan {
     bool armed = false;
     const char *function = nullptr;
+    int nth = 0;
     int left = 0;
     int error = 0;
     const char *tripped = nullptr;
@@ -156,6 +158,10 @@ ssize_t __wrap_getline(char **line, size_t *size, FILE *stream) {
     return __wrap___getdelim(line, size, '\n', stream);
 }
 
+FAULT_CALL(mmap, void *, MAP_FAILED,
+           (void *at, size_t size, int access, int flags, int fd, off_t offset),
+           (at, size, access, flags, fd, offset))
+
 // Descriptors.
 FAULT_CALL(open, int, -1, (const char *path, int flags, mode_t mode), (path, flags, mode))
 FAULT_CALL(openat, int, -1, (int dir, const char *path, int flags, mode_t mode),
@@ -232,6 +238,8 @@ FAULT_CALL(umount2, int, -1, (const char *dir, int flags), (dir, flags))
 
 // Processes, signals and threads.
 FAULT_CALL(fork, pid_t, -1, (void), ())
+FAULT_CALL(clone, int, -1, (int (*run)(void *), void *stack, int flags, void *arg),
+           (run, stack, flags, arg))
 FAULT_CALL(system, int, -1, (const char *command), (command))
 FAULT_CALL(waitpid, pid_t, -1, (pid_t pid, int *status, int options), (pid, status, options))
 FAULT_CALL(waitid, int, -1, (idtype_t type, id_t id, siginfo_t *info, int options),
@@ -296,7 +304,7 @@ FAULT_CALL(gmtime_r, struct tm *, nullptr, (const time_t *t, struct tm *out), (t
 namespace talvek::test {
 
 Fault::Fault(const char *function, int nth, int error) {
-    g_plan = {true, function, nth, error, nullptr};
+    g_plan = {true, function, nth, nth, error, nullptr};
 }
 
 Fault::~Fault() {
@@ -309,6 +317,10 @@ bool Fault::Tripped() {
 
 std::string Fault::Which() {
     return g_plan.tripped != nullptr ? g_plan.tripped : "";
+}
+
+int Fault::Passed() {
+    return g_plan.nth - g_plan.left;
 }
 
 long HeldBlocks() {

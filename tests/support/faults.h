@@ -20,8 +20,10 @@ class Fault {
     Fault &operator=(const Fault &) = delete;
 
     [[nodiscard]] static bool Tripped();
-    [[nodiscard]] static std::string
-    Which();  // name of the function that failed, empty if none did
+    // Name of the function that failed, empty if none did.
+    [[nodiscard]] static std::string Which();
+    // Calls that did not fail, until one does.
+    [[nodiscard]] static int Passed();
 };
 
 // Heap blocks that calls made through the wrapped functions hold at this moment.
