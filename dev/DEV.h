@@ -24,8 +24,7 @@
  * read as 0. Threads     Calls may run in several threads at once, but two threads must not use one
  *               descriptor at the same time.
  *   Cancelling  Cancellation of a thread waits until a call is over.
- *   Stack       A thread stack of 32 KiB is enough. Entries that need DEV_REPLY_SIZE bytes more say
- *               so.
+ *   Stack       An entry uses at most 12 KiB. Entries that use DEV_REPLY_SIZE bytes more say so.
  *
  * The headers are plain C11 and can be read by C++. */
 

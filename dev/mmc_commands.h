@@ -12,7 +12,7 @@
  *             Dev_GetConfiguration and decide how the other replies are read.
  *
  * Results are DEV_QUERY_OK and DEV_QUERY_FAILED. A command with a reply of variable length is sent
- * twice, first for the length, and fails when either request fails. A call needs DEV_REPLY_SIZE
+ * twice, first for the length, and fails when either request fails. A call uses DEV_REPLY_SIZE
  * bytes of stack more than other entries. */
 
 #include "device.h"
@@ -26,7 +26,7 @@ extern "C" {
  *
  * Returns DEV_QUERY_OK for a supported profile. For a known profile that is not supported the three
  * fields are set too. For an unknown profile and after a failed command they are DEV_CLASS_CD,
- * DEV_MEDIA_READ_ONLY and DEV_RECORD_NONE. Without memory they are unchanged. Needs no additional
+ * DEV_MEDIA_READ_ONLY and DEV_RECORD_NONE. Without memory they are unchanged. Uses no additional
  * stack. */
 int Dev_GetConfiguration(const char *pDevPath, int fd, tDiscInfo *pInfo);
 

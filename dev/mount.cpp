@@ -1,8 +1,7 @@
-// Mounting by the file-system table, by detection and through /bin/mount; unmounting.
+// Mounting by the file-system table, by detection and with /bin/mount; unmounting.
 
 #include "dev/mount.h"
 
-#include <errno.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -12,16 +11,18 @@
 #include <array>
 
 #include "base/cancel_guard.h"
+#include "base/characters.h"
 #include "base/heap_buf.h"
 #include "dev/internal/fs_table.h"
 #include "dev/internal/module_log.h"
 #include "dev/internal/nfs_umount.h"
 #include "dev/mount_table.h"
 
-namespace talvek {
 namespace {
 
-// The upper half that mount(2) asked for before Linux 2.4 and has ignored since.
+using talvek::FsRow;
+
+// The magic that mount(2) needed before Linux 2.4 and has ignored since.
 constexpr unsigned long kMountMagic = 0xC0ED0000;
 static_assert(kMountMagic == MS_MGC_VAL);
 
@@ -29,19 +30,22 @@ constexpr const char *kMountProgram = "/bin/mount";
 
 bool EndsInDigit(const char *pText) {
     const size_t length = strlen(pText);
-    return length > 0 && pText[length - 1] >= '0' && pText[length - 1] <= '9';
+    return length > 0 && talvek::IsDigit(pText[length - 1]);
 }
 
-// A device and, when its name does not end in a digit, nine partitions ahead of it.
+// The names that a device is tried with: nine partitions first, unless its name ends in a digit,
+// then the name itself.
 class Candidates {
   public:
+    static constexpr int kMaxCount = 10;
+
     Candidates(const char *pSrc, char firstDigit) : src_(pSrc), firstDigit_(firstDigit) {
-        partitions_ = EndsInDigit(pSrc) ? 0 : 9;
+        partitions_ = EndsInDigit(pSrc) ? 0 : kMaxCount - 1;
     }
 
     [[nodiscard]] int count() const { return partitions_ + 1; }
 
-    // The name of a candidate; NULL when it is longer than any path. Holds until the next call.
+    // The name of a candidate, valid until the next call; NULL when it is longer than any path.
     const char *Name(int i) {
         if (i == partitions_) {
             return src_;
@@ -49,8 +53,6 @@ class Candidates {
         const int length = snprintf(name_, sizeof name_, "%s%c", src_, firstDigit_ + i);
         return length > 0 && static_cast<size_t>(length) < sizeof name_ ? name_ : nullptr;
     }
-
-    static constexpr int kMost = 10;
 
   private:
     const char *src_;
@@ -74,22 +76,21 @@ int MountKnown(const char *pSrc, const char *pDir, const tFsEntry &row) {
     return -1;
 }
 
-// The partitions count from 1 here and from 0 where the file system is known.
-// Held by MountDetect.TriesPartitions1To9AndThenTheDiskForEachFileSystem and
+// Partitions are numbered from 1 here, and from 0 where the file system is given.
+// Tested by MountDetect.TriesPartitions1To9AndThenTheDiskForEachFileSystem and
 // MountKnown.TriesPartitions0To8AndThenTheDisk.
 int MountDetecting(const char *pSrc, const char *pDir) {
     Candidates candidates{pSrc, '1'};
-    std::array<bool, Candidates::kMost> confirmed{};
+    std::array<bool, Candidates::kMaxCount> exists{};
     for (int i = 0; i < candidates.count(); ++i) {
-        confirmed[static_cast<size_t>(i)] = Dev_CheckPartition(candidates.Name(i)) == 0;
+        exists[static_cast<size_t>(i)] = Dev_CheckPartition(candidates.Name(i)) == 0;
     }
     for (uint32_t index = 0; index < DEV_FS_COUNT; ++index) {
-        if (FsCaps(index) == 0) {
+        if (talvek::FsCaps(index) == 0) {
             continue;
         }
         for (int i = 0; i < candidates.count(); ++i) {
-            if (confirmed[static_cast<size_t>(i)] &&
-                MountAs(candidates.Name(i), pDir, FsRow(index))) {
+            if (exists[static_cast<size_t>(i)] && MountAs(candidates.Name(i), pDir, FsRow(index))) {
                 return 0;
             }
         }
@@ -97,28 +98,21 @@ int MountDetecting(const char *pSrc, const char *pDir) {
     return -1;
 }
 
-// Builds a command line; what would pass the end of the block is left out and told by fits().
-class CommandLine {
+// A shell command in a block that grows.
+class ShellCommand {
   public:
-    CommandLine(char *pBlock, size_t size) : block_(pBlock), size_(size) {}
-
-    void Put(char c) {
-        if (used_ + 1 < size_) {
-            block_[used_] = c;
-            block_[used_ + 1] = '\0';
-        }
-        ++used_;
-    }
     void Put(const char *pText) {
         while (*pText != '\0') {
             Put(*pText++);
         }
     }
 
-    // One word of the command. In single quotes a shell takes every character as it is; the quote
-    // itself is put between two quoted pieces.
+    // Adds one word. Between single quotes a shell changes no character; a quote itself is written
+    // outside of them.
     void PutWord(const char *pWord) {
-        if (IsPlain(pWord)) {
+        constexpr const char *kPlain =
+            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:,@%+=";
+        if (*pWord != '\0' && pWord[strspn(pWord, kPlain)] == '\0') {
             Put(pWord);
             return;
         }
@@ -133,91 +127,93 @@ class CommandLine {
         Put('\'');
     }
 
-    [[nodiscard]] bool fits() const { return used_ < size_; }
-
-    static constexpr size_t kMostPerCharacter = 4;
+    // NULL with errno set when there was no memory.
+    [[nodiscard]] const char *text() const { return complete_ ? text_.get() : nullptr; }
 
   private:
-    static bool IsPlain(const char *pWord) {
-        constexpr const char *kPlain =
-            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:,@%+=";
-        return *pWord != '\0' && pWord[strspn(pWord, kPlain)] == '\0';
+    static constexpr size_t kFirstSize = 256;
+
+    void Put(char c) {
+        if (used_ + 2 > size_) {
+            const size_t size = size_ > 0 ? 2 * size_ : kFirstSize;
+            if (!complete_ || !text_.Resize(size)) {
+                complete_ = false;
+                return;
+            }
+            size_ = size;
+        }
+        text_[used_++] = c;
+        text_[used_] = '\0';
     }
 
-    char *block_;
-    size_t size_;
+    talvek::HeapBuf<char> text_;
+    size_t size_ = 0;
     size_t used_ = 0;
+    bool complete_ = true;
 };
 
 int MountExport(const char *pSrc, const char *pDir) {
-    const char *pOptions = FsRow(DEV_FS_NFS).mountData;
-    const size_t size = strlen(kMountProgram) + strlen(pOptions) +
-                        CommandLine::kMostPerCharacter * (strlen(pSrc) + strlen(pDir)) + 64;
-    const HeapBuf<char> block{static_cast<char *>(malloc(size))};
-    if (!block) {
-        LOG_ERRNO_AS("Dev_Mount", "malloc(%zu) error : %s\n", size);
-        return -1;
-    }
-    CommandLine command{block.get(), size};
+    ShellCommand command;
     command.Put(kMountProgram);
     command.Put(" -t nfs -o ");
-    command.Put(pOptions);
+    command.Put(FsRow(DEV_FS_NFS).mountData);
     command.Put(pSrc[0] == '-' || pDir[0] == '-' ? " -- " : " ");
     command.PutWord(pSrc);
-    command.Put(' ');
+    command.Put(" ");
     command.PutWord(pDir);
-    if (!command.fits()) {
+    if (command.text() == nullptr) {
+        LOG_ERRNO_AS("Dev_Mount", "realloc() error : %s\n");
         return -1;
     }
     fflush(stdout);
-    return system(block.get());
+    return system(command.text());
 }
 
 bool IsMountable(const char *pSrc, const char *pDir) {
+    constexpr const char *kFunction = "Dev_Mount";
     if (pSrc == nullptr) {
-        LOG_AS("Dev_Mount", "pSrc == NULL\n");
+        LOG_AS(kFunction, "pSrc == NULL\n");
         return false;
     }
     if (pSrc[0] == '\0') {
-        LOG_AS("Dev_Mount", "strlen(pSrc) == 0\n");
+        LOG_AS(kFunction, "strlen(pSrc) == 0\n");
         return false;
     }
     if (pDir == nullptr) {
-        LOG_AS("Dev_Mount", "pDst == NULL\n");
+        LOG_AS(kFunction, "pDst == NULL\n");
         return false;
     }
     return true;
 }
 
-// Unmounts by `unmount`, whose failure is logged under `pCall`, and notifies an NFS server.
+// Unmounts by `unmount`, whose failure is logged as `pCall`, and notifies an NFS server.
 template <typename Unmount>
 int UnmountAndNotify(const char *pFunction, const char *pCall, const char *pDir, Unmount unmount) {
+    const talvek::CancelGuard guard;
     if (pDir == nullptr) {
         return -1;
     }
-    const CancelGuard guard;
-    NfsMount mount;
-    const bool found = FindMountEntry(pDir, mount.entry, mount.cut);
+    talvek::NfsMount mount;
+    const bool found = talvek::FindMountEntry(pDir, mount.entry, mount.cut);
     const int result = unmount(pDir);
     if (result != 0) {
         LOG_ERRNO_AS(pFunction, "%s(%s) failed : %s\n", pCall, pDir);
     } else if (found && strcmp(mount.entry.type, "nfs") == 0) {
-        NotifyNfsServer(pFunction, mount);
+        talvek::NotifyNfsServer(pFunction, mount);
     }
     return result;
 }
 
 }  // namespace
-}  // namespace talvek
 
 int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex) {
-    using namespace talvek;
+    const talvek::CancelGuard guard;
     if (!IsMountable(pSrc, pDir)) {
         return -1;
     }
     const bool isExport = strchr(pSrc, ':') != nullptr;
     if (fsIndex >= DEV_FS_DETECT) {
-        EnsureFsTable();
+        talvek::EnsureFsTable();
         return isExport ? MountExport(pSrc, pDir) : MountDetecting(pSrc, pDir);
     }
     if (fsIndex != DEV_FS_NFS) {
@@ -231,11 +227,11 @@ int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex) {
 }
 
 int Dev_uMount(const char *pDir) {
-    return talvek::UnmountAndNotify(__func__, "umount", pDir,
-                                  [](const char *pPath) { return umount(pPath); });
+    return UnmountAndNotify(__func__, "umount", pDir,
+                            [](const char *pPath) { return umount(pPath); });
 }
 
 int Dev_uMount_Force(const char *pDir) {
-    return talvek::UnmountAndNotify(__func__, "umount2(forced umount)", pDir,
-                                  [](const char *pPath) { return umount2(pPath, MNT_FORCE); });
+    return UnmountAndNotify(__func__, "umount2(forced umount)", pDir,
+                            [](const char *pPath) { return umount2(pPath, MNT_FORCE); });
 }

@@ -1,8 +1,8 @@
 #ifndef TALVEK_DEV_MOUNT_H
 #define TALVEK_DEV_MOUNT_H
 
-/* Mounting with or without knowing the file system, and unmounting, of which NFS servers are
- * notified. */
+/* Mounting, with a given file system or a detected one, and unmounting. NFS servers are notified of
+ * an unmount. */
 
 #ifdef __cplusplus
 extern "C" {
@@ -10,28 +10,34 @@ extern "C" {
 
 /* Mounts a disk, a partition or an NFS export.
  *
- *   pSrc     the device; a disk's name (one that does not end in a digit) stands for its partitions
- *            and then the disk itself. A name with ':' is an NFS export, "server:/path".
+ *   pSrc     the device, or an NFS export "server:/path" (any name with ':'). A name that does not
+ *            end in a digit is a disk; its partitions are tried too.
  *   pDir     an existing directory
- *   fsIndex  row of the file-system table (file_system.h):
- *            0 to 10  mounts with that type, its flags and its options. Of a disk "/dev/sdb",
- *                     "/dev/sdb0" to "/dev/sdb8" are tried in this order, then "/dev/sdb".
- *            9        is for exports and for nothing else; an export with another row is taken for
- *                     a device
- *            greater  tries every supported file system in the order of the table. Of a disk
- *                     "/dev/sdb", "/dev/sdb1" to "/dev/sdb9" are tried for each of them, then
- *                     "/dev/sdb", as far as Dev_CheckPartition knows them.
+ *   fsIndex  DEV_FS_XFS to DEV_FS_TMPFS (file_system.h): mounts with this type and its flags and
+ *            options. Of a disk "/dev/sdb", "/dev/sdb0" to "/dev/sdb8" and then "/dev/sdb" are
+ * tried. With DEV_FS_NFS, pSrc must be an export; with another row an export counts as a device.
+ *            DEV_FS_DETECT or greater: tries every supported file system in the order of the table.
+ *            For each of them, "/dev/sdb1" to "/dev/sdb9" and then "/dev/sdb" are tried, as far as
+ *            Dev_CheckPartition (mount_table.h) finds them.
  *
- * tmpfs is a row like the others and the last: a device that is there but holds no file system
- * known before it gets a tmpfs on pDir when the file system is to be found. statfs(2) tells.
+ * Warning: detection ends with tmpfs, which accepts every device. An existing device without a file
+ * system that can be mounted, for example a write-protected FAT stick, gets an empty tmpfs on pDir
+ * and the result is 0. What is written there is lost. statfs(2) shows what was mounted:
  *
- * An export is mounted by the command
+ *   struct statfs st;
+ *   if (Dev_Mount("/dev/sdb", pDir, DEV_FS_DETECT) == 0 && statfs(pDir, &st) == 0 &&
+ *       st.f_type == DEV_FS_TYPE_TMPFS) {
+ *       Dev_uMount(pDir);   // no file system of the device
+ *   }
+ *
+ * An export is mounted with this command, run by system(3):
  *   /bin/mount -t nfs -o rw,rsize=1048576,wsize=1048576,soft,tcp,nolock <pSrc> <pDir>
- * run by system(3). A name that the shell could misread is quoted in it, and "--" ends the options
- * ahead of names of which one begins with '-', so that a name is never a command or an option.
+ * A name with characters that the shell would interpret is quoted. If a name begins with '-', "--"
+ * precedes the names. A name is therefore never a command or an option.
  *
- * Returns 0 when one of them was mounted, else -1; of an export, what system returned, which is 0
- * for success and the wait status of /bin/mount otherwise. */
+ * Returns 0 when a mount succeeded, else -1, for a row other than DEV_FS_NFS with the errno of the
+ * last mount(2). For an export, returns the result of system: 0, or the wait status of /bin/mount,
+ * or -1. */
 int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex);
 
 /* Unmounts what is mounted on a directory. When that was an NFS mount (type "nfs", whose servers
@@ -56,8 +62,8 @@ int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex);
  * Returns what umount(2) returned: 0, or -1 with the failure logged. */
 int Dev_uMount(const char *pDir);
 
-/* Dev_uMount by force (umount2(2) with MNT_FORCE): requests to an NFS server that does not answer
- * are broken off. Other busy file systems stay mounted as with Dev_uMount. */
+/* Dev_uMount with MNT_FORCE (umount2(2)): pending requests to an NFS server that does not answer
+ * are aborted. Other busy file systems stay mounted, as with Dev_uMount. */
 int Dev_uMount_Force(const char *pDir);
 
 #ifdef __cplusplus

@@ -2,31 +2,36 @@
 
 #include "dev/mount_table.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
 
-#include <string_view>
-
+#include "base/cancel_guard.h"
+#include "base/path.h"
 #include "base/unique_fd.h"
 #include "dev/internal/copy_text.h"
 #include "dev/internal/module_log.h"
 #include "dev/internal/mount_entry.h"
 
-namespace talvek {
 namespace {
 
-constexpr const char *kPartitions = "/proc/partitions";
+using talvek::CopyText;
+using talvek::MountLine;
+using talvek::MountReader;
 
-bool DeviceMatches(const char *pDevice, const char *pWanted, size_t n) {
-    if (n == 0) {
+constexpr const char *kPartitions = "/proc/partitions";
+constexpr size_t kBlockSize = 1024;
+
+bool DeviceMatches(const char *pDevice, const char *pWanted, unsigned n) {
+    if (n == DEV_MPT_PREFIX) {
         return strncmp(pDevice, pWanted, strlen(pWanted)) == 0;
     }
-    return strncmp(pDevice, pWanted, n) == 0 && strnlen(pDevice, n) == strlen(pDevice);
+    return strncmp(pDevice, pWanted, n) == 0 && strlen(pDevice) <= n;
 }
 
 int FindMountPoint(const char *pFunction, const char *pDev, char *pMountPoint, unsigned n) {
+    const talvek::CancelGuard guard;
     if (pDev == nullptr || pMountPoint == nullptr) {
         LOG_AS(pFunction, "(%p, %p, %d) : Null ptr\n", static_cast<const void *>(pDev),
                static_cast<void *>(pMountPoint), static_cast<int>(n));
@@ -42,58 +47,61 @@ int FindMountPoint(const char *pFunction, const char *pDev, char *pMountPoint, u
     return -1;
 }
 
-// The name of one line of /proc/partitions, which is "major minor #blocks name" with blanks before
-// each number; empty for the heading and the blank line behind it.
-std::string_view PartitionOfLine(std::string_view line) {
-    std::string_view name;
-    for (int field = 0; field < 4; ++field) {
-        const size_t begin = line.find_first_not_of(" \t");
-        if (begin == line.npos) {
-            return {};
-        }
-        line.remove_prefix(begin);
-        name = line.substr(0, line.find_first_of(" \t"));
-        line.remove_prefix(name.size());
-        if (field < 3 && name.find_first_not_of("0123456789") != name.npos) {
-            return {};
+// Whether a line of /proc/partitions, "major minor #blocks name", has this name. The heading and
+// the empty line after it have no numbers.
+bool HasPartition(const char *pLine, const char *pWanted) {
+    constexpr const char *kBlanks = " \t";
+    for (int number = 0; number < 3; ++number) {
+        pLine += strspn(pLine, kBlanks);
+        const size_t digits = strspn(pLine, "0123456789");
+        pLine += digits;
+        if (digits == 0 || strspn(pLine, kBlanks) == 0) {
+            return false;
         }
     }
-    return name;
+    pLine += strspn(pLine, kBlanks);
+    const size_t length = strcspn(pLine, kBlanks);
+    return length == strlen(pWanted) && strncmp(pLine, pWanted, length) == 0;
 }
 
-bool ListsPartition(std::string_view lines, std::string_view wanted) {
-    while (!lines.empty()) {
-        const std::string_view line = lines.substr(0, lines.find('\n'));
-        if (PartitionOfLine(line) == wanted) {
+bool HavePartition(char *pLines, const char *pWanted) {
+    while (const char *pLine = strsep(&pLines, "\n")) {
+        if (HasPartition(pLine, pWanted)) {
             return true;
         }
-        lines.remove_prefix(line.size() < lines.size() ? line.size() + 1 : line.size());
     }
     return false;
 }
 
+// The length of the whole lines of a block; of the whole block when it has no end of line.
+size_t WholeLines(const char *pBlock, size_t size) {
+    const void *pEnd = memrchr(pBlock, '\n', size);
+    return pEnd != nullptr ? static_cast<size_t>(static_cast<const char *>(pEnd) - pBlock) + 1
+                           : size;
+}
+
 }  // namespace
-}  // namespace talvek
 
 int Dev_nGetMPT(const char *pDev, char *pMountPoint, unsigned n) {
-    return talvek::FindMountPoint(__func__, pDev, pMountPoint, n);
+    return FindMountPoint(__func__, pDev, pMountPoint, n);
 }
 
 int Dev_GetMPT(const char *pDev, char *pMountPoint) {
-    return talvek::FindMountPoint(__func__, pDev, pMountPoint, 0);
+    return FindMountPoint(__func__, pDev, pMountPoint, DEV_MPT_PREFIX);
 }
 
 int Dev_GetDevViaMount(char *pDev, const char *pMountPoint) {
+    const talvek::CancelGuard guard;
     if (pDev == nullptr || pMountPoint == nullptr) {
         LOG("(%p, %p) : Null ptr\n", static_cast<void *>(pDev),
             static_cast<const void *>(pMountPoint));
         return -1;
     }
     int result = -1;
-    talvek::MountReader mounts{__func__};
-    for (talvek::MountLine line; mounts.Next(line);) {
+    MountReader mounts{__func__};
+    for (MountLine line; mounts.Next(line);) {
         if (strcmp(line.mountPoint, pMountPoint) == 0) {
-            talvek::CopyText(__func__, pDev, DEV_MOUNT_TEXT_SIZE, line.device);
+            CopyText(__func__, pDev, DEV_MOUNT_TEXT_SIZE, line.device);
             result = 0;
         }
     }
@@ -101,6 +109,7 @@ int Dev_GetDevViaMount(char *pDev, const char *pMountPoint) {
 }
 
 int Dev_GetEntryViaMtab(const char *pKey, tMountEntry *pEntry) {
+    const talvek::CancelGuard guard;
     if (pKey == nullptr || pEntry == nullptr) {
         LOG("(%p, %p) : Null ptr\n", static_cast<const void *>(pKey), static_cast<void *>(pEntry));
         return -1;
@@ -110,39 +119,34 @@ int Dev_GetEntryViaMtab(const char *pKey, tMountEntry *pEntry) {
 }
 
 int Dev_CheckPartition(const char *pName) {
-    if (pName == nullptr) {
+    const talvek::CancelGuard guard;
+    const char *pWanted = pName != nullptr ? talvek::LastComponent(pName) : "";
+    if (*pWanted == '\0') {
         return -1;
     }
-    const char *pSlash = strrchr(pName, '/');
-    const std::string_view wanted = pSlash != nullptr ? pSlash + 1 : pName;
-    if (wanted.empty()) {
-        return -1;
-    }
-    const talvek::UniqueFd fd{open(talvek::kPartitions, O_RDONLY | O_CLOEXEC)};
+    const talvek::UniqueFd fd{talvek::OpenPath(kPartitions, O_RDONLY)};
     if (!fd) {
-        LOG_ERRNO("open(%s) error : %s\n", talvek::kPartitions);
+        LOG_ERRNO("open(%s) error : %s\n", kPartitions);
         return -1;
     }
-    char block[4096];
+    char block[kBlockSize + 1];
     for (;;) {
-        const ssize_t count = read(fd.get(), block, sizeof block);
+        const ssize_t count = read(fd.get(), block, kBlockSize);
+        if (count < 0) {
+            LOG_ERRNO("read(%s) error : %s\n", kPartitions);
+        }
         if (count <= 0) {
-            if (count < 0) {
-                LOG_ERRNO("read(%s) error : %s\n", talvek::kPartitions);
-            }
             return -1;
         }
-        // Whole lines only; the next read begins where the last of them ended. What fills a block
-        // without an end of line is no line of this file.
-        const std::string_view text{block, static_cast<size_t>(count)};
-        const size_t lastEnd = text.rfind('\n');
-        const std::string_view lines = lastEnd != text.npos ? text.substr(0, lastEnd + 1) : text;
-        if (talvek::ListsPartition(lines, wanted)) {
+        // The next read begins after the last whole line.
+        const size_t length = WholeLines(block, static_cast<size_t>(count));
+        block[length] = '\0';
+        if (HavePartition(block, pWanted)) {
             return 0;
         }
-        const size_t left = text.size() - lines.size();
-        if (left > 0 && lseek(fd.get(), -static_cast<off_t>(left), SEEK_CUR) == -1) {
-            LOG_ERRNO("lseek(%s) error : %s\n", talvek::kPartitions);
+        const off_t left = count - static_cast<off_t>(length);
+        if (left > 0 && lseek(fd.get(), -left, SEEK_CUR) == -1) {
+            LOG_ERRNO("lseek(%s) error : %s\n", kPartitions);
             return -1;
         }
     }

@@ -29,7 +29,7 @@ enum {
  * which takes DEV_MMC_TIMEOUT_MS and the kernel's attempts to recover the drive, so more than a
  * minute. No call sends more than eleven requests.
  *
- * The record is unchanged by DEV_DISC_INFO_NOT_OPTICAL and DEV_DISC_INFO_OPEN_FAILED. Needs
+ * The record is unchanged by DEV_DISC_INFO_NOT_OPTICAL and DEV_DISC_INFO_OPEN_FAILED. Uses
  * DEV_REPLY_SIZE bytes of stack more than other entries. */
 int Dev_GetDiscInfo(tDevInfo *pDev);
 
@@ -42,7 +42,7 @@ int Dev_GetDiscInfo(tDevInfo *pDev);
  *   pInfo     the descriptor, with discClass DEV_CLASS_CD
  *
  * Returns DEV_QUERY_OK, or DEV_QUERY_FAILED when ATIP or disc information cannot be read; pInfo
- * then holds what was read before, and usedKB is unchanged. Needs DEV_REPLY_SIZE bytes of stack
+ * then holds what was read before, and usedKB is unchanged. Uses DEV_REPLY_SIZE bytes of stack
  * more than other entries. */
 int Dev_GetCdInfo(const char *pDevPath, int fd, tDiscInfo *pInfo);
 

@@ -8,9 +8,10 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <array>
+#include <span>
 
 #include "base/cancel_guard.h"
+#include "base/heap_buf.h"
 #include "dev/device.h"
 #include "dev/enumeration.h"
 #include "dev/file_system.h"
@@ -284,10 +285,13 @@ void Menu::RescanBus() {
 // The enumeration prints its list itself. A disk whose file system cannot be mounted has the sizes
 // of a tmpfs there, so the file system is shown too.
 void Menu::QueryAll() {
-    tDevInfo devices[DEV_MAX_DEVICES] = {};
-    const int count = Dev_Get(devices);
-    for (int i = 0; i < count; ++i) {
-        const tDevInfo &dev = devices[i];
+    const auto devices = talvek::HeapBuf<tDevInfo>::Zeroed(DEV_MAX_DEVICES);
+    if (!devices) {
+        printf("There is not enough memory.\n");
+        return;
+    }
+    const int count = Dev_Get(devices.get());
+    for (const tDevInfo &dev : std::span{devices.get(), static_cast<size_t>(count)}) {
         if (dev.isOptical == 0 && dev.u.disk.totalBlocks > 0) {
             printf("[%s] => file system : %s\n", dev.devPath, FsNameOf(dev.u.disk.fsType));
         }

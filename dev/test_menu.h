@@ -34,7 +34,7 @@ void Dev_PrintTestMenu(const tDevTestMenu *pState);
  *   pIn     open for reading; stays open
  *
  * Results are printed on standard output before the next question. Returns 0, or -1 for a NULL
- * argument (not logged). Needs DEV_REPLY_SIZE bytes (scsi.h) of stack more than other entries. */
+ * argument (not logged). Uses DEV_REPLY_SIZE bytes (scsi.h) of stack more than other entries. */
 int Dev_RunTestMenu(tDevTestMenu *pState, FILE *pIn);
 
 #ifdef __cplusplus

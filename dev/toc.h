@@ -11,7 +11,7 @@
  *   pInfo     the disc's descriptor
  *
  * Results are DEV_QUERY_OK and DEV_QUERY_FAILED. The command is sent twice, first for the length of
- * the reply, and fails when either request fails. A call needs DEV_REPLY_SIZE bytes of stack more
+ * the reply, and fails when either request fails. A call uses DEV_REPLY_SIZE bytes of stack more
  * than other entries. */
 
 #include "device.h"

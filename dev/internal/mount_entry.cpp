@@ -1,10 +1,9 @@
+// The mounts of the machine, as /proc/mounts lists them.
+
 #include "dev/internal/mount_entry.h"
 
-#include <errno.h>
 #include <stdio.h>
 #include <string.h>
-
-#include <string_view>
 
 #include "base/path.h"
 #include "dev/internal/copy_text.h"
@@ -19,7 +18,7 @@ bool IsOctal(char c) {
     return c >= '0' && c <= '7';
 }
 
-// Puts the characters in place that the kernel wrote as a backslash and three octal digits.
+// Decodes the characters that the kernel writes as a backslash and three octal digits.
 void DecodeEscapes(char *pText) {
     char *pTo = strchr(pText, '\\');
     if (pTo == nullptr) {
@@ -48,11 +47,13 @@ const char *NextField(char **ppRest) {
     return pField;
 }
 
-std::string_view WithoutSlashesAtEnd(std::string_view path) {
-    while (path.size() > 1 && path.back() == '/') {
-        path.remove_suffix(1);
+// The length of a path without the slashes at its end; the root directory keeps one.
+size_t LengthWithoutSlashes(const char *pPath) {
+    size_t length = strlen(pPath);
+    while (length > 1 && pPath[length - 1] == '/') {
+        --length;
     }
-    return path;
+    return length;
 }
 
 }  // namespace
@@ -80,19 +81,19 @@ bool MountReader::Next(MountLine &line) {
 }
 
 bool FindMountEntry(const char *pDir, tMountEntry &entry, CutFields &cut) {
-    constexpr const char *kEntry = "Dev_GetEntryViaMtab";
-    const std::string_view wanted = WithoutSlashesAtEnd(pDir);
+    constexpr const char *kFunction = "Dev_GetEntryViaMtab";
+    const size_t length = LengthWithoutSlashes(pDir);
     bool found = false;
-    MountReader mounts{kEntry};
+    MountReader mounts{kFunction};
     for (MountLine line; mounts.Next(line);) {
-        if (wanted != line.mountPoint) {
+        if (strlen(line.mountPoint) != length || memcmp(line.mountPoint, pDir, length) != 0) {
             continue;
         }
         found = true;
-        cut.device = !CopyText(kEntry, entry.device, sizeof entry.device, line.device);
-        CopyText(kEntry, entry.mountPoint, sizeof entry.mountPoint, line.mountPoint);
-        CopyText(kEntry, entry.type, sizeof entry.type, line.type);
-        cut.options = !CopyText(kEntry, entry.options, sizeof entry.options, line.options);
+        cut.device = !CopyText(kFunction, entry.device, sizeof entry.device, line.device);
+        CopyText(kFunction, entry.mountPoint, sizeof entry.mountPoint, line.mountPoint);
+        CopyText(kFunction, entry.type, sizeof entry.type, line.type);
+        cut.options = !CopyText(kFunction, entry.options, sizeof entry.options, line.options);
     }
     return found;
 }

@@ -3,7 +3,6 @@
 
 #include <stddef.h>
 
-#include "base/cancel_guard.h"
 #include "base/heap_buf.h"
 #include "base/unique_stream.h"
 #include "dev/mount_table.h"
@@ -29,7 +28,6 @@ class MountReader {
     bool Next(MountLine &line);
 
   private:
-    const CancelGuard guard_;
     UniqueFile stream_;
     HeapBuf<char> line_;
     size_t capacity_ = 0;

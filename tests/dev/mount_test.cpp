@@ -1,4 +1,4 @@
-// What Dev_Mount asks the kernel and the shell for, at these calls.
+// The calls that mounting and unmounting make.
 
 #include "dev/mount.h"
 
@@ -34,7 +34,8 @@ struct MountCall {
     bool operator==(const MountCall &) const = default;
 };
 
-// What the calls below do and what they were given. Without a function they are the real ones.
+// The calls of Dev_Mount, and functions that replace them; without a function the real call is
+// made.
 std::function<int(const MountCall &)> g_mount;
 std::function<int(const std::string &, int)> g_umount;
 std::function<int(const std::string &)> g_system;
@@ -108,9 +109,9 @@ TEST_F(Mount, RefusesMissingArguments) {
     EXPECT_EQ((Lines{"DEV:Dev_Mount(): pSrc == NULL", "DEV:Dev_Mount(): strlen(pSrc) == 0",
                      "DEV:Dev_Mount(): pDst == NULL"}),
               CaptureLog([] {
-                  EXPECT_EQ(-1, Dev_Mount(nullptr, nullptr, 1));
-                  EXPECT_EQ(-1, Dev_Mount("", nullptr, 1));
-                  EXPECT_EQ(-1, Dev_Mount("/dev/sda1", nullptr, 11));
+                  EXPECT_EQ(-1, Dev_Mount(nullptr, nullptr, DEV_FS_EXT4));
+                  EXPECT_EQ(-1, Dev_Mount("", nullptr, DEV_FS_EXT4));
+                  EXPECT_EQ(-1, Dev_Mount("/dev/sda1", nullptr, DEV_FS_DETECT));
               }));
     EXPECT_TRUE(g_calls.empty());
 }
@@ -120,7 +121,7 @@ struct Row {
     unsigned long flags;
     const char *data;
 };
-// In the order of the table; index 9, nfs, goes another way. 0xC0ED0000 is the magic, 0x400
+// In the order of the table; nfs is mounted with a command. 0xC0ED0000 is the magic, 0x400
 // MS_NOATIME, 0x001 MS_RDONLY.
 constexpr Row kRows[] = {
     {"xfs", 0xC0ED0400, "-"},
@@ -152,7 +153,8 @@ TEST_F(MountKnown, MountsAPartitionOnceWithTheRowsTypeFlagsAndData) {
 
 TEST_F(MountKnown, TriesPartitions0To8AndThenTheDisk) {
     g_mount = NoSuchDevice;
-    EXPECT_EQ(Lines{}, CaptureLog([] { EXPECT_EQ(-1, Dev_Mount("/dev/sdb", "/mnt", 1)); }));
+    EXPECT_EQ(Lines{},
+              CaptureLog([] { EXPECT_EQ(-1, Dev_Mount("/dev/sdb", "/mnt", DEV_FS_EXT4)); }));
     std::vector<MountCall> expected;
     for (const char *pSrc : {"/dev/sdb0", "/dev/sdb1", "/dev/sdb2", "/dev/sdb3", "/dev/sdb4",
                              "/dev/sdb5", "/dev/sdb6", "/dev/sdb7", "/dev/sdb8", "/dev/sdb"}) {
@@ -161,51 +163,52 @@ TEST_F(MountKnown, TriesPartitions0To8AndThenTheDisk) {
     EXPECT_EQ(expected, g_calls);
 }
 
-TEST_F(MountKnown, StopsAtTheFirstThatMounts) {
+TEST_F(MountKnown, EndsWithTheFirstSuccess) {
     g_mount = OnlyMounts("/dev/sdb3", "xfs");
-    EXPECT_EQ(0, Dev_Mount("/dev/sdb", "/mnt", 0));
+    EXPECT_EQ(0, Dev_Mount("/dev/sdb", "/mnt", DEV_FS_XFS));
     EXPECT_EQ(4u, g_calls.size());
     g_calls.clear();
     g_mount = OnlyMounts("/dev/sdb", "xfs");
-    EXPECT_EQ(0, Dev_Mount("/dev/sdb", "/mnt", 0));
+    EXPECT_EQ(0, Dev_Mount("/dev/sdb", "/mnt", DEV_FS_XFS));
     EXPECT_EQ(10u, g_calls.size());
 }
 
-TEST_F(MountKnown, FailsWithAPartitionThatDoesNotMount) {
+TEST_F(MountKnown, FailsWhenThePartitionCannotBeMounted) {
     g_mount = NoSuchDevice;
-    EXPECT_EQ(-1, Dev_Mount("/dev/sdb9", "/mnt", 0));
+    EXPECT_EQ(-1, Dev_Mount("/dev/sdb9", "/mnt", DEV_FS_XFS));
     EXPECT_EQ(1u, g_calls.size());
 }
 
-TEST_F(MountKnown, NeedsNoTable) {
+TEST_F(MountKnown, DoesNotInitialiseTheTable) {
     g_mount = [](const MountCall &) { return 0; };
-    EXPECT_EQ(Lines{}, CaptureLog([] { EXPECT_EQ(0, Dev_Mount("/dev/sdb1", "/mnt", 0)); }));
+    EXPECT_EQ(Lines{},
+              CaptureLog([] { EXPECT_EQ(0, Dev_Mount("/dev/sdb1", "/mnt", DEV_FS_XFS)); }));
 }
 
-TEST_F(MountKnown, TakesAColonForADeviceUnlessTheTypeIsNfs) {
+TEST_F(MountKnown, TreatsAnExportAsADeviceUnlessTheTypeIsNfs) {
     g_mount = [](const MountCall &) { return 0; };
     g_system = [](const std::string &) {
         ADD_FAILURE();
         return 0;
     };
-    EXPECT_EQ(0, Dev_Mount("srv:/a1", "/mnt", 10));
+    EXPECT_EQ(0, Dev_Mount("srv:/a1", "/mnt", DEV_FS_TMPFS));
     EXPECT_EQ((std::vector<MountCall>{{"srv:/a1", "/mnt", "tmpfs", 0xC0ED0400, "-"}}), g_calls);
 }
 
 TEST_F(MountKnown, RefusesADeviceAsNfs) {
     g_mount = [](const MountCall &) { return 0; };
     EXPECT_EQ(Lines{"DEV:Dev_Mount(): Try mount pSrc(/dev/sda1) with wrong fs type(NFS)"},
-              CaptureLog([] { EXPECT_EQ(-1, Dev_Mount("/dev/sda1", "/mnt", 9)); }));
+              CaptureLog([] { EXPECT_EQ(-1, Dev_Mount("/dev/sda1", "/mnt", DEV_FS_NFS)); }));
     EXPECT_TRUE(g_calls.empty());
 }
 
-// A name of PATH_MAX - 2 characters still has room for a digit.
-TEST_F(MountKnown, TriesNoPartitionWhoseNameIsLongerThanAnyPath) {
+// A name of PATH_MAX - 2 characters has room for a digit.
+TEST_F(MountKnown, SkipsPartitionsWithNamesLongerThanAnyPath) {
     g_mount = NoSuchDevice;
     for (const size_t length : {PATH_MAX - 2, PATH_MAX - 1, PATH_MAX, PATH_MAX + 1}) {
         g_calls.clear();
         const std::string src(length, 'x');
-        EXPECT_EQ(-1, Dev_Mount(src.c_str(), "/mnt", 0));
+        EXPECT_EQ(-1, Dev_Mount(src.c_str(), "/mnt", DEV_FS_XFS));
         EXPECT_EQ(length == PATH_MAX - 2 ? 10u : 1u, g_calls.size());
         EXPECT_EQ(src, g_calls.back().src);
     }
@@ -238,7 +241,7 @@ const std::vector<std::string> kAllTypes = {"tmpfs", "nfs",  "smbfs", "iso9660",
 TEST_F(MountDetect, TriesEveryFileSystemInTheOrderOfTheTable) {
     WithDisks(kAllTypes, {"sdb1"}, [] {
         g_mount = NoSuchDevice;
-        EXPECT_EQ(-1, Dev_Mount("/dev/sdb1", "/mnt", 11));
+        EXPECT_EQ(-1, Dev_Mount("/dev/sdb1", "/mnt", DEV_FS_DETECT));
         std::vector<MountCall> expected;
         for (const Row &row : kRows) {
             expected.push_back({"/dev/sdb1", "/mnt", row.type, row.flags, row.data});
@@ -256,7 +259,7 @@ TEST_F(MountDetect, TriesPartitions1To9AndThenTheDiskForEachFileSystem) {
                "sdb9", "sdb10"},
               [] {
                   g_mount = NoSuchDevice;
-                  EXPECT_EQ(-1, Dev_Mount("/dev/sdb", "/mnt", 11));
+                  EXPECT_EQ(-1, Dev_Mount("/dev/sdb", "/mnt", DEV_FS_DETECT));
                   std::vector<MountCall> expected;
                   for (const Row &row : {kRows[0], kRows[1]}) {
                       for (const char *pSrc :
@@ -269,10 +272,10 @@ TEST_F(MountDetect, TriesPartitions1To9AndThenTheDiskForEachFileSystem) {
               });
 }
 
-TEST_F(MountDetect, TriesOnlyWhatThePartitionListConfirms) {
+TEST_F(MountDetect, TriesOnlyListedPartitions) {
     WithDisks({"xfs", "ext2"}, {"sdb", "sdb3"}, [] {
         g_mount = NoSuchDevice;
-        EXPECT_EQ(-1, Dev_Mount("/dev/sdb", "/mnt", 11));
+        EXPECT_EQ(-1, Dev_Mount("/dev/sdb", "/mnt", DEV_FS_DETECT));
         std::vector<std::string> tried;
         for (const MountCall &call : g_calls) {
             tried.push_back(call.src + " " + call.type);
@@ -281,41 +284,42 @@ TEST_F(MountDetect, TriesOnlyWhatThePartitionListConfirms) {
                                             "/dev/sdb ext2"}),
                   tried);
         g_calls.clear();
-        EXPECT_EQ(-1, Dev_Mount("/dev/sdc", "/mnt", 11));
-        EXPECT_EQ(-1, Dev_Mount("/dev/sdb1", "/mnt", 11));
+        EXPECT_EQ(-1, Dev_Mount("/dev/sdc", "/mnt", DEV_FS_DETECT));
+        EXPECT_EQ(-1, Dev_Mount("/dev/sdb1", "/mnt", DEV_FS_DETECT));
         EXPECT_TRUE(g_calls.empty());
     });
 }
 
-TEST_F(MountDetect, StopsAtTheFirstThatMounts) {
+TEST_F(MountDetect, EndsWithTheFirstSuccess) {
     WithDisks(kAllTypes, {"sdb", "sdb1", "sdb2"}, [] {
         g_mount = OnlyMounts("/dev/sdb2", "ext4");
-        EXPECT_EQ(0, Dev_Mount("/dev/sdb", "/mnt", 11));
+        EXPECT_EQ(0, Dev_Mount("/dev/sdb", "/mnt", DEV_FS_DETECT));
         EXPECT_EQ(3u + 2u, g_calls.size());
         g_calls.clear();
         g_mount = OnlyMounts("/dev/sdb", "iso9660");
-        EXPECT_EQ(0, Dev_Mount("/dev/sdb", "/mnt", 11));
+        EXPECT_EQ(0, Dev_Mount("/dev/sdb", "/mnt", DEV_FS_DETECT));
         EXPECT_EQ(3u * 8u, g_calls.size());
         EXPECT_EQ(0xC0ED0001u, g_calls.back().flags);
     });
 }
 
-TEST_F(MountDetect, NeverTriesADisabledFileSystem) {
+TEST_F(MountDetect, DoesNotTryADisabledFileSystem) {
     WithDisks({}, {"sdb", "sdb1"}, [] {
         g_mount = [](const MountCall &) { return 0; };
-        EXPECT_EQ(-1, Dev_Mount("/dev/sdb1", "/mnt", 11));
+        EXPECT_EQ(-1, Dev_Mount("/dev/sdb1", "/mnt", DEV_FS_DETECT));
         EXPECT_TRUE(g_calls.empty());
     });
 }
 
-TEST_F(MountDetect, InitialisesTheTableItself) {
+TEST_F(MountDetect, InitialisesTheTable) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         ReplaceDir("/proc");
         WriteFile("/proc/filesystems", "\tvfat\n");
         WriteFile("/proc/partitions", "major minor  #blocks  name\n\n8 1 1 sda1\n");
         g_mount = OnlyMounts("/dev/sda1", "vfat");
-        const Lines lines = CaptureLog([] { EXPECT_EQ(0, Dev_Mount("/dev/sda1", "/mnt", 11)); });
+        const Lines lines =
+            CaptureLog([] { EXPECT_EQ(0, Dev_Mount("/dev/sda1", "/mnt", DEV_FS_DETECT)); });
         ASSERT_EQ(11u, lines.size());
         EXPECT_EQ("DEV:Dev_InitFsArray(): [0] xfs - Disable[0x0000]", lines[0]);
         EXPECT_EQ(1u, g_calls.size());
@@ -325,7 +329,7 @@ TEST_F(MountDetect, InitialisesTheTableItself) {
 constexpr const char *kNfsCommand =
     "/bin/mount -t nfs -o rw,rsize=1048576,wsize=1048576,soft,tcp,nolock ";
 
-std::string CommandFor(const char *pSrc, const char *pDir, unsigned index = 9) {
+std::string CommandFor(const char *pSrc, const char *pDir, unsigned index = DEV_FS_NFS) {
     std::string command = "none";
     g_system = [&](const std::string &text) {
         command = text;
@@ -345,11 +349,11 @@ TEST_F(MountExport, RunsTheMountProgram) {
     EXPECT_TRUE(g_calls.empty());
 }
 
-// Detection looks at the table before it looks at the name.
+// Detection initialises the table for an export too.
 TEST_F(MountExport, IsDetectedByItsColon) {
     WithDisks({}, {}, [] {
         g_mount = NoSuchDevice;
-        for (const unsigned index : {11u, 12u, 0xFFFFFFFFu}) {
+        for (const unsigned index : {unsigned{DEV_FS_DETECT}, DEV_FS_DETECT + 1u, 0xFFFFFFFFu}) {
             EXPECT_EQ(std::string{kNfsCommand} + "server:/export /mnt/nfs",
                       CommandFor("server:/export", "/mnt/nfs", index));
         }
@@ -358,40 +362,41 @@ TEST_F(MountExport, IsDetectedByItsColon) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         g_system = [](const std::string &) { return 0; };
-        EXPECT_EQ(11u, CaptureLog([] { EXPECT_EQ(0, Dev_Mount("s:/x", "/m", 11)); }).size());
+        EXPECT_EQ(11u,
+                  CaptureLog([] { EXPECT_EQ(0, Dev_Mount("s:/x", "/m", DEV_FS_DETECT)); }).size());
     });
 }
 
 TEST_F(MountExport, ReturnsTheStatusOfTheMountProgram) {
     for (const int status : {0, 32 << 8, 127 << 8, 9, -1}) {
         g_system = [status](const std::string &) { return status; };
-        EXPECT_EQ(status, Dev_Mount("server:/export", "/mnt", 9));
+        EXPECT_EQ(status, Dev_Mount("server:/export", "/mnt", DEV_FS_NFS));
     }
 }
 
-TEST_F(MountExport, QuotesWhatTheShellCouldMisread) {
+TEST_F(MountExport, QuotesNamesThatTheShellWouldInterpret) {
     EXPECT_EQ(std::string{kNfsCommand} + "'srv:/a b' '/m;n'", CommandFor("srv:/a b", "/m;n"));
     EXPECT_EQ(std::string{kNfsCommand} + "'srv:/it'\\''s' ''", CommandFor("srv:/it's", ""));
     EXPECT_EQ(std::string{kNfsCommand} + "'[fe80::1]:/x' '~/m'", CommandFor("[fe80::1]:/x", "~/m"));
     EXPECT_EQ(std::string{kNfsCommand} + "srv:/x '/m\n'", CommandFor("srv:/x", "/m\n"));
 }
 
-TEST_F(MountExport, EndsTheOptionsAheadOfANameThatBeginsWithADash) {
+TEST_F(MountExport, EndsTheOptionsBeforeANameThatBeginsWithADash) {
     EXPECT_EQ(std::string{kNfsCommand} + "-- -o:/x /m", CommandFor("-o:/x", "/m"));
     EXPECT_EQ(std::string{kNfsCommand} + "-- srv:/x --bind", CommandFor("srv:/x", "--bind"));
     EXPECT_EQ(std::string{kNfsCommand} + "srv:/-x m-", CommandFor("srv:/-x", "m-"));
 }
 
-TEST_F(MountExport, WritesWhatStandardOutputHoldsAheadOfTheProgram) {
+TEST_F(MountExport, FlushesStandardOutputBeforeTheProgramRuns) {
     EXPECT_EQ("held\nran\n", Capture([] {
                   g_system = [](const std::string &) { return __real_system("echo ran"); };
                   printf("held\n");
-                  EXPECT_EQ(0, Dev_Mount("srv:/x", "/m", 9));
+                  EXPECT_EQ(0, Dev_Mount("srv:/x", "/m", DEV_FS_NFS));
               }));
 }
 
-// A program in place of /bin/mount tells what reached it, through the real shell.
-TEST_F(MountExport, ReachesTheMountProgramAsData) {
+// A program in place of /bin/mount prints its arguments.
+TEST_F(MountExport, PassesNamesThroughTheShellUnchanged) {
     RunInPrivateWorld(kMounts, [] {
         const TempDir dir;
         WriteFile(dir / "mount", "#!/bin/sh\nfor word; do printf '<%s>' \"$word\"; done\nexit 3\n");
@@ -407,13 +412,14 @@ TEST_F(MountExport, ReachesTheMountProgramAsData) {
             EXPECT_EQ(std::string{"<-t><nfs><-o><rw,rsize=1048576,wsize=1048576,soft,tcp,nolock>"} +
                           (dashed ? "<-->" : "") + "<" + name + "><" + mountPoint + ">",
                       Capture([&] {
-                          EXPECT_EQ(3 << 8, Dev_Mount(name.c_str(), mountPoint.c_str(), 9));
+                          EXPECT_EQ(3 << 8,
+                                    Dev_Mount(name.c_str(), mountPoint.c_str(), DEV_FS_NFS));
                       }));
         };
         for (const std::string &name : names) {
             expectData(name, name.substr(1));
         }
-        // Every character at the end of the one name and at the beginning of the other.
+        // Every character at the end of one name and at the beginning of the other.
         for (int c = 1; c < 256; ++c) {
             expectData(std::string{"s:/"} + static_cast<char>(c),
                        static_cast<char>(256 - c) + std::string{"m"});
@@ -421,7 +427,7 @@ TEST_F(MountExport, ReachesTheMountProgramAsData) {
     });
 }
 
-TEST_F(MountExport, TakesNamesOfAnyLength) {
+TEST_F(MountExport, AcceptsNamesOfAnyLength) {
     for (const size_t length : {255, 4096, 100000}) {
         const std::string src = "s:/" + std::string(length, '\'');
         EXPECT_EQ(strlen(kNfsCommand) + 3 + 4 * length + 2 + 2,
@@ -429,7 +435,7 @@ TEST_F(MountExport, TakesNamesOfAnyLength) {
     }
 }
 
-// Runs `body` with these mounts told by the kernel.
+// Runs `body` with this /proc/mounts.
 void WithMounts(const std::string &mounts, const std::function<void()> &body) {
     RunInPrivateWorld(kMounts, [&] {
         ReplaceDir("/proc");
@@ -447,7 +453,7 @@ TEST_F(Unmount, RefusesNull) {
     EXPECT_EQ(-1, Dev_uMount_Force(nullptr));
 }
 
-TEST_F(Unmount, UnmountsWhetherTheEntryIsFoundOrNot) {
+TEST_F(Unmount, UnmountsWithAndWithoutAnEntryInTheTable) {
     WithMounts("/dev/sda1 /mnt/a ext4 rw 0 0\n", [] {
         std::vector<std::pair<std::string, int>> calls;
         g_umount = [&](const std::string &dir, int flags) {
@@ -485,7 +491,7 @@ TEST_F(Unmount, LogsAFailure) {
     });
 }
 
-TEST_F(Unmount, UnmountsWithoutAMountTableToo) {
+TEST_F(Unmount, UnmountsWithoutAMountTable) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
         g_umount = [](const std::string &, int) { return 0; };
