@@ -1,4 +1,5 @@
-// Whole files in one call: short texts, blocks of bytes, ring buffers and the identity files.
+// Reads or writes a whole file in one call: short texts, blocks of bytes, ring buffers, identity
+// files.
 
 #include "common/file_content.h"
 
@@ -9,48 +10,44 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
+#include "base/cancel_guard.h"
+#include "base/characters.h"
 #include "base/path.h"
 #include "base/unique_fd.h"
 #include "common/internal/module_log.h"
 
-static_assert(sizeof(tUnitInfo) == 304);
-static_assert(offsetof(tUnitInfo, project) == 32 && offsetof(tUnitInfo, host_name) == 64 &&
-              offsetof(tUnitInfo, note) == 240);
-
-namespace talvek {
 namespace {
 
 constexpr mode_t kNewFileMode = 0664;
 constexpr size_t kTextBlock = 255;
-// A megabyte without a character to keep is no settings file: /dev/zero would be read for ever.
+// 1 MiB without a character to keep is no text file. /dev/zero would be read for ever.
 constexpr int kMaxIdleBlocks = 4096;
-// A device that takes nothing without an error is asked this often in a row.
+// A device may take no byte and report no error for ever.
 constexpr int kMaxIdleWrites = 1000;
-constexpr int kDefaultPort = 80;
 constexpr char kUnknown[] = "unknown";
 
-// A negative size does not cut the text: printf takes a negative precision as none.
-int FillUnknown(char *pBuf, int len) {
+// A negative size does not truncate: printf ignores a negative precision.
+int FillUnknown(char *pBuf, int size) {
     const size_t whole = sizeof kUnknown - 1;
-    const size_t count =
-        len < 0 || static_cast<size_t>(len) > whole ? whole : static_cast<size_t>(len);
+    const size_t count = size < 0 ? whole : std::min(static_cast<size_t>(size), whole);
     memcpy(pBuf, kUnknown, count);
     pBuf[count] = '\0';
     return -1;
 }
 
 // Appends the first line of each block while there is room for more than the NUL.
-int AppendFirstLines(int fd, char *pBuf, int len) {
+int AppendFirstLines(int fd, char *pBuf, int size) {
     char *end = pBuf + strlen(pBuf);
-    size_t room = static_cast<size_t>(len);
+    size_t room = static_cast<size_t>(size);
     int idle = 0;
     for (bool first = true; room > 1 && idle < kMaxIdleBlocks; first = false) {
         char block[kTextBlock + 1] = {};
         if (read(fd, block, kTextBlock) < 1) {
-            return first ? FillUnknown(pBuf, len) : 0;
+            return first ? FillUnknown(pBuf, size) : 0;
         }
-        const size_t line = strcspn(block, "\r\n");
-        const size_t count = line < room ? line : room - 1;
+        const size_t count = std::min(strcspn(block, "\r\n"), room - 1);
         memcpy(end, block, count);
         end += count;
         *end = '\0';
@@ -60,63 +57,72 @@ int AppendFirstLines(int fd, char *pBuf, int len) {
     return 0;
 }
 
-int PutText(const char *pEntry, const char *pFileName, const char *pBuf, int placement) {
-    if (pFileName == nullptr || pBuf == nullptr) {
-        LOG_AS(pEntry, "input error : (pFileName, pBuf) = (%p, %p)\n",
-               static_cast<const void *>(pFileName), static_cast<const void *>(pBuf));
-        return -1;
-    }
-    const UniqueFd fd{OpenPath(pFileName, O_WRONLY | O_CREAT | placement, kNewFileMode)};
-    if (!fd) {
-        LOG_ERRNO_AS(pEntry, "open(%s) error : %s\n", pFileName);
-        return -1;
-    }
-    return write(fd.get(), pBuf, strlen(pBuf)) > 0 ? 0 : -1;
-}
+struct Written {
+    ssize_t size;  // bytes to write
+    ssize_t done;  // bytes written
+    ssize_t last;  // result of the last write
 
-// A negative count is refused as the kernel refuses it, before it becomes a size_t.
-ssize_t WriteBytes(int fd, const void *pData, int len) {
-    if (len < 0) {
-        errno = EINVAL;
-        return -1;
-    }
-    return write(fd, pData, static_cast<size_t>(len));
-}
-
-ssize_t ReadBytes(int fd, void *pBuf, int len) {
-    if (len < 0) {
-        errno = EINVAL;
-        return -1;
-    }
-    return read(fd, pBuf, static_cast<size_t>(len));
-}
-
-struct PieceWritten {
-    int remaining;
-    ssize_t last;  // what the last write returned
+    [[nodiscard]] bool complete() const { return last >= 0 && done == size; }
 };
 
-// One write at least, so that an empty piece too has a result.
-PieceWritten WritePiece(const char *pEntry, int fd, const char *pData, int len) {
-    PieceWritten piece{len, 0};
+// Writes at least once, and goes on while writes are cut short. It gives up when a write fails, and
+// with EIO when `maxIdle` writes in a row take no byte.
+Written WriteData(int fd, const void *pData, ssize_t size, int maxIdle) {
+    Written written{size, 0, -1};
+    if (size < 0) {
+        errno = EINVAL;
+        return written;
+    }
+    const char *next = static_cast<const char *>(pData);
     int idle = 0;
     do {
-        const int done = len - piece.remaining;
-        piece.last = WriteBytes(fd, pData == nullptr ? nullptr : pData + done, piece.remaining);
-        if (piece.last == 0 && piece.remaining != 0 && ++idle == kMaxIdleWrites) {
-            errno = EIO;
-            piece.last = -1;
-        }
-        if (piece.last < 0) {
-            LOG_ERRNO_AS(pEntry, "write(%d, %d) error : %s\n", done, piece.remaining);
-            break;
-        }
-        if (piece.last > 0) {
+        const size_t left = static_cast<size_t>(size - written.done);
+        written.last = write(fd, next, left);
+        if (written.last > 0) {
+            next += written.last;
+            written.done += written.last;
             idle = 0;
-            piece.remaining -= static_cast<int>(piece.last);
+        } else if (written.last == 0 && ++idle == maxIdle && left > 0) {
+            errno = EIO;
         }
-    } while (piece.remaining != 0);
-    return piece;
+    } while (written.last >= 0 && written.done < size && idle < maxIdle);
+    return written;
+}
+
+void LogPartialWrite(const char *pFunction, const char *pFileName, const Written &written) {
+    LOG_ERRNO_AS(pFunction, "write(%s) size failed - %d/%d - %s\n", pFileName,
+                 static_cast<int>(written.done), static_cast<int>(written.size));
+}
+
+int WriteText(const char *pFunction, const char *pFileName, const char *pText, int placement) {
+    if (pFileName == nullptr || pText == nullptr) {
+        LOG_AS(pFunction, "input error : (pFileName, pBuf) = (%p, %p)\n",
+               static_cast<const void *>(pFileName), static_cast<const void *>(pText));
+        return -1;
+    }
+    const talvek::UniqueFd fd{
+        talvek::OpenPath(pFileName, O_WRONLY | O_CREAT | placement, kNewFileMode)};
+    if (!fd) {
+        LOG_ERRNO_AS(pFunction, "open(%s) error : %s\n", pFileName);
+        return -1;
+    }
+    const Written written = WriteData(fd.get(), pText, static_cast<ssize_t>(strlen(pText)), 1);
+    if (written.done == 0) {
+        return -1;
+    }
+    if (!written.complete()) {
+        LogPartialWrite(pFunction, pFileName, written);
+    }
+    return 0;
+}
+
+Written WriteRingPart(const char *pFunction, int fd, const char *pData, int size) {
+    const Written written = WriteData(fd, pData, size, kMaxIdleWrites);
+    if (!written.complete()) {
+        LOG_ERRNO_AS(pFunction, "write(%d, %d) error : %s\n", static_cast<int>(written.done),
+                     static_cast<int>(size - written.done));
+    }
+    return written;
 }
 
 struct Ring {
@@ -125,151 +131,151 @@ struct Ring {
     int size;
 };
 
-// Bytes saved, or -1 when the part up to the ring's end failed.
-int WriteRing(const char *pEntry, int fd, const Ring &ring, int len) {
+// Returns the number of bytes saved, or -1 when the part up to the end of the ring failed.
+int WriteRing(const char *pFunction, int fd, const Ring &ring, int size) {
     const char *from = ring.bytes == nullptr ? nullptr : ring.bytes + ring.start;
-    const int64_t first = int64_t{ring.size} - ring.start;
-    if (ring.size < 1 || first >= len) {
-        return len - WritePiece(pEntry, fd, from, len).remaining;
+    const int64_t toEnd = int64_t{ring.size} - ring.start;
+    if (ring.size < 1 || toEnd >= size) {
+        return static_cast<int>(WriteRingPart(pFunction, fd, from, size).done);
     }
-    // An empty part up to the ring's end ends the save as a failed one does.
-    // Held by SaveRingBufDataIntoFile.StartAtTheRingsEndSavesNothing.
-    if (WritePiece(pEntry, fd, from, static_cast<int>(first)).last <= 0) {
+    // An empty part up to the end of the ring fails too.
+    // Tested by SaveRingBufDataIntoFile.FailsWithAStartAtTheEndOfTheRing.
+    const int first = static_cast<int>(toEnd);
+    if (WriteRingPart(pFunction, fd, from, first).last <= 0) {
         return -1;
     }
-    return len - WritePiece(pEntry, fd, ring.bytes, len - static_cast<int>(first)).remaining;
+    return first + static_cast<int>(WriteRingPart(pFunction, fd, ring.bytes, size - first).done);
 }
 
-// Writes a field that need not be terminated inside its width.
-template <size_t kWidth>
+// The text of a field that may lack its NUL.
+template <size_t kSize>
 struct FieldText {
-    explicit FieldText(const char (&field)[kWidth]) { memcpy(text, field, strnlen(field, kWidth)); }
-    char text[kWidth + 1] = {};
+    explicit FieldText(const char (&field)[kSize]) { memcpy(text, field, strnlen(field, kSize)); }
+    char text[kSize + 1] = {};
 };
 
-constexpr bool IsDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-constexpr bool IsLetterOrDigit(char c) {
-    return IsDigit(c) || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
-
-// The run as "%04d" writes its value, for any length of run.
-void PadRevision(char *pRun) {
-    constexpr size_t kDigits = 4;
-    const char *digits = pRun;
-    size_t count = strlen(pRun);
-    while (*digits == '0' && count > 1) {
-        ++digits;
+// Rewrites digits as "%04d" would write their value, for any number of digits.
+void PadRevision(char *pDigits) {
+    constexpr size_t kWidth = 4;
+    const char *value = pDigits;
+    size_t count = strlen(pDigits);
+    while (*value == '0' && count > 1) {
+        ++value;
         --count;
     }
-    const size_t zeros = count < kDigits ? kDigits - count : 0;
-    memmove(pRun + zeros, digits, count + 1);
-    memset(pRun, '0', zeros);
+    const size_t zeros = count < kWidth ? kWidth - count : 0;
+    memmove(pDigits + zeros, value, count + 1);
+    memset(pDigits, '0', zeros);
 }
 
 }  // namespace
-}  // namespace talvek
 
-int COM_GetFileContent(const char *pFileName, char *pBuf, int len) {
-    if (pFileName == nullptr || pBuf == nullptr || len < 1) {
+int COM_GetFileContent(const char *pFileName, char *pBuf, int size) {
+    const talvek::CancelGuard guard;
+    if (pFileName == nullptr || pBuf == nullptr || size < 1) {
         LOG("input error : (pFileName, pBuf, len) = (%p, %p, %d)\n",
-            static_cast<const void *>(pFileName), static_cast<void *>(pBuf), len);
-        return pBuf != nullptr ? talvek::FillUnknown(pBuf, len) : -1;
+            static_cast<const void *>(pFileName), static_cast<void *>(pBuf), size);
+        return pBuf != nullptr ? FillUnknown(pBuf, size) : -1;
     }
     const talvek::UniqueFd fd{talvek::OpenPath(pFileName, O_RDONLY)};
     if (!fd) {
         if (errno != ENOENT) {
             LOG_ERRNO("open(%s) error : %s\n", pFileName);
         }
-        return talvek::FillUnknown(pBuf, len);
+        return FillUnknown(pBuf, size);
     }
-    if (len == 1) {
-        return talvek::FillUnknown(pBuf, len);
+    if (size == 1) {
+        return FillUnknown(pBuf, size);
     }
-    return talvek::AppendFirstLines(fd.get(), pBuf, len);
+    return AppendFirstLines(fd.get(), pBuf, size);
 }
 
-int COM_SetFileContent(const char *pFileName, const char *pBuf) {
-    return talvek::PutText(__func__, pFileName, pBuf, O_TRUNC);
+int COM_SetFileContent(const char *pFileName, const char *pText) {
+    const talvek::CancelGuard guard;
+    return WriteText(__func__, pFileName, pText, O_TRUNC);
 }
 
-int COM_AppendFileContent(const char *pFileName, const char *pBuf) {
-    return talvek::PutText(__func__, pFileName, pBuf, O_APPEND);
+int COM_AppendFileContent(const char *pFileName, const char *pText) {
+    const talvek::CancelGuard guard;
+    return WriteText(__func__, pFileName, pText, O_APPEND);
 }
 
-int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int len) {
+int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int size) {
+    const talvek::CancelGuard guard;
     const talvek::UniqueFd fd{
-        talvek::OpenPath(pFileName, O_WRONLY | O_CREAT | O_TRUNC, talvek::kNewFileMode)};
+        talvek::OpenPath(pFileName, O_WRONLY | O_CREAT | O_TRUNC, kNewFileMode)};
     if (!fd) {
         LOG_ERRNO("open(%s) fail : %s\n", talvek::Shown(pFileName));
         return -1;
     }
-    errno = 0;  // a short write has no error of its own
-    const ssize_t count = talvek::WriteBytes(fd.get(), pData, len);
-    if (count >= 0 && count == len) {
-        return 0;
+    const Written written = WriteData(fd.get(), pData, size, 1);
+    if (written.complete()) {
+        return COM_DATA_COMPLETE;
     }
-    if (count > 0) {
-        LOG_ERRNO("write(%s) size failed - %d/%d - %s\n", pFileName, static_cast<int>(count), len);
-        return 1;
+    if (written.done > 0) {
+        LogPartialWrite(__func__, pFileName, written);
+        return COM_DATA_PARTIAL;
     }
-    return static_cast<int>(count);
+    return static_cast<int>(written.last);
 }
 
 int COM_SaveRingBufDataIntoFile(const char *pFileName, const void *pRing, int start, int ringSize,
-                                int len) {
-    const talvek::UniqueFd fd{talvek::OpenPath(pFileName, O_WRONLY | O_CREAT | O_TRUNC | O_NOATIME,
-                                               talvek::kNewFileMode)};
+                                int size) {
+    const talvek::CancelGuard guard;
+    const talvek::UniqueFd fd{
+        talvek::OpenPath(pFileName, O_WRONLY | O_CREAT | O_TRUNC | O_NOATIME, kNewFileMode)};
     if (!fd) {
         LOG_ERRNO("open(%s) fail : %s\n", talvek::Shown(pFileName));
         return -1;
     }
-    const talvek::Ring ring{static_cast<const char *>(pRing), start, ringSize};
-    const int count = talvek::WriteRing(__func__, fd.get(), ring, len);
-    if (count >= 0 && count == len) {
-        return 0;
+    const Ring ring{static_cast<const char *>(pRing), start, ringSize};
+    const int count = WriteRing(__func__, fd.get(), ring, size);
+    if (count >= 0 && count == size) {
+        return COM_DATA_COMPLETE;
     }
     if (count > 0) {
         LOG_ERRNO("write(%s) size failed - %d/[%d,%d]/%d - %s\n", pFileName, count, start, ringSize,
-                  len);
-        return 1;
+                  size);
+        return COM_DATA_PARTIAL;
     }
     return count;
 }
 
-int COM_LoadDataFromFile(const char *pFileName, void *pBuf, int len) {
+int COM_LoadDataFromFile(const char *pFileName, void *pBuf, int size) {
+    const talvek::CancelGuard guard;
     const talvek::UniqueFd fd{talvek::OpenPath(pFileName, O_RDONLY)};
     if (!fd) {
         LOG_ERRNO("open(%s) fail : %s\n", talvek::Shown(pFileName));
         return -1;
     }
-    const ssize_t count = talvek::ReadBytes(fd.get(), pBuf, len);
-    if (count >= 0 && count == len) {
-        return 0;
+    const ssize_t count = size >= 0 ? read(fd.get(), pBuf, static_cast<size_t>(size)) : -1;
+    if (count > 0) {
+        return count == size ? COM_DATA_COMPLETE : COM_DATA_PARTIAL;
     }
-    return count > 0 ? 1 : static_cast<int>(count);
+    return static_cast<int>(count);
 }
 
 int COM_GetPort(char *pBuf, int size) {
+    const talvek::CancelGuard guard;
     const int result = COM_GetFileContent("/etc/Port", pBuf, size);
     if (result == -1 && pBuf != nullptr && size != 0) {
-        // A negative size has let the failure text take its eight bytes.
-        const size_t room = size < 0 ? sizeof talvek::kUnknown : static_cast<size_t>(size);
-        snprintf(pBuf, room, "%d", talvek::kDefaultPort);
+        // With a negative size "unknown" has taken its eight bytes.
+        const size_t room = size < 0 ? sizeof kUnknown : static_cast<size_t>(size);
+        snprintf(pBuf, room, "%d", COM_DEFAULT_PORT);
     }
     return result;
 }
 
 int COM_SetPort(int port) {
-    char text[8];
-    // The format may be cut: no port number has more than five digits.
+    const talvek::CancelGuard guard;
+    char text[COM_PORT_SIZE];
+    // No port number has more than five digits, so the result may be truncated.
     const int length = snprintf(text, sizeof text, "%d", port);
     return length > 0 ? COM_SetFileContent("/etc/Port", text) : -1;
 }
 
 int COM_SetHostName(const char *pName) {
+    const talvek::CancelGuard guard;
     if (pName == nullptr) {
         return -1;
     }
@@ -281,17 +287,19 @@ int COM_SetHostName(const char *pName) {
 }
 
 int COM_SetUnitInfo(const tUnitInfo *pInfo) {
+    const talvek::CancelGuard guard;
     if (pInfo == nullptr) {
         return -1;
     }
-    int sum = COM_SetFileContent("/etc/Model", talvek::FieldText{pInfo->model}.text);
-    sum += COM_SetFileContent("/etc/Proj", talvek::FieldText{pInfo->project}.text);
-    sum += COM_SetHostName(talvek::FieldText{pInfo->host_name}.text);
-    sum += COM_SetFileContent("/etc/Note", talvek::FieldText{pInfo->note}.text);
+    int sum = COM_SetFileContent("/etc/Model", FieldText{pInfo->model}.text);
+    sum += COM_SetFileContent("/etc/Proj", FieldText{pInfo->project}.text);
+    sum += COM_SetHostName(FieldText{pInfo->host_name}.text);
+    sum += COM_SetFileContent("/etc/Note", FieldText{pInfo->note}.text);
     return sum;
 }
 
 int COM_MakeNode(const char *pPath, mode_t mode, dev_t dev) {
+    const talvek::CancelGuard guard;
     struct stat st;
     if (talvek::StatPath(pPath, &st) == 0) {
         return 0;
@@ -309,25 +317,28 @@ int COM_MakeNode(const char *pPath, mode_t mode, dev_t dev) {
 
 int COM_GetSvnRevision(char *pBuf) {
     constexpr char kMark[] = "Revision: ";
-    char content[256 + 1] = {};
-    if (pBuf == nullptr || COM_LoadDataFromFile("/etc/SVN", content, sizeof content - 1) < 0) {
+    constexpr size_t kContentSize = 256;
+    static_assert(kContentSize - (sizeof kMark - 1) + 1 == COM_SVN_REVISION_SIZE);
+    const talvek::CancelGuard guard;
+    char content[kContentSize + 1] = {};
+    if (pBuf == nullptr || COM_LoadDataFromFile("/etc/SVN", content, kContentSize) < 0) {
         return -1;
     }
     const char *found = strstr(content, kMark);
     if (found == nullptr) {
         return -1;
     }
-    const char *run = found + sizeof kMark - 1;
+    const char *revision = found + sizeof kMark - 1;
     size_t length = 0;
     bool digitsOnly = true;
-    while (talvek::IsLetterOrDigit(run[length])) {
-        digitsOnly = digitsOnly && talvek::IsDigit(run[length]);
+    while (talvek::IsDigit(revision[length]) || talvek::IsLetter(revision[length])) {
+        digitsOnly = digitsOnly && talvek::IsDigit(revision[length]);
         ++length;
     }
-    memcpy(pBuf, run, length);
+    memcpy(pBuf, revision, length);
     pBuf[length] = '\0';
     if (digitsOnly && length > 0 && length != 4) {
-        talvek::PadRevision(pBuf);
+        PadRevision(pBuf);
     }
     return 0;
 }

@@ -1,14 +1,14 @@
 #ifndef TALVEK_COMMON_FILE_CONTENT_H
 #define TALVEK_COMMON_FILE_CONTENT_H
 
-/* Whole files in one call: short texts, blocks of bytes, ring buffers, and the unit's one-line
- * identity files under /etc.
+/* Reads or writes a whole file in one call: short texts, blocks of bytes, ring buffers, and the
+ * unit's identity files under /etc, which hold one line each.
  *
- * A file that cannot be opened is logged with the module name COMMON and the entry's own name; of a
- * read or a write that fails only the result tells, unless the entry says that it is logged. A path
- * is a NUL-terminated text; NULL as a path fails like a path that cannot be read (EFAULT). Files
- * are created with mode 0664 less the umask. No open is tried again. */
+ * A file that cannot be opened is logged. A read or write that fails is only reported by the
+ * result, unless the entry says that it is logged. A new file gets mode 0664 less the umask. A
+ * write that is cut short is continued until everything is written or a write fails. */
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
@@ -17,102 +17,133 @@
 extern "C" {
 #endif
 
-/* Reads the first line of a short text file and appends it to what the buffer holds: clear the
- * buffer first.
+/* Reads the first line of a short text file and appends it to the text in the buffer. Empty the
+ * buffer first to get the line alone.
  *
  *   pFileName  the file
- *   pBuf       a NUL-terminated text. The result takes `len` bytes behind that text, the NUL
- *              counted. The failure text takes 8 bytes from the start of pBuf, or len + 1 when
- *              `len` is below 7: a buffer of 8 bytes or more and its size as `len` always fit.
- *   len        room in bytes, at least 2 to read anything
+ *   pBuf       a text. The line takes up to `size` bytes from its end, including the NUL. After a
+ *              failure "unknown" takes 8 bytes from the start of pBuf, or size + 1 when `size` is
+ *              below 7. So an empty buffer of 8 or more bytes with its size always suffices.
+ *   size       room in bytes; at least 2 to read anything
  *
- * The file is read in blocks of 255 bytes. Of each block the part before its first CR, LF or NUL is
- * kept, so a file of one short line gives that line without its end, and what a longer file gives
- * depends on where its blocks fall. Reading ends when the room is used, at the end of the file, or
- * when 4096 blocks in a row gave nothing.
+ * The file is read in blocks of 255 bytes, and each block is kept up to its first CR, LF or NUL. So
+ * a file of one short line gives that line without its end; what a longer file gives depends on
+ * where its blocks begin. Reading ends when `size` is used up, at the end of the file, and after
+ * 4096 blocks in a row without a character to keep.
  *
- * Returns 0 when at least one byte was read, else -1 with pBuf holding "unknown" cut to `len`
- * characters (a negative `len` does not cut it). A missing file is not logged, nor one that is
- * empty or cannot be read; other failures to open are. With pBuf NULL nothing is written. */
-int COM_GetFileContent(const char *pFileName, char *pBuf, int len);
+ * Returns 0 when at least one byte was read. Otherwise -1, and pBuf holds "unknown", truncated to
+ * `size` characters (a negative size does not truncate). A file that is missing, empty or
+ * unreadable is not logged. */
+int COM_GetFileContent(const char *pFileName, char *pBuf, int size);
 
-/* Replaces a file's content by a text (without its NUL), in one write.
- * Returns 0 when at least one byte was written, else -1: an empty text empties the file and is
- * reported as a failure. */
-int COM_SetFileContent(const char *pFileName, const char *pBuf);
-
-/* COM_SetFileContent that adds the text at the end of the file. */
-int COM_AppendFileContent(const char *pFileName, const char *pBuf);
-
-/* Replaces a file's content by `len` bytes, in one write.
- * Returns 0 when all were written, 1 when some were (logged), 0 or -1 as the write returned when
- * none were, -1 when the file cannot be opened. */
-int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int len);
-
-/* Replaces a file's content by `len` bytes of a ring buffer in their order.
+/* Replaces the content of a file with a text, without its NUL.
  *
- *   pRing     the ring's first byte
+ * Returns 0 when at least one byte was written (if not all were, this is logged), else -1. So an
+ * empty text empties the file and returns -1. */
+int COM_SetFileContent(const char *pFileName, const char *pText);
+
+/* Appends a text to a file. Otherwise like COM_SetFileContent. */
+int COM_AppendFileContent(const char *pFileName, const char *pText);
+
+/* Results of COM_SaveDataIntoFile, COM_SaveRingBufDataIntoFile and COM_LoadDataFromFile, beside -1.
+ */
+enum {
+    COM_DATA_COMPLETE = 0, /* all bytes were written or read; also when none were, see the entry */
+    COM_DATA_PARTIAL = 1,  /* at least one byte, but not all of them */
+};
+
+/* Replaces the content of a file with `size` bytes.
+ *
+ * Returns COM_DATA_COMPLETE, also when the first write took no byte without failing;
+ * COM_DATA_PARTIAL (logged); -1 when the file cannot be opened or the first write fails. */
+int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int size);
+
+/* Replaces the content of a file with `size` bytes of a ring buffer, in the order in which they
+ * were put there.
+ *
+ *   pRing     first byte of the ring
  *   start     offset of the first byte to save, 0 to ringSize
- *   ringSize  size of the ring in bytes; below 1, pRing is a plain buffer without a wrap
- *   len       bytes to save, at most ringSize
+ *   ringSize  size of the ring in bytes; below 1, pRing is a plain buffer that does not wrap
+ *   size      bytes to save, at most ringSize
  *
- * Partial writes are continued; the thousandth write in a row that takes nothing counts as failed
- * (EIO). A file that exists must belong to the caller, or the caller be privileged (O_NOATIME).
+ * A write that takes no byte is repeated too; the thousandth in a row is a failure (EIO). An
+ * existing file must belong to the caller, unless the caller is privileged (O_NOATIME).
  *
- * Returns 0 when all were written; also, with the write's failure logged, when nothing of a piece
- * that does not wrap could be written. 1 when some were written (logged). -1 when the file cannot
- * be opened, when the part up to the end of a ring that wraps could not be written whole, or when
- * that part is empty (start = ringSize). */
+ * Returns COM_DATA_COMPLETE, also when nothing was written of bytes that do not wrap (the failed
+ * write is logged); COM_DATA_PARTIAL (logged); -1 when the file cannot be opened, or when of bytes
+ * that wrap those up to the end of the ring could not all be written or are none (start =
+ * ringSize). */
 int COM_SaveRingBufDataIntoFile(const char *pFileName, const void *pRing, int start, int ringSize,
-                                int len);
+                                int size);
 
-/* Reads up to `len` bytes from the start of a file, in one read. No NUL is added.
- * Returns 0 when `len` bytes were read, 1 when fewer but some, 0 (end of file) or -1 as the read
- * returned when none were, -1 when the file cannot be opened (logged). */
-int COM_LoadDataFromFile(const char *pFileName, void *pBuf, int len);
+/* Reads up to `size` bytes from the start of a file, in one read. No NUL is added.
+ *
+ * Returns COM_DATA_COMPLETE when `size` bytes were read, or none because the file is empty;
+ * COM_DATA_PARTIAL; -1 when the file cannot be opened or read. */
+int COM_LoadDataFromFile(const char *pFileName, void *pBuf, int size);
 
-/* Reads the unit's port number, a text, from /etc/Port: COM_GetFileContent with its rules for the
- * buffer. When that returns -1 the result stays -1 and pBuf holds "80", cut to size - 1. */
+enum {
+    COM_DEFAULT_PORT = 80,
+    COM_PORT_SIZE = 8, /* bytes for a port number as text, including the NUL */
+};
+
+/* Reads the unit's port number from /etc/Port into a text, by the rules of COM_GetFileContent. When
+ * that returns -1, so does this, and pBuf holds COM_DEFAULT_PORT, truncated to size - 1
+ * characters. */
 int COM_GetPort(char *pBuf, int size);
 
-/* Writes the unit's port number to /etc/Port: its first seven characters in decimal.
+/* Writes the unit's port number to /etc/Port in decimal, truncated to COM_PORT_SIZE - 1 characters.
  * Returns 0 or -1. */
 int COM_SetPort(int port);
 
-/* Sets the kernel's host name (up to 64 characters) and, when that succeeded, writes it to
- * /etc/hostname too. Returns 0 when the kernel took the name, else -1 (not logged). */
+/* Sets the kernel's host name (at most 64 characters) and then writes it to /etc/hostname. Returns
+ * 0 when the kernel accepted the name, whether or not the file could be written; else -1 (not
+ * logged). */
 int COM_SetHostName(const char *pName);
 
-/* A unit's identity. The fields are NUL-terminated texts. The record is laid out as the first 304
- * bytes of tUnitNetInfo (unit_info.h), whose fields from the address up to the interface lie in the
- * room of host_name behind the name itself. */
-typedef struct tUnitInfo {
-    char model[32];      /* /etc/Model */
-    char project[32];    /* /etc/Proj */
-    char host_name[176]; /* /etc/hostname and the kernel's host name */
-    char note[64];       /* /etc/Note */
-} tUnitInfo;
+enum {
+    COM_UNIT_MODEL_SIZE = 32, /* sizes of identity texts in bytes, including the NUL */
+    COM_UNIT_PROJECT_SIZE = 32,
+    COM_UNIT_NOTE_SIZE = 64,
+};
 
-/* Writes the identity of this unit. An empty field empties its file and counts as a failure
- * (COM_SetFileContent); an empty host name does not, as the kernel takes it.
- * Returns the sum of the four results: 0 when all succeeded, else minus the number that failed. */
+/* A unit's identity. The layout is that of the first 304 bytes of tUnitNetInfo (unit_info.h); the
+ * fields of that record from the address to the interface lie inside host_name, after the name. */
+typedef struct tUnitInfo {
+    char model[COM_UNIT_MODEL_SIZE];     /* /etc/Model */
+    char project[COM_UNIT_PROJECT_SIZE]; /* /etc/Proj */
+    char host_name[176];                 /* /etc/hostname and the kernel's host name */
+    char note[COM_UNIT_NOTE_SIZE];       /* /etc/Note */
+} tUnitInfo;
+static_assert(sizeof(tUnitInfo) == 304, "the record has no gaps");
+static_assert(offsetof(tUnitInfo, host_name) == 64, "the host name follows the project");
+static_assert(offsetof(tUnitInfo, note) == 240, "the note follows the host name");
+
+/* Writes the identity of this unit. An empty field empties its file and counts as a failure (see
+ * COM_SetFileContent). An empty host name does not, since the kernel accepts it.
+ *
+ * Returns the sum of the four results: 0 when all succeeded, else minus the number of failures. */
 int COM_SetUnitInfo(const tUnitInfo *pInfo);
 
-/* Makes a file-system node unless the path exists already, whatever it is.
+/* Creates a file-system node, unless anything exists at the path.
  *
- *   mode  type and permission bits (mknod(2)), the latter less the umask
+ *   mode  file type and permission bits (mknod(2)), less the umask
  *   dev   device number, for S_IFCHR and S_IFBLK
  *
- * Returns 0 when it exists or was made, else -1. */
+ * Returns 0 when it exists or was created, else -1. */
 int COM_MakeNode(const char *pPath, mode_t mode, dev_t dev);
 
-/* Reads the revision of the unit's software from the first 256 bytes of /etc/SVN: the letters and
- * digits behind "Revision: ". A revision of digits alone is written with at least four ("0123") and
- * without further zeros before it.
+enum {
+    COM_SVN_REVISION_SIZE = 247, /* bytes for the longest revision and its NUL */
+};
+
+/* Reads the revision of the unit's software: the letters and digits after "Revision: " in the first
+ * 256 bytes of /etc/SVN. A revision of digits only gets leading zeros up to four digits ("0123")
+ * and no more than these.
  *
- *   pBuf  247 bytes hold the longest revision and its NUL
+ *   pBuf  COM_SVN_REVISION_SIZE bytes
  *
- * Returns 0, or -1 with nothing written when the file or the mark is missing or pBuf is NULL. */
+ * Returns 0, or -1 with pBuf unchanged when the file or the revision is missing. */
 int COM_GetSvnRevision(char *pBuf);
 
 #ifdef __cplusplus

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include "c_callback.h"
 #include "common/command.h"
 #include "common/file.h"
+#include "common/file_content.h"
 #include "common/net_info.h"
 #include "common/process.h"
 #include "common/udp_broadcast.h"
@@ -226,6 +228,27 @@ TEST(Cancellation, WaitsUntilACallIsOver) {
             }
         },
         [] { COM_SendUdpBroadcast("lo", 1, 2, "x", 1); },
+        [] { EXPECT_EQ(0, COM_SetFileContent(file.c_str(), "text")); },
+        [] { EXPECT_EQ(0, COM_AppendFileContent(file.c_str(), "text")); },
+        [] { EXPECT_EQ(0, COM_SaveDataIntoFile(file.c_str(), "data", 4)); },
+        [] { EXPECT_EQ(0, COM_SaveRingBufDataIntoFile(file.c_str(), "ring", 3, 4, 4)); },
+        [] {
+            char text[8] = "";
+            EXPECT_EQ(0, COM_GetFileContent(file.c_str(), text, sizeof text));
+        },
+        [] {
+            char data[4];
+            EXPECT_EQ(0, COM_LoadDataFromFile(file.c_str(), data, sizeof data));
+        },
+        [] {
+            char port[COM_PORT_SIZE] = "";
+            COM_GetPort(port, sizeof port);
+        },
+        [] {
+            char revision[COM_SVN_REVISION_SIZE];
+            COM_GetSvnRevision(revision);
+        },
+        [] { EXPECT_EQ(0, COM_MakeNode(file.c_str(), S_IFREG, 0)); },
     };
     for (const auto &call : calls) {
         EXPECT_TRUE(OutlastsCancellation(call)) << "call " << &call - calls;

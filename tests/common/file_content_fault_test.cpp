@@ -35,7 +35,7 @@ TEST(GetFileContentFault, EveryCallFails) {
               }));
 }
 
-TEST(GetFileContentFault, AReadErrorBehindTheFirstBlockEndsTheFile) {
+TEST(GetFileContentFault, EndsTheFileAtAReadErrorAfterTheFirstBlock) {
     const TempDir dir;
     WriteFile(dir / "file", std::string(600, 'x'));
     char buf[1024] = "";
@@ -59,7 +59,7 @@ TEST(FileContentFault, EveryCallOfTheWritersFails) {
                   EXPECT_TRUE(append == 0 || append == -1) << append;
                   EXPECT_TRUE(save == 0 || save == -1) << save;
                   EXPECT_TRUE(ring == 0 || ring == 1 || ring == -1) << ring;
-                  // 1 or 0 tells how far a ring came, unless the open of the file failed.
+                  // 0 and 1 state how much of the ring was saved, unless the open failed.
                   const std::string left = ReadFile(path);
                   EXPECT_TRUE(ring != 0 || left == "789012") << left;
                   EXPECT_TRUE(ring != 1 || left == "789") << left;

@@ -29,10 +29,11 @@ namespace {
 
 using namespace talvek::test;
 
-// What the code under test opens, and what its next writes return. A script entry that is negative
-// fails with that errno, another one is the most that the write takes.
+// Flags and mode of the last open of the code under test.
 int g_flags = 0;
 mode_t g_mode = 0;
+// What its next writes do: a negative entry fails with that errno, another one is the number of
+// bytes that the write takes at most.
 std::deque<ssize_t> g_writes;
 
 }  // namespace
@@ -86,7 +87,7 @@ mode_t ModeOf(const std::string &path) {
     return st.st_mode;
 }
 
-// What a call reads with a cleared buffer of exactly `len` bytes.
+// What a call reads into an empty buffer of exactly `len` bytes.
 std::string Read(const std::string &path, int len, int expected = 0) {
     const CanaryBuf buf{static_cast<size_t>(len)};
     buf.text()[0] = '\0';
@@ -109,7 +110,7 @@ TEST(GetFileContent, ReadsAShortLineWithoutItsEnd) {
     EXPECT_EQ("a b\t", Content("a b\t\n", 16));
 }
 
-TEST(GetFileContent, GivesAnEmptyTextForAnEmptyFirstLine) {
+TEST(GetFileContent, ReturnsAnEmptyTextForAnEmptyFirstLine) {
     EXPECT_EQ("", Content("\n8080\n", 16));
 }
 
@@ -117,7 +118,7 @@ TEST(GetFileContent, EndsALineAtANulByte) {
     EXPECT_EQ("ab", Content(std::string{"ab\0cd\n", 6}, 16));
 }
 
-TEST(GetFileContent, CutsToTheRoom) {
+TEST(GetFileContent, TruncatesToTheSize) {
     EXPECT_EQ("1234567", Content("12345678\n", 8));
     EXPECT_EQ("12345678", Content("12345678\n", 9));
     EXPECT_EQ("12345678", Content("12345678\n", 10));
@@ -140,7 +141,7 @@ TEST(GetFileContent, KeepsOnlyTheFirstLineOfEachBlock) {
     EXPECT_EQ("8080", Content(std::string(3 * 255, '\n') + "8080\n", 16));
 }
 
-TEST(GetFileContent, AppendsToWhatTheBufferHolds) {
+TEST(GetFileContent, AppendsToTheTextInTheBuffer) {
     const TempDir dir;
     WriteFile(dir / "file", "12345678\n");
     for (const int len : {2, 8, 9, 10}) {
@@ -152,7 +153,7 @@ TEST(GetFileContent, AppendsToWhatTheBufferHolds) {
     }
 }
 
-TEST(GetFileContent, AMissingFileIsUnknownAndNotLogged) {
+TEST(GetFileContent, ReturnsUnknownForAMissingFileWithoutALogLine) {
     const TempDir dir;
     const std::string word = "unknown";
     for (const int len : {1, 2, 5, 6, 7, 8, 9, 16}) {
@@ -167,7 +168,7 @@ TEST(GetFileContent, AMissingFileIsUnknownAndNotLogged) {
     }
 }
 
-TEST(GetFileContent, OtherFailuresToOpenAreLogged) {
+TEST(GetFileContent, LogsOtherFailuresToOpen) {
     const TempDir dir;
     WriteFile(dir / "file", "x");
     const std::string path = dir / "file/below";
@@ -178,7 +179,7 @@ TEST(GetFileContent, OtherFailuresToOpenAreLogged) {
     EXPECT_STREQ("unknown", buf);
 }
 
-TEST(GetFileContent, WhatCannotBeReadIsUnknownAndNotLogged) {
+TEST(GetFileContent, ReturnsUnknownForAnUnreadableFileWithoutALogLine) {
     EXPECT_EQ(Lines{}, CaptureLog([] {
                   EXPECT_EQ("unknown", Content("", 16, -1));
                   const TempDir dir;
@@ -186,7 +187,7 @@ TEST(GetFileContent, WhatCannotBeReadIsUnknownAndNotLogged) {
               }));
 }
 
-TEST(GetFileContent, RoomForTheNulAloneIsUnknown) {
+TEST(GetFileContent, ReturnsUnknownWithoutRoomForACharacter) {
     const TempDir dir;
     WriteFile(dir / "file", "x");
     const CanaryBuf buf{2};
@@ -227,7 +228,7 @@ TEST(GetFileContent, WritesNothingWithoutABuffer) {
               CaptureLog([&] { EXPECT_EQ(-1, COM_GetFileContent(path, nullptr, 16)); }));
 }
 
-TEST(GetFileContent, EndsOnAFileWithoutEnd) {
+TEST(GetFileContent, GivesUpOnAnEndlessFile) {
     EXPECT_EQ("", Read("/dev/zero", 16));
     const std::string block(255, '\n');
     std::string content;
@@ -246,7 +247,7 @@ TEST(SetFileContent, ReplacesTheContent) {
     EXPECT_EQ("8080", ReadFile(path));
 }
 
-TEST(SetFileContent, AnEmptyTextEmptiesTheFileAndFails) {
+TEST(SetFileContent, FailsForAnEmptyTextAndEmptiesTheFile) {
     const TempDir dir;
     const std::string path = dir / "file";
     WriteFile(path, "content");
@@ -255,7 +256,7 @@ TEST(SetFileContent, AnEmptyTextEmptiesTheFileAndFails) {
     EXPECT_EQ(0, access(path.c_str(), F_OK));
 }
 
-TEST(AppendFileContent, AddsAtTheEnd) {
+TEST(AppendFileContent, AppendsAtTheEnd) {
     const TempDir dir;
     const std::string path = dir / "file";
     EXPECT_EQ(0, COM_AppendFileContent(path.c_str(), "one\n"));
@@ -293,12 +294,37 @@ TEST(SetFileContent, LogsAPathThatCannotBeOpened) {
         }));
 }
 
-TEST(SetFileContent, CountsAPartOfTheTextAsSuccess) {
+TEST(SetFileContent, ContinuesAWriteThatIsCutShort) {
     const TempDir dir;
     const std::string path = dir / "file";
-    g_writes = {1};
-    EXPECT_EQ(0, COM_SetFileContent(path.c_str(), "text"));
-    EXPECT_EQ("t", ReadFile(path));
+    EXPECT_EQ(Lines{}, CaptureLog([&] {
+                  g_writes = {1, 2};
+                  EXPECT_EQ(0, COM_SetFileContent(path.c_str(), "text"));
+                  g_writes = {1, 2};
+                  EXPECT_EQ(0, COM_AppendFileContent(path.c_str(), " more"));
+              }));
+    EXPECT_EQ("text more", ReadFile(path));
+}
+
+TEST(SetFileContent, SucceedsForAPartOfTheTextAndLogsIt) {
+    const TempDir dir;
+    const std::string path = dir / "file";
+    EXPECT_EQ((Lines{"COMMON:COM_SetFileContent(): write(" + path +
+                         ") size failed - 1/4 - No space left on device",
+                     "COMMON:COM_AppendFileContent(): write(" + path +
+                         ") size failed - 2/4 - Input/output error"}),
+              CaptureLog([&] {
+                  g_writes = {1, -ENOSPC};
+                  EXPECT_EQ(0, COM_SetFileContent(path.c_str(), "text"));
+                  g_writes = {2, 0};
+                  EXPECT_EQ(0, COM_AppendFileContent(path.c_str(), "more"));
+              }));
+    EXPECT_EQ("tmo", ReadFile(path));
+}
+
+TEST(SetFileContent, FailsWithoutALogLineWhenNothingIsWritten) {
+    const TempDir dir;
+    const std::string path = dir / "file";
     g_writes = {-ENOSPC};
     EXPECT_EQ(Lines{}, CaptureLog([&] { EXPECT_EQ(-1, COM_SetFileContent(path.c_str(), "x")); }));
     g_writes = {0};
@@ -354,16 +380,30 @@ TEST(SaveDataIntoFile, WritesBytesOfAnyKind) {
     EXPECT_EQ("", ReadFile(path));
 }
 
-TEST(SaveDataIntoFile, TellsAPartialWriteAndNoWriteApart) {
+TEST(SaveDataIntoFile, ContinuesAWriteThatIsCutShort) {
     const TempDir dir;
     const std::string path = dir / "file";
-    EXPECT_EQ(
-        Lines{"COMMON:COM_SaveDataIntoFile(): write(" + path + ") size failed - 3/5 - Success"},
-        CaptureLog([&] {
-            g_writes = {3};
-            EXPECT_EQ(1, COM_SaveDataIntoFile(path.c_str(), "12345", 5));
-        }));
-    EXPECT_EQ("123", ReadFile(path));
+    EXPECT_EQ(Lines{}, CaptureLog([&] {
+                  g_writes = {3, 1};
+                  EXPECT_EQ(0, COM_SaveDataIntoFile(path.c_str(), "12345", 5));
+              }));
+    EXPECT_EQ("12345", ReadFile(path));
+}
+
+TEST(SaveDataIntoFile, DistinguishesAPartialWriteFromNone) {
+    const TempDir dir;
+    const std::string path = dir / "file";
+    EXPECT_EQ((Lines{"COMMON:COM_SaveDataIntoFile(): write(" + path +
+                         ") size failed - 3/5 - No space left on device",
+                     "COMMON:COM_SaveDataIntoFile(): write(" + path +
+                         ") size failed - 4/5 - Input/output error"}),
+              CaptureLog([&] {
+                  g_writes = {3, -ENOSPC};
+                  EXPECT_EQ(int{COM_DATA_PARTIAL}, COM_SaveDataIntoFile(path.c_str(), "12345", 5));
+                  EXPECT_EQ("123", ReadFile(path));
+                  g_writes = {4, 0};
+                  EXPECT_EQ(1, COM_SaveDataIntoFile(path.c_str(), "12345", 5));
+              }));
     EXPECT_EQ(Lines{}, CaptureLog([&] {
                   g_writes = {0};
                   EXPECT_EQ(0, COM_SaveDataIntoFile(path.c_str(), "12345", 5));
@@ -430,7 +470,7 @@ TEST(SaveRingBufDataIntoFile, UnwrapsTheRing) {
     EXPECT_EQ(ring.substr(10, 30), straight.content);
 }
 
-TEST(SaveRingBufDataIntoFile, WrapsBehindTheLastByteOnly) {
+TEST(SaveRingBufDataIntoFile, WrapsOnlyAfterTheLastByte) {
     const std::string ring = Ring();
     for (const int len : {29, 30, 31}) {
         const Saved saved = SaveRing(70, 100, len);
@@ -439,7 +479,7 @@ TEST(SaveRingBufDataIntoFile, WrapsBehindTheLastByteOnly) {
     }
 }
 
-TEST(SaveRingBufDataIntoFile, WithoutARingSizeTheBufferIsPlain) {
+TEST(SaveRingBufDataIntoFile, SavesAPlainBufferWithoutARingSize) {
     for (const int size : {0, -1}) {
         const Saved saved = SaveRing(90, size, 10);
         EXPECT_EQ(0, saved.result);
@@ -447,13 +487,13 @@ TEST(SaveRingBufDataIntoFile, WithoutARingSizeTheBufferIsPlain) {
     }
 }
 
-TEST(SaveRingBufDataIntoFile, AnEmptySaveSucceeds) {
+TEST(SaveRingBufDataIntoFile, SucceedsForNoBytes) {
     const Saved saved = SaveRing(10, 100, 0);
     EXPECT_EQ(0, saved.result);
     EXPECT_EQ("", saved.content);
 }
 
-TEST(SaveRingBufDataIntoFile, StartAtTheRingsEndSavesNothing) {
+TEST(SaveRingBufDataIntoFile, FailsWithAStartAtTheEndOfTheRing) {
     const Saved saved = SaveRing(100, 100, 5);
     EXPECT_EQ(-1, saved.result);
     EXPECT_EQ("", saved.content);
@@ -470,7 +510,7 @@ TEST(SaveRingBufDataIntoFile, ContinuesPartialAndEmptyWrites) {
     EXPECT_EQ(Lines{}, wrapped.log);
 }
 
-TEST(SaveRingBufDataIntoFile, AFailureOfAPlainSaveIsOnlyInTheLog) {
+TEST(SaveRingBufDataIntoFile, SucceedsAndLogsWhenNothingOfAPlainBufferIsWritten) {
     const Saved saved = SaveRing(10, 100, 30, {-EIO});
     EXPECT_EQ(0, saved.result);
     EXPECT_EQ(
@@ -478,7 +518,7 @@ TEST(SaveRingBufDataIntoFile, AFailureOfAPlainSaveIsOnlyInTheLog) {
         saved.log);
 }
 
-TEST(SaveRingBufDataIntoFile, TellsAPartialPlainSave) {
+TEST(SaveRingBufDataIntoFile, ReportsAPartOfAPlainBuffer) {
     const Saved saved = SaveRing(10, 100, 30, {12, -ENOSPC});
     EXPECT_EQ(1, saved.result);
     EXPECT_EQ(Ring().substr(10, 12), saved.content);
@@ -490,7 +530,7 @@ TEST(SaveRingBufDataIntoFile, TellsAPartialPlainSave) {
         saved.log);
 }
 
-TEST(SaveRingBufDataIntoFile, AFailureUpToTheRingsEndEndsTheSave) {
+TEST(SaveRingBufDataIntoFile, FailsWhenThePartUpToTheEndOfTheRingFails) {
     const Saved saved = SaveRing(90, 100, 30, {4, -EIO});
     EXPECT_EQ(-1, saved.result);
     EXPECT_EQ(Ring().substr(90, 4), saved.content);
@@ -498,7 +538,7 @@ TEST(SaveRingBufDataIntoFile, AFailureUpToTheRingsEndEndsTheSave) {
               saved.log);
 }
 
-TEST(SaveRingBufDataIntoFile, AFailureBehindTheRingsEndIsAPartialSave) {
+TEST(SaveRingBufDataIntoFile, ReportsAPartOfAWrappedRing) {
     const Saved saved = SaveRing(90, 100, 30, {10, 7, -EIO});
     EXPECT_EQ(1, saved.result);
     EXPECT_EQ((Ring() + Ring()).substr(90, 17), saved.content);
@@ -509,7 +549,7 @@ TEST(SaveRingBufDataIntoFile, AFailureBehindTheRingsEndIsAPartialSave) {
         saved.log);
 }
 
-TEST(SaveRingBufDataIntoFile, GivesUpOnADeviceThatNeverTakesAnything) {
+TEST(SaveRingBufDataIntoFile, GivesUpAfterAThousandEmptyWrites) {
     const Saved saved = SaveRing(10, 100, 30, std::deque<ssize_t>(1000, 0));
     EXPECT_EQ(0, saved.result);
     EXPECT_EQ(
@@ -518,7 +558,7 @@ TEST(SaveRingBufDataIntoFile, GivesUpOnADeviceThatNeverTakesAnything) {
     EXPECT_EQ(30U, SaveRing(10, 100, 30, std::deque<ssize_t>(999, 0)).content.size());
 }
 
-TEST(SaveRingBufDataIntoFile, RefusesWhatTheKernelRefuses) {
+TEST(SaveRingBufDataIntoFile, FailsWithTheErrorsOfTheKernel) {
     EXPECT_EQ((Lines{"COMMON:COM_SaveRingBufDataIntoFile(): open(/proc) fail : Is a directory",
                      "COMMON:COM_SaveRingBufDataIntoFile(): open((null)) fail : Bad address"}),
               CaptureLog([] {
@@ -538,8 +578,8 @@ TEST(SaveRingBufDataIntoFile, RefusesWhatTheKernelRefuses) {
         }));
 }
 
-// Only the owner of a file and privileged processes may ask for O_NOATIME.
-TEST(SaveRingBufDataIntoFile, NeedsAFileOfItsOwn) {
+// O_NOATIME is only permitted to the owner of a file and to privileged processes.
+TEST(SaveRingBufDataIntoFile, FailsForAFileOfAnotherUser) {
     RunInPrivateWorld(
         kMounts,
         [] {
@@ -559,7 +599,7 @@ TEST(SaveRingBufDataIntoFile, NeedsAFileOfItsOwn) {
         true);
 }
 
-TEST(LoadDataFromFile, TellsHowMuchThereWas) {
+TEST(LoadDataFromFile, DistinguishesAllFromFewerBytes) {
     const TempDir dir;
     const std::string path = dir / "file";
     const std::string data{
@@ -567,16 +607,17 @@ TEST(LoadDataFromFile, TellsHowMuchThereWas) {
         "45",
         5};
     WriteFile(path, data);
-    for (const auto &[len, expected] : {std::pair{4, 0}, {5, 0}, {6, 1}}) {
+    for (const auto &[len, expected] :
+         {std::pair<int, int>{4, 0}, {5, COM_DATA_COMPLETE}, {6, COM_DATA_PARTIAL}}) {
         const CanaryBuf buf{static_cast<size_t>(len)};
         EXPECT_EQ(expected, COM_LoadDataFromFile(path.c_str(), buf.text(), len));
         const size_t count = std::min<size_t>(static_cast<size_t>(len), 5);
         EXPECT_EQ(data.substr(0, count), std::string(buf.text(), count));
-        EXPECT_TRUE(buf.UntouchedFrom(count)) << "no NUL is added";
+        EXPECT_TRUE(buf.UntouchedFrom(count)) << "a byte was added";
     }
 }
 
-TEST(LoadDataFromFile, NothingReadIsTheReadsResult) {
+TEST(LoadDataFromFile, ReturnsTheReadsResultWhenNothingIsRead) {
     const TempDir dir;
     const std::string path = dir / "file";
     WriteFile(path, "");
@@ -605,14 +646,14 @@ TEST(LoadDataFromFile, LogsAPathThatCannotBeOpened) {
         }));
 }
 
-// Two pages of 4 KiB are all that the file system takes.
+// The file system has two pages of 4 KiB.
 TEST(FileContent, ReportsAFullFileSystem) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/mnt", "size=8k");
         const std::string data(10000, 'x');
         EXPECT_EQ(
             (Lines{"COMMON:COM_SaveDataIntoFile(): write(/mnt/data) size failed - 8192/10000 - "
-                   "Success"}),
+                   "No space left on device"}),
             CaptureLog(
                 [&] { EXPECT_EQ(1, COM_SaveDataIntoFile("/mnt/data", data.data(), 10000)); }));
         EXPECT_EQ((Lines{"COMMON:COM_SaveRingBufDataIntoFile(): write(0, 10) error : No space left "
@@ -666,7 +707,7 @@ TEST(GetPort, ReadsThePort) {
     });
 }
 
-TEST(GetPort, IsEightyWithoutAFileAndStillFails) {
+TEST(GetPort, ReturnsEightyAndFailsWithoutAFile) {
     RunInPrivateWorld(kMounts, [] {
         FreshEtc();
         EXPECT_EQ(Lines{}, CaptureLog([] {
@@ -686,7 +727,7 @@ TEST(GetPort, IsEightyWithoutAFileAndStillFails) {
     });
 }
 
-TEST(GetPort, StaysInsideTheFailureTextForWrongSizes) {
+TEST(GetPort, WritesNoMoreThanTheFailureTextForInvalidSizes) {
     const Lines log = CaptureLog([] {
         const CanaryBuf buf{8};
         EXPECT_EQ(-1, COM_GetPort(buf.text(), 0));
@@ -726,8 +767,8 @@ TEST(SetHostName, SetsTheKernelsNameAndTheFile) {
     });
 }
 
-// The kernel takes names of up to 64 characters.
-TEST(SetHostName, KeepsBothWhenTheKernelRefuses) {
+// The kernel accepts names of up to 64 characters.
+TEST(SetHostName, LeavesBothUnchangedWhenTheKernelRefuses) {
     RunInPrivateWorld(kMounts | kHostname, [] {
         FreshEtc();
         EXPECT_EQ(0, COM_SetHostName(std::string(64, 'n').c_str()));
@@ -740,7 +781,7 @@ TEST(SetHostName, KeepsBothWhenTheKernelRefuses) {
     });
 }
 
-TEST(SetHostName, TheFilesResultDoesNotCount) {
+TEST(SetHostName, SucceedsWithoutTheFile) {
     RunInPrivateWorld(kMounts | kHostname, [] {
         FreshEtc();
         EXPECT_EQ(0, mkdir("/etc/hostname", 0700));
@@ -749,7 +790,7 @@ TEST(SetHostName, TheFilesResultDoesNotCount) {
     });
 }
 
-TEST(UnitInfo, LaysItsFieldsOutWithoutGaps) {
+TEST(UnitInfo, HasNoGaps) {
     EXPECT_EQ(304U, sizeof(tUnitInfo));
     EXPECT_EQ(0U, offsetof(tUnitInfo, model));
     EXPECT_EQ(32U, offsetof(tUnitInfo, project));
@@ -757,8 +798,8 @@ TEST(UnitInfo, LaysItsFieldsOutWithoutGaps) {
     EXPECT_EQ(240U, offsetof(tUnitInfo, note));
 }
 
-// The record of the network functions can be handed in too.
-TEST(UnitInfo, LiesWhereTheNetworkRecordHasItsFields) {
+// The record of COM_GetUnitNetInfo can be passed as well.
+TEST(UnitInfo, HasTheLayoutOfTheNetworkRecord) {
     EXPECT_EQ(offsetof(tUnitNetInfo, model), offsetof(tUnitInfo, model));
     EXPECT_EQ(offsetof(tUnitNetInfo, proj), offsetof(tUnitInfo, project));
     EXPECT_EQ(offsetof(tUnitNetInfo, name), offsetof(tUnitInfo, host_name));
@@ -766,7 +807,7 @@ TEST(UnitInfo, LiesWhereTheNetworkRecordHasItsFields) {
     EXPECT_EQ(offsetof(tUnitNetInfo, mtu), sizeof(tUnitInfo));
 }
 
-TEST(SetUnitInfo, TakesAnEmptyHostNameAsTheKernelDoes) {
+TEST(SetUnitInfo, AcceptsAnEmptyHostName) {
     RunInPrivateWorld(kMounts | kHostname, [] {
         FreshEtc();
         WriteFile("/etc/hostname", "before");
@@ -805,7 +846,7 @@ TEST(SetUnitInfo, CountsTheFailures) {
     });
 }
 
-TEST(SetUnitInfo, GoesOnBehindEveryFailureInOrder) {
+TEST(SetUnitInfo, ContinuesAfterEveryFailureInOrder) {
     RunInPrivateWorld(kMounts | kHostname, [] {
         FreshEtc();
         Lines expected;
@@ -821,7 +862,7 @@ TEST(SetUnitInfo, GoesOnBehindEveryFailureInOrder) {
     });
 }
 
-TEST(SetUnitInfo, AFieldWithoutNulEndsWithItsWidth) {
+TEST(SetUnitInfo, EndsAFieldWithoutANulAtItsWidth) {
     RunInPrivateWorld(kMounts | kHostname, [] {
         FreshEtc();
         const CanaryBuf record{sizeof(tUnitInfo), 'f'};
@@ -856,7 +897,7 @@ TEST(MakeNode, MakesADevice) {
         true);
 }
 
-TEST(MakeNode, LeavesWhateverExists) {
+TEST(MakeNode, LeavesAnExistingFileUnchanged) {
     const TempDir dir;
     const std::string path = dir / "file";
     WriteFile(path, "content");
@@ -881,10 +922,10 @@ TEST(MakeNode, LogsItsFailures) {
         }));
 }
 
-// What the call leaves for a content of /etc/SVN, in a buffer of the size it is stated to need.
+// Expects a revision for a content of /etc/SVN, in a buffer of the documented size.
 void ExpectRevision(const std::string &content, const std::string &expected) {
     WriteFile("/etc/SVN", content);
-    const CanaryBuf buf{247};
+    const CanaryBuf buf{COM_SVN_REVISION_SIZE};
     EXPECT_EQ(0, COM_GetSvnRevision(buf.text())) << content;
     EXPECT_EQ(expected, buf.text()) << content;
 }
@@ -900,7 +941,7 @@ TEST(GetSvnRevision, TakesLettersAndDigits) {
     });
 }
 
-TEST(GetSvnRevision, WritesNumbersWithFourDigitsAtLeast) {
+TEST(GetSvnRevision, WritesNumbersWithAtLeastFourDigits) {
     RunInPrivateWorld(kMounts, [] {
         FreshEtc();
         ExpectRevision("Revision: 1", "0001");
@@ -915,8 +956,8 @@ TEST(GetSvnRevision, WritesNumbersWithFourDigitsAtLeast) {
     });
 }
 
-// 256 bytes are read: the mark's ten and 246 more.
-TEST(GetSvnRevision, IsBoundedByWhatIsRead) {
+// 256 bytes are read: the ten of "Revision: " and 246 more.
+TEST(GetSvnRevision, ReadsTheFirst256Bytes) {
     RunInPrivateWorld(kMounts, [] {
         FreshEtc();
         for (const size_t length : {245, 246, 247, 1000}) {
@@ -926,10 +967,10 @@ TEST(GetSvnRevision, IsBoundedByWhatIsRead) {
     });
 }
 
-TEST(GetSvnRevision, WritesNothingWithoutFileMarkOrBuffer) {
+TEST(GetSvnRevision, FailsWithoutAFileARevisionOrABuffer) {
     RunInPrivateWorld(kMounts, [] {
         FreshEtc();
-        const CanaryBuf buf{247};
+        const CanaryBuf buf{COM_SVN_REVISION_SIZE};
         EXPECT_EQ(
             Lines{"COMMON:COM_LoadDataFromFile(): open(/etc/SVN) fail : No such file or directory"},
             CaptureLog([&] { EXPECT_EQ(-1, COM_GetSvnRevision(buf.text())); }));
@@ -937,7 +978,7 @@ TEST(GetSvnRevision, WritesNothingWithoutFileMarkOrBuffer) {
             WriteFile("/etc/SVN", content);
             EXPECT_EQ(-1, COM_GetSvnRevision(buf.text())) << content;
         }
-        // The mark itself is cut off behind 256 bytes.
+        // "Revision: " does not end within the first 256 bytes.
         WriteFile("/etc/SVN", std::string(247, 'x') + "Revision: 12");
         EXPECT_EQ(-1, COM_GetSvnRevision(buf.text()));
         EXPECT_TRUE(buf.UntouchedFrom(0));

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/private_world.h"
 
@@ -162,6 +163,11 @@ TEST(ReadHexData, JoinsTheReadsOfAPipe) {
     EXPECT_EQ("0c5a3fff", TextOf(ends[0]));
     writer.join();
     close(ends[0]);
+}
+
+TEST(ReadHexData, OutlastsCancellation) {
+    const MemoryFile file{"a b"};
+    EXPECT_TRUE(OutlastsCancellation([&] { EXPECT_EQ("ab", TextOf(file.fd())); }));
 }
 
 TEST(ReadHexData, LogsWhyAFileCannotBeRead) {
