@@ -1,8 +1,8 @@
 // MD5 and SHA-1 of a file and of a buffer of 256 MiB, beside md5sum, sha1sum and openssl on the
-// same file, in one shuffled run. The tools' figures include their start. Processor times are those
-// of this process and its children, and hold on a busy machine too.
+// same file, in one shuffled run. The tools' figures include their start. Processor times include
+// the children, so the ratios also hold on a busy machine.
 //
-// openssl uses the processor's SHA instructions where it has them; the others are plain C.
+// openssl uses the processor's SHA instructions if there are any; the others are plain C.
 
 #include <benchmark/benchmark.h>
 #include <errno.h>
@@ -29,7 +29,7 @@ constexpr size_t kSize = size_t{256} << 20;
     exit(1);
 }
 
-// The bytes, in memory and in a file that is gone when the program ends, however it ends.
+// The bytes, in memory and in an unlinked file, which disappears when the program ends.
 class Input {
   public:
     Input() : bytes_(kSize) {
@@ -97,7 +97,7 @@ void FileMd5(benchmark::State &state) {
     });
 }
 
-// The digest is logged; its line does not stand between the results.
+// The digest is logged, so the output is discarded.
 void FileSha1(benchmark::State &state) {
     const Quiet quiet;
     Measure(state, [](const Input &input) {

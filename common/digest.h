@@ -2,13 +2,12 @@
 #define TALVEK_COMMON_DIGEST_H
 
 /* MD5 (RFC 1321) and SHA-1 (FIPS 180-1) of files, buffers and strings, and the check of a file
- * against an MD5 side file as md5sum writes it.
+ * against an MD5 side file as md5sum writes it. Both digests find damage; they do not withstand
+ * attacks.
  *
- * Both are for finding damage, not for withstanding attacks. Digest texts are lower-case
- * hexadecimal and are written without a terminating NUL: 32 characters of MD5, 40 of SHA-1. A
- * caller that wants a text passes a zeroed buffer of one byte more. The argument orders of the two
- * families differ and are fixed: MD5 takes its context first, SHA-1 last. NULL as data counts as
- * empty; with NULL as a context or an output nothing is done. */
+ * The text of a digest is lower-case hexadecimal and is written without a terminating NUL. For a
+ * NUL-terminated text, pass a zeroed buffer of one byte more. The two families order their
+ * arguments differently: MD5 takes its context first, SHA-1 last. NULL as data is no data. */
 
 #include <stddef.h>
 #include <stdint.h>
@@ -22,79 +21,81 @@ enum {
     COM_MD5_HEX_SIZE = 32,  /* characters of its text */
     COM_SHA1_SIZE = 20,     /* bytes of a SHA-1 digest */
     COM_SHA1_HEX_SIZE = 40, /* characters of its text */
+
+    COM_DIGEST_BLOCK_SIZE = 64, /* bytes of a block of either algorithm */
 };
 
-/* Contexts belong to the caller. */
 typedef struct tMd5Ctx {
     uint32_t state[4];
-    uint32_t bits[2]; /* bits taken in so far: low word, high word */
-    uint8_t block[64];
+    uint32_t bits[2]; /* number of bits so far: low word, high word */
+    uint8_t block[COM_DIGEST_BLOCK_SIZE];
 } tMd5Ctx;
 
 typedef struct tSha1Ctx {
-    uint32_t bytes[2]; /* bytes taken in so far: low word, high word */
+    uint32_t bytes[2]; /* number of bytes so far: low word, high word */
     uint32_t state[5];
-    uint8_t block[64];
+    uint8_t block[COM_DIGEST_BLOCK_SIZE];
 } tSha1Ctx;
 
 /* Begins an MD5 digest. */
 void COM_Md5Init(tMd5Ctx *pCtx);
 
-/* Takes in `length` bytes. */
-void COM_Md5Update(tMd5Ctx *pCtx, const void *pData, size_t length);
+/* Adds `size` bytes to the digest. */
+void COM_Md5Update(tMd5Ctx *pCtx, const void *pData, size_t size);
 
-/* Writes the 16-byte digest and wipes the whole context to zero; begin anew with COM_Md5Init. */
+/* Writes the digest of COM_MD5_SIZE bytes and zeroes the context. COM_Md5Init begins the next one.
+ */
 void COM_Md5Final(uint8_t *pDigest, tMd5Ctx *pCtx);
 
-/* Writes the 32 characters of a 16-byte digest. */
+/* Writes the COM_MD5_HEX_SIZE characters of a digest. */
 void COM_Md5DigestToHex(char *pHex, const uint8_t *pDigest);
 
-/* The 32 characters of the MD5 digest of `length` bytes, or of a NUL-terminated string without its
- * NUL. */
-void COM_MakeBufMD5(char *pHex, const void *pData, size_t length);
+/* Writes the COM_MD5_HEX_SIZE characters of the MD5 digest of `size` bytes, or of a text without
+ * its NUL. */
+void COM_MakeBufMD5(char *pHex, const void *pData, size_t size);
 void COM_MakeStrMD5(char *pHex, const char *pText);
 
-/* The 32 characters of the MD5 digest of a file.
+/* Writes the COM_MD5_HEX_SIZE characters of the MD5 digest of a file. If a read fails, this is the
+ * digest of the bytes before the failure.
  *
- * A file that cannot be read to its end gives the digest of what was read. Returns the result of
- * closing the file, which is 0 as a rule; when the file cannot be opened, pHex stays as it was and
- * the result is what COM_Log returned for the message, a positive count. -1 when pHex is NULL. The
- * call takes 32 KiB of stack. */
+ * Returns the result of closing the file, usually 0. When the file cannot be opened, the result is
+ * that of COM_Log for the message, a positive number. -1 for NULL. */
 int COM_MakeFileMD5(char *pHex, const char *pFileName);
 
-/* Compares a file with the hash in its side file.
+/* Compares the MD5 digest of a file with the hash in its side file.
  *
- *   pFileName  file to check
- *   pSuffix    what the side file's name has behind that of the file, or NULL for ".md5"
+ *   pFileName  the file to check
+ *   pSuffix    suffix that makes the name of the side file from that of the file; NULL is ".md5"
  *
- * The side file (its first 256 bytes) holds hashes, each followed by a file name, between blanks,
- * tabs and line ends. Only last path components are compared, so that the file may lie in any
- * directory; the first that equals the file's decides. Hashes are compared exactly: one in upper
- * case never matches. Names are compared as they stand: the "*" that `md5sum -b` puts before a name
- * without directories belongs to it, and a name with a blank in it is never found.
+ * The side file contains hashes, each followed by a file name, separated by blanks, tabs and line
+ * ends. Its first 256 bytes are read. The first name whose last path component equals that of
+ * pFileName decides, so the file may have moved. Hashes are compared exactly, so one in upper case
+ * does not match. A name is compared with the "*" that `md5sum -b` puts before it, and a name with
+ * a blank is not found.
  *
- * Returns 0 when the file matches, else -1: the hashes differ (both are printed), no hash stands
- * before the name (printed too), no name matches, or the side file is missing or empty (logged). */
+ * Returns 0 when the file matches. Otherwise -1: the hashes differ or no hash precedes the name
+ * (both hashes are printed), no name matches, or the side file is missing or empty (logged). */
 int COM_CheckFileMD5(const char *pFileName, const char *pSuffix);
 
 /* Begins a SHA-1 digest. */
 void COM_Sha1Init(tSha1Ctx *pCtx);
 
-/* Takes in `length` bytes. */
-void COM_Sha1Update(const void *pData, size_t length, tSha1Ctx *pCtx);
+/* Adds `size` bytes to the digest. */
+void COM_Sha1Update(const void *pData, size_t size, tSha1Ctx *pCtx);
 
-/* Writes the 20-byte digest; returns pDigest. */
+/* Writes the digest of COM_SHA1_SIZE bytes and returns pDigest. */
 uint8_t *COM_Sha1Final(uint8_t *pDigest, tSha1Ctx *pCtx);
 
-/* The 20 bytes of the SHA-1 digest of a NUL-terminated string without its NUL (NULL counts as
- * empty), or of `length` bytes. Both return pDigest. */
+/* Writes the COM_SHA1_SIZE bytes of the SHA-1 digest of a text without its NUL (NULL is an empty
+ * text), or of `size` bytes. Both return pDigest. */
 uint8_t *COM_MakeStrSHA1(uint8_t *pDigest, const char *pText);
-uint8_t *COM_MakeBufSHA1(uint8_t *pDigest, const void *pData, size_t length);
+uint8_t *COM_MakeBufSHA1(uint8_t *pDigest, const void *pData, size_t size);
 
-/* The 20 bytes of the SHA-1 digest of a file; its text is logged. Results as COM_MakeFileMD5. */
+/* Writes the COM_SHA1_SIZE bytes of the SHA-1 digest of a file and logs its text. Otherwise like
+ * COM_MakeFileMD5. */
 int COM_MakeFileSHA1(uint8_t *pDigest, const char *pFileName);
 
-/* Writes the 40 characters of a 20-byte digest. */
+/* Writes the COM_SHA1_HEX_SIZE characters of a digest. */
 void COM_Sha1DigestToHex(char *pHex, const uint8_t *pDigest);
 
 #ifdef __cplusplus

@@ -13,6 +13,7 @@
 
 #include "c_callback.h"
 #include "common/command.h"
+#include "common/digest.h"
 #include "common/file.h"
 #include "common/file_content.h"
 #include "common/net_info.h"
@@ -249,6 +250,15 @@ TEST(Cancellation, WaitsUntilACallIsOver) {
             COM_GetSvnRevision(revision);
         },
         [] { EXPECT_EQ(0, COM_MakeNode(file.c_str(), S_IFREG, 0)); },
+        [] {
+            char hex[COM_MD5_HEX_SIZE];
+            EXPECT_EQ(0, COM_MakeFileMD5(hex, file.c_str()));
+        },
+        [] {
+            uint8_t digest[COM_SHA1_SIZE];
+            EXPECT_EQ(0, COM_MakeFileSHA1(digest, file.c_str()));
+        },
+        [] { EXPECT_EQ(-1, COM_CheckFileMD5(file.c_str(), "")); },
     };
     for (const auto &call : calls) {
         EXPECT_TRUE(OutlastsCancellation(call)) << "call " << &call - calls;

@@ -61,7 +61,7 @@ size_t PartOf(const std::string &data, const std::string &hex,
     return std::min(size, data.size());
 }
 
-TEST_F(DigestFault, AReadThatFailsEndsTheFile) {
+TEST_F(DigestFault, EndsTheFileAtAFailedRead) {
     size_t md5Before = 0;
     size_t sha1Before = 0;
     for (int nth = 0; nth < 3; ++nth) {
@@ -124,8 +124,8 @@ TEST_F(DigestFault, EveryCallOfTheFileDigestsFails) {
               }));
 }
 
-// A close that fails changes nothing, nor does a read that would have met the end of its file or a
-// line that the logger has no memory for.
+// A failed close changes nothing; neither does a failed read at the end of a file, or a log line
+// without memory.
 TEST_F(DigestFault, EveryCallOfTheCheckFails) {
     EXPECT_LT(8, EveryCallFails(EIO, [&] {
                   const int result = COM_CheckFileMD5(path_.c_str(), nullptr);
@@ -152,7 +152,7 @@ TEST_F(DigestFault, LogsThatThereIsNoMemoryForTheSideFilesName) {
     EXPECT_EQ(blocks, HeldBlocks());
 }
 
-// The first open is that of the side file, the last one that of the file.
+// The side file is opened first, the file last.
 TEST_F(DigestFault, LogsWhichFileCannotBeOpened) {
     EXPECT_EQ(
         (Lines{"COMMON:COM_GetFileContent(): open(" + path_ + ".md5) error : Too many open files",
