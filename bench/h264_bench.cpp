@@ -112,7 +112,7 @@ void SliceHeader(benchmark::State &state) {
 }
 BENCHMARK(SliceHeader);
 
-// Behind seven bytes that read as slices of set 1.
+// After seven bytes that read as slices of set 1.
 void SliceHeaderAtTheLastOffset(benchmark::State &state) {
     Slice(
         state,

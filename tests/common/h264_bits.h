@@ -1,7 +1,7 @@
 #ifndef TALVEK_TESTS_COMMON_H264_BITS_H
 #define TALVEK_TESTS_COMMON_H264_BITS_H
 
-// H.264 headers as texts of bits ("00101"), and the bytes that they make.
+// H.264 headers as texts of bits ("00101"), and their bytes.
 
 #include <stddef.h>
 #include <stdint.h>
@@ -23,7 +23,7 @@ inline std::string Fixed(uint32_t value, uint32_t count) {
     return bits;
 }
 
-// Exp-Golomb: value + 1 in binary, after as many zeros as it has bits less one.
+// Exp-Golomb: value + 1 in binary, preceded by one zero less than it has bits.
 inline std::string Ue(uint32_t value) {
     uint32_t zeros = 0;
     while ((uint64_t{value} + 1) >> (zeros + 1) != 0) {
@@ -37,7 +37,7 @@ inline std::string Se(int32_t value) {
     return Ue(value > 0 ? static_cast<uint32_t>(2 * value - 1) : static_cast<uint32_t>(-2 * value));
 }
 
-// Bytes of these bits; the last one is filled up with zeros.
+// The bytes of these bits; the last byte is padded with zeros.
 inline Bytes Pack(const std::string &bits) {
     Bytes bytes((bits.size() + 7) / 8);
     for (size_t i = 0; i < bits.size(); ++i) {
@@ -61,7 +61,7 @@ inline Bytes Escape(const Bytes &payload) {
     return raw;
 }
 
-// Bytes that end where nothing more may be read.
+// Bytes followed by memory that cannot be read.
 class Guarded {
   public:
     explicit Guarded(const Bytes &bytes) : copy_(bytes.data(), bytes.size()) {}
@@ -77,7 +77,7 @@ inline Bytes Padded(Bytes bytes, size_t size, uint8_t fill = 0xFF) {
     return bytes;
 }
 
-// Figure 8-8: along the diagonals, up and down in turn, the first one to the right.
+// Figure 8-8: along the diagonals, alternately up and down; the first step goes right.
 inline std::vector<size_t> Zigzag(size_t width) {
     std::vector<size_t> order;
     for (size_t sum = 0; sum < 2 * width - 1; ++sum) {
@@ -92,7 +92,7 @@ inline std::vector<size_t> Zigzag(size_t width) {
     return order;
 }
 
-// The list whose differences these are. Clause 7.3.2.1.1.1.
+// The differences that encode a list (clause 7.3.2.1.1.1).
 inline std::string Deltas(const std::vector<uint32_t> &values) {
     std::string bits;
     int32_t last = 8;

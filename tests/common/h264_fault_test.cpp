@@ -21,7 +21,7 @@ Bytes Accepted() {
     return bytes;
 }
 
-TEST(H264Fault, ParsersMakeNoCallThatCouldFail) {
+TEST(H264Fault, ParsersMakeNoCallThatCanFail) {
     const Bytes bytes = Accepted();
     EXPECT_EQ(0, EveryCallFails(ENOMEM, [&] {
                   tH264SpsInfo sps;
@@ -35,7 +35,7 @@ TEST(H264Fault, ParsersMakeNoCallThatCouldFail) {
 }
 
 // 0001110: log2_max_pic_order_cnt_lsb_minus4 of 13.
-TEST(H264Fault, RefusesWhateverBecomesOfTheLogLine) {
+TEST(H264Fault, RefusesEvenWithoutALogLine) {
     Bytes bytes = Accepted();
     bytes[3] = 0xE3;
     bytes[4] = 0x80;

@@ -1,5 +1,5 @@
-// Streams of real encoders: what the parsers read of them equals what ffmpeg's own header trace and
-// ffprobe tell.
+// Streams of real encoders. What the parsers read is compared with ffmpeg's header trace and with
+// ffprobe.
 
 #include <gtest/gtest.h>
 #include <string.h>
@@ -29,7 +29,7 @@ constexpr uint8_t kPpsNal = 8;
 
 // ---- Encoding ----
 
-// Moving stripes, so that pictures differ and yet predict each other.
+// Moving stripes, so that pictures differ but can be predicted from each other.
 void WriteVideo(const std::string &path, size_t width, size_t height, size_t frames) {
     std::ofstream out{path, std::ios::binary};
     out << "YUV4MPEG2 W" << width << " H" << height << " F25:1 Ip A1:1 C420jpeg\n";
@@ -84,9 +84,9 @@ bool IsSlice(const Bytes &unit) {
     return TypeOf(unit) == 1 || TypeOf(unit) == 5;
 }
 
-// ---- What ffmpeg tells ----
+// ---- What ffmpeg reports ----
 
-// The fields of one unit by name; the place of each in bits, the header byte counted.
+// The fields of one unit by name, and the place of each in bits from the header byte on.
 struct Header {
     std::string title;
     std::map<std::string, int64_t> values;
@@ -99,7 +99,7 @@ struct Header {
     }
 };
 
-// The packets in the order of the stream. The copy of the first sets ahead of them is left out.
+// The packets in the order of the stream, without the copy of the first sets before them.
 std::vector<Header> Trace(const std::string &path) {
     const std::string text =
         RunCommand("ffmpeg -hide_banner -nostdin -threads 1 -loglevel trace -f h264 -i " + path +
@@ -199,7 +199,7 @@ void ExpectSameSet(const Header &header, const tH264SpsInfo &info) {
     EXPECT_EQ(header.Get("pic_height_in_map_units_minus1"), info.height_in_map_units_minus1);
 }
 
-// slice_type of table 7-6, in its two rows of five.
+// The slice types of table 7-6; 5 to 9 are the same classes as 0 to 4.
 int ClassOf(uint32_t sliceType) {
     switch (sliceType % 5) {
         case 0:
@@ -212,7 +212,7 @@ int ClassOf(uint32_t sliceType) {
     }
 }
 
-// Returns the class that the probe gives.
+// Returns the class that the parser found.
 int ExpectSameSlice(const Header &header, const Bytes &unit, const tH264SpsInfo &sps) {
     Bytes slice{unit.begin() + 1, unit.end()};
     slice.resize(std::min<size_t>(slice.size(), COM_H264_SLICE_REACH));
@@ -388,7 +388,7 @@ TEST_F(H264Stream, WithOtherSettingsReadAsFfmpegReadsThem) {
     }
 }
 
-// x264 sends its lists in the picture parameter set; the syntax of a list is the same.
+// x264 writes its lists to the picture parameter set, where a list has the same syntax.
 TEST_F(H264Stream, ScalingListsAreThoseGivenToTheEncoder) {
     std::string lists[2];
     std::vector<uint32_t> expected[2];
@@ -435,7 +435,7 @@ TEST_F(H264Stream, ScalingListsAreThoseGivenToTheEncoder) {
     EXPECT_LE(4U, compared);
 }
 
-// ---- Sets that no encoder here writes: made by hand, judged by ffmpeg's trace ----
+// ---- Sets that no available encoder writes: made by hand, compared with ffmpeg's trace ----
 
 class H264MadeSet : public H264Stream {
   protected:
@@ -446,7 +446,7 @@ class H264MadeSet : public H264Stream {
         }
     }
 
-    // The trace of a set that stands before the stream of an encoder.
+    // The trace of a set that is inserted before the stream of an encoder.
     [[nodiscard]] Header TraceOf(const Sps &sps) const {
         const Bytes set = Escape(Pack(sps.Bits()));
         const std::string start{"\0\0\0\1\x67", 5};
@@ -465,7 +465,7 @@ class H264MadeSet : public H264Stream {
     std::string rest_;
 };
 
-// The lists that the trace's differences give.
+// The lists that the differences in the trace encode.
 struct Lists {
     std::vector<uint32_t> values[12];
     bool useDefault[12] = {};
@@ -539,7 +539,7 @@ TEST_F(H264MadeSet, WithScalingListsReadsAsFfmpegReadsIt) {
     }
 }
 
-// Cycles bring emulation-prevention bytes in between the codes.
+// The cycle contains emulation-prevention bytes.
 TEST_F(H264MadeSet, OfEveryPictureOrderTypeReadsAsFfmpegReadsIt) {
     std::vector<Sps> sets(5);
     sets[0].pictureOrder = Ue(0) + Ue(12);
@@ -568,7 +568,7 @@ TEST_F(H264MadeSet, OfEveryPictureOrderTypeReadsAsFfmpegReadsIt) {
 
 // ---- What the parser does not support ----
 
-// A set of 4:4:4 Predictive (244) is read like one of Main: chroma_format_idc is taken for
+// A set of 4:4:4 Predictive (244) is read like one of Main: chroma_format_idc is read as
 // log2_max_frame_num_minus4, and so on.
 TEST_F(H264Stream, OfProfile244AreReadLikeMainProfile) {
     const Encoding encodings[] = {
@@ -593,8 +593,8 @@ TEST_F(H264Stream, OfProfile244AreReadLikeMainProfile) {
     }
 }
 
-// separate_colour_plane_flag stands behind the chroma format of 4:4:4; it is taken for the first
-// bit of the depth.
+// separate_colour_plane_flag follows the chroma format of 4:4:4 and is read as the first bit of the
+// depth.
 TEST_F(H264MadeSet, Of444WithThePlaneFlagIsReadWithoutIt) {
     for (const char flag : {'0', '1'}) {
         Sps sps;
@@ -602,10 +602,10 @@ TEST_F(H264MadeSet, Of444WithThePlaneFlagIsReadWithoutIt) {
         sps.constraints = 0;
         sps.high = true;
         sps.chroma = 3;
-        // Ue(3) + flag + depth 0: the flag is written ahead of the depth by hand.
+        // Ue(3) + flag + depth 0: the flag is inserted before the depth.
         std::string bits = sps.Bits();
-        const size_t behind = 24 + Ue(0).size() + Ue(3).size();
-        bits.insert(behind, 1, flag);
+        const size_t after = 24 + Ue(0).size() + Ue(3).size();
+        bits.insert(after, 1, flag);
         Bytes unit = Escape(Pack(bits));
         unit.insert(unit.begin(), 0x67);
         const std::string start{"\0\0\0\1", 4};
@@ -622,12 +622,12 @@ TEST_F(H264MadeSet, Of444WithThePlaneFlagIsReadWithoutIt) {
         tH264SpsInfo info;
         COM_H264ParseSps(bytes.get(), &info);
         EXPECT_EQ(3U, info.chroma_format_idc);
-        // 0 11... is the code of 2, 1 1... those of 0 and 0.
+        // 0 11... is the code of 2; 1 1... are the codes of 0 and 0.
         EXPECT_EQ(flag == '1' ? 0U : 2U, info.bit_depth_luma_minus8);
     }
 }
 
-// The scalable and multiview profiles have the High fields, too; they are read like Main.
+// The scalable and multiview profiles have the High fields too, but are read like Main.
 TEST_F(H264MadeSet, OfOtherHighProfilesIsReadLikeMainProfile) {
     for (const uint32_t profile : {44U, 83U, 86U, 118U, 128U, 138U, 244U}) {
         Sps sps;

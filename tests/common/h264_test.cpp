@@ -34,7 +34,7 @@ Bytes Payload(const Bytes &raw, size_t count) {
     return payload;
 }
 
-TEST(H264BitReader, TakesInFourBytesAndNotesWhereItStands) {
+TEST(H264BitReader, LoadsFourBytesAndRecordsItsPosition) {
     const Guarded bytes{{0x12, 0x34, 0x56, 0x78, 0x9A}};
     tH264BitReader reader;
     COM_H264InitBitReader(&reader, bytes.get(), bytes.size());
@@ -45,7 +45,7 @@ TEST(H264BitReader, TakesInFourBytesAndNotesWhereItStands) {
     EXPECT_EQ(0U, reader.consumed);
 }
 
-TEST(H264BitReader, ShiftsAByteInForEveryEightBits) {
+TEST(H264BitReader, LoadsAByteForEveryEightBits) {
     const Guarded bytes{{0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC, 0xDE}};
     tH264BitReader reader;
     COM_H264InitBitReader(&reader, bytes.get(), bytes.size());
@@ -67,7 +67,7 @@ TEST(H264BitReader, ShiftsAByteInForEveryEightBits) {
     EXPECT_EQ(0x789ABCDEU, reader.cache);
 }
 
-TEST(H264BitReader, LeavesEmulationPreventionBytesOut) {
+TEST(H264BitReader, RemovesEmulationPreventionBytes) {
     struct Case {
         Bytes raw;
         Bytes payload;
@@ -76,8 +76,8 @@ TEST(H264BitReader, LeavesEmulationPreventionBytesOut) {
         {{0, 0, 3, 1}, {0, 0, 1}},
         {{0, 0, 3, 1, 9}, {0, 0, 1, 9}},
         {{0, 0, 3, 0, 0, 3, 1, 9}, {0, 0, 0, 0, 1, 9}},
-        {{0, 0, 3, 0, 3, 9}, {0, 0, 0, 3, 9}},  // only one zero stands before the second 3
-        {{0, 0, 3, 3, 9}, {0, 0, 3, 9}},        // what takes the place is taken as it is
+        {{0, 0, 3, 0, 3, 9}, {0, 0, 0, 3, 9}},  // only one zero precedes the second 3
+        {{0, 0, 3, 3, 9}, {0, 0, 3, 9}},        // the replacement is not examined
         {{0, 0, 3, 0, 0, 3, 3, 9}, {0, 0, 0, 0, 3, 9}},
         {{0, 0, 0, 3, 9}, {0, 0, 0, 9}},
         {{0, 3, 0, 0, 2, 3}, {0, 3, 0, 0, 2, 3}},
@@ -97,8 +97,8 @@ TEST(H264BitReader, LeavesEmulationPreventionBytesOut) {
     }
 }
 
-// The bytes before the first one are not the reader's: 00 00 before it do not count.
-TEST(H264BitReader, BeginsWithItsFirstByte) {
+// Bytes before the first one are not examined: 00 00 before it do not count.
+TEST(H264BitReader, IgnoresBytesBeforeItsFirst) {
     const Bytes bytes = {0, 0, 3, 1, 0x80};
     for (size_t i = 0; i < 3; ++i) {
         tH264BitReader reader;
@@ -107,13 +107,13 @@ TEST(H264BitReader, BeginsWithItsFirstByte) {
     }
 }
 
-TEST(H264BitReader, ReadsZerosBehindItsLengthAndTouchesNothingThere) {
+TEST(H264BitReader, ReadsZerosAfterItsSizeAndTouchesNothingThere) {
     for (size_t size = 0; size <= 9; ++size) {
         Bytes expected(size, 0xEE);
         expected.resize(12);
         EXPECT_EQ(expected, Payload(Bytes(size, 0xEE), 12)) << size;
     }
-    // An emulation-prevention byte that is the last one has nothing to take its place.
+    // Nothing replaces an emulation-prevention byte at the end.
     EXPECT_EQ((Bytes{0, 0, 0, 0, 0, 0}), Payload({0, 0, 3}, 6));
     EXPECT_EQ((Bytes{7, 7, 7, 0, 0, 0}), Payload({7, 7, 7, 0, 0, 3}, 6));
 
@@ -126,7 +126,7 @@ TEST(H264BitReader, ReadsZerosBehindItsLengthAndTouchesNothingThere) {
     EXPECT_EQ((uint32_t{1} << 18) - 1, COM_H264ReadUe(&reader));
 }
 
-TEST(H264BitReader, TakesNull) {
+TEST(H264BitReader, AcceptsNull) {
     COM_H264InitBitReader(nullptr, nullptr, 5);
     COM_H264SkipBits(nullptr, 5);
     EXPECT_EQ(0U, COM_H264ReadUe(nullptr));
@@ -196,8 +196,8 @@ std::vector<uint32_t> Values() {
 }
 
 // Every length of code at every place in a byte, at addresses of every alignment, with the
-// emulation-prevention bytes that the standard asks for; a code of value 5 behind it tells that as
-// many bits were taken as it has.
+// emulation-prevention bytes that the standard requires. The code of 5 after it shows that the
+// right number of bits was consumed.
 TEST(H264ReadUe, DecodesCodesWithUpTo23LeadingZerosAnywhere) {
     for (const uint32_t value : Values()) {
         for (uint32_t before = 0; before < 16; ++before) {
@@ -207,8 +207,8 @@ TEST(H264ReadUe, DecodesCodesWithUpTo23LeadingZerosAnywhere) {
                 tH264BitReader reader;
                 COM_H264InitBitReader(&reader, bytes.get(), bytes.size());
                 COM_H264SkipBits(&reader, before);
-                ASSERT_EQ(value, COM_H264ReadUe(&reader)) << "behind " << before;
-                ASSERT_EQ(5U, COM_H264ReadUe(&reader)) << value << " behind " << before;
+                ASSERT_EQ(value, COM_H264ReadUe(&reader)) << "after " << before;
+                ASSERT_EQ(5U, COM_H264ReadUe(&reader)) << value << " after " << before;
             }
         }
     }
@@ -225,16 +225,16 @@ TEST(H264ReadSe, DecodesCodesWithUpTo23LeadingZerosAnywhere) {
             tH264BitReader reader;
             COM_H264InitBitReader(&reader, bytes.get(), bytes.size());
             COM_H264SkipBits(&reader, before);
-            ASSERT_EQ(value, COM_H264ReadSe(&reader)) << "behind " << before;
-            ASSERT_EQ(5U, COM_H264ReadUe(&reader)) << value << " behind " << before;
+            ASSERT_EQ(value, COM_H264ReadSe(&reader)) << "after " << before;
+            ASSERT_EQ(5U, COM_H264ReadUe(&reader)) << value << " after " << before;
         }
     }
 }
 
-// 24 zeros and more: 19 bits are passed over and 18 make the value, whatever a longer code says.
+// With 24 or more leading zeros, 19 bits are skipped and the next 18 are the value.
 TEST(H264ReadUe, ReadsTwentyFourZerosAsACodeOfEighteen) {
     for (uint32_t before = 0; before < 8; ++before) {
-        for (const uint32_t low : {0U, 1U, 0x1FFFU, 0x1555U}) {  // the 13 bits behind the zeros
+        for (const uint32_t low : {0U, 1U, 0x1FFFU, 0x1555U}) {  // the 13 bits after the zeros
             const Guarded bytes{Escape(
                 Pack(std::string(before, '1') + std::string(24, '0') + Fixed(low, 13) + Ue(5)))};
             tH264BitReader reader;
@@ -269,7 +269,7 @@ TEST(H264ReadUe, ReadsFromAnyAddress) {
 struct List {
     std::vector<uint32_t> values;
     uint32_t useDefault = 7;
-    uint32_t next = 0;  // of the code behind the list
+    uint32_t next = 0;  // value of the code after the list
 };
 
 List ReadList(const std::string &bits, int size) {
@@ -305,7 +305,7 @@ TEST(H264ParseScalingList, StoresTheValuesThroughTheZigzagScan) {
     }
 }
 
-TEST(H264ParseScalingList, TakesTheDefaultListWhenTheFirstValueIsZero) {
+TEST(H264ParseScalingList, FlagsTheDefaultListWhenTheFirstValueIsZero) {
     for (const int size : {16, 64}) {
         for (const int32_t delta : {-8, 248, -264}) {
             const List list = ReadList(Se(delta), size);
@@ -316,7 +316,7 @@ TEST(H264ParseScalingList, TakesTheDefaultListWhenTheFirstValueIsZero) {
     }
 }
 
-TEST(H264ParseScalingList, RepeatsTheLastValueBehindAZero) {
+TEST(H264ParseScalingList, RepeatsTheLastValueAfterAZero) {
     for (const int size : {16, 64}) {
         const std::vector<size_t> order = Zigzag(size == 16 ? 4 : 8);
         for (size_t count = 1; count < order.size(); ++count) {
@@ -345,7 +345,7 @@ TEST(H264ParseScalingList, CountsModulo256) {
     EXPECT_EQ(0U, list.useDefault);
 }
 
-TEST(H264ParseScalingList, KnowsNoOtherSizes) {
+TEST(H264ParseScalingList, ReadsNothingForOtherSizes) {
     const Guarded bytes{Pack(Ue(9) + Ue(8))};
     for (const int size : {-1, 0, 15, 17, 63, 65}) {
         tH264BitReader reader;
@@ -490,7 +490,7 @@ TEST(H264ParseSps, GivesMaxFrameNumAsAPowerOfTwo) {
     }
 }
 
-TEST(H264ParseSps, RefusesPictureOrderCountsOverTwelveBitsMore) {
+TEST(H264ParseSps, RefusesPictureOrderCountsOfMoreThan16Bits) {
     for (uint32_t lsb = 0; lsb <= 20; ++lsb) {
         Sps sps;
         sps.profile = 77;
@@ -509,10 +509,11 @@ TEST(H264ParseSps, RefusesPictureOrderCountsOverTwelveBitsMore) {
             continue;
         }
         EXPECT_EQ(1, result) << lsb;
+        EXPECT_EQ(int{COM_H264_SPS_POC_LSB}, result);
         EXPECT_EQ((Lines{"COMMON:COM_H264ParseSps(): Err : (profile_idc, level_idc, result) = "
                          "(0x4D, 0x1F, 1)"}),
                   log);
-        // What stood before the refusal.
+        // The fields before the refused one.
         EXPECT_EQ(77U, info.profile_idc);
         EXPECT_EQ(31U, info.level_idc);
         EXPECT_EQ(6U, info.sps_id);
@@ -544,6 +545,7 @@ TEST(H264ParseSps, RefusesPictureOrderCyclesOf256AndMore) {
             EXPECT_EQ(2U, info.height_in_map_units_minus1) << cycle;
         } else {
             EXPECT_EQ(2, result) << cycle;
+            EXPECT_EQ(int{COM_H264_SPS_POC_CYCLE}, result);
             EXPECT_EQ((Lines{"COMMON:COM_H264ParseSps(): Err : (profile_idc, level_idc, result) = "
                              "(0x64, 0xA, 2)"}),
                       log);
@@ -561,8 +563,8 @@ TEST(H264ParseSps, ReadsNothingMoreForOtherPictureOrderTypes) {
     }
 }
 
-TEST(H264ParseSps, TakesProfileAndLevelAsTheyLie) {
-    // 00 00 03: level_idc is byte 2, also where that byte is one that the bits do without.
+TEST(H264ParseSps, ReadsProfileAndLevelFromTheirBytes) {
+    // 00 00 03: level_idc is byte 2, even if that is an emulation-prevention byte.
     const Guarded bytes{Padded({0, 0, 3, 0xFF}, COM_H264_SPS_REACH, 0xFF)};
     tH264SpsInfo info;
     EXPECT_EQ(0, COM_H264ParseSps(bytes.get(), &info));
@@ -570,14 +572,13 @@ TEST(H264ParseSps, TakesProfileAndLevelAsTheyLie) {
     EXPECT_EQ(3U, info.level_idc);
 }
 
-TEST(H264ParseSps, TakesNull) {
+TEST(H264ParseSps, FailsForNull) {
     tH264SpsInfo info;
     const Bytes bytes(COM_H264_SPS_REACH);
     EXPECT_EQ(-1, COM_H264ParseSps(nullptr, &info));
     EXPECT_EQ(-1, COM_H264ParseSps(bytes.data(), nullptr));
 }
 
-// A set that fills its fields from any address.
 TEST(H264ParseSps, ReadsFromAnyAddress) {
     Sps sps;
     sps.width = 1919;
@@ -630,8 +631,8 @@ TEST(H264ParseSliceHeader, ClassifiesEverySliceType) {
     EXPECT_EQ(3, int{COM_H264_SLICE_B});
 }
 
-// Bytes FC read as first_mb 0, slice_type 0 and picture parameter set 0: a class to be remembered,
-// and not the set that is looked for.
+// A byte FC reads as first_mb 0, slice_type 0 and picture parameter set 0: it gives a class, but
+// its set is not the active one.
 TEST(H264ParseSliceHeader, FindsTheHeaderAtOffsetsUpToSeven) {
     const Bytes header = Pack(Ue(5) + Ue(1) + Ue(9) + Fixed(7, 4));
     for (size_t offset = 0; offset <= 9; ++offset) {
@@ -653,9 +654,9 @@ TEST(H264ParseSliceHeader, FindsTheHeaderAtOffsetsUpToSeven) {
     }
 }
 
-// 00 00 03 is an emulation-prevention byte for a reader that starts at the first zero, a byte like
-// others for one that starts behind it.
-TEST(H264ParseSliceHeader, StartsAReaderOfItsOwnAtEachOffset) {
+// The 03 of 00 00 03 is an emulation-prevention byte for a reader that starts at the first zero,
+// but not for one that starts later.
+TEST(H264ParseSliceHeader, StartsANewReaderAtEachOffset) {
     const Bytes header = Escape(Pack(Ue(70000) + Ue(2) + Ue(0) + Fixed(5, 8)));
     ASSERT_EQ(0, header[0]);
     ASSERT_EQ(0, header[1]);
@@ -667,7 +668,7 @@ TEST(H264ParseSliceHeader, StartsAReaderOfItsOwnAtEachOffset) {
 }
 
 TEST(H264ParseSliceHeader, ReturnsTheLastClassWhenNoHeaderHasTheSet) {
-    // Codes of 18 zeros all the way: no class at any offset.
+    // Codes of 18 leading zeros only: no class at any offset.
     EXPECT_EQ(0, ProbeSlice(Bytes(COM_H264_SLICE_REACH, 0x00), 0, 16).sliceClass);
     EXPECT_FALSE(ProbeSlice(Bytes(COM_H264_SLICE_REACH, 0x00), 0, 16).filled);
 
@@ -677,21 +678,21 @@ TEST(H264ParseSliceHeader, ReturnsTheLastClassWhenNoHeaderHasTheSet) {
         Bytes bytes(8, asI);
         bytes[last] = asB;
         const Probe probe = ProbeSlice(bytes, 77, 16, 0xFF);
-        // 0xFF behind them: first_mb 0, slice_type 0, set 0.
+        // The 0xFF after them reads as first_mb 0, slice_type 0, set 0.
         EXPECT_EQ(last == 7 ? 3 : 1, probe.sliceClass) << last;
         EXPECT_FALSE(probe.filled);
     }
 }
 
-// A slice_type over 9 counts where an earlier offset gave a class.
-TEST(H264ParseSliceHeader, TakesAnUnknownTypeUnderTheClassFoundBefore) {
+// A slice_type above 9 is accepted if an earlier offset gave a class.
+TEST(H264ParseSliceHeader, AcceptsAnUnknownTypeWithTheClassOfAnEarlierOffset) {
     const Bytes header = Pack(Ue(6) + Ue(12) + Ue(200) + Fixed(9, 4));
-    // At offset 0 there is no class yet, and no offset behind it has the set.
+    // There is no class before offset 0, and no later offset has the set.
     EXPECT_FALSE(ProbeSlice(header, 200, 16).filled);
 
-    Bytes behind = {0xB8};  // an I slice of set 0
-    behind.insert(behind.end(), header.begin(), header.end());
-    const Probe probe = ProbeSlice(behind, 200, 16);
+    Bytes after = {0xB8};  // an I slice of set 0
+    after.insert(after.end(), header.begin(), header.end());
+    const Probe probe = ProbeSlice(after, 200, 16);
     EXPECT_EQ(1, probe.sliceClass);
     ASSERT_TRUE(probe.filled);
     EXPECT_EQ(1U, probe.info.offset);
@@ -700,8 +701,8 @@ TEST(H264ParseSliceHeader, TakesAnUnknownTypeUnderTheClassFoundBefore) {
     EXPECT_EQ(200U, probe.info.pic_parameter_set_id);
     EXPECT_EQ(9U, probe.info.frame_num);
 
-    // Of another set it is passed over, and the class stays.
-    EXPECT_FALSE(ProbeSlice(behind, 1234, 16).filled);
+    // With another set it is skipped.
+    EXPECT_FALSE(ProbeSlice(after, 1234, 16).filled);
 }
 
 TEST(H264ParseSliceHeader, ReadsAsManyBitsOfFrameNumAsMaxFrameNumHas) {
@@ -730,7 +731,7 @@ TEST(H264ParseSliceHeader, ReadsAsManyBitsOfFrameNumAsMaxFrameNumHas) {
     }
 }
 
-TEST(H264ParseSliceHeader, TakesNull) {
+TEST(H264ParseSliceHeader, ReturnsNoneForNull) {
     const Bytes bytes(COM_H264_SLICE_REACH, 0xFF);
     tH264SpsInfo sps = {};
     tH264SliceInfo info;
@@ -741,7 +742,7 @@ TEST(H264ParseSliceHeader, TakesNull) {
 
 // ---- Any bytes ----
 
-// The rules once more, written for plain reading: first the payload, then bit by bit.
+// The rules, written without tricks: first the payload, then bit by bit.
 class Plain {
   public:
     Plain(const Bytes &raw, size_t start) {
@@ -865,7 +866,7 @@ int PlainSlice(const Bytes &raw, const tH264SpsInfo &sps, tH264SliceInfo &info) 
     return found;
 }
 
-// Bytes of a kind: plain noise, noise with many zeros, and zeros with many threes between them, so
+// Random bytes of four kinds: any bytes, many zeros, zeros mixed with threes, and single bits, so
 // that long codes and emulation-prevention bytes occur.
 Bytes Noise(std::mt19937 &random, size_t size, unsigned kind) {
     Bytes bytes(size);
@@ -891,8 +892,8 @@ Bytes Noise(std::mt19937 &random, size_t size, unsigned kind) {
     return bytes;
 }
 
-// More bytes than the parser may touch are offered to the plain reading: it never needs them.
-TEST(H264ParseSps, ReadsAnyBytesAsThePlainReadingDoes) {
+// The plain reader is given more bytes than the parser may touch: it never needs them.
+TEST(H264ParseSps, ReadsWhatTheRuleReads) {
     std::mt19937 random{1};
     int accepted = 0;
     for (unsigned i = 0; i < 400; ++i) {
@@ -901,7 +902,7 @@ TEST(H264ParseSps, ReadsAnyBytesAsThePlainReadingDoes) {
             bytes[0] = std::array<uint8_t, 4>{100, 110, 122, 144}[random() % 4];
         }
         if (i % 3 == 1) {
-            // One more step: a set of 4:4:4 with lists.
+            // A set of 4:4:4 with lists.
             const Bytes start = Pack(Fixed(bytes[0], 8) + Fixed(0, 16) + Ue(0) + Ue(3) + Ue(0) +
                                      Ue(0) + "11" + "11");
             std::copy(start.begin(), start.end(), bytes.begin());
@@ -919,7 +920,7 @@ TEST(H264ParseSps, ReadsAnyBytesAsThePlainReadingDoes) {
     EXPECT_LT(100, accepted);
 }
 
-TEST(H264ParseSliceHeader, ReadsAnyBytesAsThePlainReadingDoes) {
+TEST(H264ParseSliceHeader, ReadsWhatTheRuleReads) {
     std::mt19937 random{2};
     int found = 0;
     for (unsigned i = 0; i < 3000; ++i) {
@@ -939,8 +940,8 @@ TEST(H264ParseSliceHeader, ReadsAnyBytesAsThePlainReadingDoes) {
     EXPECT_LT(500, found);
 }
 
-// A header that ends anywhere is read on into what stands behind it.
-TEST(H264ParseSps, ReadsASetThatIsCutAtAnyLength) {
+// After a truncated header, the bytes that follow it are read.
+TEST(H264ParseSps, ReadsASetTruncatedAtAnyLength) {
     Sps sps;
     sps.profile = 110;
     sps.high = true;
@@ -966,13 +967,12 @@ TEST(H264ParseSps, ReadsASetThatIsCutAtAnyLength) {
     }
 }
 
-// ---- How far a parser reaches ----
+// ---- Bytes that a parser touches at most ----
 
-// Finds the bits that make a parser touch the most bytes, step by step over the fields of a header.
-// What counts of the bits so far is the place in a byte, the zero bytes that ended the last whole
-// bytes (an emulation-prevention byte may stand behind every two), and whether the byte begun is
-// still zero. Zero bits are never worse than others, so that of the codes of each length only the
-// one of zeros matters, and of all bits that may be anything.
+// Finds the bits that make a parser touch the most bytes, one field of a header after the other.
+// The state after a field is the place in the current byte, the number of zero bytes just before it
+// (an emulation-prevention byte may follow two), and whether the current byte has a 1 yet. Zero
+// bits touch at least as many bytes as others, so every value and every bit of free choice is 0.
 class LongestHeader {
   public:
     void Add(const std::string &bits) { fields_.push_back({bits}); }
@@ -981,7 +981,7 @@ class LongestHeader {
         for (size_t zeros = 0; zeros <= 23; ++zeros) {
             codes.push_back(std::string(zeros, '0') + "1" + std::string(zeros, '0'));
         }
-        codes.emplace_back(37, '0');  // 24 zeros and more: 19 bits and 18
+        codes.emplace_back(37, '0');  // 24 or more leading zeros: 19 bits and 18
         fields_.push_back(codes);
     }
     void AddCodes(size_t count) {
@@ -1014,7 +1014,7 @@ class LongestHeader {
                 }
             }
         }
-        // Behind the last bit the reader is four bytes ahead of the byte that holds the next one.
+        // After the last bit the reader has loaded four bytes from the current one on.
         int best = 0;
         int most = -1;
         for (int state = 0; state < kStates; ++state) {
@@ -1058,9 +1058,9 @@ class LongestHeader {
     }
 
   private:
-    static constexpr int kStates = 8 * 3 * 2;  // place in a byte, zero bytes, byte begun is not 0
+    static constexpr int kStates = 8 * 3 * 2;  // place in the byte, zero bytes, byte has a 1
 
-    // The state behind these bits; `bytes` grows by those that were completed.
+    // The state after these bits; adds the completed bytes to `bytes`.
     static int Walk(int state, const std::string &bits, int &bytes) {
         int place = state % 8;
         int zeros = state / 8 % 3;
@@ -1090,7 +1090,7 @@ void LeaveNoCore() {
 }
 
 // A 4:4:4 set of a High profile with twelve lists and a picture order cycle of 255.
-TEST(H264Reach, OfASetIsThatOfTheLongestOne) {
+TEST(H264Reach, OfASetIsThatOfTheLongestSet) {
     LongestHeader header;
     header.Add(Fixed(100, 8) + Fixed(0, 16));
     header.AddCode();    // sps_id
@@ -1102,7 +1102,7 @@ TEST(H264Reach, OfASetIsThatOfTheLongestOne) {
         header.AddCodes(i < 6 ? 16 : 64);
     }
     header.AddCode();         // log2_max_frame_num_minus4
-    header.Add(Ue(1) + "0");  // pic_order_cnt_type and the flag behind it
+    header.Add(Ue(1) + "0");  // pic_order_cnt_type and the flag after it
     header.AddCodes(2);       // offsets
     header.Add(Ue(255));      // cycle
     header.AddCodes(255);
@@ -1117,7 +1117,7 @@ TEST(H264Reach, OfASetIsThatOfTheLongestOne) {
     EXPECT_EQ(0, COM_H264ParseSps(all.get(), &info));
     EXPECT_EQ(3U, info.chroma_format_idc);
     EXPECT_NE(0U, info.scaling_list_8x8[5][63]);
-    // One byte less is not enough for these bytes.
+    // One byte less does not suffice.
     const Guarded less{Bytes(longest.begin(), longest.end() - 1)};
     EXPECT_DEATH(
         {
@@ -1127,7 +1127,7 @@ TEST(H264Reach, OfASetIsThatOfTheLongestOne) {
         "");
 }
 
-// Seven bytes that are passed over, three codes and 31 bits of frame_num.
+// Seven skipped bytes, three codes and 31 bits of frame_num.
 TEST(H264Reach, OfASliceIsThatOfTheLongestHeader) {
     LongestHeader header;
     header.AddCodes(3);
