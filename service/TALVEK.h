@@ -3,18 +3,26 @@
 
 /* The command service: a daemon that runs command lines for clients on the same machine.
  *
- * A client connects to the daemon's Unix-domain stream socket, registers with its own environment,
- * sends one command and receives that command's exit status. docs/package-format.md draws the
- * packages and the exchange; talvek(8) tells the same for users of the program.
+ * A client connects to the daemon's Unix-domain stream socket, registers with its environment,
+ * sends one command and receives the command's exit status. docs/package-format.md draws the
+ * packages and the exchange; talvek(8) is the manual page of the program.
  *
  * Conventions that hold for every entry:
  *
- *   - Results are signed 32-bit integers; each entry says which.
- *   - Failures are logged on standard output with the module name TALVEK.
- *   - Bytes that a peer sends are bounded by the package that they came in and by TALVEK_PKG_MAX,
- *     whatever they say about themselves.
- *   - A peer that has gone gives an error, never SIGPIPE.
- *   - Sockets are closed in the programs that are executed (FD_CLOEXEC).
+ *   - Results are signed 32-bit integers: 0 or what the entry names for success, -1 for failure.
+ * NULL for an argument is a failure, except where the entry gives it a meaning.
+ *   - Failures are logged on standard output with the module name TALVEK, unless the entry says
+ *     otherwise. errno has no meaning after a failure, except after TALVEK_SendPkg.
+ *   - Texts are NUL-terminated. Sizes are in bytes.
+ *   - Bytes from a peer are bounded by the package that they came in and by TALVEK_PKG_MAX,
+ * whatever their header announces.
+ *   - Writing to a peer that has closed is an error, without SIGPIPE.
+ *   - Sockets are closed in programs that are executed (FD_CLOEXEC).
+ *   - Cancellation of a thread waits until a call is over.
+ *   - TALVEK_Daemon, TALVEK_DaemonHandler, TALVEK_RunCommand and TALVEK_SetEnvFromPkg change the
+ *     environment or the signal actions of the process. The other entries may be called in several
+ *     threads at once.
+ *   - No entry writes more than 8 KiB of stack.
  *
  * The headers are plain C11 and can be read by C++. */
 

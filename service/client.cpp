@@ -1,9 +1,9 @@
-// The client's side of one exchange: register with the environment, send a command, take its
+// The client's side of one exchange: register with the environment, send a command, return its
 // status.
 
 #include "service/client.h"
 
-#include <errno.h>
+#include <poll.h>
 #include <pthread.h>
 #include <stdint.h>
 #include <string.h>
@@ -11,47 +11,47 @@
 #include <unistd.h>
 
 #include "base/cancel_guard.h"
-#include "base/byte_reader.h"
-#include "base/heap_buf.h"
 #include "base/mutex_lock.h"
 #include "base/unique_fd.h"
+#include "base/wait.h"
 #include "service/internal/module_log.h"
+#include "service/internal/package_buffer.h"
 #include "service/internal/send_bytes.h"
 #include "service/internal/socket_address.h"
-#include "service/internal/wait.h"
+#include "service/internal/wait_round.h"
 #include "service/package.h"
 
-namespace talvek {
 namespace {
 
+using talvek::PackageBuffer;
+using talvek::SocketAddress;
+using talvek::UniqueFd;
+
 constexpr int kFailed = -1;
-constexpr int kNoResult = 1;  // the exchange ended without a command's status
-constexpr size_t kHeader = sizeof(tTalvekPkg);
-constexpr size_t kResultSize = kHeader + sizeof(int32_t);
+constexpr const char *kFunction = "TALVEK_Client";
+
+static_assert(PackageBuffer::kHeaderSize + TALVEK_COMMAND_MAX + 1 == TALVEK_PKG_MAX);
 
 pthread_mutex_t g_clientMutex = PTHREAD_MUTEX_INITIALIZER;
 
-// One connection and the package that travels to and fro on it.
+// One connection, and the package that is sent and received on it.
 class Exchange {
   public:
-    Exchange(int fd, uint8_t *pBytes) : fd_(fd), bytes_(pBytes) {}
+    Exchange(int fd, PackageBuffer &package) : fd_(fd), package_(package) {}
 
-    // Carries out the whole exchange. The command fits the package.
+    // Returns the result of the whole exchange. The command fits the package.
     int Run(const char *pCommand);
 
   private:
-    [[nodiscard]] tTalvekPkg &pkg() const { return *reinterpret_cast<tTalvekPkg *>(bytes_); }
-
     void BuildRegister();
     void AppendEnvironment();
-    void TurnIntoCommand(const char *pCommand);
+    void BuildCommand(const char *pCommand);
     [[nodiscard]] int Send() const;
     [[nodiscard]] int Receive() const;
-    [[nodiscard]] int Status() const;
 
     int fd_;
-    uint8_t *bytes_;   // TALVEK_PKG_MAX
-    uint16_t sn_ = 0;  // of what this end sends
+    PackageBuffer &package_;
+    uint16_t sn_ = 0;  // counts what this end sends
 };
 
 int Exchange::Run(const char *pCommand) {
@@ -62,95 +62,85 @@ int Exchange::Run(const char *pCommand) {
         }
         const int type = Receive();
         if (type == TALVEK_PKG_RESULT) {
-            return Status();
+            int32_t status;
+            return package_.GetStatus(status) ? status : TALVEK_NO_RESULT;
         }
         // A connection carries one command: a second register reply does not send it again.
         if (type != TALVEK_PKG_REGISTER || registered) {
-            return kNoResult;
+            return TALVEK_NO_RESULT;
         }
-        TurnIntoCommand(pCommand);
+        BuildCommand(pCommand);
     }
 }
 
 void Exchange::BuildRegister() {
-    pkg() = {};
-    pkg().ver_fragement = TALVEK_PKG_VERSION;
-    pkg().pkg_cnt_idx = 0x11;  // the first package of one
-    pkg().sn = sn_;
-    pkg().type = TALVEK_PKG_REGISTER;
-    pkg().sz = kHeader;
+    package_.InitHeader();
+    package_.SetType(TALVEK_PKG_REGISTER);
     AppendEnvironment();
-    pkg().chksum = TALVEK_CalcPkgChecksum(&pkg());
+    package_.Seal(sn_);
 }
 
 void Exchange::AppendEnvironment() {
     for (char **ppString = environ; ppString != nullptr && *ppString != nullptr; ++ppString) {
-        const size_t at = pkg().sz;
+        const size_t at = package_.Size();
         const size_t length = strlen(*ppString) + 1;
-        if (at + length > TALVEK_PKG_MAX) {
-            LOG_AS("TALVEK_Client", "Warning!!using size(%d) > CALLOC buf_sz(%d), break loop\n",
+        if (!package_.Put(at, *ppString, length)) {
+            LOG_AS(kFunction, "Warning!!using size(%d) > CALLOC buf_sz(%d), break loop\n",
                    static_cast<int>(at + length), TALVEK_PKG_MAX);
             return;
         }
-        memcpy(bytes_ + at, *ppString, length);
-        pkg().sz = static_cast<uint16_t>(at + length);
+        package_.SetSize(static_cast<uint16_t>(at + length));
     }
 }
 
-// The reply's version, count, index and session number stay in the header.
-void Exchange::TurnIntoCommand(const char *pCommand) {
+// The command's header is that of the register reply with another type, size and sequence number.
+void Exchange::BuildCommand(const char *pCommand) {
     const size_t length = strlen(pCommand) + 1;
-    pkg().sn = ++sn_;
-    pkg().type = TALVEK_PKG_COMMAND;
-    pkg().sz = static_cast<uint16_t>(kHeader + length);
-    pkg().chksum = TALVEK_CalcPkgChecksum(&pkg());
-    memcpy(bytes_ + kHeader, pCommand, length);
+    package_.SetType(TALVEK_PKG_COMMAND);
+    package_.SetSize(static_cast<uint16_t>(PackageBuffer::kHeaderSize + length));
+    package_.Put(PackageBuffer::kHeaderSize, pCommand, length);
+    package_.Seal(++sn_);
 }
 
-// 0 when the whole package is written, else what the exchange ends with.
+// Returns 0 when the whole package has been written, else the result of the exchange.
 int Exchange::Send() const {
     for (;;) {
         int ready;
         do {
-            ready = WaitWritable(fd_);
+            ready = talvek::WaitReady(fd_, POLLOUT, talvek::kWaitRoundMs);
         } while (ready == 0);
         if (ready < 0) {
             return kFailed;
         }
-        const Sent sent = SendBytes(fd_, bytes_, pkg().sz);
+        const talvek::Sent sent = talvek::SendBytes(fd_, package_.bytes(), package_.Size());
         if (sent.last == -1 || sent.count == 0) {
-            return kNoResult;
+            return TALVEK_NO_RESULT;
         }
-        if (sent.count == pkg().sz) {
+        if (sent.count == package_.Size()) {
             return 0;
         }
     }
 }
 
-// Receives a package over the one that was sent. Its type; 0 when the connection ends inside it, a
-// read brings less than a header, the header is bad, or more is announced than a package can hold.
+// Receives a package into the buffer of the one that was sent. Returns its type; 0 when the
+// connection ends inside it, the first read brings less than a header, the header is bad, or it
+// announces more than a package can hold.
 int Exchange::Receive() const {
     size_t held = 0;
     for (;;) {
-        const ssize_t count = read(fd_, bytes_ + held, TALVEK_PKG_MAX - held);
+        const ssize_t count = read(fd_, package_.bytes() + held, TALVEK_PKG_MAX - held);
         if (count <= 0) {
             return 0;
         }
         held += static_cast<size_t>(count);
-        const int type = TALVEK_CheckPkgHeader(&pkg(), static_cast<uint32_t>(held));
-        if (type == 0 || pkg().sz > TALVEK_PKG_MAX) {
+        const int type = TALVEK_CheckPkgHeader(package_.header(), static_cast<uint32_t>(held));
+        if (type == 0 || package_.Size() > TALVEK_PKG_MAX) {
             return 0;
         }
-        if (held >= pkg().sz) {
+        if (held >= package_.Size()) {
             return type;
         }
     }
-}
-
-int Exchange::Status() const {
-    LittleEndianReader reply{bytes_, pkg().sz};
-    const auto status = static_cast<int32_t>(reply.U32(kHeader));
-    return reply.failed() ? kNoResult : status;
 }
 
 UniqueFd Connect(const SocketAddress &to) {
@@ -168,25 +158,22 @@ UniqueFd Connect(const SocketAddress &to) {
 }
 
 }  // namespace
-}  // namespace talvek
 
 int TALVEK_Client(const char *pSocketPath, const char *pCommand) {
     const talvek::CancelGuard guard;
-    constexpr size_t kLongest = TALVEK_PKG_MAX - talvek::kHeader - 1;
-    if (pCommand == nullptr || strlen(pCommand) > kLongest) {
-        LOG_AS(__func__, "a command of at most %d characters is needed\n",
-               static_cast<int>(kLongest));
-        return talvek::kFailed;
+    if (pCommand == nullptr || strlen(pCommand) > TALVEK_COMMAND_MAX) {
+        LOG("a command of at most %d characters is needed\n", TALVEK_COMMAND_MAX);
+        return kFailed;
     }
-    const talvek::SocketAddress daemon{pSocketPath};
-    const talvek::MutexLock lock{talvek::g_clientMutex};
-    const talvek::UniqueFd fd = talvek::Connect(daemon);
+    const SocketAddress daemon{pSocketPath};
+    const talvek::MutexLock lock{g_clientMutex};
+    const UniqueFd fd = Connect(daemon);
     if (!fd) {
-        return talvek::kFailed;
+        return kFailed;
     }
-    const auto buffer = talvek::HeapBuf<uint8_t>::Zeroed(TALVEK_PKG_MAX);
-    if (!buffer) {
-        return talvek::kFailed;
+    PackageBuffer package;
+    if (!package) {
+        return kFailed;
     }
-    return talvek::Exchange{fd.get(), buffer.get()}.Run(pCommand);
+    return Exchange{fd.get(), package}.Run(pCommand);
 }

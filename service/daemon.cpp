@@ -3,49 +3,42 @@
 #include "service/daemon.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <utility>
+
+#include "base/cancel_guard.h"
+#include "base/clock.h"
 #include "base/unique_fd.h"
+#include "base/wait.h"
 #include "common/COMMON.h"
 #include "service/handler.h"
+#include "service/internal/file_id.h"
 #include "service/internal/listener_signals.h"
 #include "service/internal/module_log.h"
 #include "service/internal/retry_pause.h"
 #include "service/internal/session_table.h"
 #include "service/internal/socket_address.h"
-#include "service/internal/wait.h"
+#include "service/internal/wait_round.h"
 
-namespace talvek {
 namespace {
+
+using talvek::FileId;
+using talvek::ListenerSignals;
+using talvek::RetryPause;
+using talvek::SocketAddress;
+using talvek::UniqueFd;
 
 constexpr int kBacklog = 1;
 
-// What a path names at this moment.
-struct FileId {
-    explicit FileId(const char *pPath) {
-        struct stat st;
-        known = lstat(pPath, &st) == 0;
-        device = known ? st.st_dev : 0;
-        inode = known ? st.st_ino : 0;
-    }
-    bool operator==(const FileId &other) const {
-        return known && other.known && device == other.device && inode == other.inode;
-    }
-
-    bool known;
-    dev_t device;
-    ino_t inode;
-};
-
-// Removes what is left of an earlier daemon. Where the address has room only for the head of the
-// path, the head is what an earlier daemon has bound.
+// Removes the socket of an earlier daemon. A path that is too long for an address was bound cut, so
+// the file of the cut path is removed too.
 void RemoveStaleSocket(const SocketAddress &at) {
     COM_RemoveRealFile(at.path);
     if (strcmp(at.path, at.address.sun_path) != 0 && FileId{at.address.sun_path}.known) {
@@ -53,7 +46,7 @@ void RemoveStaleSocket(const SocketAddress &at) {
     }
 }
 
-// An address without a path would have the kernel choose one that no client knows.
+// For an address without a path the kernel would choose a name that no client knows.
 int BindTo(int fd, const SocketAddress &at) {
     if (at.address.sun_path[0] == '\0') {
         errno = EINVAL;
@@ -62,16 +55,26 @@ int BindTo(int fd, const SocketAddress &at) {
     return bind(fd, at.get(), at.length);
 }
 
-UniqueFd Listen(const SocketAddress &at) {
-    // Not blocking: a client that has gone again between select and accept must not hold up the
-    // next ones, nor a signal.
+// Binds, and hands the socket's file over to the signals, which remove it.
+int BindAsOwn(int fd, const SocketAddress &at, const ListenerSignals &signals) {
+    signals.Block();
+    const int result = BindTo(fd, at);
+    if (result == 0) {
+        ListenerSignals::SetSocket(at.address.sun_path);
+    }
+    signals.Unblock();
+    return result;
+}
+
+UniqueFd Listen(const SocketAddress &at, const ListenerSignals &signals) {
+    // Non-blocking: when a client gives up between the wait and accept, accept must not block.
     UniqueFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
     if (!fd) {
         LOG_ERRNO_PLAIN("socket(AF_UNIX) failed : %s\n");
         return fd;
     }
     RemoveStaleSocket(at);
-    if (BindTo(fd.get(), at) == -1) {
+    if (BindAsOwn(fd.get(), at, signals) == -1) {
         LOG_ERRNO_PLAIN("bind(%s, %d) failed : %s\n", at.address.sun_path,
                         static_cast<int>(at.length));
         fd.Reset();
@@ -82,38 +85,26 @@ UniqueFd Listen(const SocketAddress &at) {
     return fd;
 }
 
-int64_t NowMs() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
-// The process or the machine has no room for one more connection at this moment.
-bool IsWantOfRoom(int error) {
+// Whether accept failed because the process or the machine has no room for one more connection now.
+bool IsOutOfRoom(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
 class Listener {
   public:
     Listener(const SocketAddress &at, tTalvekClient &client, ListenerSignals &signals, UniqueFd fd)
-        : at_(at),
-          bound_(at.address.sun_path),
-          client_(client),
-          signals_(signals),
-          fd_(std::move(fd)) {}
+        : at_(at), client_(client), signals_(signals), fd_(std::move(fd)) {}
 
     // Returns in a child, when its client has been served.
     void Run();
 
   private:
     [[nodiscard]] bool WaitForClient() const;
+    [[nodiscard]] bool ServeClient();
     [[nodiscard]] bool Accept();
     void ReportAccept(int error);
-    [[nodiscard]] bool ForkedChild();
-    [[noreturn]] void End(int signal) const;
 
     const SocketAddress &at_;
-    FileId bound_;
     tTalvekClient &client_;
     ListenerSignals &signals_;
     UniqueFd fd_;
@@ -122,25 +113,51 @@ class Listener {
 
 void Listener::Run() {
     for (;;) {
-        const bool ready = WaitForClient();
-        if (const int signal = ListenerSignals::Stop(); signal != 0) {
-            End(signal);
-        }
-        if (ready && Accept() && ForkedChild()) {
+        if (WaitForClient() && ServeClient()) {
             return;
         }
     }
 }
 
 bool Listener::WaitForClient() const {
-    const int ready = WaitReadable(fd_.get(), signals_.waitMask());
-    const int error = errno;
-    if (ready == -1 && ListenerSignals::Stop() == 0) {
-        COM_PrintTimeStamp("TALVEK", __LINE__);
+    const int ready = talvek::WaitReady(fd_.get(), POLLIN, talvek::kWaitRoundMs);
+    if (ready == -1) {
+        const int error = errno;
+        COM_PrintTimeStamp(TALVEK_MODULE, __LINE__);
         printf("select(%d[%s]) error : %s\n", fd_.get(), at_.address.sun_path, strerror(error));
         fflush(stdout);
     }
     return ready > 0;
+}
+
+// Accepts a client and forks its child, in which it returns true. The signals are blocked in
+// between: a client that was accepted has a child before one acts. Whatever may block comes after
+// that.
+bool Listener::ServeClient() {
+    fflush(stdout);  // the child would print what is buffered here once more
+    signals_.Block();
+    const bool accepted = Accept();
+    const pid_t child = accepted ? fork() : -1;
+    const int error = errno;
+    if (child == 0) {
+        fd_.Reset();
+        signals_.ReleaseInChild();
+        TALVEK_DaemonHandler(&client_);
+        return true;
+    }
+    signals_.Unblock();
+    if (!accepted) {
+        ReportAccept(error);
+        return false;
+    }
+    // Closed before the log line, which may block: the client must notice the end of its handler.
+    COM_CloseFd(&client_.fd);
+    if (child == -1) {
+        LOG_PLAIN("Can't fork() child : %s\n", strerror(error));
+    } else {
+        LOG_PLAIN("PID[%d][%d] fork() to handle client()\n", client_.daemon_pid, child);
+    }
+    return false;
 }
 
 bool Listener::Accept() {
@@ -148,74 +165,47 @@ bool Listener::Accept() {
     socklen_t length = sizeof peer;
     client_.fd = accept4(fd_.get(), reinterpret_cast<sockaddr *>(&peer), &length, SOCK_CLOEXEC);
     if (client_.fd == -1) {
-        ReportAccept(errno);
         return false;
     }
     pause_.Succeed();
-    // Wraps around after 2^31 clients, as any other counter.
+    // Wraps around after 2^31 clients.
     client_.number = static_cast<int32_t>(static_cast<uint32_t>(client_.number) + 1);
     return true;
 }
 
-// The client stays in the queue while there is no room for it, and the descriptor stays readable:
-// without a pause the loop would do nothing but fail.
+// A client for which there is no room stays in the queue, and the socket stays readable. Without a
+// pause the loop would do nothing but fail.
 void Listener::ReportAccept(int error) {
     if (error == EAGAIN) {
         return;
     }
-    const bool full = IsWantOfRoom(error);
-    if (!full || pause_.Fail(NowMs())) {
+    const bool full = IsOutOfRoom(error);
+    if (!full || pause_.Fail(talvek::MonotonicMs())) {
         LOG_PLAIN("[%s] : accept() failed : %s\n", at_.address.sun_path, strerror(error));
     }
     if (full) {
-        const timespec time{static_cast<time_t>(pause_.pause() / 1000),
-                            static_cast<long>(pause_.pause() % 1000 * 1000000)};
-        pselect(0, nullptr, nullptr, nullptr, &time, signals_.waitMask());
+        const struct timespec time = {static_cast<time_t>(pause_.pauseMs() / 1000),
+                                      static_cast<long>(pause_.pauseMs() % 1000 * 1'000'000)};
+        nanosleep(&time, nullptr);
     }
-}
-
-bool Listener::ForkedChild() {
-    fflush(stdout);
-    const pid_t child = fork();
-    if (child == 0) {
-        fd_.Reset();
-        signals_.ReleaseInChild();
-        TALVEK_DaemonHandler(&client_);
-        return true;
-    }
-    if (child == -1) {
-        LOG_ERRNO_PLAIN("Can't fork() child : %s\n");
-    } else {
-        LOG_PLAIN("PID[%d][%d] fork() to handle client()\n", client_.daemon_pid, child);
-    }
-    COM_CloseFd(&client_.fd);
-    return false;
-}
-
-// Another daemon may have taken the path over in the meantime.
-void Listener::End(int signal) const {
-    if (FileId{at_.address.sun_path} == bound_) {
-        unlink(at_.address.sun_path);
-    }
-    ListenerSignals::EndBy(signal);
 }
 
 }  // namespace
-}  // namespace talvek
 
 int TALVEK_Daemon(const char *pSocketPath) {
+    const talvek::CancelGuard guard;
     talvek::InitSessions();
     tTalvekClient client = {};
     client.daemon_pid = getpid();
     client.fd = -1;
 
-    const talvek::SocketAddress address{pSocketPath};
-    talvek::ListenerSignals signals;
-    talvek::UniqueFd fd = talvek::Listen(address);
+    const SocketAddress address{pSocketPath};
+    ListenerSignals signals;
+    UniqueFd fd = Listen(address, signals);
     if (!fd) {
         return -1;
     }
     srandom(static_cast<unsigned>(time(nullptr)));
-    talvek::Listener{address, client, signals, std::move(fd)}.Run();
+    Listener{address, client, signals, std::move(fd)}.Run();
     return -1;
 }

@@ -5,19 +5,23 @@
 extern "C" {
 #endif
 
-/* Listens for clients and serves each in a child process of its own.
+/* Listens for clients and serves each one in a child process of its own. For a process without
+ * other threads.
  *
- *   pSocketPath  the socket to make, or NULL for TALVEK_SOCKET_PATH; cut to 107 characters. What
- *                the path names before is removed (COM_RemoveRealFile).
+ *   pSocketPath  the socket to bind, cut to TALVEK_SOCKET_PATH_MAX characters; NULL for
+ *                TALVEK_SOCKET_PATH. The file at the path is removed first (COM_RemoveRealFile)
  *
- * SIGCHLD is to be ignored by the calling process, so that children that have finished leave no
- * zombie. SIGPIPE is ignored from here on.
+ * The caller must ignore SIGCHLD, so that finished children leave no zombies. The daemon ignores
+ * SIGPIPE.
  *
- * Returns -1 when the socket cannot be set up, and -1 in each child after its client has been
- * served: the caller then ends the process. The listening process itself does not return. SIGTERM
- * and SIGINT end it, also where the caller had them ignored or blocked: it removes the socket if
- * the path still names its own and dies of the signal, while children finish what they do. In the
- * children the two signals are at their defaults and not blocked. */
+ * Returns -1 when the socket cannot be set up, with the caller's signal actions and mask restored;
+ * and -1 in each child after its client has been served: the caller then ends the process. The
+ * listening process does not return. SIGTERM and SIGINT end it at any point, even if the caller had
+ * ignored or blocked them, and even while a full pipe or a stopped terminal blocks a log line: it
+ * removes the socket if that is still its own, and dies of the signal. Children serve their clients
+ * to the end.
+ *
+ * A child starts with the default actions of SIGTERM and SIGINT and with an empty signal mask. */
 int TALVEK_Daemon(const char *pSocketPath);
 
 #ifdef __cplusplus

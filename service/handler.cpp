@@ -1,70 +1,69 @@
-// The daemon's side of one connection: sessions, the client's environment, its commands.
+// The daemon's side of one connection: session, environment and commands of a client.
 
 #include "service/handler.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "base/byte_writer.h"
-#include "base/heap_buf.h"
+#include "base/cancel_guard.h"
 #include "base/scope_exit.h"
+#include "base/wait.h"
 #include "common/COMMON.h"
 #include "service/internal/module_log.h"
-#include "service/internal/wait.h"
+#include "service/internal/package_buffer.h"
+#include "service/internal/wait_round.h"
 #include "service/session.h"
 
-namespace talvek {
 namespace {
 
-constexpr size_t kHeader = sizeof(tTalvekPkg);
-constexpr size_t kResultSize = kHeader + sizeof(int32_t);
+using talvek::PackageBuffer;
+using talvek::ScopeExit;
+
+constexpr const char *kFunction = "TALVEK_DaemonHandler";
 
 void PutLine(const char *pText) {
     puts(pText);
     fflush(stdout);
 }
 
-// A connection while it is served. The buffer holds the package that is being received, and the
-// reply to it afterwards.
+// One connection, and the package that is received and answered on it.
 class Connection {
   public:
-    // One byte more than a package, so that a text which fills it can be closed by a NUL.
-    static constexpr size_t kBufferSize = TALVEK_PKG_MAX + 1;
+    Connection(tTalvekClient &client, PackageBuffer &package)
+        : client_(client), package_(package) {}
 
-    Connection(tTalvekClient &client, uint8_t *pBytes) : client_(client), bytes_(pBytes) {}
-
+    // Returns the result of the handler.
     int Serve();
 
   private:
     enum class Next { kRead, kClose, kLeave };
 
-    [[nodiscard]] tTalvekPkg &pkg() const { return *reinterpret_cast<tTalvekPkg *>(bytes_); }
     int WaitForFirstByte();
     Next TakePackage();
     Next Dispatch(int type);
     Next Register();
-    void RunCommand();
-    void Reply(uint16_t sn, uint16_t size);
+    Next RunCommand();
+    Next Reply(uint16_t sn);
     void ReportWait(const char *pOutcome, int line) const;
 
     tTalvekClient &client_;
-    uint8_t *bytes_;
-    size_t held_ = 0;
-    int result_ = 0;  // of the last wait or reply
+    PackageBuffer &package_;
+    size_t held_ = 0;  // bytes of the package that have been received
+    int result_ = 0;   // of the last wait or reply
 };
 
 int Connection::Serve() {
     result_ = WaitForFirstByte();
     Next next = result_ > 0 ? Next::kRead : Next::kClose;
     while (next == Next::kRead) {
-        const ssize_t count = read(client_.fd, bytes_ + held_, TALVEK_PKG_MAX - held_);
+        const ssize_t count = read(client_.fd, package_.bytes() + held_, TALVEK_PKG_MAX - held_);
         if (count <= 0) {
-            break;  // the client has gone, perhaps in the middle of a package
+            break;  // the client has closed, perhaps inside a package
         }
         held_ += static_cast<size_t>(count);
         next = TakePackage();
@@ -76,10 +75,10 @@ int Connection::Serve() {
     return result_;
 }
 
-// A silent client is waited for without end.
+// A silent client may stay silent for as long as it likes.
 int Connection::WaitForFirstByte() {
     for (;;) {
-        const int ready = WaitReadable(client_.fd);
+        const int ready = talvek::WaitReady(client_.fd, POLLIN, talvek::kWaitRoundMs);
         if (ready > 0) {
             return ready;
         }
@@ -92,22 +91,24 @@ int Connection::WaitForFirstByte() {
 }
 
 void Connection::ReportWait(const char *pOutcome, int line) const {
-    COM_PrintTimeStamp("TALVEK", line);
+    COM_PrintTimeStamp(TALVEK_MODULE, line);
     printf("PID[%d][%d] select(%d) %s\n", client_.daemon_pid, getpid(), client_.fd, pOutcome);
     fflush(stdout);
 }
 
-// Serves the package in the buffer once it is complete. What was received behind it goes with it.
+// Serves the package in the buffer when it is complete. Bytes received after it are dropped with
+// it.
 Connection::Next Connection::TakePackage() {
-    if (held_ < kHeader) {
+    if (held_ < PackageBuffer::kHeaderSize) {
         return Next::kRead;
     }
-    const int type = TALVEK_CheckPkgHeader(&pkg(), static_cast<uint32_t>(held_));
-    if (type != 0 && pkg().sz > TALVEK_PKG_MAX) {
-        LOG_PLAIN("pkg sz = %d, more than %d!\n", int{pkg().sz}, TALVEK_PKG_MAX);
+    const int type = TALVEK_CheckPkgHeader(package_.header(), static_cast<uint32_t>(held_));
+    const size_t size = package_.Size();
+    if (type != 0 && size > TALVEK_PKG_MAX) {
+        LOG_PLAIN("pkg sz = %d, more than %d!\n", static_cast<int>(size), TALVEK_PKG_MAX);
         return Next::kClose;
     }
-    if (type != 0 && held_ < pkg().sz) {
+    if (type != 0 && held_ < size) {
         return Next::kRead;
     }
     held_ = 0;
@@ -119,58 +120,54 @@ Connection::Next Connection::Dispatch(int type) {
         case TALVEK_PKG_REGISTER:
             return Register();
         case TALVEK_PKG_COMMAND:
-            RunCommand();
-            return Next::kRead;
+            return RunCommand();
         default:
             LOG_PLAIN("pkg type = %d, not implement yet!\n", type);
             return Next::kRead;
     }
 }
 
-// The reply is the package itself with the session number filled in.
+// The reply is the client's package with the session number in it.
 Connection::Next Connection::Register() {
     client_.session = TALVEK_RegSession();
-    if (client_.session == -1) {
+    if (client_.session == TALVEK_NO_SESSION) {
         return Next::kLeave;
     }
-    if (pkg().sz > kHeader) {
-        TALVEK_SetEnvFromPkg(reinterpret_cast<const char *>(bytes_ + kHeader),
-                             static_cast<uint32_t>(pkg().sz - kHeader));
+    if (package_.Size() > PackageBuffer::kHeaderSize) {
+        TALVEK_SetEnvFromPkg(package_.payload(),
+                             uint32_t{package_.Size()} - PackageBuffer::kHeaderSize);
     }
-    // A register reply carries the counter before it is raised, a result the counter after.
-    // Held by Handler.FirstResultCarriesSequenceTwo.
-    Reply(client_.sn++, pkg().sz);
-    return Next::kRead;
+    // A register reply carries the counter before the increment, a result the counter after it.
+    // Tested by Handler.FirstResultCarriesSequenceTwo.
+    return Reply(client_.sn++);
 }
 
-void Connection::RunCommand() {
-    const size_t end = pkg().sz > kHeader ? pkg().sz : kHeader;
-    bytes_[end] = '\0';
-    const char *pCommand = reinterpret_cast<const char *>(bytes_ + kHeader);
-    LOG_AS("TALVEK_DaemonHandler", "Command => [%s]\n", pCommand);
-    const int status = TALVEK_RunCommand(pCommand);
-
-    pkg().type = TALVEK_PKG_RESULT;
-    pkg().sz = kResultSize;
-    LittleEndianWriter{bytes_, kResultSize}.U32(kHeader, static_cast<uint32_t>(status));
-    Reply(++client_.sn, kResultSize);
-
-    // After a second command without a register in between there is no session to release.
+Connection::Next Connection::RunCommand() {
+    package_.TerminatePayload();
+    LOG_AS(kFunction, "Command => [%s]\n", package_.payload());
+    package_.SetStatus(TALVEK_RunCommand(package_.payload()));
+    const Next next = Reply(++client_.sn);
+    // A second command without a registration before it has no session to release.
     if (TALVEK_UnRegSession(static_cast<uint32_t>(client_.session)) != 0) {
         PutLine("UnReg session failed");
     } else {
-        client_.session = -1;
+        client_.session = TALVEK_NO_SESSION;
     }
+    return next;
 }
 
-void Connection::Reply(uint16_t sn, uint16_t size) {
-    pkg().session = static_cast<uint32_t>(client_.session);
-    pkg().sn = sn;
-    pkg().chksum = TALVEK_CalcPkgChecksum(&pkg());
-    result_ = TALVEK_SendPkg(&client_, &pkg(), size);
+// A client that has closed may have left more packages to serve. Any other failure ends the
+// connection: the client would wait for the reply for ever.
+Connection::Next Connection::Reply(uint16_t sn) {
+    package_.SetSession(static_cast<uint32_t>(client_.session));
+    package_.Seal(sn);
+    errno = 0;
+    result_ = TALVEK_SendPkg(&client_, package_.header(), package_.Size());
+    const bool goOn = result_ == 0 || errno == EPIPE || errno == ECONNRESET;
+    return goOn ? Next::kRead : Next::kClose;
 }
 
-// system with SIGPIPE as a command expects it. The handler itself goes on ignoring it.
+// The service ignores SIGPIPE; commands expect its default action.
 int SystemWithDefaultPipe(const char *pCommand) {
     struct sigaction pipeDefault = {};
     pipeDefault.sa_handler = SIG_DFL;
@@ -181,29 +178,31 @@ int SystemWithDefaultPipe(const char *pCommand) {
             sigaction(SIGPIPE, &pipeBefore, nullptr);
         }
     }};
+    // What was printed before the command must precede its output.
     fflush(stdout);
     return system(pCommand);
 }
 
 }  // namespace
-}  // namespace talvek
 
 int TALVEK_DaemonHandler(tTalvekClient *pClient) {
+    const talvek::CancelGuard guard;
     if (pClient == nullptr || pClient->fd < 0) {
         return -1;
     }
-    const auto buffer = talvek::HeapBuf<uint8_t>::Zeroed(talvek::Connection::kBufferSize);
-    if (!buffer) {
+    PackageBuffer package;
+    if (!package) {
         return -1;
     }
-    return talvek::Connection{*pClient, buffer.get()}.Serve();
+    return Connection{*pClient, package}.Serve();
 }
 
 int TALVEK_RunCommand(const char *pCommand) {
+    const talvek::CancelGuard guard;
     if (pCommand == nullptr) {
         return -1;
     }
-    // The daemon ignores SIGCHLD, and system could not collect the status then.
+    // The daemon ignores SIGCHLD; system cannot collect the status then.
     struct sigaction childDefault = {};
     childDefault.sa_handler = SIG_DFL;
     childDefault.sa_flags = SA_RESTART;
@@ -215,12 +214,12 @@ int TALVEK_RunCommand(const char *pCommand) {
         return installed;
     }
 
-    const int status = talvek::SystemWithDefaultPipe(pCommand);
+    const int status = SystemWithDefaultPipe(pCommand);
     if (status == -1) {
-        talvek::PutLine("some error is occured in that shell command");
+        PutLine("some error is occured in that shell command");
     }
     if (status == -1 || !WIFEXITED(status)) {
-        talvek::PutLine("child process should not terminated normally WIFEXITED(ret) = 0");
+        PutLine("child process should not terminated normally WIFEXITED(ret) = 0");
         return -1;
     }
     return WEXITSTATUS(status);

@@ -7,29 +7,31 @@
 extern "C" {
 #endif
 
-/* Serves one connection until its client closes it: takes over the client's environment into this
- * process, runs its commands, sends their statuses back.
+#define TALVEK_NO_REPLY 1 /* result of TALVEK_DaemonHandler when no reply was due */
+
+/* Serves one connection until its client closes it: adopts the client's environment in this
+ * process, runs its commands and sends their statuses.
  *
- *   pClient  fd is the connected socket; session and sn are counted on here
+ *   pClient  fd is the connected socket; session and sn are updated
  *
- * Packages with a bad header or of an unknown type are logged and dropped, and so are the bytes
- * that were received behind a package which was served or dropped. A package that can never be
- * complete, because it announces more than TALVEK_PKG_MAX bytes or because the client has closed,
- * ends the connection.
+ * A package with a bad header or of an unknown type is logged and dropped. So are the bytes that
+ * were received after any package in the same read. The connection ends when the client closes it,
+ * when a package announces more than TALVEK_PKG_MAX bytes (logged), and when a reply cannot be sent
+ * for any reason but that the client has closed (not logged).
  *
- * Returns -1 without touching the connection for NULL, a negative fd, no memory, and when no
- * session is free. Otherwise fd is closed and set to -1, and the result is that of the last wait or
- * reply: 0 when the last reply was written, 1 when no reply was due, -1 when waiting or the last
- * reply failed. */
+ * Returns -1, with the connection open, for NULL, a negative fd, no memory (none of them logged)
+ * and when no session is free. Otherwise fd is closed and set to -1, and the result is that of the
+ * last wait or reply: 0 after a reply that was sent, TALVEK_NO_REPLY before the first one, -1 when
+ * the wait or the last reply failed. */
 int TALVEK_DaemonHandler(tTalvekClient *pClient);
 
-/* Runs a command line with the system's shell and waits for it.
+/* Runs a command line with the system's shell and waits for its end.
  *
- * The command finds SIGCHLD and SIGPIPE at their defaults. SIGCHLD stays at its default in the
- * calling process.
+ * The command starts with the default actions of SIGCHLD and SIGPIPE and with this process's signal
+ * mask. SIGCHLD stays at its default in this process.
  *
  * Returns the exit status, 0 to 255; -1, with the reason on standard output, when the command was
- * killed by a signal or could not be started, and -1 for NULL. */
+ * killed by a signal or could not be started; -1 for NULL. */
 int TALVEK_RunCommand(const char *pCommand);
 
 #ifdef __cplusplus

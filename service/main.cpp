@@ -1,4 +1,4 @@
-// The program: chooses between daemon and client from its options.
+// The program: a daemon or a client, as its options say.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -10,7 +10,6 @@
 #include "service/TALVEK.h"
 #include "service/internal/module_log.h"
 
-namespace talvek {
 namespace {
 
 enum class Mode { kNone = 0, kClient = 1, kDaemon = 2 };
@@ -18,26 +17,22 @@ enum class Mode { kNone = 0, kClient = 1, kDaemon = 2 };
 constexpr size_t kCommandSize = 80;
 constexpr size_t kPathSize = 128;
 
-// What the command line says. The path field stands directly behind the command field, and a text
-// that fills a field has its NUL on the byte behind it. So a command of 80 characters leaves an
-// empty path, unless -s follows it.
-// Held by CommandLine.CommandOf80CharactersEmptiesThePath.
+// The options. The path field follows the command field directly, and a text that fills its field
+// has its NUL on the byte after the field. So a command of 80 characters empties the path, unless
+// -s comes after it. Tested by CommandLine.CommandOf80CharactersEmptiesThePath.
 class Options {
   public:
     Options(int argc, char **argv);
 
     [[nodiscard]] Mode mode() const { return mode_; }
     [[nodiscard]] const char *path() const { return fields_ + kCommandSize; }
-    // The command alone, also when it is as long as its field and a path follows.
+    // The command without the path, also when it fills its field.
     [[nodiscard]] const char *command() const { return command_; }
 
   private:
-    void SetCommand(const char *pText) {
-        snprintf(fields_, kCommandSize + 1, "%.*s", static_cast<int>(kCommandSize), pText);
-    }
-    void SetPath(const char *pText) {
-        snprintf(fields_ + kCommandSize, kPathSize + 1, "%.*s", static_cast<int>(kPathSize), pText);
-    }
+    void SetCommand(const char *pText) { SetField(fields_, kCommandSize, pText); }
+    void SetPath(const char *pText) { SetField(fields_ + kCommandSize, kPathSize, pText); }
+    static void SetField(char *pField, size_t size, const char *pText);
 
     Mode mode_ = Mode::kNone;
     char fields_[kCommandSize + kPathSize + 1] = {};
@@ -61,18 +56,28 @@ Options::Options(int argc, char **argv) {
                 SetPath(optarg);
                 break;
             default:
-                break;  // getopt has told
+                break;  // getopt has reported it
         }
     }
     memcpy(command_, fields_, strnlen(fields_, kCommandSize));
 }
 
-// A socket must not get the number of a standard stream that the caller has closed: log lines and
-// the output of commands would go to the peer.
+// Stores at most `size` characters, and a NUL on the byte after the last one.
+void Options::SetField(char *pField, size_t size, const char *pText) {
+    const size_t length = strlen(pText);
+    if (length > size) {
+        LOG_PLAIN("Warning! overflow (len, size) = (%d, %d)\n", static_cast<int>(length),
+                  static_cast<int>(size));
+    }
+    snprintf(pField, size + 1, "%.*s", static_cast<int>(size), pText);
+}
+
+// When the caller has closed a standard stream, a socket must not get its number: log lines and the
+// output of commands would be sent to the peer.
 void OpenMissingStandardStreams() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
-            static_cast<void>(open("/dev/null", O_RDWR));  // takes the lowest free number, this one
+            static_cast<void>(open("/dev/null", O_RDWR));  // gets the lowest free number, this one
         }
     }
 }
@@ -93,18 +98,17 @@ int RunDaemon(const char *pSocketPath) {
 }
 
 }  // namespace
-}  // namespace talvek
 
 int main(int argc, char **argv) {
-    talvek::OpenMissingStandardStreams();
-    const talvek::Options options{argc, argv};
+    OpenMissingStandardStreams();
+    const Options options{argc, argv};
     switch (options.mode()) {
-        case talvek::Mode::kClient:
+        case Mode::kClient:
             LOG_PLAIN("Client Mode - [%s][%s]\n", options.path(), options.command());
             return TALVEK_Client(options.path(), options.command());
-        case talvek::Mode::kDaemon:
-            return talvek::RunDaemon(options.path());
-        case talvek::Mode::kNone:
+        case Mode::kDaemon:
+            return RunDaemon(options.path());
+        case Mode::kNone:
             break;
     }
     LOG_PLAIN("Unknown mode[%d]\n", static_cast<int>(options.mode()));

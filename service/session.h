@@ -1,8 +1,8 @@
 #ifndef TALVEK_SERVICE_SESSION_H
 #define TALVEK_SERVICE_SESSION_H
 
-/* The table of 256 session numbers. It belongs to one process: every handler has the copy that it
- * got from the daemon by fork, in which all numbers are free. */
+/* The table of session numbers. It belongs to its process: every handler has the copy that it
+ * inherited from the daemon, in which all numbers are free. */
 
 #include <stdint.h>
 
@@ -10,11 +10,11 @@
 extern "C" {
 #endif
 
-/* Session numbers are 0 to 255. */
-#define TALVEK_SESSIONS 256
+#define TALVEK_SESSIONS 256    /* session numbers are 0 to 255 */
+#define TALVEK_NO_SESSION (-1) /* no number: none is free, or a client's was released */
 
-/* Returns the lowest free session number, or -1 when none is free. The number is only looked up,
- * not taken: the next call returns the same one. */
+/* Returns the lowest free session number, or TALVEK_NO_SESSION. The number is looked up, not taken:
+ * the next call returns the same number. */
 int TALVEK_RegSession(void);
 
 /* Frees a session number. Returns 0, or -1 for a number above 255. */

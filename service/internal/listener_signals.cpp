@@ -1,42 +1,64 @@
 #include "service/internal/listener_signals.h"
 
-#include <stdlib.h>
+#include <stdio.h>
+#include <sys/un.h>
 #include <unistd.h>
+
+#include "service/internal/file_id.h"
 
 namespace talvek {
 namespace {
 
-volatile sig_atomic_t g_stop = 0;
+// What the handler removes. Written only while the signals are blocked.
+struct Socket {
+    char path[sizeof sockaddr_un::sun_path];
+    FileId id;
+};
+constinit Socket g_socket = {};
 
-void NoteStop(int signal) {
-    g_stop = signal;
+struct sigaction ActionOf(void (*pHandler)(int), const sigset_t &mask) {
+    struct sigaction action = {};
+    action.sa_handler = pHandler;
+    action.sa_mask = mask;
+    return action;
 }
 
 struct sigaction ActionOf(void (*pHandler)(int)) {
-    struct sigaction action = {};
-    action.sa_handler = pHandler;
-    sigemptyset(&action.sa_mask);
-    return action;
+    sigset_t none;
+    sigemptyset(&none);
+    return ActionOf(pHandler, none);
+}
+
+// Handles a stop signal. Calls only what a handler may call (signal-safety(7)).
+void EndProcess(int signal) {
+    // Another daemon may have taken the path over.
+    if (FileId{g_socket.path} == g_socket.id) {
+        unlink(g_socket.path);
+    }
+    const struct sigaction end = ActionOf(SIG_DFL);
+    sigaction(signal, &end, nullptr);
+    raise(signal);
+    sigset_t own;
+    sigemptyset(&own);
+    sigaddset(&own, signal);
+    sigprocmask(SIG_UNBLOCK, &own, nullptr);
+    _exit(128 + signal);  // not reached: the signal has been delivered
 }
 
 }  // namespace
 
 ListenerSignals::ListenerSignals() {
-    g_stop = 0;
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGTERM);
-    sigaddset(&stopSignals, SIGINT);
-    sigprocmask(SIG_BLOCK, &stopSignals, &oldMask_);
-    waitMask_ = oldMask_;
-    sigdelset(&waitMask_, SIGTERM);
-    sigdelset(&waitMask_, SIGINT);
-
-    const struct sigaction note = ActionOf(NoteStop);
-    sigaction(SIGTERM, &note, &oldTerm_);
-    sigaction(SIGINT, &note, &oldInt_);
+    sigemptyset(&stopSignals_);
+    sigaddset(&stopSignals_, SIGTERM);
+    sigaddset(&stopSignals_, SIGINT);
+    sigprocmask(SIG_BLOCK, &stopSignals_, &oldMask_);
+    g_socket = {};
+    const struct sigaction stop = ActionOf(EndProcess, stopSignals_);
+    sigaction(SIGTERM, &stop, &oldTerm_);
+    sigaction(SIGINT, &stop, &oldInt_);
     const struct sigaction ignore = ActionOf(SIG_IGN);
     sigaction(SIGPIPE, &ignore, &oldPipe_);
+    Unblock();
 }
 
 ListenerSignals::~ListenerSignals() {
@@ -49,38 +71,27 @@ ListenerSignals::~ListenerSignals() {
     sigprocmask(SIG_SETMASK, &oldMask_, nullptr);
 }
 
-// A wait that finds its descriptor ready returns without letting a signal in, so under steady load
-// the handler would never run: what is pending counts too.
-int ListenerSignals::Stop() {
-    sigset_t pending;
-    if (g_stop != 0 || sigpending(&pending) != 0) {
-        return g_stop;
-    }
-    if (sigismember(&pending, SIGTERM) == 1) {
-        return SIGTERM;
-    }
-    return sigismember(&pending, SIGINT) == 1 ? SIGINT : 0;
+void ListenerSignals::Block() const {
+    sigprocmask(SIG_BLOCK, &stopSignals_, nullptr);
 }
 
-// Blocked signals are inherited by what a child executes: those that the starter of the daemon had
-// blocked would leave commands that cannot be ended.
+void ListenerSignals::Unblock() const {
+    sigprocmask(SIG_UNBLOCK, &stopSignals_, nullptr);
+}
+
+void ListenerSignals::SetSocket(const char *pPath) {
+    snprintf(g_socket.path, sizeof g_socket.path, "%s", pPath);
+    g_socket.id = FileId{pPath};
+}
+
 void ListenerSignals::ReleaseInChild() {
     released_ = true;
     const struct sigaction end = ActionOf(SIG_DFL);
     sigaction(SIGTERM, &end, nullptr);
     sigaction(SIGINT, &end, nullptr);
-    sigprocmask(SIG_SETMASK, &waitMask_, nullptr);
-}
-
-void ListenerSignals::EndBy(int signal) {
-    const struct sigaction end = ActionOf(SIG_DFL);
-    sigaction(signal, &end, nullptr);
-    raise(signal);
-    sigset_t all;
-    sigemptyset(&all);
-    sigaddset(&all, signal);
-    sigprocmask(SIG_UNBLOCK, &all, nullptr);
-    _exit(128 + signal);  // not reached: the signal has been delivered
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
 }  // namespace talvek

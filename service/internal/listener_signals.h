@@ -5,32 +5,36 @@
 
 namespace talvek {
 
-// The signals of the listening process while it lives: SIGTERM and SIGINT ask it to stop and are
-// delivered only while it waits, so that no child is forked with one half handled; SIGPIPE is
-// ignored, so that a log reader that goes away does not end the service.
+// The signals of the listening process while this object lives.
+//
+// SIGTERM and SIGINT end the process from inside their handler: it removes the socket if it is
+// still the daemon's own, and dies of the signal. A handler that only sets a flag would not do: the
+// write of a log line blocks for as long as the log's reader does not read, and a signal that
+// arrives just before the write would not interrupt it. The two signals are blocked only from the
+// bind to SetSocket and from accept to fork, where nothing waits.
+//
+// SIGPIPE is ignored: the service outlives the reader of its log.
 class ListenerSignals {
   public:
     ListenerSignals();
-    ~ListenerSignals();  // what held before holds again
+    ~ListenerSignals();  // restores the caller's actions and mask
     ListenerSignals(const ListenerSignals &) = delete;
     ListenerSignals &operator=(const ListenerSignals &) = delete;
 
-    // Mask for waiting: the caller's own with the two signals let through.
-    [[nodiscard]] const sigset_t *waitMask() const { return &waitMask_; }
+    void Block() const;
+    void Unblock() const;
 
-    // The signal that asks to stop, 0 for none.
-    [[nodiscard]] static int Stop();
+    // Sets the socket to remove, which the path names now. Only while the signals are blocked.
+    static void SetSocket(const char *pPath);
 
-    // For a child: SIGTERM and SIGINT end it, also where the caller had them ignored or blocked.
-    // SIGPIPE stays ignored.
+    // For a child, while the signals are blocked: SIGTERM and SIGINT get their default actions,
+    // also where the daemon's starter had them ignored, and no signal is blocked any more. The
+    // child's commands inherit the mask. SIGPIPE stays ignored.
     void ReleaseInChild();
 
-    // Ends the process by the signal that asked for it.
-    [[noreturn]] static void EndBy(int signal);
-
   private:
+    sigset_t stopSignals_;
     sigset_t oldMask_;
-    sigset_t waitMask_;
     struct sigaction oldTerm_;
     struct sigaction oldInt_;
     struct sigaction oldPipe_;

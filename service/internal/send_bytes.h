@@ -6,14 +6,14 @@
 
 namespace talvek {
 
-// How far a run of writes came.
+// The outcome of a series of writes.
 struct Sent {
     size_t count;  // bytes written
-    ssize_t last;  // what the last write returned
+    ssize_t last;  // result of the last write; errno is that write's
 };
 
-// Writes to a socket until all bytes are written or a write returns 0 or less. A peer that has gone
-// gives EPIPE, never SIGPIPE.
+// Writes to a descriptor until all bytes are written or a write returns 0 or less. A socket whose
+// peer has closed fails with EPIPE, without SIGPIPE.
 Sent SendBytes(int fd, const void *pBytes, size_t size);
 
 }  // namespace talvek

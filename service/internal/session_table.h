@@ -1,16 +1,21 @@
 #ifndef TALVEK_SERVICE_INTERNAL_SESSION_TABLE_H
 #define TALVEK_SERVICE_INTERNAL_SESSION_TABLE_H
 
+#include <pthread.h>
 #include <stdint.h>
 
 namespace talvek {
 
 constexpr int32_t kFreeSession = -1;
 
-// Makes the mutex of the table anew and frees every number. Only while no other thread uses them.
+// Initialises the mutex and marks every number as free. No other thread may use the table
+// meanwhile.
 void InitSessions();
 
-// The slot of a session number (0 to 255).
+// Guards the slots.
+pthread_mutex_t &SessionMutex();
+
+// The slot of a session number below TALVEK_SESSIONS.
 int32_t &SessionSlot(uint32_t session);
 
 }  // namespace talvek

@@ -8,7 +8,7 @@
 
 namespace talvek {
 
-// The kernel closes the path with a NUL of its own, so the length need not cover one.
+// The kernel adds a NUL to the path, so the length does not count one.
 SocketAddress::SocketAddress(const char *pSocketPath) : path{}, address{} {
     snprintf(path, sizeof path, "%s", pSocketPath != nullptr ? pSocketPath : TALVEK_SOCKET_PATH);
     address.sun_family = AF_UNIX;

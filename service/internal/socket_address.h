@@ -6,17 +6,17 @@
 
 namespace talvek {
 
-// The path of the service's socket and the address made of it.
+// The path of the daemon's socket, and its address.
 struct SocketAddress {
-    explicit SocketAddress(const char *pSocketPath);  // null for the usual path
+    explicit SocketAddress(const char *pSocketPath);  // null for TALVEK_SOCKET_PATH
 
     [[nodiscard]] const sockaddr *get() const {
         return reinterpret_cast<const sockaddr *>(&address);
     }
 
-    char path[128];       // as given, cut to 127 characters
-    sockaddr_un address;  // the path cut once more, to 107 characters
-    socklen_t length;     // of the family and the characters of the cut path, without a NUL
+    char path[128];       // cut to 127 characters
+    sockaddr_un address;  // the path cut to TALVEK_SOCKET_PATH_MAX characters
+    socklen_t length;     // of the family and the path in the address, without a NUL
 };
 
 }  // namespace talvek

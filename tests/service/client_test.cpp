@@ -1,17 +1,14 @@
 #include "service/client.h"
 
-#include <errno.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <semaphore.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <string>
@@ -19,75 +16,44 @@
 #include <vector>
 
 #include "service/package.h"
+#include "service/support/program.h"
+#include "service/support/waits.h"
 #include "service/support/wire.h"
-#include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
 
 namespace {
 
-// How often the client is still to be told that its socket takes no bytes, and what it asked then.
-int g_timeouts = 0;
-std::vector<long> g_waits;  // seconds
-
-// How much of the next writes the client's socket is to take, and what it was asked to take.
-std::vector<size_t> g_takes;
-std::vector<size_t> g_asked;
+// How many of the client's next writes the socket accepts in part, and what was to be written.
+std::vector<size_t> g_accepted;
+std::vector<size_t> g_written;
 
 }  // namespace
 
-// What the C library calls pselect with a time of 64 bits.
-#if defined(__arm__)
-#define REAL_PSELECT __real___pselect64
-#define WRAP_PSELECT __wrap___pselect64
-#else
-#define REAL_PSELECT __real_pselect
-#define WRAP_PSELECT __wrap_pselect
-#endif
-
 extern "C" {
-int REAL_PSELECT(int nfds, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, const timespec *pTime,
-                 const sigset_t *pMask);
-int WRAP_PSELECT(int nfds, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, const timespec *pTime,
-                 const sigset_t *pMask);
 ssize_t __real_send(int fd, const void *pBytes, size_t size, int flags);
 ssize_t __wrap_send(int fd, const void *pBytes, size_t size, int flags);
 }
 
-// A socket of this kind takes a package whole: the link puts this in front of send.
+// A real socket accepts a whole package in one write.
 ssize_t __wrap_send(int fd, const void *pBytes, size_t size, int flags) {
-    if (g_takes.empty()) {
+    if (g_accepted.empty()) {
         return __real_send(fd, pBytes, size, flags);
     }
-    g_asked.push_back(size);
-    const size_t take = g_takes.front();
-    g_takes.erase(g_takes.begin());
-    return take == 0 ? 0 : __real_send(fd, pBytes, take, flags);
-}
-
-// A socket that has just been connected always takes bytes: the link puts this in front of pselect.
-int WRAP_PSELECT(int nfds, fd_set *pRead, fd_set *pWrite, fd_set *pExcept, const timespec *pTime,
-                 const sigset_t *pMask) {
-    if (g_timeouts == 0) {
-        return REAL_PSELECT(nfds, pRead, pWrite, pExcept, pTime, pMask);
-    }
-    --g_timeouts;
-    EXPECT_EQ(nullptr, pRead);
-    EXPECT_EQ(nullptr, pExcept);
-    EXPECT_TRUE(FD_ISSET(nfds - 1, pWrite));
-    EXPECT_EQ(0, pTime->tv_nsec);
-    g_waits.push_back(static_cast<long>(pTime->tv_sec));
-    FD_ZERO(pWrite);
-    return 0;
+    g_written.push_back(size);
+    const size_t accepted = g_accepted.front();
+    g_accepted.erase(g_accepted.begin());
+    return accepted == 0 ? 0 : __real_send(fd, pBytes, accepted, flags);
 }
 
 namespace {
 
 using namespace std::string_literals;
 using namespace talvek::test;
+using Lines = std::vector<std::string>;
 
-// A daemon that does what a test tells it with each connection, in a thread.
+// A daemon in a thread that runs a script for each connection.
 class FakeDaemon {
   public:
     using Script = std::function<void(int fd)>;
@@ -120,7 +86,7 @@ class FakeDaemon {
     std::thread thread_;
 };
 
-// The register reply as the daemon makes it, with a session number.
+// The daemon's reply to a registration.
 std::string Echo(const std::string &request, uint32_t session) {
     Pkg reply;
     reply.session = session;
@@ -129,13 +95,13 @@ std::string Echo(const std::string &request, uint32_t session) {
     return reply.Bytes();
 }
 
-// Takes registration and command, answering the first; returns the command package.
+// Answers the registration and returns the command package.
 std::string TakeCommand(int fd, uint32_t session = 0) {
     Put(fd, Echo(TakePkg(fd), session));
     return TakePkg(fd);
 }
 
-// The environment of this process while it lives.
+// Sets the environment of this process for a scope.
 class Environment {
   public:
     explicit Environment(const Lines &strings) : saved_(environ), strings_(strings) {
@@ -161,10 +127,10 @@ TEST(Client, SendsTheEnvironmentInOrderThenTheCommand) {
     std::string second;
     const FakeDaemon daemon{[&](int fd) {
         first = TakePkg(fd);
-        EXPECT_TRUE(Quiet(fd, 10)) << "waits for the reply";
+        EXPECT_TRUE(Quiet(fd)) << "waits for the reply";
         Put(fd, Echo(first, 0x01020304));
         second = Take(fd, 16 + 8);
-        EXPECT_TRUE(Quiet(fd, 10));
+        EXPECT_TRUE(Quiet(fd)) << "waits for the result";
         Put(fd, ResultPkg(3));
         EXPECT_TRUE(AtEnd(fd)) << "closes after the result";
     }};
@@ -208,7 +174,7 @@ TEST(Client, ReturnsWhateverStatusTheDaemonReports) {
     }
 }
 
-TEST(Client, TakesAResultInPlaceOfARegisterReply) {
+TEST(Client, AcceptsAResultInsteadOfARegisterReply) {
     const FakeDaemon daemon{[](int fd) {
         TakePkg(fd);
         Put(fd, ResultPkg(12));
@@ -216,25 +182,25 @@ TEST(Client, TakesAResultInPlaceOfARegisterReply) {
     EXPECT_EQ(12, daemon.Ask("true"));
 }
 
-TEST(Client, TakesRepliesInPiecesOfWhichTheFirstHoldsTheHeader) {
+TEST(Client, ReceivesAReplyInSeveralReadsAfterItsHeader) {
     const Environment environment{{"A=" + std::string(500, 'a')}};
     const FakeDaemon daemon{[](int fd) {
         const std::string reply = Echo(TakePkg(fd), 1);
         Put(fd, reply.substr(0, 16));
         for (size_t at = 16; at < reply.size(); at += 100) {
-            usleep(2000);
+            EXPECT_TRUE(HasRead(fd));
             Put(fd, reply.substr(at, 100));
         }
         Take(fd, 21);
         Put(fd, ResultPkg(6).substr(0, 17));
-        usleep(2000);
+        EXPECT_TRUE(HasRead(fd));
         Put(fd, ResultPkg(6).substr(17));
     }};
     EXPECT_EQ(6, daemon.Ask("true"));
 }
 
-TEST(Client, IgnoresWhatComesBehindAReply) {
-    const Environment environment{{"A=1"}};  // reply and what follows fit one reading
+TEST(Client, DropsBytesAfterAReply) {
+    const Environment environment{{"A=1"}};  // one read holds the reply and the rest
     const FakeDaemon daemon{[](int fd) {
         Put(fd, Echo(TakePkg(fd), 0) + ResultPkg(9));
         Take(fd, 21);
@@ -243,15 +209,15 @@ TEST(Client, IgnoresWhatComesBehindAReply) {
     EXPECT_EQ(4, daemon.Ask("true"));
 }
 
-// What a daemon may do instead of answering; each ends with 1, and without waiting for more.
-struct Lie {
+// What a faulty daemon may do. The client returns 1 for each, and does not wait for more.
+struct Fault {
     const char *name;
     FakeDaemon::Script script;
     bool dumps = false;
 };
 
-void PrintTo(const Lie &lie, std::ostream *out) {
-    *out << lie.name;
+void PrintTo(const Fault &fault, std::ostream *out) {
+    *out << fault.name;
 }
 
 std::string Modified(std::string bytes, size_t at, char value) {
@@ -267,25 +233,25 @@ std::string Sized(uint16_t type, int sz, const std::string &payload) {
     return pkg.Bytes();
 }
 
-// Answers the registration with bytes and waits for the client to go.
+// Answers the registration with bytes and waits until the client closes.
 FakeDaemon::Script First(const std::string &bytes) {
     return [bytes](int fd) {
         TakePkg(fd);
         Put(fd, bytes);
-        EXPECT_TRUE(AtEnd(fd)) << "the client has more to say";
+        EXPECT_TRUE(AtEnd(fd)) << "the client goes on";
     };
 }
 
-// The same with the answer to the command.
+// Answers the command with bytes and waits until the client closes.
 FakeDaemon::Script Second(const std::string &bytes) {
     return [bytes](int fd) {
         TakeCommand(fd);
         Put(fd, bytes);
-        EXPECT_TRUE(AtEnd(fd)) << "the client has more to say";
+        EXPECT_TRUE(AtEnd(fd)) << "the client goes on";
     };
 }
 
-std::vector<Lie> Lies() {
+std::vector<Fault> Faults() {
     return {
         {"ClosesAtOnce", [](int) {}},
         {"ClosesAfterTheRegistration", [](int fd) { TakePkg(fd); }},
@@ -319,7 +285,7 @@ std::vector<Lie> Lies() {
         {"ASecondRegisterReply", Second(Sized(1, -1, ""))},
         {"ResultWithoutStatus", Second(Sized(5, 16, ""))},
         {"ResultWithAPieceOfAStatus", Second(Sized(5, 19, "\0\0\0"s))},
-        {"ResultWithoutStatusAndBytesBehindIt", Second(Sized(5, 16, std::string(16, '\x07')))},
+        {"ResultWithoutStatusButWithBytesAfterIt", Second(Sized(5, 16, std::string(16, '\x07')))},
         {"ResultThatIsSmallerThanAHeader", Second(Sized(5, 0, std::string(16, '\x07')))},
         {"AnnouncesMoreThanFits", First(Sized(1, 1153, ""))},
         {"SendsMoreThanFits", First(Sized(1, 1153, std::string(1137, 'x')))},
@@ -327,9 +293,9 @@ std::vector<Lie> Lies() {
     };
 }
 
-class ClientAndALie : public ::testing::TestWithParam<Lie> {};
+class ClientAndFaultyDaemon : public ::testing::TestWithParam<Fault> {};
 
-TEST_P(ClientAndALie, EndsWithOne) {
+TEST_P(ClientAndFaultyDaemon, ReturnsOne) {
     const Environment environment{{"A=1"}};
     const FakeDaemon daemon{GetParam().script};
     const Lines lines = CaptureLog([&] { EXPECT_EQ(1, daemon.Ask("true")); });
@@ -341,11 +307,10 @@ TEST_P(ClientAndALie, EndsWithOne) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ClientAndALie, ::testing::ValuesIn(Lies()),
-                         [](const auto &lie) { return std::string{lie.param.name}; });
+INSTANTIATE_TEST_SUITE_P(All, ClientAndFaultyDaemon, ::testing::ValuesIn(Faults()),
+                         [](const auto &fault) { return std::string{fault.param.name}; });
 
-// The largest reply that is allowed.
-TEST(Client, TakesARegisterReplyOf1152Bytes) {
+TEST(Client, AcceptsARegisterReplyOf1152Bytes) {
     const FakeDaemon daemon{[](int fd) {
         TakePkg(fd);
         Put(fd, Sized(1, 1152, std::string(1136, 'x')));
@@ -355,15 +320,15 @@ TEST(Client, TakesARegisterReplyOf1152Bytes) {
     EXPECT_EQ(2, daemon.Ask("true"));
 }
 
-TEST(Client, SendsNothingMoreOnceTheDaemonHasGone) {
+TEST(Client, ReturnsOneWhenTheDaemonNoLongerReads) {
     signal(SIGPIPE, SIG_DFL);
     const FakeDaemon daemon{[](int fd) {
         const std::string request = TakePkg(fd);
         shutdown(fd, SHUT_RD);
         Put(fd, Echo(request, 0));
-        usleep(10000);
+        EXPECT_TRUE(AtEnd(fd));
     }};
-    EXPECT_EQ(1, daemon.Ask("true")) << "a failed write, no SIGPIPE";
+    EXPECT_EQ(1, daemon.Ask("true")) << "the write fails without SIGPIPE";
 }
 
 constexpr const char *kDefaultName = "/var/run/TALVEK";
@@ -412,7 +377,7 @@ TEST(Client, SendsAnEnvironmentThatFillsThePackage) {
 
 TEST(Client, CutsTheEnvironmentAtTheFirstStringThatDoesNotFit) {
     Lines strings = StringsOf(1137);
-    strings.emplace_back("S=1");  // would fit, but stands behind
+    strings.emplace_back("S=1");  // would fit, but comes later
     strings.emplace_back(std::string(5000, 'l'));
     Lines log;
     const std::string request = RegisterOf(strings, &log);
@@ -423,7 +388,7 @@ TEST(Client, CutsTheEnvironmentAtTheFirstStringThatDoesNotFit) {
               log);
 }
 
-TEST(Client, SendsNothingOfAnEnvironmentWhoseFirstStringDoesNotFit) {
+TEST(Client, SendsAnEmptyEnvironmentWhenTheFirstStringDoesNotFit) {
     Lines log;
     EXPECT_EQ(RegisterPkg(), RegisterOf({"A=" + std::string(70000, 'a'), "B=1"}, &log));
     EXPECT_EQ((Lines{"TALVEK:TALVEK_Client(): Warning!!using size(70019) > CALLOC buf_sz(1152), "
@@ -431,7 +396,7 @@ TEST(Client, SendsNothingOfAnEnvironmentWhoseFirstStringDoesNotFit) {
               log);
 }
 
-TEST(Client, DoesWithoutAnEnvironment) {
+TEST(Client, RunsWithoutAnEnvironment) {
     char **saved = environ;
     environ = nullptr;
     std::string request;
@@ -457,7 +422,7 @@ TEST(Client, SendsCommandsOfUpTo1135Characters) {
     }
 }
 
-TEST(Client, RefusesALongerCommandAndNone) {
+TEST(Client, RefusesALongerCommandAndNull) {
     const TempDir dir;
     const std::string path = dir / "nobody";
     const Lines refusal{"TALVEK:TALVEK_Client(): a command of at most 1135 characters is needed"};
@@ -481,7 +446,7 @@ TEST(Client, LogsAFailedConnectWithPathAndLength) {
               CaptureLog([&] { EXPECT_EQ(-1, TALVEK_Client("", "true")); }));
 }
 
-TEST(Client, UsesTheUsualPathForNull) {
+TEST(Client, UsesTheDefaultPathForNull) {
     talvek::test::RunInPrivateWorld(talvek::test::kMounts, [] {
         talvek::test::ReplaceDir("/var");
         const Lines lines = CaptureLog([&] { EXPECT_EQ(-1, TALVEK_Client(nullptr, "true")); });
@@ -501,6 +466,9 @@ TEST(Client, UsesTheUsualPathForNull) {
         close(listener);
     });
     EXPECT_STREQ(kDefaultName, TALVEK_SOCKET_PATH);
+    EXPECT_EQ(107, TALVEK_SOCKET_PATH_MAX);
+    EXPECT_EQ(1135, TALVEK_COMMAND_MAX);
+    EXPECT_EQ(1, TALVEK_NO_RESULT);
 }
 
 TEST(Client, CutsAPathTo107Characters) {
@@ -527,19 +495,19 @@ TEST(Client, CutsAPathTo107Characters) {
     close(listener);
 }
 
-TEST(Client, WaitsInStepsOfFiveSecondsForASocketThatTakesNothing) {
+// A socket that has just been connected is writable at once, so the time-outs are simulated.
+TEST(Client, WaitsForAWritableSocketInRoundsOfFiveSeconds) {
     const Environment environment{{"A=1"}};
     const FakeDaemon daemon{[](int fd) {
         TakeCommand(fd);
         Put(fd, ResultPkg(8));
     }};
-    g_timeouts = 3;
+    Waits::TimeOut(3);
     EXPECT_EQ("", Capture([&] { EXPECT_EQ(8, daemon.Ask("true")); }));
-    EXPECT_EQ((std::vector<long>{5, 5, 5}), g_waits);
-    g_waits.clear();
+    EXPECT_EQ((std::vector<Waits::Wait>(3, {POLLOUT, 5000})), Waits::TimedOut());
 }
 
-TEST(Client, WritesWhatTheSocketHasNotTakenYet) {
+TEST(Client, WritesTheRestOfAPartialWrite) {
     const Environment environment{{"A=1"}};  // a package of 20 bytes
     const FakeDaemon daemon{[](int fd) {
         EXPECT_EQ(Hex(RegisterPkg("A=1\0"s)), Hex(Take(fd, 20)));
@@ -547,13 +515,13 @@ TEST(Client, WritesWhatTheSocketHasNotTakenYet) {
         EXPECT_EQ(Hex(CommandPkg("true")), Hex(Take(fd, 21)));
         Put(fd, ResultPkg(8));
     }};
-    g_takes = {1, 15, 4};
+    g_accepted = {1, 15, 4};
     EXPECT_EQ(8, daemon.Ask("true"));
-    EXPECT_EQ((std::vector<size_t>{20, 19, 4}), g_asked);
-    g_asked.clear();
+    EXPECT_EQ((std::vector<size_t>{20, 19, 4}), g_written);
+    g_written.clear();
 }
 
-// A write that takes nothing is no failure once there were bytes: the package is sent again, whole.
+// A write of 0 bytes inside a package is no failure: the whole package is sent again.
 TEST(Client, SendsThePackageAgainWhenAWriteStopsInsideIt) {
     const Environment environment{{"A=1"}};
     const FakeDaemon daemon{[](int fd) {
@@ -561,48 +529,56 @@ TEST(Client, SendsThePackageAgainWhenAWriteStopsInsideIt) {
         EXPECT_EQ(Hex(request.substr(0, 7) + request), Hex(Take(fd, 27)));
         Put(fd, ResultPkg(8));
     }};
-    g_takes = {5, 2, 0};
+    g_accepted = {5, 2, 0};
     EXPECT_EQ(8, daemon.Ask("true"));
-    EXPECT_EQ((std::vector<size_t>{20, 15, 13}), g_asked);
-    g_asked.clear();
+    EXPECT_EQ((std::vector<size_t>{20, 15, 13}), g_written);
+    g_written.clear();
 }
 
-TEST(Client, EndsWithOneWhenNothingIsWritten) {
+TEST(Client, ReturnsOneWhenNothingIsWritten) {
     const Environment environment{{"A=1"}};
     const FakeDaemon daemon{[](int fd) { EXPECT_TRUE(AtEnd(fd)); }};
-    g_takes = {0};
+    g_accepted = {0};
     EXPECT_EQ(1, daemon.Ask("true"));
-    EXPECT_EQ((std::vector<size_t>{20}), g_asked);
-    g_asked.clear();
+    EXPECT_EQ((std::vector<size_t>{20}), g_written);
+    g_written.clear();
 }
 
-TEST(Client, ServesThreadsOneAfterAnother) {
+// Whether a thread of this process sleeps or has ended.
+bool IsIdle(pid_t thread) {
+    const char state = StateOf("/proc/self/task/" + std::to_string(thread));
+    return state == 'S' || state == '\0';
+}
+
+// While one call has its connection, all others sleep, and none is in the daemon's queue.
+TEST(Client, RunsCallsOfSeveralThreadsOneAfterAnother) {
     constexpr int kThreads = 8;
-    std::atomic<int> open{0};
-    const FakeDaemon daemon{[&](int fd) {
-                                EXPECT_EQ(1, ++open);
-                                const std::string command = TakeCommand(fd);
-                                usleep(1000);
-                                --open;
-                                Put(fd, ResultPkg(command[16] - '0'));
-                                EXPECT_TRUE(AtEnd(fd));
-                            },
-                            kThreads};
+    const TempDir dir;
+    const std::string path = dir / "socket";
+    const int listener = ListenAt(path);
+    std::atomic<pid_t> callers[kThreads] = {};
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] { EXPECT_EQ(t, daemon.Ask(std::to_string(t))); });
+        threads.emplace_back([&callers, &path, t] {
+            callers[t] = gettid();
+            EXPECT_EQ(t, TALVEK_Client(path.c_str(), std::to_string(t).c_str()));
+        });
+    }
+    for (int t = 0; t < kThreads; ++t) {
+        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        const std::string command = TakeCommand(fd);
+        EXPECT_TRUE(Eventually([&] {
+            return std::all_of(std::begin(callers), std::end(callers),
+                               [](pid_t caller) { return caller != 0 && IsIdle(caller); });
+        }));
+        EXPECT_TRUE(Quiet(listener)) << "a second connection";
+        Put(fd, ResultPkg(command.at(16) - '0'));
+        close(fd);
     }
     for (std::thread &thread : threads) {
         thread.join();
     }
-}
-
-TEST(Client, LetsCancellationWait) {
-    const FakeDaemon daemon{[&](int fd) {
-        TakeCommand(fd);
-        Put(fd, ResultPkg(7));
-    }};
-    EXPECT_TRUE(OutlastsCancellation([&] { EXPECT_EQ(7, daemon.Ask("true")); }));
+    close(listener);
 }
 
 }  // namespace

@@ -24,8 +24,9 @@
 namespace {
 
 using namespace talvek::test;
+using Lines = std::vector<std::string>;
 
-TEST(CommandLine, WithoutAModeTellsSoAndReturnsZero) {
+TEST(CommandLine, WithoutAModeLogsThatAndReturnsZero) {
     for (const Arguments &arguments :
          {Arguments{}, Arguments{"-f", "true"}, Arguments{"-s", "/tmp/x"}, Arguments{"word"}}) {
         const Outcome outcome = RunProgram(arguments);
@@ -34,7 +35,7 @@ TEST(CommandLine, WithoutAModeTellsSoAndReturnsZero) {
     }
 }
 
-TEST(CommandLine, PassesOverUnknownOptions) {
+TEST(CommandLine, IgnoresUnknownOptions) {
     const Outcome outcome =
         RunProgram({"-x", "-D", "-C", "--", "-D"}, [] { dup2(STDOUT_FILENO, STDERR_FILENO); });
     const Lines lines = outcome.lines();
@@ -43,7 +44,7 @@ TEST(CommandLine, PassesOverUnknownOptions) {
     EXPECT_EQ("TALVEK: Client Mode - [/var/run/TALVEK][]", lines[1]);
 }
 
-TEST(CommandLine, ClientWithoutADaemonEndsWith255) {
+TEST(CommandLine, ClientWithoutADaemonExitsWith255) {
     const TempDir dir;
     const std::string path = dir / "nobody";
     const Outcome outcome = RunProgram({"-C", "-f", "true", "-s", path});
@@ -54,7 +55,7 @@ TEST(CommandLine, ClientWithoutADaemonEndsWith255) {
               outcome.lines());
 }
 
-TEST(CommandLine, OptionsStandInAnyOrder) {
+TEST(CommandLine, OptionsMayComeInAnyOrder) {
     const Daemon daemon;
     const std::string &path = daemon.socket();
     for (const Arguments &arguments :
@@ -69,7 +70,7 @@ TEST(CommandLine, OptionsStandInAnyOrder) {
     }
 }
 
-TEST(CommandLine, TheLastModeWins) {
+TEST(CommandLine, TheLastModeApplies) {
     const TempDir dir;
     // A daemon that cannot bind ends at once.
     const std::string path = dir / "missing/socket";
@@ -78,7 +79,7 @@ TEST(CommandLine, TheLastModeWins) {
     EXPECT_EQ("TALVEK: Daemon Mode - [" + path + "]", outcome.lines().at(0));
 }
 
-TEST(CommandLine, ClientEndsWithTheCommandsStatus) {
+TEST(CommandLine, ClientExitsWithTheCommandsStatus) {
     const Daemon daemon;
     for (const int status : {0, 1, 7, 127, 255}) {
         EXPECT_EQ(status, daemon.Client("exit " + std::to_string(status)).exitStatus());
@@ -90,8 +91,8 @@ TEST(CommandLine, ClientEndsWithTheCommandsStatus) {
     EXPECT_TRUE(daemon.Logs("Command => []\n"));
 }
 
-// What a daemon may report is a number of 32 bits.
-TEST(CommandLine, ClientEndsWithTheLowestEightBitsOfAResult) {
+// A result has 32 bits.
+TEST(CommandLine, ClientExitsWithTheLowestEightBitsOfAResult) {
     const TempDir dir;
     const std::string path = dir / "socket";
     const int listener = ListenAt(path);
@@ -110,7 +111,7 @@ TEST(CommandLine, ClientEndsWithTheLowestEightBitsOfAResult) {
     close(listener);
 }
 
-TEST(CommandLine, CommandSeesTheCallersEnvironmentOverTheDaemons) {
+TEST(CommandLine, TheClientsEnvironmentOverridesTheDaemons) {
     Daemon::Options options;
     options.prepare = [] {
         setenv("BOTH", "daemon", 1);
@@ -126,8 +127,8 @@ TEST(CommandLine, CommandSeesTheCallersEnvironmentOverTheDaemons) {
     EXPECT_TRUE(daemon.Logs("client daemon a b=c\n"));
 }
 
-// 1152 - 16 bytes of environment go over, one more does not.
-TEST(CommandLine, EnvironmentOfExactlyOnePackageGoesOver) {
+// A package has room for 1152 - 16 bytes of environment.
+TEST(CommandLine, SendsAnEnvironmentOfUpTo1136Bytes) {
     const Daemon daemon;
     for (const size_t size : {size_t{1135}, size_t{1136}, size_t{1137}}) {
         const Outcome outcome =
@@ -151,7 +152,7 @@ std::string Padded(const std::string &command, size_t length) {
     return command + std::string(length - command.size(), '#');
 }
 
-TEST(CommandLine, CommandOf79CharactersGoesOverWhole) {
+TEST(CommandLine, SendsACommandOf79Characters) {
     const Daemon daemon;
     const std::string command = Padded("exit 5 ", 79);
     EXPECT_EQ(5, RunProgram({"-C", "-s", daemon.socket(), "-f", command}).exitStatus());
@@ -159,51 +160,71 @@ TEST(CommandLine, CommandOf79CharactersGoesOverWhole) {
     EXPECT_TRUE(daemon.Logs("Command => [" + command + "]\n"));
 }
 
-// Its NUL falls on the first byte of the path.
+// Log lines, after the one about a text of `length` characters that was cut to `size`.
+Lines AfterOverflow(size_t length, size_t size, Lines lines) {
+    if (length > size) {
+        lines.insert(lines.begin(), "TALVEK: Warning! overflow (len, size) = (" +
+                                        std::to_string(length) + ", " + std::to_string(size) + ")");
+    }
+    return lines;
+}
+
+// Its NUL is the first byte of the path.
 TEST(CommandLine, CommandOf80CharactersEmptiesThePath) {
     const Daemon daemon;
     for (const size_t length : {size_t{80}, size_t{81}, size_t{200}}) {
         const std::string command = Padded("exit 5 ", length);
         const Outcome outcome = RunProgram({"-C", "-s", daemon.socket(), "-f", command});
         EXPECT_EQ(255, outcome.exitStatus());
-        EXPECT_EQ((Lines{"TALVEK: Client Mode - [][" + command.substr(0, 80) + "]",
-                         "TALVEK: connect(, 2) failed : Invalid argument"}),
+        EXPECT_EQ(AfterOverflow(length, 80,
+                                Lines{"TALVEK: Client Mode - [][" + command.substr(0, 80) + "]",
+                                      "TALVEK: connect(, 2) failed : Invalid argument"}),
                   outcome.lines());
     }
     EXPECT_EQ(255, RunProgram({"-C", "-f", Padded("true ", 80)}).exitStatus());
     const std::string command = Padded("true ", 80);
     EXPECT_EQ(255,
               RunProgram({"-C", "-s", daemon.socket(), "-f", command, "-f", "true"}).exitStatus())
-        << "a shorter command behind it leaves the path empty";
+        << "the path stays empty after a shorter command";
 }
 
-TEST(CommandLine, PathBehindACommandOf80CharactersHoldsAgain) {
+TEST(CommandLine, APathAfterACommandOf80CharactersApplies) {
     const Daemon daemon;
     for (const size_t length : {size_t{80}, size_t{81}, size_t{200}}) {
         const std::string command = Padded("exit 6 ", length);
         const Outcome outcome = RunProgram({"-C", "-f", command, "-s", daemon.socket()});
         EXPECT_EQ(6, outcome.exitStatus());
-        EXPECT_EQ((Lines{"TALVEK: Client Mode - [" + daemon.socket() + "][" +
-                         command.substr(0, 80) + "]"}),
+        EXPECT_EQ(AfterOverflow(length, 80,
+                                Lines{"TALVEK: Client Mode - [" + daemon.socket() + "][" +
+                                      command.substr(0, 80) + "]"}),
                   outcome.lines());
     }
     EXPECT_TRUE(daemon.Logs("Command => [" + Padded("exit 6 ", 80) + "]\n"));
 }
 
-TEST(CommandLine, PathIsStoredWith128Characters) {
+TEST(CommandLine, CutsAPathTo128Characters) {
     for (const size_t length : {size_t{127}, size_t{128}, size_t{129}, size_t{500}}) {
         std::string path = "/tmp/no/";
         path.resize(length, 'p');
         const Outcome outcome = RunProgram({"-C", "-s", path});
         EXPECT_EQ(255, outcome.exitStatus());
-        EXPECT_EQ((Lines{"TALVEK: Client Mode - [" + path.substr(0, 128) + "][]",
-                         "TALVEK: connect(" + path.substr(0, 107) +
-                             ", 109) failed : No such file or directory"}),
+        EXPECT_EQ(AfterOverflow(length, 128,
+                                Lines{"TALVEK: Client Mode - [" + path.substr(0, 128) + "][]",
+                                      "TALVEK: connect(" + path.substr(0, 107) +
+                                          ", 109) failed : No such file or directory"}),
                   outcome.lines());
     }
 }
 
-TEST(CommandLine, UsesTheUsualSocket) {
+// What is cut is logged, also when a later option replaces it.
+TEST(CommandLine, LogsEachTextThatIsCut) {
+    EXPECT_EQ(AfterOverflow(81, 80, AfterOverflow(129, 128, Lines{"TALVEK: Unknown mode[0]"})),
+              RunProgram({"-f", Padded("", 81), "-s", Padded("", 129), "-f", "true"}).lines());
+    EXPECT_EQ((Lines{"TALVEK: Unknown mode[0]"}),
+              RunProgram({"-f", Padded("", 80), "-s", Padded("", 128)}).lines());
+}
+
+TEST(CommandLine, UsesTheDefaultSocket) {
     talvek::test::RunInPrivateWorld(talvek::test::kMounts, [] {
         talvek::test::ReplaceDir("/var");
         ASSERT_EQ(0, mkdir("/var/run", 0755));
@@ -216,10 +237,10 @@ TEST(CommandLine, UsesTheUsualSocket) {
     });
 }
 
-TEST(CommandLine, DaemonLeavesTheForegroundAtOnceAndLogsOn) {
-    const Daemon daemon;  // expects the result 0 of the foreground process
+TEST(CommandLine, DaemonLogsEachLineOnceFromTheBackground) {
+    const Daemon daemon;  // expects that the foreground process exits with 0
     EXPECT_EQ(0, daemon.Client("echo out; echo err >&2").exitStatus());
-    // Each line once, the listening process's and its children's.
+    // Neither the listening process nor a child prints what its parent has buffered.
     EXPECT_TRUE(daemon.Logs("err\n"));
     Lines lines = daemon.logLines();
     for (std::string &line : lines) {
@@ -248,7 +269,7 @@ TEST(CommandLine, DaemonLeavesTheForegroundAtOnceAndLogsOn) {
     EXPECT_EQ(7u, lines.size()) << daemon.log();
 }
 
-TEST(CommandLine, AFailedBindShowsInTheLogOnly) {
+TEST(CommandLine, AFailedBindIsReportedInTheLogOnly) {
     const TempDir dir;
     Daemon::Options options;
     options.dir = &dir;
@@ -261,16 +282,16 @@ TEST(CommandLine, AFailedBindShowsInTheLogOnly) {
     daemon.Stop(0);  // it ends by itself
 }
 
-// An ordinary user who may have one process.
-TEST(CommandLine, TellsThatItCannotGoIntoTheBackground) {
+// A user who may have one process.
+TEST(CommandLine, LogsThatItCannotForkIntoTheBackground) {
     if (getuid() != 0) {
-        GTEST_SKIP() << "needs root, to become a user who runs nothing else";
+        GTEST_SKIP() << "needs root, to become a user without other processes";
     }
-#ifdef __arm__
-    GTEST_SKIP() << "the emulator starts threads of its own, which count as processes";
-#endif
+    if (HasForeignThreads()) {
+        GTEST_SKIP() << "the threads of an emulator count as processes";
+    }
     const Outcome outcome = RunProgram({"-D", "-s", "/nowhere/socket"}, [] {
-        setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // that search takes a process of its own
+        setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // the leak check needs a process
         BecomeUserWith(1);
     });
     EXPECT_EQ(0, outcome.exitStatus());
@@ -289,8 +310,8 @@ TEST(CommandLine, DaemonStaysInItsDirectoryAndSession) {
     EXPECT_EQ(getsid(0), getsid(daemon.pid()));
 }
 
-// The sockets must not take the numbers of standard streams that the caller has closed.
-TEST(CommandLine, ClosedStandardStreamsAreNotTakenForSockets) {
+// A socket must not get the number of a standard stream that the caller has closed.
+TEST(CommandLine, SocketsDoNotReplaceClosedStandardStreams) {
     const TempDir dir;
     Daemon daemon;
     const auto closeAll = [] {
@@ -309,7 +330,7 @@ TEST(CommandLine, ClosedStandardStreamsAreNotTakenForSockets) {
             });
         EXPECT_EQ(4, outcome.exitStatus()) << missing;
     }
-    // A daemon whose log nobody can read: its number is found by its socket.
+    // Nobody can read the log of this daemon; a command reports its process id.
     const std::string path = dir / "quiet";
     const Outcome started = RunProgram({"-D", "-s", path}, closeAll);
     EXPECT_EQ(0, started.exitStatus());
@@ -349,7 +370,7 @@ TEST(CommandLine, NeedsNothingButTheCLibrary) {
     std::string needed;
     char line[256];
     while (fgets(line, sizeof line, pListing) != nullptr) {
-        // ARM's helpers of the loader are named by it.
+        // On ARM the loader itself is listed, for its helper functions.
         needed += std::string{line}.compare(0, 8, "ld-linux") == 0 ? "" : line;
     }
     EXPECT_EQ(0, pclose(pListing));

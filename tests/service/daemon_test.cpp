@@ -5,10 +5,12 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -27,6 +29,7 @@
 
 #include "service/handler.h"
 #include "service/support/program.h"
+#include "service/support/waits.h"
 #include "service/support/wire.h"
 #include "support/capture.h"
 #include "support/private_world.h"
@@ -34,9 +37,24 @@
 
 namespace {
 
-// What the daemon has called the handler with, in a child of this very program.
+// For a daemon in a child of this program: the calls of accept4 that fail or raise a signal, and
+// what it did. In shared memory.
+struct Script {
+    int failingAccepts = 0;
+    int acceptError = 0;
+    int signalAfterAccept = 0;
+
+    int rounds = 0;
+    int pauses = 0;
+    int pausesMs[16] = {};
+};
+Script *g_script = nullptr;
+bool g_scripted = false;  // in the daemon and its children
+
+// The handler's argument, and the number of listening sockets while it ran, in a child of the
+// daemon.
 tTalvekClient g_handled = {};
-int g_listening = -1;  // sockets that listen, meanwhile
+int g_listening = -1;
 
 int CountListening() {
     int count = 0;
@@ -51,9 +69,46 @@ int CountListening() {
 
 }  // namespace
 
-extern "C" int __wrap_TALVEK_DaemonHandler(tTalvekClient *pClient);
+#if defined(__arm__)
+#define REAL_NANOSLEEP __real___nanosleep64
+#define WRAP_NANOSLEEP __wrap___nanosleep64
+#else
+#define REAL_NANOSLEEP __real_nanosleep
+#define WRAP_NANOSLEEP __wrap_nanosleep
+#endif
 
-// Stands in for the handler: serves nothing, and the result is of no interest to the daemon.
+extern "C" {
+int __wrap_TALVEK_DaemonHandler(tTalvekClient *pClient);
+int __real_accept4(int fd, sockaddr *pPeer, socklen_t *pLength, int flags);
+int __wrap_accept4(int fd, sockaddr *pPeer, socklen_t *pLength, int flags);
+int REAL_NANOSLEEP(const timespec *pTime, timespec *pLeft);
+int WRAP_NANOSLEEP(const timespec *pTime, timespec *pLeft);
+}
+
+int __wrap_accept4(int fd, sockaddr *pPeer, socklen_t *pLength, int flags) {
+    if (g_scripted && g_script->failingAccepts > 0) {
+        --g_script->failingAccepts;
+        errno = g_script->acceptError;
+        return -1;
+    }
+    const int client = __real_accept4(fd, pPeer, pLength, flags);
+    if (g_scripted && g_script->signalAfterAccept != 0) {
+        raise(g_script->signalAfterAccept);
+    }
+    return client;
+}
+
+int WRAP_NANOSLEEP(const timespec *pTime, timespec *pLeft) {
+    if (!g_scripted) {
+        return REAL_NANOSLEEP(pTime, pLeft);
+    }
+    const auto at = static_cast<size_t>(g_script->pauses++);
+    g_script->pausesMs[at % 16] =
+        static_cast<int>(pTime->tv_sec * 1000 + pTime->tv_nsec / 1'000'000);
+    return 0;
+}
+
+// Replaces the handler and serves nothing. The daemon does not use the result.
 int __wrap_TALVEK_DaemonHandler(tTalvekClient *pClient) {
     g_handled = *pClient;
     g_listening = CountListening();
@@ -64,6 +119,7 @@ namespace {
 
 using namespace std::string_literals;
 using namespace talvek::test;
+using Lines = std::vector<std::string>;
 
 bool Exists(const std::string &path) {
     struct stat st;
@@ -83,34 +139,12 @@ size_t CountIn(const std::string &text, const std::string &part) {
     return count;
 }
 
-// Processor time that a process has used, in clock ticks.
-long Ticks(pid_t pid) {
-    std::ifstream in{"/proc/" + std::to_string(pid) + "/stat"};
-    std::string text;
-    std::getline(in, text);
-    std::istringstream fields{text.substr(text.rfind(')') + 2)};
-    std::string skipped;
-    for (int i = 0; i < 11; ++i) {
-        fields >> skipped;
-    }
-    long user = 0;
-    long system = 0;
-    fields >> user >> system;
-    return user + system;
-}
-
-bool IsStopped(pid_t pid) {
-    const std::string text = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-    const size_t name = text.rfind(')');  // may hold anything; the state stands behind it
-    return name != std::string::npos && text.compare(name, 3, ") T") == 0;
-}
-
-// A command that waits for a file to appear, and not for ever.
+// A command that waits for a file, at most 10 seconds.
 std::string Until(const std::string &path) {
     return "for i in $(seq 1000); do test -e " + path + " && break; sleep 0.01; done; ";
 }
 
-// Runs a command that may be longer than the program's own limit; its status.
+// Runs a command, which may be longer than the program's limit, and returns its status.
 int32_t Ask(const Daemon &daemon, const std::string &command) {
     const int fd = ConnectTo(daemon.socket());
     EXPECT_TRUE(Put(fd, CommandPkg(command)));
@@ -143,7 +177,7 @@ TEST(DaemonTest, ServesClientsSideBySide) {
     ASSERT_TRUE(Put(slow, CommandPkg(Until(go))));
     const int silent = ConnectTo(daemon.socket());
     EXPECT_EQ(5, daemon.Client("exit 5").exitStatus());
-    EXPECT_TRUE(Quiet(slow, 0)) << "still at its command";
+    EXPECT_TRUE(Quiet(slow)) << "still at its command";
     WriteFile(go, "");
     EXPECT_EQ(Hex(ResultPkg(0, 0, 1)), Hex(Take(slow, 20)));
     EXPECT_TRUE(Eventually([&] { return daemon.Children().size() == 2; }));
@@ -152,17 +186,8 @@ TEST(DaemonTest, ServesClientsSideBySide) {
     EXPECT_TRUE(Eventually([&] { return daemon.Children().empty(); })) << "and no zombie";
 }
 
-// The listening process wakes every five seconds and has nothing to tell then.
-TEST(DaemonTest, IsSilentWhileNobodyComes) {
-    const Daemon daemon;
-    const std::string log = daemon.log();
-    usleep(5300 * 1000);
-    EXPECT_EQ(log, daemon.log());
-    EXPECT_EQ(4, daemon.Client("exit 4").exitStatus());
-}
-
-// Every child begins where the daemon stands: session 0, sequence 0, the daemon's environment.
-TEST(DaemonTest, ClientsDoNotSeeEachOther) {
+// Every child starts with session 0, sequence number 0 and the daemon's environment.
+TEST(DaemonTest, ClientsDoNotAffectEachOther) {
     const Daemon daemon;
     for (int i = 0; i < 3; ++i) {
         const int fd = ConnectTo(daemon.socket());
@@ -174,14 +199,14 @@ TEST(DaemonTest, ClientsDoNotSeeEachOther) {
     }
 }
 
-// A child of the daemon comes back to the caller once its handler has returned.
+// What a child of the daemon reports after TALVEK_Daemon has returned in it.
 struct Returned {
     int result;
     pid_t parent;
     tTalvekClient client;
     bool connected;  // the client's descriptor is open
     int listening;   // sockets that listened while the handler ran
-    long drawn;      // from the random generator
+    long drawn;      // the next random number
 };
 
 TEST(DaemonTest, ReturnsMinusOneInEachChildAfterItsHandler) {
@@ -202,8 +227,8 @@ TEST(DaemonTest, ReturnsMinusOneInEachChildAfterItsHandler) {
             returned.connected = fcntl(g_handled.fd, F_GETFD) != -1;
             returned.listening = g_listening;
             returned.drawn = random();
-            const bool told = write(ends[1], &returned, sizeof returned) == sizeof returned;
-            _exit(told ? 0 : 1);
+            const bool sent = write(ends[1], &returned, sizeof returned) == sizeof returned;
+            _exit(sent ? 0 : 1);
         }
         for (int number = 1; number <= 3; ++number) {
             int fd = -1;
@@ -220,7 +245,7 @@ TEST(DaemonTest, ReturnsMinusOneInEachChildAfterItsHandler) {
             EXPECT_EQ(0, returned.client.sn);
             EXPECT_TRUE(returned.connected);
             EXPECT_EQ(0, returned.listening);
-            // The generator stands where a seed of the time of the start puts it.
+            // The generator was seeded with the time of the start.
             bool seeded = false;
             for (time_t seed = before; seed <= time(nullptr); ++seed) {
                 srandom(static_cast<unsigned>(seed));
@@ -236,12 +261,12 @@ TEST(DaemonTest, ReturnsMinusOneInEachChildAfterItsHandler) {
     close(ends[1]);
 }
 
-// Where a stopped daemon accepts nobody, Linux queues one client more than the backlog of 1
-// (net/unix/af_unix.c: unix_recvq_full), and tells the next one to try again.
+// While the daemon accepts nobody, Linux queues one client more than the backlog of 1
+// (net/unix/af_unix.c: unix_recvq_full); the next one gets EAGAIN.
 TEST(DaemonTest, QueuesTwoClientsWhileItIsBusy) {
     const Daemon daemon;
     ASSERT_EQ(0, kill(daemon.pid(), SIGSTOP));
-    ASSERT_TRUE(Eventually([&] { return IsStopped(daemon.pid()); }));
+    ASSERT_TRUE(Eventually([&] { return StateOf(daemon.pid()) == 'T'; }));
     const sockaddr_un address = AddressOf(daemon.socket());
     std::vector<int> clients;
     for (const int expected : {0, 0, EAGAIN}) {
@@ -270,7 +295,7 @@ TEST(DaemonTest, SocketFollowsTheUmask) {
     EXPECT_EQ(0750u, st.st_mode & 07777);
 }
 
-TEST(DaemonTest, RemovesWhatThePathNames) {
+TEST(DaemonTest, RemovesTheFileAtItsPath) {
     const TempDir dir;
     Daemon::Options options;
     options.dir = &dir;
@@ -293,8 +318,8 @@ TEST(DaemonTest, RemovesWhatThePathNames) {
     }
 }
 
-// The link's target goes, the link stays, and nothing can be bound at a link.
-TEST(DaemonTest, FollowsOneLinkToWhatItRemoves) {
+// The target of a link is removed, the link stays, and a socket cannot be bound to it.
+TEST(DaemonTest, FollowsALinkToTheFileThatItRemoves) {
     const TempDir dir;
     WriteFile(dir / "target", "");
     ASSERT_EQ(0, symlink((dir / "target").c_str(), (dir / "socket").c_str()));
@@ -308,7 +333,7 @@ TEST(DaemonTest, FollowsOneLinkToWhatItRemoves) {
     EXPECT_TRUE(Exists(dir / "socket"));
 }
 
-TEST(DaemonTest, AFailedBindLeavesWhatIsThere) {
+TEST(DaemonTest, AFailedBindRemovesNothing) {
     const TempDir dir;
     ASSERT_EQ(0, mkdir((dir / "socket").c_str(), 0755));
     Daemon::Options options;
@@ -330,7 +355,7 @@ TEST(DaemonTest, CutsAPathTo107Characters) {
         options.dir = &dir;
         options.socket = path;
         options.waitForSocket = false;
-        for (int start = 0; start < 2; ++start) {  // the second meets what the first has left
+        for (int start = 0; start < 2; ++start) {  // the second finds the socket of the first
             const Daemon daemon{options};
             EXPECT_TRUE(Eventually([&] {
                 const int fd = ConnectTo(cut);
@@ -352,7 +377,7 @@ TEST(DaemonTest, CutsAPathTo107Characters) {
     EXPECT_TRUE(daemon.Logs("bind(" + path.substr(0, 107) + ", 109) failed"));
 }
 
-// The kernel would choose an address that no client can know.
+// The kernel would choose an address that no client knows.
 TEST(DaemonTest, RefusesAnEmptyPath) {
     Daemon::Options options;
     options.socket = "";
@@ -367,7 +392,7 @@ TEST(DaemonTest, CommandsInheritNoDescriptorOfTheService) {
     const int other = ConnectTo(daemon.socket());  // a second handler's
     const std::string path = daemon.dir() / "fds";
     EXPECT_EQ(0, Ask(daemon, "ls /proc/self/fd >" + path));
-    EXPECT_EQ("0\n1\n2\n3\n", ReadFile(path)) << "3 is the listing's own";
+    EXPECT_EQ("0\n1\n2\n3\n", ReadFile(path)) << "3 is that of ls itself";
     close(other);
 }
 
@@ -402,7 +427,7 @@ TEST(DaemonTest, AClientWhoseHandlerIsKilledEndsWithOne) {
     const int status = WaitFor(client);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(1, WEXITSTATUS(status));
-    // The command has no parent that would end it.
+    // Nothing else ends the command.
     kill(command, SIGKILL);
     EXPECT_TRUE(Eventually([&] { return Gone(command); }));
     waitpid(command, nullptr, 0);
@@ -424,13 +449,38 @@ TEST(DaemonTest, ServesAgainAfterItWasKilled) {
     EXPECT_EQ(2, second.Client("exit 2").exitStatus());
 }
 
+// ---- Signals ----
+
+void BlockAllSignals() {
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, nullptr);
+}
+
+// Signals that the daemon's starter has blocked.
+TEST(DaemonTest, HandlersAndCommandsStartWithAnEmptySignalMask) {
+    Daemon::Options options;
+    options.prepare = BlockAllSignals;
+    const Daemon daemon{options};
+    const int fd = ConnectTo(daemon.socket());
+    ASSERT_TRUE(Put(fd, RegisterPkg()));
+    Take(fd, 16);
+    const std::vector<pid_t> handlers = daemon.Children();
+    ASSERT_EQ(1u, handlers.size());
+    EXPECT_EQ(0u, SignalMask("/proc/" + std::to_string(handlers[0]) + "/status", "SigBlk:"));
+    const std::string status = daemon.dir() / "status";
+    ASSERT_TRUE(Put(fd, CommandPkg("exec cat /proc/self/status >" + status)));
+    EXPECT_EQ(0u, U32(Take(fd, 20), 16));
+    EXPECT_EQ(0u, SignalMask(status, "SigBlk:"));
+    close(fd);
+}
+
 class StoppingSignal : public ::testing::TestWithParam<int> {};
 
-INSTANTIATE_TEST_SUITE_P(Each, StoppingSignal, ::testing::Values(SIGTERM, SIGINT),
-                         [](const auto &param) {
-                             return param.param == SIGTERM ? std::string{"Term"}
-                                                           : std::string{"Int"};
-                         });
+const auto kSignalName = [](const ::testing::TestParamInfo<int> &param) {
+    return std::string{param.param == SIGTERM ? "Term" : "Int"};
+};
+INSTANTIATE_TEST_SUITE_P(Each, StoppingSignal, ::testing::Values(SIGTERM, SIGINT), kSignalName);
 
 TEST_P(StoppingSignal, RemovesTheSocketAndEndsByTheSignal) {
     Daemon daemon;
@@ -441,7 +491,7 @@ TEST_P(StoppingSignal, RemovesTheSocketAndEndsByTheSignal) {
     EXPECT_FALSE(Exists(path));
 }
 
-TEST_P(StoppingSignal, EndsADaemonThatWasStartedWithItIgnored) {
+TEST_P(StoppingSignal, EndsADaemonWhoseStarterIgnoredIt) {
     Daemon::Options options;
     options.prepare = [] {
         signal(SIGTERM, SIG_IGN);
@@ -451,26 +501,16 @@ TEST_P(StoppingSignal, EndsADaemonThatWasStartedWithItIgnored) {
     const std::string path = daemon.dir() / "status";
     EXPECT_EQ(0, Ask(daemon, "cat /proc/self/status >" + path));
     const uint64_t bits = SignalBits({SIGTERM, SIGINT, SIGPIPE, SIGCHLD});
-    EXPECT_EQ(0u, SignalMask(path, "SigIgn:") & bits) << "commands find them at their defaults";
-    EXPECT_EQ(0u, SignalMask(path, "SigBlk:") & bits);
+    EXPECT_EQ(0u, SignalMask(path, "SigIgn:") & bits)
+        << "commands start with their default actions";
     EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
     EXPECT_FALSE(Exists(daemon.socket()));
 }
 
-TEST_P(StoppingSignal, EndsADaemonThatWasStartedWithItBlocked) {
+TEST_P(StoppingSignal, EndsADaemonWhoseStarterBlockedIt) {
     Daemon::Options options;
-    options.prepare = [] {
-        sigset_t both;
-        sigemptyset(&both);
-        sigaddset(&both, SIGTERM);
-        sigaddset(&both, SIGINT);
-        sigprocmask(SIG_BLOCK, &both, nullptr);
-    };
+    options.prepare = BlockAllSignals;
     Daemon daemon{options};
-    const std::string path = daemon.dir() / "status";
-    EXPECT_EQ(0, Ask(daemon, "cat /proc/self/status >" + path));
-    EXPECT_EQ(0u, SignalMask(path, "SigBlk:") & SignalBits({SIGTERM, SIGINT}))
-        << "commands can be ended";
 
     const int fd = ConnectTo(daemon.socket());
     ASSERT_TRUE(Put(fd, RegisterPkg()));
@@ -478,7 +518,7 @@ TEST_P(StoppingSignal, EndsADaemonThatWasStartedWithItBlocked) {
     for (const pid_t child : daemon.Children()) {
         kill(child, GetParam());
     }
-    EXPECT_TRUE(AtEnd(fd)) << "and so can handlers";
+    EXPECT_TRUE(AtEnd(fd)) << "it ends handlers too";
     close(fd);
 
     EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
@@ -494,7 +534,7 @@ TEST_P(StoppingSignal, LeavesASocketThatIsNotItsOwn) {
     close(other);
 }
 
-TEST_P(StoppingSignal, DoesNotMindASocketThatHasGone) {
+TEST_P(StoppingSignal, EndsADaemonWhoseSocketWasRemoved) {
     Daemon daemon;
     unlink(daemon.socket().c_str());
     EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
@@ -510,16 +550,17 @@ TEST_P(StoppingSignal, LetsRunningCommandsFinish) {
     const std::vector<pid_t> handlers = daemon.Children();
     ASSERT_EQ(1u, handlers.size());
     EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
-    EXPECT_TRUE(Quiet(fd, 0));
+    EXPECT_TRUE(Quiet(fd));
     WriteFile(go, "");
     EXPECT_EQ(Hex(ResultPkg(44, 0, 1)), Hex(Take(fd, 20)));
     close(fd);
-    EXPECT_TRUE(Eventually([&] { return Gone(handlers[0]); })) << "it ends with its client";
+    EXPECT_TRUE(Eventually([&] { return Gone(handlers[0]); }))
+        << "the handler ends with its client";
     waitpid(handlers[0], nullptr, 0);
 }
 
-// While there is always a client waiting, a wait never lets a signal in.
-TEST_P(StoppingSignal, ComesThroughUnderSteadyLoad) {
+// While a client is always waiting, the daemon never sleeps.
+TEST_P(StoppingSignal, EndsADaemonUnderSteadyLoad) {
     Daemon daemon;
     std::atomic<bool> stop{false};
     std::vector<std::thread> callers;
@@ -540,7 +581,26 @@ TEST_P(StoppingSignal, ComesThroughUnderSteadyLoad) {
     EXPECT_FALSE(Exists(daemon.socket()));
 }
 
-TEST(DaemonTest, HandlersEndByTheirSignals) {
+TEST_P(StoppingSignal, EndsADaemonWhoseLogIsStalled) {
+    Daemon::Options options;
+    options.logToPipe = true;
+    Daemon daemon{options};
+    daemon.StallLog();
+    const int fd = ConnectTo(daemon.socket());
+    ASSERT_TRUE(Put(fd, CommandPkg("exit 6")));
+    EXPECT_TRUE(
+        Eventually([&] { return daemon.Children().size() == 1 && StateOf(daemon.pid()) == 'S'; }));
+    EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
+    EXPECT_FALSE(Exists(daemon.socket()));
+    EXPECT_TRUE(Eventually([&] {
+        daemon.DrainLog();
+        return !Quiet(fd);
+    })) << "the client is served all the same";
+    EXPECT_EQ(6u, U32(Take(fd, 20), 16));
+    close(fd);
+}
+
+TEST(DaemonTest, SignalsEndAHandlerAlone) {
     const Daemon daemon;
     for (const int signal : {SIGTERM, SIGINT}) {
         const int fd = ConnectTo(daemon.socket());
@@ -552,11 +612,11 @@ TEST(DaemonTest, HandlersEndByTheirSignals) {
         EXPECT_TRUE(AtEnd(fd));
         close(fd);
     }
-    EXPECT_TRUE(IsSocket(daemon.socket())) << "a handler does not remove it";
+    EXPECT_TRUE(IsSocket(daemon.socket())) << "only the listening process removes it";
     EXPECT_EQ(0, daemon.Client("true").exitStatus());
 }
 
-TEST(DaemonTest, OutlivesTheReaderOfItsLog) {
+TEST(DaemonTest, ServesAfterTheReaderOfItsLogHasClosed) {
     Daemon::Options options;
     options.logToPipe = true;
     Daemon daemon{options};
@@ -564,12 +624,43 @@ TEST(DaemonTest, OutlivesTheReaderOfItsLog) {
     for (int i = 1; i < 4; ++i) {
         EXPECT_EQ(i, daemon.Client("exit " + std::to_string(i)).exitStatus());
     }
-    EXPECT_EQ(255, daemon.Client("kill -PIPE $$").exitStatus()) << "commands do not ignore it";
+    EXPECT_EQ(255, daemon.Client("kill -PIPE $$").exitStatus()) << "commands do not ignore SIGPIPE";
     EXPECT_TRUE(EndedBy(daemon.Stop(SIGTERM), SIGTERM));
 }
 
-// Without a free descriptor the client waits in the queue; the daemon says so once and rests.
-TEST(DaemonTest, WaitsForRoomWhenDescriptorsRunOut) {
+// The daemon blocks in the log line about the fork. Neither the end of the handler nor that of the
+// daemon may depend on the reader.
+TEST(DaemonTest, AHandlerEndsWhileTheLogIsStalled) {
+    Daemon::Options options;
+    options.logToPipe = true;
+    Daemon daemon{options};
+    daemon.StallLog();
+    const int fd = ConnectTo(daemon.socket());
+    ASSERT_TRUE(Put(fd, RegisterPkg()));
+    EXPECT_EQ(Hex(RegisterPkg()), Hex(Take(fd, 16)));
+    EXPECT_TRUE(Eventually([&] { return StateOf(daemon.pid()) == 'S'; }));
+    ASSERT_TRUE(Put(fd, CommandPkg("true")));
+    ASSERT_TRUE(HasRead(fd));
+    const std::vector<pid_t> handlers = daemon.Children();
+    ASSERT_EQ(1u, handlers.size());
+    EXPECT_TRUE(Eventually([&] { return StateOf(handlers[0]) == 'S'; })) << "logs the command";
+    kill(handlers[0], SIGTERM);
+    EXPECT_TRUE(AtEnd(fd));
+    close(fd);
+
+    // The daemon goes on when its log is read again.
+    const int next = ConnectTo(daemon.socket());
+    ASSERT_TRUE(Put(next, CommandPkg("exit 9")));
+    EXPECT_TRUE(Eventually([&] {
+        daemon.DrainLog();
+        return !Quiet(next);
+    }));
+    EXPECT_EQ(9u, U32(Take(next, 20), 16));
+    close(next);
+}
+
+// Without a free descriptor the client waits in the queue, and the failure is logged once.
+TEST(DaemonTest, ServesWaitingClientsWhenADescriptorIsFreeAgain) {
     Daemon daemon;
     rlimit before;
     ASSERT_EQ(0, prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &before));
@@ -580,16 +671,14 @@ TEST(DaemonTest, WaitsForRoomWhenDescriptorsRunOut) {
     ASSERT_TRUE(Put(fd, CommandPkg("exit 8")));
     EXPECT_TRUE(daemon.Logs("TALVEK,"));
     EXPECT_TRUE(daemon.Logs("[" + daemon.socket() + "] : accept() failed : Too many open files\n"));
-    const long ticks = Ticks(daemon.pid());
-    EXPECT_TRUE(Quiet(fd, 500));
-    EXPECT_GE(5, Ticks(daemon.pid()) - ticks) << "of 50 in that time";
-    EXPECT_EQ(1u, CountIn(daemon.log(), "accept() failed"));
+    EXPECT_TRUE(Quiet(fd));
 
     ASSERT_EQ(0, prlimit(daemon.pid(), RLIMIT_NOFILE, &before, nullptr));
-    EXPECT_EQ(8u, U32(Take(fd, 20), 16)) << "served as soon as there is room";
+    EXPECT_EQ(8u, U32(Take(fd, 20), 16));
+    EXPECT_EQ(1u, CountIn(daemon.log(), "accept() failed"));
     close(fd);
 
-    // The next time is told again, and a signal ends the rest.
+    // After a success the next failure is logged at once. A signal ends the pause.
     ASSERT_EQ(0, prlimit(daemon.pid(), RLIMIT_NOFILE, &full, nullptr));
     const int next = ConnectTo(daemon.socket());
     EXPECT_TRUE(Eventually([&] { return CountIn(daemon.log(), "accept() failed") == 2; }));
@@ -598,9 +687,8 @@ TEST(DaemonTest, WaitsForRoomWhenDescriptorsRunOut) {
     close(next);
 }
 
-// A starter that leaves more descriptors open than select has bits for: listener, handler and
-// client have their sockets beyond them.
-TEST(DaemonTest, ServesBehindAThousandOpenDescriptors) {
+// A starter that leaves more than FD_SETSIZE descriptors open, for which select has no bits.
+TEST(DaemonTest, ServesWithSocketsAboveFdSetsize) {
     constexpr int kMany = FD_SETSIZE + 16;
     rlimit limit;
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
@@ -618,9 +706,6 @@ TEST(DaemonTest, ServesBehindAThousandOpenDescriptors) {
     options.prepare = openMany;
     Daemon daemon{options};
     EXPECT_LT(kMany, daemon.Descriptors());
-    const long ticks = Ticks(daemon.pid());
-    usleep(300 * 1000);
-    EXPECT_GE(5, Ticks(daemon.pid()) - ticks) << "of 30 in that time";
     const Outcome client = RunProgram({"-C", "-f", "exit 24", "-s", daemon.socket()}, openMany);
     EXPECT_EQ(24, client.exitStatus()) << client.output;
     EXPECT_EQ(0u, CountIn(daemon.log(), "select("));
@@ -628,14 +713,14 @@ TEST(DaemonTest, ServesBehindAThousandOpenDescriptors) {
     EXPECT_FALSE(Exists(daemon.socket()));
 }
 
-// A daemon of an ordinary user who may have three processes: itself and two handlers.
-TEST(DaemonTest, AFailedForkClosesTheConnectionAlone) {
+// The daemon of a user who may have three processes: the daemon and two handlers.
+TEST(DaemonTest, AFailedForkClosesThatConnectionOnly) {
     if (getuid() != 0) {
-        GTEST_SKIP() << "needs root, to become a user who runs nothing else";
+        GTEST_SKIP() << "needs root, to become a user without other processes";
     }
-#ifdef __arm__
-    GTEST_SKIP() << "the emulator starts threads of its own, which count as processes";
-#endif
+    if (HasForeignThreads()) {
+        GTEST_SKIP() << "the threads of an emulator count as processes";
+    }
     const TempDir dir;
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
     Daemon::Options options;
@@ -653,6 +738,166 @@ TEST(DaemonTest, AFailedForkClosesTheConnectionAlone) {
     close(third);
     ASSERT_TRUE(Eventually([&] { return daemon.Children().empty(); }));
     EXPECT_EQ(9, daemon.Client("exit 9").exitStatus());
+}
+
+// ---- A daemon in a child of this program ----
+
+// Its handlers are replaced, and the script in shared memory says what its system calls do.
+class ScriptedDaemon : public ::testing::TestWithParam<int> {
+  protected:
+    ScriptedDaemon() {
+        void *pShared = mmap(nullptr, sizeof(Script), PROT_READ | PROT_WRITE,
+                             MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        g_script = new (pShared) Script{};
+        EXPECT_EQ(0, pipe2(log_, O_CLOEXEC));
+        EXPECT_EQ(0, pipe2(served_, O_CLOEXEC));
+    }
+    ~ScriptedDaemon() override {
+        munmap(std::exchange(g_script, nullptr), sizeof(Script));
+        for (const int fd : {log_[0], log_[1], served_[0], served_[1]}) {
+            close(fd);
+        }
+    }
+
+    // The starter has blocked all signals.
+    void Start(const std::function<void()> &prepare = {}) {
+        fflush(nullptr);
+        pid_ = fork();
+        if (pid_ == 0) {
+            g_scripted = true;
+            alarm(60);
+            dup2(log_[1], STDOUT_FILENO);
+            signal(SIGCHLD, SIG_IGN);
+            BlockAllSignals();
+            if (prepare) {
+                prepare();
+            }
+            TALVEK_Daemon(path().c_str());
+            // In a child, after its handler.
+            for (const Waits::Wait &wait : Waits::TimedOut()) {
+                g_script->rounds += wait == Waits::Wait{POLLIN, 5000};
+            }
+            const char served = 's';
+            _exit(write(served_[1], &served, 1) == 1 ? 0 : 1);
+        }
+    }
+    void Connect() {
+        EXPECT_TRUE(Eventually([&] {
+            const int fd = ConnectTo(path());
+            close(fd);  // the handler serves nothing
+            return fd >= 0;
+        }));
+    }
+    bool HasServed() { return Take(served_[0], 1) == "s"; }
+    bool Sleeps() {
+        return Eventually([&] { return StateOf(pid_) == 'S'; });
+    }
+    // The rest of the log; only after the daemon has ended.
+    std::string Log() { return Take(log_[0], 64 * 1024); }
+    // Reads the log up to a text.
+    bool ReadLogTo(const std::string &text) {
+        std::string log;
+        while (log.find(text) == std::string::npos) {
+            const std::string next = Take(log_[0], 1);
+            if (next.empty()) {
+                return false;
+            }
+            log += next;
+        }
+        return true;
+    }
+    ::testing::AssertionResult EndsBy(int signal) {
+        kill(pid_, signal);
+        const ::testing::AssertionResult ended = EndedBy(WaitFor(pid_), signal);
+        close(std::exchange(log_[1], -1));
+        return ended;
+    }
+    [[nodiscard]] std::string path() const { return dir_ / "socket"; }
+
+    TempDir dir_;
+    int log_[2] = {-1, -1};
+    int served_[2] = {-1, -1};
+    pid_t pid_ = -1;
+};
+
+TEST_F(ScriptedDaemon, WaitsInRoundsOfFiveSecondsAndDoesNotLogThem) {
+    Start([] { Waits::TimeOut(3); });
+    Connect();
+    EXPECT_TRUE(HasServed());
+    EXPECT_EQ(3, g_script->rounds);
+    EXPECT_TRUE(EndsBy(SIGTERM));
+    EXPECT_EQ(std::string::npos, Log().find("select("));
+}
+
+TEST_F(ScriptedDaemon, DoublesItsPauseWhileThereIsNoRoomForAClient) {
+    g_script->failingAccepts = 8;
+    g_script->acceptError = EMFILE;
+    Start();
+    Connect();
+    EXPECT_TRUE(HasServed());
+    EXPECT_EQ(8, g_script->pauses);
+    const int expected[] = {10, 20, 40, 80, 160, 320, 640, 1000};
+    for (size_t i = 0; i < 8; ++i) {
+        EXPECT_EQ(expected[i], g_script->pausesMs[i]);
+    }
+    EXPECT_TRUE(EndsBy(SIGTERM));
+    EXPECT_EQ(1u, CountIn(Log(), "accept() failed : Too many open files"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, ScriptedDaemon, ::testing::Values(SIGTERM, SIGINT), kSignalName);
+
+// The signal arrives between accept and fork.
+TEST_P(ScriptedDaemon, ServesAClientThatItHasAcceptedBeforeASignalEndsIt) {
+    g_script->signalAfterAccept = GetParam();
+    Start();
+    Connect();
+    EXPECT_TRUE(HasServed());
+    EXPECT_TRUE(EndedBy(WaitFor(pid_), GetParam()));
+    EXPECT_FALSE(Exists(path()));
+}
+
+// The next tests stop the reader of the log. A signal must end the daemon wherever it then blocks.
+
+TEST_P(ScriptedDaemon, EndsWhileItLogsThatThereIsNoOldSocket) {
+    FillPipe(log_[1]);
+    Start();
+    EXPECT_TRUE(Sleeps());
+    EXPECT_TRUE(EndsBy(GetParam()));
+    EXPECT_FALSE(Exists(path()));
+}
+
+TEST_P(ScriptedDaemon, EndsWhileItLogsAFork) {
+    Start();
+    Connect();
+    EXPECT_TRUE(HasServed());
+    EXPECT_TRUE(ReadLogTo("fork() to handle client()\n"));
+    FillPipe(log_[1]);
+    Connect();
+    EXPECT_TRUE(HasServed());
+    EXPECT_TRUE(Sleeps());
+    EXPECT_TRUE(EndsBy(GetParam()));
+    EXPECT_FALSE(Exists(path()));
+}
+
+// The log fills up with messages of the failing call.
+TEST_P(ScriptedDaemon, EndsWhileItLogsAFailedWait) {
+    Start([] { Waits::Fail(EINVAL); });
+    EXPECT_TRUE(Sleeps());
+    EXPECT_TRUE(EndsBy(GetParam()));
+    EXPECT_FALSE(Exists(path()));
+    EXPECT_LT(100u, CountIn(Log(), "error : Invalid argument\n"));
+}
+
+TEST_P(ScriptedDaemon, EndsWhileItLogsAFailedAccept) {
+    g_script->failingAccepts = 1'000'000;
+    g_script->acceptError = EPROTO;
+    Start();
+    Connect();
+    EXPECT_TRUE(Eventually([&] { return g_script->failingAccepts < 1'000'000; }));
+    EXPECT_TRUE(Sleeps());
+    EXPECT_TRUE(EndsBy(GetParam()));
+    EXPECT_FALSE(Exists(path()));
+    EXPECT_LT(100u, CountIn(Log(), "accept() failed : Protocol error\n"));
 }
 
 }  // namespace

@@ -1,13 +1,12 @@
 #include "service/handler.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,16 +19,19 @@
 
 #include "service/internal/session_table.h"
 #include "service/support/program.h"
+#include "service/support/waits.h"
 #include "service/support/wire.h"
 #include "support/capture.h"
+#include "support/private_world.h"
 #include "support/temp_dir.h"
 
 namespace {
 
 using namespace std::string_literals;
 using namespace talvek::test;
+using Lines = std::vector<std::string>;
 
-// What a handler in a process of its own left behind.
+// The outcome of a handler in a process of its own.
 struct Served {
     int wait = -1;
     int result = -99;
@@ -39,7 +41,7 @@ struct Served {
     [[nodiscard]] Lines lines() const { return LogLines(output); }
 };
 
-// Runs a handler in a forked child, as the daemon does, and the peer's part here. The peer's end is
+// Runs a handler in a forked child, as the daemon does, and its client here. The client's end is
 // closed when `peer` returns.
 Served Serve(const std::function<void(int fd)> &peer,
              const std::function<void(tTalvekClient &)> &prepare = {}) {
@@ -82,7 +84,7 @@ Served Serve(const std::function<void(int fd)> &peer,
     return served;
 }
 
-// Sends a command and takes the status from the reply.
+// Sends a command and returns the status in the reply.
 int32_t Ask(int fd, const std::string &command) {
     EXPECT_TRUE(Put(fd, CommandPkg(command)));
     const std::string reply = Take(fd, 20);
@@ -111,7 +113,7 @@ TEST(Handler, FirstResultCarriesSequenceTwo) {
         ASSERT_TRUE(Put(fd, CommandPkg("exit 7")));
         EXPECT_EQ("01 11 00 00 00 00 00 00 02 00 05 00 14 00 12 11 07 00 00 00 ",
                   Hex(Take(fd, 20)));
-        EXPECT_TRUE(Quiet(fd, 20)) << "the connection stays open";
+        EXPECT_TRUE(Quiet(fd)) << "the connection stays open";
     });
     EXPECT_EQ((Lines{"TALVEK:TALVEK_DaemonHandler(): Command => [exit 7]"}), served.lines());
     EXPECT_EQ(0, served.result);
@@ -222,12 +224,13 @@ TEST(Handler, EnvironmentAccumulates) {
         [](tTalvekClient &) { setenv("C", "daemon", 1); });
 }
 
-TEST(Handler, TakesAPackageByteByByte) {
+TEST(Handler, ReceivesAPackageByteByByte) {
     Serve([](int fd) {
         for (const std::string &bytes :
              {RegisterPkg("A=slow\0"s), CommandPkg("test $A = slow && exit 9")}) {
             for (const char byte : bytes) {
                 ASSERT_TRUE(Put(fd, {byte}));
+                ASSERT_TRUE(HasRead(fd));
             }
             if (U16(bytes, 10) == 1) {
                 EXPECT_EQ(bytes.size(), Take(fd, bytes.size()).size());
@@ -242,14 +245,15 @@ TEST(Handler, WaitsForTheRestOfAPackage) {
         const std::string bytes = CommandPkg("exit 6");
         for (const size_t cut : {size_t{1}, size_t{15}, size_t{16}, size_t{17}, bytes.size() - 1}) {
             ASSERT_TRUE(Put(fd, bytes.substr(0, cut)));
-            EXPECT_TRUE(Quiet(fd, 10));
+            ASSERT_TRUE(HasRead(fd));
+            EXPECT_TRUE(Quiet(fd));
             ASSERT_TRUE(Put(fd, bytes.substr(cut)));
             EXPECT_EQ(6u, U32(Take(fd, 20), 16));
         }
     });
 }
 
-// Each bad header is dumped and counts as type 0; the connection goes on.
+// A bad header is dumped and reported as type 0; the connection stays open.
 TEST(Handler, ServesAfterEachKindOfBadHeader) {
     std::vector<Pkg> bad(7);
     for (Pkg &pkg : bad) {
@@ -268,7 +272,7 @@ TEST(Handler, ServesAfterEachKindOfBadHeader) {
     const Served served = Serve([&](int fd) {
         for (const Pkg &pkg : bad) {
             ASSERT_TRUE(Put(fd, pkg.Bytes()));
-            EXPECT_TRUE(Quiet(fd, 10));
+            ASSERT_TRUE(HasRead(fd));
             EXPECT_EQ(0, Ask(fd, "true"));
         }
     });
@@ -286,7 +290,7 @@ TEST(Handler, DropsPackagesOfOtherTypes) {
             pkg.type = static_cast<uint16_t>(type);
             pkg.payload = "payload";
             ASSERT_TRUE(Put(fd, pkg.Bytes()));
-            EXPECT_TRUE(Quiet(fd, 10));
+            ASSERT_TRUE(HasRead(fd));
         }
         EXPECT_EQ(0, Ask(fd, "true"));
     });
@@ -312,19 +316,17 @@ TEST(Handler, ServesAFragmentAsAPackage) {
     });
 }
 
-// What arrives in one read with a package is dropped with it, whatever became of the package.
-TEST(Handler, DropsWhatWasReceivedBehindAPackage) {
+// The bytes that one read brings after a package are dropped with it, whether it was served or not.
+TEST(Handler, DropsBytesReceivedAfterAPackage) {
     const Served served = Serve([](int fd) {
         ASSERT_TRUE(Put(fd, RegisterPkg() + CommandPkg("exit 1")));
         EXPECT_EQ(16u, Take(fd, 16).size());
-        EXPECT_TRUE(Quiet(fd, 30));
         ASSERT_TRUE(Put(fd, CommandPkg("exit 2") + CommandPkg("exit 3")));
         EXPECT_EQ(2u, U32(Take(fd, 20), 16));
-        EXPECT_TRUE(Quiet(fd, 30));
         Pkg unknown;
         unknown.type = 3;
         ASSERT_TRUE(Put(fd, unknown.Bytes() + CommandPkg("exit 4")));
-        EXPECT_TRUE(Quiet(fd, 30));
+        ASSERT_TRUE(HasRead(fd));
         EXPECT_EQ(5, Ask(fd, "exit 5"));
     });
     EXPECT_EQ((Lines{"TALVEK:TALVEK_DaemonHandler(): Command => [exit 2]",
@@ -333,9 +335,9 @@ TEST(Handler, DropsWhatWasReceivedBehindAPackage) {
               served.lines());
 }
 
-TEST(Handler, CommandWithoutNulEndsWithItsPackage) {
+TEST(Handler, ACommandWithoutNulEndsWithItsPackage) {
     const Served served = Serve([](int fd) {
-        // What an earlier, longer package left in the buffer is no part of it.
+        // An earlier, longer package has left bytes in the buffer.
         ASSERT_TRUE(Put(fd, RegisterPkg("A="s + std::string(1000, 'a') + '\0')));
         Take(fd, 16 + 1003);
         Pkg pkg;
@@ -343,7 +345,7 @@ TEST(Handler, CommandWithoutNulEndsWithItsPackage) {
         pkg.payload = "exit 3";
         ASSERT_TRUE(Put(fd, pkg.Bytes()));
         EXPECT_EQ(3u, U32(Take(fd, 20), 16));
-        // Nor what came behind it.
+        // More bytes follow the package.
         ASSERT_TRUE(Put(fd, pkg.Bytes() + "3"));
         EXPECT_EQ(3u, U32(Take(fd, 20), 16));
     });
@@ -352,12 +354,12 @@ TEST(Handler, CommandWithoutNulEndsWithItsPackage) {
               served.lines());
 }
 
-TEST(Handler, TakesPackagesUpTo1152Bytes) {
+TEST(Handler, AcceptsPackagesOfUpTo1152Bytes) {
     const std::string comment = "exit 5 #" + std::string(1136 - 8, 'c');
     const Served served = Serve([&](int fd) {
         Pkg pkg;
         pkg.type = 2;
-        pkg.payload = comment;  // fills the package; there is no room for a NUL
+        pkg.payload = comment;  // without a NUL, for which there is no room
         ASSERT_EQ(1152u, pkg.Bytes().size());
         ASSERT_TRUE(Put(fd, pkg.Bytes()));
         EXPECT_EQ(5u, U32(Take(fd, 20), 16));
@@ -371,7 +373,7 @@ TEST(Handler, TakesPackagesUpTo1152Bytes) {
     EXPECT_EQ("TALVEK:TALVEK_DaemonHandler(): Command => [" + comment + "]", served.lines()[0]);
 }
 
-TEST(Handler, EndsOnASizeThatCanNeverFit) {
+TEST(Handler, ClosesOnASizeAbove1152) {
     for (const int sz : {1153, 1168, 65535}) {
         const Served served = Serve([sz](int fd) {
             Pkg pkg;
@@ -383,22 +385,21 @@ TEST(Handler, EndsOnASizeThatCanNeverFit) {
         });
         EXPECT_EQ((Lines{"TALVEK: pkg sz = " + std::to_string(sz) + ", more than 1152!"}),
                   served.lines());
-        EXPECT_EQ(1, served.result) << "no reply was due";
+        EXPECT_EQ(TALVEK_NO_REPLY, served.result);
         EXPECT_EQ(-1, served.client.fd);
     }
 }
 
-TEST(Handler, BoundsSizesBelowAHeader) {
+TEST(Handler, ServesPackagesWithASizeBelowAHeader) {
     const Served served = Serve([](int fd) {
         Pkg pkg;
         pkg.type = 1;
         pkg.sz = 8;
         ASSERT_TRUE(Put(fd, pkg.Bytes()));
-        EXPECT_EQ("01 11 00 00 00 00 00 00 ", Hex(Take(fd, 8))) << "sz bytes are sent back";
-        EXPECT_TRUE(Quiet(fd, 10));
+        EXPECT_EQ("01 11 00 00 00 00 00 00 ", Hex(Take(fd, 8))) << "the reply has sz bytes";
         pkg.sz = 0;
         ASSERT_TRUE(Put(fd, pkg.Bytes()));
-        EXPECT_TRUE(Quiet(fd, 10));
+        ASSERT_TRUE(HasRead(fd));
         pkg.type = 2;
         for (const int sz : {0, 15, 16}) {
             pkg.sz = sz;
@@ -409,7 +410,7 @@ TEST(Handler, BoundsSizesBelowAHeader) {
     EXPECT_EQ("TALVEK:TALVEK_DaemonHandler(): Command => []", served.lines()[0]);
 }
 
-TEST(Handler, EndsWhenTheClientClosesInsideAPackage) {
+TEST(Handler, ClosesWhenTheClientClosesInsideAPackage) {
     const std::string bytes = CommandPkg("exit 1");
     for (size_t cut = 0; cut < bytes.size(); ++cut) {
         const Served served = Serve([&](int fd) {
@@ -418,26 +419,48 @@ TEST(Handler, EndsWhenTheClientClosesInsideAPackage) {
             EXPECT_TRUE(AtEnd(fd)) << cut;
         });
         EXPECT_EQ("", served.output);
-        EXPECT_EQ(1, served.result);
+        EXPECT_EQ(TALVEK_NO_REPLY, served.result);
         EXPECT_EQ(-1, served.client.fd);
     }
 }
 
-TEST(Handler, EndsQuietlyWhenTheClientHasGoneBeforeTheReply) {
-    const Served served = Serve([](int fd) { ASSERT_TRUE(Put(fd, CommandPkg("sleep 0.1"))); });
+TEST(Handler, DoesNotLogAReplyToAClientThatHasClosed) {
+    const TempDir dir;
+    const std::string closed = dir / "closed";
+    const Served served = Serve([&](int fd) {
+        ASSERT_TRUE(Put(fd, CommandPkg("until test -e " + closed + "; do sleep 0.01; done")));
+        ASSERT_TRUE(HasRead(fd));
+        shutdown(fd, SHUT_RDWR);
+        WriteFile(closed, "");
+    });
     EXPECT_EQ(-1, served.result) << "of the failed reply";
-    EXPECT_EQ((Lines{"TALVEK:TALVEK_DaemonHandler(): Command => [sleep 0.1]"}), served.lines());
+    EXPECT_EQ(1u, served.lines().size()) << served.output;
 }
 
-TEST(Handler, RefusesWhatIsNoConnection) {
+// The client has closed, but the packages that it sent before are served.
+TEST(Handler, ServesWhatAClientSentBeforeItClosed) {
+    const TempDir dir;
+    const std::string closed = dir / "closed";
+    const std::string served = dir / "served";
+    Serve([&](int fd) {
+        ASSERT_TRUE(Put(fd, CommandPkg("until test -e " + closed + "; do sleep 0.01; done")));
+        ASSERT_TRUE(HasRead(fd));
+        ASSERT_TRUE(Put(fd, CommandPkg("touch " + served)));
+        shutdown(fd, SHUT_RDWR);
+        WriteFile(closed, "");
+    });
+    EXPECT_EQ(0, access(served.c_str(), F_OK));
+}
+
+TEST(Handler, ReturnsMinusOneWithoutAConnection) {
     EXPECT_EQ(-1, TALVEK_DaemonHandler(nullptr));
     tTalvekClient client = {};
     client.fd = -1;
     EXPECT_EQ(-1, TALVEK_DaemonHandler(&client));
 }
 
-// A number that is not open, among those that select takes and above them.
-TEST(Handler, ReportsAWaitThatFails) {
+// Of a descriptor that is not open, below FD_SETSIZE and from there on.
+TEST(Handler, ReportsAFailedWait) {
     const int closed = open("/dev/null", O_RDONLY | O_CLOEXEC);
     close(closed);
     for (const int fd : {closed, FD_SETSIZE}) {
@@ -464,7 +487,7 @@ TEST(Handler, ReportsAWaitThatFails) {
     }
 }
 
-TEST(Handler, LeavesWithoutAFreeSession) {
+TEST(Handler, ReturnsMinusOneWithoutAFreeSession) {
     const Served served = Serve(
         [](int fd) {
             ASSERT_TRUE(Put(fd, RegisterPkg()));
@@ -477,22 +500,20 @@ TEST(Handler, LeavesWithoutAFreeSession) {
         });
     EXPECT_EQ(-1, served.result);
     EXPECT_EQ(-1, served.client.session);
-    EXPECT_LE(0, served.client.fd) << "the connection is left to the end of the process";
+    EXPECT_LE(0, served.client.fd) << "closed by the end of the process";
 }
 
-TEST(Handler, TellsEveryFiveSecondsThatAClientIsSilent) {
-    const Served served = Serve([](int fd) {
-        usleep(5300 * 1000);
-        EXPECT_EQ(0, Ask(fd, "true")) << "and still waits";
-    });
+TEST(Handler, ReportsEveryFiveSecondsThatAClientIsSilent) {
+    const Served served = Serve([](int fd) { EXPECT_EQ(0, Ask(fd, "true")); },
+                                [](tTalvekClient &) { Waits::TimeOut(3); });
     const std::regex form{
-        "TALVEK,\\d+: \\[[0-9/]{10} [0-9:]{8}\\.\\d{6}\\] PID\\[4711\\]\\[\\d+\\] "
-        "select\\(\\d+\\) timeout\n"
+        "(TALVEK,\\d+: \\[[0-9/]{10} [0-9:]{8}\\.\\d{6}\\] PID\\[4711\\]\\[\\d+\\] "
+        "select\\(\\d+\\) timeout\n){3}"
         "TALVEK,\\d+:TALVEK_DaemonHandler\\(\\): Command => \\[true\\]\n"};
     EXPECT_TRUE(std::regex_match(served.output, form)) << served.output;
 }
 
-TEST(Handler, CommandsFindTheirSignalsAtDefault) {
+TEST(Handler, CommandsStartWithSIGCHLDAndSIGPIPEAtTheirDefaults) {
     const TempDir dir;
     const std::string path = dir / "status";
     Serve([&](int fd) { EXPECT_EQ(0, Ask(fd, "cat /proc/self/status >" + path)); });
@@ -501,8 +522,7 @@ TEST(Handler, CommandsFindTheirSignalsAtDefault) {
     EXPECT_EQ(0u, SignalMask(path, "SigBlk:") & bits);
 }
 
-// Its output goes to this process's standard output, in order with the log.
-TEST(Handler, OutputOfCommandsStaysInOrderWithTheLog) {
+TEST(Handler, OutputOfCommandsIsInOrderWithTheLog) {
     const Served served = Serve([](int fd) {
         EXPECT_EQ(0, Ask(fd, "echo one; echo two"));
         EXPECT_EQ(-1, Ask(fd, "echo three; kill -KILL $$"));
@@ -532,7 +552,7 @@ class RunCommand : public ::testing::Test {
     struct sigaction pipe_;
 };
 
-TEST_F(RunCommand, GivesTheExitStatus) {
+TEST_F(RunCommand, ReturnsTheExitStatus) {
     EXPECT_EQ("", Capture([] {
                   for (const int status : {0, 1, 7, 127, 255}) {
                       EXPECT_EQ(status,
@@ -542,7 +562,7 @@ TEST_F(RunCommand, GivesTheExitStatus) {
               }));
 }
 
-TEST_F(RunCommand, TellsThatACommandWasKilled) {
+TEST_F(RunCommand, ReportsACommandThatWasKilled) {
     EXPECT_EQ("child process should not terminated normally WIFEXITED(ret) = 0\n",
               Capture([] { EXPECT_EQ(-1, TALVEK_RunCommand("kill -KILL $$")); }));
 }
@@ -551,26 +571,26 @@ TEST_F(RunCommand, RunsNothingForNull) {
     EXPECT_EQ("", Capture([] { EXPECT_EQ(-1, TALVEK_RunCommand(nullptr)); }));
 }
 
-TEST_F(RunCommand, CollectsTheStatusWhereChildrenWereIgnored) {
+TEST_F(RunCommand, CollectsTheStatusWhenSIGCHLDWasIgnored) {
     signal(SIGCHLD, SIG_IGN);
     signal(SIGPIPE, SIG_IGN);
     EXPECT_EQ(3, TALVEK_RunCommand("exit 3"));
     struct sigaction now;
     sigaction(SIGCHLD, nullptr, &now);
-    EXPECT_EQ(SIG_DFL, now.sa_handler) << "stays at its default";
+    EXPECT_EQ(SIG_DFL, now.sa_handler) << "SIGCHLD stays at its default";
     EXPECT_EQ(SA_RESTART, now.sa_flags & SA_RESTART);
     EXPECT_EQ(1, sigismember(&now.sa_mask, SIGCHLD));
     sigaction(SIGPIPE, nullptr, &now);
-    EXPECT_EQ(SIG_IGN, now.sa_handler) << "is as it was";
+    EXPECT_EQ(SIG_IGN, now.sa_handler) << "SIGPIPE is restored";
 }
 
-TEST_F(RunCommand, ACommandMayDieOfABrokenPipe) {
+TEST_F(RunCommand, ACommandMayDieOfSIGPIPE) {
     signal(SIGPIPE, SIG_IGN);
     EXPECT_EQ("child process should not terminated normally WIFEXITED(ret) = 0\n",
               Capture([] { EXPECT_EQ(-1, TALVEK_RunCommand("kill -PIPE $$")); }));
 }
 
-TEST_F(RunCommand, WhatWasPrintedBeforeStandsBeforeItsOutputOnce) {
+TEST_F(RunCommand, BufferedOutputPrecedesTheCommandsOnce) {
     EXPECT_EQ("before\ncommand\nafter\n", Capture([] {
                   printf("before\n");
                   TALVEK_RunCommand("echo command");

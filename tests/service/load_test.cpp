@@ -1,4 +1,4 @@
-// Many clients: every status right, and nothing left behind.
+// Many clients: every status is correct, and nothing is left over.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -18,7 +18,7 @@ namespace {
 
 using namespace talvek::test;
 
-// Sanitizers and emulators make every process many times as dear.
+// Starting a process costs many times as much with a sanitizer or on the target.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
 constexpr int kInARow = 200;
 #else
@@ -30,9 +30,9 @@ std::string ExitOf(int status) {
     return "exit " + std::to_string(status);
 }
 
-// The listening process as it was before the first client.
+// The listening process must have the descriptors of the start, and no child.
 void ExpectNothingLeft(const Daemon &daemon, int descriptors) {
-    // Once it has answered a last client, it has done with those before.
+    // When it has answered a last client, it has accepted all the others.
     EXPECT_EQ(6, daemon.Client("exit 6").exitStatus());
     EXPECT_TRUE(Eventually([&] { return daemon.Children().empty(); }))
         << daemon.Children().size() << " children or zombies";
@@ -52,7 +52,7 @@ TEST(Load, ClientsOneAfterAnother) {
     ExpectNothingLeft(daemon, descriptors);
 }
 
-// All wait at a pipe until the last one is there.
+// All wait at a pipe until the last one has started.
 TEST(Load, ClientsAtOnce) {
     const Daemon daemon;
     const int descriptors = daemon.Descriptors();
@@ -85,8 +85,8 @@ TEST(Load, ClientsAtOnce) {
     ExpectNothingLeft(daemon, descriptors);
 }
 
-// Clients that connect and go away again, with and without a word.
-TEST(Load, ClientsThatGoAway) {
+// Clients that connect and close at once, some after a part of a package.
+TEST(Load, ClientsThatCloseAtOnce) {
     const Daemon daemon;
     const int descriptors = daemon.Descriptors();
     for (int i = 0; i < 500; ++i) {

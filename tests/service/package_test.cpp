@@ -21,7 +21,7 @@ namespace {
 
 using namespace talvek::test;
 
-// Checks bytes that end where the memory ends.
+// Checks bytes that end at the end of readable memory.
 int Check(const std::string &bytes) {
     const GuardedCopy copy{bytes.data(), bytes.size()};
     return TALVEK_CheckPkgHeader(reinterpret_cast<const tTalvekPkg *>(copy.bytes()),
@@ -31,7 +31,7 @@ int Check(const std::string &bytes) {
 // 01 11 00 00 | 00 00 00 00 | 00 00 | 01 00 | 10 00 | chksum 0x1110
 const std::string kSmallest{"\x01\x11\0\0\0\0\0\0\0\0\x01\0\x10\0\x10\x11", 16};
 
-TEST(PkgLayout, FieldsLieWhereTheWireHasThem) {
+TEST(PkgLayout, FieldsHaveTheirOffsets) {
     tTalvekPkg pkg = {};
     pkg.ver_fragement = 0x81;
     pkg.pkg_cnt_idx = 0x32;
@@ -44,13 +44,15 @@ TEST(PkgLayout, FieldsLieWhereTheWireHasThem) {
     const std::string bytes{reinterpret_cast<const char *>(&pkg), sizeof pkg};
     EXPECT_EQ("81 32 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 ", talvek::test::Hex(bytes));
     EXPECT_EQ(1152, TALVEK_PKG_MAX);
+    EXPECT_EQ(1, TALVEK_PKG_VERSION);
+    EXPECT_EQ(0x11, TALVEK_PKG_SINGLE);
     EXPECT_EQ(1, TALVEK_PKG_REGISTER);
     EXPECT_EQ(2, TALVEK_PKG_COMMAND);
     EXPECT_EQ(5, TALVEK_PKG_RESULT);
 }
 
 // 0x1101 ^ 0x0001 ^ 0x0010 = 0x1110
-TEST(CalcPkgChecksum, JoinsTheSevenWordsBeforeIt) {
+TEST(CalcPkgChecksum, IsTheExclusiveOrOfTheSevenWordsBeforeIt) {
     const auto *pPkg = reinterpret_cast<const tTalvekPkg *>(kSmallest.data());
     EXPECT_EQ(0x1110, TALVEK_CalcPkgChecksum(pPkg));
     Pkg pkg;
@@ -65,7 +67,7 @@ TEST(CalcPkgChecksum, JoinsTheSevenWordsBeforeIt) {
     EXPECT_EQ(0, TALVEK_CalcPkgChecksum(nullptr));
 }
 
-TEST(CheckPkgHeader, GivesTheTypeOfAGoodHeader) {
+TEST(CheckPkgHeader, ReturnsTheTypeOfAGoodHeader) {
     EXPECT_EQ("", Capture([] {
                   EXPECT_EQ(1, Check(kSmallest));
                   for (const int type : {1, 2, 3, 4, 5, 6, 0x7FFF, 0x8000, 0xFFFF}) {
@@ -76,11 +78,11 @@ TEST(CheckPkgHeader, GivesTheTypeOfAGoodHeader) {
               }));
 }
 
-TEST(CheckPkgHeader, TakesTypeZeroForAFailureWithoutADump) {
+TEST(CheckPkgHeader, ReturnsZeroForTypeZeroWithoutADump) {
     EXPECT_EQ("", Capture([] { EXPECT_EQ(0, Check(Pkg{}.Bytes())); }));
 }
 
-TEST(CheckPkgHeader, IsSilentOnLessThanAHeader) {
+TEST(CheckPkgHeader, DoesNotDumpLessThanAHeader) {
     EXPECT_EQ("", Capture([] {
                   EXPECT_EQ(0, TALVEK_CheckPkgHeader(nullptr, 16));
                   EXPECT_EQ(0, TALVEK_CheckPkgHeader(nullptr, 0));
@@ -106,7 +108,7 @@ TEST(CheckPkgHeader, DumpsABadChecksumInSixLines) {
               CaptureLog([&] { EXPECT_EQ(0, Check(pkg.Bytes())); }));
 }
 
-TEST(CheckPkgHeader, DumpsTheSmallFieldsTakenApart) {
+TEST(CheckPkgHeader, DumpsTheBitFieldsOneByOne) {
     Pkg pkg;
     pkg.byte0 = 0xFF;
     pkg.byte1 = 0xE3;
@@ -124,7 +126,7 @@ TEST(CheckPkgHeader, DumpsTheSmallFieldsTakenApart) {
     EXPECT_EQ("TALVEK: (chksum, type, sz) = (0x0000/0x1C00, 65535, 65535)", lines[5]);
 }
 
-TEST(CheckPkgHeader, NamesEachCorruptionOfTheFirstTwoBytes) {
+TEST(CheckPkgHeader, ChecksTheFirstTwoBytes) {
     const auto judge = [](uint8_t byte0, uint8_t byte1) {
         Pkg pkg;
         pkg.byte0 = byte0;
@@ -146,9 +148,9 @@ TEST(CheckPkgHeader, NamesEachCorruptionOfTheFirstTwoBytes) {
     });
 }
 
-// All 65,536 first words against the rule, said another way: the masked word, or a fragment of two
-// and more.
-TEST(CheckPkgHeader, JudgesEveryFirstWordByTheRule) {
+// All 65,536 first words against the rule in another form: the masked word, or a fragment of two or
+// more.
+TEST(CheckPkgHeader, ChecksEveryFirstWord) {
     int good = 0;
     Capture([&] {
         for (unsigned word = 0; word < 0x10000; ++word) {
@@ -171,7 +173,7 @@ TEST(CheckPkgHeader, JudgesEveryFirstWordByTheRule) {
     EXPECT_EQ(2 + 133, good);
 }
 
-TEST(CheckPkgHeader, FindsEverySingleWrongBit) {
+TEST(CheckPkgHeader, DetectsEverySingleBitError) {
     Capture([] {
         for (size_t bit = 0; bit < 16 * 8; ++bit) {
             std::string bytes = kSmallest;
@@ -181,7 +183,7 @@ TEST(CheckPkgHeader, FindsEverySingleWrongBit) {
     });
 }
 
-TEST(CheckPkgHeader, LeavesPayloadReservedBytesAndSizeUnjudged) {
+TEST(CheckPkgHeader, DoesNotCheckPayloadReservedBytesAndSize) {
     EXPECT_EQ("", Capture([] {
                   EXPECT_EQ(1, Check(kSmallest + "payload"));
                   EXPECT_EQ(1, Check(kSmallest + "changed"));
@@ -219,8 +221,8 @@ TEST_F(SendPkg, WritesHeaderAndPayload) {
     EXPECT_EQ(bytes, Take(fds_[1], bytes.size()));
 }
 
-TEST_F(SendPkg, GoesOnUntilAllIsWritten) {
-    const std::string bytes(4 << 20, 'x');  // far more than a socket holds
+TEST_F(SendPkg, WritesUntilEverythingIsWritten) {
+    const std::string bytes(4 << 20, 'x');  // more than a socket buffers
     std::string received;
     std::thread reader{[&] { received = Take(fds_[1], bytes.size()); }};
     EXPECT_EQ(0, Send(bytes));
@@ -230,17 +232,17 @@ TEST_F(SendPkg, GoesOnUntilAllIsWritten) {
 
 TEST_F(SendPkg, WritesNothingForNothing) {
     EXPECT_EQ(0, Send(""));
-    EXPECT_TRUE(talvek::test::Quiet(fds_[1], 0));
+    EXPECT_TRUE(talvek::test::Quiet(fds_[1]));
 }
 
-TEST_F(SendPkg, FailsWithoutASignalWhenThePeerHasGone) {
+TEST_F(SendPkg, FailsWithoutSIGPIPEWhenThePeerHasClosed) {
     signal(SIGPIPE, SIG_DFL);
     shutdown(fds_[1], SHUT_RD);
     EXPECT_EQ(-1, Send(kSmallest));
     EXPECT_EQ(EPIPE, errno);
 }
 
-TEST_F(SendPkg, FailsAsSoonAsAWriteDoes) {
+TEST_F(SendPkg, FailsWhenAWriteFails) {
     ASSERT_EQ(0, fcntl(fds_[0], F_SETFL, O_NONBLOCK));
     EXPECT_EQ(-1, Send(std::string(4 << 20, 'x')));
     EXPECT_EQ(EAGAIN, errno);
@@ -272,7 +274,7 @@ class SetEnvFromPkg : public ::testing::Test {
   protected:
     void SetUp() override { clearenv(); }
 
-    // The payload ends where the memory ends, and is the same afterwards.
+    // The payload ends at the end of readable memory, and is not changed.
     static void Apply(const std::string &payload) {
         const GuardedCopy copy{payload.data(), payload.size()};
         TALVEK_SetEnvFromPkg(copy.text(), static_cast<uint32_t>(payload.size()));
@@ -287,13 +289,13 @@ class SetEnvFromPkg : public ::testing::Test {
     }
 };
 
-TEST_F(SetEnvFromPkg, TakesEveryString) {
+TEST_F(SetEnvFromPkg, SetsEveryString) {
     using namespace std::string_literals;
     Apply("A=1\0LONGER_NAME=some value\0EMPTY=\0X==y=\0"s);
     EXPECT_EQ((Lines{"A=1", "LONGER_NAME=some value", "EMPTY=", "X==y="}), Environment());
 }
 
-TEST_F(SetEnvFromPkg, OverwritesAndKeepsTheRest) {
+TEST_F(SetEnvFromPkg, OverwritesValuesAndKeepsOtherNames) {
     using namespace std::string_literals;
     setenv("KEPT", "k", 1);
     setenv("A", "old", 1);
@@ -301,27 +303,27 @@ TEST_F(SetEnvFromPkg, OverwritesAndKeepsTheRest) {
     EXPECT_EQ((Lines{"KEPT=k", "A=new"}), Environment());
 }
 
-TEST_F(SetEnvFromPkg, StopsAtAStringWithoutEqualSign) {
+TEST_F(SetEnvFromPkg, StopsAtAStringWithoutAnEqualsSign) {
     using namespace std::string_literals;
     Apply("A=1\0nothing\0B=2\0"s);
     EXPECT_EQ((Lines{"A=1"}), Environment());
     Apply("\0C=3\0"s);
-    EXPECT_EQ((Lines{"A=1"}), Environment()) << "an empty string has none either";
+    EXPECT_EQ((Lines{"A=1"}), Environment()) << "an empty string has no equals sign";
 }
 
-TEST_F(SetEnvFromPkg, PassesOverAnEmptyName) {
+TEST_F(SetEnvFromPkg, SkipsAnEmptyName) {
     using namespace std::string_literals;
     Apply("A=1\0=value\0B=2\0"s);
     EXPECT_EQ((Lines{"A=1", "B=2"}), Environment());
 }
 
-TEST_F(SetEnvFromPkg, TakesNothingFromNothing) {
+TEST_F(SetEnvFromPkg, SetsNothingForAnEmptyPayload) {
     Apply("");
     TALVEK_SetEnvFromPkg(nullptr, 5);
     EXPECT_EQ(Lines{}, Environment());
 }
 
-// Whatever the length, no byte behind it is looked at.
+// No byte after the payload is read, whatever its length.
 TEST_F(SetEnvFromPkg, EndsWithThePayloadAtEveryLength) {
     using namespace std::string_literals;
     const std::string payload = "AB=12\0CD=34\0"s;
@@ -345,7 +347,7 @@ TEST_F(SetEnvFromPkg, EndsWithThePayloadAtEveryLength) {
     }
 }
 
-TEST_F(SetEnvFromPkg, TakesAPackageFullOfStrings) {
+TEST_F(SetEnvFromPkg, SetsAPackageFullOfStrings) {
     std::string payload;
     Lines expected;
     for (int i = 0; i < 142; ++i) {  // 142 * 8 = 1136

@@ -10,14 +10,14 @@ TEST(RetryPause, DoublesUpToASecond) {
     RetryPause pause;
     for (const int64_t expected : {10, 20, 40, 80, 160, 320, 640, 1000, 1000, 1000}) {
         pause.Fail(0);
-        EXPECT_EQ(expected, pause.pause());
+        EXPECT_EQ(expected, pause.pauseMs());
     }
     pause.Succeed();
     pause.Fail(0);
-    EXPECT_EQ(10, pause.pause());
+    EXPECT_EQ(10, pause.pauseMs());
 }
 
-TEST(RetryPause, LogsTheFirstFailureAndThenOneAMinute) {
+TEST(RetryPause, LogsTheFirstFailureAndThenOneEachMinute) {
     RetryPause pause;
     EXPECT_TRUE(pause.Fail(1000));
     EXPECT_FALSE(pause.Fail(1001));

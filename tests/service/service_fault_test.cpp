@@ -24,7 +24,7 @@
 #include "support/faults.h"
 #include "support/temp_dir.h"
 
-// The calls themselves, for what a test does on its own account.
+// The real calls, for the tests themselves.
 extern "C" int __real_socketpair(int domain, int type, int protocol, int *ends);
 extern "C" int __real_shutdown(int fd, int how);
 
@@ -32,8 +32,9 @@ namespace {
 
 using namespace std::string_literals;
 using namespace talvek::test;
+using Lines = std::vector<std::string>;
 
-// One daemon's answer to one client, in a process of its own: the calls that fail are the client's.
+// A daemon that answers clients, in a process of its own: only calls of the client fail.
 class AnsweringProcess {
   public:
     explicit AnsweringProcess(int32_t status) : path_(dir_ / "socket"), listener_(ListenAt(path_)) {
@@ -67,13 +68,13 @@ class AnsweringProcess {
     pid_t pid_;
 };
 
-TEST(ClientFault, LogsThatNoSocketCanBeMade) {
+TEST(ClientFault, LogsAFailedSocket) {
     const Fault fault{"socket", 0, EMFILE};
     EXPECT_EQ((Lines{"TALVEK: socket(AF_UNIX) failed : Too many open files"}),
               CaptureLog([] { EXPECT_EQ(-1, TALVEK_Client("/tmp/x", "true")); }));
 }
 
-TEST(ClientFault, IsSilentWithoutMemory) {
+TEST(ClientFault, DoesNotLogThatThereIsNoMemory) {
     const AnsweringProcess daemon{0};
     const int fds = HeldFds();
     const Fault fault{"calloc", 0, ENOMEM};
@@ -82,16 +83,16 @@ TEST(ClientFault, IsSilentWithoutMemory) {
     EXPECT_EQ(fds, HeldFds());
 }
 
-TEST(ClientFault, EndsWithMinusOneWhenWaitingFails) {
+TEST(ClientFault, ReturnsMinusOneWhenAWaitFails) {
     const AnsweringProcess daemon{0};
     for (const int nth : {0, 1}) {
-        const Fault fault{"pselect", nth, EINTR};
+        const Fault fault{"ppoll", nth, EINTR};
         EXPECT_EQ(-1, TALVEK_Client(daemon.path(), "true"));
         EXPECT_TRUE(Fault::Tripped());
     }
 }
 
-TEST(ClientFault, EndsWithOneWhenReadingOrWritingFails) {
+TEST(ClientFault, ReturnsOneWhenAReadOrWriteFails) {
     const AnsweringProcess daemon{0};
     for (const char *pCall : {"send", "read"}) {
         for (const int nth : {0, 1}) {
@@ -102,8 +103,8 @@ TEST(ClientFault, EndsWithOneWhenReadingOrWritingFails) {
     }
 }
 
-// After each failure the next call works: nothing is held, the mutex neither.
-TEST(ClientFault, GivesEverythingBackWhateverFails) {
+// After each failure the next call works: the mutex is unlocked.
+TEST(ClientFault, ReleasesEverythingWhicheverCallFails) {
     const AnsweringProcess daemon{5};
     setenv("A", "1", 1);
     const int calls = EveryCallFails(EIO, [&] {
@@ -120,12 +121,14 @@ TEST(ClientFault, GivesEverythingBackWhateverFails) {
     EXPECT_LT(8, calls);
 }
 
-// A handler with the peer's bytes already sent.
-int Handle(const std::string &bytes, std::string *pReply) {
+// A handler whose client has sent bytes and, by default, has shut down its writing side.
+int Handle(const std::string &bytes, std::string *pReply, bool shutDown = true) {
     int fds[2];
     EXPECT_EQ(0, __real_socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
     Put(fds[1], bytes);
-    __real_shutdown(fds[1], SHUT_WR);
+    if (shutDown) {
+        __real_shutdown(fds[1], SHUT_WR);
+    }
     tTalvekClient client = {};
     client.fd = fds[0];
     const int result = TALVEK_DaemonHandler(&client);
@@ -145,7 +148,7 @@ TEST(HandlerFault, ReturnsMinusOneWithoutMemory) {
     EXPECT_EQ("", reply);
 }
 
-TEST(HandlerFault, EndsWhenAReadFails) {
+TEST(HandlerFault, ClosesWhenAReadFails) {
     std::string reply;
     const Fault fault{"read", 0, EIO};
     EXPECT_EQ(1, Handle(RegisterPkg(), &reply));
@@ -158,7 +161,49 @@ TEST(HandlerFault, AFailedReplyIsItsResult) {
     EXPECT_EQ("", Capture([&] { EXPECT_EQ(-1, Handle(RegisterPkg(), &reply)); }));
 }
 
-TEST(HandlerFault, GivesEverythingBackWhateverFails) {
+// The client is there and waits for the reply: it must see the end of the connection.
+TEST(HandlerFault, ClosesAfterAReplyThatCannotBeSent) {
+    for (const std::string &request : {RegisterPkg("A=1\0"s), CommandPkg("true")}) {
+        for (const int error : {EIO, ENOBUFS, ENOMEM}) {
+            alarm(20);
+            std::string reply;
+            const Fault fault{"send", 0, error};
+            const std::string output =
+                Capture([&] { EXPECT_EQ(-1, Handle(request, &reply, false)); });
+            EXPECT_TRUE(Fault::Tripped());
+            EXPECT_EQ("", reply);
+            EXPECT_EQ(std::string::npos, output.find("UnReg")) << "the session is released";
+            alarm(0);
+        }
+    }
+}
+
+// The handler reads on: what a client has sent before it closed is served.
+TEST(HandlerFault, ReadsOnAfterAReplyToAClientThatHasClosed) {
+    for (const int error : {EPIPE, ECONNRESET}) {
+        int fds[2];
+        ASSERT_EQ(0, __real_socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+        fflush(nullptr);
+        const pid_t peer = fork();
+        if (peer == 0) {
+            close(fds[0]);
+            Put(fds[1], CommandPkg("true"));
+            HasRead(fds[1]);
+            Put(fds[1], CommandPkg("exit 5"));
+            _exit(U32(Take(fds[1], 20), 16) == 5 ? 0 : 1);
+        }
+        close(fds[1]);
+        tTalvekClient client = {};
+        client.fd = fds[0];
+        Capture([&] {
+            const Fault fault{"send", 0, error};
+            EXPECT_EQ(0, TALVEK_DaemonHandler(&client));
+        });
+        EXPECT_EQ(0, WaitFor(peer));
+    }
+}
+
+TEST(HandlerFault, ReleasesEverythingWhicheverCallFails) {
     const int calls = EveryCallFails(EIO, [] {
         const std::string ignored = CaptureUnderFault([] {
             std::string reply;
@@ -170,7 +215,7 @@ TEST(HandlerFault, GivesEverythingBackWhateverFails) {
     EXPECT_LT(8, calls);
 }
 
-TEST(RunCommandFault, TellsBothLinesWhenSystemFails) {
+TEST(RunCommandFault, PrintsBothLinesWhenSystemFails) {
     const Fault fault{"system", 0, EAGAIN};
     EXPECT_EQ(
         "some error is occured in that shell command\n"
@@ -179,7 +224,7 @@ TEST(RunCommandFault, TellsBothLinesWhenSystemFails) {
     EXPECT_TRUE(Fault::Tripped());
 }
 
-TEST(RunCommandFault, RunsNothingWithoutTheSignal) {
+TEST(RunCommandFault, RunsNothingWhenSigactionFails) {
     const Fault fault{"sigaction", 0, EINVAL};
     EXPECT_EQ("sigaction: Invalid argument\n",
               CaptureAll([] { EXPECT_EQ(-1, TALVEK_RunCommand("echo run")); }));
@@ -196,7 +241,7 @@ TEST(HandlerFault, SendsMinusOneForACommandThatCouldNotBeStarted) {
               LogLines(output));
 }
 
-// Runs TALVEK_Daemon in a child in which one call fails; `peer` gets the socket's path.
+// Runs TALVEK_Daemon in a child in which one call fails, and `peer` with the path of its socket.
 std::string RunDaemon(const char *pCall, int nth, int error,
                       const std::function<void(const std::string &)> &peer) {
     return Capture([&] {
@@ -225,7 +270,7 @@ std::string RunDaemon(const char *pCall, int nth, int error,
     });
 }
 
-// Log lines without those of clients and of the socket that was not there.
+// Log lines without those about forks and about the missing old socket.
 Lines Rest(const std::string &output) {
     Lines rest;
     for (const std::string &line : LogLines(output)) {
@@ -237,7 +282,7 @@ Lines Rest(const std::string &output) {
     return rest;
 }
 
-TEST(DaemonFault, SetUpFailuresAreLoggedAndEndIt) {
+TEST(DaemonFault, ReturnsMinusOneAfterALoggedSetUpFailure) {
     const auto nobody = [](const std::string &path) { EXPECT_EQ(-1, ConnectTo(path)) << path; };
     EXPECT_EQ((Lines{"TALVEK: socket(AF_UNIX) failed : Too many open files"}),
               Rest(RunDaemon("socket", 0, EMFILE, nobody)));
@@ -254,8 +299,7 @@ TEST(DaemonFault, SetUpFailuresAreLoggedAndEndIt) {
         << listen[0];
 }
 
-// The signals of the caller are as they were after a set-up that failed.
-TEST(DaemonFault, AFailedSetUpLeavesTheSignalsAlone) {
+TEST(DaemonFault, AFailedSetUpRestoresTheSignals) {
     struct sigaction before;
     struct sigaction after;
     sigset_t maskBefore;
@@ -285,7 +329,7 @@ void ExpectService(const std::string &path) {
     close(fd);
 }
 
-TEST(DaemonFault, GoesOnAfterAFailedAccept) {
+TEST(DaemonFault, ServesAfterAFailedAccept) {
     for (const int error : {ECONNABORTED, EPROTO, ENFILE, ENOMEM, ENOBUFS}) {
         const std::string output = RunDaemon("accept4", 0, error, ExpectService);
         const std::regex form{
@@ -297,20 +341,20 @@ TEST(DaemonFault, GoesOnAfterAFailedAccept) {
     }
 }
 
-// A client that has gone between select and accept is nothing to tell of.
-TEST(DaemonFault, IsSilentWhenThereIsNobodyToAccept) {
+// A client may give up between the wait and accept.
+TEST(DaemonFault, DoesNotLogThatThereIsNobodyToAccept) {
     EXPECT_EQ((Lines{"TALVEK:TALVEK_DaemonHandler(): Command => [exit 6]"}),
               Rest(RunDaemon("accept4", 0, EAGAIN, ExpectService)));
 }
 
-TEST(DaemonFault, GoesOnAfterAFailedFork) {
+TEST(DaemonFault, ServesAfterAFailedFork) {
     EXPECT_EQ((Lines{"TALVEK: Can't fork() child : Cannot allocate memory",
                      "TALVEK:TALVEK_DaemonHandler(): Command => [exit 6]"}),
               Rest(RunDaemon("fork", 0, ENOMEM, ExpectService)));
 }
 
-TEST(DaemonFault, GoesOnAfterAFailedSelectAndTellsTheTime) {
-    const std::string output = RunDaemon("pselect", 0, ENOMEM, ExpectService);
+TEST(DaemonFault, ServesAfterAFailedWaitAndLogsItsTime) {
+    const std::string output = RunDaemon("ppoll", 0, ENOMEM, ExpectService);
     EXPECT_TRUE(std::regex_search(
         output, std::regex{"(^|\n)TALVEK,\\d+: \\[[0-9/]{10} [0-9:]{8}\\.\\d{6}\\] "
                            "select\\(\\d+\\[/tmp/talvek-test-\\w+/socket\\]\\) error : "

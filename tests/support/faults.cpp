@@ -22,7 +22,6 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -184,11 +183,9 @@ FAULT_CALL(copy_file_range, ssize_t, -1,
            (in, inAt, out, outAt, size, flags))
 FAULT_CALL(posix_fadvise, int, EIO, (int fd, off_t at, off_t size, int advice),
            (fd, at, size, advice))
-FAULT_CALL(select, int, -1, (int n, fd_set *r, fd_set *w, fd_set *e, struct timeval *t),
-           (n, r, w, e, t))
-FAULT_CALL(pselect, int, -1,
-           (int n, fd_set *r, fd_set *w, fd_set *e, const struct timespec *t, const sigset_t *s),
-           (n, r, w, e, t, s))
+FAULT_CALL(ppoll, int, -1,
+           (struct pollfd * fds, nfds_t n, const struct timespec *t, const sigset_t *s),
+           (fds, n, t, s))
 FAULT_CALL(poll, int, -1, (struct pollfd * fds, nfds_t n, int ms), (fds, n, ms))
 FAULT_CALL(ppoll, int, -1,
            (struct pollfd * fds, nfds_t n, const struct timespec *t, const sigset_t *s),

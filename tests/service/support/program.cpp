@@ -31,20 +31,36 @@
 namespace talvek::test {
 namespace {
 
-// A test program for another processor runs under an emulator, and so does what it starts.
+#ifndef TALVEK_EMULATOR
+#define TALVEK_EMULATOR ""
+#endif
+
+bool IsInPath(const std::string &program) {
+    std::istringstream path{getenv("PATH") != nullptr ? getenv("PATH") : ""};
+    for (std::string folder; std::getline(path, folder, ':');) {
+        if (access((folder + "/" + program).c_str(), X_OK) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The program with the emulator before it, if it was built for another processor. A machine with
+// that processor has no emulator and needs none.
 std::vector<std::string> Launcher() {
     std::vector<std::string> words;
-#ifdef TALVEK_EMULATOR
     std::istringstream in{TALVEK_EMULATOR};
     for (std::string word; in >> word;) {
         words.push_back(word);
     }
-#endif
+    if (!words.empty() && !IsInPath(words.front())) {
+        words.clear();
+    }
     words.emplace_back(TALVEK_PROGRAM);
     return words;
 }
 
-// Orphans of what this process starts become its children.
+// Makes this process the parent of the orphans among its descendants.
 bool Inherits() {
     static const bool inherits = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
     return inherits;
@@ -62,7 +78,7 @@ std::string ReadAll(int fd) {
     return text;
 }
 
-// Kills the daemon when the test process ends without having done so.
+// Kills the daemon when this process dies.
 pid_t StartGuard(pid_t daemon, int *pPipe) {
     int ends[2];
     EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
@@ -86,6 +102,21 @@ pid_t StartGuard(pid_t daemon, int *pPipe) {
 
 }  // namespace
 
+void FillPipe(int end) {
+    // An own open file description: the daemon's end stays in blocking mode.
+    const int fd =
+        open(("/proc/self/fd/" + std::to_string(end)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_LE(0, fd);
+    // Whole pages first, then single bytes for what is left of the last one.
+    const std::string block(4096, '.');
+    while (write(fd, block.data(), block.size()) > 0) {
+    }
+    while (write(fd, block.data(), 1) > 0) {
+    }
+    EXPECT_EQ(EAGAIN, errno);
+    close(fd);
+}
+
 int Outcome::exitStatus() const {
     return WIFEXITED(wait) ? WEXITSTATUS(wait) : -1;
 }
@@ -107,7 +138,7 @@ pid_t StartProgram(const Arguments &arguments, int out, const std::function<void
     if (child == 0) {
         dup2(out, STDOUT_FILENO);
         dup2(out, STDERR_FILENO);
-        close_range(3, ~0U, 0);  // what this process was started with is no affair of the program
+        close_range(3, ~0U, 0);  // the program must not inherit the descriptors of the test
         clearenv();
         setenv("PATH", "/usr/local/bin:/usr/bin:/bin", 1);
         if (prepare) {
@@ -141,7 +172,7 @@ uint64_t SignalMask(const std::string &path, const std::string &name) {
             return std::stoull(word, nullptr, 16);
         }
     }
-    ADD_FAILURE() << name << " is not told in " << path;
+    ADD_FAILURE() << name << " is not in " << path;
     return 0;
 }
 
@@ -180,12 +211,32 @@ int WaitFor(pid_t pid) {
     return status;
 }
 
-bool Gone(pid_t pid) {
-    std::ifstream in{"/proc/" + std::to_string(pid) + "/stat"};
+char StateOf(const std::string &directory) {
+    std::ifstream in{directory + "/stat"};
     std::string text;
     std::getline(in, text);
-    const size_t name = text.rfind(')');  // may hold anything; the state stands behind it
-    return name == std::string::npos || text.compare(name, 3, ") Z") == 0;
+    const size_t name = text.rfind(')');  // the state follows the name, which may hold anything
+    return name == std::string::npos || name + 2 >= text.size() ? '\0' : text[name + 2];
+}
+
+char StateOf(pid_t pid) {
+    return StateOf("/proc/" + std::to_string(pid));
+}
+
+bool Gone(pid_t pid) {
+    const char state = StateOf(pid);
+    return state == '\0' || state == 'Z';
+}
+
+bool HasForeignThreads() {
+    std::ifstream in{"/proc/self/status"};
+    int threads = 0;
+    for (std::string word; in >> word;) {
+        if (word == "Threads:") {
+            in >> threads;
+        }
+    }
+    return threads != 1;
 }
 
 ::testing::AssertionResult EndedBy(int wait, int signal) {
@@ -221,7 +272,7 @@ Daemon::Daemon(const Options &options)
     : dir_(options.dir != nullptr ? options.dir : &ownDir_),
       socket_(options.socket[0] == '/' || options.socket.empty() ? options.socket
                                                                  : *dir_ / options.socket) {
-    // The process that is started leaves at once; what it leaves behind becomes our child.
+    // The process that is started ends at once, and the daemon becomes our child.
     static_cast<void>(Inherits());
     const std::string logPath = *dir_ / "log";
     int out = -1;
@@ -241,10 +292,10 @@ Daemon::Daemon(const Options &options)
         text.resize(4096);
         text.resize(static_cast<size_t>(std::max<ssize_t>(0, read(logPipe_, text.data(), 4096))));
     }
-    const std::regex told{"Master\\[" + std::to_string(first) +
-                          "\\] is leaving - you're on your own \\[(\\d+)\\]\n"};
+    const std::regex leaving{"Master\\[" + std::to_string(first) +
+                             "\\] is leaving - you're on your own \\[(\\d+)\\]\n"};
     std::smatch part;
-    if (!std::regex_search(text, part, told)) {
+    if (!std::regex_search(text, part, leaving)) {
         ADD_FAILURE() << "no daemon was started:\n" << text;
         return;
     }
@@ -271,6 +322,20 @@ void Daemon::CloseLog() {
         close(logPipe_);
         logPipe_ = -1;
     }
+}
+
+void Daemon::StallLog() const {
+    FillPipe(logPipe_);
+}
+
+void Daemon::DrainLog() const {
+    const int fd = open(("/proc/self/fd/" + std::to_string(logPipe_)).c_str(),
+                        O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    EXPECT_LE(0, fd);
+    char block[4096];
+    while (read(fd, block, sizeof block) > 0) {
+    }
+    close(fd);
 }
 
 std::string Daemon::log() const {
@@ -308,7 +373,7 @@ int Daemon::Descriptors() const {
     return count - 2;  // "." and ".."
 }
 
-// Asks the kernel: a connection of our own would be served and logged.
+// Asks the kernel, since a connection would be served and logged.
 bool Daemon::Listening() const {
     std::ifstream in{"/proc/net/unix"};
     for (std::string line; std::getline(in, line);) {
@@ -318,7 +383,7 @@ bool Daemon::Listening() const {
         std::string protocol;
         std::string flags;
         words >> number >> references >> protocol >> flags;
-        // __SO_ACCEPTCON of a socket that listens (Linux net/unix/af_unix.c: unix_seq_show).
+        // __SO_ACCEPTCON marks a listening socket (Linux net/unix/af_unix.c: unix_seq_show).
         if (flags == "00010000" && line.size() > socket_.size() &&
             line.compare(line.size() - socket_.size() - 1, std::string::npos, " " + socket_) == 0) {
             return true;
@@ -342,7 +407,7 @@ int Daemon::Stop(int signal) {
         status = -1;
     }
     pid_ = -1;
-    // Its handlers are ours now; they end with their clients.
+    // Its handlers are our children now; they end with their clients.
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
     return status;

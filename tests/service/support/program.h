@@ -12,64 +12,76 @@
 
 #include "support/temp_dir.h"
 
-// The built program as a user runs it.
+// The program as a user runs it.
 
 namespace talvek::test {
 
 using Arguments = std::vector<std::string>;
 
-// What a process left behind.
+// A program that has ended.
 struct Outcome {
-    int wait = -1;       // its wait status
+    int wait = -1;       // wait status
     std::string output;  // standard output and standard error
 
     [[nodiscard]] int exitStatus() const;                  // -1 when it was killed
-    [[nodiscard]] std::vector<std::string> lines() const;  // of output, without line numbers
+    [[nodiscard]] std::vector<std::string> lines() const;  // output without line numbers
 };
 
-// Starts the program with its output going to descriptor `out` and nothing but PATH in its
-// environment. `prepare` runs in the child before the program is executed. Returns its process id.
+// Starts the program with its output on descriptor `out` and only PATH in its environment.
+// `prepare` runs in the child before the program is executed. Returns the process id.
 pid_t StartProgram(const Arguments &arguments, int out, const std::function<void()> &prepare = {});
 
-// For `prepare`, as root: becomes a user who runs nothing else and may run `processes` processes;
-// the limit does not bind root. The program is found also in a folder of which only its owner has
-// any rights.
+// For `prepare`, as root: becomes a user without other processes who may have `processes` of them
+// (the limit does not bind root). The user keeps the right to read any folder, so that the program
+// is found in a private one too.
 void BecomeUserWith(unsigned processes);
 
 // Runs the program to its end.
 Outcome RunProgram(const Arguments &arguments, const std::function<void()> &prepare = {});
 
-// A mask in a copy of /proc/<pid>/status, such as "SigIgn:", and the bits that signals have there.
+// A mask such as "SigIgn:" in a copy of /proc/<pid>/status, and the bits of signals in it.
 uint64_t SignalMask(const std::string &path, const std::string &name);
 uint64_t SignalBits(std::initializer_list<int> signals);
 
-// Waits for a child, at most 20 seconds (then it is killed); its wait status, -1 when it has been
-// collected already.
+// Waits for a child, and kills it after 20 seconds. Returns its wait status; -1 when it was
+// collected before.
 int WaitFor(pid_t pid);
 
 // Whether a child has ended; it can still be waited for.
 bool HasEnded(pid_t pid);
 
-// Whether a process has ended, whoever's child it is.
+// The state of a process or thread by its directory in /proc: 'R' runs, 'S' sleeps, 'T' is stopped,
+// 'Z' is a zombie (proc(5)); '\0' for one that does not exist.
+char StateOf(const std::string &directory);
+char StateOf(pid_t pid);
+
+// Whether a process has ended. It need not be a child.
 bool Gone(pid_t pid);
 
-// Whether a wait status tells of an end by the signal. An emulator that cannot make this process
-// the heir of orphans leaves the status of a daemon (-1) untold.
+// Fills a pipe, given by either end, so that the next write to it blocks.
+void FillPipe(int end);
+
+// Whether a process without threads has some here, as under a user-mode emulator. Ask before the
+// test starts threads.
+bool HasForeignThreads();
+
+// Whether a wait status is that of an end by the signal. Under an emulator in which this process
+// cannot adopt orphans, a daemon has no status (-1).
 ::testing::AssertionResult EndedBy(int wait, int signal);
 
-// Waits for a condition, at most `ms`; whether it came.
+// Waits for a condition, at most `ms`. Returns whether it has come true.
 bool Eventually(const std::function<bool()> &condition, int ms = 10000);
 
-// A daemon on a socket in a directory of its own. It is stopped at the end of the scope, whatever
-// happens to the test.
+// A daemon with its socket in a directory of its own. It is killed at the end of the scope, even
+// when the test process dies.
 class Daemon {
   public:
     struct Options {
-        std::string socket = "socket";       // below the directory, unless it begins with "/"
-        std::function<void()> prepare = {};  // in the process, before the program is executed
-        bool logToPipe = false;              // instead of the file
+        std::string socket = "socket";       // in the directory, unless it begins with "/"
+        std::function<void()> prepare = {};  // runs before the program is executed
+        bool logToPipe = false;              // instead of to a file
         bool waitForSocket = true;
-        const TempDir *dir = nullptr;  // a directory of the test instead
+        const TempDir *dir = nullptr;  // a directory of the test's instead
     };
 
     Daemon() : Daemon(Options{}) {}
@@ -93,11 +105,13 @@ class Daemon {
     // Runs the program as a client of this daemon.
     [[nodiscard]] Outcome Client(const std::string &command) const;
 
-    // With logToPipe: closes the end that is read from.
+    // With logToPipe: what its reader does.
     void CloseLog();
+    void StallLog() const;  // fills the pipe, so that the next write blocks
+    void DrainLog() const;  // reads what is there
 
-    // Sends a signal and waits for the end; the wait status. A daemon that ends while its
-    // foreground process is still there leaves none.
+    // Sends a signal (0 for none), waits for the end and returns the wait status. A daemon that
+    // ends before its foreground process has none.
     int Stop(int signal);
 
   private:

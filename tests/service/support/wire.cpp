@@ -1,13 +1,17 @@
 #include "service/support/wire.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
+#include <linux/sockios.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
+
+#include "service/support/program.h"
 
 namespace talvek::test {
 namespace {
@@ -20,11 +24,13 @@ void Append(std::string &bytes, uint32_t value, int count) {
     }
 }
 
-// Nothing here goes through the calls that tests make to fail (support/faults.cpp).
+// These calls are others than those of the service, which tests catch or make fail.
 bool Readable(int fd, int ms) {
-    pollfd wait{fd, POLLIN, 0};
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
     const timespec time{ms / 1000, ms % 1000 * 1000000L};
-    return ppoll(&wait, 1, &time, nullptr) == 1;
+    return pselect(fd + 1, &set, nullptr, nullptr, &time, nullptr) == 1;
 }
 
 ssize_t ReadSome(int fd, char *pBytes, size_t size) {
@@ -145,8 +151,17 @@ bool AtEnd(int fd) {
     return Readable(fd, kPatienceMs) && ReadSome(fd, &byte, 1) <= 0;
 }
 
-bool Quiet(int fd, int ms) {
-    return !Readable(fd, ms);
+bool Quiet(int fd) {
+    return !Readable(fd, 0);
+}
+
+// The kernel counts the bytes that wait in the peer's receive queue to the sender (unix(7),
+// SIOCOUTQ).
+bool HasRead(int fd) {
+    return Eventually([fd] {
+        int left = -1;
+        return ioctl(fd, SIOCOUTQ, &left) == 0 && left == 0;
+    });
 }
 
 sockaddr_un AddressOf(const std::string &path) {

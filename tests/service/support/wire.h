@@ -6,12 +6,11 @@
 
 #include <string>
 
-// A raw end of a connection: bytes put together and taken apart by hand, without the code under
-// test.
+// One end of a connection by hand: packages are built and read without the code under test.
 
 namespace talvek::test {
 
-// A package byte by byte; the fields are those of a good single package unless they are changed.
+// A package; its fields are those of a good single package unless a test changes them.
 struct Pkg {
     uint8_t byte0 = 0x01;
     uint8_t byte1 = 0x11;
@@ -19,8 +18,8 @@ struct Pkg {
     uint32_t session = 0;
     uint16_t sn = 0;
     uint16_t type = 0;
-    int sz = -1;      // -1: what header and payload take
-    int chksum = -1;  // -1: the right one
+    int sz = -1;      // -1: size of header and payload
+    int chksum = -1;  // -1: the correct one
     std::string payload;
 
     [[nodiscard]] std::string Bytes() const;
@@ -38,17 +37,20 @@ std::string Hex(const std::string &bytes);
 // Writes all bytes; false when the peer has gone.
 bool Put(int fd, const std::string &bytes);
 
-// Reads exactly so many bytes, or what comes until the peer closes; waits at most 10 seconds.
+// Reads `count` bytes, or fewer when the peer closes or is silent for 10 seconds.
 std::string Take(int fd, size_t count);
 
-// Reads one package, as its header says.
+// Reads one package of the size that its header announces.
 std::string TakePkg(int fd);
 
-// Whether the peer has closed and nothing is left to read; waits at most 10 seconds.
+// Whether the peer closes and nothing is left to read; waits at most 10 seconds.
 bool AtEnd(int fd);
 
-// Whether nothing arrives for some milliseconds.
-bool Quiet(int fd, int ms);
+// Whether nothing has arrived.
+bool Quiet(int fd);
+
+// Waits until the peer has read everything that was sent; false after 10 seconds.
+bool HasRead(int fd);
 
 // The address of the socket at `path`.
 sockaddr_un AddressOf(const std::string &path);
