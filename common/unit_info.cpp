@@ -1,4 +1,4 @@
-// The unit's record, and helpers for lists of units.
+// The record of a unit, and helpers for units.
 
 #include "common/unit_info.h"
 
@@ -15,6 +15,7 @@
 #include <array>
 #include <span>
 
+#include "base/cancel_guard.h"
 #include "base/unique_fd.h"
 #include "common/file_content.h"
 #include "common/internal/interface_name.h"
@@ -37,10 +38,8 @@ static_assert(offsetof(tUnitNetInfo, mtu) == 304);
 static_assert(offsetof(tUnitNetInfo, if_info_num) == 308);
 static_assert(offsetof(tUnitNetInfo, if_info) == 312);
 
-namespace talvek {
 namespace {
 
-constexpr int kNoBase64Value = 64;
 constexpr size_t kCountedDigits = 8;
 
 constexpr char kBase64Alphabet[] =
@@ -48,7 +47,7 @@ constexpr char kBase64Alphabet[] =
 
 constexpr std::array<uint8_t, 256> MakeBase64Values() {
     std::array<uint8_t, 256> values{};
-    values.fill(kNoBase64Value);
+    values.fill(COM_BASE64_NO_VALUE);
     for (uint8_t i = 0; kBase64Alphabet[i] != '\0'; ++i) {
         values[static_cast<uint8_t>(kBase64Alphabet[i])] = i;
     }
@@ -57,23 +56,13 @@ constexpr std::array<uint8_t, 256> MakeBase64Values() {
 
 constexpr std::array<uint8_t, 256> kBase64Values = MakeBase64Values();
 
-// The flags of COM_GetNetInfo that the record is made of.
-enum NetFlag : uint32_t {
-    kColonMac = 4,
-    kAddressText = 20,
-    kNetmaskText = 27,
-    kGatewayText = 31,
-    kFirstNameServerText = 35,
-    kMtu = 43,
-};
-
-// COM_GetFileContent appends to what a buffer holds: the field must be empty.
+// The field must be empty, since COM_GetFileContent appends.
 template <size_t kSize>
 int ReadField(const char *pPath, char (&field)[kSize]) {
     return COM_GetFileContent(pPath, field, static_cast<int>(kSize));
 }
 
-int ReadHostName(char (&name)[64]) {
+int ReadHostName(char (&name)[COM_UNIT_NAME_SIZE]) {
     const int result = gethostname(name, sizeof name);
     if (result != 0) {
         snprintf(name, sizeof name, "unknown");
@@ -81,13 +70,13 @@ int ReadHostName(char (&name)[64]) {
     return result;
 }
 
-// Texts that lead elsewhere than to an interface's own directory are no names.
+// False for a text that would lead to another directory than that of an interface.
 bool IsInterfaceName(const char *pName) {
     return *pName != '\0' && strlen(pName) < IFNAMSIZ && strchr(pName, '/') == nullptr &&
            strcmp(pName, ".") != 0 && strcmp(pName, "..") != 0;
 }
 
-// An address field as a text that ends even when the field has no NUL.
+// The text of an address field that may lack its NUL.
 struct AddressText {
     explicit AddressText(const void *pRecord) {
         memcpy(text, static_cast<const char *>(pRecord) + offsetof(tUnitNetInfo, ip),
@@ -101,39 +90,40 @@ int Difference(long long a, long long b) {
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_GetUnitNetInfo(tUnitNetInfo *pInfo, const char *pIfName) {
+    const talvek::CancelGuard guard;
     if (pInfo == nullptr) {
         return -1;
     }
-    // Filled apart from the caller's record, whose `dev` may be the name that is asked about.
-    // Held by UnitNetInfo.IsRefreshedUnderItsOwnInterface.
+    // A separate record, because pIfName may be the `dev` of the caller's record.
+    // Tested by UnitNetInfo.IsRefreshedByItsOwnInterface.
     tUnitNetInfo unit = {};
-    // Looked up once, so that the whole record is of one interface.
+    // Resolved once, so that all fields are of one interface.
     char route[IFNAMSIZ];
-    const char *pMeant = talvek::ResolveInterface(pIfName, route);
-    int result = talvek::ReadField("/etc/Model", unit.model);
-    result += talvek::ReadField("/etc/Proj", unit.proj);
-    result += talvek::ReadHostName(unit.name);
-    result += COM_GetNetInfo(talvek::kAddressText, pMeant, unit.ip);
+    const char *pInterface = talvek::ResolveInterface(pIfName, route);
+    int result = ReadField("/etc/Model", unit.model);
+    result += ReadField("/etc/Proj", unit.proj);
+    result += ReadHostName(unit.name);
+    result += COM_GetNetInfo(COM_NET_IP_TEXT, pInterface, unit.ip);
     result += COM_GetPort(unit.port, sizeof unit.port);
-    result += COM_GetNetInfo(talvek::kNetmaskText, pMeant, unit.netmask);
-    result += COM_GetNetInfo(talvek::kGatewayText, pMeant, unit.gateway);
-    result += COM_GetNetInfo(talvek::kFirstNameServerText, pMeant, unit.dns);
-    result += COM_GetNetInfo(talvek::kColonMac, pMeant, unit.mac);
+    result += COM_GetNetInfo(COM_NET_NETMASK_TEXT, pInterface, unit.netmask);
+    result += COM_GetNetInfo(COM_NET_GATEWAY_TEXT, pInterface, unit.gateway);
+    result += COM_GetNetInfo(COM_NET_DNS1_TEXT, pInterface, unit.dns);
+    result += COM_GetNetInfo(COM_NET_MAC_COLON, pInterface, unit.mac);
     if (pIfName != nullptr) {
         snprintf(unit.dev, sizeof unit.dev, "%s", pIfName);
     }
-    // A unit without a note is complete. Held by UnitNetInfo.IsCompleteWithoutANote.
-    talvek::ReadField("/etc/Note", unit.note);
-    result += COM_GetNetInfo(talvek::kMtu, pMeant, &unit.mtu);
+    // The note is optional. Tested by UnitNetInfo.IsCompleteWithoutANote.
+    ReadField("/etc/Note", unit.note);
+    result += COM_GetNetInfo(COM_NET_MTU, pInterface, &unit.mtu);
     memcpy(pInfo, &unit, offsetof(tUnitNetInfo, if_info_num));
     return result;
 }
 
 int COM_GetRxPackets(const char *pIfName) {
-    if (pIfName == nullptr || !talvek::IsInterfaceName(pIfName)) {
+    const talvek::CancelGuard guard;
+    if (pIfName == nullptr || !IsInterfaceName(pIfName)) {
         return 0;
     }
     char path[64];
@@ -143,17 +133,17 @@ int COM_GetRxPackets(const char *pIfName) {
     if (!fd) {
         return 0;
     }
-    // Larger counts are cut to their first 8 digits: whoever looks for activity compares for
-    // change. Held by RxPackets.CountsInTheFirstEightDigits.
-    char digits[talvek::kCountedDigits + 1] = {};
-    if (read(fd.get(), digits, talvek::kCountedDigits) == -1) {
+    // The first 8 digits of a larger count still change with activity.
+    // Tested by RxPackets.ReadsTheFirstEightDigits.
+    char digits[kCountedDigits + 1] = {};
+    if (read(fd.get(), digits, kCountedDigits) == -1) {
         return 0;
     }
     return static_cast<int>(strtol(digits, nullptr, 10));
 }
 
 int COM_Base64Value(char c) {
-    return talvek::kBase64Values[static_cast<uint8_t>(c)];
+    return kBase64Values[static_cast<uint8_t>(c)];
 }
 
 int COM_Base64Decode(void *pDst, const char *pText) {
@@ -163,17 +153,17 @@ int COM_Base64Decode(void *pDst, const char *pText) {
     uint8_t *pOut = static_cast<uint8_t *>(pDst);
     int count = 0;
     uint32_t bits = 0;
-    int held = 0;  // bits not written yet
+    int pending = 0;  // bits not written yet
     for (; *pText != '\0' && *pText != '='; ++pText) {
         const int value = COM_Base64Value(*pText);
-        if (value == talvek::kNoBase64Value) {
+        if (value == COM_BASE64_NO_VALUE) {
             continue;
         }
         bits = bits << 6 | static_cast<uint32_t>(value);
-        held += 6;
-        if (held >= 8) {
-            held -= 8;
-            pOut[count++] = static_cast<uint8_t>(bits >> held);
+        pending += 6;
+        if (pending >= 8) {
+            pending -= 8;
+            pOut[count++] = static_cast<uint8_t>(bits >> pending);
         }
     }
     return count;
@@ -198,20 +188,20 @@ int COM_SortUnitInfoViaIP(const void *pA, const void *pB) {
     if (pA == nullptr || pB == nullptr) {
         return 0;
     }
-    const talvek::AddressText a{pA};
-    const talvek::AddressText b{pB};
+    const AddressText a{pA};
+    const AddressText b{pB};
     const char *pAtA = a.text;
     const char *pAtB = b.text;
     for (int component = 0; component < 4; ++component) {
         const long long numberA = strtoll(pAtA, nullptr, 10);
         const long long numberB = strtoll(pAtB, nullptr, 10);
         if (numberA != numberB) {
-            return talvek::Difference(numberA, numberB);
+            return Difference(numberA, numberB);
         }
         pAtA = strchr(pAtA, '.');
         pAtB = strchr(pAtB, '.');
-        // The search goes on behind the last component, so that equal addresses come by here too.
-        // Held by SortUnitInfoViaIP.LogsEqualAddresses.
+        // A dot is also searched after the last component, so equal addresses are logged.
+        // Tested by SortUnitInfoViaIP.LogsEqualAddresses.
         if (pAtA == nullptr || pAtB == nullptr) {
             LOG("Find nothing?!\n");
             return 0;
@@ -226,7 +216,7 @@ void COM_ShowAllUnitInfo(int count, const tUnitNetInfo *pInfo) {
     if (count <= 0 || pInfo == nullptr) {
         return;
     }
-    // Precisions keep a field that has no NUL inside its width.
+    // The precisions are the sizes of the fields, which may lack a NUL.
     int number = 0;
     for (const tUnitNetInfo &unit : std::span{pInfo, static_cast<size_t>(count)}) {
         LOG("[%d/%d]\n", ++number, count);

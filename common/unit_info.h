@@ -1,78 +1,87 @@
 #ifndef TALVEK_COMMON_UNIT_INFO_H
 #define TALVEK_COMMON_UNIT_INFO_H
 
-/* The unit's identity and network settings in one record, with the small helpers that go with lists
- * of units: link activity, Base64, sorting and listing. */
+/* A unit's identity and network settings in one record, and helpers for units: link activity,
+ * Base64, sorting and listing. */
 
 #include <stdint.h>
+
+#include "file_content.h"
+#include "net_info.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* A unit. Lists are plain arrays of these 328 bytes. Texts end with a NUL inside their field. */
+enum {
+    COM_UNIT_NAME_SIZE = 64, /* bytes for a host name in tUnitNetInfo, including the NUL */
+};
+
+/* A unit. A list of units is an array of these records of 328 bytes. All texts are NUL-terminated.
+ */
 typedef struct tUnitNetInfo {
-    char model[32];      /* /etc/Model */
-    char proj[32];       /* /etc/Proj */
-    char name[64];       /* host name */
-    char ip[16];         /* IPv4 address, 192.168.1.5 */
-    char port[8];        /* /etc/Port, decimal */
-    char netmask[16];    /* as ip */
-    char gateway[16];    /* as ip */
-    char dns[16];        /* first name server, as ip */
-    char mac[24];        /* hardware address, 00:11:22:AA:BB:CC */
-    char dev[16];        /* interface */
-    char note[64];       /* /etc/Note */
-    int32_t mtu;         /* bytes */
-    int32_t if_info_num; /* for the user; COM_GetUnitNetInfo leaves both as they are */
+    char model[COM_UNIT_MODEL_SIZE];         /* /etc/Model */
+    char proj[COM_UNIT_PROJECT_SIZE];        /* /etc/Proj */
+    char name[COM_UNIT_NAME_SIZE];           /* host name */
+    char ip[COM_NET_ADDRESS_TEXT_SIZE];      /* IPv4 address: 192.168.1.5 */
+    char port[COM_PORT_SIZE];                /* /etc/Port, decimal */
+    char netmask[COM_NET_ADDRESS_TEXT_SIZE]; /* these like ip */
+    char gateway[COM_NET_ADDRESS_TEXT_SIZE];
+    char dns[COM_NET_ADDRESS_TEXT_SIZE]; /* first name server */
+    char mac[24];                        /* hardware address: 00:11:22:AA:BB:CC */
+    char dev[COM_NET_IF_NAME_SIZE];      /* interface */
+    char note[COM_UNIT_NOTE_SIZE];       /* /etc/Note */
+    int32_t mtu;                         /* bytes */
+    int32_t if_info_num;                 /* the caller's; this and if_info are not filled */
     char if_info[16];
 } tUnitNetInfo;
 
-/* Fills a record with what this unit is.
+/* Fills a record with the identity and the network settings of this unit.
  *
- *   pInfo    the record; its last two fields stay as they are, the others are written anew
- *   pIfName  interface asked about, as in COM_GetNetInfo (net_info.h); `dev` takes its first 15
- *            characters as given, "auto" too. NULL leaves `dev` empty. May be the `dev` of pInfo
+ *   pInfo    all fields are overwritten except if_info_num and if_info
+ *   pIfName  interface name as for COM_GetNetInfo. Its first 15 characters are stored in `dev`,
+ * also those of "auto"; NULL leaves `dev` empty. May be the `dev` of pInfo.
  *
- * A file's text is cut to its field less one byte, as COM_GetFileContent (file_content.h) reads it;
- * that reader puts "unknown" where it fails, `port` then becomes "80", and `name` is "unknown"
- * where the host name cannot be had (one of 64 characters does not fit). The network fields hold
- * the failure texts of net_info.h where nothing can be said.
+ * A text that is longer than its field is truncated. After a failed read the field has the failure
+ * text of its reader: "unknown", "80" for the port, an address or hardware address of zeros. A host
+ * name of 64 characters does not fit and is a failed read.
  *
- * Returns 0 when all succeeded, else a negative count of what failed (the note does not count). -1
- * for a NULL record. */
+ * Returns 0 when all reads succeeded, else minus the number of failed ones. The note is not
+ * counted. */
 int COM_GetUnitNetInfo(tUnitNetInfo *pInfo, const char *pIfName);
 
-/* Packets that an interface has received (/sys/class/net/<name>/statistics/rx_packets): the first 8
- * digits of the count, which serves to see activity. 0 when it cannot be read, without a message.
- */
+/* Returns the number of packets that an interface has received, from
+ * /sys/class/net/<name>/statistics/rx_packets. Only the first 8 digits are read, which suffices to
+ * see activity. 0 when it cannot be read (not logged). */
 int COM_GetRxPackets(const char *pIfName);
 
-/* Value of a Base64 character (RFC 4648, section 4): 0 to 63, or 64 for any other character. */
+enum {
+    COM_BASE64_NO_VALUE = 64, /* the character is not in the Base64 alphabet */
+};
+
+/* Returns the value of a Base64 character (RFC 4648, section 4), 0 to 63, or COM_BASE64_NO_VALUE.
+ */
 int COM_Base64Value(char c);
 
-/* Decodes Base64 (RFC 4648, section 4). Characters outside the alphabet are passed over; the first
- * "=" or the NUL ends the text; an incomplete last group gives its complete bytes.
+/* Decodes Base64 (RFC 4648, section 4). Characters that are not in the alphabet are skipped. The
+ * first
+ * "=" ends the text. Of an incomplete last group the complete bytes are written.
  *
- *   pDst   room for three quarters of the length of pText, rounded down; no NUL is added. May be
- *          pText itself
- *   pText  NUL-terminated
+ *   pDst   room for three quarters of the length of pText, rounded down; may be pText itself. No
+ * NUL is added.
  *
- * Returns the number of bytes written, 0 for a NULL argument. */
+ * Returns the number of bytes written. */
 int COM_Base64Decode(void *pDst, const char *pText);
 
-/* Index of the first non-zero unit that follows a zero unit: of {a, b, 0, 0, c} it is 4.
- *
- *   pArray  must hold such a unit: the scan has no other end
- *
- * Returns the index, or 0 for NULL (logged). */
+/* Returns the index of the first non-zero unit after a zero unit: 4 for {a, b, 0, 0, c}. The array
+ * must contain such a unit, because the scan does not end otherwise. NULL is logged. */
 int COM_CountUtf8RowLength(const uint16_t *pArray);
 
-/* Comparator for qsort over arrays of tUnitNetInfo, by IPv4 address, component by component as
- * numbers. Equal addresses compare as 0 after a log line. */
+/* Comparator for qsort: compares two tUnitNetInfo by address, component by component as numbers.
+ * Equal addresses are logged and compare as 0. */
 int COM_SortUnitInfoViaIP(const void *pA, const void *pB);
 
-/* Logs `count` records, five lines each; none when count is 0 or less. */
+/* Logs `count` records, five lines each. A count of 0 or less logs nothing. */
 void COM_ShowAllUnitInfo(int count, const tUnitNetInfo *pInfo);
 
 #ifdef __cplusplus

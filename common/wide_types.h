@@ -1,9 +1,9 @@
 #ifndef TALVEK_COMMON_WIDE_TYPES_H
 #define TALVEK_COMMON_WIDE_TYPES_H
 
-/* The library keeps files over 2 GiB and dates past January 2038: off_t and time_t have 64 bits. On
- * 32-bit targets a program is compiled as the library is. Every header that uses these types
- * includes this one, since an argument of the other size is passed without a warning. */
+/* The library supports files over 2 GiB and dates after January 2038: off_t and time_t have 64
+ * bits. A 32-bit program must be compiled like the library. Every header that uses these types
+ * includes this one, because the compiler cannot report an argument of the wrong size. */
 
 #include <assert.h>
 #include <sys/types.h>

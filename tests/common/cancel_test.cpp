@@ -19,6 +19,7 @@
 #include "common/net_info.h"
 #include "common/process.h"
 #include "common/udp_broadcast.h"
+#include "common/unit_info.h"
 #include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/temp_dir.h"
@@ -250,6 +251,11 @@ TEST(Cancellation, WaitsUntilACallIsOver) {
             COM_GetSvnRevision(revision);
         },
         [] { EXPECT_EQ(0, COM_MakeNode(file.c_str(), S_IFREG, 0)); },
+        [] {
+            tUnitNetInfo unit;
+            COM_GetUnitNetInfo(&unit, "lo");
+        },
+        [] { COM_GetRxPackets("lo"); },
         [] {
             char hex[COM_MD5_HEX_SIZE];
             EXPECT_EQ(0, COM_MakeFileMD5(hex, file.c_str()));

@@ -27,7 +27,7 @@ void MakeUnit() {
         " && ip route add default via 10.0.0.1");
 }
 
-TEST(UnitInfoFault, SaysUnknownWithoutAHostName) {
+TEST(UnitInfoFault, ReturnsUnknownWithoutAHostName) {
     RunInPrivateWorld(kNetwork, [] {
         MakeUnit();
         tUnitNetInfo unit;
@@ -67,7 +67,7 @@ TEST(UnitInfoFault, FillsTheRecordWhicheverCallFails) {
     });
 }
 
-TEST(UnitInfoFault, CountsNoPacketsWhereReadingFails) {
+TEST(UnitInfoFault, CountsNoPacketsWhenReadingFails) {
     RunInPrivateWorld(kNetwork, [] {
         ReplaceDir("/sys");
         WriteFile("/sys/class/net/eth0/statistics/rx_packets", "77\n");

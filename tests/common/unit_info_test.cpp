@@ -26,7 +26,7 @@ using namespace talvek::test;
 
 constexpr size_t kRecord = 328;
 
-// A field of a record by its place: NUL-terminated inside its width.
+// The text of a field, by its place in the record. It must be NUL-terminated inside its size.
 std::string Field(const CanaryBuf &record, size_t offset, size_t size) {
     const char *pField = record.text() + offset;
     EXPECT_LT(strnlen(pField, size), size) << "the field at " << offset << " does not end";
@@ -117,7 +117,7 @@ TEST(UnitNetInfo, CountsWhatFailed) {
     });
 }
 
-TEST(UnitNetInfo, LooksForTheDefaultRouteOnce) {
+TEST(UnitNetInfo, ReadsTheDefaultRouteOnce) {
     RunInPrivateWorld(kNetwork | kHostname, [] {
         MakeUnit();
         ReplaceDir("/proc");
@@ -132,9 +132,9 @@ TEST(UnitNetInfo, LooksForTheDefaultRouteOnce) {
     });
 }
 
-// Model, project, host name and port are there; address, netmask, gateway, name server, hardware
+// Model, project, host name and port are read; address, netmask, gateway, name server, hardware
 // address and MTU fail, in this order.
-TEST(UnitNetInfo, HoldsWellFormedTextsForAnUnknownInterface) {
+TEST(UnitNetInfo, HasWellFormedTextsForAnUnknownInterface) {
     RunInPrivateWorld(kNetwork | kHostname, [] {
         MakeUnit();
         unlink("/etc/resolv.conf");
@@ -159,8 +159,8 @@ TEST(UnitNetInfo, HoldsWellFormedTextsForAnUnknownInterface) {
     });
 }
 
-// The files are links that lead to themselves, which each reading tells; the note comes before the
-// MTU and is not counted.
+// The files are links to themselves, so every attempt to read one is logged. The note is read
+// before the MTU and not counted.
 TEST(UnitNetInfo, ReadsInTheOrderOfTheRecordAndTheNoteBeforeTheMtu) {
     RunInPrivateWorld(kNetwork | kHostname, [] {
         FreshEtc();
@@ -188,7 +188,7 @@ TEST(UnitNetInfo, ReadsInTheOrderOfTheRecordAndTheNoteBeforeTheMtu) {
     });
 }
 
-TEST(UnitNetInfo, CutsTextsToTheirFields) {
+TEST(UnitNetInfo, TruncatesTextsToTheirFields) {
     RunInPrivateWorld(kNetwork | kHostname, [] {
         MakeUnit();
         for (const size_t size : {7, 8, 15, 16, 31, 32, 33, 63, 64, 65, 200}) {
@@ -207,8 +207,8 @@ TEST(UnitNetInfo, CutsTextsToTheirFields) {
     });
 }
 
-// The kernel's limit is 64 characters, one more than the field holds.
-TEST(UnitNetInfo, TakesHostNamesThatFitWithTheirEnd) {
+// The kernel accepts 64 characters, one more than the field.
+TEST(UnitNetInfo, AcceptsHostNamesOfUpTo63Characters) {
     RunInPrivateWorld(kNetwork | kHostname, [] {
         MakeUnit();
         const CanaryBuf record{kRecord};
@@ -221,7 +221,7 @@ TEST(UnitNetInfo, TakesHostNamesThatFitWithTheirEnd) {
     });
 }
 
-TEST(UnitNetInfo, IsRefreshedUnderItsOwnInterface) {
+TEST(UnitNetInfo, IsRefreshedByItsOwnInterface) {
     RunInPrivateWorld(kNetwork | kHostname, [] {
         MakeUnit();
         tUnitNetInfo unit;
@@ -238,9 +238,9 @@ TEST(UnitNetInfo, FailsWithoutARecord) {
     EXPECT_EQ(Lines{}, CaptureLog([] { EXPECT_EQ(-1, COM_GetUnitNetInfo(nullptr, "lo")); }));
 }
 
-TEST(RxPackets, EqualsWhatIpSays) {
+TEST(RxPackets, EqualsTheCountOfIp) {
     RunInPrivateWorld(kNetwork, [] {
-        // The interfaces of a network are seen in a sysfs that is mounted inside it.
+        // Only a sysfs that is mounted inside a network namespace shows its interfaces.
         ASSERT_EQ(0, mount("sysfs", "/sys", "sysfs", 0, nullptr)) << strerror(errno);
         RunCommand("ip link set lo up");
         EXPECT_EQ(0, COM_GetRxPackets("lo"));
@@ -254,7 +254,7 @@ TEST(RxPackets, EqualsWhatIpSays) {
                 1, sendto(fd, "x", 1, 0, reinterpret_cast<sockaddr *>(&discard), sizeof discard));
         }
         close(fd);
-        // The kernel may still be answering that nobody listens there, so the count may grow.
+        // The kernel may still send "port unreachable", so the count may grow.
         const int before = COM_GetRxPackets("lo");
         const std::string json = RunCommand("ip -json -s link show lo");
         const size_t rx = json.find("\"rx\":");
@@ -266,7 +266,7 @@ TEST(RxPackets, EqualsWhatIpSays) {
     });
 }
 
-TEST(RxPackets, CountsInTheFirstEightDigits) {
+TEST(RxPackets, ReadsTheFirstEightDigits) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/sys");
         const struct {
@@ -290,7 +290,7 @@ TEST(RxPackets, CountsInTheFirstEightDigits) {
     });
 }
 
-TEST(RxPackets, AreZeroWithoutAMessageWhereNothingCanBeRead) {
+TEST(RxPackets, AreZeroWithoutAMessageWhenNothingCanBeRead) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/sys");
         WriteFile("/sys/class/net/abcdefghijklmno/statistics/rx_packets", "15\n");
@@ -302,7 +302,7 @@ TEST(RxPackets, AreZeroWithoutAMessageWhereNothingCanBeRead) {
         RunCommand("mkdir -p /sys/class/net/dir/statistics/rx_packets");
         EXPECT_EQ("", Capture([] {
                       EXPECT_EQ(15, COM_GetRxPackets("abcdefghijklmno"));
-                      // Longer than a name can be, or no name but a way out of the directory.
+                      // Too long for a name, or leading to another directory.
                       for (const std::string name :
                            {"abcdefghijklmnop", "", ".", "..", "../net/abcdefghijklmno", "a/b", "/",
                             "nope0", "dir"}) {
@@ -314,7 +314,7 @@ TEST(RxPackets, AreZeroWithoutAMessageWhereNothingCanBeRead) {
     });
 }
 
-TEST(Base64Value, IsThePlaceInTheAlphabetOr64) {
+TEST(Base64Value, IsThePositionInTheAlphabetOr64) {
     const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     for (int code = 0; code < 256; ++code) {
         const char c = static_cast<char>(code);
@@ -326,7 +326,7 @@ TEST(Base64Value, IsThePlaceInTheAlphabetOr64) {
     EXPECT_EQ(64, COM_Base64Value('_'));
 }
 
-// Decodes into exactly three quarters of the text's length, rounded down.
+// Decodes into a buffer of exactly three quarters of the text's length, rounded down.
 std::string Decode(const std::string &text) {
     const GuardedCopy copy{text.c_str()};
     const CanaryBuf out{text.size() * 3 / 4};
@@ -337,7 +337,7 @@ std::string Decode(const std::string &text) {
 }
 
 // RFC 4648, section 10.
-TEST(Base64Decode, DecodesTheStandardsVectors) {
+TEST(Base64Decode, DecodesTheVectorsOfTheStandard) {
     EXPECT_EQ("", Decode(""));
     EXPECT_EQ("f", Decode("Zg=="));
     EXPECT_EQ("fo", Decode("Zm8="));
@@ -384,8 +384,9 @@ TEST(Base64Decode, DecodesNothingWithoutTextOrOutput) {
     EXPECT_EQ(0, COM_Base64Decode(nullptr, "QUJD"));
 }
 
-// coreutils' base64 is the peer: lines of 76 characters, each length of the last group, every byte.
-TEST(Base64Decode, UndoesWhatThePeerEncoded) {
+// Compared with base64 of coreutils: lines of 76 characters, every length of the last group, every
+// byte.
+TEST(Base64Decode, DecodesTheOutputOfBase64) {
     const TempDir dir;
     for (const size_t size : {1, 2, 3, 57, 58, 59, 1000}) {
         std::string bytes(size, '\0');
@@ -395,17 +396,17 @@ TEST(Base64Decode, UndoesWhatThePeerEncoded) {
         WriteFile(dir / "bytes", bytes);
         const std::string text = RunCommand("base64 " + (dir / "bytes"));
         EXPECT_EQ(bytes, Decode(text));
-        // Cut anywhere it gives the bytes that are complete by then.
+        // A truncated text gives the bytes that are complete.
         int values = 0;
         for (size_t length = 0; length < text.size(); ++length) {
             EXPECT_EQ(bytes.substr(0, static_cast<size_t>(values) * 6 / 8),
                       Decode(text.substr(0, length)));
-            values += COM_Base64Value(text[length]) != 64;
+            values += COM_Base64Value(text[length]) != COM_BASE64_NO_VALUE;
         }
     }
 }
 
-TEST(CountUtf8RowLength, IsTheIndexOfTheFirstUnitBehindZeros) {
+TEST(CountUtf8RowLength, IsTheIndexOfTheFirstUnitAfterZeros) {
     const struct {
         std::vector<uint16_t> units;
         int index;
@@ -456,15 +457,15 @@ TEST(SortUnitInfoViaIP, LogsEqualAddresses) {
     for (const char *pAddress : {"10.0.0.9", "255.255.255.255", "0.0.0.0", "10.0", "10", "", "x"}) {
         EXPECT_EQ(message, CaptureLog([&] { EXPECT_EQ(0, Compare(pAddress, pAddress)); }));
     }
-    // One of the two ends before the difference comes.
+    // One address ends before the difference.
     EXPECT_EQ(message, CaptureLog([] { EXPECT_EQ(0, Compare("10.1", "10.1.5.5")); }));
     EXPECT_EQ(message, CaptureLog([] { EXPECT_EQ(0, Compare("10.1.5.5", "10.1")); }));
-    // Four components are compared; a dot behind the fourth leaves nothing to log.
+    // Four components are compared. With a dot after the fourth nothing is logged.
     EXPECT_EQ("", Capture([] { EXPECT_EQ(0, Compare("1.2.3.4.5", "1.2.3.4.6")); }));
 }
 
-TEST(SortUnitInfoViaIP, StaysInsideTheFieldAndTheIntegers) {
-    // 16 bytes without a NUL: what stands behind does not count.
+TEST(SortUnitInfoViaIP, StaysInsideTheFieldAndSaturates) {
+    // 16 bytes without a NUL: the next field is not read.
     tUnitNetInfo a = UnitAt("1.2.3.4444444444");
     tUnitNetInfo b = a;
     memcpy(a.port, "1", 1);
@@ -477,7 +478,7 @@ TEST(SortUnitInfoViaIP, StaysInsideTheFieldAndTheIntegers) {
     EXPECT_EQ(0, COM_SortUnitInfoViaIP(&a, nullptr));
 }
 
-TEST(SortUnitInfoViaIP, SortsAListWithTheStridesOfTheRecord) {
+TEST(SortUnitInfoViaIP, SortsAnArrayOfRecords) {
     tUnitNetInfo list[] = {UnitAt("192.168.1.10"), UnitAt("10.0.0.10"), UnitAt("192.168.1.9"),
                            UnitAt("10.0.0.9"), UnitAt("9.255.255.255")};
     for (size_t i = 0; i < std::size(list); ++i) {
@@ -529,7 +530,7 @@ TEST(ShowAllUnitInfo, LogsNothingForNoRecords) {
               }));
 }
 
-TEST(ShowAllUnitInfo, StaysInsideFieldsThatDoNotEnd) {
+TEST(ShowAllUnitInfo, StaysInsideFieldsWithoutANul) {
     const std::string bytes(kRecord, 'x');
     const GuardedCopy record{bytes.data(), bytes.size()};
     const auto x = [](size_t count) { return std::string(count, 'x'); };
