@@ -6,25 +6,27 @@
  *
  * Conventions that hold for every entry unless its header says otherwise:
  *
- *   Results     Signed 32-bit integers: 0 for success, -1 for failure. The queries of a drive or a
- *               disc return DEV_QUERY_OK (1) or DEV_QUERY_FAILED (0). Every other result has a
- * name. Log         A failing system call is logged on standard output (common/log.h) with the
- * module name DEV, the entry's name, the call, its argument and the system's error text. Sense
- * bytes, hex dumps, device lists and track details are printed there without that prefix, in order
- * with the log lines around them. errno       Means nothing after a call; the log line has the
- * reason. NULL        A device path that an entry only writes into log lines may be NULL and then
- * counts as empty. Any other NULL makes the entry fail and is logged. Outputs     After a failure
- * an output holds what it held before. Texts       Are NUL-terminated. Sizes are in bytes and count
- * the NUL. A text that does not fit its buffer is cut, and a warning is logged. KB means 1024
- * bytes. Ownership   Buffers and records belong to the caller. A descriptor that the caller passes
- * stays open. Descriptors that an entry opens are closed before it returns, and in programs
- *               executed meanwhile (O_CLOEXEC).
- *   Replies     Bytes from a device are never used as a length without a check. A reply is as long
- *               as the request; a field beyond its end, and bytes that the device did not send,
- * read as 0. Threads     Calls may run in several threads at once, but two threads must not use one
- *               descriptor at the same time.
- *   Cancelling  Cancellation of a thread waits until a call is over.
- *   Stack       An entry uses at most 12 KiB. Entries that use DEV_REPLY_SIZE bytes more say so.
+ *   - Results are signed 32-bit integers: 0 for success, -1 for failure. The queries of a drive or
+ *     a disc return DEV_QUERY_OK (1) or DEV_QUERY_FAILED (0). Other results have names, or are
+ *     counts.
+ *   - A failing system call is logged on standard output (common/log.h) with the module name DEV,
+ *     the entry's name, the call, its argument and the system's error text. Sense bytes, hex dumps,
+ *     device lists and track details are printed there without that prefix, in order with the log
+ *     lines around them.
+ *   - errno means nothing after a call; the log line has the reason.
+ *   - A device path that an entry only writes into log lines may be NULL and then counts as empty.
+ *     Any other NULL makes the entry fail and is logged.
+ *   - After a failure an output holds what it held before.
+ *   - Texts are NUL-terminated. Sizes are in bytes and count the NUL. A text that does not fit its
+ *     buffer is cut, and a warning is logged. KB means 1024 bytes.
+ *   - Buffers and records belong to the caller. A descriptor that the caller passes stays open.
+ *     Descriptors that an entry opens are closed before it returns, and in programs executed
+ *     meanwhile (O_CLOEXEC).
+ *   - Bytes from a device are never used as a length without a check. A reply is as long as the
+ *     request; a field beyond its end, and bytes that the device did not send, read as 0.
+ *   - Calls may run in several threads at once, but two threads must not use one descriptor at the
+ *     same time. Cancellation of a thread waits until a call is over.
+ *   - An entry uses at most 12 KiB of stack. Entries that use DEV_REPLY_SIZE bytes more say so.
  *
  * The headers are plain C11 and can be read by C++. */
 

@@ -71,7 +71,7 @@ typedef struct tDiscInfo {
     uint32_t cdSubType;      /* DEV_CD_..., disc sub-type of the ATIP */
     uint32_t discStatus;     /* DEV_DISC_... */
     uint32_t lastTrackStart; /* logical block address of a CD's last track */
-    uint32_t nextLeadIn;     /* of the next session, in 2 KB sectors (CD) */
+    uint32_t nextLeadIn;     /* start of the next session's lead-in in 2 KB sectors (CD) */
     uint32_t lastTrack;      /* last track in the last session */
     uint32_t sessions;       /* number of sessions (CD) */
     uint32_t freeBlocks;     /* of the last track, in 2 KB blocks */
@@ -95,10 +95,10 @@ typedef struct tDiskStat {
 /* tDevInfo.busType. The enumeration finds no eSATA; it counts as ATA there. */
 enum { DEV_BUS_ATA = 0, DEV_BUS_USB = 1, DEV_BUS_IEEE1394 = 2, DEV_BUS_ESATA = 3 };
 
-#define DEV_MAX_DEVICES 32     /* records of one enumeration, and rows of the map of nodes */
-#define DEV_INFO_MODEL_SIZE 28 /* bytes of the texts of the records below */
-#define DEV_INFO_PATH_SIZE 12
-#define DEV_INFO_MOUNT_SIZE 120
+#define DEV_MAX_DEVICES 32      /* records of one enumeration, and rows of the map of nodes */
+#define DEV_INFO_MODEL_SIZE 28  /* bytes of tDevInfo.model */
+#define DEV_INFO_PATH_SIZE 12   /* bytes of devPath and sgPath */
+#define DEV_INFO_MOUNT_SIZE 120 /* bytes of tDevInfo.mountPoint */
 
 /* One device. The caller zeroes the record before it is filled. */
 typedef struct tDevInfo {
@@ -108,7 +108,7 @@ typedef struct tDevInfo {
     char sgPath[DEV_INFO_PATH_SIZE];      /* paired generic node: "/dev/sg1" */
     char mountPoint[DEV_INFO_MOUNT_SIZE]; /* empty when the device is not mounted */
     uint8_t ready;     /* 1: TEST UNIT READY succeeded (scsi.h says what that means) */
-    uint8_t isOptical; /* 1: optical drive, u.disc is valid; 0: disk, u.disk is valid */
+    uint8_t isOptical; /* 1: optical drive or tape, u.disc is valid; 0: disk, u.disk is valid */
     uint8_t busType;   /* DEV_BUS_... */
     uint8_t reserved;  /* 0 */
     union {

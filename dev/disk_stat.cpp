@@ -17,7 +17,7 @@
 #include "base/path.h"
 #include "base/scope_exit.h"
 #include "base/unique_fd.h"
-#include "dev/internal/copy_text.h"
+#include "dev/internal/copy_bounded.h"
 #include "dev/internal/module_log.h"
 #include "dev/mount.h"
 #include "dev/mount_table.h"
@@ -110,6 +110,6 @@ int Dev_GetHDStat(tDevInfo *pDev, unsigned fsIndex) {
         pDev->mountPoint[0] = '\0';
         return MeasureThroughOwnMount(*pDev, fsIndex);
     }
-    talvek::CopyText(__func__, pDev->mountPoint, sizeof pDev->mountPoint, mountPoint);
+    talvek::CopyBounded(__func__, pDev->mountPoint, sizeof pDev->mountPoint, mountPoint);
     return MeasureFileSystem(mountPoint, *pDev) ? DEV_HD_STAT_MOUNTED : DEV_HD_STAT_FAILED;
 }

@@ -41,13 +41,17 @@ enum {
     DEV_FS_TYPE_TMPFS = 0x01021994,
 };
 
-/* Capabilities. A mask has the bit 1 << n for capability n. */
-#define DEV_FS_CAP_MAKE 1  /* a tool makes the file system: arg1 = its options */
-#define DEV_FS_CAP_LABEL 2 /* a tool handles the label: arg1 reads it, arg2 (a format) sets it */
-#define DEV_FS_CAP_CHECK                                                                          \
-    3                     /* a tool repairs: arg1 without questions, arg2 answers yes; the caller \
-                             fills in a letter for "%c" */
-#define DEV_FS_CAP_MARK 4 /* the mark of xfs, ext4 and ext3; it has no tool */
+/* Capabilities. A mask has the bit 1 << n for capability n.
+ *
+ *   MAKE   a tool makes the file system: arg1 = its options
+ *   LABEL  a tool handles the label: arg1 reads it, arg2 (a format) sets it
+ *   CHECK  a tool repairs: arg1 without questions, arg2 answers yes to all; the caller replaces
+ *          "%c" in them by a letter
+ *   MARK   the mark of xfs, ext4 and ext3, without a tool */
+#define DEV_FS_CAP_MAKE 1
+#define DEV_FS_CAP_LABEL 2
+#define DEV_FS_CAP_CHECK 3
+#define DEV_FS_CAP_MARK 4
 
 /* A tool. All texts are constant; an argument that the tool does not have is NULL. */
 typedef struct tFsTool {
@@ -83,8 +87,7 @@ enum {
  *   pName  type for mount(2), as in the table
  *   mode   DEV_FS_IS_UNMARKED or DEV_FS_IS_MARKED; any other mode gives 0
  *
- * Returns -1, whatever the mode, for a name that is unknown, disabled or NULL; nothing is logged.
- */
+ * Returns -1, whatever the mode, for an unknown or disabled name and for NULL (not logged). */
 int Dev_FsCheckFlag(const char *pName, int mode);
 
 /* The tool of a file system, by its name or by its row.

@@ -15,7 +15,8 @@ extern "C" {
  *   pDir     an existing directory
  *   fsIndex  DEV_FS_XFS to DEV_FS_TMPFS (file_system.h): mounts with this type and its flags and
  *            options. Of a disk "/dev/sdb", "/dev/sdb0" to "/dev/sdb8" and then "/dev/sdb" are
- * tried. With DEV_FS_NFS, pSrc must be an export; with another row an export counts as a device.
+ *            tried. With DEV_FS_NFS, pSrc must be an export; with another row an export counts as a
+ *            device.
  *            DEV_FS_DETECT or greater: tries every supported file system in the order of the table.
  *            For each of them, "/dev/sdb1" to "/dev/sdb9" and then "/dev/sdb" are tried, as far as
  *            Dev_CheckPartition (mount_table.h) finds them.
@@ -59,7 +60,7 @@ int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex);
  * the mount table has the server's name instead of its address, the look-up counts too, but may
  * take longer: getaddrinfo(3) has no time limit to set.
  *
- * Returns what umount(2) returned: 0, or -1 with the failure logged. */
+ * Returns what umount(2) returned: 0, or -1 with the failure logged. NULL is not logged. */
 int Dev_uMount(const char *pDir);
 
 /* Dev_uMount with MNT_FORCE (umount2(2)): pending requests to an NFS server that does not answer

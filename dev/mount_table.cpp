@@ -10,13 +10,13 @@
 #include "base/cancel_guard.h"
 #include "base/path.h"
 #include "base/unique_fd.h"
-#include "dev/internal/copy_text.h"
+#include "dev/internal/copy_bounded.h"
 #include "dev/internal/module_log.h"
 #include "dev/internal/mount_entry.h"
 
 namespace {
 
-using talvek::CopyText;
+using talvek::CopyBounded;
 using talvek::MountLine;
 using talvek::MountReader;
 
@@ -40,7 +40,7 @@ int FindMountPoint(const char *pFunction, const char *pDev, char *pMountPoint, u
     MountReader mounts{pFunction};
     for (MountLine line; mounts.Next(line);) {
         if (DeviceMatches(line.device, pDev, n)) {
-            CopyText(pFunction, pMountPoint, DEV_MOUNT_TEXT_SIZE, line.mountPoint);
+            CopyBounded(pFunction, pMountPoint, DEV_MOUNT_TEXT_SIZE, line.mountPoint);
             return 0;
         }
     }
@@ -101,7 +101,7 @@ int Dev_GetDevViaMount(char *pDev, const char *pMountPoint) {
     MountReader mounts{__func__};
     for (MountLine line; mounts.Next(line);) {
         if (strcmp(line.mountPoint, pMountPoint) == 0) {
-            CopyText(__func__, pDev, DEV_MOUNT_TEXT_SIZE, line.device);
+            CopyBounded(__func__, pDev, DEV_MOUNT_TEXT_SIZE, line.device);
             result = 0;
         }
     }

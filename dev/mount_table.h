@@ -31,8 +31,8 @@ typedef struct tMountEntry {
  *   pDev         the device
  *   pMountPoint  DEV_MOUNT_TEXT_SIZE bytes for the mount point
  *   n            DEV_MPT_PREFIX: the mounted device begins with pDev ("/dev/sda" finds
- * "/dev/sda1"). Above 0: the mounted device has at most n characters, and its first n characters
- *                are those of pDev.
+ *                "/dev/sda1"). Above 0: the mounted device has at most n characters, and its first
+ *                n characters are those of pDev.
  *
  * Returns 0, or -1 when no mount matches. */
 int Dev_nGetMPT(const char *pDev, char *pMountPoint, unsigned n);

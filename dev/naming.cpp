@@ -13,7 +13,7 @@
 #include "base/cancel_guard.h"
 #include "base/path.h"
 #include "base/unique_fd.h"
-#include "dev/internal/copy_text.h"
+#include "dev/internal/copy_bounded.h"
 #include "dev/internal/module_log.h"
 #include "dev/internal/scsi_nodes.h"
 
@@ -136,7 +136,7 @@ int Translate(const Translation &what, unsigned count, OpenNode openNode) {
         const UniqueFd fd{openNode(k, name)};
         tScsiAddr addr{};
         if (fd && ReadAddr(what, name, fd.get(), addr) && talvek::SameScsiAddr(addr, wanted)) {
-            talvek::CopyText(what.function, what.to, what.size, name);
+            talvek::CopyBounded(what.function, what.to, what.size, name);
             return 0;
         }
     }
@@ -180,6 +180,6 @@ int Dev_ConvertMajorMinor(int major, int minor, char *pName, size_t size) {
         LOG("invalid (major, minor) = (%d, %d)\n", major, minor);
         return -1;
     }
-    talvek::CopyText(__func__, pName, size, name);
+    talvek::CopyBounded(__func__, pName, size, name);
     return 0;
 }

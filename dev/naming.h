@@ -22,7 +22,7 @@ enum {
 
 /* Writes the name of a SCSI generic node.
  *
- *   pDst     DEV_INFO_PATH_SIZE bytes; a longer name is cut without a warning
+ *   pDst     DEV_INFO_PATH_SIZE bytes; a longer name is cut without a warning. NULL writes nothing.
  *   k        number of the node
  *   numeric  DEV_SG_NUMBERS or DEV_SG_LETTERS; a k without a letter is logged */
 void Dev_MakeDevName(char *pDst, unsigned k, int numeric);
@@ -33,7 +33,7 @@ void Dev_MakeDevName(char *pDst, unsigned k, int numeric);
  *   pSgPath  the generic node, "/dev/sg1"
  *   pSdPath  `size` bytes for the name; DEV_NODE_NAME_SIZE is always enough
  *
- * Returns 0, or -1 when pSgPath cannot be opened or queried, or when no node has its address. */
+ * Returns 0, or -1: pSgPath cannot be opened or queried, no node has its address, or size is 0. */
 int Dev_SgToSd(const char *pSgPath, char *pSdPath, size_t size);
 
 /* Finds the SCSI generic node of a block, optical or tape node, among /dev/sg0 to sg31, or /dev/sga
@@ -47,7 +47,7 @@ int Dev_SdToSg(const char *pSdPath, char *pSgPath, size_t size);
  *
  *   pName  `size` bytes for the name; DEV_NODE_NAME_SIZE is always enough
  *
- * Returns 0, or -1 with the pair logged as invalid. */
+ * Returns 0, or -1 with the pair logged as invalid (also for a NULL pName or a size of 0). */
 int Dev_ConvertMajorMinor(int major, int minor, char *pName, size_t size);
 
 #ifdef __cplusplus

@@ -22,7 +22,7 @@ enum {
 /* Identifies the disc in one drive of an enumeration.
  *
  *   pDev  isOptical, sgPath (the node that is opened) and devPath (for the log lines, and mounted
- * to measure a rewritable DVD) are read; ready and u.disc are set
+ *         to measure a rewritable DVD) are read; ready and u.disc are set
  *
  * A drive that is not ready takes three seconds. A drive that does not answer counts as ready
  * (Dev_ExecMMC, scsi.h): the result is DEV_DISC_INFO_UNSUPPORTED after three requests, each of

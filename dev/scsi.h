@@ -63,8 +63,8 @@ enum {
  *
  *   - A device that does not answer. The request then ends without sense data after hdr.timeout and
  *     the kernel's attempts to recover the device.
- *   - A device that sends sense data in descriptor format (SPC-3 4.5.2: response codes 72h and
- * 73h), if the bytes at the places of the fixed format are 0.
+ *   - A device that sends sense data in descriptor format (SPC-3 4.5.2, response codes 72h and
+ *     73h), if the bytes at the places of the fixed format are 0.
  *
  * Returns DEV_MMC_OK or another result from the list above. */
 int Dev_ExecMMC(tMmcCmd *pCmd, int fd, int verbose);
@@ -83,7 +83,7 @@ int Dev_TestUnitReady(const char *pDevPath, int fd);
  *   pDevPath  for the log lines
  *   pModel    NULL, or DEV_MODEL_SIZE bytes for vendor and product run together. Of their 24
  *             characters, letters, digits and spaces are kept. A run of spaces becomes one space,
- * at the beginning too; a space at the end is removed.
+ *             also at the beginning; a space at the end is removed.
  *
  * Returns DEV_QUERY_OK or DEV_QUERY_FAILED. */
 int Dev_Inquiry(const char *pDevPath, int fd, char *pModel);

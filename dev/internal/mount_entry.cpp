@@ -6,7 +6,7 @@
 #include <string.h>
 
 #include "base/path.h"
-#include "dev/internal/copy_text.h"
+#include "dev/internal/copy_bounded.h"
 #include "dev/internal/module_log.h"
 
 namespace talvek {
@@ -90,10 +90,10 @@ bool FindMountEntry(const char *pDir, tMountEntry &entry, CutFields &cut) {
             continue;
         }
         found = true;
-        cut.device = !CopyText(kFunction, entry.device, sizeof entry.device, line.device);
-        CopyText(kFunction, entry.mountPoint, sizeof entry.mountPoint, line.mountPoint);
-        CopyText(kFunction, entry.type, sizeof entry.type, line.type);
-        cut.options = !CopyText(kFunction, entry.options, sizeof entry.options, line.options);
+        cut.device = !CopyBounded(kFunction, entry.device, sizeof entry.device, line.device);
+        CopyBounded(kFunction, entry.mountPoint, sizeof entry.mountPoint, line.mountPoint);
+        CopyBounded(kFunction, entry.type, sizeof entry.type, line.type);
+        cut.options = !CopyBounded(kFunction, entry.options, sizeof entry.options, line.options);
     }
     return found;
 }
