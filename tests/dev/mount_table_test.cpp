@@ -196,8 +196,7 @@ TEST(MountTable, LogsAMissingFile) {
 }
 
 // proc(5): blank, tab, newline and backslash are written as \040 \011 \012 \134; newer kernels
-// write
-// '#' as \043 too.
+// write '#' as \043 too.
 TEST(MountTable, AcceptsAndReturnsNamesWithoutEscapes) {
     WithMounts(
         "/dev/my\\040disk /mnt/a\\040b\\011c\\012d\\134e\\043f ext4 rw 0 0\n"

@@ -34,8 +34,7 @@ struct MountCall {
     bool operator==(const MountCall &) const = default;
 };
 
-// The calls of Dev_Mount, and functions that replace them; without a function the real call is
-// made.
+// Functions that replace the calls; without one the real call is made. g_calls are those of mount.
 std::function<int(const MountCall &)> g_mount;
 std::function<int(const std::string &, int)> g_umount;
 std::function<int(const std::string &)> g_system;

@@ -113,7 +113,7 @@ TEST_F(Identification, LogsAnUnknownProfile) {
               lines.back());
 }
 
-TEST_F(Identification, AsksABdRomForDiscInformationOnly) {
+TEST_F(Identification, ReadsOnlyTheDiscInformationOfABdRom) {
     drive_.Load("bd_rom.hex");
     const Identified found = Identify(drive_);
     EXPECT_EQ("00 12 46 51 51", found.opcodes);
@@ -160,7 +160,7 @@ TEST_F(Identification, NeedsTheNode) {
     EXPECT_EQ(0, memcmp(&before, &dev, sizeof dev));
 }
 
-TEST_F(Identification, StopsWhenTheDriveIsNotReady) {
+TEST_F(Identification, EndsWhenTheDriveIsNotReady) {
     drive_.Always(0x00, SgAnswer::Check(0x02, 0x3A, 0x00));
     TakePauses();
     const Identified found = Identify(drive_);
@@ -173,7 +173,7 @@ TEST_F(Identification, StopsWhenTheDriveIsNotReady) {
     EXPECT_TRUE(tDiscInfo{} == found.dev.u.disc) << "zeroed";
 }
 
-TEST_F(Identification, GoesOnWhenTheDriveBecomesReady) {
+TEST_F(Identification, ContinuesWhenTheDriveBecomesReady) {
     drive_.Load("cd_r_closed.hex");
     drive_.Next(0x00, SgAnswer::Check(0x02, 0x04, 0x01));
     TakePauses();
@@ -186,7 +186,7 @@ TEST_F(Identification, GoesOnWhenTheDriveBecomesReady) {
 
 // Every request of a drive that does not answer ends after its time with a host status (03h:
 // DID_TIME_OUT) and without sense data.
-TEST_F(Identification, TakesADriveThatDoesNotAnswerForReadyAndUnsupported) {
+TEST_F(Identification, CountsADriveThatDoesNotAnswerAsReadyAndUnsupported) {
     SgAnswer noAnswer;
     noAnswer.info = SG_INFO_CHECK;
     noAnswer.hostStatus = 0x03;
