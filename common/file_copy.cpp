@@ -12,13 +12,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
+#include "base/cancel_guard.h"
 #include "base/heap_buf.h"
 #include "base/path.h"
 #include "base/unique_fd.h"
 #include "common/file.h"
 #include "common/internal/module_log.h"
+#include "common/internal/write_whole.h"
 
-namespace talvek {
 namespace {
 
 constexpr size_t kCopyBlock = size_t{64} * 1024;
@@ -26,8 +29,8 @@ constexpr size_t kAppendBlock = 4096;
 constexpr size_t kCopyPathSize = 128;
 constexpr mode_t kNewDirMode = 0755;
 
-// Makes the directory in which a path lies. Of a path that does not fit the scratch, the directory
-// of its cut form is made: the same one or one on the way to it.
+// Makes the directory of a path. If the path does not fit, that of its first kSize - 1 characters
+// is made: the same one or one above it.
 template <size_t kSize>
 void MakeParentDir(const char *pPath) {
     char scratch[kSize];
@@ -35,19 +38,29 @@ void MakeParentDir(const char *pPath) {
     COM_Mkdir(dirname(scratch), kNewDirMode);
 }
 
-UniqueFd OpenCopy(const char *pDst) {
+talvek::UniqueFd OpenCopy(const char *pDst) {
     constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOATIME;
     constexpr mode_t kMode = 0664;
-    UniqueFd fd{OpenPath(pDst, kFlags, kMode)};
+    talvek::UniqueFd fd{talvek::OpenPath(pDst, kFlags, kMode)};
     if (!fd && errno == ENOENT) {
         MakeParentDir<kCopyPathSize>(pDst);
-        fd.Reset(OpenPath(pDst, kFlags, kMode));
+        fd.Reset(talvek::OpenPath(pDst, kFlags, kMode));
     }
     return fd;
 }
 
-// How many bytes an append may take: those that the source holds now when it is the destination,
-// as what is appended would be read again and again.
+// Lets the kernel copy what it can, which shares blocks where the file system does that and
+// elsewhere spares the way through this process. An error ends it: the read or write that follows
+// meets the same error, or succeeds where the kernel cannot copy.
+void CopyInKernel(int src, int dst) {
+    constexpr size_t kMost = size_t{1} << 30;
+    posix_fadvise(src, 0, 0, POSIX_FADV_SEQUENTIAL);
+    while (copy_file_range(src, nullptr, dst, nullptr, kMost, 0) > 0) {
+    }
+}
+
+// How many bytes an append may take: when the source is the destination, what it holds now, or the
+// appended bytes would be read again and again.
 int64_t AppendLimit(int dst, int src) {
     struct stat from;
     struct stat to;
@@ -57,31 +70,34 @@ int64_t AppendLimit(int dst, int src) {
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_CopyFile(const char *pDst, const char *pSrc) {
+    const talvek::CancelGuard guard;
     const talvek::UniqueFd src{talvek::OpenPath(pSrc, O_RDONLY | O_NOATIME)};
     if (!src) {
         LOG_ERRNO("open(pSrv : %s) failed : %s\n", talvek::Shown(pSrc));
     }
     // The destination is opened, and so emptied, whatever became of the source.
-    // Held by CopyFile.EmptiesTheDestinationWhenTheSourceIsMissing.
-    const talvek::UniqueFd dst = talvek::OpenCopy(pDst);
+    // Tested by CopyFile.EmptiesTheDestinationWhenTheSourceIsMissing.
+    const talvek::UniqueFd dst = OpenCopy(pDst);
     if (!dst) {
         LOG_ERRNO("open(%s) failed : %s\n", talvek::Shown(pDst));
     }
     if (!src || !dst) {
         return -1;
     }
-    posix_fadvise(src.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    char block[talvek::kCopyBlock];
+    CopyInKernel(src.get(), dst.get());
+    talvek::HeapBuf<char> block;
+    if (!block.Resize(kCopyBlock)) {
+        LOG_ERRNO("malloc(%d) error : %s\n", static_cast<int>(kCopyBlock));
+        return -1;
+    }
     for (;;) {
-        const ssize_t count = read(src.get(), block, sizeof block);
+        const ssize_t count = read(src.get(), block.get(), kCopyBlock);
         if (count <= 0) {
             return static_cast<int>(count);
         }
-        errno = 0;  // a short write has no error of its own
-        if (write(dst.get(), block, static_cast<size_t>(count)) != count) {
+        if (!talvek::WriteWhole(dst.get(), block.get(), static_cast<size_t>(count))) {
             LOG_ERRNO("write(%s,%d) failed : %s\n", pDst, dst.get());
             return -1;
         }
@@ -89,18 +105,19 @@ int COM_CopyFile(const char *pDst, const char *pSrc) {
 }
 
 int COM_CopyAndLink(const char *pTarget, const char *pLink) {
+    const talvek::CancelGuard guard;
     struct stat link;
     struct stat target;
     if (talvek::StatPath(pLink, &link) != 0) {
         if (errno != ENOENT) {
             return -1;
         }
-        talvek::MakeParentDir<PATH_MAX>(pLink);
+        MakeParentDir<PATH_MAX>(pLink);
     } else if (talvek::StatPath(pTarget, &target) != 0) {
         if (errno != ENOENT) {
             return -1;
         }
-        talvek::MakeParentDir<PATH_MAX>(pTarget);
+        MakeParentDir<PATH_MAX>(pTarget);
         if ((!S_ISREG(link.st_mode) && !S_ISLNK(link.st_mode)) ||
             COM_CopyFile(pTarget, pLink) != 0) {
             return -1;
@@ -110,6 +127,7 @@ int COM_CopyAndLink(const char *pTarget, const char *pLink) {
 }
 
 int COM_AppendFileToFile(const char *pDst, const char *pSrc) {
+    const talvek::CancelGuard guard;
     if (pDst == nullptr || pSrc == nullptr) {
         return -1;
     }
@@ -123,23 +141,20 @@ int COM_AppendFileToFile(const char *pDst, const char *pSrc) {
         LOG_ERRNO("open(%s) error:%s\n", pSrc);
         return -1;
     }
-    const auto block = talvek::HeapBuf<char>::Zeroed(talvek::kAppendBlock);
+    const auto block = talvek::HeapBuf<char>::Zeroed(kAppendBlock);
     if (!block) {
-        LOG_ERRNO("CALLOC(1, %d) error:%s\n", static_cast<int>(talvek::kAppendBlock));
+        LOG_ERRNO("CALLOC(1, %d) error:%s\n", static_cast<int>(kAppendBlock));
         return -1;
     }
-    int64_t left = talvek::AppendLimit(dst.get(), src.get());
+    int64_t left = AppendLimit(dst.get(), src.get());
     int total = 0;
     while (left > 0) {
-        const size_t room = left < static_cast<int64_t>(talvek::kAppendBlock)
-                                ? static_cast<size_t>(left)
-                                : talvek::kAppendBlock;
+        const size_t room = std::min<uint64_t>(static_cast<uint64_t>(left), kAppendBlock);
         const ssize_t count = read(src.get(), block.get(), room);
         if (count <= 0) {
             break;
         }
-        errno = 0;  // a short write has no error of its own
-        if (write(dst.get(), block.get(), static_cast<size_t>(count)) != count) {
+        if (!talvek::WriteWhole(dst.get(), block.get(), static_cast<size_t>(count))) {
             LOG_ERRNO("[%s] -> [%s] : write(%d, %d) failed : %s\n", pSrc, pDst, total,
                       static_cast<int>(count));
             return -1;

@@ -32,6 +32,39 @@ TEST(CopyFileFault, EveryCallFails) {
               }));
 }
 
+TEST(CopyFileFault, CopiesWhatTheKernelCannot) {
+    const TempDir dir;
+    const std::string text(200000, 'x');
+    WriteFile(dir / "src", text);
+    for (const int error : {EXDEV, EINVAL, ENOSYS, EOPNOTSUPP, EINTR}) {
+        EXPECT_EQ(Lines{}, CaptureLog([&] {
+                      const Fault fault{"copy_file_range", 0, error};
+                      EXPECT_EQ(0, COM_CopyFile((dir / "dst").c_str(), (dir / "src").c_str()));
+                      EXPECT_TRUE(Fault::Tripped());
+                  }));
+        EXPECT_TRUE(text == ReadFile(dir / "dst")) << strerror(error);
+    }
+}
+
+TEST(CopyFileFault, ReportsThatThereIsNoMemory) {
+    const TempDir dir;
+    WriteFile(dir / "src", "x");
+    bool failed = false;
+    for (const char *call : {"malloc", "realloc"}) {  // an optimised build makes one of the other
+        const Lines log = CaptureLog([&] {
+            const Fault fault{call, 0, ENOMEM};
+            const int result = COM_CopyFile((dir / "dst").c_str(), (dir / "src").c_str());
+            failed = failed || Fault::Tripped();
+            EXPECT_EQ(Fault::Tripped() ? -1 : 0, result);
+        });
+        if (!log.empty()) {
+            EXPECT_EQ(Lines{"COMMON:COM_CopyFile(): malloc(65536) error : Cannot allocate memory"},
+                      log);
+        }
+    }
+    EXPECT_TRUE(failed);
+}
+
 TEST(CopyFileFault, AFailedReadIsNotLogged) {
     const TempDir dir;
     WriteFile(dir / "src", "x");

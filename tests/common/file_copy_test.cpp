@@ -251,8 +251,23 @@ TEST(CopyFile, ReportsAFullFileSystem) {
         // With 4 KiB less the second block is taken in part.
         ASSERT_EQ(0, unlink("/mnt/dst"));
         WriteFile("/mnt/room", Bytes(4096));
-        EXPECT_EQ("Success", WriteFailure(131072));
+        EXPECT_EQ("No space left on device", WriteFailure(131072));
         EXPECT_EQ(131072U - 4096U, ReadFile("/mnt/dst").size());
+    });
+}
+
+// Inside one file system the kernel copies by itself.
+TEST(CopyFile, ReportsAFileSystemThatACopyFills) {
+    RunInPrivateWorld(kMounts, [] {
+        MountTmpfs("/mnt", "size=192k");
+        WriteFile("/mnt/src", Bytes(100 * 1024));
+        const Lines log = CaptureLog([] { EXPECT_EQ(-1, Copy("/mnt/dst", "/mnt/src")); });
+        ASSERT_EQ(1U, log.size());
+        EXPECT_TRUE(std::regex_match(
+            log[0], std::regex{R"(COMMON:COM_CopyFile\(\): write\(/mnt/dst,[0-9]+\) failed : )"
+                               "No space left on device"}))
+            << log[0];
+        EXPECT_TRUE(Bytes(92 * 1024) == ReadFile("/mnt/dst")) << "what was written stays";
     });
 }
 
@@ -423,10 +438,10 @@ TEST(AppendFileToFile, ReportsAFullDevice) {
                         "] -> [/mnt/dst] : write(4096, 904) failed : No space left on device"},
                   CaptureLog([&] { EXPECT_EQ(-1, Append("/mnt/dst", src)); }));
         EXPECT_EQ(Bytes(4096), ReadFile("/mnt/dst")) << "what was appended before stays";
-        // A block that is taken in part has no error of its own.
+        // A block that is taken in part.
         WriteFile("/mnt/dst", "head");
         EXPECT_EQ(Lines{"COMMON:COM_AppendFileToFile(): [" + src +
-                        "] -> [/mnt/dst] : write(0, 4096) failed : Success"},
+                        "] -> [/mnt/dst] : write(0, 4096) failed : No space left on device"},
                   CaptureLog([&] { EXPECT_EQ(-1, Append("/mnt/dst", src)); }));
         EXPECT_EQ("head" + Bytes(4092), ReadFile("/mnt/dst"));
     });
