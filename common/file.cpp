@@ -7,29 +7,33 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <malloc.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "base/characters.h"
+#include <algorithm>
+
 #include "base/cancel_guard.h"
+#include "base/characters.h"
+#include "base/heap_buf.h"
 #include "base/path.h"
 #include "base/scope_exit.h"
 #include "base/unique_dir.h"
 #include "base/unique_fd.h"
 #include "base/unique_stream.h"
 #include "common/internal/module_log.h"
+#include "common/internal/write_whole.h"
 
-namespace talvek {
 namespace {
 
 // ---- directories ----
 
 constexpr size_t kPrefixSize = 256;
 
-// One directory; one that is there already will do.
+// Makes one directory; an existing one will do.
 int MakeOneDir(const char *pPath, mode_t mode) {
     if (mkdir(pPath, mode) == 0) {
         return 0;
@@ -45,8 +49,7 @@ int MakeOneDir(const char *pPath, mode_t mode) {
     return -1;
 }
 
-// A path that grows by a name a level and shrinks again, so that the depth of a tree costs no
-// more stack than its directories' own records.
+// A path that grows by a name a level and shrinks again.
 class Path {
   public:
     // The text is shorter than PATH_MAX.
@@ -54,11 +57,11 @@ class Path {
 
     [[nodiscard]] const char *text() const { return text_; }
     [[nodiscard]] size_t length() const { return length_; }
-    // Adds "/name"; false, with errno set and the name cut, when that is longer than a path can be.
+    // Adds "/name"; false, with errno and the name cut, when that is longer than a path can be.
     bool Append(const char *pName) {
         const int added = snprintf(text_ + length_, sizeof text_ - length_, "/%s", pName);
         const size_t whole = length_ + static_cast<size_t>(added);
-        length_ = whole < sizeof text_ ? whole : sizeof text_ - 1;
+        length_ = std::min(whole, sizeof text_ - 1);
         if (whole < sizeof text_) {
             return true;
         }
@@ -75,115 +78,171 @@ class Path {
     size_t length_;
 };
 
-// The directories that are being emptied, from the inside out.
-struct OpenedDir {
-    dev_t device;
-    ino_t inode;
-    const OpenedDir *outer;
-};
-
-bool IsOpened(const struct stat &st, const OpenedDir *pDirs) {
-    for (; pDirs != nullptr; pDirs = pDirs->outer) {
-        if (pDirs->device == st.st_dev && pDirs->inode == st.st_ino) {
-            return true;
-        }
-    }
-    return false;
+bool IsSameFile(const struct stat &one, const struct stat &other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
+// One run of _COM_RemoveFileInDir_. Everything is examined and removed by its name in a directory
+// that is open, never by its whole path, so that nobody can lead the removal elsewhere by swapping
+// a directory on the way for a link. Paths are for the log. The depth of a tree costs no stack.
 class TreeRemover {
   public:
     TreeRemover(const char *pPath, bool recursive) : path_(pPath), recursive_(recursive) {
-        struct stat st;
-        if (lstat("/", &st) == 0) {
-            root_ = {st.st_dev, st.st_ino, nullptr};
-        }
+        stat("/", &root_);
     }
 
-    // The result of _COM_RemoveFileInDir_ for the directory at path_.
-    int Empty(bool removeSelf, const OpenedDir *pOuter);
+    int Run(bool removeSelf);
 
   private:
-    static constexpr const char *kEntry = "_COM_RemoveFileInDir_";
+    static constexpr const char *kFunction = "_COM_RemoveFileInDir_";
 
-    int RemoveEntry(const char *pName, const OpenedDir *pDirs);
+    // A directory that is being emptied.
+    struct Level {
+        DIR *dir;
+        struct stat identity;
+        size_t pathLength;
+        Level *outer;
+    };
+
+    // Opens the directory at path_, which has this name in the innermost one, and makes it the
+    // innermost.
+    bool Push(const char *pName, int flags);
+    void Pop();
+    bool Admit(const struct stat &st);
+    // The next entry of the innermost directory; NULL at its end.
+    const char *NextName();
+    void RemoveEntry(const char *pName);
+    void RemoveInnermost();
+    [[nodiscard]] int InnermostFd() const {
+        return innermost_ != nullptr ? dirfd(innermost_->dir) : AT_FDCWD;
+    }
+    void Fail(const char *pCall) {
+        LOG_ERRNO_AS(kFunction, "%s(%s) error : %s\n", pCall, path_.text());
+        failed_ = true;
+    }
 
     Path path_;
     bool recursive_;
-    OpenedDir root_ = {};
+    struct stat root_ = {};
+    Level *innermost_ = nullptr;
+    int removed_ = 0;
+    bool failed_ = false;
 };
 
-// Returns the number of removed entries, -1 for a failure.
-int TreeRemover::RemoveEntry(const char *pName, const OpenedDir *pDirs) {
-    const size_t outerLength = path_.length();
-    const ScopeExit cut{[this, outerLength] { path_.CutTo(outerLength); }};
-    struct stat st;
-    if (!path_.Append(pName) || stat(path_.text(), &st) != 0) {
-        LOG_ERRNO_AS(kEntry, "stat(%s) error : %s\n", path_.text());
-        return -1;
-    }
-    if (!S_ISDIR(st.st_mode)) {
-        if (unlink(path_.text()) != 0) {
-            LOG_ERRNO_AS(kEntry, "unlink(%s) error : %s\n", path_.text());
-            return -1;
-        }
-        return 1;
-    }
-    if (!recursive_) {
-        return 0;
+// Whether the opened directory may be emptied; logged if not.
+bool TreeRemover::Admit(const struct stat &st) {
+    // A link on a disk from outside must not cost the unit its root directory, nor must "..".
+    // Tested by RemoveFileInDir.RefusesTheRootDirectoryByAnyName.
+    if (IsSameFile(st, root_)) {
+        LOG_AS(kFunction, "opendir(%s) error : %s\n", path_.text(), strerror(EINVAL));
+        return false;
     }
     // Links are followed, so a link can lead back to a directory that is being emptied. The kernel
     // would give up after 40 rounds with this same error; by then two such links side by side
     // would have been followed 2 to the 40th times.
-    if (IsOpened(st, pDirs)) {
-        LOG_AS(kEntry, "stat(%s) error : %s\n", path_.text(), strerror(ELOOP));
-        return -1;
+    for (const Level *level = innermost_; level != nullptr; level = level->outer) {
+        if (IsSameFile(st, level->identity)) {
+            errno = ELOOP;
+            Fail("stat");
+            return false;
+        }
     }
-    return Empty(true, pDirs);
+    return true;
 }
 
-int TreeRemover::Empty(bool removeSelf, const OpenedDir *pOuter) {
-    int removed = 0;
-    bool failed = false;
-    {
-        const UniqueDir dir{opendir(path_.text())};
-        struct stat st;
-        bool mayEmpty = dir && fstat(dirfd(dir.get()), &st) == 0;
-        // A link on a disk from outside must not cost the unit its root directory, nor must "..".
-        // Held by RemoveFileInDir.RefusesTheRootDirectoryByAnyName.
-        if (mayEmpty && IsOpened(st, &root_)) {
-            errno = EINVAL;
-            mayEmpty = false;
-        }
-        if (!mayEmpty) {
-            LOG_ERRNO_AS(kEntry, "opendir(%s) error : %s\n", path_.text());
-            return 0;
-        }
-        const OpenedDir opened{st.st_dev, st.st_ino, pOuter};
-        const struct dirent *entry;
-        while (errno = 0, (entry = readdir(dir.get())) != nullptr) {
-            const char *name = entry->d_name;
-            if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0 ||
-                strcmp(name, "lost+found") == 0) {
-                continue;
-            }
-            const int count = RemoveEntry(name, &opened);
-            failed = failed || count < 0;
-            removed += count > 0 ? count : 0;
-        }
-        if (errno != 0) {
-            LOG_ERRNO_AS(kEntry, "readdir(%s) error : %s\n", path_.text());
-            failed = true;
+bool TreeRemover::Push(const char *pName, int flags) {
+    auto level = talvek::HeapBuf<Level>::Zeroed(1);
+    talvek::UniqueFd fd{openat(InnermostFd(), pName, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags)};
+    const bool opened = level && fd && fstat(fd.get(), &level[0].identity) == 0;
+    if (opened && !Admit(level[0].identity)) {
+        return false;
+    }
+    if (!opened || (level[0].dir = fdopendir(fd.get())) == nullptr) {
+        LOG_ERRNO_AS(kFunction, "opendir(%s) error : %s\n", path_.text());
+        return false;
+    }
+    static_cast<void>(fd.Release());
+    level[0].pathLength = path_.length();
+    level[0].outer = innermost_;
+    innermost_ = level.Release();
+    return true;
+}
+
+void TreeRemover::Pop() {
+    const talvek::HeapBuf<Level> level{innermost_};
+    const talvek::UniqueDir dir{innermost_->dir};
+    innermost_ = innermost_->outer;
+}
+
+const char *TreeRemover::NextName() {
+    const struct dirent *entry;
+    while (errno = 0, (entry = readdir(innermost_->dir)) != nullptr) {
+        const char *name = entry->d_name;
+        if (strcmp(name, ".") != 0 && strcmp(name, "..") != 0 && strcmp(name, "lost+found") != 0) {
+            return name;
         }
     }
-    if (removeSelf) {
-        if (rmdir(path_.text()) == 0) {
-            ++removed;
+    if (errno != 0) {
+        Fail("readdir");
+    }
+    return nullptr;
+}
+
+// A link counts as what it leads to. What was seen to be a directory itself is not opened when it
+// has become a link in the meantime.
+void TreeRemover::RemoveEntry(const char *pName) {
+    const int dir = InnermostFd();
+    struct stat st;
+    bool examined = path_.Append(pName) && fstatat(dir, pName, &st, AT_SYMLINK_NOFOLLOW) == 0;
+    const bool isLink = examined && S_ISLNK(st.st_mode);
+    if (isLink) {
+        examined = fstatat(dir, pName, &st, 0) == 0;
+    }
+    if (!examined) {
+        Fail("stat");
+    } else if (S_ISDIR(st.st_mode)) {
+        if (recursive_ && Push(pName, isLink ? 0 : O_NOFOLLOW)) {
+            return;
+        }
+    } else if (unlinkat(dir, pName, 0) == 0) {
+        ++removed_;
+    } else {
+        Fail("unlink");
+    }
+    path_.CutTo(innermost_->pathLength);
+}
+
+// Removes the innermost directory itself. A failure does not count as one.
+void TreeRemover::RemoveInnermost() {
+    Pop();
+    const size_t outer = innermost_ != nullptr ? innermost_->pathLength + 1 : 0;
+    if (unlinkat(InnermostFd(), path_.text() + outer, AT_REMOVEDIR) == 0) {
+        ++removed_;
+    } else {
+        LOG_ERRNO_AS(kFunction, "rmdir(%s) error : %s\n", path_.text());
+    }
+    if (innermost_ != nullptr) {
+        path_.CutTo(innermost_->pathLength);
+    }
+}
+
+int TreeRemover::Run(bool removeSelf) {
+    if (!Push(path_.text(), 0)) {
+        return 0;
+    }
+    for (;;) {
+        const char *name = NextName();
+        if (name != nullptr) {
+            RemoveEntry(name);
+        } else if (innermost_->outer != nullptr || removeSelf) {
+            RemoveInnermost();
         } else {
-            LOG_ERRNO_AS(kEntry, "rmdir(%s) error : %s\n", path_.text());
+            Pop();
+        }
+        if (innermost_ == nullptr) {
+            return failed_ ? -1 : removed_;
         }
     }
-    return failed ? -1 : removed;
 }
 
 // ---- descriptors ----
@@ -193,26 +252,23 @@ struct FileType {
     const char *text;
 };
 
-// "[RegularfFile]" is what readers of the log look for.
-// Held by GetFdInfo.TellsEachFileType.
+// Readers of the log search for "[RegularfFile]". Tested by GetFdInfo.NamesEachFileType.
 constexpr FileType kFileTypes[] = {
     {S_IFDIR, "Dir"},     {S_IFREG, "RegularfFile"}, {S_IFBLK, "BlockDev"},   {S_IFIFO, "FIFO"},
     {S_IFCHR, "CharDev"}, {S_IFSOCK, "Socket"},      {S_IFLNK, "SymbolLink"},
 };
 
-constexpr size_t kFdPathSize = 128;
-
 void LogFdInfo(int fd, const char *pLink, const char *pPath, const struct stat &st) {
-    constexpr const char *kEntry = "COM_GetFdInfo";
-    LOG_AS(kEntry, "[%s] => [%s]\n", pLink, pPath);
+    constexpr const char *kFunction = "COM_GetFdInfo";
+    LOG_AS(kFunction, "[%s] => [%s]\n", pLink, pPath);
     for (const FileType &row : kFileTypes) {
         if ((st.st_mode & S_IFMT) == row.type) {
-            LOG_AS(kEntry, "(pid, fd, type) = (%d, %d, [%s])\n", getpid(), fd, row.text);
+            LOG_AS(kFunction, "(pid, fd, type) = (%d, %d, [%s])\n", getpid(), fd, row.text);
         }
     }
     if (S_ISREG(st.st_mode)) {
-        LOG_AS(kEntry, "(size, cur_off) = (%ld, %ld)\n", static_cast<long>(st.st_size),
-               static_cast<long>(lseek(fd, 0, SEEK_CUR)));
+        LOG_AS(kFunction, "(size, cur_off) = (%lld, %lld)\n", static_cast<long long>(st.st_size),
+               static_cast<long long>(lseek(fd, 0, SEEK_CUR)));
     }
 }
 
@@ -228,62 +284,44 @@ ssize_t ReadBlock(int fd, char *pBlock, size_t size) {
     return count;
 }
 
-bool WriteWhole(int fd, const char *pBytes, size_t size) {
-    while (size > 0) {
-        const ssize_t count = write(fd, pBytes, size);
-        if (count > 0) {
-            pBytes += count;
-            size -= static_cast<size_t>(count);
-        } else if (count == 0) {
-            // A device that takes nothing without an error would be asked for ever.
-            errno = EIO;
-            return false;
-        } else if (errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Meant for text: what stands behind a NUL in a block is left out.
-// Held by RenameFile.WritesEachBlockUpToItsFirstNul.
-int CopyText(int from, int to) {
-    constexpr const char *kEntry = "COM_RenameFile";
+// Meant for text: of each block, what follows its first NUL is left out.
+// Tested by RenameFile.WritesEachBlockUpToItsFirstNul.
+int CopyBlocks(int from, int to) {
+    constexpr const char *kFunction = "COM_RenameFile";
     char block[kMoveBlock];
     for (;;) {
         const ssize_t count = ReadBlock(from, block, sizeof block);
         if (count < 0) {
-            LOG_ERRNO_AS(kEntry, "read() failed : %s\n");
+            LOG_ERRNO_AS(kFunction, "read() failed : %s\n");
             return -1;
         }
         if (count == 0) {
             return 0;
         }
-        if (!WriteWhole(to, block, strnlen(block, static_cast<size_t>(count)))) {
-            LOG_ERRNO_AS(kEntry, "write() failed : %s");
+        if (!talvek::WriteWhole(to, block, strnlen(block, static_cast<size_t>(count)))) {
+            LOG_ERRNO_AS(kFunction, "write() failed : %s");
             return -1;
         }
     }
 }
 
-bool IsSameFile(int fd, const char *pPath) {
+bool Names(const char *pPath, int fd) {
     struct stat open;
     struct stat named;
-    return fstat(fd, &open) == 0 && StatPath(pPath, &named) == 0 && open.st_dev == named.st_dev &&
-           open.st_ino == named.st_ino;
+    return fstat(fd, &open) == 0 && talvek::StatPath(pPath, &named) == 0 && IsSameFile(open, named);
 }
 
 // ---- line-wise editing ----
 
 constexpr size_t kLineSize = 256;
+constexpr size_t kCopyBlock = 1024;
 
 // The characters of an item's key that are looked for.
 size_t KeyLength(const tFileItem &item) {
     if (item.key_len <= 0) {
         return 0;
     }
-    const size_t limit = static_cast<size_t>(item.key_len);
-    return strnlen(item.key, limit < sizeof item.key ? limit : sizeof item.key);
+    return strnlen(item.key, std::min(static_cast<size_t>(item.key_len), sizeof item.key));
 }
 
 bool Matches(const tFileItem &item, bool anywhere, const char *pLine) {
@@ -292,7 +330,7 @@ bool Matches(const tFileItem &item, bool anywhere, const char *pLine) {
         return false;
     }
     return anywhere ? memmem(pLine, strlen(pLine), item.key, length) != nullptr
-                    : BeginsIgnoringCase(pLine, item.key, length);
+                    : talvek::BeginsIgnoringCase(pLine, item.key, length);
 }
 
 // One run of COM_ReplaceItemsInFile.
@@ -304,17 +342,18 @@ class LineEditor {
     int Run();
 
   private:
-    static constexpr const char *kEntry = "COM_ReplaceItemsInFile";
+    static constexpr const char *kFunction = "COM_ReplaceItemsInFile";
 
     bool Open();
     void EditLines();
     void AppendItems();
     void PutLine(const char *pText);
+    bool Rewind();
     void CopyBack();
     void Finish();
     tFileItem *FindItem(const char *pLine) const;
     void FailWrite(const char *pName) {
-        LOG_ERRNO_AS(kEntry, "fprintf() fail : %s : %s", pName);
+        LOG_ERRNO_AS(kFunction, "fprintf() fail : %s : %s", pName);
         result_ = -1;
     }
 
@@ -322,33 +361,33 @@ class LineEditor {
     tFileItemRequest &request_;
     bool change_;
     char copyName_[32] = "";
-    UniqueFile copy_;
-    UniqueFile file_;
-    bool midLine_ = false;  // what was last written to the copy has no newline
+    talvek::UniqueFile copy_;
+    talvek::UniqueFile file_;
+    bool midLine_ = false;  // the copy ends without a newline
     int result_ = -1;
     off_t copied_ = 0;
 };
 
 bool LineEditor::Open() {
     snprintf(copyName_, sizeof copyName_, "%s/COM_XXXXXX", "/var");
-    UniqueFd made{mkostemp(copyName_, O_CLOEXEC)};
+    talvek::UniqueFd made{mkostemp(copyName_, O_CLOEXEC)};
     if (!made) {
-        LOG_ERRNO_AS(kEntry, "mkstemp() failed : %s\n");
+        LOG_ERRNO_AS(kFunction, "mkstemp() failed : %s\n");
         copyName_[0] = '\0';
         return false;
     }
     made.Reset();
-    copy_.Reset(OpenStream(copyName_, "w+"));
+    copy_.Reset(talvek::OpenStream(copyName_, "w+"));
     if (!copy_) {
-        LOG_ERRNO_AS(kEntry, "fopen(%s) failed : %s\n", copyName_);
+        LOG_ERRNO_AS(kFunction, "fopen(%s) failed : %s\n", copyName_);
         return false;
     }
-    file_.Reset(OpenStream(fileName_, "r+"));
+    file_.Reset(talvek::OpenStream(fileName_, "r+"));
     if (!file_ && errno == ENOENT) {
-        file_.Reset(OpenStream(fileName_, "w+"));
+        file_.Reset(talvek::OpenStream(fileName_, "w+"));
     }
     if (!file_) {
-        LOG_ERRNO_AS(kEntry, "fopen(%s) failed : %s\n", fileName_);
+        LOG_ERRNO_AS(kFunction, "fopen(%s) failed : %s\n", fileName_);
         return false;
     }
     return true;
@@ -387,7 +426,7 @@ void LineEditor::EditLines() {
         }
     }
     if (result_ >= 0 && !feof(file_.get())) {
-        LOG_ERRNO_AS(kEntry, "fgets(%s) failed : %s\n", fileName_);
+        LOG_ERRNO_AS(kFunction, "fgets(%s) failed : %s\n", fileName_);
         result_ = -1;
     }
 }
@@ -398,8 +437,8 @@ void LineEditor::AppendItems() {
         if (item.key_len < 1 || item.line[0] == '\0') {
             continue;
         }
-        // A last line that was never ended does not run into the line that is added.
-        // Held by ReplaceItemsInFile.EndsAnOpenLastLineBeforeItAppends.
+        // A last line without a newline does not run into the line that is added.
+        // Tested by ReplaceItemsInFile.EndsAnOpenLastLineBeforeItAppends.
         char line[sizeof item.line + 3];
         snprintf(line, sizeof line, "%s%.*s\n", midLine_ ? "\n" : "",
                  static_cast<int>(sizeof item.line), item.line);
@@ -409,10 +448,23 @@ void LineEditor::AppendItems() {
     }
 }
 
+bool LineEditor::Rewind() {
+    for (const talvek::UniqueFile *stream : {&copy_, &file_}) {
+        if (fseeko(stream->get(), 0, SEEK_SET) != 0) {
+            LOG_ERRNO_AS(kFunction, "fseek(%s) failed : %s\n",
+                         stream == &copy_ ? copyName_ : fileName_);
+            result_ = -1;
+            return false;
+        }
+    }
+    return true;
+}
+
 void LineEditor::CopyBack() {
-    rewind(copy_.get());
-    rewind(file_.get());
-    char block[BUFSIZ];
+    if (!Rewind()) {
+        return;
+    }
+    char block[kCopyBlock];
     off_t length = 0;
     size_t count;
     while ((count = fread(block, 1, sizeof block, copy_.get())) > 0) {
@@ -423,7 +475,7 @@ void LineEditor::CopyBack() {
         length += static_cast<off_t>(count);
     }
     if (!feof(copy_.get())) {
-        LOG_ERRNO_AS(kEntry, "fgets(%s) failed : %s\n", copyName_);
+        LOG_ERRNO_AS(kFunction, "fgets(%s) failed : %s\n", copyName_);
         result_ = -1;
         return;
     }
@@ -438,8 +490,8 @@ void LineEditor::Finish() {
     if (result_ >= 0) {
         CopyBack();
     }
-    // Whatever failed, the file is cut to what was copied back: an edit that failed leaves it
-    // empty, never half edited. Held by ReplaceItemsInFileFault.LeavesTheFileWholeOrEmpty.
+    // Whatever failed, the file is cut to what was copied back: a failed edit leaves it empty,
+    // never half edited. Tested by ReplaceItemsInFileFault.LeavesTheFileWholeOrEmpty.
     file_.Reset();
     if (truncate(fileName_, result_ < 0 ? 0 : copied_) != 0) {
         LOG_ERRNO_PLAIN("truncate(%s) error : %s\n", fileName_);
@@ -447,9 +499,9 @@ void LineEditor::Finish() {
 }
 
 int LineEditor::Run() {
-    const ScopeExit removeCopy{[this] {
+    const talvek::ScopeExit removeCopy{[this] {
         if (copyName_[0] != '\0' && unlink(copyName_) != 0) {
-            LOG_ERRNO_AS(kEntry, "unlink(%s) failed : %s\n", copyName_);
+            LOG_ERRNO_AS(kFunction, "unlink(%s) failed : %s\n", copyName_);
         }
     }};
     if (Open()) {
@@ -469,9 +521,9 @@ int LineEditor::Run() {
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_Mkdir(const char *pPath, mode_t mode) {
+    const talvek::CancelGuard guard;
     if (pPath == nullptr || pPath[0] == '\0') {
         LOG("mkdir(%s) error : %s\n", talvek::Shown(pPath),
             strerror(pPath == nullptr ? EFAULT : ENOENT));
@@ -481,27 +533,28 @@ int COM_Mkdir(const char *pPath, mode_t mode) {
          slash = strchr(slash + 1, '/')) {
         const size_t length = static_cast<size_t>(slash - pPath) + 1;
         // A prefix that is cut would be another directory's name.
-        if (length >= talvek::kPrefixSize) {
+        if (length >= kPrefixSize) {
             LOG("mkdir(%.*s) error : %s\n", static_cast<int>(length), pPath,
                 strerror(ENAMETOOLONG));
             return -1;
         }
-        char prefix[talvek::kPrefixSize];
+        char prefix[kPrefixSize];
         snprintf(prefix, sizeof prefix, "%.*s", static_cast<int>(length), pPath);
-        if (talvek::MakeOneDir(prefix, mode) != 0) {
+        if (MakeOneDir(prefix, mode) != 0) {
             return -1;
         }
     }
-    return talvek::MakeOneDir(pPath, mode);
+    return MakeOneDir(pPath, mode);
 }
 
 int _COM_RemoveFileInDir_(int recursive, const char *pDir, int removeSelf) {
+    const talvek::CancelGuard guard;
     int error = 0;
     if (pDir == nullptr) {
         error = EFAULT;
     } else if (pDir[0] == '/' && pDir[strspn(pDir, "/")] == '\0') {
-        // An empty setting with a "/" behind it must not cost the unit its root directory.
-        // Held by RemoveFileInDir.RefusesTheRootDirectory.
+        // An empty setting that a "/" is added to must not cost the unit its root directory.
+        // Tested by RemoveFileInDir.RefusesTheRootDirectory.
         error = EINVAL;
     } else if (strnlen(pDir, PATH_MAX) == PATH_MAX) {
         error = ENAMETOOLONG;
@@ -510,7 +563,7 @@ int _COM_RemoveFileInDir_(int recursive, const char *pDir, int removeSelf) {
         LOG("opendir(%s) error : %s\n", talvek::Shown(pDir), strerror(error));
         return 0;
     }
-    return talvek::TreeRemover{pDir, recursive == 1}.Empty(removeSelf != 0, nullptr);
+    return TreeRemover{pDir, recursive == COM_REMOVE_TREE}.Run(removeSelf != 0);
 }
 
 int COM_RemoveFileInDir(int recursive, const char *pDir) {
@@ -518,6 +571,7 @@ int COM_RemoveFileInDir(int recursive, const char *pDir) {
 }
 
 int COM_RemoveRealFile(const char *pPath) {
+    const talvek::CancelGuard guard;
     struct stat st;
     if (talvek::StatPath(pPath, &st) != 0) {
         LOG_ERRNO("stat(%s) error : %s\n", talvek::Shown(pPath));
@@ -542,6 +596,7 @@ int COM_RemoveRealFile(const char *pPath) {
 }
 
 int COM_CreateSymbolLink(int mode, const char *pTarget, const char *pLink) {
+    const talvek::CancelGuard guard;
     if (pTarget == nullptr || pLink == nullptr) {
         LOG("symlink(%s, %s) fail : %s\n", talvek::Shown(pTarget), talvek::Shown(pLink),
             strerror(EFAULT));
@@ -549,11 +604,11 @@ int COM_CreateSymbolLink(int mode, const char *pTarget, const char *pLink) {
     }
     struct stat st;
     const bool exists = stat(pTarget, &st) == 0;
-    if (mode == 2 && !exists) {
+    if (mode == COM_LINK_IF_TARGET && !exists) {
         LOG("skip link[%s] due to [%s] is not existed!\n", pLink, pTarget);
         return 0;
     }
-    if ((mode == 0 && exists) || mode == 1) {
+    if ((mode == COM_LINK_REPLACE_IF_TARGET && exists) || mode == COM_LINK_REPLACE) {
         unlink(pLink);
     }
     if (symlink(pTarget, pLink) != 0) {
@@ -564,19 +619,20 @@ int COM_CreateSymbolLink(int mode, const char *pTarget, const char *pLink) {
 }
 
 int COM_GetFdInfo(int fd, char *pPath, int verbose) {
+    const talvek::CancelGuard guard;
     if (fd < 0) {
         return -1;
     }
     char link[40];
     snprintf(link, sizeof link, "/proc/%d/fd/%d", getpid(), fd);
-    char path[talvek::kFdPathSize + 1] = "";
-    const ssize_t length = readlink(link, path, talvek::kFdPathSize);
+    char path[COM_FD_PATH_SIZE + 1] = "";
+    const ssize_t length = readlink(link, path, COM_FD_PATH_SIZE);
     if (length < 0) {
         LOG_ERRNO("readlink(%s) fail : %s\n", link);
         return -1;
     }
     struct stat st;
-    if (length == static_cast<ssize_t>(talvek::kFdPathSize)) {
+    if (length == static_cast<ssize_t>(COM_FD_PATH_SIZE)) {
         // The path may go on, and what is cut would be another file's name.
         LOG("stat(%s) fail : %s\n", path, strerror(ENAMETOOLONG));
         return -1;
@@ -586,7 +642,7 @@ int COM_GetFdInfo(int fd, char *pPath, int verbose) {
         return -1;
     }
     if (verbose != 0) {
-        talvek::LogFdInfo(fd, link, path, st);
+        LogFdInfo(fd, link, path, st);
     }
     if (pPath != nullptr) {
         memcpy(pPath, path, static_cast<size_t>(length) + 1);
@@ -595,14 +651,15 @@ int COM_GetFdInfo(int fd, char *pPath, int verbose) {
 }
 
 int COM_RenameFile(const char *pSrc, const char *pDst) {
+    const talvek::CancelGuard guard;
     const talvek::UniqueFd from{talvek::OpenPath(pSrc, O_RDONLY)};
     if (!from) {
         LOG_ERRNO("open(%s) failed : %s\n", talvek::Shown(pSrc));
         return -1;
     }
-    // A file that is moved onto itself stays as it is, as with rename; opening it for writing
-    // would empty it.
-    if (talvek::IsSameFile(from.get(), pDst)) {
+    // A file that is moved onto itself is unchanged, as with rename; opening it for writing would
+    // empty it.
+    if (Names(pDst, from.get())) {
         return 0;
     }
     talvek::UniqueFd to{talvek::OpenPath(pDst, O_WRONLY | O_CREAT | O_TRUNC, 0664)};
@@ -610,10 +667,10 @@ int COM_RenameFile(const char *pSrc, const char *pDst) {
         LOG_ERRNO("open(%s) failed : %s\n", talvek::Shown(pDst));
         return -1;
     }
-    if (talvek::CopyText(from.get(), to.get()) != 0) {
+    if (CopyBlocks(from.get(), to.get()) != 0) {
         return -1;
     }
-    // Some file systems tell only here that there was no room.
+    // Some file systems report only here that there was no room.
     if (to.Close() != 0) {
         LOG_ERRNO("close(%s) failed : %s\n", pDst);
         return -1;
@@ -625,12 +682,12 @@ int COM_RenameFile(const char *pSrc, const char *pDst) {
 }
 
 int COM_ReplaceItemsInFile(const char *pFileName, tFileItemRequest *pRequest) {
+    const talvek::CancelGuard guard;
     if (pFileName == nullptr || pRequest == nullptr ||
         (pRequest->pItems == nullptr && pRequest->count > 0)) {
         return -1;
     }
-    const talvek::CancelGuard guard;
-    return talvek::LineEditor{pFileName, *pRequest}.Run();
+    return LineEditor{pFileName, *pRequest}.Run();
 }
 
 void *COM_ReallocAndCopyBuf(size_t size, void **ppBuf, size_t offset, const void *pSrc,
@@ -642,15 +699,16 @@ void *COM_ReallocAndCopyBuf(size_t size, void **ppBuf, size_t offset, const void
     const uintptr_t old = reinterpret_cast<uintptr_t>(*ppBuf);
     const uintptr_t at = reinterpret_cast<uintptr_t>(pSrc);
     const bool inside = *ppBuf != nullptr && at >= old && at - old < malloc_usable_size(*ppBuf);
-    // realloc to 0 bytes would release the block and report a failure.
-    char *grown = static_cast<char *>(realloc(*ppBuf, size > 0 ? size : 1));
-    if (grown == nullptr) {
+    talvek::HeapBuf<char> block{static_cast<char *>(*ppBuf)};
+    const bool resized = block.Resize(size);
+    char *grown = block.Release();
+    if (!resized) {
         LOG_ERRNO("REALLOC(%d) failed : %s\n", static_cast<int>(size));
         return nullptr;
     }
     *ppBuf = grown;
     const size_t room = size > offset ? size - offset : 0;
-    const size_t count = pSrc == nullptr ? 0 : length < room ? length : room;
+    const size_t count = pSrc == nullptr ? 0 : std::min(length, room);
     if (count > 0) {
         memmove(grown + offset, inside ? grown + (at - old) : pSrc, count);
     }
@@ -661,6 +719,7 @@ void *COM_ReallocAndCopyBuf(size_t size, void **ppBuf, size_t offset, const void
 }
 
 int COM_CloseFd(int *pFd) {
+    const talvek::CancelGuard guard;
     if (pFd == nullptr || *pFd < 0) {
         return -1;
     }

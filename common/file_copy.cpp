@@ -123,7 +123,7 @@ int COM_CopyAndLink(const char *pTarget, const char *pLink) {
             return -1;
         }
     }
-    return COM_CreateSymbolLink(1, pTarget, pLink);
+    return COM_CreateSymbolLink(COM_LINK_REPLACE, pTarget, pLink);
 }
 
 int COM_AppendFileToFile(const char *pDst, const char *pSrc) {

@@ -30,11 +30,36 @@ namespace {
 // Whether writes take nothing, without an error, as those of some devices do.
 bool g_takesNothing = false;
 
+// Called once, before a file is opened by this name in a directory.
+const char *g_openedName = nullptr;
+std::function<void()> &g_beforeOpen = *new std::function<void()>;
+
+void BeforeOpen(const char *pName) {
+    if (g_openedName != nullptr && strcmp(pName, g_openedName) == 0) {
+        g_openedName = nullptr;
+        g_beforeOpen();
+    }
+}
+
 }  // namespace
 
 extern "C" {
+int __real_openat(int dir, const char *path, int flags, ...);
+int __real_openat64(int dir, const char *path, int flags, ...);
+int __wrap_openat(int dir, const char *path, int flags, mode_t mode);
+int __wrap_openat64(int dir, const char *path, int flags, mode_t mode);
 ssize_t __real_write(int fd, const void *buf, size_t size);
 ssize_t __wrap_write(int fd, const void *buf, size_t size);
+}
+
+int __wrap_openat(int dir, const char *path, int flags, mode_t mode) {
+    BeforeOpen(path);
+    return __real_openat(dir, path, flags, mode);
+}
+
+int __wrap_openat64(int dir, const char *path, int flags, mode_t mode) {
+    BeforeOpen(path);
+    return __real_openat64(dir, path, flags, mode);
 }
 
 ssize_t __wrap_write(int fd, const void *buf, size_t size) {
@@ -182,7 +207,7 @@ void MakeTree(const std::string &top) {
 }
 
 TEST(RemoveFileInDir, LeavesSubdirectoriesUnlessRecursiveIsOne) {
-    for (const int recursive : {0, 2, -1}) {
+    for (const int recursive : {int{COM_REMOVE_FLAT}, 2, -1}) {
         const TempDir dir;
         MakeTree(dir.path());
         EXPECT_EQ(kTopFiles, _COM_RemoveFileInDir_(recursive, dir.path().c_str(), 0));
@@ -196,29 +221,32 @@ TEST(RemoveFileInDir, CountsEveryEntryOfTheTree) {
     const TempDir dir;
     MakeTree(dir.path());
     EXPECT_EQ(Lines{}, CaptureLog([&] {
-                  EXPECT_EQ(kWholeTree, _COM_RemoveFileInDir_(1, dir.path().c_str(), 0));
+                  EXPECT_EQ(kWholeTree,
+                            _COM_RemoveFileInDir_(COM_REMOVE_TREE, dir.path().c_str(), 0));
               }));
     EXPECT_TRUE(fs::is_empty(dir.path()));
-    EXPECT_EQ(0, _COM_RemoveFileInDir_(1, dir.path().c_str(), 0)) << "nothing is left";
+    EXPECT_EQ(0, _COM_RemoveFileInDir_(COM_REMOVE_TREE, dir.path().c_str(), 0))
+        << "nothing is left";
 }
 
 TEST(RemoveFileInDir, RemovesTheDirectoryItself) {
     const TempDir dir;
     MakeTree(dir / "top");
-    EXPECT_EQ(kWholeTree + 1, COM_RemoveFileInDir(1, (dir / "top").c_str()));
+    EXPECT_EQ(kWholeTree + 1, COM_RemoveFileInDir(COM_REMOVE_TREE, (dir / "top").c_str()));
     EXPECT_FALSE(fs::exists(dir / "top"));
     MakeTree(dir / "top");
-    EXPECT_EQ(kWholeTree + 1, _COM_RemoveFileInDir_(1, (dir / "top/").c_str(), 1));
+    EXPECT_EQ(kWholeTree + 1, _COM_RemoveFileInDir_(COM_REMOVE_TREE, (dir / "top/").c_str(), 1));
     EXPECT_FALSE(fs::exists(dir / "top"));
 }
 
 TEST(RemoveFileInDir, DoesNotFailWhenTheDirectoryItselfStays) {
     const TempDir dir;
     MakeTree(dir / "top");
-    EXPECT_EQ(
-        (Lines{"COMMON:_COM_RemoveFileInDir_(): rmdir(" + (dir / "top") +
-               ") error : Directory not empty"}),
-        CaptureLog([&] { EXPECT_EQ(kTopFiles, COM_RemoveFileInDir(0, (dir / "top").c_str())); }));
+    EXPECT_EQ((Lines{"COMMON:_COM_RemoveFileInDir_(): rmdir(" + (dir / "top") +
+                     ") error : Directory not empty"}),
+              CaptureLog([&] {
+                  EXPECT_EQ(kTopFiles, COM_RemoveFileInDir(COM_REMOVE_FLAT, (dir / "top").c_str()));
+              }));
 }
 
 TEST(RemoveFileInDir, KeepsLostAndFoundOfAMountPoint) {
@@ -232,7 +260,8 @@ TEST(RemoveFileInDir, KeepsLostAndFoundOfAMountPoint) {
                          "COMMON:_COM_RemoveFileInDir_(): rmdir(/var) error : Device or resource "
                          "busy"}),
                   CaptureLog([] {
-                      EXPECT_EQ(kWholeTree - 1, COM_RemoveFileInDir(1, "/var"));  // less "sub"
+                      EXPECT_EQ(kWholeTree - 1,
+                                COM_RemoveFileInDir(COM_REMOVE_TREE, "/var"));  // less "sub"
                   }));
         EXPECT_EQ("saved", ReadFile("/var/lost+found/#12"));
         EXPECT_EQ("a file of that name", ReadFile("/var/sub/lost+found"));
@@ -245,7 +274,9 @@ TEST(RemoveFileInDir, MarksAnEntryThatCannotBeExamined) {
     fs::create_symlink("nowhere", dir / "dangling");
     EXPECT_EQ((Lines{"COMMON:_COM_RemoveFileInDir_(): stat(" + (dir / "dangling") +
                      ") error : No such file or directory"}),
-              CaptureLog([&] { EXPECT_EQ(-1, _COM_RemoveFileInDir_(1, dir.path().c_str(), 0)); }));
+              CaptureLog([&] {
+                  EXPECT_EQ(-1, _COM_RemoveFileInDir_(COM_REMOVE_TREE, dir.path().c_str(), 0));
+              }));
     EXPECT_FALSE(fs::exists(dir / "file")) << "the others are removed all the same";
     EXPECT_TRUE(fs::is_symlink(dir / "dangling"));
 }
@@ -257,11 +288,12 @@ TEST(RemoveFileInDir, MarksAFileThatCannotBeUnlinkedAtAnyDepth) {
         WriteFile("/var/sub/file", "x");
         WriteFile("/var/file", "x");
         ASSERT_EQ(0, mount("/var/sub/busy", "/var/sub/busy", nullptr, MS_BIND, nullptr));
-        EXPECT_EQ((Lines{"COMMON:_COM_RemoveFileInDir_(): unlink(/var/sub/busy) error : Device or "
-                         "resource busy",
-                         "COMMON:_COM_RemoveFileInDir_(): rmdir(/var/sub) error : Directory not "
-                         "empty"}),
-                  CaptureLog([] { EXPECT_EQ(-1, _COM_RemoveFileInDir_(1, "/var", 0)); }));
+        EXPECT_EQ(
+            (Lines{"COMMON:_COM_RemoveFileInDir_(): unlink(/var/sub/busy) error : Device or "
+                   "resource busy",
+                   "COMMON:_COM_RemoveFileInDir_(): rmdir(/var/sub) error : Directory not "
+                   "empty"}),
+            CaptureLog([] { EXPECT_EQ(-1, _COM_RemoveFileInDir_(COM_REMOVE_TREE, "/var", 0)); }));
         EXPECT_FALSE(fs::exists("/var/sub/file"));
         EXPECT_FALSE(fs::exists("/var/file"));
     });
@@ -272,33 +304,75 @@ TEST(RemoveFileInDir, RemovesALinkToAFileAndNotTheFile) {
     WriteFile(dir / "kept", "x");
     fs::create_directory(dir / "top");
     fs::create_symlink("../kept", dir / "top/link");
-    EXPECT_EQ(1, _COM_RemoveFileInDir_(1, (dir / "top").c_str(), 0));
+    EXPECT_EQ(1, _COM_RemoveFileInDir_(COM_REMOVE_TREE, (dir / "top").c_str(), 0));
     EXPECT_EQ("x", ReadFile(dir / "kept"));
     EXPECT_FALSE(fs::is_symlink(dir / "top/link"));
 }
 
-TEST(RemoveFileInDir, EmptiesADirectoryBehindALink) {
+TEST(RemoveFileInDir, EmptiesADirectoryThatALinkNames) {
     const TempDir dir;
     WriteFile(dir / "real/file", "x");
     fs::create_directory(dir / "top");
     fs::create_directory_symlink("../real", dir / "top/link");
-    EXPECT_EQ(
-        (Lines{"COMMON:_COM_RemoveFileInDir_(): rmdir(" + (dir / "top/link") +
-               ") error : Not a directory"}),
-        CaptureLog([&] { EXPECT_EQ(1, _COM_RemoveFileInDir_(1, (dir / "top").c_str(), 0)); }));
+    EXPECT_EQ((Lines{"COMMON:_COM_RemoveFileInDir_(): rmdir(" + (dir / "top/link") +
+                     ") error : Not a directory"}),
+              CaptureLog([&] {
+                  EXPECT_EQ(1, _COM_RemoveFileInDir_(COM_REMOVE_TREE, (dir / "top").c_str(), 0));
+              }));
     EXPECT_TRUE(fs::is_empty(dir / "real"));
     EXPECT_TRUE(fs::is_symlink(dir / "top/link"));
 }
 
-// Two links back to the start: followed as far as the kernel lets, this would not end today.
-TEST(RemoveFileInDir, DoesNotFollowLinksInARing) {
+// Somebody replaces a directory by a link after it was examined and before it is opened.
+TEST(RemoveFileInDir, DoesNotFollowADirectoryThatBecomesALink) {
+    const TempDir dir;
+    WriteFile(dir / "outside/kept", "x");
+    WriteFile(dir / "top/sub/file", "x");
+    g_openedName = "sub";
+    g_beforeOpen = [&dir] {
+        fs::rename(dir / "top/sub", dir / "moved");
+        fs::create_directory_symlink("../outside", dir / "top/sub");
+    };
+    EXPECT_EQ((Lines{"COMMON:_COM_RemoveFileInDir_(): opendir(" + (dir / "top/sub") +
+                     ") error : Not a directory"}),
+              CaptureLog([&] {
+                  EXPECT_EQ(0, _COM_RemoveFileInDir_(COM_REMOVE_TREE, (dir / "top").c_str(), 0));
+              }));
+    EXPECT_EQ(nullptr, g_openedName);
+    EXPECT_EQ("x", ReadFile(dir / "outside/kept"));
+    EXPECT_EQ("x", ReadFile(dir / "moved/file"));
+}
+
+// The same with a directory that is already being emptied.
+TEST(RemoveFileInDir, RemovesNothingThroughALinkThatReplacesAnOuterDirectory) {
+    const TempDir dir;
+    WriteFile(dir / "outside/deep/kept", "x");
+    WriteFile(dir / "top/sub/deep/kept", "x");
+    g_openedName = "deep";
+    g_beforeOpen = [&dir] {
+        fs::rename(dir / "top/sub", dir / "moved");
+        fs::create_directory_symlink("../outside", dir / "top/sub");
+    };
+    EXPECT_EQ((Lines{"COMMON:_COM_RemoveFileInDir_(): rmdir(" + (dir / "top/sub") +
+                     ") error : Not a directory"}),
+              CaptureLog([&] {
+                  EXPECT_EQ(2, _COM_RemoveFileInDir_(COM_REMOVE_TREE, (dir / "top").c_str(), 0));
+              }));
+    EXPECT_EQ(nullptr, g_openedName);
+    EXPECT_EQ("x", ReadFile(dir / "outside/deep/kept"));
+    EXPECT_TRUE(fs::is_empty(dir / "moved")) << "what was meant is removed";
+}
+
+// The kernel gives up after 40 links; by then two links would have been followed 2 to the 40th
+// times.
+TEST(RemoveFileInDir, FollowsNoLinkBackToADirectoryThatIsBeingEmptied) {
     const TempDir dir;
     WriteFile(dir / "top/a/file", "x");
     WriteFile(dir / "top/file", "x");
     fs::create_directory_symlink("..", dir / "top/a/up");
     fs::create_directory_symlink(".", dir / "top/a/here");
-    const Lines log =
-        CaptureLog([&] { EXPECT_EQ(-1, _COM_RemoveFileInDir_(1, (dir / "top").c_str(), 0)); });
+    const Lines log = CaptureLog(
+        [&] { EXPECT_EQ(-1, _COM_RemoveFileInDir_(COM_REMOVE_TREE, (dir / "top").c_str(), 0)); });
     Lines sorted = log;
     std::sort(sorted.begin(), sorted.end());
     const std::string a = dir / "top/a";
@@ -321,7 +395,9 @@ TEST(RemoveFileInDir, RefusesTheRootDirectory) {
         for (const std::string path : {"/", "//", "///"}) {
             EXPECT_EQ((Lines{"COMMON:_COM_RemoveFileInDir_(): opendir(" + path +
                              ") error : Invalid argument"}),
-                      CaptureLog([&] { EXPECT_EQ(0, COM_RemoveFileInDir(1, path.c_str())); }));
+                      CaptureLog([&] {
+                          EXPECT_EQ(0, COM_RemoveFileInDir(COM_REMOVE_TREE, path.c_str()));
+                      }));
         }
         EXPECT_EQ("x", ReadFile("/file"));
     });
@@ -339,14 +415,15 @@ TEST(RemoveFileInDir, RefusesTheRootDirectoryByAnyName) {
             return "COMMON:_COM_RemoveFileInDir_(): opendir(" + path + ") error : Invalid argument";
         };
         for (const std::string path : {"/.", "/..", "/sub/..", "/sub/link", ".", ".."}) {
-            EXPECT_EQ(Lines{refused(path)},
-                      CaptureLog([&] { EXPECT_EQ(0, _COM_RemoveFileInDir_(1, path.c_str(), 1)); }));
+            EXPECT_EQ(Lines{refused(path)}, CaptureLog([&] {
+                          EXPECT_EQ(0, _COM_RemoveFileInDir_(COM_REMOVE_TREE, path.c_str(), 1));
+                      }));
         }
         EXPECT_EQ(
             (Lines{refused("/sub/link"),
                    "COMMON:_COM_RemoveFileInDir_(): rmdir(/sub) error : Directory not empty"}),
-            CaptureLog([] { EXPECT_EQ(1, COM_RemoveFileInDir(1, "/sub")); }))
-            << "what stands beside the link is removed";
+            CaptureLog([] { EXPECT_EQ(1, COM_RemoveFileInDir(COM_REMOVE_TREE, "/sub")); }))
+            << "the other entries are removed";
         EXPECT_FALSE(fs::exists("/sub/file"));
         EXPECT_EQ("x", ReadFile("/file"));
     });
@@ -359,17 +436,20 @@ TEST(RemoveFileInDir, ReturnsZeroWhenTheDirectoryCannotBeOpened) {
         return Lines{"COMMON:_COM_RemoveFileInDir_(): opendir(" + path + ") error : " + error};
     };
     EXPECT_EQ(log("(null)", "Bad address"),
-              CaptureLog([] { EXPECT_EQ(0, COM_RemoveFileInDir(1, nullptr)); }));
+              CaptureLog([] { EXPECT_EQ(0, COM_RemoveFileInDir(COM_REMOVE_TREE, nullptr)); }));
     EXPECT_EQ(log("", "No such file or directory"),
-              CaptureLog([] { EXPECT_EQ(0, COM_RemoveFileInDir(1, "")); }));
-    EXPECT_EQ(log(dir / "gone", "No such file or directory"),
-              CaptureLog([&] { EXPECT_EQ(0, COM_RemoveFileInDir(1, (dir / "gone").c_str())); }));
-    EXPECT_EQ(log(dir / "file", "Not a directory"),
-              CaptureLog([&] { EXPECT_EQ(0, COM_RemoveFileInDir(1, (dir / "file").c_str())); }));
+              CaptureLog([] { EXPECT_EQ(0, COM_RemoveFileInDir(COM_REMOVE_TREE, "")); }));
+    EXPECT_EQ(log(dir / "gone", "No such file or directory"), CaptureLog([&] {
+                  EXPECT_EQ(0, COM_RemoveFileInDir(COM_REMOVE_TREE, (dir / "gone").c_str()));
+              }));
+    EXPECT_EQ(log(dir / "file", "Not a directory"), CaptureLog([&] {
+                  EXPECT_EQ(0, COM_RemoveFileInDir(COM_REMOVE_TREE, (dir / "file").c_str()));
+              }));
     EXPECT_EQ("x", ReadFile(dir / "file"));
     const std::string endless(PATH_MAX + 10, 'x');
-    EXPECT_EQ(log(endless, "File name too long"),
-              CaptureLog([&] { EXPECT_EQ(0, COM_RemoveFileInDir(1, endless.c_str())); }));
+    EXPECT_EQ(log(endless, "File name too long"), CaptureLog([&] {
+                  EXPECT_EQ(0, COM_RemoveFileInDir(COM_REMOVE_TREE, endless.c_str()));
+              }));
 }
 
 // A tree deeper than a path can name: what can be named is removed, the rest is a failure.
@@ -383,8 +463,8 @@ TEST(RemoveFileInDir, StopsWhereAPathEnds) {
         const UniqueFd file{openat(level.get(), "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644)};
         ASSERT_TRUE(file);
     }
-    const Lines log =
-        CaptureLog([&] { EXPECT_EQ(-1, _COM_RemoveFileInDir_(1, dir.path().c_str(), 0)); });
+    const Lines log = CaptureLog(
+        [&] { EXPECT_EQ(-1, _COM_RemoveFileInDir_(COM_REMOVE_TREE, dir.path().c_str(), 0)); });
     ASSERT_FALSE(log.empty());
     EXPECT_NE(std::string::npos, log[0].find("error : File name too long"));
     EXPECT_FALSE(fs::exists(dir / (name + "/file")));
@@ -479,8 +559,10 @@ TEST(CreateSymbolLink, ReplacesAnExistingLinkByItsMode) {
         bool target;
         bool replaced;
     };
-    constexpr Case kCases[] = {{0, true, true},  {0, false, false}, {1, true, true},
-                               {1, false, true}, {2, true, false},  {3, true, false}};
+    constexpr Case kCases[] = {
+        {COM_LINK_REPLACE_IF_TARGET, true, true}, {COM_LINK_REPLACE_IF_TARGET, false, false},
+        {COM_LINK_REPLACE, true, true},           {COM_LINK_REPLACE, false, true},
+        {COM_LINK_IF_TARGET, true, false},        {3, true, false}};
     for (const Case &c : kCases) {
         const TempDir dir;
         const std::string target = dir / "target";
@@ -501,15 +583,15 @@ TEST(CreateSymbolLink, ReplacesAnExistingLinkByItsMode) {
     }
 }
 
-TEST(CreateSymbolLink, MakesALinkWhereNothingStands) {
-    for (const int mode : {0, 1, 2}) {
+TEST(CreateSymbolLink, MakesALinkWhereNothingExists) {
+    for (const int mode : {COM_LINK_REPLACE_IF_TARGET, COM_LINK_REPLACE, COM_LINK_IF_TARGET}) {
         const TempDir dir;
         WriteFile(dir / "target", "x");
         EXPECT_EQ(0, COM_CreateSymbolLink(mode, (dir / "target").c_str(), (dir / "link").c_str()));
         EXPECT_EQ(dir / "target", fs::read_symlink(dir / "link").string());
     }
     const TempDir dir;
-    for (const int mode : {0, 1}) {
+    for (const int mode : {COM_LINK_REPLACE_IF_TARGET, COM_LINK_REPLACE}) {
         const std::string link = dir / std::to_string(mode);
         EXPECT_EQ(0, COM_CreateSymbolLink(mode, "/no/such/target", link.c_str()))
             << "a link may dangle";
@@ -517,14 +599,16 @@ TEST(CreateSymbolLink, MakesALinkWhereNothingStands) {
     }
 }
 
-TEST(CreateSymbolLink, SkipsAMissingTargetInModeTwo) {
+TEST(CreateSymbolLink, SkipsAMissingTarget) {
     const TempDir dir;
     const std::string target = dir / "target";
     const std::string link = dir / "link";
-    EXPECT_EQ(
-        (Lines{"COMMON:COM_CreateSymbolLink(): skip link[" + link + "] due to [" + target +
-               "] is not existed!"}),
-        CaptureLog([&] { EXPECT_EQ(0, COM_CreateSymbolLink(2, target.c_str(), link.c_str())); }));
+    EXPECT_EQ((Lines{"COMMON:COM_CreateSymbolLink(): skip link[" + link + "] due to [" + target +
+                     "] is not existed!"}),
+              CaptureLog([&] {
+                  EXPECT_EQ(0,
+                            COM_CreateSymbolLink(COM_LINK_IF_TARGET, target.c_str(), link.c_str()));
+              }));
     EXPECT_FALSE(fs::is_symlink(link));
 }
 
@@ -532,8 +616,8 @@ TEST(CreateSymbolLink, FailsOnNull) {
     EXPECT_EQ((Lines{"COMMON:COM_CreateSymbolLink(): symlink((null), x) fail : Bad address",
                      "COMMON:COM_CreateSymbolLink(): symlink(x, (null)) fail : Bad address"}),
               CaptureLog([] {
-                  EXPECT_EQ(-1, COM_CreateSymbolLink(0, nullptr, "x"));
-                  EXPECT_EQ(-1, COM_CreateSymbolLink(0, "x", nullptr));
+                  EXPECT_EQ(-1, COM_CreateSymbolLink(COM_LINK_REPLACE, nullptr, "x"));
+                  EXPECT_EQ(-1, COM_CreateSymbolLink(COM_LINK_REPLACE, "x", nullptr));
               }));
 }
 
@@ -549,7 +633,7 @@ Lines InfoLines(int fd, const std::string &path, const std::string &type) {
 
 // A descriptor opened with O_PATH refers to a node of any type without its driver. A symbolic link
 // has no row: the examination of the path follows it.
-TEST(GetFdInfo, TellsEachFileType) {
+TEST(GetFdInfo, NamesEachFileType) {
     RunInPrivateWorld(
         kMounts,
         [] {
@@ -576,7 +660,7 @@ TEST(GetFdInfo, TellsEachFileType) {
                 if (strcmp(c.type, "RegularfFile") == 0) {
                     ASSERT_EQ(5, lseek(fd.get(), 5, SEEK_SET));
                 }
-                CanaryBuf path{128};
+                CanaryBuf path{COM_FD_PATH_SIZE};
                 Lines expected = InfoLines(fd.get(), c.path, c.type);
                 if (strcmp(c.type, "RegularfFile") == 0) {
                     expected.push_back("COMMON:COM_GetFdInfo(): (size, cur_off) = (7, 5)");
@@ -594,7 +678,7 @@ TEST(GetFdInfo, IsQuietUnlessVerboseAndNeedsNoBuffer) {
     const TempDir dir;
     WriteFile(dir / "file", "x");
     const UniqueFd fd{open((dir / "file").c_str(), O_RDONLY | O_CLOEXEC)};
-    CanaryBuf path{128};
+    CanaryBuf path{COM_FD_PATH_SIZE};
     EXPECT_EQ(Lines{}, CaptureLog([&] {
                   EXPECT_EQ(0, COM_GetFdInfo(fd.get(), path.text(), 0));
                   EXPECT_EQ(0, COM_GetFdInfo(fd.get(), nullptr, 0));
@@ -610,7 +694,7 @@ TEST(GetFdInfo, RefusesAPathThatWouldBeCut) {
         const std::string file = dir / std::string(length - dir.path().size() - 1, 'f');
         ASSERT_EQ(length, file.size());
         const UniqueFd fd{open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)};
-        CanaryBuf path{128};
+        CanaryBuf path{COM_FD_PATH_SIZE};
         const bool fits = length <= 127;
         const Lines expected = fits ? Lines{}
                                     : Lines{"COMMON:COM_GetFdInfo(): stat(" + file.substr(0, 128) +
@@ -627,7 +711,7 @@ TEST(GetFdInfo, RefusesAPathThatWouldBeCut) {
 }
 
 TEST(GetFdInfo, FailsWithoutAPathThatCanBeExamined) {
-    CanaryBuf path{128};
+    CanaryBuf path{COM_FD_PATH_SIZE};
     EXPECT_EQ(Lines{}, CaptureLog([&] { EXPECT_EQ(-1, COM_GetFdInfo(-1, path.text(), 1)); }));
 
     const std::string own = "/proc/" + std::to_string(getpid()) + "/fd/";
@@ -820,7 +904,7 @@ class ReplaceItemsInFile : public ::testing::Test {
     }
 };
 
-TEST_F(ReplaceItemsInFile, AppendsALineThatNoKeyFound) {
+TEST_F(ReplaceItemsInFile, AppendsAnItemWithoutAMatch) {
     Run("host=unit\nmask=24\n", [] {
         EXPECT_EQ(Lines{},
                   CaptureLog([] { EXPECT_EQ(1, Edit({Item("port=", "port=80")}, kAppend)); }));
@@ -927,7 +1011,7 @@ TEST_F(ReplaceItemsInFile, TakesALongLineInPieces) {
     }
 }
 
-TEST_F(ReplaceItemsInFile, LeavesOutWhatStandsBehindANul) {
+TEST_F(ReplaceItemsInFile, LeavesOutWhatFollowsANul) {
     Run(std::string{"a=1\0x\nb=2\n\0b=3\nc=4\0", 19}, [] {
         EXPECT_EQ(2, Edit({Item("b=", "b=two"), Item("d=", "d=5")}, kAppend));
         EXPECT_EQ("a=1b=two\nc=4\nd=5\n", ReadFile(kFile));
@@ -953,12 +1037,12 @@ TEST_F(ReplaceItemsInFile, OnlyCountsWithFindOnly) {
         EXPECT_EQ(text, ReadFile(kFile));
         EXPECT_EQ(0, items[0].key_len);
         EXPECT_EQ(1, Edit({Item("c=", "c=4"), Item("d=", "")}, kFindOnly | kAppend))
-            << "what would be added is counted";
+            << "lines that would be added count";
         EXPECT_EQ(text, ReadFile(kFile));
     });
 }
 
-// How the file systems that the kernel has are looked up.
+// The kernel's file systems are searched like this.
 TEST_F(ReplaceItemsInFile, FindsAFileSystemOfTheKernel) {
     if (access("/proc/filesystems", W_OK) != 0) {
         GTEST_SKIP() << "only root opens files of /proc for reading and writing";
