@@ -70,7 +70,7 @@ enum class AddressForm { kText, kPadded, kBinary };
 
 struct AddressRow {
     uint32_t flag;
-    uint32_t request;
+    int request;
     AddressForm form;
 };
 
@@ -173,7 +173,7 @@ UniqueFd OpenRequestSocket(const char *pFunction) {
 
 // A name that is too long for an interface is refused here. Cut to 15 characters it could be the
 // name of another interface.
-int RequestFact(const UniqueFd &fd, unsigned long request, const char *pIfName, ifreq &answer) {
+int RequestFact(const UniqueFd &fd, int request, const char *pIfName, ifreq &answer) {
     answer = {};
     const size_t length = pIfName != nullptr ? strlen(pIfName) : 0;
     if (length == 0 || length >= sizeof answer.ifr_name) {
@@ -259,8 +259,8 @@ int ReadInterfaceAddress(uint32_t flag, const AddressRow *pRow, const char *pIfN
     if (RequestFact(fd, pRow->request, pIfName, answer) == -1) {
         // An interface without an address is an ordinary state.
         if (errno != EADDRNOTAVAIL) {
-            LOG_ERRNO_AS("COM_SubGetNetInfo", "ioctl(%d:%s) error : %s\n",
-                         static_cast<int>(pRow->request), Shown(pIfName));
+            LOG_ERRNO_AS("COM_SubGetNetInfo", "ioctl(%d:%s) error : %s\n", pRow->request,
+                         Shown(pIfName));
         }
         return -1;
     }
