@@ -193,7 +193,7 @@ run_tests() {
     programs=
     if [ -n "$filter" ]; then
         programs=$(ctest --preset "$preset" -N -R "$filter" |
-            sed -n 's/\.valgrind$//; s/^ *Test *#[0-9]*: //p' | sort -u)
+            sed -n 's/\.valgrind$//; s/\.dynamic$//; s/^ *Test *#[0-9]*: //p' | sort -u)
         [ -n "$programs" ] || fail "No test program matches \"$filter\"."
     fi
     compile "$preset" $programs
@@ -234,7 +234,12 @@ build) build ;;
 test) run_tests test "build test" "${2:-}" "${3:-}" ;;
 sanitize) run_tests asan "build test" "${2:-}" "${3:-}" ;;
 thread) run_tests tsan "build test" "${2:-}" "${3:-}" ;;
-arm) run_tests arm "build test arm" "${2:-}" "${3:-}" ;;
+arm)
+    need arm
+    # The C library of the static program.
+    cmake/fetch-deb armhf build/arm/debs musl-dev
+    run_tests arm "build test arm" "${2:-}" "${3:-}"
+    ;;
 lint) lint ;;
 words)
     shift

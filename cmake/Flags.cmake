@@ -49,7 +49,8 @@ if(TALVEK_COVERAGE)
 endif()
 
 # talvek_add_library(<folder> [<shared folder>...]) makes talvek_<folder> of <folder>/*.cpp,
-# <folder>/internal/*.cpp and the sources of the shared folders. main.cpp belongs to a program.
+# <folder>/internal/*.cpp and the sources of the shared folders. main.cpp belongs to a program. With
+# TALVEK_STATIC there is talvek_<folder>_musl too, of the same sources.
 function(talvek_add_library folder)
     set(patterns ${PROJECT_SOURCE_DIR}/${folder}/*.cpp ${PROJECT_SOURCE_DIR}/${folder}/internal/*.cpp)
     foreach(shared IN LISTS ARGN)
@@ -61,4 +62,10 @@ function(talvek_add_library folder)
     target_link_libraries(talvek_${folder} PUBLIC talvek_interface
         PRIVATE $<BUILD_INTERFACE:talvek_inside>)
     set_target_properties(talvek_${folder} PROPERTIES ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
+    if(TALVEK_STATIC)
+        add_library(talvek_${folder}_musl STATIC ${sources})
+        target_link_libraries(talvek_${folder}_musl PRIVATE talvek_inside talvek_musl)
+        set_target_properties(talvek_${folder}_musl PROPERTIES OUTPUT_NAME talvek_${folder}
+            ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/musl EXPORT_COMPILE_COMMANDS OFF)
+    endif()
 endfunction()

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <getopt.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -41,7 +42,9 @@ class Options {
 
 Options::Options(int argc, char **argv) {
     SetPath(TALVEK_SOCKET_PATH);
-    for (int option; (option = getopt(argc, argv, "DCf:s:")) != -1;) {
+    // Without long options this is getopt, except that options are found after other words too in
+    // every C library, not in glibc alone.
+    for (int option; (option = getopt_long(argc, argv, "DCf:s:", nullptr, nullptr)) != -1;) {
         switch (option) {
             case 'D':
                 mode_ = Mode::kDaemon;

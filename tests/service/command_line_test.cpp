@@ -40,7 +40,8 @@ TEST(CommandLine, IgnoresUnknownOptions) {
         RunProgram({"-x", "-D", "-C", "--", "-D"}, [] { dup2(STDOUT_FILENO, STDERR_FILENO); });
     const Lines lines = outcome.lines();
     ASSERT_EQ(3u, lines.size());
-    EXPECT_NE(std::string::npos, lines[0].find("invalid option -- 'x'"));
+    const char *pComplaint = StaticProgram() ? "unrecognized option: x" : "invalid option -- 'x'";
+    EXPECT_NE(std::string::npos, lines[0].find(pComplaint));
     EXPECT_EQ("TALVEK: Client Mode - [/var/run/TALVEK][]", lines[1]);
 }
 
@@ -357,24 +358,6 @@ TEST(CommandLine, SocketsDoNotReplaceClosedStandardStreams) {
     ASSERT_GT(pid, 1);
     EXPECT_EQ(0, kill(pid, SIGTERM));
     EXPECT_TRUE(Eventually([&] { return access(path.c_str(), F_OK) != 0; }));
-}
-
-// The program needs the C library and its loader alone.
-TEST(CommandLine, NeedsNothingButTheCLibrary) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "a sanitized program needs the sanitizer's library";
-#endif
-    FILE *pListing =
-        popen("readelf -d " TALVEK_PROGRAM " | sed -n 's/.*NEEDED.*\\[\\(.*\\)\\]/\\1/p'", "re");
-    ASSERT_NE(nullptr, pListing);
-    std::string needed;
-    char line[256];
-    while (fgets(line, sizeof line, pListing) != nullptr) {
-        // On ARM the loader itself is listed, for its helper functions.
-        needed += std::string{line}.compare(0, 8, "ld-linux") == 0 ? "" : line;
-    }
-    EXPECT_EQ(0, pclose(pListing));
-    EXPECT_EQ("libc.so.6\n", needed);
 }
 
 }  // namespace

@@ -45,9 +45,9 @@ bool IsInPath(const std::string &program) {
     return false;
 }
 
-// The program with the emulator before it, if it was built for another processor. A machine with
+// The emulator's command line, where the program was built for another processor. A machine with
 // that processor has no emulator and needs none.
-std::vector<std::string> Launcher() {
+std::vector<std::string> Emulator() {
     std::vector<std::string> words;
     std::istringstream in{TALVEK_EMULATOR};
     for (std::string word; in >> word;) {
@@ -56,7 +56,12 @@ std::vector<std::string> Launcher() {
     if (!words.empty() && !IsInPath(words.front())) {
         words.clear();
     }
-    words.emplace_back(TALVEK_PROGRAM);
+    return words;
+}
+
+std::vector<std::string> Launcher() {
+    std::vector<std::string> words = Emulator();
+    words.emplace_back(ProgramPath());
     return words;
 }
 
@@ -115,6 +120,30 @@ void FillPipe(int end) {
     }
     EXPECT_EQ(EAGAIN, errno);
     close(fd);
+}
+
+const char *ProgramPath() {
+    const char *pOther = getenv("TALVEK_PROGRAM");
+    return pOther != nullptr ? pOther : TALVEK_PROGRAM;
+}
+
+bool StaticProgram() {
+    return TALVEK_STATIC && getenv("TALVEK_PROGRAM") == nullptr;
+}
+
+// musl's src/errno/__strerror.h, for the errors of these tests that it words differently.
+const char *ProgramErrorText(int error) {
+    if (StaticProgram() && error == EADDRINUSE) {
+        return "Address in use";
+    }
+    if (StaticProgram() && error == EMFILE) {
+        return "No file descriptors available";
+    }
+    return strerror(error);
+}
+
+bool Emulated() {
+    return !Emulator().empty();
 }
 
 int Outcome::exitStatus() const {

@@ -16,6 +16,17 @@
 
 namespace talvek::test {
 
+// The program under test: that of the environment variable TALVEK_PROGRAM, else the one that was
+// built for this machine's users.
+const char *ProgramPath();
+
+// Whether that is to be a static file, and what its C library calls an error.
+bool StaticProgram();
+const char *ProgramErrorText(int error);
+
+// Whether it runs under an emulator of its processor.
+bool Emulated();
+
 using Arguments = std::vector<std::string>;
 
 // A program that has ended.
