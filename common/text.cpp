@@ -57,7 +57,7 @@ int Distance(const char *from, const char *to) {
 }
 
 void CopyWithNul(char *pDst, const char *pSrc, int length) {
-    memcpy(pDst, pSrc, static_cast<size_t>(length));
+    memmove(pDst, pSrc, static_cast<size_t>(length));  // pDst may be part of the text
     pDst[length] = '\0';
 }
 
