@@ -2,7 +2,7 @@
 // them read-only, as the loader does with those of a dynamic program.
 
 #include <link.h>
-#include <stdint.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -14,15 +14,15 @@ namespace talvek {
 namespace {
 
 __attribute__((constructor)) void ProtectRelocatedTables() {
-    const char *base = reinterpret_cast<const char *>(&__ehdr_start);
+    char *base = reinterpret_cast<char *>(const_cast<ElfW(Ehdr) *>(&__ehdr_start));
     const auto *segments = reinterpret_cast<const ElfW(Phdr) *>(base + __ehdr_start.e_phoff);
-    const auto page = static_cast<uintptr_t>(getpagesize());
+    const auto page = static_cast<size_t>(getpagesize());
     for (unsigned i = 0; i < __ehdr_start.e_phnum; ++i) {
-        if (segments[i].p_type == PT_GNU_RELRO) {
-            const uintptr_t at = reinterpret_cast<uintptr_t>(base) + segments[i].p_vaddr;
-            const uintptr_t begin = at / page * page;
-            const uintptr_t end = (at + segments[i].p_memsz) / page * page;
-            if (mprotect(reinterpret_cast<void *>(begin), end - begin, PROT_READ) != 0) {
+        const ElfW(Phdr) &segment = segments[i];
+        if (segment.p_type == PT_GNU_RELRO) {
+            const size_t begin = segment.p_vaddr / page * page;
+            const size_t end = (segment.p_vaddr + segment.p_memsz) / page * page;
+            if (mprotect(base + begin, end - begin, PROT_READ) != 0) {
                 abort();
             }
         }
