@@ -149,7 +149,7 @@ int COM_AppendFileToFile(const char *pDst, const char *pSrc) {
     int64_t left = AppendLimit(dst.get(), src.get());
     int total = 0;
     while (left > 0) {
-        const size_t room = std::min<uint64_t>(static_cast<uint64_t>(left), kAppendBlock);
+        const auto room = static_cast<size_t>(std::min<int64_t>(left, kAppendBlock));
         const ssize_t count = read(src.get(), block.get(), room);
         if (count <= 0) {
             break;
