@@ -14,8 +14,8 @@
  *            in struct in_addr
  *   RAW      the same 4 bytes                            four zero bytes
  *
- * The forms of a hardware address, here of 00:11:22:AA:BB:CC. LAST4, LAST3 and LAST2 give only the
- * last four, three or two bytes:
+ * The forms of a hardware address, here of 00:11:22:AA:BB:CC. LAST4, LAST3 and LAST2 give only
+ * the last four, three or two bytes:
  *
  *   form       bytes written
  *   HEX        at most 13 with the NUL: 001122AABBCC
@@ -23,16 +23,16 @@
  *   COLON      at most 18 with the NUL: 00:11:22:AA:BB:CC
  *   BYTES      at most 6: the bytes themselves, without a NUL
  *
- * After a failure the hardware address is 00:00:00:00:00:00 in the flag's form. So every output is
- * well formed, whatever the result. Outputs may be unaligned.
+ * After a failure the hardware address is 00:00:00:00:00:00 in the flag's form. So every output
+ * is well formed, whatever the result. Outputs may be unaligned.
  *
  * Interface names are NUL-terminated and have at most 15 characters; a longer name is the name of
- * no interface. Only COM_GetNetInfo knows the name "auto". A NULL name is the name of no interface,
- * unless the entry says otherwise. A flag that an entry does not serve is logged and fails. A NULL
- * output is a failure without a message.
+ * no interface. Only COM_GetNetInfo knows the name "auto". A NULL name is the name of no
+ * interface, unless the entry says otherwise. A flag that an entry does not serve is logged and
+ * fails. A NULL output is a failure without a message.
  *
- * The kernel's tables are read in lines of at most 255 characters and resolv.conf files in lines of
- * at most 159; what follows in a longer line counts as the next line. */
+ * The kernel's tables are read in lines of at most 255 characters and resolv.conf files in lines
+ * of at most 159; what follows in a longer line counts as the next line. */
 
 #include <stdint.h>
 
@@ -128,40 +128,38 @@ int COM_GetMAC(uint32_t flag, const char *pIfName, void *pOut);
  *
  *   pAddress  the neighbour's IPv4 address, spelled as in the table
  *
- * Returns -1 always, also when the neighbour was found: read the output, which is the zero address
- * when the table has no such neighbour. Another flag leaves pOut unchanged. */
+ * Returns -1 always, also when the neighbour was found: read the output, which is the zero
+ * address when the table has no such neighbour. Another flag leaves pOut unchanged. */
 int COM_GetArpMAC(uint32_t flag, const char *pAddress, void *pOut);
 
 /* Address, broadcast address or netmask of an interface (SIOCGIFADDR, SIOCGIFBRDADDR,
- * SIOCGIFNETMASK), COM_NET_IP_..., COM_NET_BROADCAST_..., COM_NET_NETMASK_... An interface without
- * an address is a failure without a message.
+ * SIOCGIFNETMASK), COM_NET_IP_..., COM_NET_BROADCAST_..., COM_NET_NETMASK_... An interface
+ * without an address is a failure without a message.
  *
- * Returns 0; -1 with the form's failure value in pOut (four zero bytes when the flag is another).
- */
+ * Returns 0; -1 with the form's failure value in pOut (four zero bytes for another flag). */
 int COM_SubGetNetInfo(uint32_t flag, const char *pIfName, void *pOut);
 
 /* Default gateway, COM_NET_GATEWAY_...: that of the first default route in /proc/net/route which
- * leaves through pIfName (through any interface when it is NULL) and has a gateway. Without such a
- * route, the point-to-point peer of the interface (SIOCGIFDSTADDR); where the link is not
+ * leaves through pIfName (through any interface when it is NULL) and has a gateway. Without such
+ * a route, the point-to-point peer of the interface (SIOCGIFDSTADDR); where the link is not
  * point-to-point, the kernel answers with the interface's own address.
  *
- * Returns 0; -1 with the form's failure value in pOut (four zero bytes when the flag is another).
- */
+ * Returns 0; -1 with the form's failure value in pOut (four zero bytes for another flag). */
 int COM_SubGetGateway(uint32_t flag, const char *pIfName, void *pOut);
 
 /* Name server for an interface, COM_NET_DNS1_... and COM_NET_DNS2_...
  *
- * The file is /etc/resolv.conf.wan for "eth0" and /etc/resolv.conf.uplink for any other name, if it
- * exists and a file of the same name exists under /mtd1. That second file only marks the setting as
- * saved; it is not read. Otherwise, and for a NULL name, the file is /etc/resolv.conf. An entry is
- * the word after "nameserver" anywhere in a line, so entries in comments count.
+ * The file is /etc/resolv.conf.wan for "eth0" and /etc/resolv.conf.uplink for any other name, if
+ * it exists and a file of the same name exists under /mtd1. That second file only marks the
+ * setting as saved; it is not read. Otherwise, and for a NULL name, the file is /etc/resolv.conf.
+ * An entry is the word after "nameserver" anywhere in a line, so entries in comments count.
  *
  * Returns 0; -1 when the file has no such entry or the entry is no IPv4 address, with the form's
- * failure value in pOut (four zero bytes when the flag is another). */
+ * failure value in pOut (four zero bytes for another flag). */
 int COM_GetDnsServer(uint32_t flag, const char *pIfName, void *pOut);
 
-/* MTU of an interface in bytes (SIOCGIFMTU), as an int32_t in the 4 bytes of pOut. The flag is not
- * checked. Returns 0; -1 with zero in pOut. */
+/* MTU of an interface in bytes (SIOCGIFMTU), as an int32_t in the 4 bytes of pOut. The flag is
+ * not checked. Returns 0; -1 with zero in pOut. */
 int COM_GetMTU(uint32_t flag, const char *pIfName, void *pOut);
 
 /* Name of the interface of the first default route in /proc/net/route that has a gateway.

@@ -1,8 +1,8 @@
 #ifndef TALVEK_COMMON_UDP_BROADCAST_H
 #define TALVEK_COMMON_UDP_BROADCAST_H
 
-/* UDP datagrams from an interface that has no IPv4 address yet. The IPv4 and UDP headers are built
- * here, and the packet is sent through a packet socket (packet(7), needs CAP_NET_RAW). */
+/* UDP datagrams from an interface that has no IPv4 address yet. The IPv4 and UDP headers are
+ * built here, and the packet is sent through a packet socket (packet(7), needs CAP_NET_RAW). */
 
 #include <stdint.h>
 
@@ -36,8 +36,8 @@ enum {
  * The packet is not fragmented. A UDP checksum of 0 is sent as 0, which the receiver reads as "no
  * checksum".
  *
- * Returns 0 when the packet was handed to the interface, else -1. A failed send is logged only when
- * an interface was named. */
+ * Returns 0 when the packet was handed to the interface, else -1. A failed send is logged only
+ * when an interface was named. */
 int COM_SendUdpPackage(const char *pIfName, uint32_t mode, uint32_t source, uint32_t destination,
                        uint16_t sourcePort, uint16_t destinationPort, const void *pData,
                        uint32_t size);

@@ -1,4 +1,6 @@
-// Lookups: a name or mail address to IPv4 addresses, over the name servers of the unit.
+// Lookups: from a name or mail address to IPv4 addresses, with the name servers of this unit.
+
+#include "dns/lookup.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -7,18 +9,23 @@
 #include <sys/socket.h>
 
 #include "base/cancel_guard.h"
+#include "base/path.h"
 #include "base/unique_fd.h"
-#include "dns/DNS.h"
 #include "dns/internal/module_log.h"
 #include "dns/internal/name.h"
+#include "dns/name_server.h"
+#include "dns/query.h"
 
 namespace {
 
-using ViaNameServer = int (*)(const char *, const char *, tDnsAddrEntry *, int);
+using talvek::CancelGuard;
+using talvek::UniqueFd;
 
-// What inet_addr makes of the name goes to the first entry whether it is an address or not.
-// Held by GetA.LeavesTheErrorOfInetAddrInTheFirstEntry.
-bool TakeDottedAddress(const char *pDomainName, tDnsAddrEntry *pResult) {
+using AskServer = int (*)(const char *, const char *, tDnsAddrEntry *, int);
+
+// The value of inet_addr is stored in the first entry even if it is that of an error.
+// Tested by GetA.LeavesTheErrorOfInetAddrInTheFirstEntry.
+bool StoreDottedAddress(const char *pDomainName, tDnsAddrEntry *pResult) {
     pResult[0].addr = inet_addr(talvek::QueriedName(pDomainName));
     if (pResult[0].addr == INADDR_NONE) {
         return false;
@@ -30,36 +37,35 @@ bool TakeDottedAddress(const char *pDomainName, tDnsAddrEntry *pResult) {
     return true;
 }
 
-int AskNameServers(const char *pFunction, ViaNameServer ask, const char *pDomainName,
+int AskNameServers(const char *pFunction, AskServer ask, const char *pDomainName,
                    tDnsAddrEntry *pResult, int timeout) {
     char servers[DNS_MAX_NAME_SERVERS][DNS_NAME_SERVER_SIZE];
     const int count = DNS_GetNameServer(servers);
     if (count == 0) {
         LOG_AS(pFunction, "no nameserver found\n");
-        return -1;
+        return DNS_NO_ANSWER;
     }
-    int result = -1;
-    for (int i = 0; i < count && result != 0; ++i) {
+    int result = DNS_NO_ANSWER;
+    for (int i = 0; i < count && result != DNS_OK; ++i) {
         result = ask(servers[i], pDomainName, pResult, timeout);
     }
     return result;
 }
 
-// A bound socket for queries to the server, whose address is stored; empty, and logged for the
-// entry, on failure.
-talvek::UniqueFd OpenSocket(const char *pFunction, const char *pNameServer,
-                            struct sockaddr_in &server) {
+// Opens a bound socket for queries to the server, and stores the server's address. Empty, and
+// logged for the entry, on failure.
+UniqueFd OpenSocket(const char *pFunction, const char *pNameServer, struct sockaddr_in &server) {
     server = {};
     server.sin_family = AF_INET;
     server.sin_port = htons(DNS_PORT);
     server.sin_addr.s_addr = pNameServer != nullptr ? inet_addr(pNameServer) : INADDR_NONE;
     if (server.sin_addr.s_addr == INADDR_NONE) {
         // inet_addr sets no errno.
-        LOG_AS(pFunction, "inet_addr(%s) error : %s\n",
-               pNameServer != nullptr ? pNameServer : "(null)", strerror(EINVAL));
+        LOG_AS(pFunction, "inet_addr(%s) error : %s\n", talvek::Shown(pNameServer),
+               strerror(EINVAL));
         return {};
     }
-    talvek::UniqueFd fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    UniqueFd fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     if (!fd) {
         LOG_ERRNO_AS(pFunction, "socket() error : %s\n");
         return {};
@@ -77,57 +83,57 @@ talvek::UniqueFd OpenSocket(const char *pFunction, const char *pNameServer,
 }  // namespace
 
 int DNS_GetA(const char *pDomainName, tDnsAddrEntry *pResult, int timeout) {
-    const talvek::CancelGuard guard;
+    const CancelGuard guard;
     if (pDomainName == nullptr) {
         LOG("pDomainName is NULL!\n");
-        return -1;
+        return DNS_NO_ANSWER;
     }
     if (strchr(pDomainName, '.') == nullptr) {
         LOG("invalid pDomainName [%s]\n", pDomainName);
-        return -1;
+        return DNS_NO_ANSWER;
     }
     if (pResult == nullptr) {
-        return -1;
+        return DNS_NO_ANSWER;
     }
-    if (TakeDottedAddress(pDomainName, pResult)) {
-        return 0;
+    if (StoreDottedAddress(pDomainName, pResult)) {
+        return DNS_OK;
     }
     if (!talvek::FitsQuery(pDomainName)) {
         LOG("invalid pDomainName [%s]\n", pDomainName);
-        return -1;
+        return DNS_NO_ANSWER;
     }
     return AskNameServers(__func__, DNS_GetAviaNameServer, pDomainName, pResult, timeout);
 }
 
 int DNS_GetMX(const char *pDomainName, tDnsAddrEntry *pResult, int timeout) {
-    const talvek::CancelGuard guard;
+    const CancelGuard guard;
     if (pDomainName == nullptr || strchr(pDomainName, '.') == nullptr) {
         LOG("invalid pDomainName\n");
-        return -1;
+        return DNS_NO_ANSWER;
     }
     if (pResult == nullptr) {
-        return -1;
+        return DNS_NO_ANSWER;
     }
-    if (TakeDottedAddress(pDomainName, pResult)) {
-        return 0;
+    if (StoreDottedAddress(pDomainName, pResult)) {
+        return DNS_OK;
     }
     if (!talvek::FitsQuery(pDomainName)) {
         LOG("invalid pDomainName\n");
-        return -1;
+        return DNS_NO_ANSWER;
     }
     return AskNameServers(__func__, DNS_GetMXviaNameServer, pDomainName, pResult, timeout);
 }
 
 int DNS_GetAviaNameServer(const char *pNameServer, const char *pDomainName, tDnsAddrEntry *pResult,
                           int timeout) {
-    const talvek::CancelGuard guard;
+    const CancelGuard guard;
     struct sockaddr_in server;
-    const talvek::UniqueFd fd = OpenSocket(__func__, pNameServer, server);
+    const UniqueFd fd = OpenSocket(__func__, pNameServer, server);
     if (!fd) {
-        return -1;
+        return DNS_NO_ANSWER;
     }
     const int result = DNS_SendAQuery(fd.get(), &server, pDomainName, pResult, timeout);
-    if (result != 0) {
+    if (result != DNS_OK) {
         LOG("A record not found!\n");
     }
     return result;
@@ -135,17 +141,17 @@ int DNS_GetAviaNameServer(const char *pNameServer, const char *pDomainName, tDns
 
 int DNS_GetMXviaNameServer(const char *pNameServer, const char *pDomainName, tDnsAddrEntry *pResult,
                            int timeout) {
-    const talvek::CancelGuard guard;
+    const CancelGuard guard;
     struct sockaddr_in server;
-    const talvek::UniqueFd fd = OpenSocket(__func__, pNameServer, server);
+    const UniqueFd fd = OpenSocket(__func__, pNameServer, server);
     if (!fd) {
-        return -1;
+        return DNS_NO_ANSWER;
     }
     int result = DNS_SendMXQuery(fd.get(), &server, pDomainName, pResult, timeout);
-    if (result != 0) {
+    if (result != DNS_OK) {
         LOG("MX record not found! Try A record.\n");
         result = DNS_SendAQuery(fd.get(), &server, pDomainName, pResult, timeout);
-        if (result != 0) {
+        if (result != DNS_OK) {
             LOG("A record not found!\n");
         }
     }

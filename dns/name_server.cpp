@@ -1,13 +1,13 @@
-// Which name servers this unit asks: the "nameserver" lines of /etc/resolv.conf.
+// The name servers of this unit: the "nameserver" lines of /etc/resolv.conf.
 
-#include <errno.h>
+#include "dns/name_server.h"
+
 #include <stdio.h>
 #include <string.h>
 
 #include "base/cancel_guard.h"
 #include "base/path.h"
 #include "base/unique_stream.h"
-#include "dns/DNS.h"
 #include "dns/internal/module_log.h"
 
 namespace {
@@ -17,9 +17,9 @@ constexpr char kKeyword[] = "nameserver";
 constexpr char kDelimiters[] = " \r\n";
 constexpr size_t kLineSize = 80;
 
-// The second word of a line that begins with the keyword, or null. Only the line's first ten
-// characters are compared: "nameserver1 10.0.0.1" counts.
-// Held by GetNameServer.ComparesTheFirstTenCharactersAlone.
+// The second word of a line that begins with the keyword, or null. Only ten characters of the line
+// are compared: "nameserver1 10.0.0.1" counts. Tested by
+// GetNameServer.ComparesOnlyTheFirstTenCharacters.
 const char *ServerOfLine(char *pLine) {
     if (strncmp(pLine, kKeyword, sizeof kKeyword - 1) != 0) {
         return nullptr;

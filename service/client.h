@@ -16,9 +16,9 @@ extern "C" {
  *                TALVEK_SOCKET_PATH
  *   pCommand     a command line for the shell, at most TALVEK_COMMAND_MAX characters
  *
- * The environment is sent as far as it fits into one package: 1136 bytes, counting the NUL of each
- * string. The first string that does not fit and all after it are left out, with a warning in the
- * log.
+ * The environment is sent as far as it fits into one package: 1136 bytes, counting the NUL of
+ * each string. The first string that does not fit and all after it are left out, with a warning
+ * in the log.
  *
  * Returns the status that the daemon reports: the exit status, 0 to 255, or -1 for a command that
  * was killed or could not be started. Returns -1 as well when the daemon cannot be reached or

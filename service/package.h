@@ -60,8 +60,8 @@ typedef struct tTalvekClient {
     uint16_t sn;        /* sequence counter of the replies, 0 at first */
 } tTalvekClient;
 
-/* Returns the checksum of a header: the exclusive or of its first seven little-endian 16-bit words,
- * 0 for NULL. The payload is not covered. */
+/* Returns the checksum of a header: the exclusive or of its first seven little-endian 16-bit
+ * words, 0 for NULL. The payload is not covered. */
 uint16_t TALVEK_CalcPkgChecksum(const tTalvekPkg *pPkg);
 
 /* Checks the header of a package, which need not be complete.
@@ -93,9 +93,9 @@ int TALVEK_SendPkg(const tTalvekClient *pClient, const tTalvekPkg *pPkg, uint32_
  *   pPayload  name=value strings, each with its NUL; not changed
  *   length    bytes of all strings with their NULs
  *
- * The first string without "=" ends it: that string and all after it are ignored. A string with an
- * empty name is skipped. A last string without a NUL ends with the payload. Without memory for a
- * copy of the payload nothing is added (not logged). Other threads must not use the environment
+ * The first string without "=" ends it: that string and all after it are ignored. A string with
+ * an empty name is skipped. A last string without a NUL ends with the payload. Without memory for
+ * a copy of the payload nothing is added (not logged). Other threads must not use the environment
  * meanwhile. */
 void TALVEK_SetEnvFromPkg(const char *pPayload, uint32_t length);
 

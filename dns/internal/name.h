@@ -3,23 +3,18 @@
 
 #include <string.h>
 
-#include "dns/DNS.h"
+#include "dns/query.h"
 
 namespace talvek {
 
-// Bytes of a query beside its name: the header, the first label's length, the root label, QTYPE and
-// QCLASS. Every "." of the name stands for the length of a label.
-constexpr size_t kQueryOverhead = 18;
-constexpr size_t kMaxQueriedName = DNS_MESSAGE_SIZE - kQueryOverhead;
-
-// What is asked for: a mail address stands for its domain.
+// The name to ask for: of a mail address, its domain.
 inline const char *QueriedName(const char *pDomainName) {
     const char *pAt = strchr(pDomainName, '@');
     return pAt != nullptr ? pAt + 1 : pDomainName;
 }
 
 inline bool FitsQuery(const char *pDomainName) {
-    return strnlen(QueriedName(pDomainName), kMaxQueriedName + 1) <= kMaxQueriedName;
+    return strnlen(QueriedName(pDomainName), DNS_MAX_NAME + 1) <= DNS_MAX_NAME;
 }
 
 }  // namespace talvek

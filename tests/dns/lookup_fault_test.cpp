@@ -16,9 +16,9 @@ namespace {
 using namespace talvek::test;
 using Via = int (*)(const char *, const char *, tDnsAddrEntry *, int);
 
-// No server runs: with a time-out of 0 a query goes out and the wait for its response is over.
+// No server runs: with a time-out of 0 a query is sent, and the wait for its response ends at once.
 
-TEST(LookupFault, LogsASocketThatCannotBeMade) {
+TEST(LookupFault, LogsAFailedSocket) {
     RunWithResolvConf("", [] {
         for (const auto &[via, name] : {std::pair<Via, std::string>{DNS_GetAviaNameServer, "A"},
                                         {DNS_GetMXviaNameServer, "MX"}}) {
@@ -38,7 +38,7 @@ TEST(LookupFault, LogsASocketThatCannotBeMade) {
     });
 }
 
-TEST(LookupFault, LogsWaitsThatFail) {
+TEST(LookupFault, LogsFailedWaits) {
     RunWithResolvConf("", [] {
         Results results;
         const auto ask = [&results](int nth, const char *pCall, Via via) {
@@ -48,21 +48,21 @@ TEST(LookupFault, LogsWaitsThatFail) {
                 EXPECT_TRUE(Fault::Tripped());
             });
         };
-        const Lines unwritable = ask(0, "poll", DNS_GetAviaNameServer);
+        const Lines unwritable = ask(0, "ppoll", DNS_GetAviaNameServer);
         ASSERT_EQ(2u, unwritable.size());
         EXPECT_EQ(0u, unwritable[0].find("DNS:DNS_SendAQuery(): select(writeset:"));
         EXPECT_NE(std::string::npos, unwritable[0].find(") timeout! : Cannot allocate memory"));
         EXPECT_EQ((Lines{"DNS:DNS_SendAQuery(): [0] select() error : Cannot allocate memory",
                          "DNS:DNS_GetAviaNameServer(): A record not found!"}),
-                  ask(1, "poll", DNS_GetAviaNameServer));
+                  ask(1, "ppoll", DNS_GetAviaNameServer));
     });
 }
 
-TEST(LookupFault, GoesOnToTheSecondMxAttempt) {
+TEST(LookupFault, MakesASecondMxAttemptAfterAFailedWait) {
     RunWithResolvConf("", [] {
         Results results;
         const Lines log = CaptureLog([&] {
-            const Fault fault{"poll", 0, ENOMEM};
+            const Fault fault{"ppoll", 0, ENOMEM};
             EXPECT_EQ(-1, DNS_GetMXviaNameServer("127.0.0.1", "ex.test", results.entries, 0));
         });
         EXPECT_EQ((Lines{"DNS:DNS_SendMXQuery(): select(&writeset) timeout!",
@@ -83,9 +83,7 @@ TEST(LookupFault, LogsAFileThatCannotBeOpened) {
               }));
 }
 
-// Whichever call fails, the lookup ends with a failure or, where the call was not needed for the
-// answer, with the address, and leaves neither descriptor nor block behind.
-TEST(LookupFault, SurvivesEveryFailingCall) {
+TEST(LookupFault, ReleasesEverythingWhicheverCallFails) {
     RunWithResolvConf("nameserver 127.0.0.1\n", [] {
         for (const auto lookup : {DNS_GetA, DNS_GetMX}) {
             int calls = 0;
@@ -102,8 +100,8 @@ TEST(LookupFault, SurvivesEveryFailingCall) {
     });
 }
 
-// The answer waits in the socket before it is asked for, so that each run takes the way to its end.
-TEST(LookupFault, ReceivesOrFailsUnderEveryFailingCall) {
+// The answer is in the socket before the query is sent, so that each run can succeed.
+TEST(LookupFault, ReceivesOrFailsWhicheverCallFails) {
     RunWithResolvConf("", [] {
         const struct sockaddr_in server = ServerAddress("127.0.0.1");
         const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);

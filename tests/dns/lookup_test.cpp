@@ -1,4 +1,4 @@
-// Lookups against scripted servers on port 53 of a network of the test's own.
+// Lookups with scripted servers on port 53 of a private network.
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -65,7 +65,8 @@ ScriptedServer::Script Answering(std::vector<std::string> addresses) {
     };
 }
 
-// MX queries get exchangers a, b, ... with 10.0.1.1, 10.0.1.2, ...; A queries get 10.0.0.1.
+// Answers MX queries with exchangers a, b, ... at 10.0.1.1, 10.0.1.2, ..., and A queries
+// with 10.0.0.1.
 ScriptedServer::Script Exchanging(std::vector<int> preferences) {
     return [preferences](const Bytes &query, int) {
         Builder response{query};
@@ -102,14 +103,14 @@ const Lookup kBoth[] = {DNS_GetA, DNS_GetMX};
 
 // ---- Without a query ----
 
-TEST(GetA, TakesADottedAddressItself) {
+TEST(GetA, ReturnsADottedAddressWithoutAQuery) {
     RunInPrivateWorld(kMounts | kNetwork, [] {
         FreshEtc();
         for (const Lookup lookup : kBoth) {
             for (const char *pName : {"10.1.2.3", "mail@10.1.2.3", "first.last@10.1.2.3"}) {
                 Outcome outcome = Look(lookup, pName);
                 EXPECT_EQ(0, outcome.result);
-                EXPECT_EQ(Lines{}, outcome.log) << "resolv.conf is not even opened";
+                EXPECT_EQ(Lines{}, outcome.log) << "resolv.conf is not opened";
                 EXPECT_EQ(EntryA("10.1.2.3"), outcome.results[0]);
                 EXPECT_TRUE(outcome.results.UntouchedFrom(1));
             }
@@ -140,7 +141,7 @@ TEST(GetA, RefusesNull) {
     EXPECT_EQ(-1, DNS_GetMX("www.ex.test", nullptr, 0));
 }
 
-TEST(GetA, NeedsANameServer) {
+TEST(GetA, FailsWithoutANameServer) {
     RunInPrivateWorld(kMounts | kNetwork, [] {
         FreshEtc();
         EXPECT_EQ((Lines{"DNS:DNS_GetNameServer(): fopen(/etc/resolv.conf) error : No such file or "
@@ -167,7 +168,7 @@ TEST(GetA, LeavesTheErrorOfInetAddrInTheFirstEntry) {
     });
 }
 
-TEST(GetA, SendsNothingForANameThatNoMessageHolds) {
+TEST(GetA, SendsNothingForANameThatFitsNoMessage) {
     RunWithResolvConf(kOneServer, [] {
         ScriptedServer server{"127.0.0.1", Answering({"10.0.0.1"})};
         const std::string tooLong = "a." + std::string(1005, 'b');
@@ -187,7 +188,7 @@ TEST(GetA, SendsNothingForANameThatNoMessageHolds) {
 
 // ---- Addresses of a host ----
 
-TEST(GetA, StoresTheAddressesOfTheAnswer) {
+TEST(GetA, StoresTheAddressesOfAResponse) {
     RunWithResolvConf(kOneServer, [] {
         ScriptedServer server{"127.0.0.1", Answering({"10.0.0.1", "10.0.0.2"})};
         Outcome outcome = Look(DNS_GetA, "www.ex.test");
@@ -208,8 +209,8 @@ TEST(GetA, AsksForTheDomainOfAMailAddress) {
     });
 }
 
-// A "." anywhere will do, also one of the user's name.
-TEST(GetA, AsksForADomainWithoutADotWhereTheUserHasOne) {
+// A "." in the user's name is enough.
+TEST(GetA, AsksForADomainWithoutADotWhenTheUserHasOne) {
     RunWithResolvConf(kOneServer, [] {
         ScriptedServer server{"127.0.0.1", Answering({"10.0.0.1"})};
         EXPECT_EQ(0, Look(DNS_GetA, "first.last@localhost").result);
@@ -220,8 +221,8 @@ TEST(GetA, AsksForADomainWithoutADotWhereTheUserHasOne) {
     });
 }
 
-// The address of all ones is what inet_addr has for an error.
-TEST(GetA, LooksUpTheAllOnesAddressAsAName) {
+// inet_addr returns this value for an error too.
+TEST(GetA, LooksUp255255255255AsAName) {
     RunWithResolvConf(kOneServer, [] {
         ScriptedServer server{"127.0.0.1", Answering({"10.0.0.1"})};
         EXPECT_EQ(0, Look(DNS_GetA, "255.255.255.255").result);
@@ -261,8 +262,7 @@ TEST(GetA, AsksTheServersInOrderUntilOneAnswers) {
         });
 }
 
-// A fifth server is never asked.
-TEST(GetA, AsksFourServersAtTheMost) {
+TEST(GetA, AsksAtMostFourServers) {
     std::string resolvConf;
     for (int i = 1; i <= 5; ++i) {
         resolvConf += "nameserver 127.0.0." + std::to_string(i) + "\n";
@@ -272,14 +272,14 @@ TEST(GetA, AsksFourServersAtTheMost) {
         ScriptedServer fifth{"127.0.0.5", Answering({"10.0.0.5"})};
         const Outcome outcome = Look(DNS_GetA, "www.ex.test", 0);
         EXPECT_EQ(-1, outcome.result);
-        // One line for each server that was asked, whether it had the time to answer or not.
+        // One line for each server that was asked, even if it had no time to answer.
         EXPECT_EQ(4, std::count(outcome.log.begin(), outcome.log.end(),
                                 "DNS:DNS_GetAviaNameServer(): A record not found!"));
         EXPECT_EQ(0u, fifth.Queries().size());
     });
 }
 
-TEST(GetA, GoesOnWhenAServerClosesUponTheQuery) {
+TEST(GetA, AsksTheNextServerWhenOneClosesItsSocket) {
     RunWithResolvConf("nameserver 127.0.0.1\nnameserver 127.0.0.2\n", [] {
         std::thread closing{[fd = BoundSocket("127.0.0.1")] {
             char byte;
@@ -297,7 +297,7 @@ TEST(GetA, GoesOnWhenAServerClosesUponTheQuery) {
     });
 }
 
-// 10.9.9.9 has no route in this network: the query cannot be sent.
+// There is no route to 10.9.9.9: the query cannot be sent.
 TEST(GetA, ReturnsTheFailureOfTheLastServer) {
     RunWithResolvConf("nameserver 127.0.0.1\nnameserver 10.9.9.9\n", [] {
         ScriptedServer server{"127.0.0.1", NoAnswers};
@@ -312,7 +312,7 @@ TEST(GetA, ReturnsTheFailureOfTheLastServer) {
     });
 }
 
-TEST(GetAviaNameServer, RefusesAServerThatIsNoAddress) {
+TEST(GetAviaNameServer, RefusesAServerThatIsNotAnAddress) {
     RunWithResolvConf("nameserver fe80::1\nnameserver 127.0.0.1\n", [] {
         for (const char *pServer : {"ns.ex.test", "", "fe80::1", "255.255.255.255", "1.2.3.4.5"}) {
             for (const auto &[via, function] :
@@ -331,13 +331,13 @@ TEST(GetAviaNameServer, RefusesAServerThatIsNoAddress) {
         EXPECT_EQ(Lines{"DNS:DNS_GetAviaNameServer(): inet_addr((null)) error : Invalid argument"},
                   null.log);
         EXPECT_EQ(-1, LookVia(DNS_GetMXviaNameServer, nullptr, "www.ex.test").result);
-        // The lookup goes on with the next server.
+        // A lookup asks the next server.
         ScriptedServer server{"127.0.0.1", Answering({"10.0.0.1"})};
         EXPECT_EQ(0, Look(DNS_GetA, "www.ex.test").result);
     });
 }
 
-TEST(GetAviaNameServer, AsksAlsoForWhatLooksLikeAnAddress) {
+TEST(GetAviaNameServer, AsksForADottedAddressToo) {
     RunWithResolvConf("", [] {
         ScriptedServer server{"127.0.0.1", Answering({"10.0.0.1"})};
         Outcome outcome = LookVia(DNS_GetAviaNameServer, "127.0.0.1", "10.1.2.3");
@@ -383,7 +383,7 @@ TEST(GetMX, StoresTenOfTwelveExchangers) {
     });
 }
 
-TEST(GetMX, AsksTwiceAndThenForTheAddressOverTheSameSocket) {
+TEST(GetMX, AsksTwiceAndThenForTheAddressOnTheSameSocket) {
     RunWithResolvConf(kOneServer, [] {
         ScriptedServer server{"127.0.0.1", [](const Bytes &query, int nth) {
                                   return TypeOf(query) == DNS_TYPE_MX
@@ -404,7 +404,7 @@ TEST(GetMX, AsksTwiceAndThenForTheAddressOverTheSameSocket) {
     });
 }
 
-TEST(GetMX, FailsWhereThereIsNeitherRecord) {
+TEST(GetMX, FailsWhenThereIsNeitherRecord) {
     RunWithResolvConf(kOneServer, [] {
         ScriptedServer server{"127.0.0.1", NoAnswers};
         const Outcome outcome = Look(DNS_GetMX, "ex.test");
@@ -416,15 +416,15 @@ TEST(GetMX, FailsWhereThereIsNeitherRecord) {
     });
 }
 
-// What still lies in the socket from the MX exchange is the response that the A query finds.
-TEST(GetMX, TakesALateResponseForTheNextAnswer) {
+// A datagram that the MX queries have left in the socket is the response of the A query.
+TEST(GetMX, AcceptsALateResponseForItsNextQuery) {
     RunWithResolvConf(kOneServer, [] {
         ScriptedServer server{
             "127.0.0.1", [](const Bytes &query, int nth) -> std::vector<Bytes> {
                 if (nth != 1) {
                     return {};
                 }
-                // Two at once: what remains of them is read by the A exchange.
+                // Two at once: the MX query reads the first, the A query the second.
                 return {Builder{query}.bytes(), Answering({"10.0.0.7"})(query, nth)[0]};
             }};
         Outcome outcome = Look(DNS_GetMX, "ex.test", 1);
@@ -445,7 +445,7 @@ TEST(GetMX, AsksTheNextServerWhenOneFails) {
     });
 }
 
-// The MX query counts as sent and waits; the A query says that it could not be.
+// A failed send counts as sent for the MX query, but not for the A query.
 TEST(GetMX, ReturnsTheFailureOfItsLastQuery) {
     RunWithResolvConf("nameserver 10.9.9.9\n", [] {
         const Outcome outcome = Look(DNS_GetMX, "ex.test", 0);
@@ -459,10 +459,10 @@ TEST(GetMX, ReturnsTheFailureOfItsLastQuery) {
     });
 }
 
-// ---- Servers that misbehave, threads, descriptors ----
+// ---- Faulty servers, threads, descriptors ----
 
-// Whatever arrives, a lookup ends within its waits and writes into its ten entries alone.
-TEST(AnyServer, EndsTheLookupInTime) {
+// Whatever arrives, a lookup ends within its waits and writes only its ten entries.
+TEST(Noise, EndsALookupInTime) {
     RunWithResolvConf(kOneServer, [] {
         ScriptedServer server{"127.0.0.1", [](const Bytes &query, int nth) {
                                   Bytes noise(static_cast<size_t>(nth * 7 % 1400));
@@ -494,15 +494,15 @@ TEST(AnyServer, EndsTheLookupInTime) {
                 }
             }
         });
-        // Whatever it held, the first datagram ended each wait.
+        // The first datagram ended each wait, whatever it held.
         EXPECT_EQ(std::string::npos, output.find("timeout"));
         EXPECT_LE(400u, server.Queries().size());
     });
 }
 
-TEST(Threads, LookUpAtOnce) {
+TEST(Threads, MayLookUpAtOnce) {
     RunWithResolvConf(kOneServer, [] {
-        // The address tells which thread asked: hostN.ex.test is 10.0.0.N.
+        // Each thread has its own host: hostN.ex.test is 10.0.0.N.
         ScriptedServer server{"127.0.0.1", [](const Bytes &query, int nth) {
                                   const std::string digit(1, static_cast<char>(query[17]));
                                   if (TypeOf(query) == DNS_TYPE_MX) {
@@ -543,17 +543,36 @@ size_t OpenDescriptors() {
     return static_cast<size_t>(std::distance(begin(fds), end(fds)));
 }
 
-TEST(Threads, AreCancelledAfterTheLookup) {
+TEST(Cancellation, WaitsUntilACallIsOver) {
     RunWithResolvConf(kOneServer, [] {
-        for (const Lookup lookup : kBoth) {
-            ScriptedServer server{"127.0.0.1", Deaf};
-            const size_t before = OpenDescriptors();
-            EXPECT_TRUE(OutlastsCancellation([lookup] {
-                Results results;
-                EXPECT_EQ(-1, lookup("www.ex.test", results.entries, 1));
-            }));
-            EXPECT_EQ(before, OpenDescriptors());
-        }
+        static Results results;
+        static int fd = -1;
+        static const struct sockaddr_in server = ServerAddress("127.0.0.1");
+        fd = BoundSocket("127.0.0.2");
+        void (*const calls[])() = {
+            [] { EXPECT_EQ(-1, DNS_GetA("www.ex.test", results.entries, 0)); },
+            [] { EXPECT_EQ(-1, DNS_GetMX("www.ex.test", results.entries, 0)); },
+            [] {
+                EXPECT_EQ(-1, DNS_GetAviaNameServer("127.0.0.1", "ex.test", results.entries, 0));
+            },
+            [] {
+                EXPECT_EQ(-1, DNS_GetMXviaNameServer("127.0.0.1", "ex.test", results.entries, 0));
+            },
+            [] { EXPECT_EQ(-1, DNS_SendAQuery(fd, &server, "ex.test", results.entries, 0)); },
+            [] { EXPECT_EQ(-1, DNS_SendMXQuery(fd, &server, "ex.test", results.entries, 0)); },
+            [] {
+                char servers[DNS_MAX_NAME_SERVERS][DNS_NAME_SERVER_SIZE];
+                EXPECT_EQ(1, DNS_GetNameServer(servers));
+            },
+        };
+        const size_t before = OpenDescriptors();
+        Capture([&] {
+            for (const auto &call : calls) {
+                EXPECT_TRUE(OutlastsCancellation(call)) << "call " << &call - calls;
+            }
+        });
+        EXPECT_EQ(before, OpenDescriptors());
+        close(fd);
     });
 }
 

@@ -14,7 +14,7 @@ namespace {
 
 using namespace talvek::test;
 
-// The servers that are read from a resolv.conf, in buffers of which the unused ones stay untouched.
+// The servers of a resolv.conf. The unused buffers must stay untouched.
 std::vector<std::string> ServersOf(const std::string &resolvConf) {
     WriteFile("/etc/resolv.conf", resolvConf);
     const CanaryBuf buffers{DNS_MAX_NAME_SERVERS * DNS_NAME_SERVER_SIZE};
@@ -69,7 +69,7 @@ TEST(GetNameServer, StopsAfterTheFourth) {
     });
 }
 
-TEST(GetNameServer, PassesOverOtherLines) {
+TEST(GetNameServer, SkipsOtherLines) {
     InEtc([] {
         EXPECT_EQ(Names{"10.0.0.1"}, ServersOf("# nameserver 10.9.9.9\n"
                                                "domain test\n"
@@ -84,15 +84,15 @@ TEST(GetNameServer, PassesOverOtherLines) {
     });
 }
 
-TEST(GetNameServer, ComparesTheFirstTenCharactersAlone) {
+TEST(GetNameServer, ComparesOnlyTheFirstTenCharacters) {
     InEtc([] {
         EXPECT_EQ(Names{"10.0.0.1"}, ServersOf("nameservers 10.0.0.1\n"));
         EXPECT_EQ(Names{}, ServersOf("nameserver10.0.0.1\n"));
     });
 }
 
-// Blanks and line ends part words; a tab does not, so that such a line has one word.
-TEST(GetNameServer, DoesNotPartWordsAtTabs) {
+// Only blanks and line ends separate words.
+TEST(GetNameServer, DoesNotSeparateWordsAtTabs) {
     InEtc([] {
         EXPECT_EQ(Names{}, ServersOf("nameserver\t10.0.0.1\n"));
         EXPECT_EQ(Names{"10.0.0.1\t#"}, ServersOf("nameserver 10.0.0.1\t#\n"));
@@ -108,19 +108,19 @@ TEST(GetNameServer, CutsAnAddressTo15Characters) {
     });
 }
 
-// 79 characters are read at a time; what follows them counts as a line of its own.
-TEST(GetNameServer, ReadsALongLineInPiecesOf79Characters) {
+// A line has at most 79 characters; the rest counts as the next line.
+TEST(GetNameServer, ReadsLinesOf79Characters) {
     InEtc([] {
         const std::string server = "nameserver 10.0.0.1";
         EXPECT_EQ(Names{}, ServersOf("#" + std::string(77, 'x') + server + "\n"));
         EXPECT_EQ(Names{"10.0.0.1"}, ServersOf("#" + std::string(78, 'x') + server + "\n"));
         EXPECT_EQ(Names{}, ServersOf("#" + std::string(79, 'x') + server + "\n"));
-        // An address across the border is cut there.
+        // An address at the end of such a line is cut.
         EXPECT_EQ(Names{"10.0"}, ServersOf("nameserver" + std::string(65, ' ') + "10.0.0.1\n"));
     });
 }
 
-TEST(GetNameServer, LogsAFileThatCannotBeOpened) {
+TEST(GetNameServer, LogsAMissingFile) {
     RunInPrivateWorld(kMounts, [] {
         FreshEtc();
         char servers[DNS_MAX_NAME_SERVERS][DNS_NAME_SERVER_SIZE];
@@ -130,7 +130,7 @@ TEST(GetNameServer, LogsAFileThatCannotBeOpened) {
     });
 }
 
-TEST(GetNameServer, FindsNoneInADirectory) {
+TEST(GetNameServer, ReturnsZeroForADirectory) {
     RunInPrivateWorld(kMounts, [] {
         FreshEtc();
         ASSERT_EQ(0, mkdir("/etc/resolv.conf", 0755));
@@ -139,7 +139,7 @@ TEST(GetNameServer, FindsNoneInADirectory) {
     });
 }
 
-TEST(GetNameServer, FindsNoneForNull) {
+TEST(GetNameServer, ReturnsZeroForNull) {
     EXPECT_EQ(Names{}, CaptureLog([] { EXPECT_EQ(0, DNS_GetNameServer(nullptr)); }));
 }
 

@@ -48,7 +48,7 @@ Builder AnswersFor(int count) {
 
 // ---- DNS_ParserA ----
 
-TEST(ParserA, TakesEachAddress16BytesBehindTheOneBefore) {
+TEST(ParserA, ReadsEachAddress16BytesAfterTheOneBefore) {
     for (const int count : {1, 2, 9, 10}) {
         Results results;
         ASSERT_EQ(0, ParseA(AnswersFor(count).bytes(), results)) << count;
@@ -60,7 +60,7 @@ TEST(ParserA, TakesEachAddress16BytesBehindTheOneBefore) {
     }
 }
 
-TEST(ParserA, TakesTheFirstTenOfMore) {
+TEST(ParserA, StoresTheFirstTenOfMore) {
     const CanaryBuf buffer{sizeof(tDnsAddrEntry) * DNS_MAX_ENTRIES};
     const Bytes response = AnswersFor(12).bytes();
     const auto entries = reinterpret_cast<tDnsAddrEntry *>(buffer.bytes());
@@ -79,7 +79,7 @@ TEST(ParserA, ReadsTheLowByteOfTheAnswerCount) {
     EXPECT_EQ(-1, ParseA(response, results));
 }
 
-TEST(ParserA, ZeroesEntriesThatTheResponseDoesNotFill) {
+TEST(ParserA, ZeroesEntriesAfterTheEndOfTheResponse) {
     Bytes response = AnswersFor(2).bytes();
     response[7] = 5;
     Results results;
@@ -91,8 +91,8 @@ TEST(ParserA, ZeroesEntriesThatTheResponseDoesNotFill) {
     EXPECT_TRUE(results.UntouchedFrom(5));
 }
 
-// A zero address is where the filling stands still: what follows it is not reached.
-TEST(ParserA, DoesNotStepOverAZeroAddress) {
+// The offset does not advance over a zero address.
+TEST(ParserA, ReadsNothingAfterAZeroAddress) {
     Builder response{QueryFor("www.ex.test", DNS_TYPE_A)};
     response.A(Builder::kAnswer, 12, "10.0.0.1")
         .A(Builder::kAnswer, 12, "0.0.0.0")
@@ -114,9 +114,9 @@ TEST(ParserA, SucceedsWithoutAValidEntryForAZeroAddress) {
     EXPECT_TRUE(results.UntouchedFrom(1));
 }
 
-// The two bytes 00 04 are looked for from offset 15 on, wherever they stand: here in a time to live
-// of 4 seconds, behind which the "address" begins with the RDLENGTH.
-TEST(ParserA, TakesTheFirstTwoBytes0004ForTheLength) {
+// The first two bytes 00 04 from offset 15 on are those of a time to live of 4 seconds here, so the
+// "address" begins with the RDLENGTH.
+TEST(ParserA, MistakesEarlierBytes0004ForTheLength) {
     Builder response{QueryFor("www.ex.test", DNS_TYPE_A)};
     response.A(Builder::kAnswer, 12, "10.0.0.1", 4);
     Results results;
@@ -124,19 +124,19 @@ TEST(ParserA, TakesTheFirstTwoBytes0004ForTheLength) {
     EXPECT_EQ(EntryA("0.4.10.0"), results[0]);
 }
 
-// A CNAME record ahead shifts nothing as long as it holds no 00 04 itself.
-TEST(ParserA, FindsTheAddressBehindACname) {
+// A CNAME record is skipped as long as it holds no 00 04.
+TEST(ParserA, FindsTheAddressAfterACname) {
     Builder response{QueryFor("www.ex.test", DNS_TYPE_A)};
     response.Record(Builder::kAnswer, 12, 5, 3600, {3, 'w', 'e', 'b', 0xC0, 0x10});
     response.A(Builder::kAnswer, 41, "10.0.0.1");
     Results results;
     ASSERT_EQ(0, ParseA(response.bytes(), results));
     EXPECT_EQ(EntryA("10.0.0.1"), results[0]);
-    EXPECT_EQ(kEmpty, results[1]) << "the count of two answers has the CNAME in it";
+    EXPECT_EQ(kEmpty, results[1]) << "the answer count includes the CNAME";
 }
 
-// The first position looked at is 17: 00 04 at 15 and 16 counts, at 14 and 15 it does not.
-TEST(ParserA, LooksForTheLengthFromOffset15) {
+// 00 04 at offsets 15 and 16 is a length, at 14 and 15 it is not.
+TEST(ParserA, SearchesTheLengthFromOffset15) {
     Bytes response(40, 0xAA);
     response[7] = 1;
     response[15] = 0;
@@ -150,7 +150,7 @@ TEST(ParserA, LooksForTheLengthFromOffset15) {
     EXPECT_EQ(-1, ParseA(response, results));
 }
 
-TEST(ParserA, NeedsAPlaceForTheAddressInsideTheResponse) {
+TEST(ParserA, NeedsAByteOfTheAddressInTheResponse) {
     Bytes response(40, 0xAA);
     response[7] = 1;
     response[38] = 0;
@@ -160,10 +160,10 @@ TEST(ParserA, NeedsAPlaceForTheAddressInsideTheResponse) {
     EXPECT_TRUE(results.UntouchedFrom(0));
     response.push_back(9);
     ASSERT_EQ(0, ParseA(response, results));
-    EXPECT_EQ(EntryA("9.0.0.0"), results[0]) << "bytes behind the end are zero";
+    EXPECT_EQ(EntryA("9.0.0.0"), results[0]) << "bytes after the end are zero";
 }
 
-TEST(ParserA, RefusesLessThan18Bytes) {
+TEST(ParserA, RefusesFewerThan18Bytes) {
     Bytes response = {0xA9, 0xFA, 0x81, 0x80, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 4, 77};
     Results results;
     ASSERT_EQ(18u, response.size());
@@ -216,7 +216,7 @@ TEST(ParserMx, SortsByPreference) {
     EXPECT_TRUE(results.UntouchedFrom(3));
 }
 
-TEST(ParserMx, KeepsTheFirstTenAfterSorting) {
+TEST(ParserMx, StoresTheFirstTenAfterSorting) {
     MxResponse response{{120, 110, 100, 90, 80, 70, 60, 50, 40, 30, 20, 10}};
     response.Addresses();
     ASSERT_GT(256u, response.names.back());
@@ -230,8 +230,8 @@ TEST(ParserMx, KeepsTheFirstTenAfterSorting) {
     }
 }
 
-// Two addresses of one exchanger are two entries of the same preference, in any order.
-TEST(ParserMx, KeepsEveryEntryOfEqualPreferences) {
+// Entries of the same preference may be in any order.
+TEST(ParserMx, StoresEveryEntryOfEqualPreferences) {
     MxResponse response{{10, 10}};
     response.Addresses();
     response.builder.A(Builder::kAdditional, response.names[0], "10.0.1.3");
@@ -258,8 +258,8 @@ TEST(ParserMx, ReadsTheLowByteOfAPreference) {
     EXPECT_EQ(EntryMx(response.names[0], 5, "10.0.1.1"), results[1]);
 }
 
-// The addresses of the authority section's servers stand last in the additional section.
-TEST(ParserMx, LeavesOutOneAddressForEachAuthorityRecord) {
+// The last addresses of the additional section are those of the servers in the authority section.
+TEST(ParserMx, OmitsOneAddressForEachAuthorityRecord) {
     MxResponse response{{20, 10}};
     response.builder.Record(Builder::kAuthority, 12, 2, 3600, {2, 'n', 's', 0xC0, 12});
     const size_t server = response.builder.bytes().size() - 5;
@@ -272,7 +272,7 @@ TEST(ParserMx, LeavesOutOneAddressForEachAuthorityRecord) {
     EXPECT_TRUE(results.UntouchedFrom(2));
 }
 
-TEST(ParserMx, TakesOneEntryAtLeast) {
+TEST(ParserMx, StoresAtLeastOneEntry) {
     for (const int authority : {1, 2, 255}) {
         MxResponse response{{20}};
         response.Addresses();
@@ -293,7 +293,7 @@ TEST(ParserMx, FailsWithoutAdditionalRecords) {
     EXPECT_TRUE(results.UntouchedFrom(0));
 }
 
-// The section has to leave one byte of the response at the least.
+// At least one byte must precede the section.
 TEST(ParserMx, RefusesAnAdditionalSectionThatDoesNotFit) {
     for (const int records : {1, 2, 63, 255}) {
         for (const int spare : {-1, 0, 1}) {
@@ -316,7 +316,7 @@ TEST(ParserMx, RefusesAnAdditionalSectionThatDoesNotFit) {
     }
 }
 
-// A pointer to offset 0 has no byte before it, one beyond the end none inside.
+// Before offset 0 there is no byte, and beyond the end neither.
 TEST(ParserMx, ReadsAPreferenceOutsideTheResponseAsZero) {
     Bytes response(40, 0x77);
     response[9] = 0;
@@ -331,7 +331,7 @@ TEST(ParserMx, ReadsAPreferenceOutsideTheResponseAsZero) {
     }
 }
 
-// A name beyond offset 255 is known by the low byte of its pointer, and so is its preference.
+// Only the low byte of the pointer is read, so name and preference are looked for too early.
 TEST(ParserMx, MisreadsNamesBeyondOffset255) {
     Builder builder{QueryFor("ex.test", DNS_TYPE_MX)};
     builder.Record(Builder::kAnswer, 12, 16, 3600, Bytes(240, 0x2A));  // a text that takes room
@@ -346,7 +346,7 @@ TEST(ParserMx, MisreadsNamesBeyondOffset255) {
     EXPECT_EQ(Address("10.0.1.1"), results[0].addr);
 }
 
-TEST(ParserMx, RefusesEveryLengthBelowTheHeader) {
+TEST(ParserMx, RefusesFewerBytesThanAHeader) {
     const Bytes full(12, 0xFF);
     for (size_t length = 0; length < 12; ++length) {
         Results results;
@@ -366,7 +366,7 @@ TEST(ParserMx, RefusesNullAndNegativeLengths) {
 
 // ---- DNS_CheckMXAnswer ----
 
-TEST(CheckMXAnswer, LooksAtTheLowByteOfTheAnswerCount) {
+TEST(CheckMXAnswer, ChecksTheLowByteOfTheAnswerCount) {
     for (const auto &[high, low, result] :
          {std::tuple{0, 0, -1}, {0, 1, 0}, {0, 255, 0}, {1, 0, -1}, {1, 1, 0}}) {
         Bytes response(40, 0);
@@ -378,7 +378,7 @@ TEST(CheckMXAnswer, LooksAtTheLowByteOfTheAnswerCount) {
     }
 }
 
-TEST(CheckMXAnswer, RefusesWhatHoldsNoCount) {
+TEST(CheckMXAnswer, RefusesResponsesWithoutACount) {
     const Bytes full(8, 0xFF);
     for (int length = -1; length < 8; ++length) {
         const GuardedCopy copy{full.data(), static_cast<size_t>(std::max(length, 0))};
@@ -411,32 +411,32 @@ Expanded Expand(const Bytes &response, int offset, size_t size = 256) {
     return {result, text.text()};
 }
 
-TEST(ExpandPointer, WritesANameWithDotsForItsLengths) {
+TEST(ExpandPointer, WritesADotForEachLength) {
     const Bytes name = {3, 'm', 'x', '1', 2, 'e', 'x', 4, 't', 'e', 's', 't', 0};
     EXPECT_EQ((Expanded{13, ".mx1.ex.test,"}), Expand(name, 0));
     EXPECT_EQ((Expanded{9, ".ex.test,"}), Expand(name, 4));
     EXPECT_EQ((Expanded{1, ","}), Expand(name, 12));
 }
 
-TEST(ExpandPointer, NamesTheExchangerOfAnEntry) {
+TEST(ExpandPointer, WritesTheExchangerOfAnEntry) {
     MxResponse response{{20, 10}};
     response.Addresses();
     Results results;
     ASSERT_EQ(0, ParseMx(response.builder.bytes(), results));
     EXPECT_EQ((Expanded{11, ".b.ex.test,"}), Expand(response.builder.bytes(), results[0].name_ofs));
-    // The additional record's owner is a pointer to the same name.
+    // The owner of the additional record is a pointer to the same name.
     const int record = static_cast<int>(response.builder.bytes().size()) - 16;
     EXPECT_EQ((Expanded{11, ".b.ex.test,"}), Expand(response.builder.bytes(), record));
 }
 
-TEST(ExpandPointer, FollowsTheSecondByteOfAPointerAlone) {
+TEST(ExpandPointer, FollowsTheSecondByteOfAPointer) {
     const Bytes name = {1, 'a', 0, 2, 'b', 'b', 0xC0, 0, 0xFF, 3};
     EXPECT_EQ((Expanded{6, ".bb.a,"}), Expand(name, 3));
     EXPECT_EQ((Expanded{6, ".bb.a,"}), Expand(name, 8)) << "the bits of the first byte are ignored";
 }
 
-// Lengths of 1 to 29 become "."; those of 30 and more cannot be told from characters.
-TEST(ExpandPointer, TakesLengthsOf30AndMoreForCharacters) {
+// Lengths of 1 to 29 become "."; longer ones are mistaken for characters.
+TEST(ExpandPointer, ReadsLengthsFrom30OnAsCharacters) {
     for (int byte = 1; byte < 192; ++byte) {
         const char c = byte > 29 ? static_cast<char>(byte) : '.';
         EXPECT_EQ((Expanded{2, std::string{c} + ","}), Expand({static_cast<uint8_t>(byte), 0}, 0));
@@ -446,17 +446,17 @@ TEST(ExpandPointer, TakesLengthsOf30AndMoreForCharacters) {
     }
 }
 
-TEST(ExpandPointer, EndsInARing) {
-    EXPECT_EQ((Expanded{-1, ""}), Expand({0xC0, 0}, 0)) << "a pointer at itself";
+TEST(ExpandPointer, EndsInARingOfPointers) {
+    EXPECT_EQ((Expanded{-1, ""}), Expand({0xC0, 0}, 0)) << "a pointer to itself";
     EXPECT_EQ((Expanded{-1, ""}), Expand({0xC0, 2, 0xC0, 4, 0xC0, 0}, 0));
-    // A ring with a character in it runs until the pointers are counted out or the text is full.
+    // A ring with a character in it ends after 256 pointers or when the text is full.
     const Expanded ring = Expand({1, 'a', 0xC0, 0}, 0, 4096);
     EXPECT_EQ(-1, ring.result);
     EXPECT_EQ(2u * 257, ring.text.size());
     EXPECT_EQ(15u, Expand({1, 'a', 0xC0, 0}, 0, 16).text.size());
 }
 
-// A long way that ends: 127 pointers, each at the one behind it.
+// 127 pointers, each to the next one.
 TEST(ExpandPointer, FollowsAChainOfPointersToItsEnd) {
     Bytes chain(256);
     for (size_t i = 0; i + 2 < 256; i += 2) {
@@ -504,7 +504,7 @@ TEST(CmpPreference, IsTheDifference) {
 
 // ---- Whatever a server sends ----
 
-// The rules in their plainest form, over a copy of the response with zeros behind it.
+// The rules in their simplest form, over a copy of the response with zeros after it.
 struct Reference {
     std::vector<uint8_t> buf;
     int length;
@@ -542,7 +542,7 @@ struct Reference {
         return 0;
     }
 
-    // The entries of equal preference may stand in any order: the count of entries, or -1.
+    // Returns the number of entries, which are not sorted, or -1.
     int Mx(std::vector<tDnsAddrEntry> &entries) const {
         const int ar = buf[11];
         if (ar == 0 || length - 16 * ar < 1) {
@@ -565,7 +565,7 @@ bool Less(const tDnsAddrEntry &a, const tDnsAddrEntry &b) {
            std::tuple{b.preference, b.name_ofs, b.addr};
 }
 
-// Holds all entries against the rules, for the bytes of a guarded buffer.
+// Compares all entries with the rules.
 void CheckAll(const uint8_t *pResponse, size_t size) {
     const Reference reference{pResponse, size};
     const int length = static_cast<int>(size);
@@ -597,7 +597,6 @@ void CheckAll(const uint8_t *pResponse, size_t size) {
     }
 }
 
-// Each byte with each value, and each length, of a response of either kind.
 TEST(AnyResponse, WithOneByteChangedFollowsTheRules) {
     MxResponse mx{{20, 10, 30}};
     mx.Addresses();
@@ -605,7 +604,7 @@ TEST(AnyResponse, WithOneByteChangedFollowsTheRules) {
         for (const Bytes &response : {AnswersFor(3).bytes(), mx.builder.bytes()}) {
             const GuardedCopy copy{response.data(), response.size()};
             for (size_t at = 0; at < response.size(); ++at) {
-                // Of the bytes that steer nothing, a few values will do.
+                // Bytes that control nothing get a few values only.
                 const int step = at < 12 || at >= response.size() - 48 ? 1 : 17;
                 for (int value = 0; value < 256; value += step) {
                     copy.bytes()[at] = static_cast<uint8_t>(value);
@@ -642,7 +641,7 @@ TEST(AnyResponse, OfRandomBytesFollowsTheRules) {
         for (int round = 0; round < 4000; ++round) {
             const CanaryBuf buffer{random() % 1024};
             for (size_t i = 0; i < buffer.size(); ++i) {
-                // Many zeros, fours, pointers and small counts, so that the rules are met often.
+                // Many zeros, fours, pointers and small counts, to which the rules apply.
                 static constexpr uint8_t kUsual[] = {0, 0, 0, 4, 4, 0xC0, 1, 12};
                 const auto dice = static_cast<uint32_t>(random());
                 buffer.bytes()[i] =

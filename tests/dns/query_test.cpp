@@ -11,7 +11,7 @@ namespace {
 
 using namespace talvek::test;
 
-// The message that is built for a name, in a buffer of 1024 bytes of which nothing else is touched.
+// The message for a name. The rest of its buffer must stay untouched.
 Bytes Built(const std::string &name, uint16_t type) {
     const CanaryBuf message{DNS_MESSAGE_SIZE};
     const int length = DNS_BuildQuery(name.c_str(), message.bytes(), type);
@@ -24,7 +24,7 @@ Bytes Built(const std::string &name, uint16_t type) {
 }
 
 // RFC 1035, 4.1: header, QNAME, QTYPE, QCLASS.
-TEST(BuildQuery, WritesTheMessageOfAnAQuery) {
+TEST(BuildQuery, BuildsAnAQuery) {
     const Bytes expected = {
         0xA9, 0xFA,            // ID
         0x01, 0x00,            // flags: RD
@@ -42,13 +42,13 @@ TEST(BuildQuery, WritesTheMessageOfAnAQuery) {
     EXPECT_EQ(std::string{"www.test"}.size() + 18, expected.size());
 }
 
-TEST(BuildQuery, WritesTheMessageOfAnMxQuery) {
+TEST(BuildQuery, BuildsAnMxQuery) {
     const Bytes expected = {0xA9, 0xFA, 1,   0,   0, 1,   0, 0, 0,  0, 0,
                             0,    2,    'e', 'x', 1, 'y', 0, 0, 15, 0, 1};
     EXPECT_EQ(expected, Built("ex.y", DNS_TYPE_MX));
 }
 
-TEST(BuildQuery, WritesTheTypeBigEndian) {
+TEST(BuildQuery, StoresTheTypeBigEndian) {
     const Bytes message = Built("a.b", 0x1234);
     EXPECT_EQ((Bytes{0x12, 0x34, 0, 1}), Bytes(message.end() - 4, message.end()));
 }
@@ -57,11 +57,11 @@ TEST(BuildQuery, AsksForTheDomainOfAMailAddress) {
     EXPECT_EQ(QueryFor("ex.test", DNS_TYPE_MX), Built("user@ex.test", DNS_TYPE_MX));
     EXPECT_EQ(QueryFor("ex.test", DNS_TYPE_MX), Built("first.last@ex.test", DNS_TYPE_MX));
     EXPECT_EQ(QueryFor("ex.test", DNS_TYPE_MX), Built("@ex.test", DNS_TYPE_MX));
-    // The first "@" counts; a second one is a character of a label.
+    // A second "@" is a character of a label.
     EXPECT_EQ(QueryFor("b@ex.test", DNS_TYPE_MX), Built("a@b@ex.test", DNS_TYPE_MX));
 }
 
-TEST(BuildQuery, KeepsATrailingDotInsideTheLastLabel) {
+TEST(BuildQuery, KeepsATrailingDotInTheLastLabel) {
     const Bytes message = Built("ab.cd.", DNS_TYPE_A);
     EXPECT_EQ(6u + 18, message.size());
     EXPECT_EQ((Bytes{2, 'a', 'b', 3, 'c', 'd', '.', 0}),
@@ -82,9 +82,9 @@ TEST(BuildQuery, MakesEmptyLabels) {
     EXPECT_EQ(18u, empty.size());
 }
 
-// A label of 64 bytes and a name of more than 255 are built all the same; of a label's length the
-// low byte counts.
-TEST(BuildQuery, ChecksNoLengthOfLabelsAndNames) {
+// Labels of more than 63 bytes and names of more than 255 are built too. The length byte of a label
+// is the low byte of its length.
+TEST(BuildQuery, DoesNotCheckTheLengthOfLabelsAndNames) {
     for (const size_t length : {62, 63, 64, 191, 192, 255, 256, 257, 600}) {
         const std::string label(length, 'l');
         const Bytes message = Built(label + ".x", DNS_TYPE_A);
@@ -96,7 +96,7 @@ TEST(BuildQuery, ChecksNoLengthOfLabelsAndNames) {
     }
 }
 
-// 1006 bytes of name and 18 others are the 1024 that a message can have.
+// A message has at most 1024 bytes: 1006 of the name and 18 others.
 TEST(BuildQuery, RefusesANameThatDoesNotFitTheMessage) {
     for (const size_t length : {1005, 1006}) {
         std::string name(length, 'n');
@@ -110,7 +110,7 @@ TEST(BuildQuery, RefusesANameThatDoesNotFitTheMessage) {
         EXPECT_EQ(Bytes{}, Built(name, DNS_TYPE_A)) << length;
         EXPECT_EQ(Bytes{}, Built("user@" + name, DNS_TYPE_A)) << length;
     }
-    // What stands before the "@" takes no room.
+    // The user of a mail address takes no room.
     EXPECT_EQ(QueryFor("ex.test", DNS_TYPE_A), Built(std::string(5000, 'u') + "@ex.test", 1));
 }
 
@@ -125,6 +125,12 @@ TEST(Constants, AreThoseOfTheProtocol) {
     EXPECT_EQ(4, DNS_MAX_NAME_SERVERS);
     EXPECT_EQ(16, DNS_NAME_SERVER_SIZE);
     EXPECT_EQ(1024, DNS_MESSAGE_SIZE);
+    EXPECT_EQ(1006, DNS_MAX_NAME);
+    EXPECT_EQ(1023, DNS_MAX_RESPONSE);
+    EXPECT_EQ(20, DNS_DEFAULT_TIMEOUT);
+    EXPECT_EQ(0, DNS_OK);
+    EXPECT_EQ(-1, DNS_NO_ANSWER);
+    EXPECT_EQ(-2, DNS_NOT_SENT);
     EXPECT_EQ(53, DNS_PORT);
     EXPECT_EQ(0xA9FA, DNS_QUERY_ID);
     EXPECT_EQ(1, DNS_TYPE_A);

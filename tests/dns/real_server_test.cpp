@@ -1,7 +1,7 @@
-// Lookups against the name servers of the distribution, each answer held against dig's.
+// Lookups with the name servers of the distribution, compared with dig's answers.
 //
 // The servers run in the foreground in a private network and end with the test. Where the resolver
-// cannot agree with dig, because it does not walk the records, the test's name and remarks say why.
+// differs from dig, since it does not walk the records, the test says why.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -75,7 +75,7 @@ std::vector<ZoneRecord> Records() {
     return records;
 }
 
-// Zone files as RFC 1035, 5 has them: ex.test.zone and other.test.zone.
+// Zone files (RFC 1035, 5): ex.test.zone and other.test.zone.
 void WriteZones(const std::string &dir) {
     const std::string head =
         "$TTL 3600\n"
@@ -215,7 +215,7 @@ const Kind kNsd{"Nsd", "/usr/sbin/nsd", {"-d", "-c", "CONFIG"}, NsdConfig};
 const Kind kKnot{"Knot", "/usr/sbin/knotd", {"-c", "CONFIG"}, KnotConfig};
 const Kind kDnsmasq{"Dnsmasq", "/usr/sbin/dnsmasq", {"-k", "-C", "CONFIG"}, DnsmasqConfig};
 
-// A server that runs, in the foreground, as a child of the test.
+// A server in the foreground, as a child of the test.
 class RealServer {
   public:
     explicit RealServer(const Kind &kind) {
@@ -257,7 +257,7 @@ class RealServer {
         _exit(127);
     }
 
-    // Asks until the zone is there, 500 times at the most.
+    // Asks until the zone is loaded, at most 500 times.
     static bool Answers() {
         const struct sockaddr_in server = ServerAddress("127.0.0.1");
         const Bytes query = QueryFor("www.ex.test", DNS_TYPE_A);
@@ -300,7 +300,7 @@ void WithServer(const Kind &kind, const std::function<void()> &body) {
         kPids);
 }
 
-// ---- What dig says ----
+// ---- The answers of dig ----
 
 struct Answer {
     std::string owner;
@@ -348,7 +348,7 @@ std::multiset<uint32_t> DigAddresses(const std::string &name) {
     return addresses;
 }
 
-// Address of each exchanger by preference: an MX query, and an A query for each name in it.
+// The address of each exchanger by preference, from an MX query and an A query for each exchanger.
 std::map<int, uint32_t> DigExchangers(const std::string &name) {
     std::map<std::string, int> preferences;
     std::vector<std::string> names;
@@ -364,7 +364,7 @@ std::map<int, uint32_t> DigExchangers(const std::string &name) {
     return exchangers;
 }
 
-// ---- What the resolver says ----
+// ---- The answers of the resolver ----
 
 struct Found {
     int result;
@@ -399,7 +399,7 @@ std::multiset<uint32_t> DigAddressesOf(const std::map<int, uint32_t> &exchangers
     return addresses;
 }
 
-// The entries for `name` are the first `count` of the exchangers that dig has for the domain.
+// The entries for `name` must be the first `count` of the exchangers that dig finds for the domain.
 void ExpectExchangers(const std::string &name, const std::string &domain, size_t count) {
     const std::map<int, uint32_t> expected = DigExchangers(domain);
     ASSERT_LE(count, expected.size()) << domain;
@@ -419,7 +419,7 @@ void ExpectExchangers(const std::string &name, const std::string &domain, size_t
 
 class RealServerTest : public ::testing::TestWithParam<Kind> {};
 
-TEST_P(RealServerTest, GivesTheAddressesThatDigGets) {
+TEST_P(RealServerTest, FindsTheAddressesThatDigFinds) {
     WithServer(GetParam(), [] {
         for (const std::string name : {"www.ex.test", "ten.ex.test"}) {
             const Found found = Look(DNS_GetA, name);
@@ -429,7 +429,7 @@ TEST_P(RealServerTest, GivesTheAddressesThatDigGets) {
         EXPECT_EQ(1u, Look(DNS_GetA, "www.ex.test").entries.size());
         EXPECT_EQ(10u, Look(DNS_GetA, "ten.ex.test").entries.size());
         EXPECT_EQ(DigAddresses("www.ex.test"), Look(DNS_GetA, "user@www.ex.test").Addresses());
-        // Of twelve there are ten, each of them one of dig's.
+        // Ten of the twelve that dig finds.
         const Found twelve = Look(DNS_GetA, "twelve.ex.test");
         const std::multiset<uint32_t> all = DigAddresses("twelve.ex.test");
         const std::multiset<uint32_t> some = twelve.Addresses();
@@ -439,19 +439,18 @@ TEST_P(RealServerTest, GivesTheAddressesThatDigGets) {
     });
 }
 
-TEST_P(RealServerTest, KnowsNoSuchName) {
+TEST_P(RealServerTest, FailsForAnUnknownName) {
     WithServer(GetParam(), [] {
         EXPECT_TRUE(Dig({"nobody.ex.test"}, "A").empty());
         EXPECT_EQ(-1, Look(DNS_GetA, "nobody.ex.test").result);
         EXPECT_EQ(-1, Look(DNS_GetMX, "nobody.ex.test").result);
         EXPECT_EQ(-1, Look(DNS_GetMX, "user@nobody.ex.test").result);
-        // The "." at the end is a character of the last label here.
+        // A "." at the end is a character of the last label.
         EXPECT_EQ(-1, Look(DNS_GetA, "www.ex.test.").result);
     });
 }
 
-// A host without exchangers is its own.
-TEST_P(RealServerTest, GivesTheAddressWhereThereIsNoExchanger) {
+TEST_P(RealServerTest, FindsTheAddressOfAHostWithoutExchangers) {
     WithServer(GetParam(), [] {
         EXPECT_TRUE(Dig({"www.ex.test"}, "MX").empty());
         const Found found = Look(DNS_GetMX, "user@www.ex.test");
@@ -462,7 +461,7 @@ TEST_P(RealServerTest, GivesTheAddressWhereThereIsNoExchanger) {
     });
 }
 
-TEST_P(RealServerTest, GivesTheExchangersThatDigGets) {
+TEST_P(RealServerTest, FindsTheExchangersThatDigFinds) {
     WithServer(GetParam(), [] {
         ExpectExchangers("one.ex.test", "one.ex.test", 1);
         ExpectExchangers("three.ex.test", "three.ex.test", 3);
@@ -478,11 +477,11 @@ INSTANTIATE_TEST_SUITE_P(Servers, RealServerTest,
 
 // ---- What differs between them ----
 
-// An alias is one record of the answer count. Its entry holds what stands 16 bytes behind the
-// address: nothing where the response ends there.
+// The answer count includes the alias. The last entry is read 16 bytes after the address, where
+// these responses have ended.
 class AliasTest : public ::testing::TestWithParam<Kind> {};
 
-TEST_P(AliasTest, GivesTheAddressesThatDigGets) {
+TEST_P(AliasTest, FindsTheAddressesThatDigFinds) {
     WithServer(GetParam(), [] {
         const Found found = Look(DNS_GetA, "alias.ex.test");
         EXPECT_EQ(0, found.result);
@@ -495,7 +494,7 @@ INSTANTIATE_TEST_SUITE_P(Servers, AliasTest, ::testing::Values(kBind, kUnbound, 
 
 class AliasWithAuthorityTest : public ::testing::TestWithParam<Kind> {};
 
-TEST_P(AliasWithAuthorityTest, DisagreesWithDigWhereTheAuthoritySectionPassesForAnAddress) {
+TEST_P(AliasWithAuthorityTest, DiffersFromDigWhenTheAuthoritySectionIsReadAsAnAddress) {
     WithServer(GetParam(), [] {
         const Found found = Look(DNS_GetA, "alias.ex.test");
         EXPECT_EQ(0, found.result);
@@ -507,12 +506,12 @@ TEST_P(AliasWithAuthorityTest, DisagreesWithDigWhereTheAuthoritySectionPassesFor
 INSTANTIATE_TEST_SUITE_P(Servers, AliasWithAuthorityTest, ::testing::Values(kBindFull, kNsd),
                          kKindName);
 
-// Servers that compress the names inside of records, which dnsmasq does not.
+// Servers that compress the names in records; dnsmasq does not.
 class CompressingTest : public ::testing::TestWithParam<Kind> {};
 
-// "x" is an alias of "y": the CNAME record is 4 bytes long (01 'y' and a pointer), so its length is
-// the first 00 04 and its bytes are taken for an address. The real one follows, 16 bytes on.
-TEST_P(CompressingTest, DisagreesWithDigWhereACnameHasFourBytes) {
+// "x" is an alias of "y": the data of the CNAME record is 4 bytes long (01 'y' and a pointer), so
+// it is mistaken for an address. The real one follows after 16 bytes.
+TEST_P(CompressingTest, DiffersFromDigWhenACnameHasFourBytes) {
     WithServer(GetParam(), [] {
         const Found found = Look(DNS_GetA, "x.ex.test");
         EXPECT_EQ(0, found.result);
@@ -526,9 +525,9 @@ TEST_P(CompressingTest, DisagreesWithDigWhereACnameHasFourBytes) {
     });
 }
 
-// Names beyond offset 255 are known by the low byte of their pointers alone: of ten exchangers with
-// long names the addresses agree with dig's and the last two preferences do not.
-TEST_P(CompressingTest, DisagreesWithDigOnPreferencesOfNamesBeyondOffset255) {
+// Only the low byte of a pointer is read: of ten exchangers with long names the last two are beyond
+// offset 255, and their preferences are wrong.
+TEST_P(CompressingTest, DiffersFromDigOnPreferencesOfNamesBeyondOffset255) {
     WithServer(GetParam(), [] {
         const std::map<int, uint32_t> expected = DigExchangers("far.ex.test");
         const Found found = Look(DNS_GetMX, "far.ex.test");
@@ -543,22 +542,22 @@ TEST_P(CompressingTest, DisagreesWithDigOnPreferencesOfNamesBeyondOffset255) {
     });
 }
 
-TEST_P(CompressingTest, GivesTheTenOfTwelveExchangersThatComeFirst) {
+TEST_P(CompressingTest, FindsTheFirstTenOfTwelveExchangers) {
     WithServer(GetParam(), [] { ExpectExchangers("dozen.ex.test", "dozen.ex.test", 10); });
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, CompressingTest,
                          ::testing::Values(kBind, kBindFull, kUnbound, kNsd, kKnot), kKindName);
 
-TEST(DnsmasqTest, GivesTheAddressBehindAShortAlias) {
+TEST(DnsmasqTest, FindsTheAddressOfAShortAlias) {
     WithServer(kDnsmasq, [] {
         EXPECT_EQ(DigAddresses("x.ex.test"), Look(DNS_GetA, "x.ex.test").Addresses());
     });
 }
 
-// dnsmasq writes names out and keeps a response to 512 bytes: of twelve addresses it adds a part.
-// Those are right, but not the first ten.
-TEST(DnsmasqTest, DisagreesWithDigWhereTheServerAddsAPartOfTheAddresses) {
+// dnsmasq does not compress these names and limits a response to 512 bytes, so it adds only some of
+// the twelve addresses. They are correct, but not the first ten.
+TEST(DnsmasqTest, DiffersFromDigWhenTheServerAddsSomeOfTheAddresses) {
     WithServer(kDnsmasq, [] {
         const std::map<int, uint32_t> expected = DigExchangers("dozen.ex.test");
         EXPECT_EQ(12u, expected.size());
@@ -574,21 +573,21 @@ TEST(DnsmasqTest, DisagreesWithDigWhereTheServerAddsAPartOfTheAddresses) {
     });
 }
 
-// A server that knows the exchanger's zone too adds its address.
+// These servers add the address of an exchanger in another zone that they have.
 class ForeignKnownTest : public ::testing::TestWithParam<Kind> {};
 
-TEST_P(ForeignKnownTest, GivesTheExchangerInAnotherZoneThatDigGets) {
+TEST_P(ForeignKnownTest, FindsTheExchangerInAnotherZoneThatDigFinds) {
     WithServer(GetParam(), [] { ExpectExchangers("foreign.ex.test", "foreign.ex.test", 1); });
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, ForeignKnownTest, ::testing::Values(kBindFull, kDnsmasq),
                          kKindName);
 
-// One that adds only what belongs to the zone asked for leaves the additional section empty: no
-// exchanger is looked up by itself, and the domain's own address is the result.
+// These servers add only addresses of the zone asked for, so the additional section is empty. The
+// exchanger is not looked up, and the domain's own address is returned.
 class ForeignLeftOutTest : public ::testing::TestWithParam<Kind> {};
 
-TEST_P(ForeignLeftOutTest, DisagreesWithDigWhereTheServerAddsNoAddress) {
+TEST_P(ForeignLeftOutTest, DiffersFromDigWhenTheServerAddsNoAddress) {
     WithServer(GetParam(), [] {
         EXPECT_EQ((std::map<int, uint32_t>{{10, Address("10.2.0.1")}}),
                   DigExchangers("foreign.ex.test"));
@@ -602,9 +601,9 @@ TEST_P(ForeignLeftOutTest, DisagreesWithDigWhereTheServerAddsNoAddress) {
 INSTANTIATE_TEST_SUITE_P(Servers, ForeignLeftOutTest, ::testing::Values(kBind, kUnbound, kKnot),
                          kKindName);
 
-// NSD adds its name server's address and not the exchanger's. One address less one authority record
-// is none, but one entry is taken at the least: the name server passes for the exchanger.
-TEST(ForeignOfNsdTest, DisagreesWithDigWhereOnlyTheNameServerIsAdded) {
+// NSD adds the name server's address and not the exchanger's. One address less one authority record
+// is none, but at least one entry is stored: the name server is mistaken for the exchanger.
+TEST(ForeignOfNsdTest, DiffersFromDigWhenOnlyTheNameServerIsAdded) {
     WithServer(kNsd, [] {
         const Found found = Look(DNS_GetMX, "foreign.ex.test");
         EXPECT_EQ(0, found.result);
@@ -614,10 +613,10 @@ TEST(ForeignOfNsdTest, DisagreesWithDigWhereOnlyTheNameServerIsAdded) {
     });
 }
 
-// Where responses are minimal, which is Unbound's default, no address is added at all.
+// With minimal responses, Unbound's default, no address is added.
 class MinimalTest : public ::testing::TestWithParam<Kind> {};
 
-TEST_P(MinimalTest, DisagreesWithDigWhereTheServerAddsNoAddress) {
+TEST_P(MinimalTest, DiffersFromDigWhenResponsesAreMinimal) {
     WithServer(GetParam(), [] {
         EXPECT_EQ(3u, DigExchangers("three.ex.test").size());
         const Found found = Look(DNS_GetMX, "three.ex.test");

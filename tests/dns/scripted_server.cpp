@@ -79,7 +79,7 @@ void ScriptedServer::Serve() {
         const ssize_t count = recvfrom(socket_, query.data(), query.size(), 0,
                                        reinterpret_cast<struct sockaddr *>(&from), &size);
         if (count < 0) {
-            continue;  // the port unreachable report of an answer that came too late
+            continue;  // an ICMP error for an answer that came too late
         }
         query.resize(static_cast<size_t>(count));
         {

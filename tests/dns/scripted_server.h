@@ -16,13 +16,13 @@ namespace talvek::test {
 
 using Bytes = std::vector<uint8_t>;
 
-// Runs `body` in a network of its own, with loopback up, and an /etc with this resolv.conf.
-// `worlds` adds other worlds of its own (private_world.h).
+// Runs `body` in a private network with loopback up, and with this resolv.conf in /etc. `worlds`
+// adds other private worlds (private_world.h).
 void RunWithResolvConf(const std::string &resolvConf, const std::function<void()> &body,
                        unsigned worlds = 0);
 
-// A name server on port 53 that answers each query with the datagrams that the script makes of it.
-// `nth` counts the queries from 0.
+// A name server on port 53 that answers each query with the datagrams of a script. `nth` counts the
+// queries from 0.
 class ScriptedServer {
   public:
     using Script = std::function<std::vector<Bytes>(const Bytes &query, int nth)>;
@@ -32,8 +32,8 @@ class ScriptedServer {
     ScriptedServer(const ScriptedServer &) = delete;
     ScriptedServer &operator=(const ScriptedServer &) = delete;
 
-    std::vector<Bytes> Queries();       // what arrived so far
-    std::vector<uint16_t> FromPorts();  // and the port that each came from
+    std::vector<Bytes> Queries();       // received so far
+    std::vector<uint16_t> FromPorts();  // the port that each one came from
 
   private:
     void Serve();
@@ -47,22 +47,22 @@ class ScriptedServer {
     std::thread thread_;
 };
 
-// A server that hears everything and says nothing.
+// The script of a server that does not answer.
 std::vector<Bytes> Deaf(const Bytes &query, int nth);
 
-// Puts a response together as RFC 1035, 4.1 draws it, behind the question of a query.
+// Builds a response (RFC 1035, 4.1) after the question of a query.
 class Builder {
   public:
     enum Section : size_t { kAnswer = 6, kAuthority = 8, kAdditional = 10 };  // offset of the count
-    static constexpr size_t kQuestion = 12;  // where the name asked for stands
+    static constexpr size_t kQuestion = 12;  // offset of the name asked for
 
     explicit Builder(const Bytes &query, uint16_t flags = 0x8180);
 
-    // An A record of 16 bytes: its owner is a pointer to the name at `owner`.
+    // Adds an A record of 16 bytes, whose owner is a pointer to the name at `owner`.
     Builder &A(Section section, size_t owner, const char *pAddress, uint32_t ttl = 3600);
-    // A record of any type with a compressed owner.
+    // Adds a record of any type with a compressed owner.
     Builder &Record(Section section, size_t owner, uint16_t type, uint32_t ttl, const Bytes &data);
-    // An MX answer to an exchanger in the domain asked for; returns where its name stands.
+    // Adds an MX answer with an exchanger in the domain asked for; returns the offset of its name.
     size_t Mx(uint16_t preference, const std::string &label);
 
     [[nodiscard]] const Bytes &bytes() const { return bytes_; }
@@ -71,20 +71,20 @@ class Builder {
     Bytes bytes_;
 };
 
-// The query that the resolver sends for a name: written out here anew from RFC 1035.
+// The query for a name, written from RFC 1035 without the code under test.
 Bytes QueryFor(const std::string &name, uint16_t type);
 
 uint32_t Address(const char *pText);
 struct sockaddr_in ServerAddress(const char *pText);
 
-// A result array in a state that tells every write.
+// A result array that shows every write.
 struct Results {
     static constexpr uint8_t kFill = 0xEE;
     tDnsAddrEntry entries[DNS_MAX_ENTRIES];
 
     Results();
     tDnsAddrEntry &operator[](size_t i) { return entries[i]; }
-    // Entries from this one on are as they were made.
+    // Whether the entries from this one on are unchanged.
     [[nodiscard]] bool UntouchedFrom(size_t first) const;
 };
 

@@ -1,0 +1,54 @@
+#ifndef TALVEK_DNS_LOOKUP_H
+#define TALVEK_DNS_LOOKUP_H
+
+/* Lookups: from a name or mail address to IPv4 addresses. */
+
+#include "result.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Finds the IPv4 addresses of a host.
+ *
+ *   pDomainName  host name or mail address with at least one "." anywhere. The result for a dotted
+ *                address (inet_addr(3)) is that address itself, without a query. 255.255.255.255 is
+ *                looked up as a name, since inet_addr returns the same value for an error
+ *   pResult      result array
+ *   timeout      seconds for each wait
+ *
+ * The name servers are asked in the order of the file, once each, until one answers.
+ *
+ * Returns DNS_OK when a response held addresses (when all were 0.0.0.0, no entry is valid), else
+ * the failure of the last server, or DNS_NO_ANSWER when there is none. A name of more than
+ * DNS_MAX_NAME characters is logged as invalid and not asked for: DNS_NO_ANSWER. After a failure
+ * the addr of the first entry holds the value of inet_addr, 255.255.255.255 for a name. */
+int DNS_GetA(const char *pDomainName, tDnsAddrEntry *pResult, int timeout);
+
+/* Finds the addresses of the mail exchangers of a domain, the lowest preference first. When a
+ * server has none, finds the addresses of the domain itself; the entries' `type` shows which.
+ *
+ * Arguments and result as for DNS_GetA. Each server is asked for MX records up to twice and then
+ * once for A records. */
+int DNS_GetMX(const char *pDomainName, tDnsAddrEntry *pResult, int timeout);
+
+/* DNS_GetA with one server.
+ *
+ *   pNameServer  dotted address of the server
+ *   pDomainName  name to ask for, even if it is a dotted address
+ *
+ * Returns the result of DNS_SendAQuery, or DNS_NO_ANSWER when there is no socket. */
+int DNS_GetAviaNameServer(const char *pNameServer, const char *pDomainName, tDnsAddrEntry *pResult,
+                          int timeout);
+
+/* DNS_GetMX with one server. The A query uses the socket of the MX query.
+ *
+ * Returns the result of the last query made, or DNS_NO_ANSWER when there is no socket. */
+int DNS_GetMXviaNameServer(const char *pNameServer, const char *pDomainName, tDnsAddrEntry *pResult,
+                           int timeout);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
