@@ -35,10 +35,11 @@ void WithMounts(const std::string &mounts, const std::function<void()> &body) {
     WithProc(mounts, "", body);
 }
 
-// The mount point that a look-up writes between canaries, or "-1".
-std::string MountPointOf(const char *pDev, unsigned n) {
+// The text that a look-up writes between canaries, or "-1".
+template <typename LookUp>
+std::string TextOf(LookUp lookUp) {
     CanaryBuf out{DEV_MOUNT_TEXT_SIZE};
-    const int result = Dev_nGetMPT(pDev, out.text(), n);
+    const int result = lookUp(out.text());
     EXPECT_TRUE(out.Intact());
     if (result != 0) {
         EXPECT_EQ(-1, result);
@@ -48,16 +49,12 @@ std::string MountPointOf(const char *pDev, unsigned n) {
     return out.text();
 }
 
+std::string MountPointOf(const char *pDev, unsigned n) {
+    return TextOf([=](char *pOut) { return Dev_nGetMPT(pDev, pOut, n); });
+}
+
 std::string DeviceOf(const char *pMountPoint) {
-    CanaryBuf out{DEV_MOUNT_TEXT_SIZE};
-    const int result = Dev_GetDevViaMount(out.text(), pMountPoint);
-    EXPECT_TRUE(out.Intact());
-    if (result != 0) {
-        EXPECT_EQ(-1, result);
-        EXPECT_TRUE(out.UntouchedFrom(0));
-        return "-1";
-    }
-    return out.text();
+    return TextOf([=](char *pOut) { return Dev_GetDevViaMount(pOut, pMountPoint); });
 }
 
 constexpr const char *kMountLines =
