@@ -101,11 +101,7 @@ int MountDetecting(const char *pSrc, const char *pDir) {
 // A shell command in a block that grows.
 class ShellCommand {
   public:
-    void Put(const char *pText) {
-        while (*pText != '\0') {
-            Put(*pText++);
-        }
-    }
+    void Put(const char *pText) { Put(pText, strlen(pText)); }
 
     // Adds one word. Between single quotes a shell changes no character; a quote itself is written
     // outside of them.
@@ -116,39 +112,35 @@ class ShellCommand {
             Put(pWord);
             return;
         }
-        Put('\'');
-        for (; *pWord != '\0'; ++pWord) {
-            if (*pWord == '\'') {
-                Put("'\\''");
-            } else {
-                Put(*pWord);
+        Put("'");
+        for (;; ++pWord) {
+            const size_t length = strcspn(pWord, "'");
+            Put(pWord, length);
+            pWord += length;
+            if (*pWord == '\0') {
+                break;
             }
+            Put("'\\''");
         }
-        Put('\'');
+        Put("'");
     }
 
     // NULL with errno set when there was no memory.
     [[nodiscard]] const char *text() const { return complete_ ? text_.get() : nullptr; }
 
   private:
-    static constexpr size_t kFirstSize = 256;
-
-    void Put(char c) {
-        if (used_ + 2 > size_) {
-            const size_t size = size_ > 0 ? 2 * size_ : kFirstSize;
-            if (!complete_ || !text_.Resize(size)) {
-                complete_ = false;
-                return;
-            }
-            size_ = size;
+    void Put(const char *pText, size_t length) {
+        if (!complete_ || !text_.Resize(length_ + length + 1)) {
+            complete_ = false;
+            return;
         }
-        text_[used_++] = c;
-        text_[used_] = '\0';
+        memcpy(text_.get() + length_, pText, length);
+        length_ += length;
+        text_[length_] = '\0';
     }
 
     talvek::HeapBuf<char> text_;
-    size_t size_ = 0;
-    size_t used_ = 0;
+    size_t length_ = 0;
     bool complete_ = true;
 };
 

@@ -19,6 +19,7 @@
 
 namespace {
 
+using talvek::SgNodes;
 using talvek::UniqueFd;
 
 // SCSI disks: 16 minor numbers a disk, 16 disks a major number.
@@ -100,7 +101,19 @@ struct Translation {
     int openFlags;  // of `from`
     char *to;
     size_t size;
+    unsigned count;  // of the nodes that may be the other one
+    // Opens node k of them and writes its name (DEV_INFO_PATH_SIZE bytes).
+    int (*openNode)(SgNodes &nodes, unsigned k, char *pName);
 };
+
+int OpenCandidate(SgNodes & /*nodes*/, unsigned k, char *pName) {
+    snprintf(pName, DEV_INFO_PATH_SIZE, "%s", talvek::kCandidateNodes[k]);
+    return talvek::OpenPath(pName, O_RDONLY | O_NONBLOCK);
+}
+
+int OpenGeneric(SgNodes &nodes, unsigned k, char *pName) {
+    return nodes.Open(k, pName);
+}
 
 bool ReadAddr(const Translation &what, const char *pPath, int fd, tScsiAddr &addr) {
     return talvek::ReadScsiAddr(
@@ -122,18 +135,17 @@ bool ReadWantedAddr(const Translation &what, tScsiAddr &addr) {
     return ReadAddr(what, what.from, fd.get(), addr);
 }
 
-// Stores the name of the first of `count` nodes that has the address of `what.from`. `openNode`
-// opens node k and writes its name (DEV_INFO_PATH_SIZE bytes).
-template <typename OpenNode>
-int Translate(const Translation &what, unsigned count, OpenNode openNode) {
+// Stores the name of the first node that has the address of `what.from`.
+int Translate(const Translation &what) {
     const talvek::CancelGuard guard;
     tScsiAddr wanted{};
     if (!ReadWantedAddr(what, wanted)) {
         return -1;
     }
-    for (unsigned k = 0; k < count; ++k) {
+    SgNodes nodes;
+    for (unsigned k = 0; k < what.count; ++k) {
         char name[DEV_INFO_PATH_SIZE];
-        const UniqueFd fd{openNode(k, name)};
+        const UniqueFd fd{what.openNode(nodes, k, name)};
         tScsiAddr addr{};
         if (fd && ReadAddr(what, name, fd.get(), addr) && talvek::SameScsiAddr(addr, wanted)) {
             talvek::CopyBounded(what.function, what.to, what.size, name);
@@ -160,17 +172,12 @@ void Dev_MakeDevName(char *pDst, unsigned k, int numeric) {
 }
 
 int Dev_SgToSd(const char *pSgPath, char *pSdPath, size_t size) {
-    return Translate({__func__, pSgPath, O_RDWR, pSdPath, size}, talvek::kCandidateNodeCount,
-                     [](unsigned k, char *pName) {
-                         snprintf(pName, DEV_INFO_PATH_SIZE, "%s", talvek::kCandidateNodes[k]);
-                         return talvek::OpenPath(pName, O_RDONLY | O_NONBLOCK);
-                     });
+    return Translate(
+        {__func__, pSgPath, O_RDWR, pSdPath, size, talvek::kCandidateNodeCount, OpenCandidate});
 }
 
 int Dev_SdToSg(const char *pSdPath, char *pSgPath, size_t size) {
-    talvek::SgNodes nodes;
-    return Translate({__func__, pSdPath, O_RDONLY, pSgPath, size}, DEV_MAX_DEVICES,
-                     [&nodes](unsigned k, char *pName) { return nodes.Open(k, pName); });
+    return Translate({__func__, pSdPath, O_RDONLY, pSgPath, size, DEV_MAX_DEVICES, OpenGeneric});
 }
 
 int Dev_ConvertMajorMinor(int major, int minor, char *pName, size_t size) {

@@ -60,4 +60,8 @@ bool MmcRequest::Issue(int fd, uint32_t length, int verbose) {
     return Dev_ExecMMC(&cmd_, fd, verbose) == DEV_MMC_OK;
 }
 
+bool MmcRequest::IssueTwice(int fd, uint32_t firstLength, uint32_t (*lengthOf)(BigEndianReader)) {
+    return Issue(fd, firstLength) && Issue(fd, lengthOf(reply()));
+}
+
 }  // namespace talvek
