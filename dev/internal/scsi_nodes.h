@@ -7,7 +7,7 @@
 namespace talvek {
 
 // The block, optical and tape nodes of an enumeration in their order; a null pointer ends them.
-constexpr unsigned kCandidateNodeCount = 49;
+inline constexpr unsigned kCandidateNodeCount = 49;
 extern const char *const kCandidateNodes[kCandidateNodeCount + 1];
 
 // What is logged when an address cannot be read: formats of COM_Log for the node's path and the
