@@ -2,7 +2,7 @@
  *
  *   dns_lookup www.example.com           addresses of a host
  *   dns_lookup someone@example.com       addresses of the mail exchangers of the domain
- *   dns_lookup -t 3 www.example.com      waits 3 seconds at the most each time (default 20)
+ *   dns_lookup -t 3 www.example.com      waits at most 3 seconds each time (default 20)
  */
 
 #include <arpa/inet.h>
@@ -29,7 +29,7 @@ static void PrintEntry(int number, const tDnsAddrEntry *pEntry) {
 }
 
 int main(int argc, char *argv[]) {
-    int timeout = -1;
+    int timeout = DNS_DEFAULT_TIMEOUT;
     int next = 1;
     if (argc > 2 && strcmp(argv[1], "-t") == 0) {
         char *pEnd = NULL;
@@ -45,13 +45,13 @@ int main(int argc, char *argv[]) {
     }
 
     const char *pName = argv[next];
-    /* Entries that a lookup does not write are not cleared by it. */
+    /* A lookup leaves the entries unchanged that it does not write. */
     tDnsAddrEntry entries[DNS_MAX_ENTRIES];
     memset(entries, 0, sizeof entries);
     const int result = strchr(pName, '@') != NULL ? DNS_GetMX(pName, entries, timeout)
                                                   : DNS_GetA(pName, entries, timeout);
     int found = 0;
-    for (int i = 0; i < DNS_MAX_ENTRIES && result == 0; ++i) {
+    for (int i = 0; i < DNS_MAX_ENTRIES && result == DNS_OK; ++i) {
         if (entries[i].valid) {
             PrintEntry(++found, &entries[i]);
         }
