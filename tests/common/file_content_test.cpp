@@ -930,7 +930,7 @@ void ExpectRevision(const std::string &content, const std::string &expected) {
     EXPECT_EQ(expected, buf.text()) << content;
 }
 
-TEST(GetSvnRevision, TakesLettersAndDigits) {
+TEST(GetSvnRevision, ReadsLettersAndDigits) {
     RunInPrivateWorld(kMounts, [] {
         FreshEtc();
         ExpectRevision("Path: .\nRevision: 12a4\nNode Kind: directory\n", "12a4");

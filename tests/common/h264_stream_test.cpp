@@ -323,7 +323,7 @@ void H264Stream::Compare(const Encoding &e) const {
     }
 }
 
-TEST_F(H264Stream, OfTheProfilesReadAsFfmpegReadsThem) {
+TEST_F(H264Stream, AgreesWithFfmpegOnEveryProfile) {
     const Encoding encodings[] = {
         {"Baseline", X264 "--profile baseline" TO_OUT, 64, 48, 6, 66},
         {"Main", X264 "--profile main --bframes 2" TO_OUT, 64, 48, 8, 77, "IPB"},
@@ -343,14 +343,14 @@ TEST_F(H264Stream, OfTheProfilesReadAsFfmpegReadsThem) {
     }
 }
 
-TEST_F(H264Stream, OfOddSizesReadAsFfmpegReadsThem) {
+TEST_F(H264Stream, AgreesWithFfmpegOnOddSizes) {
     const size_t sizes[][2] = {{66, 50}, {18, 34}, {1928, 16}};
     for (const auto &size : sizes) {
         Compare({"odd size", X264 "--profile high --bframes 0" TO_OUT, size[0], size[1], 3});
     }
 }
 
-TEST_F(H264Stream, OfManySlicesAndReferencesReadAsFfmpegReadsThem) {
+TEST_F(H264Stream, AgreesWithFfmpegOnManySlicesAndReferences) {
     const Encoding encodings[] = {
         {"four slices", X264 "--profile main --bframes 1 --slices 4" TO_OUT, 64, 96, 5, 77, "IPB"},
         {"a slice for each macroblock", X264 "--profile baseline --slice-max-mbs 1" TO_OUT, 64, 48,
@@ -365,7 +365,7 @@ TEST_F(H264Stream, OfManySlicesAndReferencesReadAsFfmpegReadsThem) {
     }
 }
 
-TEST_F(H264Stream, WithOtherSettingsReadAsFfmpegReadsThem) {
+TEST_F(H264Stream, AgreesWithFfmpegOnOtherSettings) {
     const Encoding encodings[] = {
         {"number of the sets", X264 "--profile main --sps-id 9 --bframes 1" TO_OUT, 64, 48, 4, 77,
          "IPB"},
@@ -389,7 +389,7 @@ TEST_F(H264Stream, WithOtherSettingsReadAsFfmpegReadsThem) {
 }
 
 // x264 writes its lists to the picture parameter set, where a list has the same syntax.
-TEST_F(H264Stream, ScalingListsAreThoseGivenToTheEncoder) {
+TEST_F(H264Stream, YieldsTheScalingListsGivenToTheEncoder) {
     std::string lists[2];
     std::vector<uint32_t> expected[2];
     for (size_t which = 0; which < 2; ++which) {
@@ -497,7 +497,7 @@ Lists ListsOf(const Header &header) {
     return lists;
 }
 
-TEST_F(H264MadeSet, WithScalingListsReadsAsFfmpegReadsIt) {
+TEST_F(H264MadeSet, AgreesWithFfmpegOnScalingLists) {
     for (const uint32_t profile : {100U, 110U, 122U}) {
         Sps sps;
         sps.profile = profile;
@@ -540,7 +540,7 @@ TEST_F(H264MadeSet, WithScalingListsReadsAsFfmpegReadsIt) {
 }
 
 // The cycle contains emulation-prevention bytes.
-TEST_F(H264MadeSet, OfEveryPictureOrderTypeReadsAsFfmpegReadsIt) {
+TEST_F(H264MadeSet, AgreesWithFfmpegOnEveryPictureOrderType) {
     std::vector<Sps> sets(5);
     sets[0].pictureOrder = Ue(0) + Ue(12);
     sets[1].pictureOrder = Ue(1) + "1" + Se(-5) + Se(70000) + Ue(0);
@@ -570,7 +570,7 @@ TEST_F(H264MadeSet, OfEveryPictureOrderTypeReadsAsFfmpegReadsIt) {
 
 // A set of 4:4:4 Predictive (244) is read like one of Main: chroma_format_idc is read as
 // log2_max_frame_num_minus4, and so on.
-TEST_F(H264Stream, OfProfile244AreReadLikeMainProfile) {
+TEST_F(H264Stream, ReadsProfile244LikeMainProfile) {
     const Encoding encodings[] = {
         {"4:4:4", X264 "--profile high444 --output-csp i444" TO_OUT, 64, 48, 2},
         {"lossless", X264 "--profile high444 --qp 0" TO_OUT, 64, 48, 2},
@@ -595,7 +595,7 @@ TEST_F(H264Stream, OfProfile244AreReadLikeMainProfile) {
 
 // separate_colour_plane_flag follows the chroma format of 4:4:4 and is read as the first bit of the
 // depth.
-TEST_F(H264MadeSet, Of444WithThePlaneFlagIsReadWithoutIt) {
+TEST_F(H264MadeSet, Reads444WithoutThePlaneFlag) {
     for (const char flag : {'0', '1'}) {
         Sps sps;
         sps.profile = 122;
@@ -628,7 +628,7 @@ TEST_F(H264MadeSet, Of444WithThePlaneFlagIsReadWithoutIt) {
 }
 
 // The scalable and multiview profiles have the High fields too, but are read like Main.
-TEST_F(H264MadeSet, OfOtherHighProfilesIsReadLikeMainProfile) {
+TEST_F(H264MadeSet, ReadsOtherHighProfilesLikeMainProfile) {
     for (const uint32_t profile : {44U, 83U, 86U, 118U, 128U, 138U, 244U}) {
         Sps sps;
         sps.profile = profile;

@@ -146,16 +146,18 @@ TEST(H264BitReader, AcceptsNull) {
 
 // ---- Exp-Golomb codes ----
 
+const char kFirstCodes[] =
+    "1"
+    "010"
+    "011"
+    "00100"
+    "00101"
+    "00110"
+    "00111"
+    "0001000";
+
 TEST(H264ReadUe, DecodesTheFirstCodesOfTheStandard) {
-    const Guarded bytes{
-        Pack("1"
-             "010"
-             "011"
-             "00100"
-             "00101"
-             "00110"
-             "00111"
-             "0001000")};
+    const Guarded bytes{Pack(kFirstCodes)};
     tH264BitReader reader;
     COM_H264InitBitReader(&reader, bytes.get(), bytes.size());
     for (uint32_t value = 0; value < 8; ++value) {
@@ -164,15 +166,7 @@ TEST(H264ReadUe, DecodesTheFirstCodesOfTheStandard) {
 }
 
 TEST(H264ReadSe, DecodesTheFirstCodesOfTheStandard) {
-    const Guarded bytes{
-        Pack("1"
-             "010"
-             "011"
-             "00100"
-             "00101"
-             "00110"
-             "00111"
-             "0001000")};
+    const Guarded bytes{Pack(kFirstCodes)};
     tH264BitReader reader;
     COM_H264InitBitReader(&reader, bytes.get(), bytes.size());
     for (const int32_t value : {0, 1, -1, 2, -2, 3, -3, 4}) {
@@ -475,7 +469,7 @@ TEST(H264ParseSps, FlagsEachListThatIsTheDefaultOne) {
     }
 }
 
-TEST(H264ParseSps, GivesMaxFrameNumAsAPowerOfTwo) {
+TEST(H264ParseSps, ReturnsMaxFrameNumAsAPowerOfTwo) {
     for (uint32_t log2 = 0; log2 <= 27; ++log2) {
         Sps sps;
         sps.log2MaxFrameNum = log2;
@@ -1090,7 +1084,7 @@ void LeaveNoCore() {
 }
 
 // A 4:4:4 set of a High profile with twelve lists and a picture order cycle of 255.
-TEST(H264Reach, OfASetIsThatOfTheLongestSet) {
+TEST(H264Reach, EqualsTheBytesOfTheLongestSet) {
     LongestHeader header;
     header.Add(Fixed(100, 8) + Fixed(0, 16));
     header.AddCode();    // sps_id
@@ -1128,7 +1122,7 @@ TEST(H264Reach, OfASetIsThatOfTheLongestSet) {
 }
 
 // Seven skipped bytes, three codes and 31 bits of frame_num.
-TEST(H264Reach, OfASliceIsThatOfTheLongestHeader) {
+TEST(H264Reach, EqualsTheBytesOfTheLongestSliceHeader) {
     LongestHeader header;
     header.AddCodes(3);
     header.Add(std::string(31, '0'));

@@ -95,7 +95,7 @@ TEST(StripHtmlCode, WritesTheNewlinesIntoTheSource) {
     EXPECT_EQ((Stripped{2, "\n", "<br\n"}), Strip("<br>"));
 }
 
-TEST(StripHtmlCode, FindsNothingInTagsAlone) {
+TEST(StripHtmlCode, FailsForTagsWithoutText) {
     EXPECT_EQ((Stripped{-1, "", "<p></p>"}), Strip("<p></p>"));
     EXPECT_EQ((Stripped{-1, "", ""}), Strip(""));
     EXPECT_EQ((Stripped{-1, "", "<"}), Strip("<"));
@@ -103,7 +103,7 @@ TEST(StripHtmlCode, FindsNothingInTagsAlone) {
     EXPECT_EQ((Stripped{-1, "", "<p never closed"}), Strip("<p never closed"));
 }
 
-TEST(StripHtmlCode, TakesWhatBeginsWithBrForALineBreak) {
+TEST(StripHtmlCode, ReplacesEveryTagThatBeginsWithBrByANewline) {
     for (const char *pTag : {"<br>", "<BR/>", "<Br clear=all>", "<bR>", "<Brief>", "<br<br>"}) {
         EXPECT_EQ("a\nb", StripText(std::string{"a"} + pTag + "b")) << pTag;
     }
@@ -112,13 +112,13 @@ TEST(StripHtmlCode, TakesWhatBeginsWithBrForALineBreak) {
     }
 }
 
-TEST(StripHtmlCode, KeepsEverythingElseAsItIs) {
+TEST(StripHtmlCode, KeepsEverythingElse) {
     EXPECT_EQ(" a > b &lt;\r\n\t", StripText(" a > b &lt;\r\n\t"));
     EXPECT_EQ("\xC3\xA4\xFF", StripText("\xC3\xA4\xFF"));
     EXPECT_EQ("rest\">x", StripText("<a title=\"1>rest\">x"));
 }
 
-TEST(StripHtmlCode, StripsAsTheRuleDoes) {
+TEST(StripHtmlCode, StripsWhatTheRuleStrips) {
     std::mt19937 random{13};
     const char *pieces[] = {"<", ">", "br", "BR", "b", "text ", "<p>", "</p>", "\n", "<br>"};
     for (int i = 0; i < 3000; ++i) {
@@ -354,7 +354,7 @@ Extracted ExtractByTheRule(const std::string &tag, const std::string &html, bool
     return kNone;
 }
 
-TEST(ExtractHtmlTag, CutsAsTheRuleDoes) {
+TEST(ExtractHtmlTag, CutsWhatTheRuleCuts) {
     std::mt19937 random{14};
     const char *pieces[] = {"<b>", "</b>", "<B x>", "</b >", "<bx>", "<", ">", "t", "/b", "b\t"};
     for (int i = 0; i < 6000; ++i) {

@@ -47,7 +47,7 @@ TEST(StrCaseStr, FindsTheFirstPlaceIgnoringCase) {
     EXPECT_EQ(nullptr, COM_StrCaseStr(text, "lengths"));
 }
 
-TEST(StrCaseStr, GivesNullForNull) {
+TEST(StrCaseStr, ReturnsNullForNull) {
     EXPECT_EQ(nullptr, COM_StrCaseStr(nullptr, "key"));
     EXPECT_EQ(nullptr, COM_StrCaseStr("text", nullptr));
     EXPECT_EQ(nullptr, COM_StrCaseStr(nullptr, nullptr));
@@ -790,7 +790,7 @@ TEST(GetTwoNumbers, ReadsWhatTheRuleReads) {
     }
 }
 
-TEST(GetTwoNumbers, ReadsNothingFromNothing) {
+TEST(GetTwoNumbers, ReadsNothingFromNoBytes) {
     int first = kUnset;
     int second = kUnset;
     EXPECT_EQ(0, COM_GetTwoNumbers("1 2 ", 0, &first, &second));

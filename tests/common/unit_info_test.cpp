@@ -61,7 +61,7 @@ void MakeUnit() {
         " && ip addr add 10.0.0.5/20 dev eth0 && ip route add default via 10.0.0.1");
 }
 
-TEST(UnitNetInfo, PutsEverythingInItsPlace) {
+TEST(UnitNetInfo, FillsEveryField) {
     static_assert(sizeof(tUnitNetInfo) == kRecord);
     RunInPrivateWorld(kNetwork | kHostname, [] {
         MakeUnit();
@@ -96,7 +96,7 @@ TEST(UnitNetInfo, IsCompleteWithoutANote) {
     });
 }
 
-TEST(UnitNetInfo, CountsWhatFailed) {
+TEST(UnitNetInfo, CountsFailedReads) {
     RunInPrivateWorld(kNetwork | kHostname, [] {
         MakeUnit();
         const CanaryBuf record{kRecord};
@@ -349,7 +349,7 @@ TEST(Base64Decode, DecodesTheVectorsOfTheStandard) {
     EXPECT_EQ("AB", Decode("QUI="));
 }
 
-TEST(Base64Decode, PassesOverWhatIsNotInTheAlphabet) {
+TEST(Base64Decode, SkipsCharactersOutsideTheAlphabet) {
     EXPECT_EQ("ABC", Decode("QU\nJD"));
     EXPECT_EQ("ABC", Decode("\r\n Q\tU.J-D_\n"));
     EXPECT_EQ("ABC", Decode("Q\xFFU\x80J\x01"
