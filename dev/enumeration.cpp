@@ -29,18 +29,9 @@ using talvek::kCandidateNodes;
 using talvek::UniqueFd;
 
 const char *BusName(uint8_t busType) {
-    switch (busType) {
-        case DEV_BUS_ATA:
-            return "ATA";
-        case DEV_BUS_USB:
-            return "USB";
-        case DEV_BUS_IEEE1394:
-            return "IEEE-1394";
-        case DEV_BUS_ESATA:
-            return "eSATA";
-        default:
-            return "unknown";
-    }
+    constexpr std::array kNames = {"ATA", "USB", "IEEE-1394", "eSATA"};  // by DEV_BUS_...
+    static_assert(kNames.size() == DEV_BUS_ESATA + 1);
+    return busType < kNames.size() ? kNames[busType] : "unknown";
 }
 
 // A driver's text names the bus at its beginning or after "SCSI emulation for ". The rules are

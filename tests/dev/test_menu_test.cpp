@@ -501,6 +501,9 @@ TEST(MenuItem, ShowsTheDisc) {
         {"dvd_minus_r_open.hex",
          {"[/dev/sr0] => DVD-R/-RW, write-once, appendable",
           "    used 998976 KB of 4595776 KB, last track 2"}},
+        {"dvd_minus_r_dual_layer.hex",
+         {"[/dev/sr0] => DVD-R/-RW, write-once, dual layer, finalized",
+          "    used 8343424 KB of 8343424 KB, last track 1"}},
         {"dvd_ram.hex",
          {"[/dev/sr0] => a disc that is not supported, or a drive that does not answer"}},
     };
