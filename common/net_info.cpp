@@ -70,7 +70,7 @@ enum class AddressForm { kText, kPadded, kBinary };
 
 struct AddressRow {
     uint32_t flag;
-    int request;
+    uint16_t request;
     AddressForm form;
 };
 
@@ -173,7 +173,7 @@ UniqueFd OpenRequestSocket(const char *pFunction) {
 
 // A name that is too long for an interface is refused here. Cut to 15 characters it could be the
 // name of another interface.
-int RequestFact(const UniqueFd &fd, int request, const char *pIfName, ifreq &answer) {
+int RequestFact(const UniqueFd &fd, uint16_t request, const char *pIfName, ifreq &answer) {
     answer = {};
     const size_t length = pIfName != nullptr ? strlen(pIfName) : 0;
     if (length == 0 || length >= sizeof answer.ifr_name) {
