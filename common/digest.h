@@ -43,8 +43,7 @@ void COM_Md5Init(tMd5Ctx *pCtx);
 /* Adds `size` bytes to the digest. */
 void COM_Md5Update(tMd5Ctx *pCtx, const void *pData, size_t size);
 
-/* Writes the digest of COM_MD5_SIZE bytes and zeroes the context. COM_Md5Init begins the next one.
- */
+/* Writes the digest of COM_MD5_SIZE bytes and zeroes the context. COM_Md5Init starts again. */
 void COM_Md5Final(uint8_t *pDigest, tMd5Ctx *pCtx);
 
 /* Writes the COM_MD5_HEX_SIZE characters of a digest. */

@@ -32,8 +32,8 @@ extern "C" {
  * 4096 blocks in a row without a character to keep.
  *
  * Returns 0 when at least one byte was read. Otherwise -1, and pBuf holds "unknown", truncated to
- * `size` characters (a negative size does not truncate). A file that is missing, empty or
- * unreadable is not logged. */
+ * `size` characters (a negative size does not truncate). A missing file is not logged, nor is an
+ * empty file or a failed read; other failures to open a file are. */
 int COM_GetFileContent(const char *pFileName, char *pBuf, int size);
 
 /* Replaces the content of a file with a text, without its NUL.
@@ -45,17 +45,17 @@ int COM_SetFileContent(const char *pFileName, const char *pText);
 /* Appends a text to a file. Otherwise like COM_SetFileContent. */
 int COM_AppendFileContent(const char *pFileName, const char *pText);
 
-/* Results of COM_SaveDataIntoFile, COM_SaveRingBufDataIntoFile and COM_LoadDataFromFile, beside -1.
- */
+/* Results of COM_SaveDataIntoFile, COM_SaveRingBufDataIntoFile and COM_LoadDataFromFile. */
 enum {
-    COM_DATA_COMPLETE = 0, /* all bytes were written or read; also when none were, see the entry */
-    COM_DATA_PARTIAL = 1,  /* at least one byte, but not all of them */
+    COM_DATA_COMPLETE = 0, /* all bytes; or none, in the cases that the entry names */
+    COM_DATA_PARTIAL = 1,  /* at least one byte, but not all */
 };
 
-/* Replaces the content of a file with `size` bytes.
+/* Replaces the content of a file with `size` bytes. Returns
  *
- * Returns COM_DATA_COMPLETE, also when the first write took no byte without failing;
- * COM_DATA_PARTIAL (logged); -1 when the file cannot be opened or the first write fails. */
+ *   COM_DATA_COMPLETE  when all bytes were written, or the first write took no byte without failing
+ *   COM_DATA_PARTIAL   when some were written (logged)
+ *   -1                 when the file cannot be opened or the first write fails */
 int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int size);
 
 /* Replaces the content of a file with `size` bytes of a ring buffer, in the order in which they
@@ -69,17 +69,21 @@ int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int size);
  * A write that takes no byte is repeated too; the thousandth in a row is a failure (EIO). An
  * existing file must belong to the caller, unless the caller is privileged (O_NOATIME).
  *
- * Returns COM_DATA_COMPLETE, also when nothing was written of bytes that do not wrap (the failed
- * write is logged); COM_DATA_PARTIAL (logged); -1 when the file cannot be opened, or when of bytes
- * that wrap those up to the end of the ring could not all be written or are none (start =
- * ringSize). */
+ * Returns
+ *
+ *   COM_DATA_COMPLETE  when all bytes were written; also when they do not wrap and none was written
+ *                      (the failed write is logged)
+ *   COM_DATA_PARTIAL   when some were written (logged)
+ *   -1                 when the file cannot be opened; also when the bytes wrap and the part up to
+ *                      the end of the ring was not written or is empty (start = ringSize) */
 int COM_SaveRingBufDataIntoFile(const char *pFileName, const void *pRing, int start, int ringSize,
                                 int size);
 
-/* Reads up to `size` bytes from the start of a file, in one read. No NUL is added.
+/* Reads up to `size` bytes from the start of a file, in one read. No NUL is added. Returns
  *
- * Returns COM_DATA_COMPLETE when `size` bytes were read, or none because the file is empty;
- * COM_DATA_PARTIAL; -1 when the file cannot be opened or read. */
+ *   COM_DATA_COMPLETE  when `size` bytes were read, or none because the file is empty
+ *   COM_DATA_PARTIAL   when fewer were read
+ *   -1                 when the file cannot be opened or read */
 int COM_LoadDataFromFile(const char *pFileName, void *pBuf, int size);
 
 enum {

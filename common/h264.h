@@ -51,8 +51,7 @@ typedef struct tH264BitReader {
     uint32_t consumed;     /* bits of the cache that have been consumed, 0 to 7 */
 } tH264BitReader;
 
-/* Contents of a sequence parameter set (clause 7.4.2.1.1). A field that the set does not have is 0.
- */
+/* Contents of a sequence parameter set (clause 7.4.2.1.1); fields that it does not have are 0. */
 typedef struct tH264SpsInfo {
     uint32_t profile_idc;
     uint32_t level_idc;

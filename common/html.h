@@ -14,14 +14,15 @@ extern "C" {
 /* What COM_ExtractHtmlTag returns of the element. */
 enum {
     COM_HTML_CONTENT = 0,   /* the text between the element's tags */
-    COM_HTML_WITH_TAGS = 1, /* the element with its tags; so does any other value */
+    COM_HTML_WITH_TAGS = 1, /* the element with its tags; any other value has the same effect */
 };
 
 /* Removes all tags from a text. A tag whose name begins with "br", in any case, becomes a newline.
  *
- *   pSrc      is modified: the ">" of each tag that becomes a newline is overwritten with a
- * newline. Pass a copy if the source is still needed. ppResult  points to NULL or to a block from
- * malloc, which is reused. Receives the block with the text and its NUL, which the caller frees.
+ *   pSrc      is modified: in each tag that becomes a newline the ">" is overwritten with it. Pass
+ *             a copy if the source is still needed.
+ *   ppResult  points to NULL or to a block from malloc, which is reused. Receives the block with
+ *             the text and its NUL, which the caller frees.
  *
  * Returns the size of the text in bytes, including the NUL; -1 with *ppResult unchanged when there
  * is no text, or no memory for its first character. When memory runs out later, this is logged, the

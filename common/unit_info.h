@@ -17,8 +17,7 @@ enum {
     COM_UNIT_NAME_SIZE = 64, /* bytes for a host name in tUnitNetInfo, including the NUL */
 };
 
-/* A unit. A list of units is an array of these records of 328 bytes. All texts are NUL-terminated.
- */
+/* A unit. A list of units is an array of these records of 328 bytes. Texts are NUL-terminated. */
 typedef struct tUnitNetInfo {
     char model[COM_UNIT_MODEL_SIZE];         /* /etc/Model */
     char proj[COM_UNIT_PROJECT_SIZE];        /* /etc/Proj */
@@ -40,7 +39,7 @@ typedef struct tUnitNetInfo {
  *
  *   pInfo    all fields are overwritten except if_info_num and if_info
  *   pIfName  interface name as for COM_GetNetInfo. Its first 15 characters are stored in `dev`,
- * also those of "auto"; NULL leaves `dev` empty. May be the `dev` of pInfo.
+ *            also those of "auto"; NULL leaves `dev` empty. May be the `dev` of pInfo.
  *
  * A text that is longer than its field is truncated. After a failed read the field has the failure
  * text of its reader: "unknown", "80" for the port, an address or hardware address of zeros. A host
@@ -59,16 +58,14 @@ enum {
     COM_BASE64_NO_VALUE = 64, /* the character is not in the Base64 alphabet */
 };
 
-/* Returns the value of a Base64 character (RFC 4648, section 4), 0 to 63, or COM_BASE64_NO_VALUE.
- */
+/* Returns the value of a Base64 character (RFC 4648, section 4) or COM_BASE64_NO_VALUE. */
 int COM_Base64Value(char c);
 
-/* Decodes Base64 (RFC 4648, section 4). Characters that are not in the alphabet are skipped. The
- * first
- * "=" ends the text. Of an incomplete last group the complete bytes are written.
+/* Decodes Base64 (RFC 4648, section 4). Characters that are not in the alphabet are skipped, and
+ * the first "=" ends the text. Of an incomplete last group the complete bytes are written.
  *
  *   pDst   room for three quarters of the length of pText, rounded down; may be pText itself. No
- * NUL is added.
+ *          NUL is added.
  *
  * Returns the number of bytes written. */
 int COM_Base64Decode(void *pDst, const char *pText);
