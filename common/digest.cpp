@@ -47,6 +47,8 @@ void StoreBig(uint8_t *pBytes, uint32_t word) {
     StoreLittle(pBytes, __builtin_bswap32(word));
 }
 
+// docs/decisions/digests.md: why the steps are written out.
+//
 // RFC 1321, 3.4: four rounds of sixteen steps. Each step depends on the register x of the step
 // before it, so the functions use x last. F and G are written with one operation less than in the
 // standard.
