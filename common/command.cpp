@@ -26,6 +26,9 @@
 #include "common/internal/module_log.h"
 #include "common/internal/proc_entry.h"
 
+// Present in a program with ThreadSanitizer, also where this library is compiled without.
+extern "C" __attribute__((weak)) void __tsan_init();
+
 namespace {
 
 // ---- the words of a command ----
@@ -36,7 +39,7 @@ struct WordTable {
     char *args[COM_COMMAND_WORDS + 1];
 };
 
-// Splits at blanks; a command without a word has an empty one. False when it does not fit.
+// Splits at blanks; a command of blanks has one empty word. False when it does not fit.
 bool SplitWords(const char *pCmd, WordTable &table) {
     size_t count = 0;
     for (const char *at = pCmd + strspn(pCmd, " "); *at != '\0' || count == 0;) {
@@ -197,8 +200,11 @@ int Run(const char *pCmd, const CommandSignals &signals, int *pPid) {
     launch[0].fits = SplitWords(pCmd, launch[0].table);
     launch[0].signals = &signals;
     launch[0].error = static_cast<int *>(page);
-    const pid_t pid = clone(RunChild, launch[0].stack + sizeof launch[0].stack,
-                            CLONE_VM | CLONE_VFORK | SIGCHLD, launch.get());
+    // ThreadSanitizer treats every clone as a fork and changes its own data in the child, which
+    // then must not be the parent's.
+    const int sharing = __tsan_init != nullptr ? 0 : CLONE_VM | CLONE_VFORK;
+    const pid_t pid =
+        clone(RunChild, launch[0].stack + sizeof launch[0].stack, sharing | SIGCHLD, launch.get());
     if (pid < 0) {
         LOG_ERRNO_AS(kFunction, "fork() failed : %s\n");
         return -1;

@@ -58,10 +58,8 @@ int COM_KillPid(int pid, unsigned usec);
 
 /* Signals one process.
  *
- *   pName  beginning of the program's path as it was started (/proc/<pid>/cmdline, first 79 bytes),
- *          or NULL
- *   pid    the process, above 0; used when pName is NULL
- *   sig    signal number
+ *   pName  beginning of the path that the program was started by (/proc/<pid>/cmdline, first 79
+ * bytes), or NULL pid    the process, above 0; used when pName is NULL sig    signal number
  *
  * With a name the first match in the order of /proc is taken. That order begins with the caller's
  * own entry, "self", which ends the search: a process cannot signal its own program by name.
