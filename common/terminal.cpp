@@ -12,6 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "base/cancel_guard.h"
 #include "base/path.h"
 #include "base/unique_stream.h"
 #include "common/file.h"
@@ -49,7 +50,6 @@ const tTermFlag COM_TermControlChars[] = {
 
 #undef FLAG
 
-namespace talvek {
 namespace {
 
 constexpr struct timespec kSettleTime { 0, 500'000'000 };
@@ -78,14 +78,14 @@ constexpr ControlChar kControlChars[] = {
 constexpr int kControlCharCount = 32;
 static_assert(NCCS == kControlCharCount);
 
-constexpr const char *kOpen = "COM_OpenTermDevice";
+constexpr const char *kOpenFunction = "COM_OpenTermDevice";
 
-// Raw mode is the ground; the four words and the control characters then say the line.
+// Raw mode first; the flag words and the control characters then replace what differs.
 void FillSetting(tTermDevInfo &device) {
     struct termios &setting = device.current;
     const struct termios given = setting;
     cfmakeraw(&setting);
-    if (device.use_given_flags == 1) {
+    if (device.use_given_flags == COM_TERM_GIVEN_FLAGS) {
         setting.c_iflag = given.c_iflag;
         setting.c_oflag = given.c_oflag;
         setting.c_cflag = given.c_cflag;
@@ -95,8 +95,8 @@ void FillSetting(tTermDevInfo &device) {
         setting.c_oflag = kOutputFlags;
         setting.c_cflag = kControlFlags;
         setting.c_lflag = kLocalFlags;
-        LOG_AS(kOpen, "Using default termios flags setting:\n");
-        LOG_AS(kOpen, "c_iflag: 0x%X, c_oflag: 0x%X, c_cflag: 0x%X, c_lflag: 0x%X\n",
+        LOG_AS(kOpenFunction, "Using default termios flags setting:\n");
+        LOG_AS(kOpenFunction, "c_iflag: 0x%X, c_oflag: 0x%X, c_cflag: 0x%X, c_lflag: 0x%X\n",
                setting.c_iflag, setting.c_oflag, setting.c_cflag, setting.c_lflag);
     }
     for (const ControlChar &character : kControlChars) {
@@ -112,53 +112,51 @@ void LetLineSettle() {
 }
 
 const char *ControlCharName(uint32_t index) {
-    for (const tTermFlag *pEntry = COM_TermControlChars; pEntry->name[0] != '\0'; ++pEntry) {
-        if (pEntry->value == index) {
-            return pEntry->name;
+    for (const tTermFlag *pRow = COM_TermControlChars; pRow->name[0] != '\0'; ++pRow) {
+        if (pRow->value == index) {
+            return pRow->name;
         }
     }
     return "unknown";
 }
 
-// USB serial adapters are told apart by the USB port that they are plugged into.
 struct SerialPort {
     int port;
-    const char *usbPorts[2];  // tried in this order; the second may be null
+    const char *usbPorts[2];  // tried in this order; the second may be NULL
 };
 
 constexpr SerialPort kSerialPorts[] = {
-    {2, {"1.3", nullptr}},
-    {3, {"1.2", "1.4"}},
-    {4, {"1.1", nullptr}},
+    {COM_SERIAL_USB_2, {"1.3", nullptr}},
+    {COM_SERIAL_USB_3, {"1.2", "1.4"}},
+    {COM_SERIAL_USB_4, {"1.1", nullptr}},
 };
 
 constexpr char kOnBoardPort[] = "/dev/ttyS2";
 constexpr char kAdapterPrefix[] = "/dev/ttyUSB";
 constexpr char kAdapterTable[] = "/proc/tty/driver/usb-serial";
 constexpr char kAdapterTableOld[] = "/proc/tty/driver/usbserial";
-constexpr size_t kPortPathSize = 32;
 constexpr dev_t kAdapterMajor = 188;
 
-UniqueFile OpenAdapterTable() {
-    constexpr const char *kEntry = "COM_GetSerialPort";
-    UniqueFile table{OpenStream(kAdapterTable, "r")};
+talvek::UniqueFile OpenAdapterTable() {
+    constexpr const char *kFunction = "COM_GetSerialPort";
+    talvek::UniqueFile table{talvek::OpenStream(kAdapterTable, "r")};
     if (table) {
         return table;
     }
     if (errno != ENOENT) {
-        LOG_ERRNO_AS(kEntry, "open(%s) failed! : %s\n", kAdapterTable);
+        LOG_ERRNO_AS(kFunction, "open(%s) failed! : %s\n", kAdapterTable);
         return table;
     }
-    table.Reset(OpenStream(kAdapterTableOld, "r"));
+    table.Reset(talvek::OpenStream(kAdapterTableOld, "r"));
     if (!table && errno == ENOENT) {
-        LOG_ERRNO_AS(kEntry, "open(%s, %s) failed! : %s\n", kAdapterTable, kAdapterTableOld);
+        LOG_ERRNO_AS(kFunction, "open(%s, %s) failed! : %s\n", kAdapterTable, kAdapterTableOld);
     } else if (!table) {
-        LOG_ERRNO_AS(kEntry, "open(%s) failed! : %s\n", kAdapterTableOld);
+        LOG_ERRNO_AS(kFunction, "open(%s) failed! : %s\n", kAdapterTableOld);
     }
     return table;
 }
 
-// Whether the text behind the line's last "-", up to the line end, is the USB port.
+// Whether the text after the line's last "-", up to the line end, is the USB port.
 bool IsPluggedInto(const char *pLine, const char *pUsbPort) {
     const char *pDash = strrchr(pLine, '-');
     if (pDash == nullptr) {
@@ -172,7 +170,7 @@ bool IsPluggedInto(const char *pLine, const char *pUsbPort) {
 bool StorePort(const char *pLine, char *pBuf) {
     const char *pNumber = pLine + strspn(pLine, ".:");
     const size_t digits = strspn(pNumber, "0123456789");
-    // Minor numbers of a driver have few digits; more are no adapter's.
+    // No minor number has more digits.
     if (digits < 1 || digits > 9 || strchr(".:", pNumber[digits]) == nullptr) {
         const int length = static_cast<int>(strlen(pLine));
         if (length > 1) {
@@ -180,28 +178,29 @@ bool StorePort(const char *pLine, char *pBuf) {
         }
         return false;
     }
-    snprintf(pBuf, kPortPathSize, "%s%.*s", kAdapterPrefix, static_cast<int>(digits), pNumber);
+    snprintf(pBuf, COM_SERIAL_PATH_SIZE, "%s%.*s", kAdapterPrefix, static_cast<int>(digits),
+             pNumber);
     const dev_t device = kAdapterMajor * 256 + strtoul(pNumber, nullptr, 10);
     COM_MakeNode(pBuf, S_IFCHR | 0664, device);
     return true;
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_OpenTermDevice(const char *pPath, tTermDevInfo *pDevInfo) {
-    if (pPath == nullptr || pDevInfo == nullptr) {
-        return -2;
+    const talvek::CancelGuard guard;
+    if (pDevInfo == nullptr) {
+        return COM_TERM_NOT_OPENED;
     }
-    if (pDevInfo->direction < O_RDONLY || pDevInfo->direction > O_RDWR) {
+    if (pDevInfo->direction < COM_TERM_READ_ONLY || pDevInfo->direction > COM_TERM_READ_WRITE) {
         LOG("pDevInfo->direction = %d, use default O_RDONLY\n", pDevInfo->direction);
-        pDevInfo->direction = O_RDONLY;
+        pDevInfo->direction = COM_TERM_READ_ONLY;
     }
     pDevInfo->saved_valid = 0;
-    pDevInfo->fd = open(pPath, pDevInfo->direction | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    pDevInfo->fd = talvek::OpenPath(pPath, pDevInfo->direction | O_NOCTTY | O_NONBLOCK);
     if (pDevInfo->fd < 0) {
-        LOG_ERRNO("open(%s) failed : %s\n", pPath);
-        return -2;
+        LOG_ERRNO("open(%s) failed : %s\n", talvek::Shown(pPath));
+        return COM_TERM_NOT_OPENED;
     }
     if (pPath != pDevInfo->path) {
         snprintf(pDevInfo->path, sizeof pDevInfo->path, "%s", pPath);
@@ -212,21 +211,26 @@ int COM_OpenTermDevice(const char *pPath, tTermDevInfo *pDevInfo) {
         pDevInfo->saved_valid = 1;
     } else {
         LOG_ERRNO("tcgetattr(%s) error : %s\n", pPath);
-        result = -1;
+        result = COM_TERM_NOT_SET;
     }
-    talvek::LetLineSettle();
+    LetLineSettle();
 
-    talvek::FillSetting(*pDevInfo);
-    cfsetospeed(&pDevInfo->current, pDevInfo->speed);
+    FillSetting(*pDevInfo);
+    if (cfsetospeed(&pDevInfo->current, pDevInfo->speed) != 0) {
+        LOG_ERRNO("cfsetospeed(%s, %u) error : %s\n", pPath,
+                  static_cast<unsigned>(pDevInfo->speed));
+        return COM_TERM_NOT_SET;
+    }
     tcflush(pDevInfo->fd, TCIFLUSH);
     if (tcsetattr(pDevInfo->fd, TCSANOW, &pDevInfo->current) != 0) {
         LOG_ERRNO("tcsetattr(%s) error : %s\n", pPath);
-        result = -1;
+        result = COM_TERM_NOT_SET;
     }
     return result;
 }
 
 int COM_CloseTermDevice(tTermDevInfo *pDevInfo) {
+    const talvek::CancelGuard guard;
     if (pDevInfo == nullptr || pDevInfo->fd < 0) {
         return -1;
     }
@@ -241,10 +245,11 @@ int COM_CloseTermDevice(tTermDevInfo *pDevInfo) {
 }
 
 int COM_PrintTermFlags(const char *pLabel, uint32_t flags, const tTermFlag *pTable) {
-    printf("%s = [0x%X] :", pLabel, flags);
-    for (const tTermFlag *pEntry = pTable; pEntry != nullptr && pEntry->name[0] != '\0'; ++pEntry) {
-        if ((flags & pEntry->value) == pEntry->value) {
-            printf(" [%s]", pEntry->name);
+    const talvek::CancelGuard guard;
+    printf("%s = [0x%X] :", talvek::Shown(pLabel), flags);
+    for (const tTermFlag *pRow = pTable; pRow != nullptr && pRow->name[0] != '\0'; ++pRow) {
+        if ((flags & pRow->value) == pRow->value) {
+            printf(" [%s]", pRow->name);
         }
     }
     const int result = putchar('\n');
@@ -253,17 +258,18 @@ int COM_PrintTermFlags(const char *pLabel, uint32_t flags, const tTermFlag *pTab
 }
 
 int COM_DumpTermios(const char *pTitle, const struct termios *pSetting) {
+    const talvek::CancelGuard guard;
     if (pSetting == nullptr) {
         return EOF;
     }
-    LOG_PLAIN("%s\n======\n", pTitle);
+    LOG_PLAIN("%s\n======\n", talvek::Shown(pTitle));
     COM_PrintTermFlags(" c_iflag", pSetting->c_iflag, COM_TermInputFlags);
     COM_PrintTermFlags(" c_oflag", pSetting->c_oflag, COM_TermOutputFlags);
     COM_PrintTermFlags(" c_cflag", pSetting->c_cflag, COM_TermControlFlags);
     COM_PrintTermFlags(" c_lflag", pSetting->c_lflag, COM_TermLocalFlags);
-    for (uint32_t i = 0; i < talvek::kControlCharCount; ++i) {
-        printf(" [%02d/%02d] c_cc[%s] = %d\n", static_cast<int>(i), talvek::kControlCharCount,
-               talvek::ControlCharName(i), pSetting->c_cc[i]);
+    for (uint32_t i = 0; i < kControlCharCount; ++i) {
+        printf(" [%02d/%02d] c_cc[%s] = %d\n", static_cast<int>(i), kControlCharCount,
+               ControlCharName(i), pSetting->c_cc[i]);
     }
     const int result = puts("======");
     fflush(stdout);
@@ -271,15 +277,16 @@ int COM_DumpTermios(const char *pTitle, const struct termios *pSetting) {
 }
 
 int COM_GetSerialPort(int port, char *pBuf) {
+    const talvek::CancelGuard guard;
     if (pBuf == nullptr || port == 0) {
         return -1;
     }
-    if (port == 1) {
-        snprintf(pBuf, talvek::kPortPathSize, "%s", talvek::kOnBoardPort);
+    if (port == COM_SERIAL_ON_BOARD) {
+        snprintf(pBuf, COM_SERIAL_PATH_SIZE, "%s", kOnBoardPort);
         return 0;
     }
-    const talvek::SerialPort *pPort = nullptr;
-    for (const talvek::SerialPort &candidate : talvek::kSerialPorts) {
+    const SerialPort *pPort = nullptr;
+    for (const SerialPort &candidate : kSerialPorts) {
         if (candidate.port == port) {
             pPort = &candidate;
         }
@@ -288,15 +295,14 @@ int COM_GetSerialPort(int port, char *pBuf) {
         LOG("Un-support idx = %d\n", port);
         return -1;
     }
-    const talvek::UniqueFile table = talvek::OpenAdapterTable();
+    const talvek::UniqueFile table = OpenAdapterTable();
     if (!table) {
         return -1;
     }
     char line[256];
     while (fgets(line, sizeof line, table.get()) != nullptr) {
         for (const char *pUsbPort : pPort->usbPorts) {
-            if (pUsbPort != nullptr && talvek::IsPluggedInto(line, pUsbPort) &&
-                talvek::StorePort(line, pBuf)) {
+            if (pUsbPort != nullptr && IsPluggedInto(line, pUsbPort) && StorePort(line, pBuf)) {
                 return 0;
             }
         }

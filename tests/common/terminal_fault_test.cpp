@@ -20,12 +20,12 @@ using namespace talvek::test;
 tTermDevInfo Device() {
     tTermDevInfo device = {};
     device.fd = -1;
-    device.direction = 2;
+    device.direction = COM_TERM_READ_WRITE;
     device.speed = B9600;
     return device;
 }
 
-TEST(TerminalFault, NothingIsLostWhenACallFails) {
+TEST(TerminalFault, KeepsNoDescriptorWhicheverCallFails) {
     int master = -1;
     int slave = -1;
     char name[64] = {};
@@ -35,9 +35,9 @@ TEST(TerminalFault, NothingIsLostWhenACallFails) {
         calls = EveryCallFails(EIO, [&name] {
             tTermDevInfo device = Device();
             const int opened = COM_OpenTermDevice(name, &device);
-            EXPECT_EQ(opened == -2, device.fd < 0);
+            EXPECT_EQ(opened == COM_TERM_NOT_OPENED, device.fd < 0);
             const int closed = COM_CloseTermDevice(&device);
-            EXPECT_TRUE(opened != -2 || closed == -1) << "nothing was open";
+            EXPECT_TRUE(opened != COM_TERM_NOT_OPENED || closed == -1) << "nothing was open";
             EXPECT_EQ(-1, device.fd);
         });
     });
@@ -46,7 +46,7 @@ TEST(TerminalFault, NothingIsLostWhenACallFails) {
     close(slave);
 }
 
-TEST(TerminalFault, TellsEachFailureOfTheLine) {
+TEST(TerminalFault, ReportsEachFailureOfTheLine) {
     int master = -1;
     int slave = -1;
     char name[64] = {};
@@ -54,7 +54,7 @@ TEST(TerminalFault, TellsEachFailureOfTheLine) {
     const struct {
         const char *pCall;
         int result;
-    } failures[] = {{"tcgetattr", -1}, {"tcsetattr", -1}};
+    } failures[] = {{"tcgetattr", COM_TERM_NOT_SET}, {"tcsetattr", COM_TERM_NOT_SET}};
     for (const auto &[pCall, result] : failures) {
         tTermDevInfo device = Device();
         const std::string output = Capture([&] {
@@ -77,20 +77,20 @@ TEST(TerminalFault, TellsEachFailureOfTheLine) {
     close(slave);
 }
 
-TEST(TerminalFault, TheTableOfAdaptersIsClosedWhateverFails) {
-    talvek::test::RunInPrivateWorld(
-        talvek::test::kMounts,
+TEST(TerminalFault, ClosesTheTableOfAdaptersWhicheverCallFails) {
+    RunInPrivateWorld(
+        kMounts,
         [] {
-            // /proc itself stays: the sweep counts descriptors there.
-            talvek::test::MountTmpfs("/proc/tty");
+            // /proc itself stays: EveryCallFails counts descriptors there.
+            MountTmpfs("/proc/tty");
             ASSERT_EQ(0, mkdir("/proc/tty/driver", 0755));
-            talvek::test::WriteFile("/proc/tty/driver/usb-serial", "6: x-1.3\n");
-            talvek::test::MountTmpfs("/dev");
+            WriteFile("/proc/tty/driver/usb-serial", "6: x-1.3\n");
+            MountTmpfs("/dev");
             int calls = 0;
             Capture([&] {
                 calls = EveryCallFails(EIO, [] {
-                    char path[32] = "";
-                    COM_GetSerialPort(2, path);
+                    char path[COM_SERIAL_PATH_SIZE] = "";
+                    COM_GetSerialPort(COM_SERIAL_USB_2, path);
                 });
             });
             EXPECT_GE(calls, 4);

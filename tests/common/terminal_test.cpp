@@ -27,7 +27,7 @@ namespace {
 
 using namespace talvek::test;
 
-// A terminal pair: what is set on the device shows on the other side.
+// A terminal pair: a setting of the device can be read on the other side.
 class Pty {
   public:
     Pty() {
@@ -73,7 +73,7 @@ double Now() {
 TEST(OpenTermDevice, SetsTheBoardsLine) {
     const Pty pty;
     const struct termios before = pty.Setting();
-    tTermDevInfo device = Device(2, B9600);
+    tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
     const double start = Now();
     const Lines log = CaptureLog([&] { EXPECT_EQ(0, COM_OpenTermDevice(pty.name(), &device)); });
     EXPECT_GE(Now() - start, 0.5);
@@ -93,6 +93,7 @@ TEST(OpenTermDevice, SetsTheBoardsLine) {
     EXPECT_EQ(0xCB0U | B9600, now.c_cflag);
     EXPECT_EQ(0x823BU, now.c_lflag);
     EXPECT_EQ(static_cast<speed_t>(B9600), cfgetospeed(&now));
+    EXPECT_EQ(static_cast<speed_t>(B9600), cfgetispeed(&now));
 
     ASSERT_GE(device.fd, 0);
     const int flags = fcntl(device.fd, F_GETFL);
@@ -104,7 +105,7 @@ TEST(OpenTermDevice, SetsTheBoardsLine) {
 
 TEST(OpenTermDevice, SetsEveryControlCharacter) {
     const Pty pty;
-    tTermDevInfo device = Device(2, B38400);
+    tTermDevInfo device = Device(COM_TERM_READ_WRITE, B38400);
     Capture([&] { EXPECT_EQ(0, COM_OpenTermDevice(pty.name(), &device)); });
     const struct termios now = pty.Setting();
     const int expected[][2] = {
@@ -119,8 +120,8 @@ TEST(OpenTermDevice, SetsEveryControlCharacter) {
 
 TEST(OpenTermDevice, KeepsTheCallersFlagWords) {
     const Pty pty;
-    tTermDevInfo device = Device(2, B115200);
-    device.use_given_flags = 1;
+    tTermDevInfo device = Device(COM_TERM_READ_WRITE, B115200);
+    device.use_given_flags = COM_TERM_GIVEN_FLAGS;
     device.current.c_iflag = IGNBRK | IXOFF;
     device.current.c_oflag = 0;
     device.current.c_cflag = CS8 | CREAD | CSTOPB;
@@ -131,13 +132,13 @@ TEST(OpenTermDevice, KeepsTheCallersFlagWords) {
     EXPECT_EQ(0U, now.c_oflag);
     EXPECT_EQ(static_cast<tcflag_t>(CS8 | CREAD | CSTOPB | B115200), now.c_cflag);
     EXPECT_EQ(static_cast<tcflag_t>(ISIG), now.c_lflag);
-    EXPECT_EQ(3, now.c_cc[VINTR]) << "the control characters are the board's in any case";
+    EXPECT_EQ(3, now.c_cc[VINTR]) << "the control characters are set in any case";
     COM_CloseTermDevice(&device);
 }
 
-TEST(OpenTermDevice, TakesOnlyOneAsGivenFlags) {
+TEST(OpenTermDevice, UsesTheDefaultFlagsForAnyOtherValue) {
     const Pty pty;
-    tTermDevInfo device = Device(2, B9600);
+    tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
     device.use_given_flags = 2;
     device.current.c_lflag = ISIG;
     Capture([&] { EXPECT_EQ(0, COM_OpenTermDevice(pty.name(), &device)); });
@@ -155,14 +156,14 @@ TEST(OpenTermDevice, OpensReadOnlyForAnUnknownDirection) {
         EXPECT_EQ("COMMON:COM_OpenTermDevice(): pDevInfo->direction = " +
                       std::to_string(direction) + ", use default O_RDONLY",
                   log[0]);
-        EXPECT_EQ(0, device.direction);
+        EXPECT_EQ(COM_TERM_READ_ONLY, device.direction);
         EXPECT_EQ(O_RDONLY, fcntl(device.fd, F_GETFL) & O_ACCMODE);
         COM_CloseTermDevice(&device);
     }
 }
 
 TEST(OpenTermDevice, UsesTheDirectionAsAccessMode) {
-    for (const int direction : {0, 1, 2}) {
+    for (const int direction : {COM_TERM_READ_ONLY, COM_TERM_WRITE_ONLY, COM_TERM_READ_WRITE}) {
         const Pty pty;
         tTermDevInfo device = Device(direction, B9600);
         Capture([&] { EXPECT_EQ(0, COM_OpenTermDevice(pty.name(), &device)); });
@@ -171,10 +172,10 @@ TEST(OpenTermDevice, UsesTheDirectionAsAccessMode) {
     }
 }
 
-TEST(OpenTermDevice, ThrowsPendingInputAway) {
+TEST(OpenTermDevice, DiscardsPendingInput) {
     const Pty pty;
     ASSERT_EQ(6, write(pty.master(), "input\n", 6));
-    tTermDevInfo device = Device(2, B9600);
+    tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
     Capture([&] { EXPECT_EQ(0, COM_OpenTermDevice(pty.name(), &device)); });
     int waiting = -1;
     EXPECT_EQ(0, ioctl(device.fd, FIONREAD, &waiting));
@@ -183,22 +184,52 @@ TEST(OpenTermDevice, ThrowsPendingInputAway) {
 }
 
 TEST(OpenTermDevice, ReportsAMissingDevice) {
-    tTermDevInfo device = Device(2, B9600);
+    tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
     device.fd = 7;
-    const Lines log =
-        CaptureLog([&] { EXPECT_EQ(-2, COM_OpenTermDevice("/nowhere/tty", &device)); });
+    const Lines log = CaptureLog(
+        [&] { EXPECT_EQ(COM_TERM_NOT_OPENED, COM_OpenTermDevice("/nowhere/tty", &device)); });
     EXPECT_EQ((Lines{"COMMON:COM_OpenTermDevice(): open(/nowhere/tty) failed : No such file or "
                      "directory"}),
               log);
     EXPECT_LT(device.fd, 0);
-    EXPECT_EQ(-2, COM_OpenTermDevice(nullptr, &device));
-    EXPECT_EQ(-2, COM_OpenTermDevice("/dev/null", nullptr));
 }
 
-// What is no terminal stays open and is told about twice.
+TEST(OpenTermDevice, FailsOnNull) {
+    tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
+    device.fd = 7;
+    EXPECT_EQ((Lines{"COMMON:COM_OpenTermDevice(): open((null)) failed : Bad address"}),
+              CaptureLog([&] {
+                  EXPECT_EQ(COM_TERM_NOT_OPENED, COM_OpenTermDevice(nullptr, &device));
+                  EXPECT_EQ(COM_TERM_NOT_OPENED, COM_OpenTermDevice("/dev/null", nullptr));
+              }));
+    EXPECT_LT(device.fd, 0);
+}
+
+// 9600 is the number of bits a second; B9600 is 13.
+TEST(OpenTermDevice, RefusesASpeedThatIsNoConstant) {
+    const Pty pty;
+    const struct termios before = pty.Setting();
+    for (const speed_t speed : {9600U, 0x0FFFU, ~0U}) {
+        tTermDevInfo device = Device(COM_TERM_READ_WRITE, speed);
+        const Lines log = CaptureLog(
+            [&] { EXPECT_EQ(COM_TERM_NOT_SET, COM_OpenTermDevice(pty.name(), &device)); });
+        ASSERT_EQ(3U, log.size());
+        EXPECT_EQ("COMMON:COM_OpenTermDevice(): cfsetospeed(" + std::string{pty.name()} + ", " +
+                      std::to_string(speed) + ") error : Invalid argument",
+                  log[2]);
+        const struct termios now = pty.Setting();
+        EXPECT_EQ(before.c_cflag, now.c_cflag) << "the line is unchanged";
+        EXPECT_EQ(before.c_lflag, now.c_lflag);
+        EXPECT_GE(device.fd, 0);
+        EXPECT_EQ(0, COM_CloseTermDevice(&device));
+    }
+}
+
+// Both calls of the line fail, and are logged.
 TEST(OpenTermDevice, LeavesADeviceOpenThatHasNoSetting) {
-    tTermDevInfo device = Device(2, B9600);
-    const Lines log = CaptureLog([&] { EXPECT_EQ(-1, COM_OpenTermDevice("/dev/null", &device)); });
+    tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
+    const Lines log =
+        CaptureLog([&] { EXPECT_EQ(COM_TERM_NOT_SET, COM_OpenTermDevice("/dev/null", &device)); });
     ASSERT_EQ(4U, log.size());
     EXPECT_EQ(
         "COMMON:COM_OpenTermDevice(): tcgetattr(/dev/null) error : Inappropriate ioctl for "
@@ -210,7 +241,7 @@ TEST(OpenTermDevice, LeavesADeviceOpenThatHasNoSetting) {
         log[3]);
     EXPECT_GE(device.fd, 0);
     EXPECT_EQ(0, device.saved_valid);
-    EXPECT_EQ(0, COM_CloseTermDevice(&device)) << "nothing was saved, so nothing is put back";
+    EXPECT_EQ(0, COM_CloseTermDevice(&device)) << "nothing was saved, so nothing is restored";
     EXPECT_EQ(-1, device.fd);
 }
 
@@ -220,7 +251,7 @@ TEST(OpenTermDevice, CutsALongPathInTheRecordOnly) {
         const std::string path = "/tmp/" + std::string(75, 'd');  // 80 characters
         ASSERT_EQ(0, mount("tmpfs", "/tmp", "tmpfs", 0, nullptr));
         ASSERT_EQ(0, symlink(pty.name(), path.c_str()));
-        tTermDevInfo device = Device(2, B9600);
+        tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
         Capture([&] { EXPECT_EQ(0, COM_OpenTermDevice(path.c_str(), &device)); });
         EXPECT_EQ(path.substr(0, 79), device.path);
         EXPECT_GE(device.fd, 0);
@@ -228,23 +259,23 @@ TEST(OpenTermDevice, CutsALongPathInTheRecordOnly) {
     });
 }
 
-TEST(OpenTermDevice, TakesThePathOfTheRecord) {
+TEST(OpenTermDevice, AcceptsThePathOfTheRecord) {
     const Pty pty;
-    tTermDevInfo device = Device(2, B9600);
+    tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
     snprintf(device.path, sizeof device.path, "%s", pty.name());
     Capture([&] { EXPECT_EQ(0, COM_OpenTermDevice(device.path, &device)); });
     EXPECT_STREQ(pty.name(), device.path);
     COM_CloseTermDevice(&device);
 }
 
-// A session without a terminal would take the first one that it opens.
+// A session without a terminal takes the first one that it opens, unless O_NOCTTY is set.
 TEST(OpenTermDevice, DoesNotBecomeTheControllingTerminal) {
     const Pty pty;
     fflush(stdout);
     const pid_t child = fork();
     if (child == 0) {
         setsid();
-        tTermDevInfo device = Device(2, B9600);
+        tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
         Capture([&] { COM_OpenTermDevice(pty.name(), &device); });
         const bool taken = open("/dev/tty", O_RDWR | O_CLOEXEC) != -1;
         _exit(device.fd >= 0 && !taken && errno == ENXIO ? 0 : 1);
@@ -257,17 +288,17 @@ TEST(OpenTermDevice, DoesNotBecomeTheControllingTerminal) {
 TEST(OpenTermDevice, WaitsItsHalfSecondWhateverSignalsArrive) {
     const Pty pty;
     const Interruptions often{100};
-    tTermDevInfo device = Device(2, B9600);
+    tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
     const double start = Now();
     Capture([&] { COM_OpenTermDevice(pty.name(), &device); });
     EXPECT_GE(Now() - start, 0.5);
     COM_CloseTermDevice(&device);
 }
 
-TEST(CloseTermDevice, PutsTheSavedSettingBack) {
+TEST(CloseTermDevice, RestoresTheSavedSetting) {
     const Pty pty;
     const struct termios before = pty.Setting();
-    tTermDevInfo device = Device(2, B9600);
+    tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
     Capture([&] { EXPECT_EQ(0, COM_OpenTermDevice(pty.name(), &device)); });
     EXPECT_NE(before.c_cflag, pty.Setting().c_cflag);
     EXPECT_EQ("", Capture([&] { EXPECT_EQ(0, COM_CloseTermDevice(&device)); }));
@@ -278,7 +309,7 @@ TEST(CloseTermDevice, PutsTheSavedSettingBack) {
     EXPECT_EQ(before.c_lflag, after.c_lflag);
     EXPECT_EQ(0, memcmp(before.c_cc, after.c_cc, sizeof before.c_cc));
     EXPECT_EQ(-1, device.fd);
-    EXPECT_EQ(-1, COM_CloseTermDevice(&device)) << "a second close has nothing to do";
+    EXPECT_EQ(-1, COM_CloseTermDevice(&device)) << "nothing is open";
     EXPECT_EQ(-1, COM_CloseTermDevice(nullptr));
 }
 
@@ -384,8 +415,8 @@ TEST(PrintTermFlags, ListsNothingOfAnEmptyWordButTheZeroSpeed) {
     EXPECT_EQ("n = [0xFFFFFFFF] :\n", Capture([] { COM_PrintTermFlags("n", ~0U, nullptr); }));
 }
 
-// Two of three bits of a field do not name it.
-TEST(PrintTermFlags, WantsAllBitsOfAField) {
+// One of two bits of a field does not name it.
+TEST(PrintTermFlags, NeedsAllBitsOfAField) {
     EXPECT_EQ("o = [0x200] :\n",
               Capture([] { COM_PrintTermFlags("o", 01000, COM_TermOutputFlags); }));
     EXPECT_EQ("o = [0x600] : [CRDLY]\n",
@@ -428,7 +459,7 @@ TEST(DumpTermios, PrintsTheWholeSetting) {
     EXPECT_EQ(EOF, COM_DumpTermios("none", nullptr));
 }
 
-// A /proc/tty/driver of the test's own. Nodes land in a /dev of its own too.
+// Replaces /proc/tty/driver, and /dev, where nodes are made.
 void InBoardWorld(const std::function<void()> &body) {
     RunInPrivateWorld(
         kMounts,
@@ -451,18 +482,18 @@ constexpr char kTable[] =
     "12: module:pl2303 name:\"pl2303\" vendor:067b product:2303 num_ports:1 port:0 "
     "path:usb-musb-hdrc.1-1.1\n";
 
-TEST(GetSerialPort, KnowsTheOnBoardPort) {
-    CanaryBuf path{32};
-    EXPECT_EQ(0, COM_GetSerialPort(1, path.text()));
+TEST(GetSerialPort, NamesTheOnBoardPort) {
+    CanaryBuf path{COM_SERIAL_PATH_SIZE};
+    EXPECT_EQ(0, COM_GetSerialPort(COM_SERIAL_ON_BOARD, path.text()));
     EXPECT_STREQ("/dev/ttyS2", path.text());
     EXPECT_TRUE(path.UntouchedFrom(sizeof "/dev/ttyS2"));
     EXPECT_EQ(-1, COM_GetSerialPort(0, path.text()));
-    EXPECT_EQ(-1, COM_GetSerialPort(1, nullptr));
+    EXPECT_EQ(-1, COM_GetSerialPort(COM_SERIAL_ON_BOARD, nullptr));
 }
 
 TEST(GetSerialPort, RefusesOtherNumbers) {
     for (const int port : {5, -1, 1000}) {
-        CanaryBuf path{32};
+        CanaryBuf path{COM_SERIAL_PATH_SIZE};
         EXPECT_EQ((Lines{"COMMON:COM_GetSerialPort(): Un-support idx = " + std::to_string(port)}),
                   CaptureLog([&] { EXPECT_EQ(-1, COM_GetSerialPort(port, path.text())); }));
         EXPECT_TRUE(path.UntouchedFrom(0));
@@ -476,10 +507,12 @@ TEST(GetSerialPort, FindsAdaptersByTheirUsbPort) {
             int port;
             const char *pPath;
             unsigned minor;
-        } expected[] = {{2, "/dev/ttyUSB0", 0}, {3, "/dev/ttyUSB1", 1}, {4, "/dev/ttyUSB12", 12}};
+        } expected[] = {{COM_SERIAL_USB_2, "/dev/ttyUSB0", 0},
+                        {COM_SERIAL_USB_3, "/dev/ttyUSB1", 1},
+                        {COM_SERIAL_USB_4, "/dev/ttyUSB12", 12}};
         umask(0);
         for (const auto &[port, pPath, minor] : expected) {
-            CanaryBuf path{32};
+            CanaryBuf path{COM_SERIAL_PATH_SIZE};
             EXPECT_EQ("", Capture([&] { EXPECT_EQ(0, COM_GetSerialPort(port, path.text())); }));
             EXPECT_STREQ(pPath, path.text());
             struct stat node = {};
@@ -491,67 +524,69 @@ TEST(GetSerialPort, FindsAdaptersByTheirUsbPort) {
     });
 }
 
-// Port 3 has two USB ports; the line that comes first in the table decides.
+// Port 3 has two USB ports; the first line of the table decides.
 TEST(GetSerialPort, TakesEitherUsbPortOfPortThree) {
     InBoardWorld([] {
-        char path[32] = "";
+        char path[COM_SERIAL_PATH_SIZE] = "";
         WriteFile("/proc/tty/driver/usb-serial", "7: a-1.2\n8: a-1.4\n");
-        EXPECT_EQ(0, COM_GetSerialPort(3, path));
+        EXPECT_EQ(0, COM_GetSerialPort(COM_SERIAL_USB_3, path));
         EXPECT_STREQ("/dev/ttyUSB7", path);
         WriteFile("/proc/tty/driver/usb-serial", "8: a-1.4\n7: a-1.2\n");
-        EXPECT_EQ(0, COM_GetSerialPort(3, path));
+        EXPECT_EQ(0, COM_GetSerialPort(COM_SERIAL_USB_3, path));
         EXPECT_STREQ("/dev/ttyUSB8", path);
     });
 }
 
-TEST(GetSerialPort, LooksAtTheOlderTableWhenTheNewerIsMissing) {
+TEST(GetSerialPort, ReadsTheOlderTableWhenTheNewerIsMissing) {
     InBoardWorld([] {
-        char path[32] = "";
+        char path[COM_SERIAL_PATH_SIZE] = "";
         WriteFile("/proc/tty/driver/usbserial", "3: path-1.1\n");
-        EXPECT_EQ("", Capture([&] { EXPECT_EQ(0, COM_GetSerialPort(4, path)); }));
+        EXPECT_EQ("", Capture([&] { EXPECT_EQ(0, COM_GetSerialPort(COM_SERIAL_USB_4, path)); }));
         EXPECT_STREQ("/dev/ttyUSB3", path);
         WriteFile("/proc/tty/driver/usb-serial", "4: path-1.1\n");
-        EXPECT_EQ(0, COM_GetSerialPort(4, path));
+        EXPECT_EQ(0, COM_GetSerialPort(COM_SERIAL_USB_4, path));
         EXPECT_STREQ("/dev/ttyUSB4", path);
     });
 }
 
-TEST(GetSerialPort, TellsThatBothTablesAreMissing) {
+TEST(GetSerialPort, ReportsThatBothTablesAreMissing) {
     InBoardWorld([] {
-        CanaryBuf path{32};
-        EXPECT_EQ((Lines{"COMMON:COM_GetSerialPort(): open(/proc/tty/driver/usb-serial, "
-                         "/proc/tty/driver/usbserial) failed! : No such file or directory"}),
-                  CaptureLog([&] { EXPECT_EQ(-1, COM_GetSerialPort(2, path.text())); }));
+        CanaryBuf path{COM_SERIAL_PATH_SIZE};
+        EXPECT_EQ(
+            (Lines{"COMMON:COM_GetSerialPort(): open(/proc/tty/driver/usb-serial, "
+                   "/proc/tty/driver/usbserial) failed! : No such file or directory"}),
+            CaptureLog([&] { EXPECT_EQ(-1, COM_GetSerialPort(COM_SERIAL_USB_2, path.text())); }));
         EXPECT_TRUE(path.UntouchedFrom(0));
     });
 }
 
-TEST(GetSerialPort, TellsAnyOtherFailureOfEitherTable) {
+TEST(GetSerialPort, ReportsAnyOtherFailureOfEitherTable) {
     InBoardWorld([] {
-        char path[32] = "";
-        // A link to itself can be named but not opened.
+        char path[COM_SERIAL_PATH_SIZE] = "";
+        // A link to itself exists but cannot be opened.
         ASSERT_EQ(0, symlink("usbserial", "/proc/tty/driver/usbserial"));
         EXPECT_EQ((Lines{"COMMON:COM_GetSerialPort(): open(/proc/tty/driver/usbserial) failed! : "
                          "Too many levels of symbolic links"}),
-                  CaptureLog([&] { EXPECT_EQ(-1, COM_GetSerialPort(2, path)); }));
+                  CaptureLog([&] { EXPECT_EQ(-1, COM_GetSerialPort(COM_SERIAL_USB_2, path)); }));
         ASSERT_EQ(0, symlink("usb-serial", "/proc/tty/driver/usb-serial"));
         EXPECT_EQ((Lines{"COMMON:COM_GetSerialPort(): open(/proc/tty/driver/usb-serial) failed! : "
                          "Too many levels of symbolic links"}),
-                  CaptureLog([&] { EXPECT_EQ(-1, COM_GetSerialPort(2, path)); }));
+                  CaptureLog([&] { EXPECT_EQ(-1, COM_GetSerialPort(COM_SERIAL_USB_2, path)); }));
     });
 }
 
-TEST(GetSerialPort, PassesOverLinesOfOtherPorts) {
+TEST(GetSerialPort, SkipsLinesOfOtherPorts) {
     InBoardWorld([] {
-        CanaryBuf path{32};
+        CanaryBuf path{COM_SERIAL_PATH_SIZE};
         WriteFile("/proc/tty/driver/usb-serial",
                   "usbserinfo 1.1\n0: x-1.10\n1: x-11.1\n2: x-1.1 \n3: x-1.1-2.3\n\n-\n");
-        EXPECT_EQ("", Capture([&] { EXPECT_EQ(-1, COM_GetSerialPort(4, path.text())); }));
+        EXPECT_EQ(
+            "", Capture([&] { EXPECT_EQ(-1, COM_GetSerialPort(COM_SERIAL_USB_4, path.text())); }));
         EXPECT_TRUE(path.UntouchedFrom(0));
     });
 }
 
-// A line is read in pieces of 255 characters at the most, each a line of its own.
+// A line is read in pieces of at most 255 characters, each a line of its own.
 TEST(GetSerialPort, ReadsLinesOf255Characters) {
     InBoardWorld([] {
         const std::string head = "5: ";
@@ -560,41 +595,42 @@ TEST(GetSerialPort, ReadsLinesOf255Characters) {
             const std::string line =
                 head + std::string(length - head.size() - tail.size(), 'x') + tail + "\n";
             WriteFile("/proc/tty/driver/usb-serial", line);
-            char path[32] = "";
-            EXPECT_EQ(length > 255 ? -1 : 0, COM_GetSerialPort(2, path)) << length;
+            char path[COM_SERIAL_PATH_SIZE] = "";
+            EXPECT_EQ(length > 255 ? -1 : 0, COM_GetSerialPort(COM_SERIAL_USB_2, path)) << length;
         }
     });
 }
 
 TEST(GetSerialPort, ReadsALastLineWithoutAnEnd) {
     InBoardWorld([] {
-        char path[32] = "";
+        char path[COM_SERIAL_PATH_SIZE] = "";
         WriteFile("/proc/tty/driver/usb-serial", "5: x-1.3");
-        EXPECT_EQ(0, COM_GetSerialPort(2, path));
+        EXPECT_EQ(0, COM_GetSerialPort(COM_SERIAL_USB_2, path));
         EXPECT_STREQ("/dev/ttyUSB5", path);
     });
 }
 
-// A line that belongs to the port but has no adapter number is told about and passed over.
-TEST(GetSerialPort, PassesOverALineWithoutANumber) {
+// A line of the port without an adapter number is logged and skipped.
+TEST(GetSerialPort, SkipsALineWithoutANumber) {
     InBoardWorld([] {
-        CanaryBuf path{32};
+        CanaryBuf path{COM_SERIAL_PATH_SIZE};
         WriteFile("/proc/tty/driver/usb-serial", "-1.3\nx: y-1.3\n1234567890: z-1.3\n6: x-1.3\n");
         EXPECT_EQ(
             (Lines{"COMMON:COM_GetSerialPort(): No key delimiter found : [-1.3]",
                    "COMMON:COM_GetSerialPort(): No key delimiter found : [x: y-1.3]",
                    "COMMON:COM_GetSerialPort(): No key delimiter found : [1234567890: z-1.3]"}),
-            CaptureLog([&] { EXPECT_EQ(0, COM_GetSerialPort(2, path.text())); }));
+            CaptureLog([&] { EXPECT_EQ(0, COM_GetSerialPort(COM_SERIAL_USB_2, path.text())); }));
         EXPECT_STREQ("/dev/ttyUSB6", path.text());
     });
 }
 
-TEST(GetSerialPort, AnswersEvenWhenTheNodeCannotBeMade) {
+TEST(GetSerialPort, SucceedsWhenTheNodeCannotBeMade) {
     InBoardWorld([] {
         WriteFile("/proc/tty/driver/usb-serial", "6: x-1.3\n");
         ASSERT_EQ(0, mount(nullptr, "/dev", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
-        char path[32] = "";
-        const Lines log = CaptureLog([&] { EXPECT_EQ(0, COM_GetSerialPort(2, path)); });
+        char path[COM_SERIAL_PATH_SIZE] = "";
+        const Lines log =
+            CaptureLog([&] { EXPECT_EQ(0, COM_GetSerialPort(COM_SERIAL_USB_2, path)); });
         EXPECT_STREQ("/dev/ttyUSB6", path);
         EXPECT_EQ(
             (Lines{"COMMON:COM_MakeNode(): mknod(/dev/ttyUSB6) fail : Read-only file system"}),
