@@ -1,4 +1,4 @@
-// What the kernel tells under /proc, and texts of points in time.
+// What the kernel reports under /proc, and texts of points in time.
 
 #include "common/system_info.h"
 
@@ -7,6 +7,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+
+#include "base/cancel_guard.h"
+#include "base/characters.h"
+#include "base/heap_buf.h"
 #include "base/path.h"
 #include "base/scope_exit.h"
 #include "base/unique_stream.h"
@@ -14,28 +19,25 @@
 #include "common/internal/module_log.h"
 #include "common/text.h"
 
-namespace talvek {
 namespace {
 
 constexpr char kMemInfo[] = "/proc/meminfo";
 constexpr char kPciDevices[] = "/proc/bus/pci/devices";
 constexpr char kNoBuffer[] = "Warnning!! (*pBuf != NULL)\n";
 
-constexpr char kMemKeys[4][80] = {"MemTotal:", "MemFree:", "SwapTotal:", "SwapFree:"};
-constexpr size_t kMemKeyCount = sizeof kMemKeys / sizeof kMemKeys[0];
+// In the order of the figures.
+constexpr const char *kMemKeys[COM_MEM_FIGURES] = {
+    "MemTotal:", "MemFree:", "SwapTotal:", "SwapFree:"};
 
-constexpr size_t kTimeSize = 32;
-constexpr size_t kTimevalSize = kTimeSize + 7;
-
-UniqueFile OpenForReading(const char *pEntry, const char *pPath) {
-    UniqueFile file{OpenStream(pPath, "r")};
+talvek::UniqueFile OpenForReading(const char *pFunction, const char *pPath) {
+    talvek::UniqueFile file{talvek::OpenStream(pPath, "r")};
     if (!file) {
-        LOG_ERRNO_AS(pEntry, "fopen(%s) error : %s\n", Shown(pPath));
+        LOG_ERRNO_AS(pFunction, "fopen(%s) error : %s\n", talvek::Shown(pPath));
     }
     return file;
 }
 
-// The second of the fields that `delimiters` separate, or null. Cuts the line.
+// The second of the fields that the delimiters separate, or NULL. Cuts the line.
 char *SecondField(char *pLine, const char *pDelimiters) {
     char *rest = nullptr;
     return strtok_r(pLine, pDelimiters, &rest) != nullptr ? strtok_r(nullptr, pDelimiters, &rest)
@@ -45,32 +47,29 @@ char *SecondField(char *pLine, const char *pDelimiters) {
 // Numbers end at the limits of 32 bits on every host, as `long` does on the unit.
 int32_t ToInt32(const char *pText) {
     const long long value = strtoll(pText, nullptr, 10);
-    if (value > INT32_MAX) {
-        return INT32_MAX;
-    }
-    return value < INT32_MIN ? INT32_MIN : static_cast<int32_t>(value);
+    return static_cast<int32_t>(std::clamp<long long>(value, INT32_MIN, INT32_MAX));
 }
 
 uint32_t HexToUint32(const char *pText) {
     const unsigned long long value = strtoull(pText, nullptr, 16);
-    return value > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(value);
+    return static_cast<uint32_t>(std::min<unsigned long long>(value, UINT32_MAX));
 }
 
-// The index of the figure that a line names, or kMemKeyCount.
-size_t FindMemKey(const char *pLine) {
-    size_t key = 0;
-    while (key < kMemKeyCount && strncmp(pLine, kMemKeys[key], strlen(kMemKeys[key])) != 0) {
+// The place of the figure that a line names, or COM_MEM_FIGURES.
+int FindMemKey(const char *pLine) {
+    int key = 0;
+    while (key < COM_MEM_FIGURES && strncmp(pLine, kMemKeys[key], strlen(kMemKeys[key])) != 0) {
         ++key;
     }
     return key;
 }
 
-int CountPciLines(const char *pEntry, const char *pPattern) {
+int CountPciLines(const char *pFunction, const char *pPattern) {
     if (pPattern == nullptr) {
-        LOG_AS(pEntry, kNoBuffer);
+        LOG_AS(pFunction, kNoBuffer);
         return -1;
     }
-    const UniqueFile file = OpenForReading(pEntry, kPciDevices);
+    const talvek::UniqueFile file = OpenForReading(pFunction, kPciDevices);
     if (!file) {
         return -1;
     }
@@ -82,12 +81,9 @@ int CountPciLines(const char *pEntry, const char *pPattern) {
     return count;
 }
 
+// As isgraph has it in the "C" locale.
 constexpr bool IsGraphic(char c) {
     return c > ' ' && c < 0x7F;
-}
-
-constexpr bool IsDigit(char c) {
-    return c >= '0' && c <= '9';
 }
 
 void CopyName(tDeviceName &name, const char *pFrom, const char *pEnd) {
@@ -113,10 +109,10 @@ void CopyPart(char *pDst, const Part &part) {
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_GetMemAndSwap(int32_t *pValue) {
-    const talvek::UniqueFile file = talvek::OpenForReading(__func__, talvek::kMemInfo);
+    const talvek::CancelGuard guard;
+    const talvek::UniqueFile file = OpenForReading(__func__, kMemInfo);
     if (!file) {
         return -1;
     }
@@ -124,30 +120,31 @@ int COM_GetMemAndSwap(int32_t *pValue) {
     bool changed = false;
     char line[80];
     while (fgets(line, sizeof line, file.get()) != nullptr) {
-        const size_t key = talvek::FindMemKey(line);
-        if (key == talvek::kMemKeyCount) {
+        const int key = FindMemKey(line);
+        if (key == COM_MEM_FIGURES) {
             continue;
         }
-        const char *field = talvek::SecondField(line, " \t\n");
+        const char *field = SecondField(line, " \t\n");
         result = field != nullptr ? 0 : -1;
         if (field != nullptr && pValue != nullptr) {
-            const int32_t value = talvek::ToInt32(field);
+            const int32_t value = ToInt32(field);
             changed = changed || value != pValue[key];
             pValue[key] = value;
         }
     }
-    for (size_t i = 0; changed && i < talvek::kMemKeyCount; ++i) {
-        LOG_PLAIN("Got pValue[%d] = %d\n", static_cast<int>(i), static_cast<int>(pValue[i]));
+    for (int i = 0; changed && i < COM_MEM_FIGURES; ++i) {
+        LOG_PLAIN("Got pValue[%d] = %d\n", i, static_cast<int>(pValue[i]));
     }
     return result;
 }
 
 int COM_GetPciDeviceId(const char *pPattern, uint32_t *pIds, int max) {
+    const talvek::CancelGuard guard;
     if (pPattern == nullptr || pIds == nullptr) {
-        LOG(talvek::kNoBuffer);
+        LOG(kNoBuffer);
         return -1;
     }
-    const talvek::UniqueFile file = talvek::OpenForReading(__func__, talvek::kPciDevices);
+    const talvek::UniqueFile file = OpenForReading(__func__, kPciDevices);
     if (!file) {
         return -1;
     }
@@ -157,9 +154,9 @@ int COM_GetPciDeviceId(const char *pPattern, uint32_t *pIds, int max) {
         if (COM_StrCaseStr(line, pPattern) == nullptr) {
             continue;
         }
-        const char *field = talvek::SecondField(line, " \t");
+        const char *field = SecondField(line, " \t");
         if (field != nullptr) {
-            pIds[count] = talvek::HexToUint32(field);
+            pIds[count] = HexToUint32(field);
         }
         ++count;
     }
@@ -167,21 +164,24 @@ int COM_GetPciDeviceId(const char *pPattern, uint32_t *pIds, int max) {
 }
 
 int COM_GetPciDevice(const char *pPattern) {
-    const int count = talvek::CountPciLines(__func__, pPattern);
+    const talvek::CancelGuard guard;
+    const int count = CountPciLines(__func__, pPattern);
     LOG_PLAIN("Total %d devices(%s) found on \"%s\"\n", count, talvek::Shown(pPattern),
-              talvek::kPciDevices);
+              kPciDevices);
     return count;
 }
 
 int COM_GetDeviceFromProc(tDeviceName **ppList, const char *pPath) {
+    const talvek::CancelGuard guard;
     if (ppList == nullptr || *ppList != nullptr) {
-        LOG(talvek::kNoBuffer);
+        LOG(kNoBuffer);
         return -1;
     }
-    const talvek::UniqueFile file = talvek::OpenForReading(__func__, pPath);
+    const talvek::UniqueFile file = OpenForReading(__func__, pPath);
     if (!file) {
         return -1;
     }
+    talvek::HeapBuf<tDeviceName> list;
     int count = 0;
     char line[256];
     while (fgets(line, sizeof line, file.get()) != nullptr) {
@@ -189,22 +189,21 @@ int COM_GetDeviceFromProc(tDeviceName **ppList, const char *pPath) {
         if (colon == nullptr) {
             continue;
         }
-        const size_t size = (static_cast<size_t>(count) + 1) * sizeof(tDeviceName);
-        auto *grown = static_cast<tDeviceName *>(realloc(*ppList, size));
-        if (grown == nullptr) {
+        if (!list.Resize(static_cast<size_t>(count) + 1)) {
             LOG_ERRNO("REALLOC() failed : %s\n");
             continue;
         }
-        *ppList = grown;
-        talvek::CopyName(grown[count], line, colon);
+        CopyName(list[static_cast<size_t>(count)], line, colon);
         ++count;
     }
+    *ppList = list.Release();
     return count;
 }
 
 int COM_GetKernelVersion(char *pRelease, char *pExtra) {
+    const talvek::CancelGuard guard;
     constexpr char kMark[] = "Linux version ";
-    char content[256 + 1] = {};
+    char content[COM_KERNEL_TEXT_SIZE + 1] = {};
     if (COM_LoadDataFromFile("/proc/version", content, sizeof content - 1) < 0) {
         return -1;
     }
@@ -223,8 +222,8 @@ int COM_GetKernelVersion(char *pRelease, char *pExtra) {
         ++end;
     }
     const char *extra = *end != '\0' ? end + 1 : end;
-    talvek::CopyPart(pRelease, {release, static_cast<size_t>(end - release)});
-    talvek::CopyPart(pExtra, {extra, strcspn(extra, " \t\n\v\f\r")});
+    CopyPart(pRelease, {release, static_cast<size_t>(end - release)});
+    CopyPart(pExtra, {extra, strcspn(extra, " \t\n\v\f\r")});
     return 0;
 }
 
@@ -233,7 +232,7 @@ int COM_TimeToStr(char *pBuf, time_t t) {
     if (pBuf == nullptr || gmtime_r(&t, &calendar) == nullptr) {
         return -1;
     }
-    strftime(pBuf, talvek::kTimeSize, "%Y/%m/%d %H:%M:%S", &calendar);
+    strftime(pBuf, COM_TIME_SIZE, "%Y/%m/%d %H:%M:%S", &calendar);
     return 0;
 }
 
@@ -241,16 +240,17 @@ int COM_TimevalToStr(char *pBuf, time_t sec, long usec) {
     if (COM_TimeToStr(pBuf, sec) != 0) {
         return -1;
     }
-    // The text keeps the second before the loan.
-    // Held by TimevalText.KeepsTheSecondOfANegativeMicrosecond.
+    // The text keeps the second of `sec`.
+    // Tested by TimevalText.KeepsTheSecondOfANegativeMicrosecond.
     const long shown = usec < 0 ? usec + 1000000 : usec;
     const size_t length = strlen(pBuf);
-    const int written = snprintf(pBuf + length, talvek::kTimevalSize - length, ".%06ld", shown);
+    const int written = snprintf(pBuf + length, COM_TIMEVAL_SIZE - length, ".%06ld", shown);
     return written > 0 ? 0 : -1;
 }
 
 int COM_PrintTime(const char *pPrefix, int line, time_t t) {
-    char text[talvek::kTimeSize];
+    const talvek::CancelGuard guard;
+    char text[COM_TIME_SIZE];
     if (COM_TimeToStr(text, t) != 0) {
         return -1;
     }
@@ -259,7 +259,7 @@ int COM_PrintTime(const char *pPrefix, int line, time_t t) {
     if (pPrefix != nullptr) {
         printf("%s,%d: ", pPrefix, line);
     }
-    printf("[%ld] -> [%s]\n", static_cast<long>(t), text);
+    printf("[%lld] -> [%s]\n", static_cast<long long>(t), text);
     fflush(stdout);
     return 0;
 }

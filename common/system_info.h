@@ -1,12 +1,12 @@
 #ifndef TALVEK_COMMON_SYSTEM_INFO_H
 #define TALVEK_COMMON_SYSTEM_INFO_H
 
-/* What the kernel tells under /proc about memory, PCI devices, device tables and its own version
+/* What the kernel reports under /proc about memory, PCI devices, device tables and its own version
  * (proc(5)), and texts of points in time.
  *
- * The file is read anew by every call. A file that cannot be opened is logged with the module name
- * COMMON and the entry's own name. Lines that are longer than an entry reads in one piece count as
- * several lines. */
+ * Each call reads the file again. A file that cannot be opened is logged with the module name
+ * COMMON and the entry's own name. A line that is longer than an entry's limit counts as several
+ * lines. */
 
 #include <stdint.h>
 
@@ -16,42 +16,49 @@
 extern "C" {
 #endif
 
+/* Places of the figures in the array of COM_GetMemAndSwap. */
+enum {
+    COM_MEM_TOTAL = 0,
+    COM_MEM_FREE = 1,
+    COM_SWAP_TOTAL = 2,
+    COM_SWAP_FREE = 3,
+    COM_MEM_FIGURES = 4 /* number of figures */
+};
+
 /* Reads the memory figures of /proc/meminfo.
  *
- *   pValue  four numbers in kB: MemTotal, MemFree, SwapTotal, SwapFree; or NULL. The caller sets
- *           them before the first call and keeps them between calls: when one of them changed, all
- *           four are logged. A figure that the file does not name stays as it was, one that does
- *           not fit reads as INT32_MAX.
+ *   pValue  COM_MEM_FIGURES numbers in kB, or NULL. The caller sets them before the first call and
+ *           keeps them between calls: when one of them changed, all four are logged. A figure that
+ *           the file does not name is unchanged; one that does not fit reads as INT32_MAX.
  *
- * Returns 0, or -1 when the file cannot be opened, names none of the figures or names the last one
- * it has without a number. */
+ * Returns 0; -1 when the file cannot be opened, names none of the figures, or names the last one it
+ * has without a number. */
 int COM_GetMemAndSwap(int32_t *pValue);
 
-/* Reads the identifiers of PCI devices from /proc/bus/pci/devices: of each line (511 bytes) that
- * contains a text anywhere, in upper or lower case, the second field.
+/* Reads the identifiers of PCI devices from /proc/bus/pci/devices: the second field of each line
+ * (511 bytes) that contains a text anywhere, ignoring case.
  *
  *   pPattern  the text, for example a driver's name
  *   pIds      `max` numbers: the vendor in the upper 16 bits, the device in the lower. That of a
- *             line without a second field stays as it was.
+ *             line without a second field is unchanged.
  *
- * Returns the number of lines taken, at most `max`; -1 when a pointer is NULL (logged) or the file
+ * Returns the number of lines found, at most `max`; -1 when a pointer is NULL (logged) or the file
  * cannot be opened. */
 int COM_GetPciDeviceId(const char *pPattern, uint32_t *pIds, int max);
 
-/* Counts the lines (255 bytes) of /proc/bus/pci/devices that contain a text anywhere, in upper or
- * lower case, and logs the result. In the kernel's lines the driver's name stands at about that
- * place: a text that the end of the 255 bytes cuts in two is not found (COM_GetPciDeviceId reads
- * the line whole).
+/* Counts the lines (255 bytes) of /proc/bus/pci/devices that contain a text anywhere, ignoring
+ * case, and logs the result. In the kernel's lines the driver's name is at about that place: a text
+ * that the end of the 255 bytes cuts in two is not found (COM_GetPciDeviceId reads the whole line).
  *
  * Returns the count; -1 when pPattern is NULL (logged) or the file cannot be opened. */
 int COM_GetPciDevice(const char *pPattern);
 
-/* The name of a device, with its NUL. */
-typedef char tDeviceName[16];
+enum { COM_DEVICE_NAME_SIZE = 16 }; /* bytes of a device's name with its NUL */
 
-/* Reads the names that stand before the first ":" of the lines (255 bytes) of a table such as
- * /proc/net/dev. Blanks and what is not printable in ASCII are left out; a name is cut to 15
- * characters.
+typedef char tDeviceName[COM_DEVICE_NAME_SIZE];
+
+/* Reads the names before the first ":" of the lines (255 bytes) of a table such as /proc/net/dev.
+ * Blanks and what is not printable in ASCII are left out; a name is cut to 15 characters.
  *
  *   ppList  address of a NULL pointer; receives the list, which the caller releases with free. It
  *           stays NULL when there is no such line.
@@ -61,29 +68,38 @@ typedef char tDeviceName[16];
  * when the file cannot be opened. A line for which there is no memory is logged and left out. */
 int COM_GetDeviceFromProc(tDeviceName **ppList, const char *pPath);
 
+enum { COM_KERNEL_TEXT_SIZE = 256 }; /* bytes that hold any output of COM_GetKernelVersion */
+
 /* Takes the kernel's version from the first 256 bytes of /proc/version, which begins like "Linux
  * version 2.6.35-rt1 (...".
  *
- *   pRelease  the three numbers and what stands between them ("2.6.35"), or NULL; 256 bytes are
- *             enough for any content of the file
- *   pExtra    what stands behind the character that ends them up to the next white space ("rt1"),
- *             or NULL; 256 bytes. "Linux version 2.6.35 (..." gives the first word in the brackets
- *             with its bracket.
+ *   pRelease  COM_KERNEL_TEXT_SIZE bytes, or NULL: the three numbers and what is between them
+ *             ("2.6.35")
+ *   pExtra    COM_KERNEL_TEXT_SIZE bytes, or NULL: what follows the next character, up to white
+ *             space ("rt1"). "Linux version 2.6.35 (..." gives the first word in the brackets with
+ *             its bracket.
  *
  * Returns 0, or -1 with nothing written when the file cannot be read or does not look like that. */
 int COM_GetKernelVersion(char *pRelease, char *pExtra);
 
+/* Bytes of the texts of time with their NUL. */
+enum {
+    COM_TIME_SIZE = 32,   /* of COM_TimeToStr */
+    COM_TIMEVAL_SIZE = 39 /* of COM_TimevalToStr */
+};
+
 /* Writes a time as "YYYY/MM/DD hh:mm:ss" in UTC.
  *
- *   pBuf  32 bytes, the NUL counted
+ *   pBuf  COM_TIME_SIZE bytes
+ *   t     seconds since 1970
  *
  * Returns 0, or -1 with nothing written when the year does not fit the calendar or pBuf is NULL. */
 int COM_TimeToStr(char *pBuf, time_t t);
 
-/* COM_TimeToStr with microseconds behind it: "YYYY/MM/DD hh:mm:ss.uuuuuu".
+/* Writes a time with microseconds: "YYYY/MM/DD hh:mm:ss.uuuuuu".
  *
- *   pBuf  39 bytes, the NUL counted; a longer text is cut
- *   usec  below 0, a second is lent to it (-1 gives ".999999") but the text keeps the second of
+ *   pBuf  COM_TIMEVAL_SIZE bytes; a longer text is cut
+ *   usec  below 0, a second is added to it (-1 gives ".999999"), but the text keeps the second of
  *         `sec`
  *
  * Returns 0, or -1 with nothing written as COM_TimeToStr does. */
@@ -91,10 +107,12 @@ int COM_TimevalToStr(char *pBuf, time_t sec, long usec);
 
 /* Writes a time and its text to standard output: "[seconds] -> [YYYY/MM/DD hh:mm:ss]", with
  * "pPrefix,line: " before it unless pPrefix is NULL.
+ *
  * Returns 0, or -1 without output when the time cannot be converted. */
 int COM_PrintTime(const char *pPrefix, int line, time_t t);
 
 /* Converts a time to calendar time in UTC: gmtime_r with its arguments the other way round.
+ *
  * Returns pTm; NULL when the year does not fit it or pTm is NULL. */
 struct tm *COM_GmTime(struct tm *pTm, time_t t);
 

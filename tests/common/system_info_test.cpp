@@ -32,7 +32,7 @@ constexpr char kMemInfo[] =
     "SwapTotal:         65532 kB\n"
     "SwapFree:\t\t65000\n";
 
-// The body finds a /proc that holds one file.
+// Runs the body with a /proc that holds one file.
 void WithProcFile(const std::string &path, const std::string &content,
                   const std::function<void()> &body) {
     RunInPrivateWorld(kMounts, [&] {
@@ -79,7 +79,7 @@ TEST(GetMemAndSwap, ReadsWithoutAnArray) {
     });
 }
 
-TEST(GetMemAndSwap, TakesLinesThatBeginWithAKeyOnly) {
+TEST(GetMemAndSwap, ReadsOnlyLinesThatBeginWithAKey) {
     WithProcFile("/proc/meminfo", "", [] {
         const Figures old{1, 2, 3, 4};
         EXPECT_EQ(old, MemAndSwap("", old, -1));
@@ -148,7 +148,7 @@ TEST(SystemInfo, LogsAFileThatCannotBeOpened) {
         ReplaceDir("/proc");
         uint32_t ids[1] = {7};
         tDeviceName *pList = nullptr;
-        char text[256] = "old";
+        char text[COM_KERNEL_TEXT_SIZE] = "old";
         const std::string error = " error : No such file or directory";
         EXPECT_EQ(
             (Lines{"COMMON:COM_GetMemAndSwap(): fopen(/proc/meminfo)" + error,
@@ -248,14 +248,14 @@ TEST(GetPciDeviceId, StaysInsideLongLines) {
             WriteFile("/proc/bus/pci/devices", line);
             uint32_t ids[2] = {1, 1};
             const int count = COM_GetPciDeviceId("ehci", ids, 2);
-            // The text is found unless the end of a piece cuts it.
+            // The text is found unless the end of a piece cuts it in two.
             EXPECT_EQ(length > 507 && length < 511 ? 0 : 1, count) << length;
             EXPECT_EQ(length <= 507 ? 0xabcdU : 1U, ids[0]) << length;
         }
     });
 }
 
-TEST(GetPciDevice, CountsMatchingLinesAndSaysSo) {
+TEST(GetPciDevice, CountsAndLogsMatchingLines) {
     WithProcFile("/proc/bus/pci/devices", PciDevices(), [] {
         EXPECT_EQ((Lines{"COMMON: Total 3 devices(ehci) found on \"/proc/bus/pci/devices\"",
                          "COMMON: Total 1 devices(8139TOO) found on \"/proc/bus/pci/devices\"",
@@ -283,13 +283,13 @@ TEST(GetPciDevice, StaysInsideLongLines) {
     });
 }
 
-TEST(GetPciDevice, SaysSoWithoutAPatternToo) {
+TEST(GetPciDevice, LogsATotalWithoutAPatternToo) {
     EXPECT_EQ((Lines{"COMMON:COM_GetPciDevice(): Warnning!! (*pBuf != NULL)",
                      "COMMON: Total -1 devices((null)) found on \"/proc/bus/pci/devices\""}),
               CaptureLog([] { EXPECT_EQ(-1, COM_GetPciDevice(nullptr)); }));
 }
 
-// The names that the call gives for a table, or "error".
+// The names of a table, or "error".
 std::vector<std::string> DeviceNames(const char *pPath) {
     tDeviceName *pList = nullptr;
     const int count = COM_GetDeviceFromProc(&pList, pPath);
@@ -394,8 +394,8 @@ void PrintTo(const Version &version, std::ostream *out) {
 
 Version KernelVersion(const std::string &content) {
     WriteFile("/proc/version", content);
-    const CanaryBuf release{256};
-    const CanaryBuf extra{256};
+    const CanaryBuf release{COM_KERNEL_TEXT_SIZE};
+    const CanaryBuf extra{COM_KERNEL_TEXT_SIZE};
     const int result = COM_GetKernelVersion(release.text(), extra.text());
     if (result != 0) {
         EXPECT_TRUE(release.UntouchedFrom(0));
@@ -447,7 +447,7 @@ TEST(GetKernelVersion, StaysInsideEveryTruncatedText) {
 }
 
 // 256 bytes are read: the mark's fourteen and 242 more.
-TEST(GetKernelVersion, IsBoundedByWhatIsRead) {
+TEST(GetKernelVersion, ReadsAtMost256Bytes) {
     WithProcFile("/proc/version", "", [] {
         const std::string digits(1000, '7');
         EXPECT_EQ((Version{0, "1.2." + digits.substr(0, 238), ""}),
@@ -457,9 +457,9 @@ TEST(GetKernelVersion, IsBoundedByWhatIsRead) {
     });
 }
 
-TEST(GetKernelVersion, WritesOnlyWhatIsAskedFor) {
+TEST(GetKernelVersion, WritesOnlyTheOutputsAskedFor) {
     WithProcFile("/proc/version", "Linux version 2.6.35-rt1 x", [] {
-        char text[256] = "";
+        char text[COM_KERNEL_TEXT_SIZE] = "";
         EXPECT_EQ(0, COM_GetKernelVersion(text, nullptr));
         EXPECT_STREQ("2.6.35", text);
         EXPECT_EQ(0, COM_GetKernelVersion(nullptr, text));
@@ -471,7 +471,7 @@ TEST(GetKernelVersion, WritesOnlyWhatIsAskedFor) {
 TEST(GetKernelVersion, AgreesWithTheKernel) {
     struct utsname name = {};
     ASSERT_EQ(0, uname(&name));
-    char release[256] = "";
+    char release[COM_KERNEL_TEXT_SIZE] = "";
     EXPECT_EQ(0, COM_GetKernelVersion(release, nullptr));
     EXPECT_EQ(0U, std::string{name.release}.find(release)) << name.release << ' ' << release;
     EXPECT_LE(5U, strlen(release));
@@ -497,7 +497,7 @@ constexpr TimeRow kTimes[] = {
 
 class Time : public ::testing::Test {
   protected:
-    // Local time is not asked for.
+    // The local time zone has no effect.
     void SetUp() override { setenv("TZ", "XXX-5", 1); }
     void TearDown() override { unsetenv("TZ"); }
 };
@@ -506,7 +506,7 @@ using TimeToStr = Time;
 
 TEST_F(TimeToStr, WritesUtc) {
     for (const auto &[t, text] : kTimes) {
-        const CanaryBuf buf{32};
+        const CanaryBuf buf{COM_TIME_SIZE};
         EXPECT_EQ(0, COM_TimeToStr(buf.text(), static_cast<time_t>(t)));
         EXPECT_STREQ(text, buf.text());
     }
@@ -515,18 +515,18 @@ TEST_F(TimeToStr, WritesUtc) {
 // The last second of a year that fits `int` in struct tm, which counts from 1900: 2147485547.
 constexpr long long kLastSecond = 67768036191676799;
 
-TEST_F(TimeToStr, FailsBehindTheCalendarsEnd) {
-    const CanaryBuf buf{32};
+TEST_F(TimeToStr, FailsAfterTheEndOfTheCalendar) {
+    const CanaryBuf buf{COM_TIME_SIZE};
     EXPECT_EQ(0, COM_TimeToStr(buf.text(), static_cast<time_t>(kLastSecond)));
     EXPECT_LT(19U, strlen(buf.text()));
-    const CanaryBuf other{32};
+    const CanaryBuf other{COM_TIME_SIZE};
     EXPECT_EQ(-1, COM_TimeToStr(other.text(), static_cast<time_t>(kLastSecond + 1)));
     EXPECT_TRUE(other.UntouchedFrom(0));
     EXPECT_EQ(-1, COM_TimeToStr(nullptr, 0));
 }
 
 std::string TimevalToStr(time_t sec, long usec) {
-    const CanaryBuf buf{39};
+    const CanaryBuf buf{COM_TIMEVAL_SIZE};
     EXPECT_EQ(0, COM_TimevalToStr(buf.text(), sec, usec));
     return buf.text();
 }
@@ -555,8 +555,8 @@ TEST_F(TimevalText, StaysInsideItsBufferForAnyNumber) {
     TimevalToStr(0, LONG_MIN);
 }
 
-TEST_F(TimevalText, FailsAsTheTimeDoes) {
-    const CanaryBuf buf{39};
+TEST_F(TimevalText, FailsLikeTimeToStr) {
+    const CanaryBuf buf{COM_TIMEVAL_SIZE};
     EXPECT_EQ(-1, COM_TimevalToStr(buf.text(), static_cast<time_t>(kLastSecond + 1), 5));
     EXPECT_TRUE(buf.UntouchedFrom(0));
     EXPECT_EQ(-1, COM_TimevalToStr(nullptr, 0, 5));
@@ -580,9 +580,9 @@ TEST_F(PrintTime, WritesNothingForATimeThatCannotBeConverted) {
 TEST_F(PrintTime, AppearsAtOnce) {
     const std::string text = Capture([] {
         COM_PrintTime(nullptr, 1, 0);
-        EXPECT_EQ(0, system("echo behind"));
+        EXPECT_EQ(0, system("echo after"));
     });
-    EXPECT_EQ("[0] -> [1970/01/01 00:00:00]\nbehind\n", text);
+    EXPECT_EQ("[0] -> [1970/01/01 00:00:00]\nafter\n", text);
 }
 
 using GmTime = Time;
