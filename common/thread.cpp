@@ -1,9 +1,8 @@
-// The registry of the program's threads and the watchdog over it.
+// The registry of the program's threads, and the watchdog.
 
 #include "common/thread.h"
 
 #include <errno.h>
-#include <limits.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -12,6 +11,7 @@
 #include <unistd.h>
 
 #include "base/cancel_guard.h"
+#include "base/heap_buf.h"
 #include "base/mutex_lock.h"
 #include "base/path.h"
 #include "base/unique_stream.h"
@@ -19,7 +19,6 @@
 #include "common/file.h"
 #include "common/internal/module_log.h"
 
-namespace talvek {
 namespace {
 
 constexpr char kPidDir[] = "/var/run";
@@ -27,18 +26,18 @@ constexpr int kMaxSleepRounds = 1000;
 
 struct Watchdog {
     pthread_t thread;
-    pid_t process;  // that the thread runs in; 0 for none. The child of a fork has no such thread.
+    pid_t process;  // where the thread runs, 0 for nowhere. It does not run in a forked child.
     struct timespec period;
 };
 
-// The mutex is ready from the start and is never destroyed: threads may register before the
-// watchdog is started and after it has ended.
+// Guards the registry. It is ready from the start and never destroyed: threads may register before
+// the watchdog is started and after it has ended.
 pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
 tThreadInfo *g_pThreads = nullptr;  // ends with an entry whose pid is 0
 Watchdog g_watchdog = {};
 pthread_mutex_t g_watchdogMutex = PTHREAD_MUTEX_INITIALIZER;
 
-// fork waits until nobody holds the registry: its copy in the child is whole, and free to be locked.
+// fork waits until nobody holds the registry, so that the child's copy is whole and unlocked.
 void LockRegistry() {
     pthread_mutex_lock(&g_watchdogMutex);
     pthread_mutex_lock(&g_mutex);
@@ -67,23 +66,25 @@ size_t CountThreads() {
 }
 
 void WritePidFile(const char *pName) {
-    constexpr const char *kEntry = "COM_LogThread";
+    constexpr const char *kFunction = "COM_LogThread";
     COM_Mkdir(kPidDir, 0775);
-    // A name too long for a file makes the open fail; it does not lose its ending. What does not
-    // fit here is cut to one character more than a path can have.
-    char path[PATH_MAX + 1];
-    snprintf(path, sizeof path, "%s/%s.thread.pid", kPidDir, pName);
-    const UniqueFile file{OpenStream(path, "w")};
+    // A path that is cut would name another file, so it has any length.
+    const size_t size = sizeof "/var/run/.thread.pid" + strlen(pName);
+    talvek::HeapBuf<char> path;
+    if (path.Resize(size)) {
+        snprintf(path.get(), size, "%s/%s.thread.pid", kPidDir, pName);
+    }
+    const talvek::UniqueFile file{path ? talvek::OpenStream(path.get(), "w") : nullptr};
     if (!file) {
-        LOG_ERRNO_AS(kEntry, "fopen(%s) error : %s\n", path);
+        LOG_ERRNO_AS(kFunction, "fopen(%s) error : %s\n", path ? path.get() : pName);
         return;
     }
     if (fprintf(file.get(), "%d", getpid()) < 0 || fflush(file.get()) != 0) {
-        LOG_ERRNO_AS(kEntry, "[%s] fprintf() error : %s\n", pName);
+        LOG_ERRNO_AS(kFunction, "[%s] fprintf() error : %s\n", pName);
     }
 }
 
-// Looks at one entry and refreshes its state.
+// Checks one entry and stores its state.
 bool IsHealthy(tThreadInfo &thread) {
     tProcState process = {};
     process.pid = thread.pid;
@@ -104,41 +105,40 @@ void CheckAllThreads() {
 }
 
 }  // namespace
-}  // namespace talvek
 
 int COM_LogThread(const char *pName) {
     if (pName == nullptr) {
         return -1;
     }
     const talvek::CancelGuard guard;
-    talvek::PrepareForForks();
+    PrepareForForks();
     // The new entry and a new terminator replace the old terminator together.
     tThreadInfo pair[2] = {};
     pair[0].pid = getpid();
     snprintf(pair[0].name, sizeof pair[0].name, "%s", pName);
-    talvek::WritePidFile(pName);
+    WritePidFile(pName);
 
-    const talvek::MutexLock lock{talvek::g_mutex};
-    const size_t count = talvek::CountThreads();
-    void *pBlock = talvek::g_pThreads;
+    const talvek::MutexLock lock{g_mutex};
+    const size_t count = CountThreads();
+    void *pBlock = g_pThreads;
     if (COM_ReallocAndCopyBuf((count + 2) * sizeof(tThreadInfo), &pBlock,
                               count * sizeof(tThreadInfo), pair, sizeof pair) == nullptr) {
         return -1;
     }
-    talvek::g_pThreads = static_cast<tThreadInfo *>(pBlock);
+    g_pThreads = static_cast<tThreadInfo *>(pBlock);
     return static_cast<int>(count) + 1;
 }
 
 int COM_LogThreadMemUsage(int amount) {
     const talvek::CancelGuard guard;
-    const talvek::MutexLock lock{talvek::g_mutex};
-    if (talvek::g_pThreads == nullptr) {
+    const talvek::MutexLock lock{g_mutex};
+    if (g_pThreads == nullptr) {
         return -1;
     }
     const int32_t pid = getpid();
-    const size_t count = talvek::CountThreads();
+    const size_t count = CountThreads();
     for (size_t i = 0; i < count; ++i) {
-        tThreadInfo &thread = talvek::g_pThreads[i];
+        tThreadInfo &thread = g_pThreads[i];
         if (thread.pid == pid) {
             // A total that passes 32 bits wraps.
             thread.mem = static_cast<int32_t>(static_cast<uint32_t>(thread.mem) +
@@ -153,11 +153,11 @@ int COM_LogThreadMemUsage(int amount) {
 
 void COM_ShowThread(void) {
     const talvek::CancelGuard guard;
-    // A registration may move the array, so that reading it takes the lock too.
-    const talvek::MutexLock lock{talvek::g_mutex};
-    const size_t count = talvek::CountThreads();
+    // A registration may move the array, so reading it takes the lock too.
+    const talvek::MutexLock lock{g_mutex};
+    const size_t count = CountThreads();
     for (size_t i = 0; i < count; ++i) {
-        const tThreadInfo &thread = talvek::g_pThreads[i];
+        const tThreadInfo &thread = g_pThreads[i];
         LOG("[%zu] : %d - [%s] - [%s] - [%ld]\n", i, thread.pid, thread.name, thread.state,
             static_cast<long>(thread.mem));
     }
@@ -165,13 +165,13 @@ void COM_ShowThread(void) {
 
 int COM_CreateThreadWatchdog(int period) {
     const talvek::CancelGuard guard;
-    talvek::PrepareForForks();
-    const talvek::MutexLock lock{talvek::g_watchdogMutex};
-    talvek::Watchdog &watchdog = talvek::g_watchdog;
+    PrepareForForks();
+    const talvek::MutexLock lock{g_watchdogMutex};
+    Watchdog &watchdog = g_watchdog;
     const pid_t process = getpid();
     int error = EBUSY;
     if (watchdog.process != process) {
-        // Looking without a pause would keep a processor busy.
+        // Checks without a pause would keep a processor busy.
         watchdog.period = {period < 1 ? 1 : period, 0};
         error = pthread_create(&watchdog.thread, nullptr, COM_ThreadWatchdog, &watchdog);
         watchdog.process = error == 0 ? process : 0;
@@ -184,8 +184,8 @@ int COM_CreateThreadWatchdog(int period) {
 
 int COM_DestroyThreadWatchdog(void) {
     const talvek::CancelGuard guard;
-    const talvek::MutexLock lock{talvek::g_watchdogMutex};
-    talvek::Watchdog &watchdog = talvek::g_watchdog;
+    const talvek::MutexLock lock{g_watchdogMutex};
+    Watchdog &watchdog = g_watchdog;
     const int error = watchdog.process == getpid() ? pthread_cancel(watchdog.thread) : ESRCH;
     if (error != 0) {
         LOG("pthread_cancel() error [%d]\n", error);
@@ -200,14 +200,14 @@ void *COM_ThreadWatchdog(void *pData) {
     if (pData == nullptr) {
         return nullptr;
     }
-    const talvek::Watchdog &watchdog = *static_cast<const talvek::Watchdog *>(pData);
+    const Watchdog &watchdog = *static_cast<const Watchdog *>(pData);
     for (;;) {
-        // The calls of a look hold cancellation off, so a look is never cut short.
-        pthread_cleanup_push(talvek::UnlockMutex, &talvek::g_mutex);
-        pthread_mutex_lock(&talvek::g_mutex);
-        talvek::CheckAllThreads();
+        // The calls of a check hold cancellation off, so it is never cut short.
+        pthread_cleanup_push(UnlockMutex, &g_mutex);
+        pthread_mutex_lock(&g_mutex);
+        CheckAllThreads();
         pthread_cleanup_pop(1);
         pthread_testcancel();
-        COM_SleepAtLeast(&watchdog.period, talvek::kMaxSleepRounds);
+        COM_SleepAtLeast(&watchdog.period, kMaxSleepRounds);
     }
 }

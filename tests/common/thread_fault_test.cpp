@@ -14,7 +14,7 @@ namespace {
 
 using namespace talvek::test;
 
-TEST(ThreadFault, ARegistrationWithoutMemoryLeavesTheOthers) {
+TEST(ThreadFault, KeepsTheEntriesWithoutMemoryForAnother) {
     RunInPrivateWorld(talvek::test::kMounts, [] {
         MountTmpfs("/var");
         EXPECT_EQ(1, COM_LogThread("one"));
@@ -31,7 +31,7 @@ TEST(ThreadFault, ARegistrationWithoutMemoryLeavesTheOthers) {
     });
 }
 
-TEST(ThreadFault, APidFileThatCannotBeWrittenIsTold) {
+TEST(ThreadFault, LogsAPidFileThatCannotBeWritten) {
     RunInPrivateWorld(talvek::test::kMounts, [] {
         MountTmpfs("/var");
         EXPECT_EQ((Lines{"COMMON:COM_LogThread(): [one] fprintf() error : Input/output error"}),
@@ -48,7 +48,7 @@ TEST(ThreadFault, APidFileThatCannotBeWrittenIsTold) {
     });
 }
 
-TEST(ThreadFault, AWatchdogThatCannotStartIsNotStopped) {
+TEST(ThreadFault, DoesNotStopAWatchdogThatDidNotStart) {
     const Lines log = CaptureLog([] {
         {
             const Fault fault{"pthread_create", 0, EAGAIN};
@@ -63,8 +63,8 @@ TEST(ThreadFault, AWatchdogThatCannotStartIsNotStopped) {
               log);
 }
 
-// The registry keeps its block for the life of the program: it is made before the count starts.
-TEST(ThreadFault, NothingIsLostWhenACallFails) {
+// The registry keeps its block as long as the program runs: it is made before the count.
+TEST(ThreadFault, KeepsNothingWhicheverCallFails) {
     RunInPrivateWorld(talvek::test::kMounts, [] {
         MountTmpfs("/var");
         COM_LogThread("first");

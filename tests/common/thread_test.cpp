@@ -34,7 +34,7 @@ namespace {
 
 using namespace talvek::test;
 
-// Every test has an empty registry, for it runs in a process of its own, and a /var of its own.
+// A process with an empty registry and a /var of its own.
 void InEmptyRegistry(const std::function<void()> &body) {
     RunInPrivateWorld(kMounts, [&body] {
         MountTmpfs("/var");
@@ -78,7 +78,7 @@ TEST(LogThread, MakesTwoEntriesOfOneName) {
 
 TEST(LogThread, CutsALongNameAt75Characters) {
     InEmptyRegistry([] {
-        const std::string fits(75, 'n');
+        const std::string fits(COM_THREAD_NAME_SIZE - 1, 'n');
         EXPECT_EQ(1, COM_LogThread(fits.c_str()));
         EXPECT_EQ(2, COM_LogThread((fits + "m").c_str()));
         const Lines lines = CaptureLog([] { COM_ShowThread(); });
@@ -89,8 +89,8 @@ TEST(LogThread, CutsALongNameAt75Characters) {
     });
 }
 
-// A file name has 255 characters at the most, ".thread.pid" is 11 of them.
-TEST(LogThread, KeepsThePidFilesWholeNameOrMakesNone) {
+// A file name has at most 255 characters, of which ".thread.pid" takes 11.
+TEST(LogThread, MakesNoPidFileWithACutName) {
     InEmptyRegistry([] {
         const std::string fits(244, 'n');
         EXPECT_EQ("", Capture([&] { EXPECT_EQ(1, COM_LogThread(fits.c_str())); }));
@@ -102,8 +102,8 @@ TEST(LogThread, KeepsThePidFilesWholeNameOrMakesNone) {
             EXPECT_EQ(0U, log[0].find("COMMON:COM_LogThread(): fopen(/var/run/mmm"));
             EXPECT_NE(std::string::npos, log[0].find(") error : File name too long"));
         }
-        // A path has 4095 characters at the most; "/var/run/" and ".thread.pid" are 20 of them. The
-        // longest that is cut to less would lose its ending alone, and name another file.
+        // A path has at most 4095 characters, of which "/var/run/" and ".thread.pid" take 20. A
+        // name that were cut to fit would lose its ending, and name another file.
         for (const size_t length : {4074, 4076, 4078, 4084, 4086}) {
             std::string name = "x";
             while (name.size() < length) {
@@ -117,7 +117,7 @@ TEST(LogThread, KeepsThePidFilesWholeNameOrMakesNone) {
     });
 }
 
-TEST(LogThread, RefusesNoName) {
+TEST(LogThread, FailsOnNull) {
     InEmptyRegistry([] {
         EXPECT_EQ(-1, COM_LogThread(nullptr));
         EXPECT_EQ(1, COM_LogThread(""));
@@ -219,7 +219,7 @@ TEST(LogThreadMemUsage, IsSilentForAProcessWithoutAnEntry) {
     });
 }
 
-// Fills a pipe, so that the next to write there waits.
+// Fills a pipe, so that the next write waits.
 void FillPipe(int fd) {
     ASSERT_EQ(0, fcntl(fd, F_SETFL, O_NONBLOCK));
     const std::string block(4096, '.');
@@ -230,8 +230,8 @@ void FillPipe(int fd) {
     ASSERT_EQ(0, fcntl(fd, F_SETFL, 0));
 }
 
-// A process that registers itself as "watched" and enters a state in which it does not run, and a
-// child of it, which has its registry, that runs `watch` then with its standard output on a pipe.
+// A process that registers itself as "watched" and enters a state in which it does not run. A child
+// of it, which has its registry, then runs `watch` with standard output on a pipe.
 class Watched {
   public:
     Watched(const std::function<void()> &enter, const std::function<void()> &watch) {
@@ -244,7 +244,7 @@ class Watched {
             COM_LogThread("watched");
             tProcState self = {getpid(), ""};
             if (fork() == 0) {
-                alarm(60);  // whatever happens, the reader sees an end
+                alarm(60);  // the reader sees an end in any case
                 dup2(pipeFds[1], STDOUT_FILENO);
                 close(pipeFds[1]);
                 while (COM_CheckProcState(&self) == 0) {
@@ -271,7 +271,7 @@ class Watched {
     Watched &operator=(const Watched &) = delete;
 
     [[nodiscard]] std::string pid() const { return std::to_string(pid_); }
-    // Reads until so many lines stand there, or to the end.
+    // Reads that many lines, or to the end.
     std::string Read(ptrdiff_t lines = PTRDIFF_MAX) {
         char block[512];
         ssize_t count = 1;
@@ -288,9 +288,9 @@ class Watched {
     std::string text_;
 };
 
-// Has a watchdog of period 1 warn `count` times of a process in the state that `enter` brings it
-// to, and expects nothing but these warnings and the two states in the registry then. The watching
-// process is registered as well, and healthy.
+// Runs a watchdog of period 1 until it has warned `count` times of a process that `enter` brings
+// into its state. Expects nothing but these warnings, and then the two states in the registry. The
+// watching process is registered too, and healthy.
 void ExpectWarnings(int count, const std::function<void()> &enter, const std::string &state) {
     int stop[2];
     ASSERT_EQ(0, pipe2(stop, O_CLOEXEC));
@@ -312,7 +312,7 @@ void ExpectWarnings(int count, const std::function<void()> &enter, const std::st
     close(stop[0]);
     Lines lines = talvek::test::LogLines(watched.Read());
     ASSERT_GE(lines.size(), static_cast<size_t>(count) + 2);
-    // The emulator of the ARM tests shows a process 0 as its own state.
+    // The emulator of the ARM tests shows the state of a process 0 as that of the process itself.
     EXPECT_TRUE(std::regex_match(
         lines.back(), std::regex{"COMMON:COM_ShowThread\\(\\): \\[1\\] : \\d+ - \\[watcher\\] - "
                                  "\\[[RS0]\\] - \\[0\\]"}))
@@ -340,7 +340,7 @@ TEST(ThreadWatchdog, WarnsOfAStoppedProcessEveryPeriod) {
         const double start = Now();
         ExpectWarnings(
             3, [] { raise(SIGSTOP); }, "T");
-        EXPECT_GE(Now() - start, 2.0) << "the period lies between two looks";
+        EXPECT_GE(Now() - start, 2.0) << "the period is the time between two checks";
     });
 }
 
@@ -351,7 +351,7 @@ TEST(ThreadWatchdog, WarnsOfAZombieEveryPeriod) {
     });
 }
 
-// Its state is the last one seen, here none: it is gone before the watchdog starts.
+// Its state is the last one read, here none: it is gone before the watchdog starts.
 TEST(ThreadWatchdog, WarnsOfAProcessThatIsGoneEveryPeriod) {
     InEmptyRegistry([] {
         signal(SIGCHLD, SIG_IGN);  // the kernel reaps it at once
@@ -360,9 +360,9 @@ TEST(ThreadWatchdog, WarnsOfAProcessThatIsGoneEveryPeriod) {
     });
 }
 
-// A look that cannot write its warning holds the lock meanwhile; the end of the watchdog waits for
-// it, and the registry answers afterwards.
-TEST(ThreadWatchdog, FinishesALookThatIsBlockedInItsWarning) {
+// A check that cannot write its warning holds the lock; the end of the watchdog waits for it, and
+// then the registry is free.
+TEST(ThreadWatchdog, FinishesACheckThatIsBlockedInItsWarning) {
     InEmptyRegistry([] {
         Watched watched{[] { raise(SIGSTOP); },
                         [] {
@@ -396,13 +396,13 @@ TEST(ThreadWatchdog, EndsAtOnceAndCanBeStartedAgain) {
             EXPECT_EQ(0, COM_DestroyThreadWatchdog());
             struct timespec end = {};
             clock_gettime(CLOCK_MONOTONIC, &end);
-            EXPECT_LT(end.tv_sec - start.tv_sec, 100) << "the period is not waited for";
+            EXPECT_LT(end.tv_sec - start.tv_sec, 100) << "it does not wait for the period";
         }
         EXPECT_EQ(1, COM_LogThread("after")) << "the registry outlives the watchdog";
     });
 }
 
-TEST(ThreadWatchdog, HasNothingToDoWithoutItsData) {
+TEST(ThreadWatchdog, ReturnsWithoutItsData) {
     EXPECT_EQ(nullptr, COM_ThreadWatchdog(nullptr));
 }
 
@@ -426,7 +426,7 @@ TEST(ThreadWatchdog, RefusesASecondStartAndAStopWithoutAStart) {
     _exit(2);
 }
 
-// What a forked child finds of the watchdog is its registry; the thread stays in the parent.
+// A forked child has the registry; the watchdog stays in the parent.
 TEST(ThreadWatchdog, BelongsToTheProcessThatStartedIt) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "ThreadSanitizer lets no child of a program with threads start one";
@@ -450,8 +450,8 @@ TEST(ThreadWatchdog, BelongsToTheProcessThatStartedIt) {
     });
 }
 
-// A look that cannot write its warning holds the lock at the moment of the fork.
-TEST(ThreadWatchdog, OfAForkedChildIsNotHeldUpByALookOfTheParent) {
+// A check that cannot write its warning holds the lock at the moment of the fork.
+TEST(ThreadWatchdog, OfAForkedChildDoesNotWaitForACheckOfTheParent) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "ThreadSanitizer lets no child of a program with threads start one";
 #endif
@@ -484,7 +484,7 @@ TEST(ThreadWatchdog, OfAForkedChildIsNotHeldUpByALookOfTheParent) {
     });
 }
 
-TEST(Registry, LetsCancellationWait) {
+TEST(Registry, OutlastsCancellation) {
     InEmptyRegistry([] {
         EXPECT_TRUE(OutlastsCancellation([] { EXPECT_EQ(1, COM_LogThread("first")); }));
         EXPECT_EQ(Pid(), ReadFile("/var/run/first.thread.pid"));
@@ -496,8 +496,8 @@ TEST(Registry, LetsCancellationWait) {
     });
 }
 
-// A child finds the registry whole and free while the parent's threads register and look.
-TEST(Registry, IsFreeInTheChildOfAFork) {
+// A child has the registry whole and unlocked while the parent's threads register and check.
+TEST(Registry, IsUnlockedInTheChildOfAFork) {
     InEmptyRegistry([] {
         constexpr int kEntries = 3000;
         std::atomic<bool> stop{false};
