@@ -52,17 +52,23 @@ int MakeOneDir(const char *pPath, mode_t mode) {
 // A path that grows by a name a level and shrinks again.
 class Path {
   public:
-    // The text is shorter than PATH_MAX.
-    explicit Path(const char *pText) : length_(strlen(pText)) { memcpy(text_, pText, length_ + 1); }
-
-    [[nodiscard]] const char *text() const { return text_; }
+    // Takes a text that is shorter than PATH_MAX; false without memory.
+    bool Set(const char *pText) {
+        if (!text_.Resize(PATH_MAX)) {
+            return false;
+        }
+        length_ = strlen(pText);
+        memcpy(text_.get(), pText, length_ + 1);
+        return true;
+    }
+    [[nodiscard]] const char *text() const { return text_.get(); }
     [[nodiscard]] size_t length() const { return length_; }
     // Adds "/name"; false, with errno and the name cut, when that is longer than a path can be.
     bool Append(const char *pName) {
-        const int added = snprintf(text_ + length_, sizeof text_ - length_, "/%s", pName);
-        const size_t whole = length_ + static_cast<size_t>(added);
-        length_ = std::min(whole, sizeof text_ - 1);
-        if (whole < sizeof text_) {
+        const size_t room = PATH_MAX - length_;
+        const int added = snprintf(text_.get() + length_, room, "/%s", pName);
+        length_ += std::min(static_cast<size_t>(added), room - 1);
+        if (static_cast<size_t>(added) < room) {
             return true;
         }
         errno = ENAMETOOLONG;
@@ -74,8 +80,8 @@ class Path {
     }
 
   private:
-    char text_[PATH_MAX];
-    size_t length_;
+    talvek::HeapBuf<char> text_;
+    size_t length_ = 0;
 };
 
 bool IsSameFile(const struct stat &one, const struct stat &other) {
@@ -87,11 +93,9 @@ bool IsSameFile(const struct stat &one, const struct stat &other) {
 // a directory on the way for a link. Paths are for the log. The depth of a tree costs no stack.
 class TreeRemover {
   public:
-    TreeRemover(const char *pPath, bool recursive) : path_(pPath), recursive_(recursive) {
-        stat("/", &root_);
-    }
+    explicit TreeRemover(bool recursive) : recursive_(recursive) { stat("/", &root_); }
 
-    int Run(bool removeSelf);
+    int Run(const char *pDir, bool removeSelf);
 
   private:
     static constexpr const char *kFunction = "_COM_RemoveFileInDir_";
@@ -226,9 +230,13 @@ void TreeRemover::RemoveInnermost() {
     }
 }
 
-int TreeRemover::Run(bool removeSelf) {
-    if (!Push(path_.text(), 0)) {
+int TreeRemover::Run(const char *pDir, bool removeSelf) {
+    if (!path_.Set(pDir)) {
+        LOG_ERRNO_AS(kFunction, "opendir(%s) error : %s\n", pDir);
         return 0;
+    }
+    if (!Push(pDir, 0)) {
+        return 0;  // logged
     }
     for (;;) {
         const char *name = NextName();
@@ -563,7 +571,7 @@ int _COM_RemoveFileInDir_(int recursive, const char *pDir, int removeSelf) {
         LOG("opendir(%s) error : %s\n", talvek::Shown(pDir), strerror(error));
         return 0;
     }
-    return TreeRemover{pDir, recursive == COM_REMOVE_TREE}.Run(removeSelf != 0);
+    return TreeRemover{recursive == COM_REMOVE_TREE}.Run(pDir, removeSelf != 0);
 }
 
 int COM_RemoveFileInDir(int recursive, const char *pDir) {

@@ -27,6 +27,8 @@ namespace {
 constexpr size_t kCopyBlock = size_t{64} * 1024;
 constexpr size_t kAppendBlock = 4096;
 constexpr size_t kCopyPathSize = 128;
+// More than COM_Mkdir makes of any path.
+constexpr size_t kLinkPathSize = 1024;
 constexpr mode_t kNewDirMode = 0755;
 
 // Makes the directory of a path. If the path does not fit, that of its first kSize - 1 characters
@@ -112,12 +114,12 @@ int COM_CopyAndLink(const char *pTarget, const char *pLink) {
         if (errno != ENOENT) {
             return -1;
         }
-        MakeParentDir<PATH_MAX>(pLink);
+        MakeParentDir<kLinkPathSize>(pLink);
     } else if (talvek::StatPath(pTarget, &target) != 0) {
         if (errno != ENOENT) {
             return -1;
         }
-        MakeParentDir<PATH_MAX>(pTarget);
+        MakeParentDir<kLinkPathSize>(pTarget);
         if ((!S_ISREG(link.st_mode) && !S_ISLNK(link.st_mode)) ||
             COM_CopyFile(pTarget, pLink) != 0) {
             return -1;

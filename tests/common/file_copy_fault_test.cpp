@@ -50,7 +50,7 @@ TEST(CopyFileFault, ReportsThatThereIsNoMemory) {
     const TempDir dir;
     WriteFile(dir / "src", "x");
     bool failed = false;
-    for (const char *call : {"malloc", "realloc"}) {  // an optimised build makes one of the other
+    for (const char *call : {"malloc", "realloc"}) {  // an optimised build turns one into the other
         const Lines log = CaptureLog([&] {
             const Fault fault{call, 0, ENOMEM};
             const int result = COM_CopyFile((dir / "dst").c_str(), (dir / "src").c_str());
@@ -65,7 +65,7 @@ TEST(CopyFileFault, ReportsThatThereIsNoMemory) {
     EXPECT_TRUE(failed);
 }
 
-TEST(CopyFileFault, AFailedReadIsNotLogged) {
+TEST(CopyFileFault, DoesNotLogAFailedRead) {
     const TempDir dir;
     WriteFile(dir / "src", "x");
     EXPECT_EQ(Lines{}, CaptureLog([&] {
@@ -102,7 +102,7 @@ TEST(AppendFileToFileFault, EveryCallFails) {
               }));
 }
 
-TEST(AppendFileToFileFault, SaysThatThereIsNoMemory) {
+TEST(AppendFileToFileFault, ReportsThatThereIsNoMemory) {
     const TempDir dir;
     WriteFile(dir / "src", "x");
     EXPECT_EQ(Lines{"COMMON:COM_AppendFileToFile(): CALLOC(1, 4096) error:Cannot allocate memory"},
@@ -112,7 +112,7 @@ TEST(AppendFileToFileFault, SaysThatThereIsNoMemory) {
               }));
 }
 
-TEST(AppendFileToFileFault, AReadErrorEndsTheSource) {
+TEST(AppendFileToFileFault, TakesAReadErrorAsTheEnd) {
     const TempDir dir;
     WriteFile(dir / "src", std::string(5000, 'x'));
     EXPECT_EQ(Lines{}, CaptureLog([&] {

@@ -62,7 +62,7 @@ std::string LinkText(const std::string &path) {
     return std::filesystem::read_symlink(path, error).string();
 }
 
-// Bytes of every value that do not repeat with a block.
+// Bytes of every value, different in each block.
 std::string Bytes(size_t size) {
     std::string bytes(size, '\0');
     for (size_t i = 0; i < size; ++i) {
@@ -156,7 +156,7 @@ TEST(CopyFile, MakesTheMissingDirectoryOfALongFileName) {
     }
 }
 
-// The scratch holds 127 characters: the directory, its slash and one more.
+// The buffer holds 127 characters: the directory, its slash and one more.
 TEST(CopyFile, MakesTheMissingDirectoryOfUpTo125Characters) {
     const TempDir dir;
     WriteFile(dir / "src", "x");
@@ -200,7 +200,7 @@ TEST(CopyFile, LogsADestinationThatCannotBeOpened) {
               }));
 }
 
-TEST(CopyFile, ASourceThatCannotBeReadFailsSilently) {
+TEST(CopyFile, FailsSilentlyOnASourceThatCannotBeRead) {
     const TempDir dir;
     EXPECT_EQ(Lines{}, CaptureLog([&] { EXPECT_EQ(-1, Copy(dir / "dst", dir.path())); }));
 }
@@ -227,7 +227,7 @@ TEST(CopyFile, NeedsFilesOfItsOwn) {
         true);
 }
 
-// What a failed write of the copy to /mnt/dst says of the error.
+// The error that a copy to /mnt/dst logs; empty for none.
 std::string WriteFailure(size_t size) {
     const TempDir dir;
     WriteFile(dir / "src", Bytes(size));
@@ -248,7 +248,7 @@ TEST(CopyFile, ReportsAFullFileSystem) {
         MountTmpfs("/mnt", "size=128k");
         EXPECT_EQ("", WriteFailure(131072));
         EXPECT_EQ("No space left on device", WriteFailure(131073));
-        // With 4 KiB less the second block is taken in part.
+        // With 4 KiB less, the second block is cut short.
         ASSERT_EQ(0, unlink("/mnt/dst"));
         WriteFile("/mnt/room", Bytes(4096));
         EXPECT_EQ("No space left on device", WriteFailure(131072));
@@ -301,7 +301,7 @@ TEST(CopyAndLink, KeepsATargetThatExists) {
     EXPECT_EQ(0, CopyAndLink(dir / "target", dir / "link"));
     EXPECT_EQ("setting", ReadFile(dir / "target"));
     EXPECT_EQ(dir / "target", LinkText(dir / "link"));
-    // Done again, link and target are found as they should be.
+    // A second call finds link and target in place.
     EXPECT_EQ(0, CopyAndLink(dir / "target", dir / "link"));
     EXPECT_EQ("setting", ReadFile(dir / "link"));
 }
@@ -311,12 +311,12 @@ TEST(CopyAndLink, MakesALinkWhereThereWasNothing) {
     EXPECT_EQ(0, CopyAndLink(dir / "target", dir / "a/b/link"));
     EXPECT_EQ(dir / "target", LinkText(dir / "a/b/link"));
     EXPECT_FALSE(std::filesystem::exists(dir / "target")) << "the link dangles";
-    // A dangling link is as good as none.
+    // A dangling link counts as none.
     EXPECT_EQ(0, CopyAndLink(dir / "other", dir / "a/b/link"));
     EXPECT_EQ(dir / "other", LinkText(dir / "a/b/link"));
 }
 
-TEST(CopyAndLink, CopiesWhatALinkNames) {
+TEST(CopyAndLink, CopiesTheFileThatALinkNames) {
     const TempDir dir;
     WriteFile(dir / "file", "content");
     ASSERT_EQ(0, symlink((dir / "file").c_str(), (dir / "link").c_str()));
@@ -331,7 +331,7 @@ TEST(CopyAndLink, TakesRegularFilesOnly) {
     ASSERT_EQ(0, mkdir((dir / "link").c_str(), 0755));
     EXPECT_EQ(-1, CopyAndLink(dir / "a/target", dir / "link"));
     EXPECT_TRUE(std::filesystem::is_directory(dir / "link"));
-    EXPECT_TRUE(std::filesystem::is_directory(dir / "a")) << "made before the type is looked at";
+    EXPECT_TRUE(std::filesystem::is_directory(dir / "a")) << "made before the type is examined";
     EXPECT_FALSE(std::filesystem::exists(dir / "a/target"));
     ASSERT_EQ(0, mkfifo((dir / "fifo").c_str(), 0600));
     EXPECT_EQ(-1, CopyAndLink(dir / "target", dir / "fifo"));
@@ -354,7 +354,7 @@ TEST(CopyAndLink, FailsOnPathsThatCannotBeExamined) {
         CaptureLog([&] { EXPECT_EQ(-1, COM_CopyAndLink(nullptr, none.c_str())); }));
 }
 
-TEST(CopyAndLink, AFailedCopyKeepsTheFile) {
+TEST(CopyAndLink, KeepsTheFileWhenTheCopyFails) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/mnt");
         WriteFile("/mnt/src", "x");
@@ -377,7 +377,7 @@ TEST(AppendFileToFile, AppendsEverySizeAroundTheBlock) {
     }
 }
 
-TEST(AppendFileToFile, AnEmptySourceIsAFailure) {
+TEST(AppendFileToFile, FailsOnAnEmptySource) {
     const TempDir dir;
     WriteFile(dir / "src", "");
     EXPECT_EQ(Lines{}, CaptureLog([&] { EXPECT_EQ(-1, Append(dir / "dst", dir / "src")); }));
@@ -438,7 +438,7 @@ TEST(AppendFileToFile, ReportsAFullDevice) {
                         "] -> [/mnt/dst] : write(4096, 904) failed : No space left on device"},
                   CaptureLog([&] { EXPECT_EQ(-1, Append("/mnt/dst", src)); }));
         EXPECT_EQ(Bytes(4096), ReadFile("/mnt/dst")) << "what was appended before stays";
-        // A block that is taken in part.
+        // A write that is cut short.
         WriteFile("/mnt/dst", "head");
         EXPECT_EQ(Lines{"COMMON:COM_AppendFileToFile(): [" + src +
                         "] -> [/mnt/dst] : write(0, 4096) failed : No space left on device"},

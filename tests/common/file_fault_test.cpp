@@ -48,9 +48,11 @@ TEST(RemoveFileInDirFault, GoesOnAndMarksAFailure) {
         bool fails;
     };
     constexpr Case kCases[] = {
-        {"calloc", "opendir", false},    {"openat", "opendir", false}, {"fstat", "opendir", false},
-        {"fdopendir", "opendir", false}, {"fstatat", "stat", true},    {"readdir", "readdir", true},
-        {"unlinkat", "unlink", true},    {"unlinkat", "rmdir", false},
+        {"malloc", "opendir", false}, {"realloc", "opendir", false},
+        {"calloc", "opendir", false}, {"openat", "opendir", false},
+        {"fstat", "opendir", false},  {"fdopendir", "opendir", false},
+        {"fstatat", "stat", true},    {"readdir", "readdir", true},
+        {"unlinkat", "unlink", true}, {"unlinkat", "rmdir", false},
     };
     RunInPrivateWorld(kMounts, [&kCases] {
         MountTmpfs("/var");

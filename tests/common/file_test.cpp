@@ -27,10 +27,10 @@
 
 namespace {
 
-// Whether writes take nothing, without an error, as those of some devices do.
+// Whether writes take nothing and report no error, as some devices do.
 bool g_takesNothing = false;
 
-// Called once, before a file is opened by this name in a directory.
+// g_beforeOpen is called once, before an entry of this name is opened in a directory.
 const char *g_openedName = nullptr;
 std::function<void()> &g_beforeOpen = *new std::function<void()>;
 
@@ -137,7 +137,7 @@ TEST(Mkdir, FailsWhereSomethingElseHasTheName) {
     }
     const Lines log =
         CaptureLog([&] { EXPECT_EQ(-1, COM_Mkdir((dir / "file/sub/x").c_str(), 0755)); });
-    ASSERT_EQ(1U, log.size()) << "it ends at the first prefix that cannot be made";
+    ASSERT_EQ(1U, log.size()) << "the first prefix that cannot be made ends the call";
     EXPECT_EQ(0U, log[0].find("COMMON:COM_Mkdir(): mkdir(" + (dir / "file/") + ") error : "));
 }
 
@@ -167,7 +167,7 @@ TEST(Mkdir, RefusesAPrefixThatWouldBeCut) {
         EXPECT_EQ(fits, fs::exists(path.text())) << length;
         EXPECT_EQ(fits, fs::exists(parent)) << "nothing is made under a name that was cut";
     }
-    // The whole path is not bound by that size.
+    // The whole path may be longer.
     const std::string longest = dir / std::string(NAME_MAX, 'z');
     EXPECT_EQ(0, COM_Mkdir(longest.c_str(), 0755));
     EXPECT_TRUE(fs::is_directory(longest));
@@ -185,7 +185,7 @@ TEST(Mkdir, FailsOnAReadOnlyFileSystem) {
         MountTmpfs("/var");
         fs::create_directory("/var/there");
         MakeReadOnly("/var");
-        EXPECT_EQ(0, COM_Mkdir("/var/there/", 0755)) << "what exists needs no writing";
+        EXPECT_EQ(0, COM_Mkdir("/var/there/", 0755)) << "an existing directory needs no writing";
         EXPECT_EQ((Lines{"COMMON:COM_Mkdir(): mkdir(/var/new/) error : Read-only file system"}),
                   CaptureLog([] { EXPECT_EQ(-1, COM_Mkdir("/var/new/sub", 0755)); }));
     });
@@ -193,7 +193,7 @@ TEST(Mkdir, FailsOnAReadOnlyFileSystem) {
 
 // ---- _COM_RemoveFileInDir_ and COM_RemoveFileInDir ----
 
-// top: f1, f2, a socket's and a pipe's node, sub/f3, sub/deep/
+// top: f1, f2, the nodes of a socket and a pipe, sub/f3, sub/deep/
 constexpr int kTopFiles = 4;
 constexpr int kWholeTree = kTopFiles + 3;
 
@@ -360,7 +360,7 @@ TEST(RemoveFileInDir, RemovesNothingThroughALinkThatReplacesAnOuterDirectory) {
               }));
     EXPECT_EQ(nullptr, g_openedName);
     EXPECT_EQ("x", ReadFile(dir / "outside/deep/kept"));
-    EXPECT_TRUE(fs::is_empty(dir / "moved")) << "what was meant is removed";
+    EXPECT_TRUE(fs::is_empty(dir / "moved")) << "the directory that was open is emptied";
 }
 
 // The kernel gives up after 40 links; by then two links would have been followed 2 to the 40th
@@ -390,7 +390,7 @@ TEST(RemoveFileInDir, RefusesTheRootDirectory) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         WriteFile("/var/file", "x");
-        ASSERT_EQ(0, chroot("/var"));  // should it ever be opened, it is this one
+        ASSERT_EQ(0, chroot("/var"));  // so that a mistake empties this one
         ASSERT_EQ(0, chdir("/"));
         for (const std::string path : {"/", "//", "///"}) {
             EXPECT_EQ((Lines{"COMMON:_COM_RemoveFileInDir_(): opendir(" + path +
@@ -452,7 +452,7 @@ TEST(RemoveFileInDir, ReturnsZeroWhenTheDirectoryCannotBeOpened) {
               }));
 }
 
-// A tree deeper than a path can name: what can be named is removed, the rest is a failure.
+// A tree deeper than a path can name: entries with a path are removed, the rest is a failure.
 TEST(RemoveFileInDir, StopsWhereAPathEnds) {
     const TempDir dir;
     const std::string name(200, 'd');
@@ -526,7 +526,7 @@ TEST(RemoveRealFile, RefusesALinkTextThatWouldBeCut) {
         const std::string file = dir / "file";
         WriteFile(file, "x");
         std::string text = dir.path();
-        text.append(length - file.size() + 1, '/');  // as many slashes as it takes
+        text.append(length - file.size() + 1, '/');  // slashes up to the length
         text += "file";
         ASSERT_EQ(length, text.size());
         const std::string link = dir / ("link" + std::to_string(length));
@@ -977,7 +977,7 @@ TEST_F(ReplaceItemsInFile, BoundsKeysAndLinesByTheirFields) {
         const CanaryBuf items{size};
         memset(items.bytes(), 0, size);
         tFileItem *item = reinterpret_cast<tFileItem *>(items.bytes());
-        item[0].key_len = -1;  // no key has so few characters
+        item[0].key_len = -1;  // no key is that short
         memcpy(item[0].key, "short", 5);
         memcpy(item[0].line, "bad", 3);
         item[1].key_len = 3;  // a key without a character
@@ -996,7 +996,7 @@ TEST_F(ReplaceItemsInFile, BoundsKeysAndLinesByTheirFields) {
 }
 
 TEST_F(ReplaceItemsInFile, TakesALongLineInPieces) {
-    // 255 characters, and what is left as a line of its own.
+    // 255 characters, and the rest as a line of its own.
     const std::string head = "key" + std::string(252, 'h');
     Run(head + "key tail\nlast", [] {
         EXPECT_EQ(2, Edit({Item("key", "first"), Item("key", "second")}));
@@ -1221,7 +1221,7 @@ TEST(ReallocAndCopyBuf, ShrinksAndKeepsABlockOfNoSize) {
     free(block);
 }
 
-// Growing to 1 MiB moves the block away from under the source.
+// Growing to 1 MiB moves the block with the source in it.
 TEST(ReallocAndCopyBuf, CopiesFromInsideTheBlockItMoves) {
     constexpr size_t kBig = 1 << 20;
     void *block = nullptr;
@@ -1247,7 +1247,7 @@ TEST(CloseFd, StoresMinusOneAndReturnsWhatCloseReturned) {
     const int closed = fd;
     EXPECT_EQ(0, COM_CloseFd(&fd));
     EXPECT_EQ(-1, fd);
-    EXPECT_EQ(-1, COM_CloseFd(&fd)) << "nothing is held any more";
+    EXPECT_EQ(-1, COM_CloseFd(&fd)) << "there is no descriptor any more";
     fd = closed;
     errno = 0;
     EXPECT_EQ(-1, COM_CloseFd(&fd)) << "not open";
