@@ -10,6 +10,8 @@
 #include <sys/time.h>
 #include <time.h>
 
+#include <algorithm>
+
 #include "base/cancel_guard.h"
 #include "base/characters.h"
 #include "base/unique_dir.h"
@@ -18,16 +20,16 @@
 
 namespace {
 
-// Calls `copy` with each piece of the ring that a copy of `len` bytes touches, in order, and the
-// number of bytes copied before it.
+// Calls `copy` for each piece of the ring that a copy of `size` bytes touches, in order, with its
+// offset, the number of bytes copied before it, and its size.
 template <typename Copy>
-void ForEachRingPiece(int offset, int ringSize, int len, Copy copy) {
-    if (len < 1 || offset < 0 || (ringSize > 0 && offset > ringSize)) {
+void ForEachRingPiece(int offset, int ringSize, int size, Copy copy) {
+    if (size < 1 || offset < 0 || (ringSize > 0 && offset > ringSize)) {
         return;
     }
-    for (int done = 0; done < len; offset = 0) {
-        const int left = len - done;
-        const int count = ringSize > 0 && ringSize - offset < left ? ringSize - offset : left;
+    for (int done = 0; done < size; offset = 0) {
+        const int left = size - done;
+        const int count = ringSize > 0 ? std::min(ringSize - offset, left) : left;
         copy(static_cast<size_t>(offset), static_cast<size_t>(done), static_cast<size_t>(count));
         done += count;
     }
@@ -86,10 +88,10 @@ int COM_DecodeHexEscape(char *pDst, const char *pSrc) {
     return static_cast<int>(to - pDst);
 }
 
-int COM_SendAll(int sock, const void *pData, int len) {
+int COM_SendAll(int sock, const void *pData, int size) {
     const talvek::CancelGuard guard;
     const char *next = static_cast<const char *>(pData);
-    int left = len;
+    int left = size;
     while (left > 0) {
         const ssize_t sent = send(sock, next, static_cast<size_t>(left), MSG_NOSIGNAL);
         if (sent <= 0) {
@@ -101,24 +103,24 @@ int COM_SendAll(int sock, const void *pData, int len) {
     return left;
 }
 
-void COM_ReadRingBuf(void *pDst, const void *pRing, int offset, int ringSize, int len) {
+void COM_ReadRingBuf(void *pDst, const void *pRing, int offset, int ringSize, int size) {
     if (pDst == nullptr || pRing == nullptr) {
         return;
     }
     char *dst = static_cast<char *>(pDst);
     const char *ring = static_cast<const char *>(pRing);
-    ForEachRingPiece(offset, ringSize, len, [=](size_t at, size_t done, size_t count) {
+    ForEachRingPiece(offset, ringSize, size, [=](size_t at, size_t done, size_t count) {
         memcpy(dst + done, ring + at, count);
     });
 }
 
-void COM_WriteRingBuf(void *pRing, int offset, int ringSize, const void *pSrc, int len) {
+void COM_WriteRingBuf(void *pRing, int offset, int ringSize, const void *pSrc, int size) {
     if (pRing == nullptr || pSrc == nullptr) {
         return;
     }
     char *ring = static_cast<char *>(pRing);
     const char *src = static_cast<const char *>(pSrc);
-    ForEachRingPiece(offset, ringSize, len, [=](size_t at, size_t done, size_t count) {
+    ForEachRingPiece(offset, ringSize, size, [=](size_t at, size_t done, size_t count) {
         memcpy(ring + at, src + done, count);
     });
 }

@@ -133,7 +133,7 @@ int COM_PopenRead(const char *pCmd, void * /*pIgnored*/, void *pUser, tComLineFn
         LOG_ERRNO("popen(%s) error : %s\n", talvek::Shown(pCmd));
         return -1;
     }
-    char line[256];
+    char line[COM_COMMAND_LINE_SIZE];
     while (NextLine(line, sizeof line, pipe.get()) != nullptr) {
         if (pCallback != nullptr) {
             pCallback(line, pUser);

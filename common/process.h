@@ -2,21 +2,20 @@
 #define TALVEK_COMMON_PROCESS_H
 
 /* Processes: pid files, stopping by command line, inherited descriptors, reading a command's
- * output. Failures are logged with the module name COMMON and the entry's own name unless the entry
- * says otherwise. */
+ * output. Failures are logged with the module name COMMON and the entry's own name. */
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* Writes the caller's process number into a file, in decimal and without a newline.
+/* Writes the caller's process id into a file, in decimal and without a newline.
  *
  * Always returns -1: the result carries no meaning. A file that cannot be written is logged. */
 int COM_SavePid(const char *pFileName);
 
 /* Sends SIGTERM to every process in whose program name both texts occur: the first argument of its
- * command line (/proc/<pid>/cmdline), of which the first 128 bytes are looked at. An empty text
- * occurs in every name; the caller itself is not spared.
+ * command line (/proc/<pid>/cmdline), of which the first 128 bytes are compared. An empty text
+ * occurs in every name. The caller itself is signalled too if it matches.
  *
  * Returns 0 when at least one process was signalled, else -1. A process that cannot be signalled is
  * logged without a function name and does not end the search. */
@@ -27,10 +26,12 @@ int COM_KillDhcpProc(const char *pFirst, const char *pSecond);
  *   pid  the caller's own; with another one the caller's descriptors of the same numbers are closed
  *
  * Returns what closedir returned: -1 (EBADF) for the caller's own pid, because the descriptor of
- * the listing is among those closed. When the listing cannot be opened nothing is closed and the
+ * the listing is among those closed. When the listing cannot be opened, nothing is closed and the
  * result is that of the log line, which is positive. May be called in the child of a fork in a
  * program with threads. */
 int COM_CloseFdExceptSTD(int pid);
+
+enum { COM_COMMAND_LINE_SIZE = 256 }; /* bytes of the longest line handed over, with its NUL */
 
 /* A line of a command's output with its newline, NUL-terminated and valid during the call, or NULL
  * for the end; and the user argument. */
@@ -39,16 +40,17 @@ typedef void (*tComLineFn)(const char *pLine, void *pUser);
 /* Runs a command line with /bin/sh and hands over each line that it writes to standard output.
  *
  *   pCmd       the command line
- *   pIgnored   not used
+ *   pIgnored   not used; may be NULL
  *   pUser      passed on to pCallback
- *   pCallback  called once a line (of a line of more than 255 bytes, once for each 255), and once
- *              more with NULL when the command has ended; may be NULL
+ *   pCallback  called for each line (for a longer one, once for each 255 bytes), and once more with
+ *              NULL when the command has ended; may be NULL
  *
  * SIGCHLD is set to its default action, and stays so: the status could not be collected otherwise.
+ * The cost does not grow with the memory of the caller.
  *
  * Returns the wait status of the command as waitpid has it (256 for an exit with 1), and logs it
  * when it is not 0; -1 when the command cannot be started (pCallback is not called) or its status
- * cannot be had. */
+ * cannot be collected. */
 int COM_PopenRead(const char *pCmd, void *pIgnored, void *pUser, tComLineFn pCallback);
 
 #ifdef __cplusplus

@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,27 +12,21 @@
 
 #include "c_callback.h"
 #include "common/command.h"
-#include "common/digest.h"
-#include "common/file.h"
-#include "common/file_content.h"
-#include "common/net_info.h"
-#include "common/process.h"
-#include "common/udp_broadcast.h"
-#include "common/unit_info.h"
+#include "every_call.h"
 #include "support/cancellation.h"
 #include "support/capture.h"
-#include "support/temp_dir.h"
 
 namespace {
 
 using namespace talvek::test;
 
-// Static: AddressSanitizer goes on guarding the variables of a frame that cancellation leaves.
+// Static: AddressSanitizer keeps guarding the variables of a frame that cancellation leaves.
 constexpr struct timespec kMinute = {60, 0};
 
 void SleepMinute() {
 #ifdef __SANITIZE_THREAD__
-    // A thread that is cancelled in an intercepted sleep has its further locks ignored.
+    // After a cancellation in an intercepted sleep, ThreadSanitizer ignores the locks of the
+    // thread.
     for (;;) {
         pthread_testcancel();
     }
@@ -50,8 +43,8 @@ void Set(int &flag) {
     __atomic_store_n(&flag, 1, __ATOMIC_RELEASE);
 }
 
-// Runs `body` in a thread and cancels it there when `ready` says so. The frame above the call has
-// to be unwound too.
+// Runs `body` in a thread and cancels the thread there when `ready` is true. The frame above the
+// call must be unwound too.
 void CancelInside(const std::function<void()> &body, const std::function<bool()> &ready) {
     struct Job {
         const std::function<void()> &body;
@@ -177,7 +170,7 @@ TEST_F(CallLocked, IsUnlockedByACancelledThread) {
     ExpectFree();
 }
 
-// Frames without unwind tables end the unwinding; the lock must not stay behind.
+// Frames without unwind tables end the unwinding; the lock must be released all the same.
 TEST_F(CallLocked, IsUnlockedByAThreadCancelledInC) {
     int inside = 0;
     CancelInside([&] { COM_CallLocked(&mutex_, &inside, SleepInC); },
@@ -208,66 +201,11 @@ TEST_F(CallLocked, UnlocksEveryMutexOfNestedCalls) {
 // ---- cancellation waits until a call is over ----
 
 TEST(Cancellation, WaitsUntilACallIsOver) {
-    static const TempDir dir;
-    static const std::string file = dir / "file";
-    void (*const calls[])() = {
-        [] { EXPECT_EQ(0, COM_System("/bin/true", nullptr)); },
-        [] { EXPECT_EQ(0, COM_PopenRead("echo 1", nullptr, nullptr, nullptr)); },
-        [] { COM_SavePid(file.c_str()); },
-        [] {
-            tFileItem item = {2, "a=", "a=1"};
-            tFileItemRequest request = {1, 0, 0, 1, &item};
-            EXPECT_EQ(1, COM_ReplaceItemsInFile(file.c_str(), &request));
-        },
-        [] {
-            tProcState self = {getpid(), ""};
-            EXPECT_EQ(0, COM_CheckProcState(&self));
-        },
-        [] {
-            char out[COM_NET_MAC_COLON_SIZE];
-            for (uint32_t flag = COM_NET_MAC_HEX; flag <= COM_NET_MTU; ++flag) {
-                COM_GetNetInfo(flag, "auto", out);
-            }
-        },
-        [] { COM_SendUdpBroadcast("lo", 1, 2, "x", 1); },
-        [] { EXPECT_EQ(0, COM_SetFileContent(file.c_str(), "text")); },
-        [] { EXPECT_EQ(0, COM_AppendFileContent(file.c_str(), "text")); },
-        [] { EXPECT_EQ(0, COM_SaveDataIntoFile(file.c_str(), "data", 4)); },
-        [] { EXPECT_EQ(0, COM_SaveRingBufDataIntoFile(file.c_str(), "ring", 3, 4, 4)); },
-        [] {
-            char text[8] = "";
-            EXPECT_EQ(0, COM_GetFileContent(file.c_str(), text, sizeof text));
-        },
-        [] {
-            char data[4];
-            EXPECT_EQ(0, COM_LoadDataFromFile(file.c_str(), data, sizeof data));
-        },
-        [] {
-            char port[COM_PORT_SIZE] = "";
-            COM_GetPort(port, sizeof port);
-        },
-        [] {
-            char revision[COM_SVN_REVISION_SIZE];
-            COM_GetSvnRevision(revision);
-        },
-        [] { EXPECT_EQ(0, COM_MakeNode(file.c_str(), S_IFREG, 0)); },
-        [] {
-            tUnitNetInfo unit;
-            COM_GetUnitNetInfo(&unit, "lo");
-        },
-        [] { COM_GetRxPackets("lo"); },
-        [] {
-            char hex[COM_MD5_HEX_SIZE];
-            EXPECT_EQ(0, COM_MakeFileMD5(hex, file.c_str()));
-        },
-        [] {
-            uint8_t digest[COM_SHA1_SIZE];
-            EXPECT_EQ(0, COM_MakeFileSHA1(digest, file.c_str()));
-        },
-        [] { EXPECT_EQ(-1, COM_CheckFileMD5(file.c_str(), "")); },
-    };
-    for (const auto &call : calls) {
-        EXPECT_TRUE(OutlastsCancellation(call)) << "call " << &call - calls;
+    for (const Call &call : kCalls) {
+        const Objects at;
+        bool outlasts = false;
+        Capture([&] { outlasts = OutlastsCancellation([&] { call.make(at); }); });
+        EXPECT_TRUE(outlasts) << call.name;
     }
     ExpectNoChild();
 }

@@ -82,8 +82,7 @@ TEST(SystemFault, ReportsThatNoProcessCanBeMade) {
     }
 }
 
-// A SIGINT that was changed already is not restored: signals of a valid number do not fail, so
-// nobody takes care of it.
+// A SIGINT that was changed already is not restored: sigaction does not fail for a valid number.
 TEST(SystemFault, ReturnsAtOnceWhenSignalsCannotBeSet) {
     struct Case {
         const char *call;
@@ -106,7 +105,7 @@ TEST(SystemFault, ReturnsAtOnceWhenSignalsCannotBeSet) {
     }
 }
 
-// How often COM_System makes a call, its child included.
+// How many times COM_System makes a call, its child included.
 int CallsOf(const char *pCall) {
     const Fault never{pCall, 10000, EINVAL};
     EXPECT_EQ(0, COM_System("/bin/true", nullptr));
@@ -140,7 +139,7 @@ TEST(SystemFault, FailsWhenSignalsCannotBeRestored) {
     }
 }
 
-TEST(SystemFault, FailsWhenTheMaskCannotBeOpenedForTheWait) {
+TEST(SystemFault, FailsWhenTheMaskForTheWaitCannotBeSet) {
     const Fault fault{"sigprocmask", CallsOf("sigprocmask") - 2, EINVAL};
     EXPECT_EQ(-1, COM_System("/bin/true", nullptr));
     EXPECT_FALSE(IsBlocked(SIGTERM)) << "it is restored";
@@ -164,8 +163,8 @@ TEST(SystemFault, HasNoStatusAfterAnyOtherFailureToWait) {
     EXPECT_LT(0, wait(nullptr));
 }
 
-// What a command sees of the descriptors 3 to 9, on a kernel before Linux 5.9. The script needs no
-// /proc.
+// The descriptors of 3 to 9 that a command inherits on a kernel before Linux 5.9. The script needs
+// no /proc.
 std::string InheritedWithoutCloseRange() {
     WriteFile("/var/script",
               "for fd in 3 4 5 6 7 8 9; do eval \": <&$fd\" 2>/dev/null && echo $fd; done\n");
@@ -182,7 +181,7 @@ TEST(SystemFault, ClosesDescriptorsOneByOneWhereTheKernelKnowsNoRange) {
         ASSERT_EQ(9, dup2(0, 9));
         EXPECT_EQ("", InheritedWithoutCloseRange());
 
-        // More than one reading of the listing brings.
+        // More than one read of the listing returns.
         while (dup(0) < 700) {
         }
         EXPECT_EQ("0\n1\n2\n3\n", Capture([] {
@@ -325,7 +324,7 @@ TEST(SavePidFault, ReturnsMinusOneWhateverFails) {
 TEST(KillDhcpProcFault, ReportsEachFailure) {
     RunInPrivateWorld(kPids, [] {
         signal(SIGTERM,
-               SIG_IGN);  // also in the process that is meant, for as many runs as it takes
+               SIG_IGN);  // in the child too, so that it lives for all runs
         const ChildProcess child{kSleep, Sleeper("dhcpc-eth0")};
         EXPECT_LT(3, EveryCallFails(EPERM, [&child] {
                       int result = 0;

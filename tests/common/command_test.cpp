@@ -46,7 +46,7 @@ int ExitWith(int code) {
     return code << 8;
 }
 
-// A shell script, since commands themselves know no quoting.
+// A shell script, since a command itself has no quoting.
 class Script {
   public:
     explicit Script(const std::string &text) { WriteFile(dir_ / "script", text + "\n"); }
@@ -138,7 +138,7 @@ std::string SignalsOfACommand() {
 
 TEST(System, KeepsTheSignalDisciplineOfSystem) {
     RunInPrivateWorld(kMounts, [] {
-        // Set back to what a program has at its start, whatever runs this test.
+        // As a program has them at its start, whatever runs this test.
         for (const int sig : {SIGINT, SIGQUIT, SIGCHLD, SIGUSR1, SIGPIPE}) {
             signal(sig, SIG_DFL);
         }
@@ -149,7 +149,7 @@ TEST(System, KeepsTheSignalDisciplineOfSystem) {
         EXPECT_EQ(before, SignalsOfACommand());
         EXPECT_EQ(before, OwnSignals());
 
-        // What the caller had ignored and blocked the command finds ignored and blocked.
+        // Signals that the caller ignores or blocks are ignored or blocked in the command.
         signal(SIGQUIT, SIG_IGN);
         sigset_t usr1;
         sigemptyset(&usr1);
@@ -174,8 +174,8 @@ TEST(System, IgnoresSigintAndSigquitAndBlocksSigchldMeanwhile) {
         for (const int sig : {SIGINT, SIGQUIT}) {
             signal(sig, [](int) { caught = caught + 1; });
         }
-        // The command looks at and signals the process that runs it. Bit n - 1 is signal n: 2 and 3
-        // are ignored, 17 is blocked (an emulator blocks others too until it has done the fork).
+        // The command examines and signals the process that runs it. Bit n - 1 is signal n: 2 and 3
+        // are ignored. When the child has started, 17 alone is blocked.
         const Script script{
             "for i in 1 2 3 4 5 6 7 8 9; do\n"
             "  grep -q '^SigBlk:.*0000000000010000' /proc/$PPID/status && break; sleep 0.1\n"
@@ -187,12 +187,12 @@ TEST(System, IgnoresSigintAndSigquitAndBlocksSigchldMeanwhile) {
         EXPECT_EQ(0, caught);
         raise(SIGINT);
         raise(SIGQUIT);
-        EXPECT_EQ(2, caught) << "the handlers are back";
+        EXPECT_EQ(2, caught) << "the handlers are restored";
     });
 }
 
-// The child starts in the memory of its parent; what a handler does there would be done to the
-// parent. The signals go to the whole process group.
+// The child starts in the memory of its parent, so that a handler there would work on the parent's
+// data. The signals go to the whole process group.
 TEST(System, RunsNoHandlerOfTheCallerInTheChild) {
     RunInPrivateWorld(kPids, [] {
         static pid_t parent = 0;
@@ -226,7 +226,7 @@ bool IsVforkAFork() {
     return seen == 0;
 }
 
-// After a fork, each page that the parent writes to is copied, at the price of a page fault.
+// After a fork, each page that the parent writes to would be copied in a page fault.
 TEST(System, DoesNotCopyTheMemoryOfTheCaller) {
     if (IsVforkAFork()) {
         GTEST_SKIP() << "vfork is a fork here";
@@ -248,7 +248,7 @@ TEST(System, DoesNotCopyTheMemoryOfTheCaller) {
     munmap(memory, kSize);
 }
 
-TEST(System, WaitsOnWhenASignalInterrupts) {
+TEST(System, WaitsOnAfterASignal) {
     RunInPrivateWorld(kMounts, [] {
         const Interruptions often{5};
         EXPECT_EQ(0, COM_System("/bin/sleep 0.1", nullptr));
@@ -267,7 +267,7 @@ Lines WithoutNumbers(const std::string &output) {
     return {std::regex_replace(output.substr(0, output.size() - 1), std::regex{",[0-9]+:"}, ",N:")};
 }
 
-TEST(System, PutsWhatWasPrintedBeforeWhatTheCommandPrintsAndOnce) {
+TEST(System, PrintsInOrderWithTheCommandAndOnce) {
     EXPECT_EQ("before\ncommand\nafter\n", Capture([] {
                   printf("before\n");
                   EXPECT_EQ(0, COM_System("/bin/echo command", nullptr));
@@ -282,7 +282,7 @@ TEST(System, PutsWhatWasPrintedBeforeWhatTheCommandPrintsAndOnce) {
 }
 
 // Other threads log and allocate while commands are started: no child may wait for a lock that
-// nobody will release, and no line of another thread may appear twice.
+// nobody releases, and no line of another thread may appear twice.
 TEST(System, LogsEachLineOnceInAProgramWithBusyThreads) {
     constexpr int kRuns = 40;
     std::atomic<bool> stop{false};
@@ -325,7 +325,7 @@ std::string Printed(const std::string &arguments) {
 
 TEST(ParserCMD, SplitsAtBlanksAlone) {
     EXPECT_EQ("<a><b>", Printed(" a b"));
-    EXPECT_EQ("<a><b>", Printed(" a b ")) << "a blank behind the last word";
+    EXPECT_EQ("<a><b>", Printed(" a b ")) << "a blank after the last word";
     EXPECT_EQ("<a><b>", Printed("   a    b    "));
     EXPECT_EQ("<a\tb><c\n>", Printed(" a\tb c\n"));
     EXPECT_EQ("<\"a><b\"><$HOME><*><>><|>", Printed(" \"a b\" $HOME * > |")) << "no shell";
@@ -341,7 +341,7 @@ TEST(ParserCMD, HandsOverTheEnvironment) {
     });
 }
 
-TEST(ParserCMD, TakesACommandWithoutAWordAsAnEmptyOne) {
+TEST(ParserCMD, TakesACommandOfBlanksAsOneEmptyWord) {
     for (const char *pCmd : {"", " ", "     "}) {
         const GuardedCopy command{pCmd};
         EXPECT_EQ((Lines{"COMMON:COM_ParserCMD(): [] error : No such file or directory"}),
@@ -372,7 +372,7 @@ TEST(ParserCMD, RefusesAWordThatDoesNotFit) {
               CaptureLog([&] { EXPECT_EQ(-1, COM_ParserCMD(path.c_str())); }));
 }
 
-// 128 pointers with the null behind the last word: 127 words.
+// 128 pointers, the NULL after the last word included: 127 words.
 TEST(ParserCMD, RefusesMoreWordsThanFit) {
     for (const int words : {126, 127, 128, 129, 1000}) {
         std::string command = "/bin/echo";
@@ -474,7 +474,7 @@ TEST(KillProcess, SignalsTheFirstThatBeginsWithTheName) {
         ChildProcess first{kSleep, Sleeper("/opt/unit/recorder-a")};
         ChildProcess second{kSleep, Sleeper("/opt/unit/recorder-b")};
         EXPECT_EQ((Lines{Signalled(first.pid(), "/opt/unit/recorder", SIGTERM)}), CaptureLog([] {
-                      // The number is not used beside a name.
+                      // With a name the number is not used.
                       EXPECT_EQ(0, COM_KillProcess("/opt/unit/recorder", 1, SIGTERM));
                   }));
         EXPECT_EQ(SIGTERM, first.Wait());
@@ -525,11 +525,11 @@ TEST(KillProcess, DoesNotSignalItsOwnProgramByName) {
                   CaptureLog([&] { EXPECT_EQ(-1, COM_KillProcess(begin.c_str(), 0, SIGKILL)); }));
         EXPECT_EQ((Lines{Signalled(0, "", SIGKILL)}),
                   CaptureLog([] { EXPECT_EQ(-1, COM_KillProcess("", 0, SIGKILL)); }))
-            << "an empty name begins the first entry there is";
+            << "every entry begins with an empty name";
     });
 }
 
-TEST(KillProcess, PassesOverLostAndFoundAndReportsWhatItCannotSignal) {
+TEST(KillProcess, SkipsLostAndFoundAndReportsAFailedSignal) {
     RunInPrivateWorld(kPids, [] {
         ReplaceDir("/proc");
         WriteFile("/proc/lost+found/cmdline", "/opt/unit/recorder");
@@ -550,7 +550,7 @@ TEST(KillProcess, PassesOverLostAndFoundAndReportsWhatItCannotSignal) {
 
 // ---- COM_CheckProcState ----
 
-// The state that the kernel shows until it is the one wanted.
+// Waits until the kernel shows the state.
 void AwaitState(pid_t pid, char wanted) {
     for (int i = 0; i < 2000; ++i) {
         const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
@@ -563,10 +563,10 @@ void AwaitState(pid_t pid, char wanted) {
     ADD_FAILURE() << "process " << pid << " does not come to state " << wanted;
 }
 
-TEST(CheckProcState, TellsAProcessThatLivesFromOneThatDoesNot) {
+TEST(CheckProcState, DistinguishesAProcessThatLivesFromOneThatDoesNot) {
     const pid_t busy = fork();
     if (busy == 0) {
-        alarm(30);  // whatever becomes of the test
+        alarm(30);  // in any case
         for (;;) {
             getppid();
         }
@@ -611,7 +611,7 @@ TEST(CheckProcState, KeepsTheStateOfAProcessThatIsGone) {
     EXPECT_EQ(-1, COM_CheckProcState(nullptr));
 }
 
-// A name is taken apart like the rest of the line; its second part then stands as the state.
+// A name is split like the rest of the line; its second part then counts as the state.
 TEST(CheckProcState, TakesTheThirdWordWhateverTheNameIs) {
     struct Case {
         const char *name;
@@ -633,7 +633,7 @@ TEST(CheckProcState, TakesTheThirdWordWhateverTheNameIs) {
         ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
         const pid_t child = fork();
         if (child == 0) {
-            alarm(30);  // whatever becomes of the test
+            alarm(30);  // in any case
             prctl(PR_SET_NAME, c.name);
             char byte = 'x';
             static_cast<void>(!write(ends[1], &byte, 1));
@@ -654,7 +654,7 @@ TEST(CheckProcState, TakesTheThirdWordWhateverTheNameIs) {
     }
 }
 
-// Files as no kernel writes them.
+// Files that no kernel writes.
 TEST(CheckProcState, FailsOnALineWithoutAThirdWord) {
     RunInPrivateWorld(kPids, [] {
         ReplaceDir("/proc");
@@ -705,7 +705,7 @@ TEST(SleepAtLeast, CompletesAnInterruptedSleepInShortRounds) {
             EXPECT_LE(std::chrono::milliseconds{60}, Clock::now() - start);
         }
         EXPECT_LT(0, rounds);
-        EXPECT_GE(600, rounds) << "a round is 0.1 milliseconds and more";
+        EXPECT_GE(600, rounds) << "a round is at least 0.1 milliseconds";
     });
 }
 
@@ -727,7 +727,7 @@ TEST(SleepAtLeast, GivesUpAfterTheRoundsAllowed) {
 
 // ---- COM_IfUp and COM_IfDown ----
 
-// In the place of the real tool: what it was called with.
+// Replaces the real tool by one that prints its arguments.
 void FakeIfconfig() {
     ReplaceDir("/sbin");
     WriteFile("/sbin/ifconfig", "#!/bin/sh\nfor word; do printf '<%s>' \"$word\"; done\nexit 4\n");
@@ -745,8 +745,8 @@ TEST(IfUpDown, RunsIfconfig) {
 TEST(IfUpDown, RefusesACommandThatWouldBeCut) {
     RunInPrivateWorld(kMounts, [] {
         FakeIfconfig();
-        // "/sbin/ifconfig " and " up" leave 255 - 18 characters; a name of several words fills
-        // them without a word that is too long.
+        // "/sbin/ifconfig " and " up" leave 255 - 18 characters. Two words fill them; one would be
+        // too long for a word.
         for (const size_t length : {236, 237, 238, 239}) {
             const std::string name = std::string(120, 'a') + " " + std::string(length - 121, 'b');
             const Lines output = LogLines(Capture(
@@ -764,7 +764,7 @@ TEST(IfUpDown, RefusesACommandThatWouldBeCut) {
     });
 }
 
-TEST(IfUpDown, RefusesWhoIsNotRoot) {
+TEST(IfUpDown, RefusesACallerThatIsNotRoot) {
     RunInPrivateWorld(
         kMounts,
         [] {

@@ -17,7 +17,7 @@ namespace {
 
 using namespace talvek::test;
 
-// Alone with its guardian and the children that meet the failing calls.
+// Alone with process 1 and the children in which calls fail.
 TEST(CheckProcExistFault, EveryCallFails) {
     RunInPrivateWorld(kPids, [] {
         EXPECT_LT(6, EveryCallFails(EACCES, [] {
@@ -26,7 +26,7 @@ TEST(CheckProcExistFault, EveryCallFails) {
     });
 }
 
-TEST(CheckProcExistFault, AProcessThatCannotBeReadHidesNoOther) {
+TEST(CheckProcExistFault, SkipsAProcessThatCannotBeRead) {
     const Fault fault{"open", 0, ENOENT};
     EXPECT_EQ(0, COM_CheckProcExist("common_io_fault_test"));
     EXPECT_TRUE(Fault::Tripped());

@@ -28,7 +28,7 @@ namespace {
 
 using namespace talvek::test;
 
-// A sleeping process that was called by a name of the test's choice, until the end of the scope.
+// A process that sleeps, started under a given program name, until the end of the scope.
 class Sleeper {
   public:
     explicit Sleeper(const std::string &name) {
@@ -72,7 +72,7 @@ TEST(CheckProcExist, FindsAProcessByAPartOfItsName) {
     });
 }
 
-TEST(CheckProcExist, DoesNotLookAtArguments) {
+TEST(CheckProcExist, ComparesNoArguments) {
     RunInPrivateWorld(kPids, [] {
         const Sleeper sleeper{"sleeper-name"};
         EXPECT_EQ(0, COM_CheckProcExist("sleeper-name"));
@@ -80,7 +80,7 @@ TEST(CheckProcExist, DoesNotLookAtArguments) {
     });
 }
 
-TEST(CheckProcExist, LooksAtTheFirstLineOnly) {
+TEST(CheckProcExist, ComparesTheFirstLineOnly) {
     RunInPrivateWorld(kPids, [] {
         const Sleeper sleeper{"first-line\nsecond-line"};
         EXPECT_EQ(0, COM_CheckProcExist("first-line\n"));
@@ -88,8 +88,8 @@ TEST(CheckProcExist, LooksAtTheFirstLineOnly) {
     });
 }
 
-// 120 characters and seven more of the ten behind them.
-TEST(CheckProcExist, LooksAtTheFirst127Characters) {
+// 120 characters, and seven of the ten that follow.
+TEST(CheckProcExist, ComparesTheFirst127Characters) {
     RunInPrivateWorld(kPids, [] {
         const Sleeper sleeper{std::string(120, 'n') + "ABCDEFGHIJ"};
         EXPECT_EQ(0, COM_CheckProcExist("nABCDEF"));
@@ -111,7 +111,7 @@ TEST(CheckProcExist, FailsWithoutATextOrProcesses) {
 }
 
 // Only directories whose name begins with a digit are processes.
-TEST(CheckProcExist, LooksAtNumbersOnly) {
+TEST(CheckProcExist, TakesOnlyNumbersForProcesses) {
     RunInPrivateWorld(kMounts, [] {
         ReplaceDir("/proc");
         talvek::test::WriteFile("/proc/self/cmdline", "recorder");
@@ -136,7 +136,7 @@ TEST(DecodeHexEscape, DecodesEscapesAndCopiesTheRest) {
     EXPECT_EQ("", Decode(""));
     EXPECT_EQ("plain text", Decode("plain text"));
     EXPECT_EQ("AB", Decode("=41=42"));
-    EXPECT_EQ("=41", Decode("=3D41")) << "what was decoded is not decoded again";
+    EXPECT_EQ("=41", Decode("=3D41")) << "the result is not decoded again";
     EXPECT_EQ((std::string{"\0x", 2}), Decode("=00x"));
 }
 
@@ -157,7 +157,7 @@ TEST(DecodeHexEscape, CopiesWhatIsNoEscape) {
           "=0/", "=0:", "=0@", "=0G", "=0`", "=\n", "a=\nb", "=\r\n", "= 41", "=-1", "text="}) {
         EXPECT_EQ(text, Decode(text));
     }
-    EXPECT_EQ("=A", Decode("==41")) << "only the sign itself is passed over";
+    EXPECT_EQ("=A", Decode("==41")) << "only the first sign is copied";
     EXPECT_EQ("=4A", Decode("=4=41"));
 }
 
@@ -240,7 +240,7 @@ TEST_F(SendAll, SendsEverythingInAsManyCallsAsItTakes) {
     EXPECT_TRUE(data == received);
 }
 
-TEST_F(SendAll, ReturnsALengthBelowOneAsItIs) {
+TEST_F(SendAll, ReturnsASizeBelowOne) {
     EXPECT_EQ(0, COM_SendAll(ends_[0], "x", 0));
     EXPECT_EQ(-5, COM_SendAll(ends_[0], "x", -5));
     EXPECT_EQ(INT_MIN, COM_SendAll(-1, nullptr, INT_MIN));
@@ -248,14 +248,14 @@ TEST_F(SendAll, ReturnsALengthBelowOneAsItIs) {
     EXPECT_EQ("", ReceiveAll());
 }
 
-// SIGPIPE has its default disposition here: it would end the test program.
+// SIGPIPE has its default action here: it would end the test program.
 TEST_F(SendAll, GetsAnErrorAndNoSignalFromAClosedPeer) {
     ClosePeer();
     EXPECT_EQ(4, COM_SendAll(ends_[0], "text", 4));
     EXPECT_EQ(EPIPE, errno);
 }
 
-TEST_F(SendAll, TellsHowMuchAFullSocketLeft) {
+TEST_F(SendAll, ReturnsHowMuchAFullSocketLeft) {
     ASSERT_EQ(0, fcntl(ends_[0], F_SETFL, O_NONBLOCK));
     const std::string data(16 << 20, 'x');
     const int size = static_cast<int>(data.size());
@@ -278,7 +278,7 @@ TEST(ReadRingBuf, CopiesAroundTheEnd) {
     EXPECT_EQ("6701", std::string(out.text(), 4));
 }
 
-// Every offset and length of a ring of eight, each against the definition of a ring.
+// Every offset and length of a ring of eight bytes.
 TEST(ReadRingBuf, CopiesFromEveryOffsetEveryLength) {
     const std::string text = "01234567";
     const GuardedCopy ring{text.data(), text.size()};
@@ -310,7 +310,7 @@ TEST(WriteRingBuf, CopiesToEveryOffsetEveryLength) {
     }
 }
 
-TEST(RingBuf, WithoutARingSizeTheBufferIsPlain) {
+TEST(RingBuf, IsAPlainBufferWithoutARingSize) {
     for (const int size : {0, -1, INT_MIN}) {
         const GuardedCopy plain{"01234567", 8};
         const CanaryBuf out{2};
@@ -373,8 +373,8 @@ TEST(SleepTrace, WritesALineBeforeAndAfterWithATag) {
               Capture([] { EXPECT_EQ(31, COM_SleepTrace(-1, 0, "", -1)); }));
 }
 
-// The first line stands in the pipe while the process still sleeps.
-TEST(SleepTrace, TheFirstLineAppearsBeforeTheSleep) {
+// The first line is in the pipe while the process still sleeps.
+TEST(SleepTrace, WritesTheFirstLineBeforeTheSleep) {
     int ends[2];
     ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
     fflush(nullptr);
@@ -394,7 +394,7 @@ TEST(SleepTrace, TheFirstLineAppearsBeforeTheSleep) {
     close(ends[1]);
 }
 
-TEST(SleepTrace, ASignalEndsTheSleep) {
+TEST(SleepTrace, EndsAtASignal) {
     const Interruptions often{10};
     EXPECT_EQ(-1, COM_SleepTrace(100, 0, nullptr, 1));
     EXPECT_EQ(EINTR, errno);

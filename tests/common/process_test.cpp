@@ -65,7 +65,7 @@ TEST(KillDhcpProc, TerminatesEveryProcessWithBothTextsInItsName) {
 }
 
 // The arguments have a NUL between them, at which the text ends.
-TEST(KillDhcpProc, LooksAtTheProgramNameAlone) {
+TEST(KillDhcpProc, ComparesTheProgramNameAlone) {
     RunInPrivateWorld(kPids, [] {
         ChildProcess named{"/bin/sh", {"dhcpc", "-c", "sleep 60; : eth0"}};
         EXPECT_EQ(Lines{}, CaptureLog([] { EXPECT_EQ(-1, COM_KillDhcpProc("dhcpc", "eth0")); }));
@@ -75,7 +75,7 @@ TEST(KillDhcpProc, LooksAtTheProgramNameAlone) {
     });
 }
 
-TEST(KillDhcpProc, LooksAt128Bytes) {
+TEST(KillDhcpProc, Compares128Bytes) {
     RunInPrivateWorld(kPids, [] {
         ChildProcess inside{kSleep, Sleeper(std::string(124, 'x') + "dhcp")};
         ChildProcess across{kSleep, Sleeper(std::string(125, 'x') + "dhcp")};
@@ -107,7 +107,7 @@ TEST(KillDhcpProc, RefusesNull) {
               }));
 }
 
-TEST(KillDhcpProc, SaysTheSameWithoutProc) {
+TEST(KillDhcpProc, LogsTheSameWithoutProc) {
     RunInPrivateWorld(
         kMounts,
         [] {
@@ -118,8 +118,8 @@ TEST(KillDhcpProc, SaysTheSameWithoutProc) {
         true);
 }
 
-// Entries as no kernel has them, and one whose process has ended meanwhile. The process numbers are
-// the world's own, so that none of the machine can be meant.
+// Entries that no kernel has, and one whose process has ended in the meantime. The process ids are
+// the world's own, so that no process of the machine can be signalled.
 TEST(KillDhcpProc, ReportsWhatItCannotSignalAndGoesOn) {
     RunInPrivateWorld(kPids, [] {
         ChildProcess real{kSleep, Sleeper("dhcpc")};
@@ -164,7 +164,7 @@ TEST(CloseFdExceptSTD, ClosesItsOwnListingToo) {
     });
 }
 
-// More than one reading of the directory brings.
+// More than one read of the directory returns.
 TEST(CloseFdExceptSTD, ClosesThousands) {
     RunInPrivateWorld(kMounts, [] {
         rlimit limit;
@@ -187,10 +187,12 @@ TEST(CloseFdExceptSTD, ClosesTheNumbersThatAnotherProcessHas) {
         ASSERT_EQ(50, dup2(0, 50));
         const ChildProcess other{kSleep, Sleeper("sleep")};
         ASSERT_EQ(60, dup2(0, 60));
-        // The listing gets a number that the sleeper does not even have while it is being loaded.
+        // The listing gets a number that the sleeper does not have, not even while it is being
+        // loaded.
         while (dup(0) < 20) {
         }
-        EXPECT_EQ(0, COM_CloseFdExceptSTD(other.pid())) << "the listing's own is not among them";
+        EXPECT_EQ(0, COM_CloseFdExceptSTD(other.pid()))
+            << "the listing's own descriptor is not among them";
         EXPECT_EQ(-1, fcntl(50, F_GETFD));
         EXPECT_NE(-1, fcntl(60, F_GETFD));
         EXPECT_NE(-1, fcntl(2, F_GETFD));
@@ -275,7 +277,7 @@ TEST(PopenRead, HandsOverALastLineWithoutNewline) {
 }
 
 TEST(PopenRead, HandsOverALineAsSoonAsItIsThere) {
-    // The command waits for what the callback does with its first line.
+    // The command waits until the callback has had its first line.
     const TempDir dir;
     const std::string flag = dir / "flag";
     const std::string command =
@@ -299,15 +301,15 @@ TEST(PopenRead, RunsWithoutACallback) {
     Capture([] { EXPECT_EQ(256, COM_PopenRead("exit 1", nullptr, nullptr, nullptr)); });
 }
 
-TEST(PopenRead, CollectsTheStatusAlsoWhereSigchldWasIgnored) {
+TEST(PopenRead, CollectsTheStatusWhereSigchldWasIgnored) {
     RunInPrivateWorld(kMounts, [] {
         signal(SIGCHLD, SIG_IGN);
         EXPECT_EQ(0, COM_PopenRead("true", nullptr, nullptr, nullptr));
-        EXPECT_EQ(SIG_DFL, signal(SIGCHLD, SIG_DFL)) << "it stays at its default";
+        EXPECT_EQ(SIG_DFL, signal(SIGCHLD, SIG_DFL)) << "the default action stays";
     });
 }
 
-TEST(PopenRead, ReportsACommandThatIsMissing) {
+TEST(PopenRead, FailsOnNull) {
     Output output;
     EXPECT_EQ((Lines{"COMMON:COM_PopenRead(): popen((null)) error : Bad address"}), CaptureLog([&] {
                   EXPECT_EQ(-1, COM_PopenRead(nullptr, nullptr, &output, Collect));
@@ -323,7 +325,7 @@ TEST(PopenRead, ReportsACommandThatCannotBeStarted) {
         const Lines log = CaptureLog([&] {
             const int firstFree = dup(STDOUT_FILENO);
             close(firstFree);
-            limit.rlim_cur = rlim_t(firstFree);  // whatever is open above it
+            limit.rlim_cur = rlim_t(firstFree);  // higher ones may be open
             ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
             EXPECT_EQ(-1, COM_PopenRead("true", nullptr, &output, Collect));
         });
@@ -332,7 +334,7 @@ TEST(PopenRead, ReportsACommandThatCannotBeStarted) {
     });
 }
 
-TEST(PopenRead, PutsWhatWasPrintedBeforeWhatTheCommandPrints) {
+TEST(PopenRead, PrintsInOrderWithTheCommand) {
     EXPECT_EQ("before\ncommand\nafter\n", CaptureAll([] {
                   printf("before\n");
                   COM_PopenRead("echo command >&2", nullptr, nullptr, nullptr);
@@ -340,7 +342,7 @@ TEST(PopenRead, PutsWhatWasPrintedBeforeWhatTheCommandPrints) {
               }));
 }
 
-TEST(PopenRead, KeepsItsPipeFromCommandsThatRunMeanwhile) {
+TEST(PopenRead, KeepsItsPipeFromOtherCommands) {
     const char *list = "ls /proc/self/fd";
     Output alone;
     COM_PopenRead(list, nullptr, &alone, Collect);
@@ -365,7 +367,7 @@ TEST(PopenRead, ReadsOnAfterASignal) {
     });
 }
 
-TEST(PopenRead, LeavesNothingBehind) {
+TEST(PopenRead, LeavesNoDescriptorAndNoChild) {
     const std::vector<int> before = OpenFds();
     for (int i = 0; i < 20; ++i) {
         COM_PopenRead("echo 1", nullptr, nullptr, nullptr);
