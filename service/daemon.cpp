@@ -55,7 +55,7 @@ int BindTo(int fd, const SocketAddress &at) {
     return bind(fd, at.get(), at.length);
 }
 
-// Binds, and hands the socket's file over to the signals, which remove it.
+// Binds, and stores the socket's file for the signal handler, which removes it.
 int BindAsOwn(int fd, const SocketAddress &at, const ListenerSignals &signals) {
     signals.Block();
     const int result = BindTo(fd, at);
