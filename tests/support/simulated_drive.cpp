@@ -306,7 +306,10 @@ std::string HexText(const Bytes &bytes) {
     for (const uint8_t byte : bytes) {
         char hex[4];
         snprintf(hex, sizeof hex, "%02x", byte);
-        text += (text.empty() ? "" : " ") + std::string{hex};
+        if (!text.empty()) {
+            text += ' ';
+        }
+        text += hex;
     }
     return text;
 }
