@@ -218,6 +218,9 @@ lint() {
     need "build lint"
     configure default
     sources -name '*.h' -o -name '*.cpp' -o -name '*.c' | xargs clang-format-14 --dry-run --Werror
+    # The formatter does not wrap comments, because it would join the items of a list.
+    sources -name '*.h' -o -name '*.cpp' -o -name '*.c' |
+        xargs awk 'length > 100 { print FILENAME ":" FNR ": more than 100 characters"; bad = 1 } END { exit bad }'
     find base common dev dns service -name '*.cpp' |
         xargs -P "$(nproc)" -n 2 sh -c 'found=$(clang-tidy-14 -p build --quiet "$@" 2>&1) ||
             { echo "$found"; exit 1; }' sh

@@ -11,8 +11,8 @@
 
 namespace talvek {
 
-// Writes fields at byte offsets of a buffer, never beyond it: a field that does not fit wholly is not
-// written and sets failed().
+// Writes fields at byte offsets of a buffer, never beyond it: a field that does not fit wholly is
+// not written and sets failed().
 template <Endian kEndian>
 class ByteWriter {
   public:

@@ -11,9 +11,9 @@
  *   Errors        A failing system call is logged on standard output (log.h) with its name, its
  *                 argument and the system's error text. There are no levels and no switch. The
  *                 value of errno after a call is unspecified.
- *   NULL          A NULL pointer argument makes the call fail: it returns -1, NULL or 0 and writes no
- *                 output. A function without a result does nothing. A NULL path fails like a path
- *                 that cannot be read (EFAULT).
+ *   NULL          A NULL pointer argument makes the call fail: it returns -1, NULL or 0 and writes
+ *                 no output. A function without a result does nothing. A NULL path fails like a
+ *                 path that cannot be read (EFAULT).
  *   Outputs       Results go into the caller's buffers. After a failure they are unchanged.
  *   Sizes         Sizes are in bytes. A value that does not fit is truncated, and a warning is
  *                 logged. Each entry says whether its size includes the terminating NUL.

@@ -38,7 +38,8 @@ class MmcRequest {
     // Issues the command for `length` bytes, which is also the CDB's allocation length.
     bool Issue(int fd, uint32_t length, int verbose = DEV_MMC_QUIET);
 
-    // Issues the command for `firstLength` bytes, then for as many as `lengthOf` reads in the reply.
+    // Issues the command for `firstLength` bytes, then for as many as `lengthOf` reads in the
+    // reply.
     bool IssueTwice(int fd, uint32_t firstLength, uint32_t (*lengthOf)(BigEndianReader));
 
     // The bytes that the last issue requested; those that the drive did not send are 0. The

@@ -12,7 +12,8 @@ static void SleepLong(void) {
         pthread_testcancel();
     }
 #else
-    /* Static: AddressSanitizer goes on guarding the variables of a frame that cancellation leaves. */
+    /* Static: AddressSanitizer goes on guarding the variables of a frame that cancellation
+     * leaves. */
     static const struct timespec minute = {60, 0};
     nanosleep(&minute, NULL);
 #endif
