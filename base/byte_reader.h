@@ -11,8 +11,8 @@
 
 namespace talvek {
 
-// Reads fields at byte offsets of a buffer from outside, never beyond it: a field that is not
-// wholly inside reads as zero and sets failed().
+// Reads fields at byte offsets of a buffer that holds bytes from outside. A field that does not lie
+// wholly inside the buffer reads as 0 and sets failed().
 template <Endian kEndian>
 class ByteReader {
   public:
@@ -31,7 +31,7 @@ class ByteReader {
     uint32_t U24(size_t offset) { return static_cast<uint32_t>(Take<3>(offset)); }
     uint32_t U32(size_t offset) { return static_cast<uint32_t>(Take<4>(offset)); }
 
-    // Copies `count` bytes; false, with the destination zeroed, when they are not all there.
+    // Copies `count` bytes. Returns false and zeroes the destination when the buffer has fewer.
     bool Copy(size_t offset, void *pDst, size_t count) {
         if (!Has(offset, count)) {
             failed_ = true;

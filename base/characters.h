@@ -6,9 +6,8 @@
 
 namespace talvek {
 
-// Classes, digits and case of ASCII characters. The C library's own functions go by the locale that
-// the program has set; in a Turkish one "LI" and "li" differ.
-// Tested by Characters.AreTheSameInEveryLocale.
+// Classes, digits and case of ASCII characters. The C library's functions depend on the program's
+// locale: in a Turkish one "LI" and "li" differ. Tested by Characters.IsTheSameInEveryLocale.
 
 constexpr bool IsDigit(char c) {
     return c >= '0' && c <= '9';
@@ -42,7 +41,8 @@ constexpr char UpperCase(char c) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
 }
 
-// Whether a NUL-terminated text begins with `size` characters, none of them a NUL.
+// Whether a NUL-terminated text begins with the first `size` characters of another, ignoring ASCII
+// case. None of them may be a NUL.
 inline bool BeginsIgnoringCase(const char *pText, const char *pBeginning, size_t size) {
     size_t i = 0;
     while (i < size && LowerCase(pText[i]) == LowerCase(pBeginning[i])) {

@@ -7,10 +7,10 @@ namespace talvek {
 
 // Nanoseconds of a clock that never goes back (CLOCK_MONOTONIC).
 int64_t MonotonicNs();
-// The same in milliseconds.
+// MonotonicNs in milliseconds.
 int64_t MonotonicMs();
 
-// A moment up to which waits may last.
+// The time at which a wait, or a series of waits, ends.
 class Deadline {
   public:
     // `ms` milliseconds from now.

@@ -4,14 +4,15 @@
 #include <errno.h>
 #include <string.h>
 
-// The log lines of a module. Its internal/module_log.h includes the logger (common/log.h), defines
-// TALVEK_MODULE, the module's name, and includes this header.
+// Macros for a module's log lines. The module's internal/module_log.h includes common/log.h,
+// defines TALVEK_MODULE as the module's name, and then includes this header.
 //
 //   LOG(format, ...)               names the function that logs
-//   LOG_AS(function, format, ...)  names another one: a helper works for an entry
+//   LOG_AS(function, format, ...)  names the entry that the helper works for
 //   LOG_PLAIN(format, ...)         names none
 //
-// With _ERRNO after LOG, the text of errno is the last argument, for a "%s" at the end of the format.
+// With _ERRNO after LOG, the text of errno is the last argument, for a "%s" at the end of the
+// format.
 #define LOG_AS(function, ...) COM_Log(TALVEK_MODULE, __LINE__, function, __VA_ARGS__)
 #define LOG(...) LOG_AS(__func__, __VA_ARGS__)
 #define LOG_PLAIN(...) LOG_AS(nullptr, __VA_ARGS__)

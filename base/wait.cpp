@@ -7,7 +7,7 @@
 namespace talvek {
 
 int WaitReady(int fd, short events, int64_t ms, const sigset_t *pMask) {
-    if (fd < 0) {  // poll passes over these
+    if (fd < 0) {  // poll ignores negative descriptors
         errno = EBADF;
         return -1;
     }

@@ -72,7 +72,7 @@ TEST(ByteReader, CopiesAllOrZeros) {
     EXPECT_TRUE(none.Copy(0, copied, 0));
 }
 
-TEST(ByteReader, GivesTheBytesThatAreThere) {
+TEST(ByteReader, SubEndsAtTheEndOfTheBytes) {
     const uint8_t bytes[] = {1, 2, 3};
     const BigEndianReader reader{bytes};
     EXPECT_EQ(2U, reader.Sub(1, 2).size());
@@ -95,7 +95,7 @@ TEST(ByteWriter, WritesBothByteOrders) {
     EXPECT_FALSE(big.failed() || little.failed());
 }
 
-TEST(ByteWriter, LeavesOutWhatDoesNotFit) {
+TEST(ByteWriter, WritesNoFieldThatDoesNotFit) {
     for (size_t size = 0; size < 4; ++size) {
         const CanaryBuf buf{size};
         BigEndianWriter writer{buf.bytes(), size};

@@ -1,5 +1,4 @@
-// Texts compared without regard to case, in a program whose locale has other ideas of case than
-// ASCII.
+// Case-insensitive comparison in a program whose locale folds case differently from ASCII.
 
 #include "base/characters.h"
 

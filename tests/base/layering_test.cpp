@@ -19,7 +19,7 @@ const std::map<std::string, std::set<std::string>> kMayInclude{
     {"service", {"service", "common", "base"}},
 };
 
-TEST(Layering, FoldersIncludeOnlyWhatTheyStandOn) {
+TEST(Layering, FoldersIncludeOnlyLowerOnes) {
     const std::regex include{"^\\s*#\\s*include\\s+\"([a-z]+)/.*"};
     int seen = 0;
     for (const auto &[folder, allowed] : kMayInclude) {
@@ -41,8 +41,8 @@ TEST(Layering, FoldersIncludeOnlyWhatTheyStandOn) {
     EXPECT_GT(seen, 10);
 }
 
-// Public headers work installed, where base/ and internal/ are not; they include each other
-// relative to themselves, whatever the prefix.
+// Installed public headers have no base/ and internal/ beside them, and include each other relative
+// to themselves, so that any prefix works.
 TEST(Layering, PublicHeadersIncludeNothingInternal) {
     const std::regex internal{"^\\s*#\\s*include\\s+\"(.*/)?(internal|base)/.*"};
     const std::regex rooted{"^\\s*#\\s*include\\s+\"(common|dev|dns|service)/.*"};

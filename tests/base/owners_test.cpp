@@ -45,7 +45,7 @@ TEST(UniqueFd, ClosesAtItsEnd) {
     EXPECT_FALSE(UniqueFd{-1});
 }
 
-TEST(UniqueFd, HandsItsDescriptorOn) {
+TEST(UniqueFd, MovesItsDescriptor) {
     const int fd = OpenNull();
     const int other = OpenNull();
     {
@@ -59,11 +59,11 @@ TEST(UniqueFd, HandsItsDescriptorOn) {
         EXPECT_EQ(fd, third.Release());
         EXPECT_FALSE(third);
     }
-    EXPECT_TRUE(IsOpen(fd)) << "nobody owns what was released";
+    EXPECT_TRUE(IsOpen(fd)) << "a released descriptor stays open";
     close(fd);
 }
 
-TEST(UniqueFd, ClosesOnceAndTellsTheResult) {
+TEST(UniqueFd, ClosesOnceAndReturnsTheResult) {
     const int fd = OpenNull();
     UniqueFd owner{fd};
     EXPECT_EQ(0, owner.Close());

@@ -37,7 +37,7 @@ TEST(Path, RefusesNullAsTheKernelDoes) {
     EXPECT_STREQ("x", Shown("x"));
 }
 
-TEST(Path, OpensForThisProgramAlone) {
+TEST(Path, OpensWithCloseOnExec) {
     const TempDir dir;
     const std::string path = dir / "file";
     const UniqueFd fd{OpenPath(path.c_str(), O_WRONLY | O_CREAT, 0600)};

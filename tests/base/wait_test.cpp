@@ -27,7 +27,7 @@ struct Pipe {
     UniqueFd writer;
 };
 
-TEST(WaitReady, TellsReadyFromTimeout) {
+TEST(WaitReady, DistinguishesReadyFromTimeout) {
     Pipe pipe;
     EXPECT_EQ(0, WaitReady(pipe.reader.get(), POLLIN, 0));
     EXPECT_EQ(0, WaitReady(pipe.reader.get(), POLLIN, 1));
@@ -50,7 +50,7 @@ TEST(WaitReady, FailsWithoutAnOpenDescriptor) {
     }
 }
 
-TEST(WaitReady, LetsSignalsInByItsMask) {
+TEST(WaitReady, UnblocksSignalsByItsMask) {
     const Pipe pipe;
     struct sigaction note = {};
     note.sa_handler = [](int) {};
