@@ -24,9 +24,10 @@ enum {
  *   ppResult  points to NULL or to a block from malloc, which is reused. Receives the block with
  *             the text and its NUL, which the caller frees.
  *
- * Returns the size of the text in bytes, including the NUL; -1 with *ppResult unchanged when there
- * is no text, or no memory for its first character. When memory runs out later, this is logged, the
- * result is the text so far, and the rest of the source is not read. */
+ * Returns the size of the text in bytes, including the NUL; -1 with *ppResult unchanged when the
+ * source holds nothing but tags, or there is no memory for the first character. When memory runs
+ * out later, this is logged, the result is the text so far, and the rest of the source is not
+ * read. */
 int COM_StripHtmlCode(char *pSrc, char **ppResult);
 
 /* Cuts the first element of a name out of a text, including nested elements of the same name.
@@ -38,9 +39,9 @@ int COM_StripHtmlCode(char *pSrc, char **ppResult);
  *             value is not freed. Unchanged after -1, except NULL when there is no memory.
  *   keepTags  COM_HTML_CONTENT or COM_HTML_WITH_TAGS
  *
- * Tags are only counted, so a stray closing tag before the element hides one opening tag. Returns
- * the size of the result in bytes, including the NUL; -1 when the element is missing, not closed or
- * empty, or there is no memory (logged). */
+ * Opening and closing tags of the name are only counted: after a stray closing tag, the next
+ * opening tag does not begin an element. Returns the size of the result in bytes, including the
+ * NUL; -1 when the element is missing, not closed or empty, or there is no memory (logged). */
 int COM_ExtractHtmlTag(const char *pTag, const char *pHtml, char **ppResult, int keepTags);
 
 #ifdef __cplusplus

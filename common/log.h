@@ -5,11 +5,12 @@
  * name, a source line, a function name if there is one, and a printf text. The text brings its own
  * newline.
  *
- * A line is written in one piece and flushed at once. So it appears once and in order, whether
- * standard output is a terminal, a pipe or a file, and also when the program calls fork or system
- * next. Lines of different threads do not mix.
+ * A line is flushed at once, so lines appear once and in order, whether standard output is a
+ * terminal, a pipe or a file, and even when the program then calls fork or system. Lines of
+ * different threads do not mix.
  *
- * The log keeps errno. A module name and a format must not be NULL. */
+ * Every entry keeps errno. The module name and the format of COM_Log and COM_LogColor must not be
+ * NULL. */
 
 #ifdef __cplusplus
 extern "C" {
@@ -29,7 +30,8 @@ extern "C" {
 int COM_Log(const char *pModule, int line, const char *pFunction, const char *pFormat, ...)
     __attribute__((format(printf, 4, 5)));
 
-/* COM_Log with the line in yellow on a terminal: "\e[33m" before it and "\e[0m" after it. */
+/* COM_Log with "\e[33m" before the line and "\e[0m" after it, always: a terminal shows the line in
+ * yellow. */
 int COM_LogColor(const char *pModule, int line, const char *pFunction, const char *pFormat, ...)
     __attribute__((format(printf, 4, 5)));
 

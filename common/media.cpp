@@ -133,7 +133,7 @@ int COM_FindStartCode(const void *pBuf, int size, int *pNalType) {
     if (pBuf == nullptr || size <= kStartCodeSize) {
         return -1;
     }
-    // The last byte must follow the start code.
+    // At least one byte must follow the start code.
     const auto *bytes = static_cast<const uint8_t *>(pBuf);
     const void *found = memmem(bytes, static_cast<size_t>(size - 1), kStartCode, sizeof kStartCode);
     if (found == nullptr) {

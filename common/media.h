@@ -17,7 +17,8 @@ extern "C" {
 
 /* Returns the content type for a file name, by the extension after its last ".": avi, rpt, txt,
  * log, jpg, jpe, jpeg, gif, bmp, pdf, rar, xml, zip, mpeg, mpg, mpe, mp4, lower case only. Any
- * other extension, none, and NULL give "text/plain". The text is static. Each call is logged. */
+ * other extension, none, and NULL give "text/plain". The result is a constant text. Each call is
+ * logged. */
 const char *COM_GetMimeType(const char *pFileName);
 
 /* Identifiers of narrow-band audio codecs. */
@@ -30,7 +31,7 @@ enum {
     COM_AUDIO_CODEC_G726_32 = 0x4002,
     COM_AUDIO_CODEC_G726_40 = 0x4003,
 
-    COM_AUDIO_CODEC_SECOND = 8, /* the second number of every codec */
+    COM_AUDIO_CODEC_SECOND = 8, /* the value of *pSecond for every name */
 };
 
 /* Returns the identifier of an audio codec by its name in a session description.
@@ -48,8 +49,8 @@ enum {
     COM_DIGEST_QOP_SIZE = 16,   /* bytes for the quality of protection, including the NUL */
 };
 
-/* The challenge of a server that requests Digest authentication. In a program it is the last part
- * of an authentication record; pass the address of that part. */
+/* The challenge of a server that requests Digest authentication. A program's authentication record
+ * ends with it; pass the address of this part. */
 typedef struct tDigestChallenge {
     char realm[COM_DIGEST_VALUE_SIZE];
     char qop[COM_DIGEST_QOP_SIZE];
@@ -65,8 +66,8 @@ static_assert(offsetof(tDigestChallenge, opaque) == 176, "opaque follows the non
  * "WWW-Authenticate: Digest" of a header block (ASCII case is ignored). A parameter that this
  * header does not have is taken from a later one.
  *
- *   pRec  a missing parameter leaves its field unchanged, an empty one empties it, a longer one is
- *         truncated to the field less one byte with a warning
+ *   pRec  a missing parameter leaves its field unchanged, and an empty one empties it. A value that
+ *         does not fit with its NUL is truncated, and a warning is logged
  *
  * Returns 0, or -1 without the header. */
 int COM_ParseDigestChallenge(const char *pHeaders, tDigestChallenge *pRec);
@@ -99,7 +100,7 @@ int COM_FindSeiPayload(const void *pBuf, int size, int *pPayloadType, int *pPayl
 /* Computes the Internet checksum (RFC 1071): the complement of the one's complement sum of the
  * 16-bit words in memory order. A zero byte is added after a last odd byte.
  *
- *   pData  `size` bytes at any address; NULL, or a size of 0 or less, is no bytes (0xFFFF)
+ *   pData  `size` bytes at any address; with NULL, or a size of 0 or less, the result is 0xFFFF
  *
  * Returns the checksum in memory order: stored as a uint16_t, it is the checksum on the wire. For
  * bytes that include their correct checksum it is 0. */

@@ -279,8 +279,8 @@ struct Route {
     in_addr gateway;
 };
 
-// The table prints the four bytes of the address in memory as one number; the same number stored is
-// the address in network byte order.
+// The kernel prints the number that the four bytes of the address form in memory, so storing the
+// number gives network byte order again.
 bool ReadGateway(const char *pFunction, const char *pText, in_addr &gateway) {
     errno = 0;
     char *end = nullptr;
@@ -298,7 +298,8 @@ bool ReadGateway(const char *pFunction, const char *pText, in_addr &gateway) {
     return true;
 }
 
-// Whether the line is a default route with a gateway through the interface of the search.
+// Whether the line is a default route that has a gateway and leaves through the interface searched
+// for.
 bool TakeRoute(const RouteSearch &search, char *pLine, Route &route) {
     enum RouteColumn : size_t { kInterface, kDestination, kGateway, kMask = 7, kRouteColumns };
     constexpr const char *kAny = "00000000";
@@ -313,7 +314,7 @@ bool TakeRoute(const RouteSearch &search, char *pLine, Route &route) {
            route.gateway.s_addr != 0;
 }
 
-// `line` holds the texts of the route that was found.
+// The texts of `route` point into `line`.
 bool FindRoute(const RouteSearch &search, char (&line)[kTableLine], Route &route) {
     const UniqueFile table{OpenStream(kRouteTable, "r")};
     if (!table) {

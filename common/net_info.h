@@ -23,13 +23,13 @@
  *   COLON      at most 18 with the NUL: 00:11:22:AA:BB:CC
  *   BYTES      at most 6: the bytes themselves, without a NUL
  *
- * After a failure the hardware address is 00:00:00:00:00:00 in the flag's form. So every output
- * is well formed, whatever the result. Outputs may be unaligned.
+ * After a failure the hardware address is 00:00:00:00:00:00 in the flag's form. So the output of
+ * every flag that the entry serves is well formed, whatever the result. Outputs may be unaligned.
  *
  * Interface names are NUL-terminated and have at most 15 characters; a longer name is the name of
- * no interface. Only COM_GetNetInfo knows the name "auto". A NULL name is the name of no
- * interface, unless the entry says otherwise. A flag that an entry does not serve is logged and
- * fails. A NULL output is a failure without a message.
+ * no interface. Only COM_GetNetInfo knows the name "auto". A NULL name is the name of no interface,
+ * unless the entry says otherwise. A flag that an entry does not serve is logged and fails. A NULL
+ * output is a failure that is not logged.
  *
  * The kernel's tables are read in lines of at most 255 characters and resolv.conf files in lines
  * of at most 159; what follows in a longer line counts as the next line. */
@@ -121,7 +121,7 @@ enum {
 int COM_GetNetInfo(uint32_t flag, const char *pName, void *pOut);
 
 /* Hardware address of an interface (SIOCGIFHWADDR), COM_NET_MAC_... Returns 0; -1 with the zero
- * address in pOut, or with pOut unchanged when the flag is another. */
+ * address in pOut, or, for a flag of another entry, with pOut unchanged. */
 int COM_GetMAC(uint32_t flag, const char *pIfName, void *pOut);
 
 /* Hardware address of a neighbour from /proc/net/arp, COM_NET_ARP_...
@@ -133,8 +133,8 @@ int COM_GetMAC(uint32_t flag, const char *pIfName, void *pOut);
 int COM_GetArpMAC(uint32_t flag, const char *pAddress, void *pOut);
 
 /* Address, broadcast address or netmask of an interface (SIOCGIFADDR, SIOCGIFBRDADDR,
- * SIOCGIFNETMASK), COM_NET_IP_..., COM_NET_BROADCAST_..., COM_NET_NETMASK_... An interface
- * without an address is a failure without a message.
+ * SIOCGIFNETMASK), COM_NET_IP_..., COM_NET_BROADCAST_..., COM_NET_NETMASK_... An interface without
+ * an address is a failure that is not logged.
  *
  * Returns 0; -1 with the form's failure value in pOut (four zero bytes for another flag). */
 int COM_SubGetNetInfo(uint32_t flag, const char *pIfName, void *pOut);

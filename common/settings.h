@@ -47,16 +47,17 @@ static_assert(offsetof(tXmlDataItem, text) == 96, "the text follows the numbers"
  * keys does not.
  *
  *   pDoc   the document
- *   pItem  the caller sets `name`, and `type` for a document without types. Numbers are read like
- *          strtol reads them and clamped to 32 bits. Values are truncated to 80 characters, the
- *          text of items to 255, with a warning in the log.
+ *   pItem  the caller sets `name`, and `type` for a document without types. Numbers are read as
+ *          strtol(3) reads them, in base 10, and clamped to 32 bits. Values are truncated to 80
+ *          characters, the text of items to 255, with a warning in the log.
  *
  * An attribute that the element does not have is taken from a later element. An attribute that no
  * later element has leaves its field unchanged (`text` of an integer setting is always written).
- * The items end with the element, or before the first one without a name.
+ * The items end with the element, or before the first one with an empty name. An <ITEM> without
+ * `Name=` takes the next name in the document.
  *
- * Returns 0, or -1 when no element has the name, an element before it has no "</DATA>" or no name,
- * or an argument is NULL. */
+ * Returns 0, or -1 when no element has the name, that element or one before it has no "</DATA>" or
+ * no name after it, or an argument is NULL. */
 int COM_ParserXmlData(const char *pDoc, tXmlDataItem *pItem);
 
 #ifdef __cplusplus

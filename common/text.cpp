@@ -21,7 +21,8 @@ namespace {
 
 constexpr size_t kMaxPattern = 256;  // "</tag>" with its NUL
 
-// Compares at every place. docs/decisions/key-search.md has the cost of faster searches.
+// Compares at every place. docs/decisions/key-search.md has the figures, and why no faster search
+// is used.
 const char *FindKey(const char *pText, const char *pKey, size_t keySize) {
     if (keySize == 0) {
         return pText;
@@ -193,7 +194,7 @@ class Rewrite {
     // allows. Returns the size of the new block.
     size_t ResizeFor(size_t needed) {
         constexpr size_t kShort = 256;
-        const size_t roomy = needed + needed / 2;  // below `needed` if it overflows 32 bits
+        const size_t roomy = needed + needed / 2;  // less than `needed` when it wraps around
         if (needed > kShort && roomy > needed && block_.Resize(roomy)) {
             spare_ = true;
             return roomy;

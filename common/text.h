@@ -13,7 +13,7 @@
  *     that does not fit is truncated, "Warning! overflow (len, size) = (%d, %d)" is logged, and the
  *     call succeeds.
  *   - The result is a position in pSrc, or NULL. After NULL, pDst is unchanged unless the entry
- * says otherwise.
+ *     says otherwise.
  *   - With a size of 0 or less the result is NULL. */
 
 #ifdef __cplusplus
@@ -25,8 +25,8 @@ enum {
     COM_XML_ATTRIBUTE_TAG_MAX = 254, /* characters of a tag for COM_GetXMLAttribute */
 };
 
-/* Finds a key, ignoring ASCII case. An empty key is found at the start of any text. The time is at
- * most in proportion to the length of pSrc times the length of pKey.
+/* Finds a key, ignoring ASCII case. An empty key is found at the start of any text. Takes time
+ * proportional to the length of pSrc times the length of pKey in the worst case.
  *
  * Returns the first place of pKey in pSrc, or NULL. */
 const char *COM_StrCaseStr(const char *pSrc, const char *pKey);
@@ -55,8 +55,8 @@ const char *COM_GetStrBeforeSpace(const char *pSrc, const char *pKey, char *pDst
 /* Copies the text from the end of the key to the end of its line, which is the nearer of LF and CR.
  * A last line without LF or CR is not found. An empty value is a success and leaves pDst empty.
  *
- *   pDst  `size` bytes, including the NUL; the warning also shows the key and the first 20
- *         characters of the value (with a size of 0 or less, all text after the key)
+ *   pDst  `size` bytes, including the NUL; the warning also shows the key and at most 20 characters
+ *         of the value, none that is not copied (with a size of 0 or less, all text after the key)
  *
  * Returns the position right after the key, or NULL when the key or the line end is missing. */
 const char *COM_GetStrBeforeEOL(const char *pSrc, const char *pKey, char *pDst, int size);
@@ -123,8 +123,8 @@ int COM_GetTwoNumbers(const char *pBuf, int size, int *pFirst, int *pSecond);
  *   pOld  the text to replace; an empty one replaces nothing
  *   pNew  the replacement
  *
- * pNew must not contain pOld: the call would then not end. pOld and pNew must not lie in the block.
- * When the block cannot grow, this is logged and tried again until it can grow.
+ * pNew must not contain pOld, or the call never ends. pOld and pNew must not lie in the block. When
+ * the block cannot grow, this is logged and tried again until it can grow.
  *
  * Returns the block, which stays the caller's; with a NULL argument pBuf, unchanged. */
 char *COM_ReplaceStr(char *pBuf, const char *pOld, const char *pNew);

@@ -10,7 +10,8 @@
 extern "C" {
 #endif
 
-/* Link-layer destinations. Any other mode is 00:00:00:00:00:00. */
+/* Link-layer destinations (the argument `mode`). Any other number is the destination
+ * 00:00:00:00:00:00. */
 enum {
     COM_UDP_TO_ALL = 0,      /* ff:ff:ff:ff:ff:ff */
     COM_UDP_TO_MULTICAST = 1 /* 01:00:5e:7f:ff:fa, of the group 239.255.255.250 (RFC 1112) */

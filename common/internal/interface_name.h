@@ -5,9 +5,9 @@
 
 namespace talvek {
 
-// Resolves an interface name from a caller. NULL and "auto" name the interface of the default
-// route, which is then stored in `route`, or "eth0" when there is none; any other name is returned
-// unchanged.
+// Resolves an interface name from a caller. For NULL and "auto" returns the interface of the
+// default route, whose name is stored in `route`, or "eth0" without a default route. Returns any
+// other name unchanged.
 const char *ResolveInterface(const char *pName, char (&route)[IFNAMSIZ]);
 
 }  // namespace talvek
