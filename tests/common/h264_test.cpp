@@ -736,7 +736,7 @@ TEST(H264ParseSliceHeader, ReturnsNoneForNull) {
 
 // ---- Any bytes ----
 
-// The rules, written without tricks: first the payload, then bit by bit.
+// The rules in their plainest form: first the payload, then bit by bit.
 class Plain {
   public:
     Plain(const Bytes &raw, size_t start) {

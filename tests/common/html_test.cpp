@@ -68,7 +68,7 @@ std::string StripText(const std::string &source) {
     return Strip(source).text;
 }
 
-// The rule, written without tricks: character after character.
+// The rule in its plainest form, character by character.
 Stripped StripByTheRule(std::string source) {
     enum { kOutside, kTag, kLineBreak } state = kOutside;
     std::string text;
@@ -130,7 +130,7 @@ TEST(StripHtmlCode, StripsWhatTheRuleStrips) {
     }
 }
 
-TEST(StripHtmlCode, StaysWithinATextOfAnyLength) {
+TEST(StripHtmlCode, ReadsNothingAfterTheText) {
     const std::string whole = "<h1>A</h1><br/>b<br>c<BRIEF x=y>d<p>e";
     for (size_t length = 0; length <= whole.size(); ++length) {
         EXPECT_EQ(StripByTheRule(whole.substr(0, length)), Strip(whole.substr(0, length)));
@@ -324,7 +324,7 @@ TEST(ExtractHtmlTag, DoesNotUnderstandCommentsAndQuotes) {
     EXPECT_EQ(kNone, Extract("b", "<!-- <b>1</b> --><b>2</b>", 0));
 }
 
-// The rule, written without tricks: tag after tag.
+// The rule in its plainest form: tag after tag.
 Extracted ExtractByTheRule(const std::string &tag, const std::string &html, bool keep) {
     const auto named = [&](size_t at) {
         const size_t after = at + tag.size();
@@ -376,7 +376,7 @@ TEST(ExtractHtmlTag, FailsForNull) {
     EXPECT_EQ(nullptr, result);
 }
 
-TEST(ExtractHtmlTag, StaysWithinATextOfAnyLength) {
+TEST(ExtractHtmlTag, ReadsNothingAfterTheText) {
     const std::string whole = "<td>1</td><div a=\"b\">x<div>y</div></div>";
     for (size_t length = 0; length <= whole.size(); ++length) {
         const std::string cut = whole.substr(0, length);

@@ -35,7 +35,7 @@ TEST(LogFault, WritesFailedToPrintWithoutMemoryForALongMessage) {
                   const Fault fault{"realloc", 0, ENOMEM};
                   COM_LogColor("COMMON", 1, "func", "%s", text.c_str());
               }));
-    // This line has the form with a function name in any case.
+    // This line always has the form with a function name.
     EXPECT_EQ("COMMON,1:(null)(): Failed to print", Capture([&] {
                   const Fault fault{"realloc", 0, ENOMEM};
                   COM_Log("COMMON", 1, nullptr, "%s", text.c_str());

@@ -86,7 +86,7 @@ TEST(Log, WritesModuleAndLineWithoutFunction) {
     EXPECT_EQ(15, count);
 }
 
-TEST(Log, WritesFunctionWithBrackets) {
+TEST(Log, WritesModuleLineAndFunction) {
     int count = 0;
     EXPECT_EQ("TALVEK,7:TALVEK_Client(): hi\n",
               Capture([&] { count = COM_Log("TALVEK", 7, "TALVEK_Client", "hi\n"); }));

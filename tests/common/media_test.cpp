@@ -228,7 +228,7 @@ TEST(ParseDigestChallenge, TruncatesValuesToTheirFields) {
     }
 }
 
-TEST(ParseDigestChallenge, StaysWithinATextOfAnyLength) {
+TEST(ParseDigestChallenge, ReadsNothingAfterTheText) {
     const std::string whole =
         "WWW-Authenticate: Digest realm=\"r\", qop=\"q\", nonce=\"n\", opaque=\"o\"";
     for (size_t length = 0; length <= whole.size(); ++length) {
@@ -253,7 +253,7 @@ TEST(FindStartCode, FindsFourBytesAndReturnsTheUnitsType) {
     EXPECT_EQ(5, type);
     EXPECT_EQ(3, FindStartCode({9, 0, 1, 0, 0, 0, 1, 0xFF, 0, 0, 0, 1, 1}, &type));
     EXPECT_EQ(31, type);
-    // Any number of zero bytes may precede a start code.
+    // Zero bytes before a start code do not belong to it.
     EXPECT_EQ(2, FindStartCode({0, 0, 0, 0, 0, 1, 0x67}, &type));
     EXPECT_EQ(7, type);
 }

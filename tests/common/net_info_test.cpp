@@ -120,7 +120,7 @@ std::vector<MacForm> NeighbourMacForms() {
     };
 }
 
-// The same form of the address 00:00:00:00:00:00.
+// The address 00:00:00:00:00:00 in the same form.
 std::string Zeroed(std::string expected) {
     const bool text = expected.back() == '\0';
     for (char &c : expected) {
@@ -179,9 +179,9 @@ TEST(Mac, RefusesOtherFlags) {
     }
 }
 
-// Interface names have at most 15 characters. A longer name must not be answered for the interface
-// that has its first 15.
-TEST(InterfaceNames, AreNotCut) {
+// Interface names have at most 15 characters. A longer name must not be taken as the interface
+// whose name is its first 15 characters.
+TEST(InterfaceNames, OfMoreThan15CharactersAreUnknown) {
     RunInPrivateWorld(kNetwork, [] {
         RunCommand("ip link add abcdefghijklmno address 02:00:00:00:00:01 type veth peer name far");
         CaptureLog([] {
@@ -421,7 +421,7 @@ TEST(Addresses, ArePaddedToThreeDigits) {
     });
 }
 
-TEST(Addresses, AreThePrimaryOneOrThatOfALabel) {
+TEST(Addresses, ArePrimaryUnlessALabelIsNamed) {
     RunInPrivateWorld(kNetwork, [] {
         MakeLink();
         RunCommand(
@@ -727,7 +727,7 @@ TEST(RouteTable, IsLoggedWhenMissing) {
                       EXPECT_EQ(-1, COM_GetDefaultRoute(name.text()));
                       EXPECT_TRUE(name.UntouchedFrom(0));
                   }));
-        // The peer is asked for even so; that of loopback is its own address.
+        // The peer is requested nevertheless; the peer of loopback is its own address.
         EXPECT_EQ((Lines{"COMMON:COM_SubGetGateway(): fopen(/proc/net/route) : No such file or "
                          "directory"}),
                   CaptureLog([] {

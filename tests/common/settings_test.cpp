@@ -199,7 +199,7 @@ TEST(ParserXmlData, TakesANameFromALaterElement) {
     EXPECT_EQ(1, r.item->value);
 }
 
-TEST(ParserXmlData, EndsTheItemsBeforeOneWithoutAName) {
+TEST(ParserXmlData, EndsTheItemsBeforeAnEmptyName) {
     Record r{"A"};
     EXPECT_EQ(0, r.Parse("<DATA Name=\"A\"><ITEM Name=\"x\"/><ITEM Name=\"\"/><ITEM Name=\"y\"/>"
                          "</DATA>"));
@@ -329,7 +329,7 @@ std::string Quoted(const std::string &doc, size_t from, const std::string &key, 
     return doc.substr(opening + 1, closing - opening - 1);
 }
 
-// The rule, written without tricks: fills a record that names a setting.
+// The rule in its plainest form: fills a record that names a setting.
 int ParseByTheRule(const std::string &doc, tXmlDataItem &item) {
     size_t data = 0;
     size_t end = 0;

@@ -114,7 +114,7 @@ TEST(ReplaceStrFault, WaitsForMemoryWithoutFloodingTheLog) {
     waitpid(child, nullptr, 0);
 }
 
-TEST(ScrapingFault, LeaksNothingWhateverFails) {
+TEST(ScrapingFault, LeaksNothingWhicheverCallFails) {
     EXPECT_GE(EveryCallFails(ENOMEM,
                              [] {
                                  char dst[5];

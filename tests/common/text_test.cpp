@@ -19,7 +19,7 @@ namespace {
 
 using namespace talvek::test;
 
-// The rule, written without tricks: every start in turn.
+// The rule in its plainest form: every start in turn.
 const char *SearchByTheRule(const char *pSrc, const char *pKey) {
     const size_t keySize = strlen(pKey);
     const char *end = pSrc + strlen(pSrc);
@@ -661,7 +661,7 @@ TEST(Scraping, FindsAnEmptyKeyAtTheStartOfTheText) {
 
 // A header block truncated at every length: a value is found only if it is complete, and no byte
 // after the text is read.
-TEST(Scraping, StaysWithinATextOfAnyLength) {
+TEST(Scraping, ReadsNothingAfterTheText) {
     const std::string whole =
         "HTTP/1.1 200 OK\r\nKey=\"a b\" 'c' d\r\n<Key x=\"1\"/><Key>v</Key>\r\n";
     const Getter getters[] = {COM_GetStrInDoubleQuotes, COM_GetStrInSingleQuotes,
@@ -759,7 +759,7 @@ TEST(GetTwoNumbers, ReadsNumbersOfAnyLength) {
     }
 }
 
-// The rule, written without tricks: a run is collected, and the character that ends it is dropped.
+// The rule in its plainest form: a run is collected, and the character that ends it is dropped.
 Numbers ReadByTheRule(const std::string &text) {
     Numbers n{0, kUnset, kUnset};
     std::string run;
@@ -829,7 +829,7 @@ std::string Replace(const std::string &text, const char *pOld, const char *pNew)
     return result;
 }
 
-// The rule, written without tricks: one occurrence after the other, each search from the last one.
+// The rule in its plainest form: one occurrence after the other, each search from the last one.
 std::string ReplaceByTheRule(std::string text, const std::string &old, const std::string &with) {
     for (size_t at = text.find(old); at != std::string::npos; at = text.find(old, at)) {
         text.replace(at, old.size(), with);
