@@ -14,21 +14,21 @@
  *     device lists and track details are printed there without that prefix, in order with the log
  *     lines around them.
  *   - errno means nothing after a call; the log line has the reason.
- *   - A device path that an entry only writes into log lines may be NULL and then counts as empty.
- *     Any other NULL makes the entry fail and is logged.
- *   - After a failure an output holds what it held before.
+ *   - A device path that is only logged may be NULL and then counts as empty. Any other NULL makes
+ *     the entry fail; most entries log it.
+ *   - After a failure outputs are unchanged.
  *   - Texts are NUL-terminated. Sizes are in bytes and count the NUL. A text that does not fit its
  *     buffer is cut, and a warning is logged. KB means 1024 bytes.
  *   - Buffers and records belong to the caller. A descriptor that the caller passes stays open.
- *     Descriptors that an entry opens are closed before it returns, and in programs executed
- *     meanwhile (O_CLOEXEC).
+ *     Descriptors that an entry opens are closed before it returns; programs that are executed in
+ *     the meantime do not inherit them (O_CLOEXEC).
  *   - Bytes from a device are never used as a length without a check. A reply is as long as the
  *     request; a field beyond its end, and bytes that the device did not send, read as 0.
  *   - Calls may run in several threads at once, but two threads must not use one descriptor at the
  *     same time. Cancellation of a thread waits until a call is over.
  *   - An entry uses at most 12 KiB of stack. Entries that use DEV_REPLY_SIZE bytes more say so.
  *
- * The headers are plain C11 and can be read by C++. */
+ * The headers are plain C11 that C++ can include too. */
 
 #include "device.h"
 #include "disk_stat.h"

@@ -33,8 +33,8 @@ bool EndsInDigit(const char *pText) {
     return length > 0 && talvek::IsDigit(pText[length - 1]);
 }
 
-// The names that a device is tried with: nine partitions first, unless its name ends in a digit,
-// then the name itself.
+// The names to mount a device by: its nine partitions, unless its name ends in a digit, and then
+// the name itself.
 class Candidates {
   public:
     static constexpr int kMaxCount = 10;
@@ -103,8 +103,8 @@ class ShellCommand {
   public:
     void Put(const char *pText) { Put(pText, strlen(pText)); }
 
-    // Adds one word. Between single quotes a shell changes no character; a quote itself is written
-    // outside of them.
+    // Adds one word. Between single quotes a shell leaves every character unchanged. A single quote
+    // itself is written as '\''.
     void PutWord(const char *pWord) {
         constexpr const char *kPlain =
             "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:,@%+=";
@@ -178,7 +178,7 @@ bool IsMountable(const char *pSrc, const char *pDir) {
     return true;
 }
 
-// Unmounts by `unmount`, whose failure is logged as `pCall`, and notifies an NFS server.
+// Calls `unmount`, which is called pCall in the log, and notifies the server of an NFS mount.
 template <typename Unmount>
 int UnmountAndNotify(const char *pFunction, const char *pCall, const char *pDir, Unmount unmount) {
     const talvek::CancelGuard guard;

@@ -15,8 +15,8 @@ extern "C" {
  *   pDir     an existing directory
  *   fsIndex  DEV_FS_XFS to DEV_FS_TMPFS (file_system.h): mounts with this type and its flags and
  *            options. Of a disk "/dev/sdb", "/dev/sdb0" to "/dev/sdb8" and then "/dev/sdb" are
- *            tried. With DEV_FS_NFS, pSrc must be an export; with another row an export counts as a
- *            device.
+ *            tried. With DEV_FS_NFS, pSrc must be an export. With another row, a name with ':' is
+ *            the name of a device.
  *            DEV_FS_DETECT or greater: tries every supported file system in the order of the table.
  *            For each of them, "/dev/sdb1" to "/dev/sdb9" and then "/dev/sdb" are tried, as far as
  *            Dev_CheckPartition (mount_table.h) finds them.
@@ -28,7 +28,7 @@ extern "C" {
  *   struct statfs st;
  *   if (Dev_Mount("/dev/sdb", pDir, DEV_FS_DETECT) == 0 && statfs(pDir, &st) == 0 &&
  *       st.f_type == DEV_FS_TYPE_TMPFS) {
- *       Dev_uMount(pDir);   // no file system of the device
+ *       Dev_uMount(pDir);   // the device has no file system that can be mounted
  *   }
  *
  * An export is mounted with this command, run by system(3):
@@ -36,29 +36,30 @@ extern "C" {
  * A name with characters that the shell would interpret is quoted. If a name begins with '-', "--"
  * precedes the names. A name is therefore never a command or an option.
  *
- * Returns 0 when a mount succeeded, else -1, for a row other than DEV_FS_NFS with the errno of the
- * last mount(2). For an export, returns the result of system: 0, or the wait status of /bin/mount,
- * or -1. */
+ * Returns 0 when a mount succeeded, else -1. With a row other than DEV_FS_NFS, errno is then that
+ * of the last mount(2). For an export, returns the result of system(3): 0, the wait status of
+ * /bin/mount, or -1. */
 int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex);
 
 /* Unmounts what is mounted on a directory. When that was an NFS mount (type "nfs", whose servers
  * keep a list of mounts; not "nfs4"), its server is notified by the UMNT call of the MOUNT
  * protocol, version 3 (RFC 1813, appendix I): over TCP if the mount's options say so and a
- * connection is possible, else over UDP. The result does not depend on it. What fails is reported
- * on standard error, each time with a reason as RPC programs give it ("RPC: Program not
+ * connection is possible, else over UDP. The result does not depend on it. The mount is looked up
+ * by pDir as the mount table spells it; slashes at the end of pDir are ignored. What fails is
+ * reported on standard error, each time with a reason as RPC programs give it ("RPC: Program not
  * registered"):
  *
  *   "Cannot MOUNTPROG RPC (tcp): ..."  no mount daemon to connect to over TCP; UDP is tried
  *   "Cannot MOUNTPROG RPC: ..."        no mount daemon to send to over UDP
  *   "Bad UMNT RPC: ..."                the call failed
  *
- * A log line says why when the server is not called at all: it has no IPv4 address; the export does
- * not fit DEV_MOUNT_TEXT_SIZE, so that its path would be sent cut; or the options do not fit the
- * mount entry and the server's address (addr=) is not wholly in the part that does.
+ * The server is not called, and a log line says why, when it has no IPv4 address; when the export
+ * does not fit DEV_MOUNT_TEXT_SIZE, so that its path would be truncated; or when the options do not
+ * fit tMountEntry and the address of the server (addr=) may be truncated.
  *
- * Each call takes 3 seconds at most, its connection included, and the notification 9 seconds. When
- * the mount table has the server's name instead of its address, the look-up counts too, but may
- * take longer: getaddrinfo(3) has no time limit to set.
+ * Each call ends after at most 3 seconds, including its connection, and the whole notification
+ * after 9. If the mount table has the name of the server instead of its address, the name is looked
+ * up first. That time counts, but has no limit of its own, since getaddrinfo(3) accepts none.
  *
  * Returns what umount(2) returned: 0, or -1 with the failure logged. NULL is not logged. */
 int Dev_uMount(const char *pDir);

@@ -47,8 +47,8 @@ int FindMountPoint(const char *pFunction, const char *pDev, char *pMountPoint, u
     return -1;
 }
 
-// Whether a line of /proc/partitions, "major minor #blocks name", has this name. The heading and
-// the empty line after it have no numbers.
+// Whether a line of /proc/partitions, "major minor #blocks name", is that of the partition
+// `pWanted`. The heading and the empty line after it have no numbers.
 bool HasPartition(const char *pLine, const char *pWanted) {
     constexpr const char *kBlanks = " \t";
     for (int number = 0; number < 3; ++number) {

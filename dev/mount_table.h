@@ -40,8 +40,8 @@ int Dev_nGetMPT(const char *pDev, char *pMountPoint, unsigned n);
 /* Dev_nGetMPT with DEV_MPT_PREFIX. */
 int Dev_GetMPT(const char *pDev, char *pMountPoint);
 
-/* Finds the device that is mounted on a directory. If several are mounted there, it is the last
- * one, which hides the others.
+/* Finds the device that is mounted on a directory. Of several devices that are mounted there, the
+ * last one, which hides the others.
  *
  *   pDev         DEV_MOUNT_TEXT_SIZE bytes for the device
  *   pMountPoint  the directory, spelled as in the mount call
@@ -49,8 +49,8 @@ int Dev_GetMPT(const char *pDev, char *pMountPoint);
  * Returns 0, or -1 when nothing is mounted there. */
 int Dev_GetDevViaMount(char *pDev, const char *pMountPoint);
 
-/* The whole entry of the mount on the directory pKey; if several are mounted there, of the last
- * one. Slashes at the end of pKey are ignored. Returns 0, or -1 when nothing is mounted there. */
+/* Finds the entry of the mount on the directory pKey; of several mounts there, the last one.
+ * Slashes at the end of pKey are ignored. Returns 0, or -1 when nothing is mounted there. */
 int Dev_GetEntryViaMtab(const char *pKey, tMountEntry *pEntry);
 
 /* Whether the kernel lists a partition or a disk. Only the last component of pName is used:

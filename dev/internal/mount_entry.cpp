@@ -37,7 +37,7 @@ void DecodeEscapes(char *pText) {
     *pTo = '\0';
 }
 
-// An empty text when the line has no more.
+// Cuts the next field off the line; it is empty at the end of the line.
 const char *NextField(char **ppRest) {
     char *pField = *ppRest + strspn(*ppRest, " \n");
     char *pEnd = pField + strcspn(pField, " \n");

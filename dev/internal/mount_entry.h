@@ -9,7 +9,7 @@
 
 namespace talvek {
 
-// One mount, its texts without the kernel's escapes. What a line does not have is an empty text.
+// One mount, with the kernel's escapes decoded. A field that the line lacks is empty.
 struct MountLine {
     const char *device;
     const char *mountPoint;
@@ -21,7 +21,7 @@ struct MountLine {
 // longer than 256 characters, and the server's address is the last of them.
 class MountReader {
   public:
-    // A file that cannot be opened is logged for the entry `pFunction` and has no lines.
+    // Logs for the entry `pFunction` when the file cannot be opened; there are no lines then.
     explicit MountReader(const char *pFunction);
 
     // The next line that has a device and a mount point. Its texts are valid until the next call.
@@ -39,8 +39,8 @@ struct CutFields {
     bool options = false;
 };
 
-// Finds the mount on a directory and logs, both as Dev_GetEntryViaMtab does. False leaves `entry`
-// and `cut` unchanged.
+// Finds the mount on a directory as Dev_GetEntryViaMtab does, and logs in its name. False leaves
+// `entry` and `cut` unchanged.
 bool FindMountEntry(const char *pDir, tMountEntry &entry, CutFields &cut);
 
 }  // namespace talvek

@@ -41,7 +41,8 @@ const char *FindOption(const char *pOptions, const char *pName) {
     return nullptr;
 }
 
-// Whether a value is the whole one: the entry holds the first part of long options.
+// Whether an option's value is complete. Of options that do not fit, the entry has the first part,
+// so the last value may be truncated.
 bool IsWhole(const NfsMount &mount, const char *pValue) {
     return pValue != nullptr && (!mount.cut.options || strchr(pValue, ',') != nullptr);
 }
@@ -52,8 +53,8 @@ in_port_t MountPort(const NfsMount &mount) {
     return port > 0 && port <= UINT16_MAX ? static_cast<in_port_t>(port) : 0;
 }
 
-// The kernel writes the server's address in digits. A name is looked up without a deadline of ours,
-// since getaddrinfo takes none.
+// The kernel writes the address of the server as a number. A name is looked up without a deadline,
+// since getaddrinfo accepts none.
 bool Resolve(const char *pName, size_t length, sockaddr_in &address) {
     char name[sizeof(tMountEntry::options)];
     snprintf(name, sizeof name, "%.*s", static_cast<int>(length), pName);
@@ -68,7 +69,7 @@ bool Resolve(const char *pName, size_t length, sockaddr_in &address) {
     return true;
 }
 
-// Makes a call in its own time and what is left of the whole.
+// Makes a call that ends after kCallMs, or at the deadline of the whole if that comes first.
 rpc::Outcome CallPort(int type, sockaddr_in address, in_port_t port, rpc::CallMessage &call,
                       uint32_t *pResult, const Deadline &whole) {
     address.sin_port = htons(port);
@@ -113,8 +114,8 @@ const char *FindServer(const NfsMount &mount, sockaddr_in &address) {
     return found ? nullptr : "no IPv4 address";
 }
 
-// Makes the call over TCP or UDP. False, with the failure reported, when there is no connection to
-// a mount daemon.
+// Calls UMNT over TCP or UDP. Returns false, after the failure was reported, when the mount daemon
+// cannot be reached.
 bool CallUmnt(int type, const sockaddr_in &address, const NfsMount &mount, const Deadline &whole) {
     const bool tcp = type == SOCK_STREAM;
     in_port_t port = MountPort(mount);
@@ -146,7 +147,7 @@ void NotifyNfsServer(const char *pFunction, const NfsMount &mount) {
     sockaddr_in address;
     const char *pReason = FindServer(mount, address);
     if (pReason != nullptr) {
-        LOG_AS(pFunction, "the server of %s was not told : %s\n", mount.entry.device, pReason);
+        LOG_AS(pFunction, "the server of %s was not notified : %s\n", mount.entry.device, pReason);
         return;
     }
     const bool tcp = strstr(pOptions, "tcp") != nullptr && strstr(pOptions, "notcp") == nullptr;

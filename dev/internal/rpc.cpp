@@ -72,8 +72,8 @@ constexpr size_t Padded(size_t size) {
     return (size + 3) / 4 * 4;
 }
 
-// Without the right to use these ports, or with all of them in use, the kernel chooses a port.
-// Below 600 are most of the ports of well-known services.
+// Binds to a port from 600 to 1023; most well-known services have ports below 600. When none may be
+// used or all are in use, the kernel chooses a port at connect.
 void BindReservedPort(int fd) {
     constexpr int64_t kFirst = 600;
     constexpr int64_t kCount = IPPORT_RESERVED - kFirst;
@@ -89,7 +89,8 @@ void BindReservedPort(int fd) {
     }
 }
 
-// 0, or an errno: ETIMEDOUT at the deadline, also when the peer never stops sending.
+// Waits until the socket is ready. Returns 0 or an errno: ETIMEDOUT at the deadline, even if the
+// peer never stops sending.
 int Await(int fd, short events, const Deadline &end) {
     for (int64_t left = end.LeftMs(); left > 0; left = end.LeftMs()) {
         const int ready = WaitReady(fd, events, left);
@@ -140,7 +141,8 @@ Outcome AwaitReply(int fd, bool stream, uint32_t xid, uint32_t *pResult, const D
     return {.status = RPC_CANTDECODERES};
 }
 
-// Joins the fragments of the first record of a stream. False when it is not complete.
+// Joins the fragments of the first record of a stream. Returns false when it is incomplete or
+// longer than a reply.
 bool JoinFragments(std::span<const uint8_t> stream, uint8_t (&record)[kMaxReply], size_t &size) {
     BigEndianReader reader{stream};
     size = 0;
@@ -187,7 +189,7 @@ Outcome ReadDenied(BigEndianReader &reply) {
     return {.status = RPC_FAILED};
 }
 
-// What follows the reason.
+// Formats what follows the reason, such as "; errno = ...".
 void FormatDetail(const Outcome &outcome, char *pText, size_t size) {
     const char *pError = strerror(outcome.error);
     switch (outcome.status) {
@@ -298,12 +300,12 @@ Outcome Call(int type, const sockaddr_in &server, CallMessage &call, uint32_t *p
         return {.status = RPC_SYSTEMERROR, .error = errno};
     }
     BindReservedPort(fd.get());
-    // Connected, a UDP socket takes datagrams of this server alone and reports ICMP errors.
+    // A connected UDP socket receives datagrams of this server only, and reports ICMP errors.
     const int error = Connect(fd.get(), server, end);
     if (error != 0) {
         return {.status = stream ? RPC_SYSTEMERROR : RPC_CANTSEND, .error = error};
     }
-    // TCP repeats what is lost itself, so the first wait lasts to the end.
+    // TCP itself repeats what is lost, so one wait lasts until the deadline.
     for (int64_t wait = stream ? end.LeftMs() : kFirstRepeatMs;; wait *= 2) {
         // The empty buffer of a new socket takes the whole message.
         if (send(fd.get(), message.data(), message.size(), MSG_NOSIGNAL) < 0) {

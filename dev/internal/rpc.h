@@ -14,7 +14,7 @@
 
 namespace talvek::rpc {
 
-// How a call ended, by the names of RPC libraries.
+// How a call ended; the names are those of clnt_stat in RPC libraries.
 enum Status : uint8_t {
     // clang-format off
     RPC_SUCCESS, RPC_CANTENCODEARGS, RPC_CANTDECODERES, RPC_CANTSEND, RPC_CANTRECV, RPC_TIMEDOUT,
@@ -30,7 +30,7 @@ struct Outcome {
     uint32_t why = 0;            // auth_stat
     Status cause = RPC_SUCCESS;  // of RPC_PMAPFAILURE
 
-    // There was no socket or connection to call the server through.
+    // The call failed before anything was sent: no socket or no connection.
     [[nodiscard]] bool unconnected() const { return status == RPC_SYSTEMERROR && error != 0; }
 };
 
@@ -45,7 +45,7 @@ class CallMessage {
     void AddOpaque(const void *pBytes, size_t size);
 
     [[nodiscard]] uint32_t xid() const { return xid_; }
-    // The message, in a stream with its record mark (RFC 5531, 11); empty when it does not fit.
+    // The message; for a stream, after its record mark (RFC 5531, 11). Empty when it did not fit.
     [[nodiscard]] std::span<const uint8_t> Bytes(bool stream);
 
   private:
@@ -64,8 +64,8 @@ class CallMessage {
 Outcome Call(int type, const sockaddr_in &server, CallMessage &call, uint32_t *pResult,
              const Deadline &end);
 
-// Reads the reply to the call `xid` from a datagram, or from what has come of a stream so far.
-// False when the datagram is not that reply or the stream needs more.
+// Reads the reply to the call `xid` from a datagram, or from the bytes received so far from a
+// stream. Returns false when the datagram is another one or the stream has to be read on.
 bool ReadReply(std::span<const uint8_t> bytes, bool stream, uint32_t xid, uint32_t *pResult,
                Outcome &outcome);
 

@@ -62,7 +62,8 @@ TEST(MountFault, TheTableSurvivesEveryFailure) {
 TEST(MountFault, MountingSurvivesEveryFailure) {
     WithDisks([] {
         Capture([] {
-            // A mount that stays after a failed unmount is in the run's own namespace.
+            // Each run has its own namespace, which also holds a mount that a failed unmount
+            // leaves.
             EveryCallFails(ENOMEM, [] {
                 ASSERT_EQ(0, unshare(CLONE_NEWNS));
                 if (Dev_Mount("/dev/sda1", "/mnt", DEV_FS_DETECT) == 0) {
@@ -93,7 +94,7 @@ TEST(CheckPartitionFault, LogsAFailedRead) {
 
 TEST(CheckPartitionFault, LogsAFailedLseek) {
     WithDisks([] {
-        // More than one block, so that a line is cut by its end.
+        // More than one block, so that the end of a block cuts a line.
         std::string list = "major minor  #blocks  name\n\n";
         for (int i = 0; i < 1000; ++i) {
             list += " 259 " + std::to_string(i) + " 1024 disk" + std::to_string(i) + "\n";

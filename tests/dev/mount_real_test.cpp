@@ -41,7 +41,7 @@ void ExpectMounts(const std::string &dev, unsigned index, const std::string &typ
     ASSERT_EQ(0, Dev_GetEntryViaMtab("/mnt", &entry));
     EXPECT_NE(nullptr, strstr(entry.options, "noatime")) << entry.options;
     EXPECT_EQ(0, Dev_uMount("/mnt"));
-    EXPECT_EQ("tmpfs", TypeAt("/mnt"));  // that of the test, which was hidden
+    EXPECT_EQ("tmpfs", TypeAt("/mnt"));  // the test's own tmpfs, which the mount hid
 }
 
 TEST_F(RealMount, MountsEachFileSystemByItsRow) {
@@ -61,8 +61,8 @@ TEST_F(RealMount, MountsEachFileSystemByItsRow) {
     });
 }
 
-// It is the first row of the table whose driver accepts the device. The driver of ext4 accepts
-// ext3; it does not accept ext2 with the options of ext4's row.
+// The type found is that of the first row whose driver accepts the device. The driver of ext4
+// accepts ext3; it does not accept ext2 with the options of ext4's row.
 TEST_F(RealMount, DetectsTheFileSystem) {
     Run([] {
         const std::vector<std::pair<std::string, std::string>> types = {
@@ -115,7 +115,7 @@ TEST_F(RealMount, MountsATmpfsForADiskWithoutAKnownFileSystem) {
     });
 }
 
-// As the header says how a caller finds out.
+// The check that dev/mount.h recommends.
 TEST_F(RealMount, StatfsReportsADetectedTmpfs) {
     Run([] {
         struct statfs st;

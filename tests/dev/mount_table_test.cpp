@@ -35,7 +35,7 @@ void WithMounts(const std::string &mounts, const std::function<void()> &body) {
     WithProc(mounts, "", body);
 }
 
-// The text that a look-up writes between canaries, or "-1".
+// The text that a look-up returns, or "-1" after a failure. Canaries lie around its buffer.
 template <typename LookUp>
 std::string TextOf(LookUp lookUp) {
     CanaryBuf out{DEV_MOUNT_TEXT_SIZE};

@@ -1,4 +1,4 @@
-// The calls that mounting and unmounting make.
+// Which system calls Dev_Mount and Dev_uMount make.
 
 #include "dev/mount.h"
 
@@ -34,7 +34,8 @@ struct MountCall {
     bool operator==(const MountCall &) const = default;
 };
 
-// Functions that replace the calls; without one the real call is made. g_calls are those of mount.
+// Functions that replace system calls; without one the real call is made. g_calls records the calls
+// of mount.
 std::function<int(const MountCall &)> g_mount;
 std::function<int(const std::string &, int)> g_umount;
 std::function<int(const std::string &)> g_system;

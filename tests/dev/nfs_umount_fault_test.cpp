@@ -25,14 +25,14 @@ using Lines = std::vector<std::string>;
 
 constexpr in_port_t kPort = 20048;
 
-// Servers over TCP and UDP, in a process of their own, in which no call fails.
+// Runs `body` with servers over TCP and UDP in another process, where no call is made to fail.
 void WithServer(const std::function<void()> &body) {
     WithLoopback([&] {
         int ready[2];
         ASSERT_EQ(0, pipe(ready));
         const pid_t server = fork();
         if (server == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);  // the server ends with a body that crashes too
+            prctl(PR_SET_PDEATHSIG, SIGKILL);  // the server ends even when the body crashes
             const RpcPeer tcp{SOCK_STREAM, kPort, RpcPeer::Accept};
             const RpcPeer udp{SOCK_DGRAM, kPort, RpcPeer::Accept};
             close(ready[1]);
@@ -82,8 +82,8 @@ TEST(NfsUmountFault, SurvivesEveryFailure) {
     });
 }
 
-// The first failing call ends the call over TCP; whether it is made over UDP then depends on
-// whether the server may have got it.
+// The first failure ends the call over TCP. The call is repeated over UDP only when nothing can
+// have reached the server.
 TEST(NfsUmountFault, FallsBackToUdpWhenThereIsNoConnection) {
     for (const char *pCall : {"socket", "connect", "getsockopt", "ppoll"}) {
         WithServer([&] {
@@ -122,7 +122,7 @@ TEST(NfsUmountFault, ReportsThatThePortmapperCannotBeAsked) {
     });
 }
 
-// Without these the server is notified nevertheless.
+// The server is notified even when these calls fail.
 TEST(NfsUmountFault, NeedsNoReservedPortAndNoFullCredential) {
     WithServer([] {
         for (const char *pOptions : {kOverTcp, kOverUdp}) {
@@ -134,7 +134,7 @@ TEST(NfsUmountFault, NeedsNoReservedPortAndNoFullCredential) {
     });
 }
 
-TEST(NfsUmountFault, WaitsOnAfterASignalOrAnEmptyRead) {
+TEST(NfsUmountFault, ContinuesToWaitAfterASignalOrAnEmptyRead) {
     WithServer([] {
         for (const char *pOptions : {kOverTcp, kOverUdp}) {
             EXPECT_EQ("", NotifyWith(pOptions, "ppoll", 0, EINTR));
@@ -144,8 +144,9 @@ TEST(NfsUmountFault, WaitsOnAfterASignalOrAnEmptyRead) {
 }
 
 TEST(NfsUmountFault, LogsANameThatCannotBeLookedUp) {
-    EXPECT_EQ((Lines{"DEV:Dev_uMount(): the server of srv:/export was not told : no IPv4 address"}),
-              LogLines(NotifyWith(kOverTcp, "getaddrinfo", 0, EAGAIN)));
+    EXPECT_EQ(
+        (Lines{"DEV:Dev_uMount(): the server of srv:/export was not notified : no IPv4 address"}),
+        LogLines(NotifyWith(kOverTcp, "getaddrinfo", 0, EAGAIN)));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// What an NFS server gets when its export is unmounted. The kernel of a test machine may have no
-// NFS, so /proc/mounts is of the test's own and umount is only said to have worked; the servers and
-// the wire are real.
+// What an NFS server gets when its export is unmounted. The kernel of a test machine may lack NFS,
+// so the test writes /proc/mounts itself and replaces umount by a function that succeeds. The
+// servers and the network are real.
 
 #include "dev/internal/nfs_umount.h"
 
@@ -101,8 +101,8 @@ void InWorld(const std::function<void()> &body) {
     });
 }
 
-// An NFS mount on /mnt with this device and these options is unmounted in a child that has the
-// /proc it takes. Returns what was written on standard output and standard error.
+// Unmounts an NFS mount on /mnt with this device and these options, in a child with its own
+// /proc/mounts. Returns what was written to standard output and standard error.
 std::string UnmountWith(const std::string &device, const std::string &options,
                         const std::function<int(const char *)> &unmount = Dev_uMount) {
     return CaptureAll([&] {
@@ -231,16 +231,19 @@ TEST(NfsUmount, LogsAServerWithoutIpv4Address) {
         for (const char *pAddress :
              {"addr=fe80::1", "addr=", "addr=no.such.name.invalid", "addr=127.0.0.1.5"}) {
             const Lines lines = LogLines(UnmountWith("s:/x", pAddress));
-            EXPECT_EQ(Lines{"DEV:Dev_uMount(): the server of s:/x was not told : no IPv4 address"},
-                      lines)
+            EXPECT_EQ(
+                Lines{"DEV:Dev_uMount(): the server of s:/x was not notified : no IPv4 address"},
+                lines)
                 << pAddress;
         }
-        EXPECT_EQ(Lines{"DEV:Dev_uMount(): the server of device was not told : no IPv4 address"},
-                  LogLines(UnmountWith("device", "addr=127.0.0.1")));
         EXPECT_EQ(
-            Lines{"DEV:Dev_uMount(): the server of [fe80::1]:/x was not told : no IPv4 address"},
+            Lines{"DEV:Dev_uMount(): the server of device was not notified : no IPv4 address"},
+            LogLines(UnmountWith("device", "addr=127.0.0.1")));
+        EXPECT_EQ(
+            Lines{
+                "DEV:Dev_uMount(): the server of [fe80::1]:/x was not notified : no IPv4 address"},
             LogLines(UnmountWith("[fe80::1]:/x", "rw")));
-        // Longer than any name, and than the buffer it goes to.
+        // Longer than any host name, and than the buffer that it is copied to.
         EXPECT_EQ(1u, LogLines(UnmountWith("s:/x", "addr=" + std::string(900, '1'))).size());
     });
 }
@@ -341,7 +344,7 @@ TEST(NfsUmount, ReportsWhatThePortmapperRefuses) {
     });
 }
 
-// The portmapper is asked without a credential (RFC 1833, 3 asks for none).
+// The call to the portmapper has no credential; RFC 1833, 3 requires none.
 TEST(NfsUmount, AsksThePortmapperWithoutACredential) {
     InWorld([] {
         RpcPeer portmapper{SOCK_DGRAM, kPortmapPort,
@@ -413,7 +416,7 @@ TEST(NfsUmount, ReportsWhatTheServerRefuses) {
 
 // ---- Time
 
-// A listener whose queue is full drops what comes; the connection is given up after 3 seconds.
+// A listener whose queue is full drops new connections; the attempt ends after 3 seconds.
 TEST(NfsUmount, FallsBackToUdpWhenTheConnectionTakesTooLong) {
     InWorld([] {
         const int listener = BoundSocket(SOCK_STREAM, kPort);
@@ -433,7 +436,7 @@ TEST(NfsUmount, FallsBackToUdpWhenTheConnectionTakesTooLong) {
     });
 }
 
-TEST(NfsUmount, GivesUpASilentServerAfter3Seconds) {
+TEST(NfsUmount, EndsTheCallOfASilentServerAfter3Seconds) {
     InWorld([] {
         RpcPeer tcp{SOCK_STREAM, kPort, RpcPeer::StaySilent};
         RpcPeer udp{SOCK_DGRAM, kPort, RpcPeer::StaySilent};
@@ -461,8 +464,8 @@ TEST(NfsUmount, GivesUpASilentPortmapperAfter3SecondsEachTime) {
     });
 }
 
-// Each wait takes 2.6 seconds: for the port over TCP, for the connection, which is refused, and for
-// the port over UDP. For the last call 1.2 seconds are left.
+// Three waits take 2.6 seconds each: for the TCP port, for the connection, which is refused, and
+// for the UDP port. The last call has 1.2 seconds left.
 TEST(NfsUmount, EndsAfter9SecondsAltogether) {
     InWorld([] {
         RpcPeer portmapper{SOCK_DGRAM, kPortmapPort,
@@ -492,7 +495,7 @@ TEST(NfsUmount, EndsAfter9SecondsAltogether) {
     });
 }
 
-// A look-up cannot be ended, but what it takes is taken from the rest.
+// A look-up has no deadline, but its time is subtracted from the 9 seconds.
 TEST(NfsUmount, CountsTheLookUpOfAName) {
     InWorld([] {
         RpcPeer udp{SOCK_DGRAM, kPort, RpcPeer::StaySilent};
@@ -519,11 +522,12 @@ TEST(NfsUmount, SendsAPathWholeOrNotAtAll) {
         ExpectUmntOf(fits, tcp.Calls()[0]);
         for (const size_t more : {1, 2, 1000}) {
             const std::string device = "s:" + fits + std::string(more, 'p');
-            EXPECT_EQ((Lines{"DEV:Dev_GetEntryViaMtab(): Warning! overflow (len, size) = (" +
-                                 std::to_string(255 + more) + ", 256)",
-                             "DEV:Dev_uMount(): the server of s:" + fits +
-                                 " was not told : its path is longer than a mount entry holds"}),
-                      LogLines(UnmountWith(device, kOverTcp)));
+            EXPECT_EQ(
+                (Lines{"DEV:Dev_GetEntryViaMtab(): Warning! overflow (len, size) = (" +
+                           std::to_string(255 + more) + ", 256)",
+                       "DEV:Dev_uMount(): the server of s:" + fits +
+                           " was not notified : its path is longer than a mount entry holds"}),
+                LogLines(UnmountWith(device, kOverTcp)));
         }
         EXPECT_EQ(1, tcp.connections());
     });
@@ -531,7 +535,7 @@ TEST(NfsUmount, SendsAPathWholeOrNotAtAll) {
 
 constexpr size_t kOptionsHeld = sizeof(tMountEntry::options) - 1;
 
-// `end` after as many other options as make `length` characters.
+// Options of `length` characters: `begin`, filler, `end`.
 std::string OptionsOf(size_t length, const std::string &begin, const std::string &end) {
     return begin + std::string(length - begin.size() - end.size(), 'x') + end;
 }
@@ -540,9 +544,9 @@ TEST(NfsUmount, UsesAnAddressThatIsWholeOrNone) {
     InWorld([] {
         RpcPeer udp{SOCK_DGRAM, kPort, RpcPeer::Accept};
         const std::string cut =
-            "DEV:Dev_uMount(): the server of 127.0.0.1:/x was not told : its "
+            "DEV:Dev_uMount(): the server of 127.0.0.1:/x was not notified : its "
             "addr= may be cut off";
-        const auto notTold = [&](const std::string &options) {
+        const auto notNotified = [&](const std::string &options) {
             const Lines lines = LogLines(UnmountWith("127.0.0.1:/x", options));
             ASSERT_EQ(2u, lines.size());
             EXPECT_EQ(0u, lines[0].find("DEV:Dev_GetEntryViaMtab(): Warning! overflow"));
@@ -551,9 +555,10 @@ TEST(NfsUmount, UsesAnAddressThatIsWholeOrNone) {
         const std::string address = ",addr=127.0.0.1";
         EXPECT_EQ("", UnmountWith("none:/x", OptionsOf(kOptionsHeld, "mountport=20048,", address)));
         EXPECT_EQ(1u, udp.Calls().size());
-        // The digits are cut, then the name; the host of the device does not replace it.
+        // First the digits are truncated, then "addr=" itself. The host of the device is not used
+        // instead.
         for (size_t more = 1; more <= address.size(); ++more) {
-            notTold(OptionsOf(kOptionsHeld + more, "mountport=20048,", address));
+            notNotified(OptionsOf(kOptionsHeld + more, "mountport=20048,", address));
         }
         // A comma ends the value, so it is whole.
         EXPECT_EQ(1u, LogLines(UnmountWith("none:/x",
@@ -580,7 +585,7 @@ TEST(NfsUmount, AsksForAPortThatMayBeCutOff) {
 
 // ---- The caller
 
-// A server that hangs up, politely or by a reset, raises no SIGPIPE.
+// A server that closes the connection, with FIN or with RST, causes no SIGPIPE.
 TEST(NfsUmount, SurvivesAServerThatHangsUp) {
     InWorld([] {
         for (const bool reset : {false, true}) {
@@ -636,7 +641,7 @@ TEST(NfsUmount, NeedsNoPrivilege) {
     });
 }
 
-TEST(NfsUmount, NotifiesNobodyOfOtherMountsAndOfFailures) {
+TEST(NfsUmount, NotifiesOnlyAfterASuccessfulUnmountOfTypeNfs) {
     InWorld([] {
         RpcPeer tcp{SOCK_STREAM, kPort, RpcPeer::Accept};
         RpcPeer udp{SOCK_DGRAM, kPort, RpcPeer::Accept};
@@ -741,7 +746,7 @@ TEST(NfsUmount, NotifiesARealMountDaemon) {
     if (!std::filesystem::exists("/usr/bin/ganesha.nfsd")) {
         GTEST_SKIP() << "no mount daemon is installed";
     }
-    // The servers end with the process numbers of their own.
+    // The servers end with their PID namespace.
     RunInPrivateWorld(kMounts | kNetwork | kPids, [] {
         RunCommand("ip link set lo up");
         MountTmpfs("/run");

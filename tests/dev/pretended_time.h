@@ -14,8 +14,8 @@
 namespace talvek::test {
 
 // While an object lives, the monotonic clock of its thread moves by the thread's waits alone: a
-// wait that is in vain ends at once and takes its whole time; any other one really waits until the
-// descriptor is ready and takes `readyMs`.
+// wait for which `inVain` is true ends at once and advances the clock by its whole time; any other
+// wait lasts until the descriptor is ready and advances the clock by `readyMs`.
 class PretendedTime {
   public:
     PretendedTime();

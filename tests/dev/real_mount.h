@@ -1,7 +1,7 @@
 #ifndef TALVEK_TESTS_DEV_REAL_MOUNT_H
 #define TALVEK_TESTS_DEV_REAL_MOUNT_H
 
-// Real file systems on loop devices, in a mount namespace of the test's own.
+// Real file systems on loop devices, in a private mount namespace.
 
 #include <gtest/gtest.h>
 #include <stdio.h>

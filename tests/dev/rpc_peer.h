@@ -87,7 +87,7 @@ inline int BoundSocket(int type, in_port_t port) {
     return fd;
 }
 
-// Runs `body` with a network that has loopback alone.
+// Runs `body` in a network that has only a loopback interface.
 inline void WithLoopback(const std::function<void()> &body, unsigned worlds = 0) {
     RunInPrivateWorld(kMounts | kNetwork | worlds, [&] {
         RunCommand("ip link set lo up");
@@ -95,7 +95,7 @@ inline void WithLoopback(const std::function<void()> &body, unsigned worlds = 0)
     });
 }
 
-// An RPC server that notes the calls and answers as its function says.
+// An RPC server that records the calls and replies as `answer` returns.
 class RpcPeer {
   public:
     using Answer = std::function<std::optional<Bytes>(const Bytes &call)>;
@@ -205,8 +205,8 @@ class RpcPeer {
     std::thread thread_;
 };
 
-// Takes one connection and the call that comes over it, and hands both to `talk`, which answers as
-// it likes. The connection is closed when `talk` is over.
+// Accepts one connection, reads one call and passes both to `talk`, which may reply in any way. The
+// connection is closed when `talk` returns.
 class TcpTalker {
   public:
     TcpTalker(in_port_t port, std::function<void(int fd, const Bytes &call)> talk)

@@ -208,7 +208,7 @@ TEST(ReadReply, KnowsEveryReply) {
     }
 }
 
-TEST(ReadReply, GivesTheResult) {
+TEST(ReadReply, ReturnsTheResult) {
     Outcome outcome;
     uint32_t result = 0;
     EXPECT_TRUE(Read(Reply(kCall, 0, {0x12345678}), false, &result, outcome));
@@ -259,7 +259,7 @@ TEST(ReadReply, RefusesWhatIsNoReply) {
     }
 }
 
-// A datagram to another call is passed over; a connection has one call.
+// A datagram with another xid is ignored. On a connection, which has one call, it is a failure.
 TEST(ReadReply, ChecksTheXid) {
     for (const uint32_t xid : {kXid + 1, kXid ^ 0x80000000, 0u}) {
         Outcome outcome;
@@ -347,7 +347,7 @@ std::string Printed(const Outcome &outcome) {
 }
 
 // The texts are those of clnt_perror(3) and clnt_pcreateerror(3).
-TEST(PrintFailure, SaysTheReasonAsRpcUsersKnowIt) {
+TEST(PrintFailure, PrintsTheTextsOfClntPerror) {
     const std::pair<Outcome, const char *> kRows[] = {
         {{.status = RPC_SUCCESS}, "Success"},
         {{.status = RPC_CANTENCODEARGS}, "Can't encode arguments"},
@@ -425,7 +425,7 @@ void ExpectFailure(Status status, int error, const Outcome &outcome) {
     EXPECT_EQ(error, outcome.error);
 }
 
-TEST(Call, BringsTheResult) {
+TEST(Call, ReturnsTheResult) {
     WithLoopback([] {
         for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
             RpcPeer peer{type, kPort, [](const Bytes &call) { return Reply(call, 0, {4711}); }};
@@ -452,7 +452,7 @@ TEST(Call, ReportsEveryRefusal) {
     });
 }
 
-TEST(Call, PassesOverOtherDatagrams) {
+TEST(Call, IgnoresOtherDatagrams) {
     WithLoopback([] {
         const UdpTalker server{kPort, [](const Bytes &call, const UdpTalker::Send &send) {
                                    const Bytes reply = Reply(call, 0, {1});
@@ -473,7 +473,7 @@ TEST(Call, PassesOverOtherDatagrams) {
     });
 }
 
-// A reply counts when it comes from the address and the port that were called.
+// Only a reply from the address and port that were called counts.
 TEST(Call, TakesDatagramsOfItsServerOnly) {
     WithLoopback([] {
         RpcPeer server{SOCK_DGRAM, kPort, [&](const Bytes &call) {
@@ -561,7 +561,7 @@ TEST(Call, EndsAtItsDeadlineWithoutAConnection) {
     });
 }
 
-// What comes meanwhile does not make the time longer.
+// Other datagrams do not extend the time.
 TEST(Call, EndsAtItsDeadlineInAFloodOfDatagrams) {
     WithLoopback([] {
         for (const ssize_t length : {24, 3, 0}) {
@@ -582,7 +582,7 @@ TEST(Call, EndsAtItsDeadlineInAFloodOfDatagrams) {
     });
 }
 
-TEST(Call, TakesARecordByteByByteInTime) {
+TEST(Call, ReadsARecordThatArrivesByteByByteWithinItsTime) {
     WithLoopback([] {
         for (const int64_t readyMs : {100, 200}) {  // for the connection, and 28 times for a byte
             const TcpTalker server{kPort, [](int fd, const Bytes &call) {
