@@ -1,3 +1,5 @@
+// ONC RPC, version 2: the message of a call, its exchange over UDP or TCP, the reasons of failures.
+
 #include "dev/internal/rpc.h"
 
 #include <errno.h>
@@ -141,22 +143,29 @@ Outcome AwaitReply(int fd, bool stream, uint32_t xid, uint32_t *pResult, const D
     return {.status = RPC_CANTDECODERES};
 }
 
-// Joins the fragments of the first record of a stream. Returns false when it is incomplete or
-// longer than a reply.
-bool JoinFragments(std::span<const uint8_t> stream, uint8_t (&record)[kMaxReply], size_t &size) {
+enum class Record { kComplete, kIncomplete, kTooLong };
+
+// Joins the fragments of the first record of a stream. With its marks it has to fit in kMaxReply.
+Record JoinFragments(std::span<const uint8_t> stream, uint8_t (&record)[kMaxReply], size_t &size) {
     BigEndianReader reader{stream};
     size = 0;
     for (size_t at = 0;;) {
         const uint32_t mark = reader.U32(at);
-        const size_t count = mark & ~kLastFragment;
-        if (reader.failed() || count > sizeof record - size ||
-            !reader.Copy(at + kMark, record + size, count)) {
-            return false;
+        if (reader.failed()) {
+            return Record::kIncomplete;
         }
-        at += kMark + count;
+        at += kMark;
+        const size_t count = mark & ~kLastFragment;
+        if (at > sizeof record || count > sizeof record - at) {
+            return Record::kTooLong;
+        }
+        if (!reader.Copy(at, record + size, count)) {
+            return Record::kIncomplete;
+        }
+        at += count;
         size += count;
         if ((mark & kLastFragment) != 0) {
-            return true;
+            return Record::kComplete;
         }
     }
 }
@@ -191,11 +200,10 @@ Outcome ReadDenied(BigEndianReader &reply) {
 
 // Formats what follows the reason, such as "; errno = ...".
 void FormatDetail(const Outcome &outcome, char *pText, size_t size) {
-    const char *pError = strerror(outcome.error);
     switch (outcome.status) {
         case RPC_CANTSEND:
         case RPC_CANTRECV:
-            snprintf(pText, size, "; errno = %s", pError);
+            snprintf(pText, size, "; errno = %s", strerror(outcome.error));
             break;
         case RPC_VERSMISMATCH:
         case RPC_PROGVERSMISMATCH:
@@ -212,13 +220,13 @@ void FormatDetail(const Outcome &outcome, char *pText, size_t size) {
             break;
         case RPC_SYSTEMERROR:
             if (outcome.unconnected()) {
-                snprintf(pText, size, " - %s", pError);
+                snprintf(pText, size, " - %s", strerror(outcome.error));
             }
             break;
         case RPC_PMAPFAILURE:
             if (outcome.cause == RPC_CANTSEND || outcome.cause == RPC_CANTRECV) {
                 snprintf(pText, size, " - %s: errno %d (%s)", kReasons[outcome.cause],
-                         outcome.error, pError);
+                         outcome.error, strerror(outcome.error));
             } else {
                 snprintf(pText, size, " - %s", kReasons[outcome.cause]);
             }
@@ -322,11 +330,19 @@ Outcome Call(int type, const sockaddr_in &server, CallMessage &call, uint32_t *p
 bool ReadReply(std::span<const uint8_t> bytes, bool stream, uint32_t xid, uint32_t *pResult,
                Outcome &outcome) {
     uint8_t record[kMaxReply];
-    size_t size;
-    if (stream && !JoinFragments(bytes, record, size)) {
-        return false;
+    if (stream) {
+        size_t size;
+        const Record state = JoinFragments(bytes, record, size);
+        if (state == Record::kIncomplete) {
+            return false;
+        }
+        if (state == Record::kTooLong) {
+            outcome = {.status = RPC_CANTDECODERES};
+            return true;
+        }
+        bytes = {record, size};
     }
-    BigEndianReader reply{stream ? std::span<const uint8_t>{record, size} : bytes};
+    BigEndianReader reply{bytes};
     if (reply.U32(0) != xid || reply.failed()) {
         outcome = {.status = RPC_CANTDECODERES};
         return stream;
@@ -347,7 +363,10 @@ bool ReadReply(std::span<const uint8_t> bytes, bool stream, uint32_t xid, uint32
 void PrintFailure(const char *pMessage, const Outcome &outcome) {
     char detail[160] = "";
     FormatDetail(outcome, detail, sizeof detail);
-    fprintf(stderr, "%s: RPC: %s%s\n", pMessage, kReasons[outcome.status], detail);
+    char text[256];
+    snprintf(text, sizeof text, "%s: RPC: %s%s\n", pMessage, kReasons[outcome.status], detail);
+    // One write. fprintf would format on an unbuffered stream in 8 KiB of stack.
+    fputs(text, stderr);
 }
 
 }  // namespace talvek::rpc

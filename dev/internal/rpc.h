@@ -41,6 +41,8 @@ class CallMessage {
     // ids and the first 16 groups.
     enum Credential { kNone, kSystem };
     CallMessage(uint32_t program, uint32_t version, uint32_t procedure, Credential credential);
+    CallMessage(const CallMessage &) = delete;  // the writer writes into the bytes of this object
+    CallMessage &operator=(const CallMessage &) = delete;
     void AddWord(uint32_t word);
     void AddOpaque(const void *pBytes, size_t size);
 
@@ -65,7 +67,8 @@ Outcome Call(int type, const sockaddr_in &server, CallMessage &call, uint32_t *p
              const Deadline &end);
 
 // Reads the reply to the call `xid` from a datagram, or from the bytes received so far from a
-// stream. Returns false when the datagram is another one or the stream has to be read on.
+// stream. Returns false when the datagram is another one or the stream has to be read on. A record
+// above 1 KiB, which no reply to these calls has, is RPC_CANTDECODERES at once.
 bool ReadReply(std::span<const uint8_t> bytes, bool stream, uint32_t xid, uint32_t *pResult,
                Outcome &outcome);
 

@@ -336,14 +336,30 @@ TEST(ReadReply, StaysInsideItsBytes) {
         Read(bytes, random() % 2 == 0, random() % 2 == 0 ? &result : nullptr, outcome);
         EXPECT_LE(outcome.status, RPC_FAILED);
     }
+}
+
+// Its length decides, before its bytes arrive.
+TEST(ReadReply, RefusesALongRecordAtOnce) {
+    const size_t most = 1024 - 4;
     Outcome outcome;
-    EXPECT_FALSE(Read(Fragment(true, Bytes(5000, 'x')), true, nullptr, outcome));
+    EXPECT_FALSE(Read(Words({0x80000000u | most}), true, nullptr, outcome));
+    for (const Bytes &record :
+         {Words({0x80000000u | (most + 1)}), Words({0xFFFFFFFFu}), Words({0x7FFFFFFFu}),
+          Words({4, kXid, 0x80000000u | (most - 7)}), Fragment(true, Bytes(5000, 'x'))}) {
+        outcome = {};
+        EXPECT_TRUE(Read(record, true, nullptr, outcome));
+        EXPECT_EQ(RPC_CANTDECODERES, outcome.status);
+    }
+    outcome = {};
+    EXPECT_FALSE(Read(Words({4, kXid, 0x80000000u | (most - 8)}), true, nullptr, outcome));
 }
 
 // ---- Reasons
 
+// What is written to standard error; standard output receives nothing.
 std::string Printed(const Outcome &outcome) {
-    return CaptureAll([&] { PrintFailure("Bad UMNT RPC", outcome); });
+    return CaptureAll(
+        [&] { EXPECT_EQ("", Capture([&] { PrintFailure("Bad UMNT RPC", outcome); })); });
 }
 
 // The texts are those of clnt_perror(3) and clnt_pcreateerror(3).
