@@ -26,8 +26,6 @@ using talvek::FsRow;
 constexpr unsigned long kMountMagic = 0xC0ED0000;
 static_assert(kMountMagic == MS_MGC_VAL);
 
-constexpr const char *kMountProgram = "/bin/mount";
-
 bool EndsInDigit(const char *pText) {
     const size_t length = strlen(pText);
     return length > 0 && talvek::IsDigit(pText[length - 1]);
@@ -98,67 +96,42 @@ int MountDetecting(const char *pSrc, const char *pDir) {
     return -1;
 }
 
-// A shell command in a block that grows.
-class ShellCommand {
-  public:
-    void Put(const char *pText) { Put(pText, strlen(pText)); }
+constexpr size_t kQuotedMost = 4;  // bytes that PutWord writes for a character, "'\\''"
 
-    // Adds one word. Between single quotes a shell leaves every character unchanged. A single quote
-    // itself is written as '\''.
-    void PutWord(const char *pWord) {
-        constexpr const char *kPlain =
-            "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:,@%+=";
-        if (*pWord != '\0' && pWord[strspn(pWord, kPlain)] == '\0') {
-            Put(pWord);
-            return;
-        }
-        Put("'");
-        for (;; ++pWord) {
-            const size_t length = strcspn(pWord, "'");
-            Put(pWord, length);
-            pWord += length;
-            if (*pWord == '\0') {
-                break;
-            }
-            Put("'\\''");
-        }
-        Put("'");
+// Writes one word of a shell command and its NUL. Returns the end of the word. Between single
+// quotes a shell leaves every character unchanged. A single quote itself is written as '\''.
+char *PutWord(char *pOut, const char *pWord) {
+    constexpr const char *kPlain =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./:,@%+=";
+    if (*pWord != '\0' && pWord[strspn(pWord, kPlain)] == '\0') {
+        return stpcpy(pOut, pWord);
     }
-
-    // NULL with errno set when there was no memory.
-    [[nodiscard]] const char *text() const { return complete_ ? text_.get() : nullptr; }
-
-  private:
-    void Put(const char *pText, size_t length) {
-        if (!complete_ || !text_.Resize(length_ + length + 1)) {
-            complete_ = false;
-            return;
+    *pOut++ = '\'';
+    for (; *pWord != '\0'; ++pWord) {
+        if (*pWord == '\'') {
+            pOut = stpcpy(pOut, "'\\''");
+        } else {
+            *pOut++ = *pWord;
         }
-        memcpy(text_.get() + length_, pText, length);
-        length_ += length;
-        text_[length_] = '\0';
     }
-
-    talvek::HeapBuf<char> text_;
-    size_t length_ = 0;
-    bool complete_ = true;
-};
+    return stpcpy(pOut, "'");
+}
 
 int MountExport(const char *pSrc, const char *pDir) {
-    ShellCommand command;
-    command.Put(kMountProgram);
-    command.Put(" -t nfs -o ");
-    command.Put(FsRow(DEV_FS_NFS).mountData);
-    command.Put(pSrc[0] == '-' || pDir[0] == '-' ? " -- " : " ");
-    command.PutWord(pSrc);
-    command.Put(" ");
-    command.PutWord(pDir);
-    if (command.text() == nullptr) {
-        LOG_ERRNO_AS("Dev_Mount", "realloc() error : %s\n");
+    const char *pOptions = FsRow(DEV_FS_NFS).mountData;
+    const size_t size = sizeof "/bin/mount -t nfs -o  -- '' ''" + strlen(pOptions) +
+                        kQuotedMost * (strlen(pSrc) + strlen(pDir));
+    talvek::HeapBuf<char> command;
+    if (!command.Resize(size)) {
+        LOG_ERRNO_AS("Dev_Mount", "malloc(%zu) error : %s\n", size);
         return -1;
     }
+    char *pEnd = stpcpy(stpcpy(command.get(), "/bin/mount -t nfs -o "), pOptions);
+    pEnd = stpcpy(pEnd, pSrc[0] == '-' || pDir[0] == '-' ? " -- " : " ");
+    pEnd = stpcpy(PutWord(pEnd, pSrc), " ");
+    PutWord(pEnd, pDir);
     fflush(stdout);
-    return system(command.text());
+    return system(command.get());
 }
 
 bool IsMountable(const char *pSrc, const char *pDir) {
@@ -178,16 +151,16 @@ bool IsMountable(const char *pSrc, const char *pDir) {
     return true;
 }
 
-// Calls `unmount`, which is called pCall in the log, and notifies the server of an NFS mount.
-template <typename Unmount>
-int UnmountAndNotify(const char *pFunction, const char *pCall, const char *pDir, Unmount unmount) {
+// Calls pUnmount, which is called pCall in the log, and notifies the server of an NFS mount.
+int UnmountAndNotify(const char *pFunction, const char *pCall, const char *pDir,
+                     int (*pUnmount)(const char *)) {
     const talvek::CancelGuard guard;
     if (pDir == nullptr) {
         return -1;
     }
     talvek::NfsMount mount;
     const bool found = talvek::FindMountEntry(pDir, mount.entry, mount.cut);
-    const int result = unmount(pDir);
+    const int result = pUnmount(pDir);
     if (result != 0) {
         LOG_ERRNO_AS(pFunction, "%s(%s) failed : %s\n", pCall, pDir);
     } else if (found && strcmp(mount.entry.type, "nfs") == 0) {
@@ -219,8 +192,7 @@ int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex) {
 }
 
 int Dev_uMount(const char *pDir) {
-    return UnmountAndNotify(__func__, "umount", pDir,
-                            [](const char *pPath) { return umount(pPath); });
+    return UnmountAndNotify(__func__, "umount", pDir, umount);
 }
 
 int Dev_uMount_Force(const char *pDir) {
