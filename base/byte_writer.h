@@ -21,17 +21,13 @@ class ByteWriter {
 
     [[nodiscard]] bool failed() const { return failed_; }
 
-    bool U8(size_t offset, uint8_t value) { return Put<1>(offset, value); }
-    bool U16(size_t offset, uint16_t value) { return Put<2>(offset, value); }
-    bool U32(size_t offset, uint32_t value) { return Put<4>(offset, value); }
-    bool Copy(size_t offset, const void *pSrc, size_t count) {
-        if (!Room(offset, count)) {
-            return false;
-        }
-        if (count > 0) {
+    void U8(size_t offset, uint8_t value) { Put<1>(offset, value); }
+    void U16(size_t offset, uint16_t value) { Put<2>(offset, value); }
+    void U32(size_t offset, uint32_t value) { Put<4>(offset, value); }
+    void Copy(size_t offset, const void *pSrc, size_t count) {
+        if (Room(offset, count) && count > 0) {
             memcpy(bytes_.data() + offset, pSrc, count);
         }
-        return true;
     }
 
   private:
@@ -43,15 +39,14 @@ class ByteWriter {
         return false;
     }
     template <size_t kCount>
-    bool Put(size_t offset, uint64_t value) {
+    void Put(size_t offset, uint64_t value) {
         if (!Room(offset, kCount)) {
-            return false;
+            return;
         }
         for (size_t i = 0; i < kCount; ++i) {
             const size_t at = kEndian == Endian::kBig ? kCount - 1 - i : i;
             bytes_[offset + at] = static_cast<uint8_t>(value >> (8 * i));
         }
-        return true;
     }
 
     std::span<uint8_t> bytes_;

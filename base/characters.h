@@ -37,10 +37,6 @@ constexpr char LowerCase(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-constexpr char UpperCase(char c) {
-    return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-}
-
 // Whether a NUL-terminated text begins with the first `size` characters of another, ignoring ASCII
 // case. None of them may be a NUL.
 inline bool BeginsIgnoringCase(const char *pText, const char *pBeginning, size_t size) {

@@ -1,3 +1,5 @@
+// The monotonic clock, and deadlines by it.
+
 #include "base/clock.h"
 
 #include <time.h>

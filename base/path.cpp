@@ -1,3 +1,5 @@
+// Opening and examining files by a path that may be NULL.
+
 #include "base/path.h"
 
 #include <errno.h>

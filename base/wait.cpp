@@ -1,3 +1,5 @@
+// Waiting for one descriptor.
+
 #include "base/wait.h"
 
 #include <errno.h>

@@ -85,12 +85,15 @@ TEST(ByteReader, SubEndsAtTheEndOfTheBytes) {
 TEST(ByteWriter, WritesBothByteOrders) {
     uint8_t bytes[7] = {};
     BigEndianWriter big{bytes, sizeof bytes};
-    EXPECT_TRUE(big.U8(0, 0x81) && big.U16(1, 0x0203) && big.U32(3, 0x84050607));
+    big.U8(0, 0x81);
+    big.U16(1, 0x0203);
+    big.U32(3, 0x84050607);
     EXPECT_EQ(0, memcmp(bytes, "\x81\x02\x03\x84\x05\x06\x07", 7));
     LittleEndianWriter little{bytes, sizeof bytes};
-    EXPECT_TRUE(little.U16(1, 0x0203) && little.U32(3, 0x84050607));
+    little.U16(1, 0x0203);
+    little.U32(3, 0x84050607);
     EXPECT_EQ(0, memcmp(bytes, "\x81\x03\x02\x07\x06\x05\x84", 7));
-    EXPECT_TRUE(little.Copy(5, "xy", 2));
+    little.Copy(5, "xy", 2);
     EXPECT_EQ(0, memcmp(bytes + 5, "xy", 2));
     EXPECT_FALSE(big.failed() || little.failed());
 }
@@ -98,14 +101,17 @@ TEST(ByteWriter, WritesBothByteOrders) {
 TEST(ByteWriter, WritesNoFieldThatDoesNotFit) {
     for (size_t size = 0; size < 4; ++size) {
         const CanaryBuf buf{size};
-        BigEndianWriter writer{buf.bytes(), size};
-        EXPECT_FALSE(writer.U32(0, 1));
-        EXPECT_FALSE(writer.Copy(0, "four", 4));
-        EXPECT_FALSE(writer.U16(SIZE_MAX, 1));
-        EXPECT_FALSE(writer.U8(size, 1));
-        EXPECT_TRUE(writer.failed());
+        const auto fails = [&](auto write) {
+            BigEndianWriter writer{buf.bytes(), size};
+            write(writer);
+            return writer.failed();
+        };
+        EXPECT_TRUE(fails([](auto &writer) { writer.U32(0, 1); }));
+        EXPECT_TRUE(fails([](auto &writer) { writer.Copy(0, "four", 4); }));
+        EXPECT_TRUE(fails([](auto &writer) { writer.U16(SIZE_MAX, 1); }));
+        EXPECT_TRUE(fails([&](auto &writer) { writer.U8(size, 1); }));
+        EXPECT_FALSE(fails([&](auto &writer) { writer.Copy(size, nullptr, 0); }));
         EXPECT_TRUE(buf.UntouchedFrom(0) && buf.Intact());
-        EXPECT_TRUE(writer.Copy(size, nullptr, 0));
     }
 }
 
