@@ -200,6 +200,8 @@ TEST_F(CallLocked, UnlocksEveryMutexOfNestedCalls) {
 
 // ---- cancellation waits until a call is over ----
 
+char g_netInfo[COM_NET_MAC_COLON_SIZE];
+
 TEST(Cancellation, WaitsUntilACallIsOver) {
     for (const Call &call : kCalls) {
         const Objects at;

@@ -1,6 +1,7 @@
 #include "common/log.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -141,6 +142,23 @@ TEST(Log, KeepsErrno) {
         COM_PrintTimeStamp("COMMON", 1);
         EXPECT_EQ(ENOTDIR, errno);
     });
+}
+
+// A line longer than the buffer of the stream is written, and fails, within printf.
+TEST(Log, ReturnsTheFailureOfPrintf) {
+    const pid_t child = fork();
+    if (child == 0) {
+        const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+        dup2(full, STDOUT_FILENO);
+        const std::string text(70000, 'x');
+        const bool failed = COM_Log("M", 1, "f", "%s", text.c_str()) < 0 &&
+                            COM_Log("M", 1, nullptr, "%s", text.c_str()) < 0 &&
+                            COM_LogColor("M", 1, "f", "%s", text.c_str()) < 0;
+        _exit(failed ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
 }
 
 TEST(LogColor, EnclosesTheLineInYellow) {

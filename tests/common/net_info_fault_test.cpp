@@ -52,6 +52,30 @@ TEST(NetInfoFault, WithoutASocketLogsAndWritesTheFailureValue) {
     });
 }
 
+// The socket is made before the flag is looked at.
+TEST(NetInfoFault, LogsAMissingSocketForAnyFlag) {
+    const CanaryBuf out{4};
+    EXPECT_EQ((Lines{"COMMON:COM_SubGetNetInfo(): socket() error : Too many open files"}),
+              CaptureLog([&] {
+                  const Fault fault{"socket", 0, EMFILE};
+                  EXPECT_EQ(-1, COM_SubGetNetInfo(COM_NET_MTU, "lo", out.bytes()));
+              }));
+    EXPECT_EQ(std::string(4, '\0'), std::string(out.text(), out.size()));
+}
+
+TEST(NetInfoFault, TakesEth0ForAutoWithoutTheRouteTable) {
+    RunInPrivateWorld(kNetwork, [] {
+        EXPECT_EQ((Lines{"COMMON:COM_GetDefaultRoute(): fopen(/proc/net/route) : Permission denied",
+                         "COMMON:COM_GetMAC(): ioctl(SIOCGIFHWADDR) for eth0 got error : "
+                         "No such device"}),
+                  CaptureLog([] {
+                      char out[COM_NET_MAC_COLON_SIZE];
+                      const Fault fault{"fopen", 0, EACCES};
+                      EXPECT_EQ(-1, COM_GetNetInfo(COM_NET_MAC_COLON, "auto", out));
+                  }));
+    });
+}
+
 TEST(NetInfoFault, LogsFailingRequests) {
     struct Case {
         uint32_t flag;
