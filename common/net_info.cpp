@@ -271,7 +271,7 @@ int ReadInterfaceAddress(uint32_t flag, const AddressRow *pRow, const char *pIfN
 struct RouteSearch {
     const char *function;    // the entry that logs
     const char *delimiters;  // between the columns
-    const char *interface;   // null for any
+    const char *interface;   // NULL for any
 };
 
 struct Route {
@@ -300,7 +300,7 @@ bool ReadGateway(const char *pFunction, const char *pText, in_addr &gateway) {
 
 // Whether the line is a default route that has a gateway and leaves through the interface searched
 // for.
-bool TakeRoute(const RouteSearch &search, char *pLine, Route &route) {
+bool ReadRoute(const RouteSearch &search, char *pLine, Route &route) {
     enum RouteColumn : size_t { kInterface, kDestination, kGateway, kMask = 7, kRouteColumns };
     constexpr const char *kAny = "00000000";
     const char *columns[kRouteColumns];
@@ -322,7 +322,7 @@ bool FindRoute(const RouteSearch &search, char (&line)[kTableLine], Route &route
         return false;
     }
     while (fgets(line, sizeof line, table.get()) != nullptr) {
-        if (TakeRoute(search, line, route)) {
+        if (ReadRoute(search, line, route)) {
             return true;
         }
     }
@@ -361,7 +361,7 @@ const char *ChooseResolvFile(const char *pIfName) {
     return usable ? own.inUse : kResolvConf;
 }
 
-// The word after "nameserver", or null when the line has none.
+// The word after "nameserver", or NULL when the line has none.
 const char *NameServerIn(char *pLine) {
     constexpr const char *kKey = "nameserver";
     char *pKey = strstr(pLine, kKey);

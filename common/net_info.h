@@ -99,7 +99,7 @@ enum {
     COM_NET_MTU = 43
 };
 
-/* Sizes of outputs in bytes, the NUL included. */
+/* Sizes of outputs in bytes, including the NUL. */
 enum {
     COM_NET_ADDRESS_TEXT_SIZE = 16, /* TEXT and PADDED */
     COM_NET_MAC_HEX_SIZE = 13,      /* HEX and HEX_LOWER */
@@ -113,7 +113,8 @@ enum {
  *
  *   flag   COM_NET_...
  *   pName  interface; NULL and "auto" name the interface of the default route or, when there is
- *          none, "eth0". For COM_NET_ARP_... the neighbour's IPv4 address as text
+ *          none, "eth0". For COM_NET_ARP_... the neighbour's IPv4 address as text; NULL is no
+ *          neighbour then
  *   pOut   room for the flag's form and for COM_NET_UNKNOWN_SIZE bytes
  *
  * Returns the result of the entry that serves the flag. Any other flag is logged and stores the

@@ -2,7 +2,7 @@
 
 #include "common/settings.h"
 
-#include <limits.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 

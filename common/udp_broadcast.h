@@ -21,7 +21,7 @@ enum {
 
 /* Sends one datagram (RFC 791, RFC 768).
  *
- *   pIfName          interface to send from, cut to 15 characters; NULL for none. Without an
+ *   pIfName          interface to send from, truncated to 15 characters; NULL for none. Without an
  *                    interface, or when it does not exist (logged), the interface index is 0, for
  *                    which current kernels find no device (ENXIO)
  *   mode             COM_UDP_TO_...

@@ -17,8 +17,8 @@
  *   - A device path that is only logged may be NULL and then counts as empty. Any other NULL makes
  *     the entry fail; most entries log it.
  *   - After a failure outputs are unchanged.
- *   - Texts are NUL-terminated. Sizes are in bytes and count the NUL. A text that does not fit its
- *     buffer is cut, and a warning is logged. KB means 1024 bytes.
+ *   - Texts are NUL-terminated. Sizes are in bytes, including the NUL. A text that does not fit its
+ *     buffer is truncated, and a warning is logged. KB means 1024 bytes.
  *   - Buffers and records belong to the caller. A descriptor that the caller passes stays open.
  *     Descriptors that an entry opens are closed before it returns; programs that are executed in
  *     the meantime do not inherit them (O_CLOEXEC).

@@ -1,3 +1,5 @@
+// The interface that a caller names, or the one of the default route.
+
 #include "common/internal/interface_name.h"
 
 #include <string.h>

@@ -8,7 +8,7 @@
 
 namespace talvek {
 
-// Copies a text into `size` bytes, which count the NUL. A longer text is cut, logged for the entry
+// Copies a text into `size` bytes, including the NUL. A longer text is truncated, logged for the entry
 // `pFunction`, and the result is false.
 inline bool CopyBounded(const char *pFunction, char *pDst, size_t size, const char *pSrc) {
     const int length = snprintf(pDst, size, "%s", pSrc);

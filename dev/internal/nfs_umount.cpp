@@ -32,13 +32,14 @@ constexpr int64_t kWholeMs = 9000;
 // The text after "name=" in a list of options; it ends at the next comma. NULL without the option.
 const char *FindOption(const char *pOptions, const char *pName) {
     const size_t length = strlen(pName);
-    for (const char *pAt = pOptions; pAt != nullptr; pAt = strchr(pAt, ',')) {
-        pAt += *pAt == ',';
-        if (strncmp(pAt, pName, length) == 0) {
-            return pAt + length;
+    while (strncmp(pOptions, pName, length) != 0) {
+        pOptions = strchr(pOptions, ',');
+        if (pOptions == nullptr) {
+            return nullptr;
         }
+        ++pOptions;
     }
-    return nullptr;
+    return pOptions + length;
 }
 
 // Whether an option's value is complete. Of options that do not fit, the entry has the first part,

@@ -8,13 +8,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
-#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
