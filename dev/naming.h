@@ -22,7 +22,8 @@ enum {
 
 /* Writes the name of a SCSI generic node.
  *
- *   pDst     DEV_INFO_PATH_SIZE bytes; a longer name is truncated without a warning. NULL writes nothing.
+ *   pDst     DEV_INFO_PATH_SIZE bytes; a longer name is truncated without a warning. NULL writes
+ *            nothing.
  *   k        number of the node
  *   numeric  DEV_SG_NUMBERS or DEV_SG_LETTERS; a k without a letter is logged */
 void Dev_MakeDevName(char *pDst, unsigned k, int numeric);
