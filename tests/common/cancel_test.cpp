@@ -13,6 +13,7 @@
 #include "c_callback.h"
 #include "common/command.h"
 #include "every_call.h"
+#include "support/await.h"
 #include "support/cancellation.h"
 #include "support/capture.h"
 
@@ -63,10 +64,7 @@ void CancelInside(const std::function<void()> &body, const std::function<bool()>
                          return nullptr;
                      },
                      &job));
-    for (int i = 0; i < 5000 && !ready(); ++i) {
-        usleep(1000);
-    }
-    EXPECT_TRUE(ready());
+    EXPECT_TRUE(Eventually(ready));
     EXPECT_EQ(0, pthread_cancel(thread));
     void *result = nullptr;
     ASSERT_EQ(0, pthread_join(thread, &result));
@@ -199,8 +197,6 @@ TEST_F(CallLocked, UnlocksEveryMutexOfNestedCalls) {
 }
 
 // ---- cancellation waits until a call is over ----
-
-char g_netInfo[COM_NET_MAC_COLON_SIZE];
 
 TEST(Cancellation, WaitsUntilACallIsOver) {
     for (const Call &call : kCalls) {

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "common/command.h"
+#include "support/await.h"
 #include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/private_world.h"
@@ -232,11 +233,16 @@ void FillPipe(int fd) {
 
 // A process that registers itself as "watched" and enters a state in which it does not run. A child
 // of it, which has its registry, then runs `watch` with standard output on a pipe.
+// `watch` gets a function that lets AwaitMark() return.
 class Watched {
   public:
-    Watched(const std::function<void()> &enter, const std::function<void()> &watch) {
+    using Mark = std::function<void()>;
+
+    Watched(const std::function<void()> &enter, const std::function<void(const Mark &)> &watch) {
         int pipeFds[2];
+        int markFds[2];
         EXPECT_EQ(0, pipe2(pipeFds, O_CLOEXEC));
+        EXPECT_EQ(0, pipe2(markFds, O_CLOEXEC));
         fflush(nullptr);
         pid_ = fork();
         if (pid_ == 0) {
@@ -250,20 +256,27 @@ class Watched {
                 while (COM_CheckProcState(&self) == 0) {
                     usleep(1000);
                 }
-                watch();
+                watch([&markFds] {
+                    const pid_t own = getpid();
+                    EXPECT_EQ(ssize_t{sizeof own}, write(markFds[1], &own, sizeof own));
+                });
                 _exit(0);
             }
             close(pipeFds[1]);
+            close(markFds[1]);
             enter();
             for (;;) {
                 pause();
             }
         }
         close(pipeFds[1]);
+        close(markFds[1]);
         output_ = pipeFds[0];
+        mark_ = markFds[0];
     }
     ~Watched() {
         close(output_);
+        close(mark_);
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
     }
@@ -271,6 +284,12 @@ class Watched {
     Watched &operator=(const Watched &) = delete;
 
     [[nodiscard]] std::string pid() const { return std::to_string(pid_); }
+    // The process that runs `watch`.
+    [[nodiscard]] pid_t AwaitMark() const {
+        pid_t watcher = -1;
+        EXPECT_EQ(ssize_t{sizeof watcher}, read(mark_, &watcher, sizeof watcher));
+        return watcher;
+    }
     // Reads that many lines, or to the end.
     std::string Read(ptrdiff_t lines = PTRDIFF_MAX) {
         char block[512];
@@ -285,6 +304,7 @@ class Watched {
   private:
     pid_t pid_ = -1;
     int output_ = -1;
+    int mark_ = -1;
     std::string text_;
 };
 
@@ -298,7 +318,7 @@ void ExpectWarnings(int count, const std::function<void()> &enter, const std::st
                         close(stop[1]);
                         enter();
                     },
-                    [&] {
+                    [&](const Watched::Mark & /*mark*/) {
                         close(stop[1]);
                         COM_LogThread("watcher");
                         EXPECT_EQ(0, COM_CreateThreadWatchdog(1));
@@ -365,17 +385,18 @@ TEST(ThreadWatchdog, WarnsOfAProcessThatIsGoneEveryPeriod) {
 TEST(ThreadWatchdog, FinishesACheckThatIsBlockedInItsWarning) {
     InEmptyRegistry([] {
         Watched watched{[] { raise(SIGSTOP); },
-                        [] {
+                        [](const Watched::Mark &mark) {
                             FillPipe(STDOUT_FILENO);
                             EXPECT_EQ(0, COM_CreateThreadWatchdog(1));
-                            usleep(100'000);
+                            EXPECT_TRUE(BlockedOn(getpid(), STDOUT_FILENO));
+                            mark();
                             EXPECT_EQ(0, COM_DestroyThreadWatchdog());
                             int held = 0;
                             ioctl(STDOUT_FILENO, FIONREAD, &held);
                             EXPECT_LT(held, fcntl(STDOUT_FILENO, F_GETPIPE_SZ));
                             COM_ShowThread();
                         }};
-        usleep(300'000);
+        EXPECT_TRUE(InState(watched.AwaitMark(), 'S')) << "waits for the look";
         const std::string output = watched.Read();
         const Lines lines = talvek::test::LogLines(output.substr(output.rfind('.') + 1));
         EXPECT_EQ(
@@ -390,7 +411,7 @@ TEST(ThreadWatchdog, EndsAtOnceAndCanBeStartedAgain) {
     InEmptyRegistry([] {
         for (int round = 0; round < 3; ++round) {
             EXPECT_EQ(0, COM_CreateThreadWatchdog(1000));
-            usleep(20'000);
+            EXPECT_TRUE(OtherThreadsSleep());
             struct timespec start = {};
             clock_gettime(CLOCK_MONOTONIC, &start);
             EXPECT_EQ(0, COM_DestroyThreadWatchdog());
@@ -436,7 +457,7 @@ TEST(ThreadWatchdog, BelongsToTheProcessThatStartedIt) {
         fflush(nullptr);
         const pid_t child = fork();
         if (child == 0) {
-            alarm(30);
+            alarm(60);
             bool good = true;
             Capture([&good] { good = COM_DestroyThreadWatchdog() == ESRCH; });
             good = good && COM_CreateThreadWatchdog(1000) == 0 && COM_LogThread("child") == 1;
@@ -457,13 +478,14 @@ TEST(ThreadWatchdog, OfAForkedChildDoesNotWaitForACheckOfTheParent) {
 #endif
     InEmptyRegistry([] {
         Watched watched{[] { raise(SIGSTOP); },
-                        [] {
+                        [](const Watched::Mark &mark) {
                             FillPipe(STDOUT_FILENO);
                             COM_CreateThreadWatchdog(1);
-                            usleep(100'000);
+                            EXPECT_TRUE(BlockedOn(getpid(), STDOUT_FILENO));
+                            mark();
                             const pid_t child = fork();
                             if (child == 0) {
-                                alarm(30);
+                                alarm(60);
                                 const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
                                 dup2(null, STDOUT_FILENO);
                                 const bool good = COM_CreateThreadWatchdog(1000) == 0 &&
@@ -477,7 +499,7 @@ TEST(ThreadWatchdog, OfAForkedChildDoesNotWaitForACheckOfTheParent) {
                             printf("status %d\n", status);
                             fflush(stdout);
                         }};
-        usleep(300'000);
+        EXPECT_TRUE(InState(watched.AwaitMark(), 'S'));
         const std::string output = watched.Read();
         EXPECT_NE(std::string::npos, output.find("\nstatus 0\n"))
             << output.substr(output.rfind('.') + 1);
@@ -533,12 +555,14 @@ TEST(ThreadWatchdog, EndsWhileThreadsRegister) {
     InEmptyRegistry([] {
         ASSERT_EQ(0, COM_CreateThreadWatchdog(1));
         std::atomic<bool> stop{false};
-        std::thread registrar{[&stop] {
-            for (int i = 0; i < 200 && !stop; ++i) {
+        std::atomic<int> entries{0};
+        std::thread registrar{[&] {
+            while (!stop) {
                 COM_LogThread("busy");
+                ++entries;
             }
         }};
-        usleep(30'000);
+        EXPECT_TRUE(Eventually([&entries] { return entries > 20; }));
         EXPECT_EQ(0, COM_DestroyThreadWatchdog());
         stop = true;
         registrar.join();

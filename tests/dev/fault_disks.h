@@ -20,11 +20,11 @@ inline void WithDisks(const std::function<void()> &body) {
         MountTmpfs("/var");
         MountTmpfs("/mnt");
         // Only single files are replaced: the harness itself needs the rest of /proc.
-        MountTmpfs("/srv");
-        WriteFile("/srv/partitions", "major minor  #blocks  name\n\n8 1 9 sda1\n");
-        WriteFile("/srv/filesystems", "nodev\ttmpfs\n");
+        MountTmpfs("/run");
+        WriteFile("/run/partitions", "major minor  #blocks  name\n\n8 1 9 sda1\n");
+        WriteFile("/run/filesystems", "nodev\ttmpfs\n");
         for (const char *pName : {"partitions", "filesystems"}) {
-            ASSERT_EQ(0, mount((std::string{"/srv/"} + pName).c_str(),
+            ASSERT_EQ(0, mount((std::string{"/run/"} + pName).c_str(),
                                (std::string{"/proc/"} + pName).c_str(), nullptr, MS_BIND, nullptr));
         }
         body();

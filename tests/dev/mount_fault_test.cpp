@@ -95,7 +95,7 @@ TEST(CheckPartitionFault, LogsAFailedLseek) {
         for (int i = 0; i < 1000; ++i) {
             list += " 259 " + std::to_string(i) + " 1024 disk" + std::to_string(i) + "\n";
         }
-        WriteFile("/srv/partitions", list);
+        WriteFile("/run/partitions", list);
         EXPECT_EQ(Lines{"DEV:Dev_CheckPartition(): lseek(/proc/partitions) error : Illegal seek"},
                   CaptureLog([] {
                       const Fault fault{"lseek", 0, ESPIPE};

@@ -19,7 +19,7 @@ int __wrap___ppoll64(struct pollfd *fds, nfds_t count, const struct timespec *ti
                      const sigset_t *mask);
 int __wrap_clock_gettime(clockid_t clock, struct timespec *now);
 int __wrap___clock_gettime64(clockid_t clock, struct timespec *now);
-#if defined(__arm__)
+#if __SIZEOF_POINTER__ == 4
 int __real___ppoll64(struct pollfd *fds, nfds_t count, const struct timespec *time,
                      const sigset_t *mask);
 int __real___clock_gettime64(clockid_t clock, struct timespec *now);

@@ -25,6 +25,7 @@
 
 #include "dns/DNS.h"
 #include "dns/scripted_server.h"
+#include "support/await.h"
 #include "support/capture.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
@@ -229,12 +230,7 @@ class RealServer {
     }
     ~RealServer() {
         kill(pid_, SIGTERM);
-        for (int i = 0; i < 500 && waitpid(pid_, nullptr, WNOHANG) == 0; ++i) {
-            usleep(10000);
-            if (i == 400) {
-                kill(pid_, SIGKILL);
-            }
-        }
+        WaitFor(pid_);
     }
     RealServer(const RealServer &) = delete;
     RealServer &operator=(const RealServer &) = delete;
@@ -257,24 +253,19 @@ class RealServer {
         _exit(127);
     }
 
-    // Asks until the zone is loaded, at most 500 times.
+    // Asks until the zone is loaded.
     static bool Answers() {
         const struct sockaddr_in server = ServerAddress("127.0.0.1");
         const Bytes query = QueryFor("www.ex.test", DNS_TYPE_A);
         const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        bool answered = false;
         EXPECT_EQ(0,
                   connect(fd, reinterpret_cast<const struct sockaddr *>(&server), sizeof server));
-        for (int i = 0; i < 500 && !answered; ++i) {
+        const bool answered = Eventually([&] {
             uint8_t response[512] = {};
             send(fd, query.data(), query.size(), 0);
-            struct pollfd entry = {fd, POLLIN, 0};
-            poll(&entry, 1, 100);
-            answered = recv(fd, response, sizeof response, MSG_DONTWAIT) > 12 && response[7] > 0;
-            if (!answered) {
-                usleep(20000);
-            }
-        }
+            return Readable(fd, 100) && recv(fd, response, sizeof response, MSG_DONTWAIT) > 12 &&
+                   response[7] > 0;
+        });
         close(fd);
         return answered;
     }
@@ -309,7 +300,7 @@ struct Answer {
 };
 
 std::vector<Answer> Dig(const std::vector<std::string> &names, const std::string &type) {
-    std::string command = std::string{kDig} + " @127.0.0.1 +noedns +noall +answer +time=3 +tries=2";
+    std::string command = std::string{kDig} + " @127.0.0.1 +noedns +noall +answer +time=60";
     for (const std::string &name : names) {
         command += " " + name + " " + type;
     }
@@ -382,7 +373,7 @@ struct Found {
 Found Look(int (*lookup)(const char *, tDnsAddrEntry *, int), const std::string &name) {
     tDnsAddrEntry entries[DNS_MAX_ENTRIES] = {};
     Found found{};
-    Capture([&] { found.result = lookup(name.c_str(), entries, 5); });
+    Capture([&] { found.result = lookup(name.c_str(), entries, 60); });
     for (const tDnsAddrEntry &entry : entries) {
         if (entry.valid) {
             found.entries.push_back(entry);

@@ -51,7 +51,6 @@ namespace {
 
 using namespace std::string_literals;
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 // A daemon in a thread that runs a script for each connection.
 class FakeDaemon {

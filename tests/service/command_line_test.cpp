@@ -288,7 +288,7 @@ TEST(CommandLine, LogsThatItCannotForkIntoTheBackground) {
     if (getuid() != 0) {
         GTEST_SKIP() << "needs root, to become a user without other processes";
     }
-    if (HasForeignThreads()) {
+    if (Emulated()) {
         GTEST_SKIP() << "the threads of an emulator count as processes";
     }
     const Outcome outcome = RunProgram({"-D", "-s", "/nowhere/socket"}, [] {

@@ -32,6 +32,7 @@
 #include "service/support/waits.h"
 #include "service/support/wire.h"
 #include "support/capture.h"
+#include "support/emulator.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
 
@@ -69,7 +70,7 @@ int CountListening() {
 
 }  // namespace
 
-#if defined(__arm__)
+#if __SIZEOF_POINTER__ == 4
 #define REAL_NANOSLEEP __real___nanosleep64
 #define WRAP_NANOSLEEP __wrap___nanosleep64
 #else
@@ -119,7 +120,6 @@ namespace {
 
 using namespace std::string_literals;
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 bool Exists(const std::string &path) {
     struct stat st;
@@ -219,7 +219,7 @@ TEST(DaemonTest, ReturnsMinusOneInEachChildAfterItsHandler) {
         const pid_t daemon = fork();
         if (daemon == 0) {
             signal(SIGCHLD, SIG_IGN);
-            alarm(20);
+            alarm(60);
             Returned returned = {};
             returned.result = TALVEK_Daemon(path.c_str());
             returned.parent = getppid();
@@ -719,7 +719,7 @@ TEST(DaemonTest, AFailedForkClosesThatConnectionOnly) {
     if (getuid() != 0) {
         GTEST_SKIP() << "needs root, to become a user without other processes";
     }
-    if (HasForeignThreads()) {
+    if (Emulated()) {
         GTEST_SKIP() << "the threads of an emulator count as processes";
     }
     const TempDir dir;

@@ -29,7 +29,6 @@ namespace {
 
 using namespace std::string_literals;
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 // The outcome of a handler in a process of its own.
 struct Served {

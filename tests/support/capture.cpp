@@ -12,6 +12,16 @@
 namespace talvek::test {
 namespace {
 
+std::string Written(int fd) {
+    std::string text;
+    char block[4096];
+    ssize_t count;
+    while ((count = pread(fd, block, sizeof block, static_cast<off_t>(text.size()))) > 0) {
+        text.append(block, static_cast<size_t>(count));
+    }
+    return text;
+}
+
 std::string CaptureFds(const std::function<void()> &body, bool errors) {
     fflush(nullptr);
     const bool failedBefore = ::testing::Test::HasFailure();
@@ -32,14 +42,7 @@ std::string CaptureFds(const std::function<void()> &body, bool errors) {
     close(savedOut);
     close(savedErr);
 
-    std::string text;
-    char block[4096];
-    off_t at = 0;
-    ssize_t count;
-    while ((count = pread(sink, block, sizeof block, at)) > 0) {
-        text.append(block, static_cast<size_t>(count));
-        at += count;
-    }
+    const std::string text = Written(sink);
     close(sink);
     // Assertions that failed inside told so on the stream that was captured.
     if (!failedBefore && ::testing::Test::HasFailure()) {
@@ -56,6 +59,10 @@ std::string Capture(const std::function<void()> &body) {
 
 std::string CaptureAll(const std::function<void()> &body) {
     return CaptureFds(body, true);
+}
+
+std::string CapturedSoFar() {
+    return Written(STDOUT_FILENO);
 }
 
 std::vector<std::string> LogLines(const std::string &output) {

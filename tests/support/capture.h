@@ -16,6 +16,9 @@ std::string Capture(const std::function<void()> &body);
 // The same with descriptors 1 and 2 together.
 std::string CaptureAll(const std::function<void()> &body);
 
+// What was written until now, for the body of a capture or another thread meanwhile.
+std::string CapturedSoFar();
+
 // A log line without its line number: "COMMON:COM_Mkdir(): text" or "COMMON: text". Lines that do
 // not look like one stay as they are.
 Lines LogLines(const std::string &output);

@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <sys/wait.h>
 
+#include <sstream>
+
 namespace talvek::test {
 
 std::string RunCommand(const std::string &command) {
@@ -25,6 +27,25 @@ std::string RunCommand(const std::string &command) {
         output.pop_back();
     }
     return output;
+}
+
+bool HasCommand(const std::string &name) {
+    FILE *pipe =
+        popen(("PATH=$PATH:/usr/sbin:/sbin; command -v " + name + " >/dev/null").c_str(), "re");
+    return pipe != nullptr && pclose(pipe) == 0;
+}
+
+// readelf lists "0x00000001 (NEEDED)  Shared library: [libc.so.6]".
+std::vector<std::string> NeededLibraries(const std::string &program) {
+    std::vector<std::string> names;
+    std::istringstream listing{RunCommand("readelf -d " + program)};
+    for (std::string line; std::getline(listing, line);) {
+        const size_t begin = line.find('[');
+        if (line.find("(NEEDED)") != std::string::npos && line.compare(begin, 4, "[ld-") != 0) {
+            names.push_back(line.substr(begin + 1, line.find(']') - begin - 1));
+        }
+    }
+    return names;
 }
 
 std::string JsonValue(const std::string &json, const std::string &key) {

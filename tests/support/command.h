@@ -2,6 +2,7 @@
 #define TALVEK_TESTS_SUPPORT_COMMAND_H
 
 #include <string>
+#include <vector>
 
 namespace talvek::test {
 
@@ -9,6 +10,12 @@ namespace talvek::test {
 // the last newline. The test fails when the command does not end with status 0; what it said on
 // standard error is then part of the message.
 std::string RunCommand(const std::string &command);
+
+// Whether a command is installed where RunCommand looks for it.
+bool HasCommand(const std::string &name);
+
+// The libraries that a dynamic program names, but for the loader. Needs readelf.
+std::vector<std::string> NeededLibraries(const std::string &program);
 
 // The value behind the first "key": in a JSON text (as `ip -json` prints it), a text without its
 // quotes; empty when there is none.

@@ -355,7 +355,7 @@ constexpr int kPassed = 0;
 constexpr int kRanThrough = 100;
 
 int RunWithFault(int nth, int error, const std::function<void()> &body) {
-    alarm(20);
+    alarm(60);
     const int fds = HeldFds();
     const long blocks = g_blocks;
     std::string which;

@@ -133,7 +133,7 @@ void ReplaceProc() {
 }
 
 void WritableRoot() {
-    const std::filesystem::path root{"/media"};
+    const std::filesystem::path root{"/mnt"};
     MountTmpfs(root);
     // An emulator with a library root of its own lists that for "/".
     for (const auto &entry : std::filesystem::directory_iterator{"/proc/.."}) {

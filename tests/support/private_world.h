@@ -35,7 +35,7 @@ void ReplaceDir(const std::string &dir);
 // that the descriptors can be counted and programs with sanitizers start.
 void ReplaceProc();
 // A root directory of the body's own with all the directories of the old one below it, in which new
-// ones can be made. /media is empty in it.
+// ones can be made. /mnt is empty in it.
 void WritableRoot();
 
 }  // namespace talvek::test

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/capability.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,52 +17,17 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <fstream>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 #include "service/support/wire.h"
 #include "support/capture.h"
+#include "support/emulator.h"
 #include "support/private_world.h"
 
 namespace talvek::test {
 namespace {
-
-#ifndef TALVEK_EMULATOR
-#define TALVEK_EMULATOR ""
-#endif
-
-bool IsInPath(const std::string &program) {
-    std::istringstream path{getenv("PATH") != nullptr ? getenv("PATH") : ""};
-    for (std::string folder; std::getline(path, folder, ':');) {
-        if (access((folder + "/" + program).c_str(), X_OK) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// The emulator's command line, where the program was built for another processor. A machine with
-// that processor has no emulator and needs none.
-std::vector<std::string> Emulator() {
-    std::vector<std::string> words;
-    std::istringstream in{TALVEK_EMULATOR};
-    for (std::string word; in >> word;) {
-        words.push_back(word);
-    }
-    if (!words.empty() && !IsInPath(words.front())) {
-        words.clear();
-    }
-    return words;
-}
-
-std::vector<std::string> Launcher() {
-    std::vector<std::string> words = Emulator();
-    words.emplace_back(ProgramPath());
-    return words;
-}
 
 // Makes this process the parent of the orphans among its descendants.
 bool Inherits() {
@@ -142,10 +106,6 @@ const char *ProgramErrorText(int error) {
     return strerror(error);
 }
 
-bool Emulated() {
-    return !Emulator().empty();
-}
-
 int Outcome::exitStatus() const {
     return WIFEXITED(wait) ? WEXITSTATUS(wait) : -1;
 }
@@ -156,6 +116,7 @@ std::vector<std::string> Outcome::lines() const {
 
 pid_t StartProgram(const Arguments &arguments, int out, const std::function<void()> &prepare) {
     std::vector<std::string> words = Launcher();
+    words.emplace_back(ProgramPath());
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char *> argv;
     for (std::string &word : words) {
@@ -222,50 +183,9 @@ Outcome RunProgram(const Arguments &arguments, const std::function<void()> &prep
     return outcome;
 }
 
-int WaitFor(pid_t pid) {
-    constexpr int kPatienceMs = 20000;
-    int status = -1;
-    const int handle = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-    pollfd wait{handle, POLLIN, 0};
-    const bool ended = handle >= 0 ? poll(&wait, 1, kPatienceMs) == 1
-                                   : Eventually([pid] { return HasEnded(pid); }, kPatienceMs);
-    if (handle >= 0) {
-        close(handle);
-    }
-    if (!ended) {
-        ADD_FAILURE() << "process " << pid << " did not end";
-        kill(pid, SIGKILL);
-    }
-    waitpid(pid, &status, 0);
-    return status;
-}
-
-char StateOf(const std::string &directory) {
-    std::ifstream in{directory + "/stat"};
-    std::string text;
-    std::getline(in, text);
-    const size_t name = text.rfind(')');  // the state follows the name, which may hold anything
-    return name == std::string::npos || name + 2 >= text.size() ? '\0' : text[name + 2];
-}
-
-char StateOf(pid_t pid) {
-    return StateOf("/proc/" + std::to_string(pid));
-}
-
 bool Gone(pid_t pid) {
     const char state = StateOf(pid);
     return state == '\0' || state == 'Z';
-}
-
-bool HasForeignThreads() {
-    std::ifstream in{"/proc/self/status"};
-    int threads = 0;
-    for (std::string word; in >> word;) {
-        if (word == "Threads:") {
-            in >> threads;
-        }
-    }
-    return threads != 1;
 }
 
 ::testing::AssertionResult EndedBy(int wait, int signal) {
@@ -276,25 +196,6 @@ bool HasForeignThreads() {
         return ::testing::AssertionSuccess();
     }
     return ::testing::AssertionFailure() << "wait status " << wait << ", not signal " << signal;
-}
-
-bool HasEnded(pid_t pid) {
-    siginfo_t ended = {};
-    const int result = waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT);
-    return result == -1 || ended.si_pid == pid;
-}
-
-bool Eventually(const std::function<bool()> &condition, int ms) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    for (int tries = 0;; ++tries) {
-        if (condition()) {
-            return true;
-        }
-        if (std::chrono::steady_clock::now() >= end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::microseconds(tries < 20 ? 200 : 5000));
-    }
 }
 
 Daemon::Daemon(const Options &options)
@@ -427,7 +328,7 @@ Outcome Daemon::Client(const std::string &command) const {
 
 int Daemon::Stop(int signal) {
     kill(pid_, signal);
-    if (!Eventually([this] { return Gone(pid_); }, 20000)) {
+    if (!Eventually([this] { return Gone(pid_); })) {
         ADD_FAILURE() << "the daemon did not end";
         kill(pid_, SIGKILL);
     }

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "support/await.h"
+#include "support/emulator.h"
 #include "support/temp_dir.h"
 
 // The program as a user runs it.
@@ -23,9 +25,6 @@ const char *ProgramPath();
 // Whether that is to be a static file, and what its C library calls an error.
 bool StaticProgram();
 const char *ProgramErrorText(int error);
-
-// Whether it runs under an emulator of its processor.
-bool Emulated();
 
 using Arguments = std::vector<std::string>;
 
@@ -54,34 +53,15 @@ Outcome RunProgram(const Arguments &arguments, const std::function<void()> &prep
 uint64_t SignalMask(const std::string &path, const std::string &name);
 uint64_t SignalBits(std::initializer_list<int> signals);
 
-// Waits for a child, and kills it after 20 seconds. Returns its wait status; -1 when it was
-// collected before.
-int WaitFor(pid_t pid);
-
-// Whether a child has ended; it can still be waited for.
-bool HasEnded(pid_t pid);
-
-// The state of a process or thread by its directory in /proc: 'R' runs, 'S' sleeps, 'T' is stopped,
-// 'Z' is a zombie (proc(5)); '\0' for one that does not exist.
-char StateOf(const std::string &directory);
-char StateOf(pid_t pid);
-
 // Whether a process has ended. It need not be a child.
 bool Gone(pid_t pid);
 
 // Fills a pipe, given by either end, so that the next write to it blocks.
 void FillPipe(int end);
 
-// Whether a process without threads has some here, as under a user-mode emulator. Ask before the
-// test starts threads.
-bool HasForeignThreads();
-
 // Whether a wait status is that of an end by the signal. Under an emulator in which this process
 // cannot adopt orphans, a daemon has no status (-1).
 ::testing::AssertionResult EndedBy(int wait, int signal);
-
-// Waits for a condition, at most `ms`. Returns whether it has come true.
-bool Eventually(const std::function<bool()> &condition, int ms = 10000);
 
 // A daemon with its socket in a directory of its own. It is killed at the end of the scope, even
 // when the test process dies.

@@ -34,7 +34,7 @@ using talvek::test::g_error;
 using talvek::test::g_timedOut;
 using talvek::test::g_timeouts;
 
-#if defined(__arm__)
+#if __SIZEOF_POINTER__ == 4
 #define REAL_PPOLL __real___ppoll64
 #define WRAP_PPOLL __wrap___ppoll64
 #else

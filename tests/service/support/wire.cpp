@@ -1,22 +1,16 @@
 #include "service/support/wire.h"
 
 #include <gtest/gtest.h>
-#include <linux/sockios.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <time.h>
 #include <unistd.h>
 
-#include "service/support/program.h"
+#include "support/await.h"
 
 namespace talvek::test {
 namespace {
-
-constexpr int kPatienceMs = 10000;
 
 void Append(std::string &bytes, uint32_t value, int count) {
     for (int i = 0; i < count; ++i) {
@@ -25,14 +19,6 @@ void Append(std::string &bytes, uint32_t value, int count) {
 }
 
 // These calls are others than those of the service, which tests catch or make fail.
-bool Readable(int fd, int ms) {
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(fd, &set);
-    const timespec time{ms / 1000, ms % 1000 * 1000000L};
-    return pselect(fd + 1, &set, nullptr, nullptr, &time, nullptr) == 1;
-}
-
 ssize_t ReadSome(int fd, char *pBytes, size_t size) {
     const iovec part{pBytes, size};
     return readv(fd, &part, 1);
@@ -129,7 +115,7 @@ bool Put(int fd, const std::string &bytes) {
 std::string Take(int fd, size_t count) {
     std::string bytes(count, '\0');
     size_t done = 0;
-    while (done < count && Readable(fd, kPatienceMs)) {
+    while (done < count && Readable(fd)) {
         const ssize_t got = ReadSome(fd, bytes.data() + done, count - done);
         if (got <= 0) {
             break;
@@ -148,20 +134,11 @@ std::string TakePkg(int fd) {
 
 bool AtEnd(int fd) {
     char byte;
-    return Readable(fd, kPatienceMs) && ReadSome(fd, &byte, 1) <= 0;
+    return Readable(fd) && ReadSome(fd, &byte, 1) <= 0;
 }
 
 bool Quiet(int fd) {
     return !Readable(fd, 0);
-}
-
-// The kernel counts the bytes that wait in the peer's receive queue to the sender (unix(7),
-// SIOCOUTQ).
-bool HasRead(int fd) {
-    return Eventually([fd] {
-        int left = -1;
-        return ioctl(fd, SIOCOUTQ, &left) == 0 && left == 0;
-    });
 }
 
 sockaddr_un AddressOf(const std::string &path) {

@@ -37,20 +37,17 @@ std::string Hex(const std::string &bytes);
 // Writes all bytes; false when the peer has gone.
 bool Put(int fd, const std::string &bytes);
 
-// Reads `count` bytes, or fewer when the peer closes or is silent for 10 seconds.
+// Reads `count` bytes, or fewer when the peer closes or is silent for kPatienceMs.
 std::string Take(int fd, size_t count);
 
 // Reads one package of the size that its header announces.
 std::string TakePkg(int fd);
 
-// Whether the peer closes and nothing is left to read; waits at most 10 seconds.
+// Whether the peer closes and nothing is left to read.
 bool AtEnd(int fd);
 
 // Whether nothing has arrived.
 bool Quiet(int fd);
-
-// Waits until the peer has read everything that was sent; false after 10 seconds.
-bool HasRead(int fd);
 
 // The address of the socket at `path`.
 sockaddr_un AddressOf(const std::string &path);

@@ -1,0 +1,23 @@
+#ifndef TALVEK_TESTS_SUPPORT_EMULATOR_H
+#define TALVEK_TESTS_SUPPORT_EMULATOR_H
+
+#include <string>
+#include <vector>
+
+// A test program for another processor may run on that processor or under a user-mode emulator.
+
+namespace talvek::test {
+
+// Whether this process runs under an emulator.
+bool Emulated();
+
+// The words that go before a program of this build to run it: the emulator and its options when
+// this process runs under one, else nothing.
+const std::vector<std::string> &Launcher();
+
+// The same for a shell command line, with a blank after each word.
+std::string LauncherText();
+
+}  // namespace talvek::test
+
+#endif
