@@ -11,6 +11,7 @@ usage() {
 ./do sanitize  all tests under AddressSanitizer and UndefinedBehaviorSanitizer
 ./do thread    the tests of what runs in threads under ThreadSanitizer
 ./do arm       build for 32-bit ARM and run the test programs under qemu
+./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
 ./do coverage  lines and branches that the tests reach
 ./do lint      format, static analysis, manual pages, spelling
 ./do words     phrases that make a reader stop, in the tree or in the files named
@@ -242,6 +243,14 @@ arm)
     # The C library of the static program.
     cmake/fetch-deb armhf build/arm/debs musl-dev
     run_tests arm "build test arm" "${2:-}" "${3:-}"
+    ;;
+board)
+    need "build arm board"
+    cmake/fetch-deb armhf build/arm/debs musl-dev
+    configure arm
+    compile arm
+    shift
+    board/run "$@"
     ;;
 lint) lint ;;
 words)
