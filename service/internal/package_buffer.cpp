@@ -27,7 +27,9 @@ void PackageBuffer::InitHeader() {
 }
 
 bool PackageBuffer::Put(size_t offset, const void *pBytes, size_t count) {
-    return Writer().Copy(offset, pBytes, count);
+    LittleEndianWriter writer = Writer();
+    writer.Copy(offset, pBytes, count);
+    return !writer.failed();
 }
 
 void PackageBuffer::TerminatePayload() {

@@ -182,7 +182,48 @@ constexpr Call kCalls[] = {
          EXPECT_EQ(0, COM_GetKernelVersion(release, extra));
      }},
     {"COM_PrintTime", [](const Objects & /*at*/) { EXPECT_EQ(0, COM_PrintTime("prefix", 1, 0)); }},
+    // log.h
+    {"COM_Log", [](const Objects & /*at*/) { EXPECT_LT(0, COM_Log("TEST", 1, "Log", "text\n")); }},
+    {"COM_LogColor",
+     [](const Objects & /*at*/) { EXPECT_LT(0, COM_LogColor("TEST", 1, "Log", "text\n")); }},
+    {"COM_PrintTimeStamp",
+     [](const Objects & /*at*/) { EXPECT_EQ(0, COM_PrintTimeStamp("TEST", 1)); }},
     // net_info.h, udp_broadcast.h, unit_info.h
+    {"COM_GetMAC",
+     [](const Objects & /*at*/) {
+         char out[COM_NET_MAC_COLON_SIZE];
+         COM_GetMAC(COM_NET_MAC_HEX, "lo", out);
+     }},
+    {"COM_GetArpMAC",
+     [](const Objects & /*at*/) {
+         char out[COM_NET_MAC_COLON_SIZE];
+         COM_GetArpMAC(COM_NET_ARP_HEX, "127.0.0.1", out);
+     }},
+    {"COM_SubGetNetInfo",
+     [](const Objects & /*at*/) {
+         char out[COM_NET_ADDRESS_TEXT_SIZE];
+         COM_SubGetNetInfo(COM_NET_IP_TEXT, "lo", out);
+     }},
+    {"COM_SubGetGateway",
+     [](const Objects & /*at*/) {
+         char out[COM_NET_ADDRESS_TEXT_SIZE];
+         COM_SubGetGateway(COM_NET_GATEWAY_TEXT, "lo", out);
+     }},
+    {"COM_GetDnsServer",
+     [](const Objects & /*at*/) {
+         char out[COM_NET_ADDRESS_TEXT_SIZE];
+         COM_GetDnsServer(COM_NET_DNS1_TEXT, "lo", out);
+     }},
+    {"COM_GetMTU",
+     [](const Objects & /*at*/) {
+         int32_t mtu = 0;
+         COM_GetMTU(COM_NET_MTU, "lo", &mtu);
+     }},
+    {"COM_GetDefaultRoute",
+     [](const Objects & /*at*/) {
+         char name[COM_NET_IF_NAME_SIZE];
+         COM_GetDefaultRoute(name);
+     }},
     {"COM_GetNetInfo",
      [](const Objects & /*at*/) {
          char out[COM_NET_MAC_COLON_SIZE];
