@@ -29,7 +29,8 @@
  *   Cancellation  Cancellation of a thread waits until a call is over. The exceptions are
  *                 COM_SleepAtLeast, COM_CallLocked and the watchdog: there it acts, and what they
  *                 hold is released.
- *   Stack         A call uses less than 8 KiB of stack.
+ *   Stack         A call uses less than 8 KiB of stack; COM_Log and COM_LogColor use as much more
+ *                 as printf needs for the message.
  *
  * A rule that comes from a standard or from a file of the kernel is stated with its source.
  *
