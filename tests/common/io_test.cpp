@@ -21,6 +21,7 @@
 
 #include "support/canary.h"
 #include "support/capture.h"
+#include "support/child_process.h"
 #include "support/interruptions.h"
 #include "support/private_world.h"
 
@@ -28,53 +29,27 @@ namespace {
 
 using namespace talvek::test;
 
-// A process that sleeps, started under a given program name, until the end of the scope.
-class Sleeper {
-  public:
-    explicit Sleeper(const std::string &name) {
-        int ends[2];
-        EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
-        pid_ = fork();
-        if (pid_ == 0) {
-            execl("/bin/sleep", name.c_str(), "1234", nullptr);
-            _exit(127);
-        }
-        close(ends[1]);
-        char none;
-        EXPECT_EQ(0, read(ends[0], &none, 1)) << "the exec closes the other end";
-        close(ends[0]);
-    }
-    ~Sleeper() { Stop(); }
-    Sleeper(const Sleeper &) = delete;
-    Sleeper &operator=(const Sleeper &) = delete;
-    void Stop() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            EXPECT_EQ(pid_, waitpid(pid_, nullptr, 0));
-            pid_ = -1;
-        }
-    }
-
-  private:
-    pid_t pid_;
-};
+ChildProcess SleeperNamed(const std::string &name) {
+    return ChildProcess{"/bin/sleep", {name, "1234"}};
+}
 
 TEST(CheckProcExist, FindsAProcessByAPartOfItsName) {
     RunInPrivateWorld(kPids, [] {
         EXPECT_EQ(-1, COM_CheckProcExist("exportd"));
-        Sleeper sleeper{"/opt/exportd"};
+        ChildProcess sleeper = SleeperNamed("/opt/exportd");
         EXPECT_EQ(0, COM_CheckProcExist("exportd"));
         EXPECT_EQ(0, COM_CheckProcExist("/opt/ex"));
         EXPECT_EQ(-1, COM_CheckProcExist("Exportd"));
         EXPECT_EQ(-1, COM_CheckProcExist("exportd 1234"));
-        sleeper.Stop();
+        kill(sleeper.pid(), SIGKILL);
+        sleeper.Wait();
         EXPECT_EQ(-1, COM_CheckProcExist("exportd"));
     });
 }
 
 TEST(CheckProcExist, ComparesNoArguments) {
     RunInPrivateWorld(kPids, [] {
-        const Sleeper sleeper{"sleeper-name"};
+        const ChildProcess sleeper = SleeperNamed("sleeper-name");
         EXPECT_EQ(0, COM_CheckProcExist("sleeper-name"));
         EXPECT_EQ(-1, COM_CheckProcExist("1234"));
     });
@@ -82,7 +57,7 @@ TEST(CheckProcExist, ComparesNoArguments) {
 
 TEST(CheckProcExist, ComparesTheFirstLineOnly) {
     RunInPrivateWorld(kPids, [] {
-        const Sleeper sleeper{"first-line\nsecond-line"};
+        const ChildProcess sleeper = SleeperNamed("first-line\nsecond-line");
         EXPECT_EQ(0, COM_CheckProcExist("first-line\n"));
         EXPECT_EQ(-1, COM_CheckProcExist("second-line"));
     });
@@ -91,7 +66,7 @@ TEST(CheckProcExist, ComparesTheFirstLineOnly) {
 // 120 characters, and seven of the ten that follow.
 TEST(CheckProcExist, ComparesTheFirst127Characters) {
     RunInPrivateWorld(kPids, [] {
-        const Sleeper sleeper{std::string(120, 'n') + "ABCDEFGHIJ"};
+        const ChildProcess sleeper = SleeperNamed(std::string(120, 'n') + "ABCDEFGHIJ");
         EXPECT_EQ(0, COM_CheckProcExist("nABCDEF"));
         EXPECT_EQ(0, COM_CheckProcExist("nABCDEFG"));
         EXPECT_EQ(-1, COM_CheckProcExist("nABCDEFGH"));

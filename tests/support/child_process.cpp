@@ -8,10 +8,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/await.h"
+#include "support/private_world.h"
+
 namespace talvek::test {
 
 ChildProcess::ChildProcess(const char *path, const std::vector<std::string> &args) {
-    // The write end is closed by the exec, which the read end tells.
+    // The exec closes the write end.
     int ends[2];
     EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
     std::vector<char *> list;
@@ -30,6 +33,12 @@ ChildProcess::ChildProcess(const char *path, const std::vector<std::string> &arg
     int error = 0;
     EXPECT_EQ(0, read(ends[0], &error, sizeof error)) << path << " : " << strerror(error);
     close(ends[0]);
+    // The kernel closes the descriptor before it shows the new arguments.
+    const std::string proc = "/proc/" + std::to_string(pid_);
+    EXPECT_TRUE(Eventually([&] {
+        const char state = StateOf(proc);
+        return state == 'Z' || state == '\0' || !ReadFile(proc + "/cmdline").empty();
+    })) << path;
 }
 
 ChildProcess::~ChildProcess() {
