@@ -108,7 +108,7 @@ TEST(MountExportFault, LogsThatThereIsNoMemory) {
     const std::string format =
         R"(DEV:Dev_Mount\(\): malloc\([1-9][0-9]+\) error : Cannot allocate memory)";
     const Lines lines = CaptureLog([&] {
-        const Fault fault{"realloc", 0, ENOMEM};
+        const Fault fault{nullptr, 0, ENOMEM};  // its first call
         EXPECT_EQ(-1, Dev_Mount("s:/x", "/m", DEV_FS_NFS));
     });
     ASSERT_EQ(1u, lines.size());
