@@ -150,13 +150,14 @@ bool Listener::ServeClient() {
         ReportAccept(error);
         return false;
     }
-    // Closed before the log line, which may block: the client must notice the end of its handler.
-    COM_CloseFd(&client_.fd);
     if (child == -1) {
         LOG_PLAIN("Can't fork() child : %s\n", strerror(error));
-    } else {
-        LOG_PLAIN("PID[%d][%d] fork() to handle client()\n", client_.daemon_pid, child);
+        COM_CloseFd(&client_.fd);
+        return false;
     }
+    // Closed before the log line, which may block: the client must notice the end of its handler.
+    COM_CloseFd(&client_.fd);
+    LOG_PLAIN("PID[%d][%d] fork() to handle client()\n", client_.daemon_pid, child);
     return false;
 }
 
