@@ -20,7 +20,8 @@ constexpr const char *kKernelList = "/proc/filesystems";
 constexpr uint32_t kUsable = 1u << 0;
 constexpr uint32_t kMarked = kUsable | 1u << DEV_FS_CAP_MARK;
 
-// Of older kernels: today's accept "nobh" and "barrier=0" and log that they do nothing.
+// "barrier=0" turns write barriers off, so a power failure may damage the file system (ext4(5)).
+// Today's kernels accept "nobh" and ignore it with a warning.
 constexpr const char *kExt4Data = "data=writeback,barrier=0,nobh";
 constexpr const char *kNfsData = "rw,rsize=1048576,wsize=1048576,soft,tcp,nolock";
 
@@ -83,8 +84,8 @@ constinit std::array<uint32_t, DEV_FS_COUNT> g_caps{};
 bool g_computed = false;
 pthread_once_t g_once = PTHREAD_ONCE_INIT;
 
-// One pass over the kernel's list for all rows. A name counts where a tab precedes it, so that
-// "nfsd" counts as "nfs" too.
+// One pass over the kernel's list for all rows. A row is known when the list has a tab followed by
+// its name; so "nfsd" counts as "nfs" too.
 std::array<bool, DEV_FS_COUNT> KnownToKernel() {
     std::array<tFileItem, DEV_FS_COUNT> items{};
     for (const tFsEntry &row : kTable) {
@@ -96,7 +97,9 @@ std::array<bool, DEV_FS_COUNT> KnownToKernel() {
     request.find_only = 1;
     request.match_substring = 1;
     request.pItems = items.data();
-    COM_ReplaceItemsInFile(kKernelList, &request);
+    if (COM_ReplaceItemsInFile(kKernelList, &request) < 0) {
+        return {};
+    }
 
     std::array<bool, DEV_FS_COUNT> known{};
     for (size_t i = 0; i < known.size(); ++i) {
