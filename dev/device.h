@@ -15,8 +15,8 @@ extern "C" {
  * optical_disc.h, optical_capacity.h). */
 enum { DEV_QUERY_FAILED = 0, DEV_QUERY_OK = 1 };
 
-/* Address of a device on its bus. All four words of a block or optical node and of its SCSI generic
- * node are equal, which pairs the two. */
+/* Address of a device on its bus. A block or optical node and its SCSI generic node are a pair:
+ * their addresses are equal in all four words. */
 typedef struct tScsiAddr {
     uint32_t host;    /* SCSI_IOCTL_GET_BUS_NUMBER (Linux include/scsi/scsi_ioctl.h) */
     uint32_t channel; /* SCSI_IOCTL_GET_IDLUN, first word: bits 16 to 23 */
@@ -100,14 +100,14 @@ enum { DEV_BUS_ATA = 0, DEV_BUS_USB = 1, DEV_BUS_IEEE1394 = 2, DEV_BUS_ESATA = 3
 #define DEV_INFO_PATH_SIZE 12   /* bytes of devPath and sgPath */
 #define DEV_INFO_MOUNT_SIZE 120 /* bytes of tDevInfo.mountPoint */
 
-/* One device. The caller zeroes the record before it is filled. */
+/* One device. The caller zeroes the record before the first call that fills it. */
 typedef struct tDevInfo {
     char model[DEV_INFO_MODEL_SIZE]; /* vendor and product, as Dev_Inquiry gives them */
     tScsiAddr scsiAddr;
     char devPath[DEV_INFO_PATH_SIZE];     /* "/dev/sdb", "/dev/sr0", "/dev/nosst4" */
     char sgPath[DEV_INFO_PATH_SIZE];      /* paired generic node: "/dev/sg1" */
     char mountPoint[DEV_INFO_MOUNT_SIZE]; /* empty when the device is not mounted */
-    uint8_t ready;     /* 1: TEST UNIT READY succeeded (scsi.h says what that means) */
+    uint8_t ready;                        /* 1: Dev_TestUnitReady (scsi.h) succeeded */
     uint8_t isOptical; /* 1: optical drive or tape, u.disc is valid; 0: disk, u.disk is valid */
     uint8_t busType;   /* DEV_BUS_... */
     uint8_t reserved;  /* 0 */
@@ -121,7 +121,8 @@ typedef struct tDevInfo {
 typedef struct tSgMapEntry {
     char sgPath[DEV_INFO_PATH_SIZE]; /* "/dev/sg0" or "/dev/sga" */
     uint8_t ready;                   /* 1: TEST UNIT READY succeeded */
-    tScsiAddr scsiAddr;              /* sixteen bytes 0xFF: no such device */
+    tScsiAddr scsiAddr;              /* words that were not read are 0xFFFFFFFF; no device has
+                                        these */
 } tSgMapEntry;
 
 /* The records are the same on 32-bit ARM and on 64-bit hosts. */

@@ -86,7 +86,8 @@ int MeasureThroughOwnMount(tDevInfo &dev, unsigned fsIndex) {
         return DEV_HD_STAT_FAILED;
     }
     const ScopeExit unmount{[&dir] {
-        // If another process uses the mount, it keeps the mount, and the directory is removed.
+        // A mount that another process uses is detached: that process keeps it, and the directory
+        // can be removed.
         if (Dev_uMount(dir) != 0) {
             umount2(dir, MNT_DETACH);
         }

@@ -13,13 +13,14 @@ extern "C" {
 enum {
     DEV_HD_STAT_MOUNTED = 0,   /* measured where the disk is mounted; mountPoint is set */
     DEV_HD_STAT_OWN_MOUNT = 1, /* measured through a mount of its own; mountPoint is empty */
-    DEV_HD_STAT_FAILED = -1,   /* only u.disk.deviceBytes is set */
+    DEV_HD_STAT_FAILED = -1,   /* of u.disk only deviceBytes is set; mountPoint as found */
 };
 
 /* Measures a disk and its file system: u.disk and mountPoint of the record.
  *
- *   pDev     devPath names the disk or partition. A disk counts as mounted on the first mount point
- *            whose device name begins with devPath ("/dev/sda1" for "/dev/sda").
+ *   pDev     devPath names the disk or partition. The disk counts as mounted when the name of a
+ *            mounted device begins with devPath ("/dev/sda1" for "/dev/sda"); the first such mount
+ *            is measured.
  *   fsIndex  as for Dev_Mount (mount.h). A disk that is not mounted is mounted with it below /var
  *            while it is measured. With DEV_FS_DETECT a disk without a known file system gets a
  *            tmpfs there: fsType is then DEV_FS_TYPE_TMPFS (file_system.h), and the sizes are those

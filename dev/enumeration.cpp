@@ -34,8 +34,8 @@ const char *BusName(uint8_t busType) {
     return busType < kNames.size() ? kNames[busType] : "unknown";
 }
 
-// A driver's text names the bus at its beginning or after "SCSI emulation for ". The rules are
-// tried in this order.
+// A driver's text has the name of the bus at its beginning, or at offset 19, after "SCSI emulation
+// for ". The rules are tried in this order.
 struct HostRule {
     size_t offset;
     const char *text;
@@ -61,7 +61,7 @@ void EnsureDiskNode(const char *pPath, unsigned n) {
 }
 
 uint8_t ReadBusType(const char *pFunction, int fd) {
-    // The first word is the size of the buffer for the kernel; the text overwrites it.
+    // The kernel reads the buffer's size from the first word, then writes the text over it.
     char text[kHostTextSize + 1];
     memset(text, ' ', kHostTextSize);
     text[kHostTextSize] = '\0';

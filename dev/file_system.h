@@ -5,7 +5,7 @@
  *
  * A file system is a row of a fixed table. A mount that detects the file system tries the rows in
  * their order. What the kernel (/proc/filesystems) and the installed tools support is determined
- * once a process, by the first entry that needs it; Dev_InitFsArray determines it again. */
+ * once per process, by the first entry that needs it. Dev_InitFsArray determines it again. */
 
 #include <stdint.h>
 
@@ -45,9 +45,9 @@ enum {
  *
  *   MAKE   a tool makes the file system: arg1 = its options
  *   LABEL  a tool handles the label: arg1 reads it, arg2 (a format) sets it
- *   CHECK  a tool repairs: arg1 without questions, arg2 answers yes to all; the caller replaces
- *          "%c" in them by a letter
- *   MARK   the mark of xfs, ext4 and ext3, without a tool */
+ *   CHECK  a tool repairs: arg1 automatically, arg2 whatever it finds (formats: the caller fills in
+ *          "%c")
+ *   MARK   set for xfs, ext4 and ext3; there is no tool */
 #define DEV_FS_CAP_MAKE 1
 #define DEV_FS_CAP_LABEL 2
 #define DEV_FS_CAP_CHECK 3
@@ -72,7 +72,7 @@ typedef struct tFsEntry {
 } tFsEntry;
 
 /* Determines again what is supported and logs one line a row. The mask of a row that the kernel
- * knows is its initial mask with a bit for each tool that its owner may execute. The mask is 0 for
+ * knows is its initial mask plus the bit of each tool that its owner may execute. The mask is 0 for
  * a row that the kernel does not know, and for all rows when the look-up fails. */
 void Dev_InitFsArray(void);
 

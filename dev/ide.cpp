@@ -1,4 +1,4 @@
-// Identity and health of disks that the kernel's IDE driver runs.
+// Identity and health of disks of the kernel's IDE driver.
 
 #include "dev/ide.h"
 
@@ -29,7 +29,7 @@ class HexDump {
     [[nodiscard]] int length() const { return length_; }  // characters
     [[nodiscard]] int pairs() const { return length_ / 2; }
 
-    // The byte of a pair, which must exist. A character that is no hexadecimal digit ends it.
+    // The byte of a pair below pairs(). A character that is no hexadecimal digit ends the number.
     [[nodiscard]] uint8_t At(int pair) const {
         char digits[3];
         snprintf(digits, sizeof digits, "%.*s", 2, text_.get() + ptrdiff_t{pair} * 2);
@@ -54,8 +54,8 @@ constexpr int kIdentityPairs = kModel.firstPair + kModel.size;
 static_assert(kIdentityPairs == 94);
 
 // SMART READ DATA: a revision word, then entries of 12 bytes with the id first and the first raw
-// byte sixth. In the dump, where each word has its high byte first, the id of the first entry is
-// pair 3 and the raw byte follows three pairs later.
+// byte sixth. The text has the high byte of each word first: the id of the first entry (byte 2) is
+// pair 3, its first raw byte (byte 7) is pair 6.
 constexpr int kFirstIdPair = 3;
 constexpr int kEntryPairs = 12;
 constexpr int kRawAfterId = 3;

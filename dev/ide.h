@@ -1,8 +1,8 @@
 #ifndef TALVEK_DEV_IDE_H
 #define TALVEK_DEV_IDE_H
 
-/* Identity and health of disks that the kernel's IDE driver runs. The driver publishes the data of
- * ATA IDENTIFY DEVICE and of SMART READ DATA as hexadecimal text in /proc/ide/<name>/identify and
+/* Identity and health of disks of the kernel's IDE driver. The driver publishes the data of ATA
+ * IDENTIFY DEVICE and of SMART READ DATA as hexadecimal text in /proc/ide/<name>/identify and
  * /proc/ide/<name>/smart_values (Linux up to 5.13, drivers/ide/ide-proc.c and ide-disk_proc.c). */
 
 #include <stdint.h>
@@ -48,7 +48,8 @@ int Dev_GetIDViaMount(const char *pMountPoint, char *pSerial, char *pFwRev, char
  *   pDevPath  the disk; only the last component is used
  *   pAttr     id: the attribute; 0 finds the first empty entry. value: out
  *
- * Returns 0, or -1 when the disk has no such attribute, or there is no such disk (not logged). */
+ * Returns 0, or -1 when the disk has no such attribute, the file is too short, or there is no such
+ * disk (not logged). */
 int Dev_GetSmartValue(const char *pDevPath, tSmartAttr *pAttr);
 
 #ifdef __cplusplus

@@ -24,7 +24,8 @@ using talvek::WholeLength;
 using Cdb10 = std::array<uint8_t, 10>;
 using Cdb12 = std::array<uint8_t, 12>;
 
-// Only the header and the first words of the current feature: RT = 01b, starting feature 0.
+// The 8 bytes are the feature header, which has the current profile in bytes 6-7. RT = 01b (current
+// features), starting feature 0.
 constexpr uint32_t kConfigurationLength = 8;
 constexpr Cdb10 kGetConfiguration = {0x46, 0x01, 0, 0, 0, 0, 0, 0, kConfigurationLength, 0};
 
@@ -182,7 +183,7 @@ void ParseTrackInfo(BigEndianReader reply, tDiscInfo &info) {
     fflush(stdout);
 }
 
-// A blank disc may have more free blocks than its nominal capacity.
+// On an incomplete disc the drive may report more free blocks than the nominal capacity has.
 uint64_t UsedKB(const tDiscInfo &info) {
     const uint64_t freeKB = 2ULL * info.freeBlocks;
     switch (info.discStatus) {

@@ -44,11 +44,13 @@ int Dev_ReadTrackInfo(const char *pDevPath, int fd, tDiscInfo *pInfo);
  * by layers and diameter. totalKB of other classes is unchanged. */
 int Dev_ReadDvdStruct(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
-/* READ FORMAT CAPACITY: totalKB from the formattable capacity descriptors. If several apply, the
+/* READ FORMAT CAPACITY: totalKB from the formattable capacity descriptors. The list is printed as
+ * hexadecimal bytes, with the type of its current descriptor. If several descriptors apply, the
  * last one counts:
  *
  *   full format (00h)  on a BD: twice the blocks of the current capacity. On other discs: blocks
- *                      times block length as a 32-bit product, which wraps from 4 GiB on.
+ *                      times block length in bytes, as a 32-bit product that wraps from 4 GiB on,
+ *                      divided by 1024.
  *   DVD+RW (26h)       twice the blocks, on a rewritable DVD+
  *   DVD-RW (10h)       twice the blocks, on a rewritable DVD- */
 int Dev_ReadFormatCapacity(const char *pDevPath, int fd, tDiscInfo *pInfo);

@@ -31,6 +31,9 @@ extern "C" {
  *       Dev_uMount(pDir);   // the device has no file system that can be mounted
  *   }
  *
+ * Warning: ext4 is mounted with data=writeback and barrier=0: without write barriers, a power
+ * failure may damage the file system unless the drive's write cache is off or protected.
+ *
  * An export is mounted with this command, run by system(3):
  *   /bin/mount -t nfs -o rw,rsize=1048576,wsize=1048576,soft,tcp,nolock <pSrc> <pDir>
  * A name with characters that the shell would interpret is quoted. If a name begins with '-', "--"

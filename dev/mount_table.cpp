@@ -73,7 +73,7 @@ bool HavePartition(char *pLines, const char *pWanted) {
     return false;
 }
 
-// The length of the whole lines of a block; of the whole block when it has no end of line.
+// The length of the complete lines of a block, or of the block when it has no newline.
 size_t WholeLines(const char *pBlock, size_t size) {
     const void *pEnd = memrchr(pBlock, '\n', size);
     return pEnd != nullptr ? static_cast<size_t>(static_cast<const char *>(pEnd) - pBlock) + 1

@@ -31,8 +31,8 @@ typedef struct tMountEntry {
  *   pDev         the device
  *   pMountPoint  DEV_MOUNT_TEXT_SIZE bytes for the mount point
  *   n            DEV_MPT_PREFIX: the mounted device begins with pDev ("/dev/sda" finds
- *                "/dev/sda1"). Above 0: the mounted device has at most n characters, and its first
- *                n characters are those of pDev.
+ *                "/dev/sda1"). Above 0: the mounted device has at most n characters and equals the
+ *                first n characters of pDev.
  *
  * Returns 0, or -1 when no mount matches. */
 int Dev_nGetMPT(const char *pDev, char *pMountPoint, unsigned n);
@@ -40,8 +40,8 @@ int Dev_nGetMPT(const char *pDev, char *pMountPoint, unsigned n);
 /* Dev_nGetMPT with DEV_MPT_PREFIX. */
 int Dev_GetMPT(const char *pDev, char *pMountPoint);
 
-/* Finds the device that is mounted on a directory. Of several devices that are mounted there, the
- * last one, which hides the others.
+/* Finds the device that is mounted on a directory. If several are mounted there, it is the last
+ * one, which hides the others.
  *
  *   pDev         DEV_MOUNT_TEXT_SIZE bytes for the device
  *   pMountPoint  the directory, spelled as in the mount call

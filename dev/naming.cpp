@@ -101,8 +101,8 @@ struct Translation {
     int openFlags;  // of `from`
     char *to;
     size_t size;
-    unsigned count;  // of the nodes that may be the other one
-    // Opens node k of them and writes its name (DEV_INFO_PATH_SIZE bytes).
+    unsigned count;  // how many nodes to try
+    // Opens node k and writes its name (DEV_INFO_PATH_SIZE bytes).
     int (*openNode)(SgNodes &nodes, unsigned k, char *pName);
 };
 

@@ -4,12 +4,12 @@
 /* Used capacity of a rewritable disc: the size of the file system on it.
  *
  * Each entry mounts pDev->devPath read-only as ISO 9660 on a directory of its own below /var, sets
- * u.disc.usedKB from f_bsize * f_blocks of statfs(2), unmounts, and gives the drive one second. The
- * directory is made if it does not exist, and anything mounted on it before is unmounted.
+ * u.disc.usedKB from f_bsize * f_blocks of statfs(2), unmounts, and waits one second for the drive.
+ * The directory is made if it does not exist, and anything mounted on it before is unmounted.
  *
- * Returns DEV_QUERY_OK, or DEV_QUERY_FAILED with usedKB unchanged: no record, no directory, no
- * mount (a disc without an ISO 9660 file system), no statfs. Two threads must not measure the same
- * kind of disc at the same time, since they would use the same directory. */
+ * Returns DEV_QUERY_OK, or DEV_QUERY_FAILED with usedKB unchanged: pDev is NULL, or making the
+ * directory, mounting (a disc without ISO 9660) or statfs failed. Two threads must not measure the
+ * same kind of disc at the same time, since they would use the same directory. */
 
 #include "device.h"
 

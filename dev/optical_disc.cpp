@@ -31,8 +31,8 @@ void IdentifyDvd(const char *pDevPath, int fd, tDiscInfo &info) {
     }
 }
 
-// BD-R and BD-RE have no supported profile, so the disc is a BD-ROM and only its disc information
-// is read. Tested by Identification.ReadsOnlyTheDiscInformationOfABdRom.
+// Only BD-ROM has a supported profile, so mediaKind is read-only here and the two last commands are
+// never sent. Tested by Identification.ReadsOnlyTheDiscInformationOfABdRom.
 void IdentifyBd(const char *pDevPath, int fd, tDiscInfo &info) {
     if (Dev_ReadDiscInfo(pDevPath, fd, &info) != DEV_QUERY_OK ||
         (info.mediaKind != DEV_MEDIA_WRITE_ONCE && info.mediaKind != DEV_MEDIA_REWRITABLE)) {

@@ -21,8 +21,8 @@ enum {
 
 /* Identifies the disc in one drive of an enumeration.
  *
- *   pDev  isOptical, sgPath (the node that is opened) and devPath (for the log lines, and mounted
- *         to measure a rewritable DVD) are read; ready and u.disc are set
+ *   pDev  isOptical, sgPath (the node that is opened) and devPath (for the log lines; a rewritable
+ *         DVD is mounted by it) are read; ready and u.disc are set
  *
  * A drive that is not ready takes three seconds. A drive that does not answer counts as ready
  * (Dev_ExecMMC, scsi.h): the result is DEV_DISC_INFO_UNSUPPORTED after three requests, each of
@@ -33,9 +33,9 @@ enum {
  * DEV_REPLY_SIZE bytes of stack more than other entries. */
 int Dev_GetDiscInfo(tDevInfo *pDev);
 
-/* All commands for a CD: ATIP, disc information, and the table of contents of an incomplete disc.
- * usedKB is what lies before the next session's lead-in on an incomplete disc (twice the nextLeadIn
- * that pInfo had when the table cannot be read), totalKB on a finalized one, otherwise 0.
+/* Reads what Dev_GetDiscInfo reports of a CD: ATIP, disc information and, on an incomplete disc,
+ * the table of contents. usedKB by discStatus: twice nextLeadIn on an incomplete disc (when the
+ * table cannot be read, nextLeadIn is the caller's), totalKB on a finalized one, otherwise 0.
  *
  *   pDevPath  for the log lines
  *   fd        the drive (scsi.h)

@@ -44,7 +44,7 @@ enum {
 
 /* Argument `verbose` of Dev_ExecMMC. */
 enum {
-    DEV_MMC_QUIET = 0,   /* one line for a failure, none for a success */
+    DEV_MMC_QUIET = 0,   /* one line for a failure, none for a success without a CHECK CONDITION */
     DEV_MMC_VERBOSE = 1, /* also sense bytes and SCSI, host and driver status of a failure, and a
                             hex dump of dxfer_len bytes of the reply */
 };
@@ -58,13 +58,13 @@ enum {
  *   verbose  DEV_MMC_QUIET or DEV_MMC_VERBOSE
  *
  * Sense data are read in fixed format (SPC-3 4.5.3). A CHECK CONDITION whose sense key, ASC and
- * ASCQ are all 0 counts as success, since some drives raise one without a reason; that is reported
- * on standard output. Two failures therefore look like a success:
+ * ASCQ are all 0 counts as success and is reported on standard output, since some drives raise one
+ * without a reason. Two failures therefore look like a success:
  *
  *   - A device that does not answer. The request then ends without sense data after hdr.timeout and
  *     the kernel's attempts to recover the device.
  *   - A device that sends sense data in descriptor format (SPC-3 4.5.2, response codes 72h and
- *     73h), if the bytes at the places of the fixed format are 0.
+ *     73h), if bytes 12 and 13 and the low half of byte 2 are 0.
  *
  * Returns DEV_MMC_OK or another result from the list above. */
 int Dev_ExecMMC(tMmcCmd *pCmd, int fd, int verbose);
@@ -82,8 +82,8 @@ int Dev_TestUnitReady(const char *pDevPath, int fd);
  *
  *   pDevPath  for the log lines
  *   pModel    NULL, or DEV_MODEL_SIZE bytes for vendor and product run together. Of their 24
- *             characters, letters, digits and spaces are kept. A run of spaces becomes one space,
- *             also at the beginning; a space at the end is removed.
+ *             characters only letters, digits and spaces are kept. Each run of spaces becomes one
+ *             space; at the end it is removed, at the beginning it stays.
  *
  * Returns DEV_QUERY_OK or DEV_QUERY_FAILED. */
 int Dev_Inquiry(const char *pDevPath, int fd, char *pModel);

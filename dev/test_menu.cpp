@@ -245,8 +245,8 @@ void ReportName(const char *pAbout, int result, const char *pName, const char *p
     }
 }
 
-// Of a disc that cannot be written only the kind is known, and of an empty or finalized CD no
-// tracks.
+// For a read-only disc only the kind is shown. Sessions and tracks are shown when they are known:
+// an empty or finalized CD has no track number.
 void ReportDisc(const char *pDrive, const tDiscInfo &disc) {
     printf("[%s] => %s, %s", pDrive, NameIn(kClassNames, disc.discClass),
            NameIn(kMediaNames, disc.mediaKind));
@@ -282,8 +282,8 @@ void Menu::RescanBus() {
     }
 }
 
-// The enumeration prints its list itself. A disk whose file system cannot be mounted has the sizes
-// of a tmpfs there, so the file system is shown too.
+// The enumeration prints its list itself. The file system is shown too, because a disk without one
+// that can be mounted has the sizes of a tmpfs.
 void Menu::QueryAll() {
     const auto devices = talvek::HeapBuf<tDevInfo>::Zeroed(DEV_MAX_DEVICES);
     if (!devices) {

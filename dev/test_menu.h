@@ -26,7 +26,7 @@ typedef struct tDevTestMenu {
 void Dev_PrintTestMenu(const tDevTestMenu *pState);
 
 /* Prints the menu, then reads item numbers from a stream, one a line, and runs the items until item
- * 17 or the end of input. An item that needs more asks for it; an empty line cancels such a
+ * 17 or the end of input. An item that needs more input asks for it; an empty line cancels the
  * question and changes nothing. Wrong input is reported, and the question is repeated. Blanks
  * around the text of a line are ignored.
  *

@@ -1,4 +1,4 @@
-// READ TOC/PMA/ATIP: a blank CD's ATIP, a CD's table of contents, the tracks of a DVD.
+// READ TOC/PMA/ATIP: the ATIP of a recordable CD, a CD's table of contents, the tracks of a DVD.
 
 #include "dev/toc.h"
 

@@ -26,16 +26,18 @@ int Dev_ReadCdATIP(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
 /* Table of contents of a CD, in minutes, seconds and frames: lastTrack, lastTrackStart and
  * nextLeadIn. The next lead-in lies 11250 frames after the lead-out of the first session and 6750
- * after that of a later one; a disc with a single track counts as having one session.
+ * after that of a later one; a disc with one track counts as one session, any other as more than
+ * one.
  *
- * Fails when the reply is too short for the last track and the lead-out, and without a track. */
+ * Fails when the disc has no track, and when the reply ends before the descriptors of the last
+ * track and the lead-out. */
 int Dev_ReadCdToc(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
 /* Track list of a DVD-R or DVD+R, in logical block addresses, printed line by line, and usedKB by
- * discStatus: twice the blocks up to and with the lead-out's first one on an incomplete disc,
- * totalKB on a finalized one, otherwise 0.
+ * discStatus: on an incomplete disc, twice the number of blocks up to and including the first block
+ * of the lead-out; on a finalized one, totalKB; otherwise 0.
  *
- * Fails for other media, for which nothing is sent, and when the list has no lead-out. */
+ * Fails for other media, without a request, and when the list has no lead-out. */
 int Dev_ReadDvdRToc(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
 #ifdef __cplusplus

@@ -8,8 +8,8 @@
 
 namespace talvek {
 
-// Copies a text into `size` bytes, including the NUL. A longer text is truncated and logged for the
-// entry `pFunction`; the result is then false.
+// Copies a text into `size` bytes, including the NUL. A longer text is truncated, which is logged
+// for the entry `pFunction`; the result is then false.
 inline bool CopyBounded(const char *pFunction, char *pDst, size_t size, const char *pSrc) {
     const int length = snprintf(pDst, size, "%s", pSrc);
     if (length >= 0 && static_cast<size_t>(length) >= size) {

@@ -8,8 +8,8 @@
 
 namespace talvek {
 
-// A row, with its index below DEV_FS_COUNT. FsCaps reads the mask; `caps` of this row is the
-// initial one.
+// The row `index`, below DEV_FS_COUNT. Its `caps` is the initial mask; FsCaps returns the current
+// one.
 const tFsEntry &FsRow(uint32_t index);
 
 // Recomputes all masks and logs them for the entry `pFunction`.
@@ -18,7 +18,7 @@ void UpdateFsTable(const char *pFunction);
 // Computes the masks unless that has been done before.
 void EnsureFsTable();
 
-// The mask of a row; computes the masks first unless that has been done before.
+// The current mask of a row. The first call computes all masks.
 uint32_t FsCaps(uint32_t index);
 
 }  // namespace talvek

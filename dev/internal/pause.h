@@ -7,7 +7,7 @@
 
 namespace talvek {
 
-// Gives a drive a second of time.
+// Waits one second for a drive.
 inline void PauseSecond() {
     constexpr timespec kSecond = {1, 0};
     constexpr int kMaxRounds = 1000;

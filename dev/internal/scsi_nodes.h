@@ -10,7 +10,7 @@ namespace talvek {
 inline constexpr unsigned kCandidateNodeCount = 49;
 extern const char *const kCandidateNodes[kCandidateNodeCount + 1];
 
-// What is logged when an address cannot be read: formats of COM_Log for the node's path and the
+// The log lines for an address that cannot be read. Their arguments are the node's path and the
 // error text.
 struct AddrLog {
     const char *function;
@@ -24,8 +24,7 @@ bool ReadScsiAddr(const AddrLog &log, const char *pPath, int fd, tScsiAddr &addr
 
 bool SameScsiAddr(const tScsiAddr &a, const tScsiAddr &b);
 
-// Opens the SCSI generic nodes of the machine, which have numbers, or letters where there is no
-// /dev/sg0.
+// Opens the SCSI generic nodes by number, or by letter on a machine without /dev/sg0.
 class SgNodes {
   public:
     // Opens node k and writes its name (DEV_INFO_PATH_SIZE bytes); -1 when it cannot be opened.
