@@ -178,7 +178,7 @@ run() {
     sed 's/^/    /' $log
     echo
     [ $failed -eq 0 ] || exit 1
-    echo "From here: 'build/talvek -D -s $socket' starts the daemon, '$client -f \"<command>\"' has it run a command; man -l docs/talvek.8 tells the rest."
+    echo "From here: 'build/talvek -D -s $socket' starts the daemon, '$client -f \"<command>\"' has it run a command; man -l docs/talvek.8 is the manual page."
 }
 
 # run_tests <preset> "<sections>" [<programs> [<cases>]]

@@ -23,7 +23,8 @@ if(NOT musl_lib)
     return()
 endif()
 
-# The kernel's headers lie among those of glibc, so that they need a folder of their own.
+# The kernel's headers share a folder with glibc's, so links to them are made in a folder of their
+# own.
 foreach(name IN ITEMS asm asm-generic linux)
     foreach(dir IN LISTS CMAKE_CXX_IMPLICIT_INCLUDE_DIRECTORIES)
         if(EXISTS ${dir}/${name})

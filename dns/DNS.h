@@ -22,9 +22,9 @@
  *     /etc/resolv.conf. Calls may run in several threads at once.
  *   - Sockets and files are closed in programs that are executed (FD_CLOEXEC).
  *   - Cancellation of a thread waits until a call is over.
- *   - No entry writes more than 8 KiB of stack.
+ *   - No entry uses more than 8 KiB of stack.
  *
- * Limits of this resolver, to be weighed on a network that is not trusted:
+ * Limits of this resolver, which matter on an untrusted network:
  *
  *   - Every query has the same identifier. Neither the identifier nor the sender of a response is
  *     checked: any program that can send a datagram to the socket can answer, and the first
@@ -32,27 +32,26 @@
  *   - There is no retry over TCP: a truncated response (TC) is used as it is, and a datagram is
  *     cut to DNS_MAX_RESPONSE bytes.
  *   - Answers are not walked record by record, and CNAME records are not followed. The first
- *     address is expected after the first two bytes 00 04 at offset 15 or later (an RDLENGTH of
- *     4), and each further one 16 bytes after the one before, as servers that compress owner
- *     names send them. Bytes 00 04 before that, in a time to live of 4 seconds for example, are
- *     mistaken for the length. Every record in the answer count is expected to be an address:
- *     with an alias, entries after the host's addresses hold whatever follows them in the
- *     response.
+ *     address is expected after the first bytes 00 04 (an RDLENGTH of 4) at offset 15 or later, and
+ *     each further one 16 bytes later, as in responses with compressed owner names. An earlier
+ *     00 04, for example in a time to live of 4 seconds, is mistaken for the length. Every record
+ *     in the answer count is expected to be an address: with an alias, entries after the host's
+ *     addresses hold whatever follows them in the response.
  *   - Only the low byte of a compression pointer is read: a name beyond offset 255 of the
  *     response is misread, and with it the preference of the exchanger. Only the low byte of a
  *     preference is read.
- *   - Addresses of mail exchangers are read only from the additional section, as the A records of
- *     16 bytes that end the response, less one for each record of the authority section.
- *     Exchangers without an address there are not looked up. So from a server with minimal
- *     responses the domain's own addresses are returned; and if a server adds only the address of
- *     a name server, that is returned. AAAA, OPT and signature records there are misread; the
- *     queries ask for none.
+ *   - Addresses of mail exchangers are read only from the additional section. It is expected to end
+ *     the response and to hold only A records of 16 bytes: first those of the exchangers, then one
+ *     for each record of the authority section, which is skipped. Exchangers without an address
+ *     there are not looked up. From a server with minimal responses the domain's own addresses are
+ *     returned; if a server adds only the address of a name server, that address is returned. AAAA,
+ *     OPT and signature records there are misread; the queries ask for none.
  *   - There is no search list, no "ndots", no /etc/hosts, no IPv6, and no check of the length of
  *     a label (63) or of a name (255). A name without any "." is refused. A "." at the end of a
  *     name is a character of the last label, so no server knows the name.
  *
- * Whatever a server sends, a call touches only the bytes received, ends, and waits no longer than
- * its time-outs. The headers are plain C11 and can be read by C++. */
+ * Whatever a server sends, a call reads only the bytes received and ends within its time-outs. The
+ * headers are plain C11 and can be read by C++. */
 
 #include "lookup.h"
 #include "name_server.h"

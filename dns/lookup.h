@@ -19,10 +19,11 @@ extern "C" {
  *
  * The name servers are asked in the order of the file, once each, until one answers.
  *
- * Returns DNS_OK when a response held addresses (when all were 0.0.0.0, no entry is valid), else
- * the failure of the last server, or DNS_NO_ANSWER when there is none. A name of more than
- * DNS_MAX_NAME characters is logged as invalid and not asked for: DNS_NO_ANSWER. After a failure
- * the addr of the first entry holds the value of inet_addr, 255.255.255.255 for a name. */
+ * Returns DNS_OK when a response held addresses (when the first is 0.0.0.0, no entry is valid),
+ * else the failure of the last server, or DNS_NO_ANSWER when there is no server. A name of more
+ * than DNS_MAX_NAME characters is logged as invalid and not asked for: DNS_NO_ANSWER. NULL and a
+ * name without "." leave pResult unchanged; after any other failure the addr of the first entry is
+ * 255.255.255.255, which inet_addr returns for a name. */
 int DNS_GetA(const char *pDomainName, tDnsAddrEntry *pResult, int timeout);
 
 /* Finds the addresses of the mail exchangers of a domain, the lowest preference first. When a

@@ -12,7 +12,7 @@ extern "C" {
 
 /* Reads the name servers of /etc/resolv.conf (resolv.conf(5)).
  *
- *   pServers  out: the text of each server found, cut to 15 characters; the other texts are
+ *   pServers  out: the texts of the servers found, cut to 15 characters. The texts after them are
  *             unchanged
  *
  * The file is read in lines of at most 79 characters; the rest of a longer line counts as the

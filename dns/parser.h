@@ -12,12 +12,12 @@ extern "C" {
 /* Reads the addresses of a response to an A query. DNS.h describes the layout that it expects.
  *
  *   pResponse, length  the bytes received
- *   pResult            result array; as many entries are stored as the low byte of the answer count
- *                      says, at most DNS_MAX_ENTRIES, those without an address zeroed
+ *   pResult            result array. The number of entries stored is the low byte of the answer
+ *                      count, at most DNS_MAX_ENTRIES; entries without an address are zeroed
  *
- * Of an address that the end of the response cuts off, the missing bytes are 0. Returns DNS_OK,
- * also when no entry is valid because the first address is 0.0.0.0; DNS_NO_ANSWER, with pResult
- * unchanged and nothing logged, when there are fewer than 18 bytes, no answers, or no address. */
+ * If the response ends inside an address, the missing bytes are 0. Returns DNS_OK, also when no
+ * entry is valid because the first address is 0.0.0.0; DNS_NO_ANSWER, with pResult unchanged and
+ * nothing logged, when there are fewer than 18 bytes, no answers, or no address. */
 int DNS_ParserA(const uint8_t *pResponse, int length, tDnsAddrEntry *pResult);
 
 /* Reads the addresses of the exchangers from the additional section of a response to an MX query
@@ -27,8 +27,8 @@ int DNS_ParserA(const uint8_t *pResponse, int length, tDnsAddrEntry *pResult);
  *   pResult            result array; the entries of the lowest preferences are stored
  *
  * A preference outside the response is 0. Returns DNS_OK; DNS_NO_ANSWER, with pResult unchanged,
- * when the additional section is empty (not logged) or leaves no byte of the response before
- * it. */
+ * when the additional section is empty (not logged) or when its records would fill the whole
+ * response or more. */
 int DNS_ParserMX(const uint8_t *pResponse, int length, tDnsAddrEntry *pResult);
 
 /* Checks whether a response to an MX query has answers: the low byte of its answer count is not

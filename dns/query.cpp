@@ -21,7 +21,7 @@ using talvek::BigEndianWriter;
 using talvek::Deadline;
 
 constexpr int kAttemptsMx = 2;
-// A socket may report a datagram and then have none; after so many times that is an error.
+// Times in one wait that the socket may be readable without a datagram. One more is an error.
 constexpr int kMaxEmptyReads = 16;
 
 constexpr uint16_t kClassIn = 1;

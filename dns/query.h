@@ -20,9 +20,9 @@ extern "C" {
 
 /* Builds a query with recursion desired (RFC 1035, 4.1).
  *
- *   pDomainName  name or mail address. It is split into labels at each ".", but the last character
- *                always belongs to the last label, also when it is a ".". Two "." in a row make an
- *                empty label. The length byte of a label is the low byte of its length
+ *   pDomainName  name or mail address. Each "." separates two labels, except one at the end, which
+ *                is a character of the last label. Two "." in a row make an empty label. The length
+ *                byte of a label is the low byte of its length
  *   pMessage     out: DNS_MESSAGE_SIZE bytes
  *   type         QTYPE, DNS_TYPE_...
  *

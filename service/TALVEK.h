@@ -9,20 +9,20 @@
  *
  * Conventions that hold for every entry:
  *
- *   - Results are signed 32-bit integers: 0 or what the entry names for success, -1 for failure.
- *     NULL for an argument is a failure, except where the entry gives it a meaning.
+ *   - Results are signed 32-bit integers: 0 or what the entry names for success, -1 for failure. A
+ *     NULL argument is a failure, unless the entry gives it a meaning.
  *   - Failures are logged on standard output with the module name TALVEK, unless the entry says
  *     otherwise. errno has no meaning after a failure, except after TALVEK_SendPkg.
  *   - Texts are NUL-terminated. Sizes are in bytes.
- *   - Bytes from a peer are bounded by the package that they came in and by TALVEK_PKG_MAX,
- *     whatever their header announces.
+ *   - Whatever a peer's header announces, no call reads beyond the package received or beyond
+ *     TALVEK_PKG_MAX.
  *   - Writing to a peer that has closed is an error, without SIGPIPE.
- *   - Sockets are closed in programs that are executed (FD_CLOEXEC).
+ *   - Executed programs do not inherit sockets (FD_CLOEXEC).
  *   - Cancellation of a thread waits until a call is over.
  *   - TALVEK_Daemon, TALVEK_DaemonHandler, TALVEK_RunCommand and TALVEK_SetEnvFromPkg change the
  *     environment or the signal actions of the process. The other entries may be called in
  *     several threads at once.
- *   - No entry writes more than 8 KiB of stack.
+ *   - No entry uses more than 8 KiB of stack.
  *
  * The headers are plain C11 and can be read by C++. */
 

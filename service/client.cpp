@@ -122,9 +122,9 @@ int Exchange::Send() const {
     }
 }
 
-// Receives a package into the buffer of the one that was sent. Returns its type; 0 when the
-// connection ends inside it, the first read brings less than a header, the header is bad, or it
-// announces more than a package can hold.
+// Receives a package into the buffer of the one that was sent. Returns its type, or 0: the
+// connection ended inside the package, the first read brought less than a header, the header is
+// bad, or its `sz` is larger than a package can be.
 int Exchange::Receive() const {
     size_t held = 0;
     for (;;) {

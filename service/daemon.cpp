@@ -37,8 +37,8 @@ using talvek::UniqueFd;
 
 constexpr int kBacklog = 1;
 
-// Removes the socket of an earlier daemon. A path that is too long for an address was bound cut, so
-// the file of the cut path is removed too.
+// Removes the socket of an earlier daemon. A path too long for an address is bound truncated, so
+// the file of the truncated path is removed too.
 void RemoveStaleSocket(const SocketAddress &at) {
     COM_RemoveRealFile(at.path);
     if (strcmp(at.path, at.address.sun_path) != 0 && FileId{at.address.sun_path}.known) {
@@ -130,9 +130,9 @@ bool Listener::WaitForClient() const {
     return ready > 0;
 }
 
-// Accepts a client and forks its child, in which it returns true. The signals are blocked in
-// between: a client that was accepted has a child before one acts. Whatever may block comes after
-// that.
+// Accepts a client and forks its child; returns true in the child. SIGTERM and SIGINT are blocked
+// from accept to fork, so an accepted client always gets its child. Everything that may block comes
+// after the fork.
 bool Listener::ServeClient() {
     fflush(stdout);  // the child would print what is buffered here once more
     signals_.Block();
@@ -155,7 +155,8 @@ bool Listener::ServeClient() {
         COM_CloseFd(&client_.fd);
         return false;
     }
-    // Closed before the log line, which may block: the client must notice the end of its handler.
+    // Closed first, because the log line may block: while this end is open, the client does not
+    // notice that its handler has ended.
     COM_CloseFd(&client_.fd);
     LOG_PLAIN("PID[%d][%d] fork() to handle client()\n", client_.daemon_pid, child);
     return false;

@@ -14,11 +14,11 @@ extern "C" {
  * The caller must ignore SIGCHLD, so that finished children leave no zombies. The daemon ignores
  * SIGPIPE.
  *
- * Returns -1 when the socket cannot be set up, with the caller's signal actions and mask
- * restored; and -1 in each child after its client has been served: the caller then ends the
- * process. The listening process does not return. SIGTERM and SIGINT end it at any point, even if
- * the caller had ignored or blocked them, and even while a full pipe or a stopped terminal blocks
- * a log line: it removes the socket if that is still its own, and dies of the signal. Children
+ * Returns -1 when the socket cannot be set up, with the caller's signal actions and mask restored;
+ * and -1 in each child after its client has been served: the caller then ends the process. The
+ * listening process does not return. SIGTERM and SIGINT end it: it removes the socket if that is
+ * still its own, and dies of the signal. They act at any point, even if the caller had ignored or
+ * blocked them, and even while a full pipe or a stopped terminal blocks a log line. Children then
  * serve their clients to the end.
  *
  * A child starts with the default actions of SIGTERM and SIGINT and with an empty signal mask. */

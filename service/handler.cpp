@@ -75,7 +75,7 @@ int Connection::Serve() {
     return result_;
 }
 
-// A silent client may stay silent for as long as it likes.
+// Waits for a silent client without a limit.
 int Connection::WaitForFirstByte() {
     for (;;) {
         const int ready = talvek::WaitReady(client_.fd, POLLIN, talvek::kWaitRoundMs);
@@ -156,8 +156,8 @@ Connection::Next Connection::RunCommand() {
     return next;
 }
 
-// A client that has closed may have left more packages to serve. Any other failure ends the
-// connection: the client would wait for the reply for ever.
+// A client that has closed may have sent more packages before; they are served. After any other
+// failure the client would wait for the reply for ever, so the connection ends.
 Connection::Next Connection::Reply(uint16_t sn) {
     package_.SetSession(static_cast<uint32_t>(client_.session));
     package_.Seal(sn);
@@ -212,8 +212,7 @@ int TALVEK_RunCommand(const char *pCommand) {
     childDefault.sa_handler = SIG_DFL;
     childDefault.sa_flags = SA_RESTART;
     sigaddset(&childDefault.sa_mask, SIGCHLD);
-    struct sigaction childBefore;
-    const int installed = sigaction(SIGCHLD, &childDefault, &childBefore);
+    const int installed = sigaction(SIGCHLD, &childDefault, nullptr);
     if (installed != 0) {
         perror("sigaction");
         return installed;

@@ -15,14 +15,14 @@ extern "C" {
  *   pClient  fd is the connected socket; session and sn are updated
  *
  * A package with a bad header or of an unknown type is logged and dropped. So are the bytes that
- * were received after any package in the same read. The connection ends when the client closes
- * it, when a package announces more than TALVEK_PKG_MAX bytes (logged), and when a reply cannot
- * be sent for any reason but that the client has closed (not logged).
+ * were received after any package in the same read. The connection ends when the client closes it,
+ * when a read fails, when a package announces more than TALVEK_PKG_MAX bytes, and when a reply
+ * cannot be sent although the client has not closed. Of these only the third is logged.
  *
  * Returns -1, with the connection open, for NULL, a negative fd, no memory (none of them logged)
- * and when no session is free. Otherwise fd is closed and set to -1, and the result is that of
- * the last wait or reply: 0 after a reply that was sent, TALVEK_NO_REPLY before the first one, -1
- * when the wait or the last reply failed. */
+ * and when no session is free. Otherwise fd is closed and set to -1. The result is 0 when the last
+ * reply was sent, -1 when it could not be sent or the first wait failed, and TALVEK_NO_REPLY when
+ * there was none. */
 int TALVEK_DaemonHandler(tTalvekClient *pClient);
 
 /* Runs a command line with the system's shell and waits for its end.
@@ -30,8 +30,9 @@ int TALVEK_DaemonHandler(tTalvekClient *pClient);
  * The command starts with the default actions of SIGCHLD and SIGPIPE and with this process's
  * signal mask. SIGCHLD stays at its default in this process.
  *
- * Returns the exit status, 0 to 255; -1, with the reason on standard output, when the command was
- * killed by a signal or could not be started; -1 for NULL. */
+ * Returns the exit status, 0 to 255, which is 127 when the shell cannot be executed. Returns -1,
+ * with the reason on standard output, when the command was killed by a signal or no process could
+ * be made for the shell; -1 for NULL. */
 int TALVEK_RunCommand(const char *pCommand);
 
 #ifdef __cplusplus

@@ -18,9 +18,9 @@ enum class Mode { kNone = 0, kClient = 1, kDaemon = 2 };
 constexpr size_t kCommandSize = 80;
 constexpr size_t kPathSize = 128;
 
-// The options. The path field follows the command field directly, and a text that fills its field
-// has its NUL on the byte after the field. So a command of 80 characters empties the path, unless
-// -s comes after it. Tested by CommandLine.CommandOf80CharactersEmptiesThePath.
+// The options. The path field follows the command field directly. The NUL of a text that fills its
+// field lies on the byte after the field, so a command of 80 characters empties the path, unless -s
+// comes after it. Tested by CommandLine.CommandOf80CharactersEmptiesThePath.
 class Options {
   public:
     Options(int argc, char **argv);
@@ -42,8 +42,8 @@ class Options {
 
 Options::Options(int argc, char **argv) {
     SetPath(TALVEK_SOCKET_PATH);
-    // Without long options this is getopt, except that options are found after other words too in
-    // every C library, not in glibc alone.
+    // musl's getopt stops at the first word that is not an option. getopt_long continues after it
+    // in every C library, as glibc's getopt does.
     for (int option; (option = getopt_long(argc, argv, "DCf:s:", nullptr, nullptr)) != -1;) {
         switch (option) {
             case 'D':

@@ -64,7 +64,7 @@ typedef struct tTalvekClient {
  * words, 0 for NULL. The payload is not covered. */
 uint16_t TALVEK_CalcPkgChecksum(const tTalvekPkg *pPkg);
 
-/* Checks the header of a package, which need not be complete.
+/* Checks the header of a package whose payload may still be incomplete.
  *
  *   pPkg      the bytes received so far
  *   received  their number
@@ -93,10 +93,9 @@ int TALVEK_SendPkg(const tTalvekClient *pClient, const tTalvekPkg *pPkg, uint32_
  *   pPayload  name=value strings, each with its NUL; not changed
  *   length    bytes of all strings with their NULs
  *
- * The first string without "=" ends it: that string and all after it are ignored. A string with
- * an empty name is skipped. A last string without a NUL ends with the payload. Without memory for
- * a copy of the payload nothing is added (not logged). Other threads must not use the environment
- * meanwhile. */
+ * The first string without "=" and all strings after it are ignored. A string with an empty name is
+ * skipped. A last string without a NUL ends with the payload. Without memory for a copy of the
+ * payload nothing is added (not logged). Other threads must not use the environment meanwhile. */
 void TALVEK_SetEnvFromPkg(const char *pPayload, uint32_t length);
 
 #ifdef __cplusplus

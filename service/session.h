@@ -11,7 +11,7 @@ extern "C" {
 #endif
 
 #define TALVEK_SESSIONS 256    /* session numbers are 0 to 255 */
-#define TALVEK_NO_SESSION (-1) /* no number: none is free, or a client's was released */
+#define TALVEK_NO_SESSION (-1) /* no number: none is free, or the client's has been released */
 
 /* Returns the lowest free session number, or TALVEK_NO_SESSION. The number is looked up, not
  * taken: the next call returns the same number. */

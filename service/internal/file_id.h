@@ -5,8 +5,7 @@
 
 namespace talvek {
 
-// Identifies the file that a path names now, without following a link. May be made and compared in
-// a signal handler.
+// Identifies the file that a path names now, without following a link. Safe in a signal handler.
 struct FileId {
     FileId() = default;
     explicit FileId(const char *pPath) {

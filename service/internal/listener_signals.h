@@ -7,11 +7,11 @@ namespace talvek {
 
 // The signals of the listening process while this object lives.
 //
-// SIGTERM and SIGINT end the process from inside their handler: it removes the socket if it is
-// still the daemon's own, and dies of the signal. A handler that only sets a flag would not do: the
-// write of a log line blocks for as long as the log's reader does not read, and a signal that
-// arrives just before the write would not interrupt it. The two signals are blocked only from the
-// bind to SetSocket and from accept to fork, where nothing waits.
+// The handler of SIGTERM and SIGINT ends the process itself: it removes the socket if that is still
+// the daemon's own, and the process dies of the signal. A flag would not be enough: a log line
+// blocks while nobody reads the log, and a signal that arrives just before that write does not
+// interrupt it. The two signals are blocked only from the bind to SetSocket and from accept to
+// fork, where nothing waits.
 //
 // SIGPIPE is ignored: the service outlives the reader of its log.
 class ListenerSignals {

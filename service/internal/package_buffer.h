@@ -31,7 +31,7 @@ class PackageBuffer {
         return reinterpret_cast<const char *>(bytes_.get() + kHeaderSize);
     }
 
-    // `sz` as the header has it: for a package from outside any number.
+    // `sz` of the header; unchecked in a package that was received.
     [[nodiscard]] uint16_t Size() const;
     void SetSize(uint16_t size);
     void SetType(uint16_t type);

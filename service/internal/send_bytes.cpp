@@ -7,7 +7,7 @@
 namespace talvek {
 namespace {
 
-// Only a socket knows MSG_NOSIGNAL; any other descriptor is written without it.
+// Only sockets support MSG_NOSIGNAL; any other descriptor is written with write.
 ssize_t SendSome(int fd, const void *pBytes, size_t size) {
     const ssize_t count = send(fd, pBytes, size, MSG_NOSIGNAL);
     return count == -1 && errno == ENOTSOCK ? write(fd, pBytes, size) : count;

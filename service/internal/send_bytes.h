@@ -12,8 +12,8 @@ struct Sent {
     ssize_t last;  // result of the last write; errno is that write's
 };
 
-// Writes to a descriptor until all bytes are written or a write returns 0 or less. A socket whose
-// peer has closed fails with EPIPE, without SIGPIPE.
+// Writes until all bytes are written, or a write fails or writes nothing. A socket whose peer has
+// closed fails with EPIPE, without SIGPIPE.
 Sent SendBytes(int fd, const void *pBytes, size_t size);
 
 }  // namespace talvek

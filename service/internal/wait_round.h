@@ -5,7 +5,7 @@
 
 namespace talvek {
 
-// Every wait of the service ends after this time and starts again.
+// Length of one round of a wait. Every wait of the service is repeated until its event comes.
 constexpr int64_t kWaitRoundMs = 5000;
 
 }  // namespace talvek
