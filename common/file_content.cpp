@@ -14,6 +14,7 @@
 
 #include "base/cancel_guard.h"
 #include "base/characters.h"
+#include "base/file_limit_guard.h"
 #include "base/path.h"
 #include "base/unique_fd.h"
 #include "common/internal/module_log.h"
@@ -73,6 +74,7 @@ Written WriteData(int fd, const void *pData, ssize_t size, int maxIdle) {
         errno = EINVAL;
         return written;
     }
+    const talvek::FileLimitGuard limit;
     const char *next = static_cast<const char *>(pData);
     int idle = 0;
     do {

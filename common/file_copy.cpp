@@ -15,6 +15,7 @@
 #include <algorithm>
 
 #include "base/cancel_guard.h"
+#include "base/file_limit_guard.h"
 #include "base/heap_buf.h"
 #include "base/path.h"
 #include "base/unique_fd.h"
@@ -57,6 +58,7 @@ talvek::UniqueFd OpenCopy(const char *pDst) {
 void CopyInKernel(int src, int dst) {
     constexpr size_t kMost = size_t{1} << 30;
     posix_fadvise(src, 0, 0, POSIX_FADV_SEQUENTIAL);
+    const talvek::FileLimitGuard limit;
     while (copy_file_range(src, nullptr, dst, nullptr, kMost, 0) > 0) {
     }
 }

@@ -37,20 +37,28 @@ tThreadInfo *g_pThreads = nullptr;  // ends with an entry whose pid is 0
 Watchdog g_watchdog = {};
 pthread_mutex_t g_watchdogMutex = PTHREAD_MUTEX_INITIALIZER;
 
-// fork waits until nobody holds the registry, so that the child's copy is whole and unlocked.
-void LockRegistry() {
-    pthread_mutex_lock(&g_watchdogMutex);
-    pthread_mutex_lock(&g_mutex);
+// A thread may hold the registry while it logs, and a program may fork while it holds the stream of
+// the log. So fork waits only for a change of the array, which logs nothing when it succeeds, and the
+// child starts with free mutexes of its own.
+pthread_mutex_t g_arrayMutex = PTHREAD_MUTEX_INITIALIZER;
+
+void LockArray() {
+    pthread_mutex_lock(&g_arrayMutex);
 }
 
-void UnlockRegistry() {
-    pthread_mutex_unlock(&g_mutex);
-    pthread_mutex_unlock(&g_watchdogMutex);
+void UnlockArray() {
+    pthread_mutex_unlock(&g_arrayMutex);
+}
+
+void UnlockInChild() {
+    UnlockArray();
+    pthread_mutex_init(&g_mutex, nullptr);
+    pthread_mutex_init(&g_watchdogMutex, nullptr);
 }
 
 void PrepareForForks() {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once, [] { pthread_atfork(LockRegistry, UnlockRegistry, UnlockRegistry); });
+    pthread_once(&once, [] { pthread_atfork(LockArray, UnlockArray, UnlockInChild); });
 }
 
 void UnlockMutex(void *pMutex) {
@@ -120,6 +128,7 @@ int COM_LogThread(const char *pName) {
 
     const talvek::MutexLock lock{g_mutex};
     const size_t count = CountThreads();
+    const talvek::MutexLock change{g_arrayMutex};
     void *pBlock = g_pThreads;
     if (COM_ReallocAndCopyBuf((count + 2) * sizeof(tThreadInfo), &pBlock,
                               count * sizeof(tThreadInfo), pair, sizeof pair) == nullptr) {

@@ -181,8 +181,8 @@ int SystemWithDefaultPipe(const char *pCommand) {
     // What was printed before the command must precede its output.
     fflush(stdout);
     const int status = system(pCommand);
-    // A shell that cannot be executed counts as one that exits with 127 (POSIX); musl's system fails
-    // instead. After the errors named here there is no process, or no status.
+    // A shell that cannot be executed counts as one that exits with 127 (POSIX); musl's system
+    // fails instead. After the errors named here there is no process, or no status.
     constexpr int kShellNotExecuted = 127 << 8;
     const bool ran = status != -1 || errno == EAGAIN || errno == ENOMEM || errno == ECHILD;
     return ran ? status : kShellNotExecuted;

@@ -5,9 +5,12 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include "base/file_limit_guard.h"
+
 namespace talvek {
 
 bool WriteWhole(int fd, const char *pBytes, size_t size) {
+    const FileLimitGuard limit;
     while (size > 0) {
         const ssize_t count = write(fd, pBytes, size);
         if (count > 0) {

@@ -3,14 +3,17 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -985,6 +988,28 @@ TEST(GetSvnRevision, FailsWithoutAFileARevisionOrABuffer) {
         WriteFile("/etc/SVN", "Revision: 12");
         EXPECT_EQ(-1, COM_GetSvnRevision(nullptr));
     });
+}
+
+// A file-size limit is reported as an error; it does not end the program.
+TEST(SaveData, SurvivesAFileSizeLimit) {
+    const TempDir dir;
+    const std::string path = dir / "file";
+    const pid_t child = fork();
+    if (child == 0) {
+        const struct rlimit limit = {4, 4};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        const int null = open("/dev/null", O_WRONLY);
+        dup2(null, STDOUT_FILENO);
+        const bool saved = COM_SaveDataIntoFile(path.c_str(), "12345678", 8) == 1;
+        const bool set = COM_SetFileContent(path.c_str(), "12345678") == 0;
+        sigset_t pending;
+        sigpending(&pending);
+        _exit(saved && set && sigismember(&pending, SIGXFSZ) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ("1234", ReadFile(path));
 }
 
 }  // namespace

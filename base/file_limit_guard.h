@@ -1,0 +1,39 @@
+#ifndef TALVEK_BASE_FILE_LIMIT_GUARD_H
+#define TALVEK_BASE_FILE_LIMIT_GUARD_H
+
+#include <pthread.h>
+#include <signal.h>
+#include <time.h>
+
+#include "base/scope_exit.h"
+
+namespace talvek {
+
+// For a scope, a write beyond the limit of a file's size (RLIMIT_FSIZE) fails with EFBIG and does not
+// end the program with SIGXFSZ. Code that continues a write which was cut short needs it: the limit
+// shows only in the write after that one. The destructor keeps errno.
+class FileLimitGuard {
+  public:
+    FileLimitGuard() {
+        sigemptyset(&signal_);
+        sigaddset(&signal_, SIGXFSZ);
+        pthread_sigmask(SIG_BLOCK, &signal_, &before_);
+    }
+    ~FileLimitGuard() {
+        const ErrnoKeeper keep;
+        const struct timespec now = {};
+        while (sigtimedwait(&signal_, nullptr, &now) > 0) {
+        }
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    FileLimitGuard(const FileLimitGuard &) = delete;
+    FileLimitGuard &operator=(const FileLimitGuard &) = delete;
+
+  private:
+    sigset_t signal_;
+    sigset_t before_;
+};
+
+}  // namespace talvek
+
+#endif
