@@ -38,8 +38,8 @@ Watchdog g_watchdog = {};
 pthread_mutex_t g_watchdogMutex = PTHREAD_MUTEX_INITIALIZER;
 
 // A thread may hold the registry while it logs, and a program may fork while it holds the stream of
-// the log. So fork waits only for a change of the array, which logs nothing when it succeeds, and the
-// child starts with free mutexes of its own.
+// the log. So fork waits only for a change of the array, which logs nothing when it succeeds, and
+// the child starts with free mutexes.
 pthread_mutex_t g_arrayMutex = PTHREAD_MUTEX_INITIALIZER;
 
 void LockArray() {
