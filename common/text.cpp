@@ -15,28 +15,12 @@
 #include "base/cancel_guard.h"
 #include "base/characters.h"
 #include "base/heap_buf.h"
+#include "common/internal/case_search.h"
 #include "common/internal/module_log.h"
 
 namespace {
 
 constexpr size_t kMaxPattern = 256;  // "</tag>" with its NUL
-
-// Compares at every place. docs/decisions/key-search.md has the figures, and why no faster search
-// is used.
-const char *FindKey(const char *pText, const char *pKey, size_t keySize) {
-    if (keySize == 0) {
-        return pText;
-    }
-    // The two cases of a letter differ in one bit.
-    const int caseBit = talvek::IsLetter(*pKey) ? 'A' ^ 'a' : 0;
-    const int first = *pKey | caseBit;
-    for (; *pText != '\0'; ++pText) {
-        if ((*pText | caseBit) == first && talvek::BeginsIgnoringCase(pText, pKey, keySize)) {
-            return pText;
-        }
-    }
-    return nullptr;
-}
 
 // The position right after the key, or NULL.
 const char *FindAfter(const char *pSrc, const char *pKey) {
@@ -44,7 +28,7 @@ const char *FindAfter(const char *pSrc, const char *pKey) {
         return nullptr;
     }
     const size_t keySize = strlen(pKey);
-    const char *found = FindKey(pSrc, pKey, keySize);
+    const char *found = talvek::FindIgnoringCase(pSrc, pKey, keySize);
     return found != nullptr ? found + keySize : nullptr;
 }
 
@@ -224,7 +208,7 @@ const char *COM_StrCaseStr(const char *pSrc, const char *pKey) {
     if (pSrc == nullptr || pKey == nullptr) {
         return nullptr;
     }
-    return FindKey(pSrc, pKey, strlen(pKey));
+    return talvek::FindIgnoringCase(pSrc, pKey, strlen(pKey));
 }
 
 const char *COM_GetStrInDoubleQuotes(const char *pSrc, const char *pKey, char *pDst, int size) {

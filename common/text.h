@@ -26,7 +26,7 @@ enum {
 };
 
 /* Finds a key, ignoring ASCII case. An empty key is found at the start of any text. Takes time
- * proportional to the length of pSrc times the length of pKey in the worst case.
+ * proportional to the length of pSrc, whatever the texts are.
  *
  * Returns the first place of pKey in pSrc, or NULL. */
 const char *COM_StrCaseStr(const char *pSrc, const char *pKey);

@@ -1,0 +1,14 @@
+#ifndef TALVEK_COMMON_INTERNAL_CASE_SEARCH_H
+#define TALVEK_COMMON_INTERNAL_CASE_SEARCH_H
+
+#include <stddef.h>
+
+namespace talvek {
+
+// Finds the first place of the key in a NUL-terminated text, ignoring ASCII case; NULL without one.
+// The cost is linear in the text, whatever both texts are. No byte after the text's NUL is read.
+const char *FindIgnoringCase(const char *pText, const char *pKey, size_t keySize);
+
+}  // namespace talvek
+
+#endif
