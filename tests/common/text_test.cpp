@@ -66,6 +66,17 @@ TEST(StrCaseStr, DoesNotFindAKeyLongerThanTheText) {
     EXPECT_EQ(text, COM_StrCaseStr(text, "ABC"));
 }
 
+TEST(StrCaseStr, TakesTimeInProportionToTheText) {
+    const std::string text(500000, 'a');
+    const std::string keys[] = {std::string(250000, 'A') + "b", "b" + std::string(250000, 'A'),
+                                std::string(125000, 'a') + "b" + std::string(125000, 'a')};
+    const CpuTime used;
+    for (const std::string &key : keys) {
+        EXPECT_EQ(nullptr, COM_StrCaseStr(text.c_str(), key.c_str()));
+    }
+    EXPECT_LT(used.Seconds(), 5);
+}
+
 // Only A to Z have two cases: not their neighbours "@[`{" in ASCII, and no byte above 127 ("Ä" and
 // "ä" in ISO 8859-1 are 0xC4 and 0xE4).
 TEST(StrCaseStr, FoldsAsciiLettersOnly) {
