@@ -2,7 +2,8 @@
 
 #include "base/clock.h"
 
-#include <time.h>
+#include <inttypes.h>
+#include <stdio.h>
 
 namespace talvek {
 namespace {
@@ -20,6 +21,18 @@ int64_t MonotonicNs() {
 
 int64_t MonotonicMs() {
     return MonotonicNs() / kNsPerMs;
+}
+
+// Not by strftime, which would link the names of days and months into the static program (5 kB).
+bool FormatUtc(char *pDst, size_t size, time_t time) {
+    struct tm calendar;
+    if (gmtime_r(&time, &calendar) == nullptr) {
+        return false;
+    }
+    snprintf(pDst, size, "%" PRId64 "/%02d/%02d %02d:%02d:%02d", int64_t{calendar.tm_year} + 1900,
+             calendar.tm_mon + 1, calendar.tm_mday, calendar.tm_hour, calendar.tm_min,
+             calendar.tm_sec);
+    return true;
 }
 
 Deadline::Deadline(int64_t ms) : end_(MonotonicNs() + ms * kNsPerMs) {}

@@ -1,7 +1,9 @@
 #ifndef TALVEK_BASE_CLOCK_H
 #define TALVEK_BASE_CLOCK_H
 
+#include <stddef.h>
 #include <stdint.h>
+#include <time.h>
 
 namespace talvek {
 
@@ -9,6 +11,11 @@ namespace talvek {
 int64_t MonotonicNs();
 // MonotonicNs in milliseconds.
 int64_t MonotonicMs();
+
+// Writes a time as "YYYY/MM/DD hh:mm:ss" in UTC; a year beyond 9999 or below 0 takes as many
+// characters as it needs, at most 27 with the NUL in all. False when the year does not fit the
+// calendar.
+bool FormatUtc(char *pDst, size_t size, time_t time);
 
 // The time at which a wait, or a series of waits, ends.
 class Deadline {

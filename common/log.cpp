@@ -7,9 +7,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/time.h>
-#include <time.h>
 
 #include "base/cancel_guard.h"
+#include "base/clock.h"
 #include "base/heap_buf.h"
 #include "base/scope_exit.h"
 
@@ -124,12 +124,10 @@ int COM_PrintTimeStamp(const char *pModule, int line) {
     if (gettimeofday(&now, nullptr) == -1) {
         return -1;
     }
-    struct tm calendar;
-    if (gmtime_r(&now.tv_sec, &calendar) == nullptr) {
+    char text[32];
+    if (!talvek::FormatUtc(text, sizeof text, now.tv_sec)) {
         return -1;
     }
-    char text[32] = {};
-    strftime(text, sizeof text, "%Y/%m/%d %H:%M:%S", &calendar);
     const long usec = static_cast<long>(now.tv_usec);
     if (pModule == nullptr) {
         printf("[%s.%06ld] ", text, usec);

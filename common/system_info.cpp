@@ -11,6 +11,7 @@
 
 #include "base/cancel_guard.h"
 #include "base/characters.h"
+#include "base/clock.h"
 #include "base/heap_buf.h"
 #include "base/path.h"
 #include "base/scope_exit.h"
@@ -228,12 +229,7 @@ int COM_GetKernelVersion(char *pRelease, char *pExtra) {
 }
 
 int COM_TimeToStr(char *pBuf, time_t t) {
-    struct tm calendar;
-    if (pBuf == nullptr || gmtime_r(&t, &calendar) == nullptr) {
-        return -1;
-    }
-    strftime(pBuf, COM_TIME_SIZE, "%Y/%m/%d %H:%M:%S", &calendar);
-    return 0;
+    return pBuf != nullptr && talvek::FormatUtc(pBuf, COM_TIME_SIZE, t) ? 0 : -1;
 }
 
 int COM_TimevalToStr(char *pBuf, time_t sec, long usec) {
