@@ -25,7 +25,7 @@ pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 void InitSessions() {
     pthread_mutex_init(&g_mutex, nullptr);
-    g_slots = AllFree();
+    g_slots.fill(kFreeSession);
 }
 
 pthread_mutex_t &SessionMutex() {
