@@ -19,6 +19,11 @@ inline const char *Shown(const char *pPath) {
     return pPath != nullptr ? pPath : "(null)";
 }
 
+// Whether two results of stat are of one file.
+inline bool IsSameFile(const struct stat &one, const struct stat &other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 // The text after the last "/"; the whole path when it has none.
 const char *LastComponent(const char *pPath);
 

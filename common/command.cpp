@@ -26,7 +26,7 @@
 #include "common/internal/module_log.h"
 #include "common/internal/proc_entry.h"
 
-// Present in a program with ThreadSanitizer, also where this library is compiled without.
+// Defined in a program with ThreadSanitizer, even if this library is compiled without it.
 extern "C" __attribute__((weak)) void __tsan_init();
 
 namespace {
@@ -66,8 +66,8 @@ void LogNotExecuted(const char *pCmd, int error) {
 
 // ---- running ----
 
-// Code that runs in the child while it shares the parent's memory. It is not instrumented: what a
-// sanitizer notes of its frames would stay in the parent, as the child never returns from them.
+// Code that the child runs on the parent's memory. It is not instrumented: the child never returns
+// from these frames, so what a sanitizer recorded of them would remain in the parent.
 #define TALVEK_CHILD_CODE __attribute__((no_sanitize("address", "thread")))
 
 // What COM_System changes of the process's signals. The actions of SIGINT and SIGQUIT belong to the
@@ -100,8 +100,9 @@ class CommandSignals {
         const bool mask = sigprocmask(SIG_SETMASK, &mask_, nullptr) == 0;
         return interrupt && quit && mask;
     }
-    // Gives the child the caller's mask, and the actions that the caller's have after an execution:
-    // a handler becomes the default. It must not run here, on the parent's memory.
+    // Gives the child the caller's mask and the actions that execve would leave: what the caller
+    // ignored stays ignored, a handler becomes the default action. No handler may run in the child,
+    // on the parent's memory.
     TALVEK_CHILD_CODE void RestoreInChild() const {
         struct sigaction standard = {};
         standard.sa_handler = SIG_DFL;
@@ -130,13 +131,13 @@ class CommandSignals {
 struct Launch {
     alignas(max_align_t) char stack[16 * 1024];
     WordTable table;
-    bool fits;  // the command into the table
+    bool fits;  // whether the command fits the table
     const CommandSignals *signals;
     int *error;  // why the program is not executed; 0 if it is
 };
 
-// Runs in the child, on Launch::stack, with the parent's memory: it makes system calls only. Other
-// threads of the parent may hold any lock. The result is the exit code.
+// Runs in the child, on Launch::stack and the parent's memory. It makes system calls only, since
+// other threads of the parent may hold any lock. The result is the exit code.
 TALVEK_CHILD_CODE int RunChild(void *pLaunch) {
     Launch &launch = *static_cast<Launch *>(pLaunch);
     talvek::CloseAllButStdFds();
@@ -182,9 +183,10 @@ int AwaitChild(pid_t pid, int *pPid) {
 
 // Runs the program and returns its status; -1 without a process.
 //
-// The child is not a copy: it has this process's memory until it executes the program, and this
-// thread waits so long (vfork). The cost does not grow with the memory in use. Emulators make a
-// copy all the same; the child's error reaches the parent through a page that is shared even then.
+// docs/decisions/commands.md: the child runs on this process's memory, and this thread waits, until
+// the child executes the program (vfork). So the cost does not grow with the memory in use.
+// qemu-user and valgrind make a copy all the same; the child's error reaches the parent through a
+// page that is shared even then.
 int Run(const char *pCmd, const CommandSignals &signals, int *pPid) {
     constexpr const char *kFunction = "COM_System";
     constexpr int kAccess = PROT_READ | PROT_WRITE;
@@ -200,8 +202,8 @@ int Run(const char *pCmd, const CommandSignals &signals, int *pPid) {
     launch[0].fits = SplitWords(pCmd, launch[0].table);
     launch[0].signals = &signals;
     launch[0].error = static_cast<int *>(page);
-    // ThreadSanitizer treats every clone as a fork and changes its own data in the child, which
-    // then must not be the parent's.
+    // ThreadSanitizer treats every clone as a fork and changes its own data in the child. With it
+    // the child is a copy, so that the parent's data is unchanged.
     const int sharing = __tsan_init != nullptr ? 0 : CLONE_VM | CLONE_VFORK;
     const pid_t pid =
         clone(RunChild, launch[0].stack + sizeof launch[0].stack, sharing | SIGCHLD, launch.get());

@@ -19,24 +19,26 @@ enum {
     COM_NOT_EXECUTED = 127       /* exit code of a command whose program cannot be executed */
 };
 
-/* Runs a program and waits for its end, with the signals as system() has them but without a shell:
- * there is no quoting, redirection or expansion, and no search through PATH.
+/* Runs a program and waits for its end. Signals are handled as by system(), but there is no shell:
+ * no quoting, redirection or expansion, and no search through PATH.
  *
  *   pCmd  path of the program and its arguments, with blanks between them (see COM_ParserCMD)
- *   pPid  NULL, or receives the process id while the program runs, so that another thread can kill
- *         it, and 0 when it has ended (before another process can get the same id). Read it with
- *         __atomic_load_n.
+ *   pPid  NULL, or receives the process id as soon as the program executes, so that another thread
+ *         can kill it. The id becomes 0 when the program has ended, before another process can get
+ *         the same one. Read it with __atomic_load_n.
  *
- * SIGINT and SIGQUIT are ignored by the whole process and SIGCHLD is blocked in this thread until
- * the program has ended, so only one thread at a time should run commands. The program starts with
- * the signal actions and the mask from before the call, and with no descriptor but 0, 1 and 2.
- * Standard output is flushed first. The cost does not grow with the memory of the caller. A signal
- * that a handler of the caller catches ends the program if it arrives while the program starts.
+ * Until the program has ended, the whole process ignores SIGINT and SIGQUIT, and this thread blocks
+ * SIGCHLD. So only one thread at a time should run commands. Standard output is flushed first. The
+ * cost does not grow with the memory of the caller.
  *
- * Returns the wait status as waitpid has it. When the program cannot be executed that is logged (by
- * the name of COM_ParserCMD) and the exit code is COM_NOT_EXECUTED. -1 when pCmd is NULL, no
- * process can be made, signals cannot be set or restored, or there is no status (for example
- * because SIGCHLD is ignored). */
+ * The program starts with the descriptors 0, 1 and 2 only, and with the signal mask from before the
+ * call. Signals that the caller ignored are ignored; all others have their default action, also
+ * those that the caller has a handler for and those that arrive while the program starts.
+ *
+ * Returns the wait status of waitpid. A program that cannot be executed is logged under the name
+ * COM_ParserCMD, and its exit code is COM_NOT_EXECUTED. Returns -1 when pCmd is NULL, no process
+ * can be made, signals cannot be set or restored, or there is no status (for example because
+ * SIGCHLD is ignored). */
 int COM_System(const char *pCmd, int *pPid);
 
 /* Replaces this process by a program.
@@ -45,7 +47,7 @@ int COM_System(const char *pCmd, int *pPid);
  *         blanks (0x20 alone); the first is the program's path
  *
  * Returns only when that fails: -1, with a log line. A command that does not fit is refused
- * ("Argument list too long") and not cut, so that it never runs as another one. */
+ * ("Argument list too long"): cut, it would be another command. */
 int COM_ParserCMD(const char *pCmd);
 
 /* Sends SIGTERM to a process and then waits; whether the process has ended is not checked.
@@ -58,14 +60,16 @@ int COM_KillPid(int pid, unsigned usec);
 
 /* Signals one process.
  *
- *   pName  beginning of the path that the program was started by (/proc/<pid>/cmdline, first 79
- * bytes), or NULL pid    the process, above 0; used when pName is NULL sig    signal number
+ *   pName  beginning of the path that the program was started by (/proc/<pid>/cmdline, of which 79
+ *          bytes are compared); NULL to use pid
+ *   pid    the process, above 0; not used with a name
+ *   sig    signal number
  *
- * With a name the first match in the order of /proc is taken. That order begins with the caller's
- * own entry, "self", which ends the search: a process cannot signal its own program by name.
+ * With a name, the first match in the order of /proc is taken. The caller's own entry, "self",
+ * precedes all processes there and ends the search if it matches: a process cannot signal its own
+ * program by name.
  *
- * Returns what kill returned; -1 also when pid is below 1 or nothing matches (neither is logged).
- */
+ * Returns the result of kill; -1 also when pid is below 1 or nothing matches (not logged). */
 int COM_KillProcess(const char *pName, int pid, int sig);
 
 /* A process and its last known state; the head of the entries of the thread registry. */
@@ -76,10 +80,11 @@ typedef struct tProcState {
 
 /* Reads a process's state into pProc->state. Nothing is logged.
  *
- * Returns 0 for a process that runs or sleeps, -1 for one that is stopped (T) or a zombie (Z), or
- * whose state cannot be read; the text is unchanged then. The text is the third word of the file,
- * split at blanks and "/", and cut to 3 characters: for a program name that contains one of these,
- * it is a part of the name. */
+ * Returns 0 for a process that runs or sleeps; -1 for one that is stopped (T) or a zombie (Z), and,
+ * with the text unchanged, when the state cannot be read.
+ *
+ * The text is the third word of the file, split at blanks and "/", and cut to 3 characters. If the
+ * program's name contains one of these, the text and the result are of a part of the name. */
 int COM_CheckProcState(tProcState *pProc);
 
 /* Sleeps at least as long as asked, also when signals interrupt: the rest is slept in rounds of
@@ -87,7 +92,7 @@ int COM_CheckProcState(tProcState *pProc);
  * cancelled here.
  *
  *   pTime      time to sleep
- *   maxRounds  most rounds; when the count reaches it, that is logged
+ *   maxRounds  most rounds; a count that reaches it is logged, and 0 is reached at once
  *
  * Returns the number of rounds, 0 when the first sleep was enough; -1 when pTime is NULL. */
 int COM_SleepAtLeast(const struct timespec *pTime, int maxRounds);
@@ -96,8 +101,8 @@ int COM_SleepAtLeast(const struct timespec *pTime, int maxRounds);
  *
  *   pIfName  the interface; the whole command may have 255 bytes
  *
- * Returns the result of COM_System; -1 when the caller is not root or the name is NULL or too long
- * (logged). */
+ * Returns the result of COM_System; -1 when the caller is not root, the name is NULL, or the
+ * command is too long (only this is logged). */
 int COM_IfUp(const char *pIfName);
 int COM_IfDown(const char *pIfName);
 

@@ -22,7 +22,7 @@ namespace {
 
 constexpr size_t kBlockSize = COM_DIGEST_BLOCK_SIZE;
 constexpr size_t kLengthOffset = 56;  // the last block ends with the length in bits, 8 bytes
-// A thread with a stack of 16 KiB can call. Larger reads are not measurably faster.
+// Small enough for a thread with a stack of 16 KiB. Larger reads are not measurably faster.
 constexpr size_t kReadSize = 4096;
 constexpr size_t kSideFileSize = 256;
 

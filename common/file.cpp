@@ -24,8 +24,8 @@
 #include "base/unique_dir.h"
 #include "base/unique_fd.h"
 #include "base/unique_stream.h"
+#include "base/write_all.h"
 #include "common/internal/module_log.h"
-#include "common/internal/write_whole.h"
 
 namespace {
 
@@ -63,7 +63,8 @@ class Path {
     }
     [[nodiscard]] const char *text() const { return text_.get(); }
     [[nodiscard]] size_t length() const { return length_; }
-    // Adds "/name"; false, with errno and the name cut, when that is longer than a path can be.
+    // Appends "/name". If that is longer than a path can be, the name is cut and the result is
+    // false, with ENAMETOOLONG.
     bool Append(const char *pName) {
         const size_t room = PATH_MAX - length_;
         const int added = snprintf(text_.get() + length_, room, "/%s", pName);
@@ -84,13 +85,9 @@ class Path {
     size_t length_ = 0;
 };
 
-bool IsSameFile(const struct stat &one, const struct stat &other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
-// One run of _COM_RemoveFileInDir_. Everything is examined and removed by its name in a directory
-// that is open, never by its whole path, so that nobody can lead the removal elsewhere by swapping
-// a directory on the way for a link. Paths are for the log. The depth of a tree costs no stack.
+// One run of _COM_RemoveFileInDir_. Everything is examined and removed by its name in an open
+// directory, never by its whole path: whoever replaces a directory on the way by a link cannot lead
+// the removal elsewhere. Paths are only logged. The depth of a tree costs no stack.
 class TreeRemover {
   public:
     explicit TreeRemover(bool recursive) : recursive_(recursive) { stat("/", &root_); }
@@ -108,8 +105,8 @@ class TreeRemover {
         Level *outer;
     };
 
-    // Opens the directory at path_, which has this name in the innermost one, and makes it the
-    // innermost.
+    // Opens a directory by its name in the innermost one and makes it the innermost. path_ is
+    // already its path.
     bool Push(const char *pName, int flags);
     void Pop();
     bool Admit(const struct stat &st);
@@ -137,15 +134,15 @@ class TreeRemover {
 bool TreeRemover::Admit(const struct stat &st) {
     // A link on a disk from outside must not cost the unit its root directory, nor must "..".
     // Tested by RemoveFileInDir.RefusesTheRootDirectoryByAnyName.
-    if (IsSameFile(st, root_)) {
+    if (talvek::IsSameFile(st, root_)) {
         LOG_AS(kFunction, "opendir(%s) error : %s\n", path_.text(), strerror(EINVAL));
         return false;
     }
     // Links are followed, so a link can lead back to a directory that is being emptied. The kernel
-    // would give up after 40 rounds with this same error; by then two such links side by side
-    // would have been followed 2 to the 40th times.
+    // refuses a path with more than 40 links, with this same error. But with two such links in one
+    // directory, 2 to the 40th paths would be tried before.
     for (const Level *level = innermost_; level != nullptr; level = level->outer) {
-        if (IsSameFile(st, level->identity)) {
+        if (talvek::IsSameFile(st, level->identity)) {
             errno = ELOOP;
             Fail("stat");
             return false;
@@ -192,8 +189,8 @@ const char *TreeRemover::NextName() {
     return nullptr;
 }
 
-// A link counts as what it leads to. What was seen to be a directory itself is not opened when it
-// has become a link in the meantime.
+// A link counts as what it leads to. A directory that has become a link since it was examined is
+// not opened.
 void TreeRemover::RemoveEntry(const char *pName) {
     const int dir = InnermostFd();
     struct stat st;
@@ -216,7 +213,7 @@ void TreeRemover::RemoveEntry(const char *pName) {
     path_.CutTo(innermost_->pathLength);
 }
 
-// Removes the innermost directory itself. A failure does not count as one.
+// Removes the innermost directory itself. A failure is logged but does not change the result.
 void TreeRemover::RemoveInnermost() {
     Pop();
     const size_t outer = innermost_ != nullptr ? innermost_->pathLength + 1 : 0;
@@ -306,7 +303,8 @@ int CopyBlocks(int from, int to) {
         if (count == 0) {
             return 0;
         }
-        if (!talvek::WriteWhole(to, block, strnlen(block, static_cast<size_t>(count)))) {
+        const auto length = static_cast<ssize_t>(strnlen(block, static_cast<size_t>(count)));
+        if (!talvek::WriteAll(to, block, length).complete()) {
             LOG_ERRNO_AS(kFunction, "write() failed : %s");
             return -1;
         }
@@ -316,7 +314,8 @@ int CopyBlocks(int from, int to) {
 bool Names(const char *pPath, int fd) {
     struct stat open;
     struct stat named;
-    return fstat(fd, &open) == 0 && talvek::StatPath(pPath, &named) == 0 && IsSameFile(open, named);
+    return fstat(fd, &open) == 0 && talvek::StatPath(pPath, &named) == 0 &&
+           talvek::IsSameFile(open, named);
 }
 
 // ---- line-wise editing ----
@@ -356,7 +355,7 @@ class LineEditor {
     void EditLines();
     void AppendItems();
     void PutLine(const char *pText);
-    bool Rewind();
+    bool Rewind(FILE *pStream, const char *pName);
     void CopyBack();
     void Finish();
     tFileItem *FindItem(const char *pLine) const;
@@ -456,20 +455,17 @@ void LineEditor::AppendItems() {
     }
 }
 
-bool LineEditor::Rewind() {
-    for (const talvek::UniqueFile *stream : {&copy_, &file_}) {
-        if (fseeko(stream->get(), 0, SEEK_SET) != 0) {
-            LOG_ERRNO_AS(kFunction, "fseek(%s) failed : %s\n",
-                         stream == &copy_ ? copyName_ : fileName_);
-            result_ = -1;
-            return false;
-        }
+bool LineEditor::Rewind(FILE *pStream, const char *pName) {
+    if (fseeko(pStream, 0, SEEK_SET) == 0) {
+        return true;
     }
-    return true;
+    LOG_ERRNO_AS(kFunction, "fseek(%s) failed : %s\n", pName);
+    result_ = -1;
+    return false;
 }
 
 void LineEditor::CopyBack() {
-    if (!Rewind()) {
+    if (!Rewind(copy_.get(), copyName_) || !Rewind(file_.get(), fileName_)) {
         return;
     }
     char block[kCopyBlock];
@@ -561,7 +557,7 @@ int _COM_RemoveFileInDir_(int recursive, const char *pDir, int removeSelf) {
     if (pDir == nullptr) {
         error = EFAULT;
     } else if (pDir[0] == '/' && pDir[strspn(pDir, "/")] == '\0') {
-        // An empty setting that a "/" is added to must not cost the unit its root directory.
+        // A "/" that is added to an empty setting must not cost the unit its root directory.
         // Tested by RemoveFileInDir.RefusesTheRootDirectory.
         error = EINVAL;
     } else if (strnlen(pDir, PATH_MAX) == PATH_MAX) {
@@ -716,9 +712,13 @@ void *COM_ReallocAndCopyBuf(size_t size, void **ppBuf, size_t offset, const void
     }
     *ppBuf = grown;
     const size_t room = size > offset ? size - offset : 0;
-    const size_t count = pSrc == nullptr ? 0 : std::min(length, room);
+    size_t count = pSrc == nullptr ? 0 : std::min(length, room);
+    if (inside) {
+        pSrc = grown + (at - old);
+        count = std::min(count, size > at - old ? size - (at - old) : 0);
+    }
     if (count > 0) {
-        memmove(grown + offset, inside ? grown + (at - old) : pSrc, count);
+        memmove(grown + offset, pSrc, count);
     }
     if (room > count) {
         memset(grown + offset + count, 0, room - count);

@@ -19,7 +19,7 @@ extern "C" {
  *          to 254 bytes (else ENAMETOOLONG)
  *   mode   permission bits of each new directory, less the umask
  *
- * Returns 0 when the whole path exists or was made, else -1 (also when something else than a
+ * Returns 0 when the whole path exists or was made, else -1 (also when something other than a
  * directory has the name); what was made before the failure stays. */
 int COM_Mkdir(const char *pPath, mode_t mode);
 
@@ -45,15 +45,16 @@ enum {
  *
  * Returns the number of entries removed (the directory itself included); -1 when an entry could not
  * be examined or removed (the others are removed all the same); 0 when the directory cannot be
- * opened. That a directory itself cannot be removed is logged and is no failure. Each level of the
- * tree takes a descriptor. */
+ * opened. A directory inside it that cannot be opened, and any directory that cannot be removed at
+ * the end, is logged and is no failure: the result counts what was removed. Each level of the tree
+ * takes a descriptor, so a tree that is deeper than the descriptors last stays in part. */
 int _COM_RemoveFileInDir_(int recursive, const char *pDir, int removeSelf);
 
 /* _COM_RemoveFileInDir_ with the directory itself removed too. */
 int COM_RemoveFileInDir(int recursive, const char *pDir);
 
-/* Removes a file; of a symbolic link, removes the file that the link names, and the link stays. One
- * link is followed, and a relative link text is taken from the current directory.
+/* Removes a file. For a symbolic link, the file that it names is removed, and the link stays. Only
+ * one link is followed. A relative link text is relative to the current directory.
  *
  * Returns 0 or -1. A link whose text has 256 bytes or more is refused (ENAMETOOLONG). */
 int COM_RemoveRealFile(const char *pPath);
@@ -62,16 +63,18 @@ int COM_RemoveRealFile(const char *pPath);
 enum {
     COM_LINK_REPLACE_IF_TARGET = 0, /* removes an existing link path if the target exists */
     COM_LINK_REPLACE = 1,           /* removes an existing link path */
-    COM_LINK_IF_TARGET = 2          /* makes nothing, with the result 0, unless the target exists;
-                                       replaces nothing */
+    COM_LINK_IF_TARGET = 2          /* replaces nothing; without the target it makes no link and
+                                       returns 0 */
 };
 
 /* Creates the symbolic link pLink with the text pTarget.
  *
- *   mode  COM_LINK_REPLACE_IF_TARGET, COM_LINK_REPLACE or COM_LINK_IF_TARGET. To be removed, the
- *         link path must not be a directory.
+ *   mode  COM_LINK_REPLACE_IF_TARGET, COM_LINK_REPLACE or COM_LINK_IF_TARGET. A directory at the
+ *         link path is not removed.
  *
- * The two must not be the same path: the file would be removed. Returns 0 or -1. */
+ * The two must not be the same path: a mode that replaces would remove the file.
+ *
+ * Returns 0 or -1. */
 int COM_CreateSymbolLink(int mode, const char *pTarget, const char *pLink);
 
 enum { COM_FD_PATH_SIZE = 128 }; /* bytes of COM_GetFdInfo's path with its NUL */
@@ -81,8 +84,8 @@ enum { COM_FD_PATH_SIZE = 128 }; /* bytes of COM_GetFdInfo's path with its NUL *
  *   pPath    COM_FD_PATH_SIZE bytes for the path, or NULL
  *   verbose  not 0: the path and the file type are logged too
  *
- * Returns 0, or -1 when the descriptor is not open, or refers to something without a path that can
- * be examined (a socket, a pipe, a removed file) or with one of 128 bytes or more. */
+ * Returns 0. Returns -1 when the descriptor is not open, when it has no path that can be examined
+ * (a socket, a pipe, a removed file), or when its path has COM_FD_PATH_SIZE bytes or more. */
 int COM_GetFdInfo(int fd, char *pPath, int verbose);
 
 /* Moves a text file by copying, for use across file systems: the destination is created or emptied
@@ -112,7 +115,7 @@ typedef struct tFileItemRequest {
     int32_t match_substring;  /* not 0: the key may be anywhere in a line, and case matters; else
                                  a line begins with it, ignoring ASCII case */
     int32_t append_unmatched; /* not 0: replacements without a match are added at the end, and
-                                 counted (with find_only they are counted all the same) */
+                                 counted (with find_only, only counted) */
     tFileItem *pItems;        /* owned by the caller; matches change key_len */
 } tFileItemRequest;
 
@@ -132,9 +135,10 @@ int COM_ReplaceItemsInFile(const char *pFileName, tFileItemRequest *pRequest);
  *   size    new size of the whole block in bytes
  *   ppBuf   the block, or NULL for a first one; receives the new block
  *   offset  where the copy goes; the bytes from there to the end that it does not fill are zeroed
- *   pSrc    `length` bytes, which may lie inside the block and overlap the place they are copied
- *           to; NULL copies none
- *   length  a copy that would pass the end of the block is cut to it
+ *   pSrc    `length` bytes, which may be inside the block and overlap their destination; NULL
+ *           copies none
+ *   length  the copy ends at the end of the block; so does a source inside it, which a smaller
+ *           block may have cut
  *
  * Returns the new block, which belongs to the caller, or NULL with *ppBuf still valid. */
 void *COM_ReallocAndCopyBuf(size_t size, void **ppBuf, size_t offset, const void *pSrc,

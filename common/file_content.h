@@ -21,9 +21,10 @@ extern "C" {
  * buffer first to get the line alone.
  *
  *   pFileName  the file
- *   pBuf       a text. The line takes up to `size` bytes from its end, including the NUL. After a
- *              failure "unknown" takes 8 bytes from the start of pBuf, or size + 1 when `size` is
- *              below 7. So an empty buffer of 8 or more bytes with its size always suffices.
+ *   pBuf       a text. Up to `size` bytes are written at the end of that text, including the NUL.
+ *              After a failure, "unknown" is written at the start of pBuf: 8 bytes, or size + 1
+ *              when `size` is below 7. So an empty buffer of 8 or more bytes with its size always
+ *              suffices.
  *   size       room in bytes; at least 2 to read anything
  *
  * The file is read in blocks of 255 bytes, and each block is kept up to its first CR, LF or NUL. So
@@ -38,8 +39,8 @@ int COM_GetFileContent(const char *pFileName, char *pBuf, int size);
 
 /* Replaces the content of a file with a text, without its NUL.
  *
- * Returns 0 when at least one byte was written (if not all were, this is logged), else -1. So an
- * empty text empties the file and returns -1. */
+ * Returns 0 when at least one byte was written, else -1. So an empty text empties the file and
+ * returns -1. */
 int COM_SetFileContent(const char *pFileName, const char *pText);
 
 /* Appends a text to a file. Otherwise like COM_SetFileContent. */
@@ -111,8 +112,8 @@ enum {
     COM_UNIT_NOTE_SIZE = 64,
 };
 
-/* A unit's identity. The layout is that of the first 304 bytes of tUnitNetInfo (unit_info.h); the
- * fields of that record from the address to the interface lie inside host_name, after the name. */
+/* A unit's identity. The layout is that of the first 304 bytes of tUnitNetInfo (unit_info.h);
+ * host_name covers that record's fields from `name` to `dev`. */
 typedef struct tUnitInfo {
     char model[COM_UNIT_MODEL_SIZE];     /* /etc/Model */
     char project[COM_UNIT_PROJECT_SIZE]; /* /etc/Proj */
@@ -142,8 +143,8 @@ enum {
 };
 
 /* Reads the revision of the unit's software: the letters and digits after "Revision: " in the first
- * 256 bytes of /etc/SVN. A revision of digits only gets leading zeros up to four digits ("0123")
- * and no more than these.
+ * 256 bytes of /etc/SVN. A revision of digits only is written with exactly the leading zeros that
+ * make four digits: "123" and "000123" become "0123".
  *
  *   pBuf  COM_SVN_REVISION_SIZE bytes
  *

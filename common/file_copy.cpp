@@ -19,16 +19,16 @@
 #include "base/heap_buf.h"
 #include "base/path.h"
 #include "base/unique_fd.h"
+#include "base/write_all.h"
 #include "common/file.h"
 #include "common/internal/module_log.h"
-#include "common/internal/write_whole.h"
 
 namespace {
 
 constexpr size_t kCopyBlock = size_t{64} * 1024;
 constexpr size_t kAppendBlock = 4096;
 constexpr size_t kCopyPathSize = 128;
-// More than COM_Mkdir makes of any path.
+// Longer than any path that COM_Mkdir makes.
 constexpr size_t kLinkPathSize = 1024;
 constexpr mode_t kNewDirMode = 0755;
 
@@ -53,7 +53,7 @@ talvek::UniqueFd OpenCopy(const char *pDst) {
 }
 
 // Lets the kernel copy what it can, which shares blocks where the file system does that and
-// elsewhere spares the way through this process. An error ends it: the read or write that follows
+// elsewhere avoids a copy through this process. An error ends it: the read or write that follows
 // meets the same error, or succeeds where the kernel cannot copy.
 void CopyInKernel(int src, int dst) {
     constexpr size_t kMost = size_t{1} << 30;
@@ -69,7 +69,7 @@ int64_t AppendLimit(int dst, int src) {
     struct stat from;
     struct stat to;
     const bool same = fstat(src, &from) == 0 && fstat(dst, &to) == 0 && S_ISREG(from.st_mode) &&
-                      from.st_dev == to.st_dev && from.st_ino == to.st_ino;
+                      talvek::IsSameFile(from, to);
     return same ? int64_t{from.st_size} : INT64_MAX;
 }
 
@@ -81,7 +81,7 @@ int COM_CopyFile(const char *pDst, const char *pSrc) {
     if (!src) {
         LOG_ERRNO("open(pSrv : %s) failed : %s\n", talvek::Shown(pSrc));
     }
-    // The destination is opened, and so emptied, whatever became of the source.
+    // The destination is opened, and so emptied, even if the source cannot be opened.
     // Tested by CopyFile.EmptiesTheDestinationWhenTheSourceIsMissing.
     const talvek::UniqueFd dst = OpenCopy(pDst);
     if (!dst) {
@@ -101,7 +101,7 @@ int COM_CopyFile(const char *pDst, const char *pSrc) {
         if (count <= 0) {
             return static_cast<int>(count);
         }
-        if (!talvek::WriteWhole(dst.get(), block.get(), static_cast<size_t>(count))) {
+        if (!talvek::WriteAll(dst.get(), block.get(), count).complete()) {
             LOG_ERRNO("write(%s,%d) failed : %s\n", pDst, dst.get());
             return -1;
         }
@@ -158,7 +158,7 @@ int COM_AppendFileToFile(const char *pDst, const char *pSrc) {
         if (count <= 0) {
             break;
         }
-        if (!talvek::WriteWhole(dst.get(), block.get(), static_cast<size_t>(count))) {
+        if (!talvek::WriteAll(dst.get(), block.get(), count).complete()) {
             LOG_ERRNO("[%s] -> [%s] : write(%d, %d) failed : %s\n", pSrc, pDst, total,
                       static_cast<int>(count));
             return -1;

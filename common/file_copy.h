@@ -24,12 +24,13 @@ extern "C" {
  * Returns 0 or -1; a failed copy leaves what was written. */
 int COM_CopyFile(const char *pDst, const char *pSrc);
 
-/* Moves a file to a lasting place and leaves a link: afterwards pLink is a symbolic link with the
- * text pTarget. If pTarget does not exist, it is first made as a copy of the file pLink; else it is
- * unchanged. Missing directories of both are made (mode 0755).
+/* Moves a file to a lasting place and leaves a link: after success, pLink is a symbolic link with
+ * the text pTarget. If pTarget does not exist, it is first made as a copy of the file pLink; else
+ * it is unchanged. Missing directories of both are made (mode 0755).
  *
- * pTarget should be absolute: the copy is made relative to the current directory, while a link is
- * relative to its own. The two must not be the same path: the file would be removed.
+ * pTarget should be absolute: the copy is made relative to the current directory, but the text of a
+ * link is relative to the directory of the link. The two must not be the same path: the file would
+ * be removed.
  *
  * Returns the result of COM_CreateSymbolLink; -1 also when a path cannot be examined (not logged)
  * or pLink is not a regular file. */

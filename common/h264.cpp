@@ -29,7 +29,7 @@ constexpr uint32_t kMaxSliceType = 9;
 constexpr uint32_t kSliceOffsets = 8;
 
 constexpr uint32_t kCachedBits = 24;  // always in the cache, whatever has been consumed
-// A code with more leading zeros than are in the cache is read as if it had these.
+// A code with 24 or more leading zeros is read as if it had this many.
 constexpr uint32_t kZerosOfLongCode = 18;
 
 // Class of each slice_type (table 7-6).
@@ -68,7 +68,8 @@ uint32_t ReadBits(tH264BitReader &reader, uint32_t count) {
     return value;
 }
 
-// v + 2^z of a code with z leading zeros and the value bits v.
+// Reads a code and returns v + 2^z: z is the number of leading zeros, v the value of the z bits
+// after the one.
 uint32_t ReadCode(tH264BitReader &reader) {
     uint32_t zeros = static_cast<uint32_t>(std::countl_zero(NextBits(reader)));
     if (zeros >= kCachedBits) {

@@ -12,7 +12,8 @@ extern "C" {
  * 127 bytes. The arguments there are separated by NUL bytes, so only the name that the program was
  * called by (argv[0], up to a newline) is compared.
  *
- *   pText  the text, with case; an empty one is contained in every command line
+ *   pText  the text, with case; an empty one is contained in every command line. The caller's own
+ *          process counts too.
  *
  * Returns 0 when there is one, else -1; also when /proc cannot be opened. */
 int COM_CheckProcExist(const char *pText);
@@ -30,8 +31,8 @@ int COM_DecodeHexEscape(char *pDst, const char *pSrc);
 /* Sends `size` bytes, in as many calls of send as it takes. A peer that has closed gives an error,
  * not SIGPIPE (MSG_NOSIGNAL).
  *
- * Returns the number of bytes left unsent: 0 when all were sent; `size` itself when it is below 1.
- */
+ * Returns the number of bytes left unsent: 0 when all were sent; `size` itself when it is below 1
+ * or pData is NULL. */
 int COM_SendAll(int sock, const void *pData, int size);
 
 /* Copies out of a ring buffer.
@@ -45,8 +46,8 @@ int COM_SendAll(int sock, const void *pData, int size);
  * Nothing is copied when a pointer is NULL, `size` is below 1 or `offset` is outside the ring. */
 void COM_ReadRingBuf(void *pDst, const void *pRing, int offset, int ringSize, int size);
 
-/* Copies into a ring buffer: COM_ReadRingBuf the other way. Of a copy that is longer than the ring,
- * the last bytes stay. */
+/* Copies into a ring buffer, the reverse of COM_ReadRingBuf. Of a copy that is longer than the
+ * ring, its last bytes remain. */
 void COM_WriteRingBuf(void *pRing, int offset, int ringSize, const void *pSrc, int size);
 
 /* Sleeps, with a line on standard output before and after the sleep when there is a tag.

@@ -34,8 +34,8 @@ bool Terminate(int pid, const char *pFirst, const char *pSecond) {
     return true;
 }
 
-// What fgets reads, but a signal that interrupts the read loses no part of a line. NULL at the end
-// of the output. Tested by Interruption.KeepsThePartOfALineThatWasRead.
+// Like fgets, but continues a read that a signal interrupts, so that no part of a line is lost.
+// NULL at the end of the output. Tested by Interruption.KeepsThePartOfALineThatWasRead.
 const char *NextLine(char *pLine, size_t size, FILE *pStream) {
     size_t length = 0;
     while (length + 1 < size && (length == 0 || pLine[length - 1] != '\n')) {
@@ -113,8 +113,8 @@ int COM_CloseFdExceptSTD(int pid) {
             close(fd);
         }
     }
-    // The listing's own descriptor goes last, or a long listing could not be read to its end. That
-    // closedir then finds it closed is the result that callers know.
+    // The listing's own descriptor is closed last, since a long listing takes several reads.
+    // closedir then fails, and callers know that result.
     // Tested by CloseFdExceptSTD.ClosesItsOwnListingToo.
     if (ownListed) {
         close(own);

@@ -13,9 +13,9 @@ extern "C" {
  * Always returns -1: the result carries no meaning. A file that cannot be written is logged. */
 int COM_SavePid(const char *pFileName);
 
-/* Sends SIGTERM to every process in whose program name both texts occur: the first argument of its
- * command line (/proc/<pid>/cmdline), of which the first 128 bytes are compared. An empty text
- * occurs in every name. The caller itself is signalled too if it matches.
+/* Sends SIGTERM to every process whose program name contains both texts. The program name is the
+ * first argument in /proc/<pid>/cmdline, up to 128 bytes. An empty text is contained in every name.
+ * The caller itself is signalled too if it matches.
  *
  * Returns 0 when at least one process was signalled, else -1. A process that cannot be signalled is
  * logged without a function name and does not end the search. */
@@ -27,8 +27,8 @@ int COM_KillDhcpProc(const char *pFirst, const char *pSecond);
  *
  * Returns what closedir returned: -1 (EBADF) for the caller's own pid, because the descriptor of
  * the listing is among those closed. When the listing cannot be opened, nothing is closed and the
- * result is that of the log line, which is positive. May be called in the child of a fork in a
- * program with threads. */
+ * result is that of COM_Log for the message, a positive number. May be called in the child of a
+ * fork in a program with threads. */
 int COM_CloseFdExceptSTD(int pid);
 
 enum { COM_COMMAND_LINE_SIZE = 256 }; /* bytes of the longest line handed over, with its NUL */

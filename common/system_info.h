@@ -16,7 +16,7 @@
 extern "C" {
 #endif
 
-/* Places of the figures in the array of COM_GetMemAndSwap. */
+/* Indexes of the figures in the array of COM_GetMemAndSwap. */
 enum {
     COM_MEM_TOTAL = 0,
     COM_MEM_FREE = 1,
@@ -47,8 +47,8 @@ int COM_GetMemAndSwap(int32_t *pValue);
 int COM_GetPciDeviceId(const char *pPattern, uint32_t *pIds, int max);
 
 /* Counts the lines (255 bytes) of /proc/bus/pci/devices that contain a text anywhere, ignoring
- * case, and logs the result. In the kernel's lines the driver's name is at about that place: a text
- * that the end of the 255 bytes cuts in two is not found (COM_GetPciDeviceId reads the whole line).
+ * case, and logs the result. The kernel writes the driver's name near that limit, and a name that
+ * the limit cuts in two is not found (COM_GetPciDeviceId reads the whole line).
  *
  * Returns the count; -1 when pPattern is NULL (logged) or the file cannot be opened. */
 int COM_GetPciDevice(const char *pPattern);

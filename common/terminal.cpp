@@ -80,17 +80,9 @@ static_assert(NCCS == kControlCharCount);
 
 constexpr const char *kOpenFunction = "COM_OpenTermDevice";
 
-// Raw mode first; the flag words and the control characters then replace what differs.
 void FillSetting(tTermDevInfo &device) {
     struct termios &setting = device.current;
-    const struct termios given = setting;
-    cfmakeraw(&setting);
-    if (device.use_given_flags == COM_TERM_GIVEN_FLAGS) {
-        setting.c_iflag = given.c_iflag;
-        setting.c_oflag = given.c_oflag;
-        setting.c_cflag = given.c_cflag;
-        setting.c_lflag = given.c_lflag;
-    } else {
+    if (device.use_given_flags != COM_TERM_GIVEN_FLAGS) {
         setting.c_iflag = kInputFlags;
         setting.c_oflag = kOutputFlags;
         setting.c_cflag = kControlFlags;
@@ -166,11 +158,11 @@ bool IsPluggedInto(const char *pLine, const char *pUsbPort) {
     return length == strlen(pUsbPort) && strncmp(pDash + 1, pUsbPort, length) == 0;
 }
 
-// The adapter's number is the line's first piece between "." and ":".
+// The adapter's number is the first piece of the line, split at "." and ":".
 bool StorePort(const char *pLine, char *pBuf) {
     const char *pNumber = pLine + strspn(pLine, ".:");
     const size_t digits = strspn(pNumber, "0123456789");
-    // No minor number has more digits.
+    // A minor number has at most 7 digits (20 bits); 9 cannot overflow 32 bits.
     if (digits < 1 || digits > 9 || strchr(".:", pNumber[digits]) == nullptr) {
         const int length = static_cast<int>(strlen(pLine));
         if (length > 1) {

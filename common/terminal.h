@@ -86,7 +86,7 @@ enum {
  * Returns 0, COM_TERM_NOT_SET or COM_TERM_NOT_OPENED (also when a pointer is NULL). */
 int COM_OpenTermDevice(const char *pPath, tTermDevInfo *pDevInfo);
 
-/* Restores the saved setting, where it was read, and closes the device; `fd` becomes -1. The
+/* Restores the saved setting, if it was read, and closes the device; `fd` becomes -1. The
  * setting changes at once: pending output is not waited for (tcdrain(3) waits for it).
  *
  * Returns 0, or -1 when nothing is open or the setting cannot be restored (the device is closed all
@@ -97,10 +97,12 @@ int COM_CloseTermDevice(tTermDevInfo *pDevInfo);
  * the flag word, and a newline. Fields of several bits and speeds follow the same rule, so B0 and
  * every speed whose bits are among those of the word are listed too.
  *
- * Returns the result of the last putchar. A NULL table has no entries. */
+ * Returns the result of the last putchar. A NULL label is printed as "(null)"; a NULL table has no
+ * entries. */
 int COM_PrintTermFlags(const char *pLabel, uint32_t flags, const tTermFlag *pTable);
 
-/* Prints a whole setting: the title, the four flag words by name, the 32 control characters.
+/* Prints a whole setting: the title ("(null)" for NULL), the four flag words by name, the 32
+ * control characters.
  *
  * Returns the result of the last puts, or EOF without output when pSetting is NULL. */
 int COM_DumpTermios(const char *pTitle, const struct termios *pSetting);
@@ -115,15 +117,16 @@ enum {
 
 enum { COM_SERIAL_PATH_SIZE = 32 }; /* bytes of a serial port's device path with its NUL */
 
-/* Finds the device of one of the board's serial ports. A USB serial adapter is known by the USB
- * port that it is plugged into (/proc/tty/driver/usb-serial, Linux, drivers/usb/serial).
+/* Finds the device of one of the board's serial ports. A USB serial adapter is identified by the
+ * USB port that it is plugged into (/proc/tty/driver/usb-serial, Linux, drivers/usb/serial).
  *
  *   port  COM_SERIAL_ON_BOARD to COM_SERIAL_USB_4
  *   pBuf  COM_SERIAL_PATH_SIZE bytes for the device path
  *
  * The node of an adapter is made when it is missing (character device 188:number, mode 0664).
  *
- * Returns 0; -1 when there is no such port (logged, except 0) or no adapter in it. */
+ * Returns 0; -1 when there is no such port (logged, except 0), no adapter in it, or no table of
+ * adapters (logged). */
 int COM_GetSerialPort(int port, char *pBuf);
 
 #ifdef __cplusplus

@@ -26,7 +26,7 @@ constexpr int kMaxSleepRounds = 1000;
 
 struct Watchdog {
     pthread_t thread;
-    pid_t process;  // where the thread runs, 0 for nowhere. It does not run in a forked child.
+    pid_t process;  // that the thread runs in, 0 for none. A forked child has no such thread.
     struct timespec period;
 };
 
@@ -61,10 +61,6 @@ void PrepareForForks() {
     pthread_once(&once, [] { pthread_atfork(LockArray, UnlockArray, UnlockInChild); });
 }
 
-void UnlockMutex(void *pMutex) {
-    pthread_mutex_unlock(static_cast<pthread_mutex_t *>(pMutex));
-}
-
 size_t CountThreads() {
     size_t count = 0;
     while (g_pThreads != nullptr && g_pThreads[count].pid != 0) {
@@ -76,7 +72,7 @@ size_t CountThreads() {
 void WritePidFile(const char *pName) {
     constexpr const char *kFunction = "COM_LogThread";
     COM_Mkdir(kPidDir, 0775);
-    // A path that is cut would name another file, so it has any length.
+    // The path is not cut, since a cut one would name another file.
     const size_t size = sizeof "/var/run/.thread.pid" + strlen(pName);
     talvek::HeapBuf<char> path;
     if (path.Resize(size)) {
@@ -102,7 +98,7 @@ bool IsHealthy(tThreadInfo &thread) {
     return result == 0;
 }
 
-void CheckAllThreads() {
+int CheckAllThreads(void * /*pUnused*/) {
     const size_t count = CountThreads();
     for (size_t i = 0; i < count; ++i) {
         if (!IsHealthy(g_pThreads[i])) {
@@ -110,6 +106,7 @@ void CheckAllThreads() {
                    g_pThreads[i].pid, g_pThreads[i].name);
         }
     }
+    return 0;
 }
 
 }  // namespace
@@ -211,11 +208,8 @@ void *COM_ThreadWatchdog(void *pData) {
     }
     const Watchdog &watchdog = *static_cast<const Watchdog *>(pData);
     for (;;) {
-        // The calls of a check hold cancellation off, so it is never cut short.
-        pthread_cleanup_push(UnlockMutex, &g_mutex);
-        pthread_mutex_lock(&g_mutex);
-        CheckAllThreads();
-        pthread_cleanup_pop(1);
+        // Each call in a check disables cancellation, so a check is never cut short.
+        COM_CallLocked(&g_mutex, nullptr, CheckAllThreads);
         pthread_testcancel();
         COM_SleepAtLeast(&watchdog.period, kMaxSleepRounds);
     }

@@ -4,8 +4,8 @@
 /* The program's registry of its threads, and a watchdog that checks every registered process.
  *
  * The registry is the library's only state. Threads enter themselves, and entries stay. They are
- * keyed by process id: the threads of one process differ by name only, and its first entry holds
- * the memory figure of all. A forked child has a copy of the registry. */
+ * found by process id. So the threads of a process differ by name only, and the first entry of the
+ * process has the memory figure of all its threads. A forked child has a copy of the registry. */
 
 #include <assert.h>
 #include <stddef.h>
@@ -57,8 +57,8 @@ void COM_ShowThread(void);
  * Returns 0, or the error number of pthread_create; EBUSY when the watchdog already runs. */
 int COM_CreateThreadWatchdog(int period);
 
-/* Ends the watchdog and waits for its end, which comes at once while it sleeps; a check that has
- * begun, its log lines included, is finished first.
+/* Ends the watchdog and waits for its end. A sleeping watchdog ends at once; a check that has begun
+ * is finished first, with its log lines.
  *
  * Returns 0, or the error number of pthread_cancel; ESRCH when no watchdog runs in this process. */
 int COM_DestroyThreadWatchdog(void);

@@ -133,7 +133,7 @@ int COM_GetRxPackets(const char *pIfName) {
     if (!fd) {
         return 0;
     }
-    // The first 8 digits of a larger count still change with activity.
+    // Of a larger count only the first 8 digits are read.
     // Tested by RxPackets.ReadsTheFirstEightDigits.
     char digits[kCountedDigits + 1] = {};
     if (read(fd.get(), digits, kCountedDigits) == -1) {

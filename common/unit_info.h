@@ -50,8 +50,9 @@ typedef struct tUnitNetInfo {
 int COM_GetUnitNetInfo(tUnitNetInfo *pInfo, const char *pIfName);
 
 /* Returns the number of packets that an interface has received, from
- * /sys/class/net/<name>/statistics/rx_packets. Only the first 8 digits are read, which suffices to
- * see activity. 0 when it cannot be read (not logged). */
+ * /sys/class/net/<name>/statistics/rx_packets. Only the first 8 digits are read: a count of 9
+ * digits changes with every 10th packet, one of 10 digits with every 100th. 0 when it cannot be
+ * read (not logged). */
 int COM_GetRxPackets(const char *pIfName);
 
 enum {

@@ -1,4 +1,4 @@
-// Closing what a command must not inherit.
+// Closes the descriptors that a command must not inherit.
 
 #include "common/internal/child_fds.h"
 
@@ -18,8 +18,8 @@ constexpr int kFirst = STDERR_FILENO + 1;
 static_assert(sizeof(dirent::d_ino) == 8 && offsetof(dirent, d_reclen) == 16 &&
               offsetof(dirent, d_name) == 19);
 
-// Closes the descriptors that /proc/self/fd lists. The listing goes on where it was, whatever is
-// closed in the meantime. False when it cannot be opened.
+// Closes the descriptors that /proc/self/fd lists. Closing descriptors does not make the listing
+// skip others. False when it cannot be opened.
 bool CloseListed() {
     close(kFirst);  // room for the listing when every number is in use
     const int listing = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -52,7 +52,7 @@ void CloseAllButStdFds() {
         return;
     }
 #endif
-    // A kernel before Linux 5.9; and one without /proc.
+    // There is no close_range before Linux 5.9. Without /proc every number up to the limit is closed.
     if (!CloseListed()) {
         const long limit = sysconf(_SC_OPEN_MAX);
         for (int fd = kFirst; fd < limit; ++fd) {

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -13,6 +14,7 @@
 
 namespace {
 
+using talvek::IsSameFile;
 using talvek::LastComponent;
 using talvek::OpenPath;
 using talvek::OpenStream;
@@ -60,6 +62,25 @@ TEST(Path, StreamIsClosedWithItsData) {
         fputs("data", stream.get());
     }
     EXPECT_EQ("data", ReadFile(path));
+}
+
+TEST(IsSameFile, ComparesTheFilesAndNotTheirNames) {
+    const TempDir dir;
+    WriteFile(dir / "file", "x");
+    WriteFile(dir / "other", "x");
+    ASSERT_EQ(0, link((dir / "file").c_str(), (dir / "name").c_str()));
+    struct stat file;
+    struct stat other;
+    struct stat name;
+    struct stat elsewhere;
+    ASSERT_EQ(0, StatPath((dir / "file").c_str(), &file));
+    ASSERT_EQ(0, StatPath((dir / "other").c_str(), &other));
+    ASSERT_EQ(0, StatPath((dir / "name").c_str(), &name));
+    EXPECT_TRUE(IsSameFile(file, name));
+    EXPECT_FALSE(IsSameFile(file, other));
+    elsewhere = file;
+    ++elsewhere.st_dev;
+    EXPECT_FALSE(IsSameFile(file, elsewhere));
 }
 
 TEST(LastComponent, FollowsTheLastSlash) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/capture.h"
+#include "support/file_size_limit.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
 
@@ -271,6 +272,14 @@ TEST(CopyFile, ReportsAFileSystemThatACopyFills) {
     });
 }
 
+TEST(CopyFile, ReportsAFileSizeLimitAsAFailedWrite) {
+    const TempDir dir;
+    WriteFile(dir / "src", "12345678");
+    EXPECT_TRUE(UnderFileSizeLimit(
+        5, [&] { return COM_CopyFile((dir / "dst").c_str(), (dir / "src").c_str()) == -1; }));
+    EXPECT_EQ("12345", ReadFile(dir / "dst"));
+}
+
 TEST(CopyFile, ReportsAReadOnlyFileSystem) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/mnt");
@@ -423,6 +432,16 @@ TEST(AppendFileToFile, DoublesAFileThatIsItsOwnSource) {
     ASSERT_EQ(0, link((dir / "file").c_str(), (dir / "name").c_str()));
     EXPECT_EQ(5000, Append(dir / "file", dir / "name"));
     EXPECT_TRUE(Bytes(5000) + Bytes(5000) == ReadFile(dir / "file"));
+}
+
+TEST(AppendFileToFile, ReportsAFileSizeLimitAsAFailedWrite) {
+    const TempDir dir;
+    WriteFile(dir / "src", "345678");
+    WriteFile(dir / "dst", "12");
+    EXPECT_TRUE(UnderFileSizeLimit(5, [&] {
+        return COM_AppendFileToFile((dir / "dst").c_str(), (dir / "src").c_str()) == -1;
+    }));
+    EXPECT_EQ("12345", ReadFile(dir / "dst"));
 }
 
 TEST(AppendFileToFile, ReportsAFullDevice) {

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -450,6 +451,43 @@ TEST(RemoveFileInDir, ReturnsZeroWhenTheDirectoryCannotBeOpened) {
     EXPECT_EQ(log(endless, "File name too long"), CaptureLog([&] {
                   EXPECT_EQ(0, COM_RemoveFileInDir(COM_REMOVE_TREE, endless.c_str()));
               }));
+}
+
+// A directory for which there is no descriptor is logged and left; its result is no failure.
+TEST(RemoveFileInDir, LeavesWhatIsDeeperThanTheDescriptorsLast) {
+    RunInPrivateWorld(kMounts, [] {
+        MountTmpfs("/var");
+        std::string path = "/var/top";
+        for (int i = 0; i < 60; ++i) {
+            WriteFile(path + "/file", "x");
+            path += "/d";
+        }
+        const auto countOpen = [] {
+            return std::distance(fs::directory_iterator{"/proc/self/fd"}, {});
+        };
+        const auto before = countOpen();
+        struct rlimit limit = {};
+        ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+        const rlim_t most = limit.rlim_cur;
+        int removed = -1;
+        const Lines log = CaptureLog([&] {
+            limit.rlim_cur = 40;
+            setrlimit(RLIMIT_NOFILE, &limit);
+            removed = COM_RemoveFileInDir(COM_REMOVE_TREE, "/var/top");
+            limit.rlim_cur = most;
+            setrlimit(RLIMIT_NOFILE, &limit);
+        });
+        EXPECT_LT(0, removed) << "the files of the directories that were opened";
+        EXPECT_GT(40, removed);
+        // One that cannot be opened, and each one above it, which is not empty.
+        ASSERT_EQ(static_cast<size_t>(removed) + 1, log.size());
+        EXPECT_NE(std::string::npos, log[0].find(": opendir(/var/top/d/"));
+        EXPECT_NE(std::string::npos, log[0].find("error : Too many open files"));
+        EXPECT_EQ("COMMON:_COM_RemoveFileInDir_(): rmdir(/var/top) error : Directory not empty",
+                  log.back());
+        EXPECT_EQ(before, countOpen());
+        EXPECT_EQ(120 - removed, COM_RemoveFileInDir(COM_REMOVE_TREE, "/var/top"));
+    });
 }
 
 // A tree deeper than a path can name: entries with a path are removed, the rest is a failure.
@@ -1234,6 +1272,22 @@ TEST(ReallocAndCopyBuf, CopiesFromInsideTheBlockItMoves) {
     ASSERT_NE(nullptr, COM_ReallocAndCopyBuf(kBig, &block, 3, inside, 8));
     EXPECT_STREQ("abcbcdefghc", static_cast<char *>(block));
     free(block);
+}
+
+// What the smaller block no longer has is not copied.
+TEST(ReallocAndCopyBuf, CutsASourceThatTheSmallerBlockCuts) {
+    for (const size_t at : {size_t{58}, size_t{63}, size_t{64}, size_t{2000}}) {
+        void *block = nullptr;
+        ASSERT_NE(nullptr, COM_ReallocAndCopyBuf(4096, &block, 0, nullptr, 0));
+        char *text = static_cast<char *>(block);
+        memset(text, 'x', 4096);
+        ASSERT_NE(nullptr, COM_ReallocAndCopyBuf(64, &block, 8, text + at, 32));
+        text = static_cast<char *>(block);
+        const size_t left = at < 64 ? 64 - at : 0;
+        EXPECT_EQ(std::string(8 + left, 'x') + std::string(56 - left, '\0'), std::string(text, 64))
+            << at;
+        free(block);
+    }
 }
 
 TEST(ReallocAndCopyBuf, FailsOnNull) {

@@ -413,6 +413,7 @@ TEST(PrintTermFlags, ListsNothingOfAnEmptyWordButTheZeroSpeed) {
     EXPECT_EQ("c = [0x0] : [B0]\n",
               Capture([] { COM_PrintTermFlags("c", 0, COM_TermControlFlags); }));
     EXPECT_EQ("n = [0xFFFFFFFF] :\n", Capture([] { COM_PrintTermFlags("n", ~0U, nullptr); }));
+    EXPECT_EQ("(null) = [0x1] :\n", Capture([] { COM_PrintTermFlags(nullptr, 1, nullptr); }));
 }
 
 // One of two bits of a field does not name it.
@@ -456,7 +457,9 @@ TEST(DumpTermios, PrintsTheWholeSetting) {
     EXPECT_EQ(0U, output.find("COMMON,"));
     EXPECT_EQ(std::string::npos, output.find("()"));
     EXPECT_EQ(expected, output.substr(head + strlen(": Title\n======\n")));
-    EXPECT_EQ(EOF, COM_DumpTermios("none", nullptr));
+    EXPECT_EQ(0U, Capture([] { EXPECT_EQ(EOF, COM_DumpTermios("none", nullptr)); }).size());
+    EXPECT_NE(std::string::npos,
+              Capture([&] { COM_DumpTermios(nullptr, &setting); }).find(": (null)\n======\n"));
 }
 
 // Replaces /proc/tty/driver, and /dev, where nodes are made.

@@ -506,6 +506,27 @@ TEST(ThreadWatchdog, OfAForkedChildDoesNotWaitForACheckOfTheParent) {
     });
 }
 
+// A program may fork with standard output locked, while another thread holds the registry and waits
+// for that lock.
+TEST(Registry, DoesNotDelayAForkWithStandardOutputLocked) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer takes locks of its own at a fork";
+#endif
+    InEmptyRegistry([] {
+        COM_LogThread("first");
+        flockfile(stdout);
+        std::thread lister{[] { COM_ShowThread(); }};
+        EXPECT_TRUE(OtherThreadsSleep());
+        const pid_t child = fork();
+        if (child == 0) {
+            _exit(0);
+        }
+        funlockfile(stdout);
+        lister.join();
+        EXPECT_EQ(0, WaitFor(child));
+    });
+}
+
 TEST(Registry, OutlastsCancellation) {
     InEmptyRegistry([] {
         EXPECT_TRUE(OutlastsCancellation([] { EXPECT_EQ(1, COM_LogThread("first")); }));
