@@ -52,7 +52,8 @@ void CloseAllButStdFds() {
         return;
     }
 #endif
-    // There is no close_range before Linux 5.9. Without /proc every number up to the limit is closed.
+    // There is no close_range before Linux 5.9. Without /proc every number up to the limit is
+    // closed.
     if (!CloseListed()) {
         const long limit = sysconf(_SC_OPEN_MAX);
         for (int fd = kFirst; fd < limit; ++fd) {
