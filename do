@@ -161,7 +161,7 @@ run() {
     }
     client="build/talvek -C -s $socket"
     ask 0 "$client -f 'echo this line is printed by the daemon'"
-    # Of a large environment only the first 1136 bytes would go over.
+    # Of a large environment only the first 1136 bytes would be sent.
     ask 0 "env -i GREETING=hello $client -f 'echo the command sees \$GREETING'"
     ask 7 "$client -f 'exit 7'"
     ask 255 "$client -f 'kill -KILL \$\$'"

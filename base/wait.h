@@ -1,7 +1,6 @@
 #ifndef TALVEK_BASE_WAIT_H
 #define TALVEK_BASE_WAIT_H
 
-#include <signal.h>
 #include <stdint.h>
 
 namespace talvek {
@@ -9,12 +8,11 @@ namespace talvek {
 // Waits until a descriptor is ready for `events` (POLLIN, POLLOUT), has an error, or its peer has
 // hung up. Unlike select, it accepts descriptors of FD_SETSIZE and above.
 //
-//   ms     milliseconds; negative waits for ever
-//   pMask  signal mask during the wait (ppoll), or NULL to keep the caller's
+//   ms  milliseconds; negative waits for ever
 //
 // Returns 1 when it is ready; 0 when the time is over; -1 with errno: EINTR when a signal handler
 // ran, EBADF when the descriptor is not open.
-int WaitReady(int fd, short events, int64_t ms, const sigset_t *pMask = nullptr);
+int WaitReady(int fd, short events, int64_t ms);
 
 }  // namespace talvek
 

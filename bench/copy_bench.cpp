@@ -77,7 +77,7 @@ void ComCopyFile(benchmark::State &state) {
     Report(state, good);
 }
 
-// With a process of its own, as cp has one; the program is not loaded anew.
+// With a process of its own, as cp has one; the program is not loaded again.
 void ComCopyFileForked(benchmark::State &state) {
     const Files files{state};
     bool good = true;

@@ -265,8 +265,8 @@ bool AddS6(Servers &servers, std::vector<Contender> &contenders) {
                        socket);
 }
 
-// These carry bytes alone. A shell at each end makes a service of them: a line goes over, the
-// server's shell runs it, the status comes back as a line. No environment goes over.
+// These carry bytes alone. A shell at each end makes a service of them: a line is sent, the
+// server's shell runs it, the status comes back as a line. No environment is sent.
 const char kServe[] = "read -r line; eval \"$line\"; echo $?";
 
 bool AddUcspi(Servers &servers, std::vector<Contender> &contenders) {

@@ -166,11 +166,11 @@ const SideBySide g_pairs[] = {{"nGetMPT_Of500", "Libmount_Of500/mounts"},
                               {"nGetMPT_Of500", "Getmntent_Of500"},
                               {"nGetMPT_Of500", "Read_Of500"}};
 
-// Which simulated device a descriptor stands for, plus one; 0 for none.
+// The simulated device of a descriptor, plus one; 0 for none.
 int g_deviceOfFd[1024];
 bool g_simulate = false;
 
-// Devices 0 to 25 are disks and 26 to 31 drives, device i behind /dev/sg<i> too.
+// Devices 0 to 25 are disks and 26 to 31 drives, device i also at /dev/sg<i>.
 int DeviceOf(const char *pPath) {
     char letter;
     int number;

@@ -5,7 +5,7 @@
 #include <stdio.h>
 #include <unistd.h>
 
-// Sends standard output to /dev/null for a scope: what is measured logs, and its lines would stand
+// Sends standard output to /dev/null for a scope: what is measured logs, and its lines would be
 // between the results. Making and writing them is part of the cost.
 class Quiet {
   public:

@@ -3,10 +3,10 @@
 
 #include <initializer_list>
 
-// What is told when all has run: how the medians of one benchmark relate to those of another in the
-// same run. Both names stand for all their arguments: SideBySide("Mine", "Theirs") tells of Mine/10
-// beside Theirs/10 and so on. A benchmark whose work is done by other processes counts their
-// processor time in a counter "cpu_s".
+// What is printed when all has run: how the medians of one benchmark relate to those of another in
+// the same run. Each name means the benchmark with all its arguments: SideBySide("Mine", "Theirs")
+// compares Mine/10 with Theirs/10 and so on. A benchmark whose work is done by other processes
+// counts their processor time in a counter "cpu_s".
 //
 //     const SideBySide g_pairs[] = {{"KeySearch", "KeySearchStrcasestr"}};
 class SideBySide {

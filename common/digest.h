@@ -58,7 +58,7 @@ void COM_MakeStrMD5(char *pHex, const char *pText);
  * digest of the bytes before the failure.
  *
  * Returns the result of closing the file, usually 0. When the file cannot be opened, the result is
- * that of COM_Log for the message, a positive number. -1 for NULL. */
+ * that of COM_Log for the message, a positive number (so for a NULL path). -1 when pHex is NULL. */
 int COM_MakeFileMD5(char *pHex, const char *pFileName);
 
 /* Compares the MD5 digest of a file with the hash in its side file.
@@ -82,7 +82,8 @@ void COM_Sha1Init(tSha1Ctx *pCtx);
 /* Adds `size` bytes to the digest. */
 void COM_Sha1Update(const void *pData, size_t size, tSha1Ctx *pCtx);
 
-/* Writes the digest of COM_SHA1_SIZE bytes and returns pDigest. */
+/* Writes the digest of COM_SHA1_SIZE bytes and returns pDigest; with a NULL context nothing is
+ * written. */
 uint8_t *COM_Sha1Final(uint8_t *pDigest, tSha1Ctx *pCtx);
 
 /* Writes the COM_SHA1_SIZE bytes of the SHA-1 digest of a text without its NUL (NULL is an empty

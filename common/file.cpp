@@ -86,8 +86,8 @@ class Path {
 };
 
 // One run of _COM_RemoveFileInDir_. Everything is examined and removed by its name in an open
-// directory, never by its whole path: whoever replaces a directory on the way by a link cannot lead
-// the removal elsewhere. Paths are only logged. The depth of a tree costs no stack.
+// directory, never by its whole path: a link that replaces a directory on the way cannot lead the
+// removal elsewhere. Paths are only logged. The depth of a tree costs no stack.
 class TreeRemover {
   public:
     explicit TreeRemover(bool recursive) : recursive_(recursive) { stat("/", &root_); }

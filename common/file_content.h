@@ -52,7 +52,8 @@ enum {
     COM_DATA_PARTIAL = 1,  /* at least one byte, but not all */
 };
 
-/* Replaces the content of a file with `size` bytes. Returns
+/* Replaces the content of a file with `size` bytes. With NULL as data the write fails: the file is
+ * empty then. Returns
  *
  *   COM_DATA_COMPLETE  when all bytes were written, or the first write took no byte without failing
  *   COM_DATA_PARTIAL   when some were written (logged)
@@ -62,7 +63,7 @@ int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int size);
 /* Replaces the content of a file with `size` bytes of a ring buffer, in the order in which they
  * were put there.
  *
- *   pRing     first byte of the ring
+ *   pRing     first byte of the ring; with NULL the write fails
  *   start     offset of the first byte to save, 0 to ringSize
  *   ringSize  size of the ring in bytes; below 1, pRing is a plain buffer that does not wrap
  *   size      bytes to save, at most ringSize

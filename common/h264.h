@@ -81,7 +81,7 @@ typedef struct tH264SliceInfo {
 } tH264SliceInfo;
 
 /* Starts reading at the first of `size` bytes and loads four of them. After the last byte, zero
- * bits are read. */
+ * bits are read. A NULL buffer has no bytes. */
 void COM_H264InitBitReader(tH264BitReader *pReader, const uint8_t *pBuf, size_t size);
 
 /* Skips `count` bits. */

@@ -17,8 +17,8 @@ int COM_SavePid(const char *pFileName);
  * first argument in /proc/<pid>/cmdline, up to 128 bytes. An empty text is contained in every name.
  * The caller itself is signalled too if it matches.
  *
- * Returns 0 when at least one process was signalled, else -1. A process that cannot be signalled is
- * logged without a function name and does not end the search. */
+ * Returns 0 when at least one process was signalled, else -1 (NULL is logged). A process that
+ * cannot be signalled is logged without a function name and does not end the search. */
 int COM_KillDhcpProc(const char *pFirst, const char *pSecond);
 
 /* Closes every descriptor above 2 that /proc/<pid>/fd lists.

@@ -73,11 +73,11 @@ enum { COM_KERNEL_TEXT_SIZE = 256 }; /* bytes that hold any output of COM_GetKer
 /* Takes the kernel's version from the first 256 bytes of /proc/version, which begins like "Linux
  * version 2.6.35-rt1 (...".
  *
- *   pRelease  COM_KERNEL_TEXT_SIZE bytes, or NULL: the three numbers and what is between them
- *             ("2.6.35")
- *   pExtra    COM_KERNEL_TEXT_SIZE bytes, or NULL: what follows the next character, up to white
- *             space ("rt1"). "Linux version 2.6.35 (..." gives the first word in the brackets with
- *             its bracket.
+ *   pRelease  COM_KERNEL_TEXT_SIZE bytes, or NULL if not needed: the three numbers and what is
+ *             between them ("2.6.35")
+ *   pExtra    COM_KERNEL_TEXT_SIZE bytes, or NULL if not needed: what follows the next character,
+ *             up to white space ("rt1"). "Linux version 2.6.35 (..." gives the first word in the
+ *             brackets with its bracket.
  *
  * Returns 0, or -1 with nothing written when the file cannot be read or does not look like that. */
 int COM_GetKernelVersion(char *pRelease, char *pExtra);

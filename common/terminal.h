@@ -83,7 +83,8 @@ enum {
  * The input speed is the output speed, unless given flags ask for another one (CIBAUD). A speed
  * that is no B constant is logged, and no setting is applied (COM_TERM_NOT_SET).
  *
- * Returns 0, COM_TERM_NOT_SET or COM_TERM_NOT_OPENED (also when a pointer is NULL). */
+ * Returns 0, COM_TERM_NOT_SET or COM_TERM_NOT_OPENED. A NULL path cannot be opened (logged; `fd`
+ * becomes -1), nor can a device with a NULL record (not logged). */
 int COM_OpenTermDevice(const char *pPath, tTermDevInfo *pDevInfo);
 
 /* Restores the saved setting, if it was read, and closes the device; `fd` becomes -1. The

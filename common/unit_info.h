@@ -72,11 +72,11 @@ int COM_Base64Value(char c);
 int COM_Base64Decode(void *pDst, const char *pText);
 
 /* Returns the index of the first non-zero unit after a zero unit: 4 for {a, b, 0, 0, c}. The array
- * must contain such a unit, because the scan does not end otherwise. NULL is logged. */
+ * must contain such a unit, because the scan does not end otherwise. NULL is logged and gives 0. */
 int COM_CountUtf8RowLength(const uint16_t *pArray);
 
 /* Comparator for qsort: compares two tUnitNetInfo by address, component by component as numbers.
- * Equal addresses are logged and compare as 0. */
+ * Equal addresses are logged and compare as 0; NULL compares as 0. */
 int COM_SortUnitInfoViaIP(const void *pA, const void *pB);
 
 /* Logs `count` records, five lines each. A count of 0 or less logs nothing. */

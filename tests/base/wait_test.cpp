@@ -3,18 +3,16 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
-#include "base/clock.h"
 #include "base/unique_fd.h"
+#include "support/interruptions.h"
 
 namespace {
 
-using talvek::Deadline;
 using talvek::UniqueFd;
 using talvek::WaitReady;
+using namespace talvek::test;
 
 struct Pipe {
     Pipe() {
@@ -50,34 +48,11 @@ TEST(WaitReady, FailsWithoutAnOpenDescriptor) {
     }
 }
 
-TEST(WaitReady, UnblocksSignalsByItsMask) {
+TEST(WaitReady, EndsAtASignalHandler) {
     const Pipe pipe;
-    struct sigaction note = {};
-    note.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &note, nullptr);
-    sigset_t blocked;
-    sigset_t before;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &blocked, &before);
-    raise(SIGUSR1);
-    EXPECT_EQ(0, WaitReady(pipe.reader.get(), POLLIN, 1)) << "the caller's mask holds";
-    sigdelset(&before, SIGUSR1);
-    EXPECT_EQ(-1, WaitReady(pipe.reader.get(), POLLIN, -1, &before));
+    const Interruptions often{10};
+    EXPECT_EQ(-1, WaitReady(pipe.reader.get(), POLLIN, -1));
     EXPECT_EQ(EINTR, errno);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
-
-TEST(Deadline, RoundsUpAndStopsAtZero) {
-    EXPECT_EQ(0, Deadline{0}.LeftMs());
-    EXPECT_EQ(0, Deadline{-5}.LeftMs());
-    const int64_t left = Deadline{1000}.LeftMs();
-    EXPECT_GT(left, 0);
-    EXPECT_LE(left, 1000);
-    const Deadline soon{1};
-    while (soon.LeftMs() > 0) {
-    }
-    EXPECT_EQ(0, soon.LeftMs());
 }
 
 }  // namespace

@@ -553,7 +553,7 @@ TEST(KillProcess, SkipsLostAndFoundAndReportsAFailedSignal) {
 TEST(CheckProcState, DistinguishesAProcessThatLivesFromOneThatDoesNot) {
     const pid_t busy = fork();
     if (busy == 0) {
-        alarm(60);  // whatever becomes of the test
+        alarm(60);  // even if the test ends early
         for (;;) {
             getppid();
         }

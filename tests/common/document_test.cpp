@@ -1,5 +1,5 @@
 // Compares the scraping functions with general tools, on documents from Debian packages:
-// strcasestr, xmllint, w3m and html2text. Each difference is listed as a rule that makes both
+// strcasestr, xmllint, w3m and html2text. For each difference there is a rule that makes both
 // results equal.
 
 #include <gtest/gtest.h>

@@ -237,6 +237,7 @@ constexpr Call kCalls[] = {
      [](const Objects & /*at*/) {
          tUnitNetInfo unit;
          COM_GetUnitNetInfo(&unit, "lo");
+         COM_ShowAllUnitInfo(1, &unit);
      }},
     {"COM_GetRxPackets", [](const Objects & /*at*/) { COM_GetRxPackets("lo"); }},
     // file_content.h, digest.h

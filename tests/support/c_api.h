@@ -1,7 +1,7 @@
 #ifndef TALVEK_TESTS_SUPPORT_C_API_H
 #define TALVEK_TESTS_SUPPORT_C_API_H
 
-/* What a C file of the tests tells about the library that it was compiled against. */
+/* What a module's c_api.c finds in the module's chief header. */
 
 #include <stddef.h>
 
@@ -23,16 +23,26 @@ typedef struct tCTable {
 } tCTable;
 
 typedef struct tCModule {
-    const char *pName;
     const tCEntry *pEntries;
     size_t entries;
     const tCTable *pTables;
     size_t tables;
-    int (*pCallThrough)(void); /* not 0 when calls gave what they should */
+    int (*pCallThrough)(void); /* not 0 when the calls gave the right results */
 } tCModule;
+
+/* Defined by the c_api.c of the module under test. */
+extern const tCModule kModuleInC;
 
 #ifdef __cplusplus
 }
+
+namespace talvek::test {
+
+// Fails the test unless the public names in the library's archive are those of kModuleInC. Needs
+// nm.
+void ExpectEveryEntryInC(const char *pArchive);
+
+}  // namespace talvek::test
 #endif
 
 #endif

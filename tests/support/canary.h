@@ -6,7 +6,7 @@
 
 namespace talvek::test {
 
-// A buffer of exactly `size` bytes between canaries: 64 patterned bytes before it, and behind its
+// A buffer of exactly `size` bytes between canaries: 64 patterned bytes before it, and after its
 // last byte a page that cannot be touched. Its bytes start as `fill`.
 class CanaryBuf {
   public:
@@ -19,8 +19,8 @@ class CanaryBuf {
     [[nodiscard]] uint8_t *bytes() const { return bytes_; }
     [[nodiscard]] size_t size() const { return size_; }
 
-    // Whether the bytes before the buffer are as they were; a write behind it has already killed
-    // the process.
+    // Whether the bytes before the buffer are unchanged; a write beyond it has already killed the
+    // process.
     [[nodiscard]] bool Intact() const;
 
     // Whether the bytes from `offset` on are still the fill: nothing was written there.
@@ -34,8 +34,8 @@ class CanaryBuf {
     uint8_t fill_;
 };
 
-// A copy of a text or of bytes whose last byte is followed by a page that cannot be read: whoever
-// reads beyond the end is killed.
+// A copy of a text or of bytes whose last byte is followed by a page that cannot be read: a read
+// beyond the end kills the process.
 class GuardedCopy {
   public:
     GuardedCopy(const void *pBytes, size_t size);

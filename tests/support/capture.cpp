@@ -44,7 +44,7 @@ std::string CaptureFds(const std::function<void()> &body, bool errors) {
 
     const std::string text = Written(sink);
     close(sink);
-    // Assertions that failed inside told so on the stream that was captured.
+    // Assertions that failed inside wrote to the stream that was captured.
     if (!failedBefore && ::testing::Test::HasFailure()) {
         fprintf(stderr, "captured before the failure:\n%s\n", text.c_str());
     }

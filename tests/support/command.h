@@ -17,7 +17,7 @@ bool HasCommand(const std::string &name);
 // The libraries that a dynamic program names, but for the loader. Needs readelf.
 std::vector<std::string> NeededLibraries(const std::string &program);
 
-// The value behind the first "key": in a JSON text (as `ip -json` prints it), a text without its
+// The value after the first "key": in a JSON text (as `ip -json` prints it), a text without its
 // quotes; empty when there is none.
 std::string JsonValue(const std::string &json, const std::string &key);
 

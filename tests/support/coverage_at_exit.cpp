@@ -1,5 +1,5 @@
 // Linked into every program of a build that measures coverage: processes that end without leaving
-// main, or by a signal of their own, tell what they reached too.
+// main, or by a signal of their own, report what they reached too.
 
 #include <signal.h>
 #include <unistd.h>
@@ -20,6 +20,6 @@ void __wrap__exit(int status) {
 
 int __wrap_raise(int number) {
     __gcov_dump();
-    __gcov_reset();  // it may live on, and tells the rest later
+    __gcov_reset();  // it may live on, and reports the rest later
     return __real_raise(number);
 }

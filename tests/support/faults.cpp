@@ -1,5 +1,5 @@
-// The wrapped functions of the C library. One line a function: its name stands right behind the
-// bracket, where the build takes it from. The functions are the C library's own; their wrapped
+// The wrapped functions of the C library. One line a function: its name follows the bracket,
+// where the build takes it from. The functions are the C library's own; their wrapped
 // forms have the parameters that callers of this project pass.
 
 #include "support/faults.h"

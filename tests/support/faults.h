@@ -38,8 +38,8 @@ std::string CaptureUnderFault(const std::function<void()> &body);
 
 // Runs `body` again and again, each time in a forked child of its own with the next call made to
 // fail with `error`, until it runs through without meeting one. A run fails the test when it
-// crashes, takes over 20 seconds, fails an assertion of its own, or leaves a descriptor or a heap
-// block behind. Returns the number of calls that were made to fail.
+// crashes, takes over 20 seconds, fails an assertion of its own, or does not release a descriptor
+// or a heap block. Returns the number of calls that were made to fail.
 int EveryCallFails(int error, const std::function<void()> &body);
 
 }  // namespace talvek::test

@@ -29,7 +29,7 @@ std::string ReadFile(const std::string &path);  // empty when it cannot be read
 // A writable /etc that holds only the files that the C library looks for (passwd, group, hosts).
 void FreshEtc();
 // A directory of the test's own over `dir`, below which single files of /proc or /sys are made.
-// The rest of what stood there is gone for the body.
+// The body sees nothing else of the old directory.
 void ReplaceDir(const std::string &dir);
 // ReplaceDir("/proc") that leaves the entry of each process itself, /proc/self, where it was, so
 // that the descriptors can be counted and programs with sanitizers start.

@@ -1,4 +1,4 @@
-/* Loaded into a program of sg3-utils, stands for the drive behind its descriptor: every SG_IO
+/* Loaded into a program of sg3-utils, replaces the drive of its descriptor: every SG_IO
  * request is answered with the bytes of the file that SG_PRELOAD_REPLY names. */
 
 #include <errno.h>

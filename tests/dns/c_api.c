@@ -23,6 +23,6 @@ static int CallThrough(void) {
            entries[0].type == 1;
 }
 
-const tCModule kDnsInC = {
-    "dns", kEntries, sizeof kEntries / sizeof kEntries[0], NULL, 0, CallThrough,
+const tCModule kModuleInC = {
+    kEntries, sizeof kEntries / sizeof kEntries[0], NULL, 0, CallThrough,
 };

@@ -154,11 +154,7 @@ static int CallThrough(void) {
            COM_DecodeHexEscape(text, "a=3D1") == 3 && COM_Base64Value('b') == 27;
 }
 
-const tCModule kCommonInC = {
-    "common",
-    kEntries,
-    sizeof kEntries / sizeof kEntries[0],
-    kTables,
-    sizeof kTables / sizeof kTables[0],
+const tCModule kModuleInC = {
+    kEntries,    sizeof kEntries / sizeof kEntries[0], kTables, sizeof kTables / sizeof kTables[0],
     CallThrough,
 };

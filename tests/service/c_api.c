@@ -20,6 +20,6 @@ static int CallThrough(void) {
     return pkg.chksum == 0x1110 && TALVEK_CheckPkgHeader(&pkg, sizeof pkg) == 1;
 }
 
-const tCModule kServiceInC = {
-    "service", kEntries, sizeof kEntries / sizeof kEntries[0], NULL, 0, CallThrough,
+const tCModule kModuleInC = {
+    kEntries, sizeof kEntries / sizeof kEntries[0], NULL, 0, CallThrough,
 };

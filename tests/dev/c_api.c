@@ -59,6 +59,6 @@ static int CallThrough(void) {
     return strcmp(name, "/dev/sg3") == 0 && Dev_Get(NULL) == 0;
 }
 
-const tCModule kDevInC = {
-    "dev", kEntries, sizeof kEntries / sizeof kEntries[0], NULL, 0, CallThrough,
+const tCModule kModuleInC = {
+    kEntries, sizeof kEntries / sizeof kEntries[0], NULL, 0, CallThrough,
 };

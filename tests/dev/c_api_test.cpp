@@ -1,0 +1,24 @@
+// dev/DEV.h in C: every public entry of the library is declared in it and can be called.
+
+#include "support/c_api.h"
+
+#include <gtest/gtest.h>
+
+#include "support/command.h"
+
+namespace {
+
+using namespace talvek::test;
+
+TEST(CApi, CallsGoThrough) {
+    EXPECT_NE(0, kModuleInC.pCallThrough());
+}
+
+TEST(CApi, DeclaresEveryEntryOfTheLibrary) {
+    if (!HasCommand("nm")) {
+        GTEST_SKIP() << "nm is not installed";
+    }
+    ExpectEveryEntryInC(TALVEK_BINARY_DIR "/libtalvek_dev.a");
+}
+
+}  // namespace
