@@ -13,7 +13,7 @@ usage() {
 ./do arm       build for 32-bit ARM and run the test programs under qemu
 ./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
 ./do coverage  lines and branches that the tests reach
-./do lint      format, static analysis, manual pages, spelling
+./do lint      format, static analysis, manual pages, spelling, phrases
 ./do words     phrases that make a reader stop, in the tree or in the files named
 ./do bench     measure speed and memory next to other programs
 ./do clean     remove build/
@@ -229,6 +229,7 @@ lint() {
         mandoc -T lint -W warning "$page"
     done
     codespell --skip './.git*,./build' --ignore-words tools/lint/codespell-ignore.txt .
+    tools/lint/words
     echo "lint: nothing found"
 }
 

@@ -5,40 +5,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <deque>
 #include <string>
 
 #include "base/unique_fd.h"
 #include "support/file_size_limit.h"
 #include "support/private_world.h"
+#include "support/scripted_writes.h"
 #include "support/temp_dir.h"
-
-namespace {
-
-// What the next writes do: a negative entry fails with that errno, another one is the number of
-// bytes that the write takes at most.
-std::deque<ssize_t> g_writes;
-
-}  // namespace
-
-extern "C" {
-ssize_t __real_write(int fd, const void *buf, size_t size);
-ssize_t __wrap_write(int fd, const void *buf, size_t size);
-}
-
-ssize_t __wrap_write(int fd, const void *buf, size_t size) {
-    if (g_writes.empty()) {
-        return __real_write(fd, buf, size);
-    }
-    const ssize_t next = g_writes.front();
-    g_writes.pop_front();
-    if (next < 0) {
-        errno = static_cast<int>(-next);
-        return -1;
-    }
-    return next == 0 ? 0 : __real_write(fd, buf, std::min(size, static_cast<size_t>(next)));
-}
 
 namespace {
 

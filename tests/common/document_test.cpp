@@ -17,6 +17,7 @@
 #include "common/html.h"
 #include "common/text.h"
 #include "support/capture.h"
+#include "support/command.h"
 #include "support/private_world.h"
 
 namespace {
@@ -36,17 +37,6 @@ const std::string kW3mDocs = "/usr/share/doc/w3m/";
     if (access("/usr/bin/" name, X_OK) != 0) {                       \
         GTEST_SKIP() << name " is not installed (see packages.txt)"; \
     }
-
-std::string Output(const std::string &command) {
-    std::string output;
-    FILE *pipe = popen(command.c_str(), "r");
-    char block[4096];
-    for (size_t got = 0; (got = fread(block, 1, sizeof block, pipe)) > 0;) {
-        output.append(block, got);
-    }
-    EXPECT_EQ(0, pclose(pipe)) << command;
-    return output;
-}
 
 std::vector<std::string> Lines(const std::string &text) {
     std::vector<std::string> lines;
@@ -123,7 +113,7 @@ std::string Attribute(const std::string &text, const char *pTag, const char *pNa
 }
 
 std::vector<std::string> Xpath(const std::string &expression) {
-    return Lines(Output("xmllint --xpath '" + expression + "' " + kMimeDatabase));
+    return Lines(RunCommand("xmllint --xpath '" + expression + "' " + kMimeDatabase));
 }
 
 TEST(Documents, YieldTheAttributesThatXmllintPrints) {
@@ -162,7 +152,8 @@ TEST(Documents, YieldTheValuesThatXmllintPrints) {
 }
 
 std::string XmllintString(const std::string &text, const std::string &path) {
-    return Lines(Output("echo '" + text + "' | xmllint --xpath 'string(" + path + ")' -"))[0];
+    return Lines(RunCommand("echo '" + text + "' | xmllint --xpath 'string(" + path + ")' -") +
+                 "\n")[0];
 }
 
 // Where scraping differs from XML: first the result of scraping, then that of xmllint.
@@ -284,7 +275,7 @@ void ExpectTheText(const std::string &path, const std::string &command,
                    const std::vector<std::string> &differences) {
     NEED_FILE(path);
     SCOPED_TRACE(command + path);
-    const std::string expected = LettersAndDigits(Output(command + path));
+    const std::string expected = LettersAndDigits(RunCommand(command + path));
     std::string html = ReadFile(path);
     std::vector<std::string> met;
     for (const Difference &difference : kDifferences) {

@@ -3,12 +3,10 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -23,69 +21,20 @@
 #include "support/canary.h"
 #include "support/capture.h"
 #include "support/file_size_limit.h"
+#include "support/opened.h"
 #include "support/private_world.h"
+#include "support/scripted_writes.h"
 #include "support/temp_dir.h"
 
 namespace {
 
 using namespace talvek::test;
 
-// Flags and mode of the last open of the code under test.
-int g_flags = 0;
-mode_t g_mode = 0;
-// What its next writes do: a negative entry fails with that errno, another one is the number of
-// bytes that the write takes at most.
-std::deque<ssize_t> g_writes;
-
-}  // namespace
-
-extern "C" {
-int __real_open(const char *path, int flags, ...);
-int __real_open64(const char *path, int flags, ...);
-ssize_t __real_write(int fd, const void *buf, size_t size);
-int __wrap_open(const char *path, int flags, mode_t mode);
-int __wrap_open64(const char *path, int flags, mode_t mode);
-ssize_t __wrap_write(int fd, const void *buf, size_t size);
-}
-
-int __wrap_open(const char *path, int flags, mode_t mode) {
-    g_flags = flags;
-    g_mode = mode;
-    return __real_open(path, flags, mode);
-}
-
-int __wrap_open64(const char *path, int flags, mode_t mode) {
-    g_flags = flags | O_LARGEFILE;
-    g_mode = mode;
-    return __real_open64(path, flags, mode);
-}
-
-ssize_t __wrap_write(int fd, const void *buf, size_t size) {
-    if (g_writes.empty()) {
-        return __real_write(fd, buf, size);
-    }
-    const ssize_t next = g_writes.front();
-    g_writes.pop_front();
-    if (next < 0) {
-        errno = static_cast<int>(-next);
-        return -1;
-    }
-    return next == 0 ? 0 : __real_write(fd, buf, std::min(size, static_cast<size_t>(next)));
-}
-
-namespace {
-
 std::string Pointers(const char *pFunction, const void *pPath, const void *pBuf) {
     char text[160];
     snprintf(text, sizeof text, "COMMON:%s(): input error : (pFileName, pBuf) = (%p, %p)",
              pFunction, pPath, pBuf);
     return text;
-}
-
-mode_t ModeOf(const std::string &path) {
-    struct stat st = {};
-    EXPECT_EQ(0, stat(path.c_str(), &st)) << path;
-    return st.st_mode;
 }
 
 // What a call reads into an empty buffer of exactly `len` bytes.
@@ -356,9 +305,11 @@ TEST(FileContent, OpensWithExactlyItsFlags) {
         if (c.mode == 0) {
             WriteFile(path, "x");
         }
+        OpenedFiles().clear();
         c.call(path.c_str());
-        EXPECT_EQ(c.flags | O_CLOEXEC | (g_flags & O_LARGEFILE), g_flags) << c.name;
-        EXPECT_EQ(c.mode, g_mode) << c.name;
+        ASSERT_EQ(1U, OpenedFiles().size()) << c.name;
+        EXPECT_EQ(c.flags | O_CLOEXEC, OpenedFiles()[0].flags) << c.name;
+        EXPECT_EQ(c.mode, OpenedFiles()[0].mode) << c.name;
         if (c.mode != 0) {
             EXPECT_EQ(S_IFREG | c.mode, ModeOf(path)) << c.name;
         }
@@ -676,7 +627,7 @@ TEST(FileContent, ReportsAFullFileSystem) {
 TEST(FileContent, ReportsAReadOnlyFileSystem) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/mnt");
-        ASSERT_EQ(0, mount(nullptr, "/mnt", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+        RemountReadOnly("/mnt");
         EXPECT_EQ(
             (Lines{"COMMON:COM_SetFileContent(): open(/mnt/f) error : Read-only file system",
                    "COMMON:COM_AppendFileContent(): open(/mnt/f) error : Read-only file system",

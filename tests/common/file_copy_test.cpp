@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,48 +14,13 @@
 
 #include "support/capture.h"
 #include "support/file_size_limit.h"
+#include "support/opened.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
 
 namespace {
 
 using namespace talvek::test;
-
-struct Opened {
-    std::string path;
-    int flags;
-    mode_t mode;
-};
-
-// Kept beyond the last destructor: a program that measures coverage opens files at its very end.
-std::vector<Opened> &g_opened = *new std::vector<Opened>;
-
-}  // namespace
-
-extern "C" {
-int __real_open(const char *path, int flags, ...);
-int __real_open64(const char *path, int flags, ...);
-int __wrap_open(const char *path, int flags, mode_t mode);
-int __wrap_open64(const char *path, int flags, mode_t mode);
-}
-
-int __wrap_open(const char *path, int flags, mode_t mode) {
-    g_opened.push_back({path, flags, mode});
-    return __real_open(path, flags, mode);
-}
-
-int __wrap_open64(const char *path, int flags, mode_t mode) {
-    g_opened.push_back({path, flags, mode});
-    return __real_open64(path, flags, mode);
-}
-
-namespace {
-
-mode_t ModeOf(const std::string &path) {
-    struct stat st = {};
-    EXPECT_EQ(0, stat(path.c_str(), &st)) << path;
-    return st.st_mode;
-}
 
 std::string LinkText(const std::string &path) {
     std::error_code error;
@@ -111,15 +75,15 @@ TEST(CopyFile, OpensWithExactlyItsFlags) {
     const TempDir dir;
     WriteFile(dir / "src", "x");
     const mode_t old = umask(0);
-    g_opened.clear();
+    OpenedFiles().clear();
     EXPECT_EQ(0, Copy(dir / "dst", dir / "src"));
     umask(old);
-    ASSERT_EQ(2U, g_opened.size());
-    EXPECT_EQ(dir / "src", g_opened[0].path);
-    EXPECT_EQ(O_RDONLY | O_NOATIME | O_CLOEXEC, g_opened[0].flags);
-    EXPECT_EQ(dir / "dst", g_opened[1].path);
-    EXPECT_EQ(O_WRONLY | O_CREAT | O_TRUNC | O_NOATIME | O_CLOEXEC, g_opened[1].flags);
-    EXPECT_EQ(mode_t{0664}, g_opened[1].mode);
+    ASSERT_EQ(2U, OpenedFiles().size());
+    EXPECT_EQ(dir / "src", OpenedFiles()[0].path);
+    EXPECT_EQ(O_RDONLY | O_NOATIME | O_CLOEXEC, OpenedFiles()[0].flags);
+    EXPECT_EQ(dir / "dst", OpenedFiles()[1].path);
+    EXPECT_EQ(O_WRONLY | O_CREAT | O_TRUNC | O_NOATIME | O_CLOEXEC, OpenedFiles()[1].flags);
+    EXPECT_EQ(mode_t{0664}, OpenedFiles()[1].mode);
     EXPECT_EQ(mode_t{S_IFREG | 0664}, ModeOf(dir / "dst"));
 }
 
@@ -283,7 +247,7 @@ TEST(CopyFile, ReportsAFileSizeLimitAsAFailedWrite) {
 TEST(CopyFile, ReportsAReadOnlyFileSystem) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/mnt");
-        ASSERT_EQ(0, mount(nullptr, "/mnt", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+        RemountReadOnly("/mnt");
         EXPECT_EQ((Lines{"COMMON:COM_CopyFile(): open(/mnt/dst) failed : Read-only file system",
                          "COMMON:COM_AppendFileToFile(): open(/mnt/dst) error:Read-only file "
                          "system"}),
@@ -398,15 +362,15 @@ TEST(AppendFileToFile, OpensWithExactlyItsFlags) {
     const TempDir dir;
     WriteFile(dir / "src", "x");
     const mode_t old = umask(0);
-    g_opened.clear();
+    OpenedFiles().clear();
     EXPECT_EQ(1, Append(dir / "dst", dir / "src"));
     umask(old);
-    ASSERT_EQ(2U, g_opened.size());
-    EXPECT_EQ(dir / "dst", g_opened[0].path);
-    EXPECT_EQ(O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, g_opened[0].flags);
-    EXPECT_EQ(mode_t{0777}, g_opened[0].mode);
-    EXPECT_EQ(dir / "src", g_opened[1].path);
-    EXPECT_EQ(O_RDONLY | O_CLOEXEC, g_opened[1].flags);
+    ASSERT_EQ(2U, OpenedFiles().size());
+    EXPECT_EQ(dir / "dst", OpenedFiles()[0].path);
+    EXPECT_EQ(O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, OpenedFiles()[0].flags);
+    EXPECT_EQ(mode_t{0777}, OpenedFiles()[0].mode);
+    EXPECT_EQ(dir / "src", OpenedFiles()[1].path);
+    EXPECT_EQ(O_RDONLY | O_CLOEXEC, OpenedFiles()[1].flags);
     EXPECT_EQ(mode_t{S_IFREG | 0777}, ModeOf(dir / "dst"));
 }
 

@@ -24,12 +24,10 @@
 #include "support/canary.h"
 #include "support/capture.h"
 #include "support/private_world.h"
+#include "support/scripted_writes.h"
 #include "support/temp_dir.h"
 
 namespace {
-
-// Whether writes take nothing and report no error, as some devices do.
-bool g_takesNothing = false;
 
 // g_beforeOpen is called once, before an entry of this name is opened in a directory.
 const char *g_openedName = nullptr;
@@ -49,8 +47,6 @@ int __real_openat(int dir, const char *path, int flags, ...);
 int __real_openat64(int dir, const char *path, int flags, ...);
 int __wrap_openat(int dir, const char *path, int flags, mode_t mode);
 int __wrap_openat64(int dir, const char *path, int flags, mode_t mode);
-ssize_t __real_write(int fd, const void *buf, size_t size);
-ssize_t __wrap_write(int fd, const void *buf, size_t size);
 }
 
 int __wrap_openat(int dir, const char *path, int flags, mode_t mode) {
@@ -63,24 +59,11 @@ int __wrap_openat64(int dir, const char *path, int flags, mode_t mode) {
     return __real_openat64(dir, path, flags, mode);
 }
 
-ssize_t __wrap_write(int fd, const void *buf, size_t size) {
-    return g_takesNothing ? 0 : __real_write(fd, buf, size);
-}
-
 namespace {
 
 namespace fs = std::filesystem;
 using talvek::UniqueFd;
 using namespace talvek::test;
-
-void MountSmallTmpfs(const std::string &dir, const char *pSize) {
-    ASSERT_EQ(0, mount("tmpfs", dir.c_str(), "tmpfs", 0, pSize)) << strerror(errno);
-}
-
-void MakeReadOnly(const std::string &dir) {
-    ASSERT_EQ(0, mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr))
-        << strerror(errno);
-}
 
 // ---- COM_Mkdir ----
 
@@ -185,7 +168,7 @@ TEST(Mkdir, FailsOnAReadOnlyFileSystem) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         fs::create_directory("/var/there");
-        MakeReadOnly("/var");
+        RemountReadOnly("/var");
         EXPECT_EQ(0, COM_Mkdir("/var/there/", 0755)) << "an existing directory needs no writing";
         EXPECT_EQ((Lines{"COMMON:COM_Mkdir(): mkdir(/var/new/) error : Read-only file system"}),
                   CaptureLog([] { EXPECT_EQ(-1, COM_Mkdir("/var/new/sub", 0755)); }));
@@ -861,10 +844,9 @@ TEST(RenameFile, GivesUpOnADeviceThatTakesNothing) {
     WriteFile(dir / "from", "text");
     const std::string from = dir / "from";
     const std::string output = Capture([&] {
-        g_takesNothing = true;
+        g_writes = {0};
         errno = EINTR;  // what an earlier call left
         const int result = COM_RenameFile(from.c_str(), (dir / "to").c_str());
-        g_takesNothing = false;
         EXPECT_EQ(-1, result);
     });
     const std::string message = ":COM_RenameFile(): write() failed : Input/output error";
@@ -877,7 +859,7 @@ TEST(RenameFile, KeepsTheSourceWhenTheDiskIsFull) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
         fs::create_directory("/var/small");
-        MountSmallTmpfs("/var/small", "size=8k");
+        MountTmpfs("/var/small", "size=8k");
         const std::string text(100000, 't');
         WriteFile("/var/from", text);
         EXPECT_EQ((Lines{"COMMON:COM_RenameFile(): write() failed : No space left on device"}),
@@ -892,7 +874,7 @@ TEST(RenameFile, SucceedsWhenTheSourceCannotBeRemoved) {
         fs::create_directory("/var/fixed");
         MountTmpfs("/var/fixed");
         WriteFile("/var/fixed/from", "text");
-        MakeReadOnly("/var/fixed");
+        RemountReadOnly("/var/fixed");
         EXPECT_EQ((Lines{"COMMON:COM_RenameFile(): unlink(/var/fixed/from) failed : Read-only file "
                          "system"}),
                   CaptureLog([] { EXPECT_EQ(0, COM_RenameFile("/var/fixed/from", "/var/to")); }));
@@ -1139,7 +1121,7 @@ TEST_F(ReplaceItemsInFile, EmptiesTheFileWhenThereIsNoPlaceForTheCopy) {
         const TempDir dir;
         const std::string file = dir / "file";
         MountTmpfs("/var");
-        MakeReadOnly("/var");
+        RemountReadOnly("/var");
         const Lines log{
             "COMMON:COM_ReplaceItemsInFile(): mkstemp() failed : Read-only file "
             "system"};
@@ -1166,7 +1148,7 @@ TEST_F(ReplaceItemsInFile, ReportsAFileThatCannotBeOpened) {
         fs::create_directory("/var/fixed");
         MountTmpfs("/var/fixed");
         WriteFile("/var/fixed/file", "a=1\n");
-        MakeReadOnly("/var/fixed");
+        RemountReadOnly("/var/fixed");
         EXPECT_EQ(
             (Lines{"COMMON:COM_ReplaceItemsInFile(): fopen(/var/fixed/file) failed : "
                    "Read-only file system",
@@ -1180,7 +1162,7 @@ TEST_F(ReplaceItemsInFile, EmptiesTheFileWhenTheCopyDoesNotFit) {
     RunInPrivateWorld(kMounts, [] {
         const TempDir dir;
         const std::string file = dir / "file";
-        MountSmallTmpfs("/var", "size=8k");
+        MountTmpfs("/var", "size=8k");
         std::string text;
         while (text.size() < 50000) {
             text += "line of a long file\n";
@@ -1202,7 +1184,7 @@ TEST_F(ReplaceItemsInFile, EmptiesTheFileWhenTheCopyDoesNotFit) {
 TEST_F(ReplaceItemsInFile, EmptiesTheFileWhenTheResultDoesNotFit) {
     Run("", [] {
         fs::create_directory("/var/small");
-        MountSmallTmpfs("/var/small", "size=4k");
+        MountTmpfs("/var/small", "size=4k");
         const std::string file = "/var/small/file";
         WriteFile(file, "a\n" + std::string(4000, 'x') + "\n");
         EXPECT_EQ((Lines{"COMMON:COM_ReplaceItemsInFile(): fprintf() fail : " + file +

@@ -11,7 +11,6 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <string>
@@ -19,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/clock.h"
 #include "support/canary.h"
 #include "support/capture.h"
 #include "support/child_process.h"
@@ -321,17 +321,11 @@ TEST(RingBuf, CopiesNothingForWrongArguments) {
     EXPECT_TRUE(buf.UntouchedFrom(0));
 }
 
-int64_t NowNs() {
-    struct timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
-}
-
 TEST(SleepTrace, SleepsSilentlyWithoutATag) {
     EXPECT_EQ("", Capture([] {
-                  const int64_t start = NowNs();
+                  const int64_t start = talvek::MonotonicNs();
                   EXPECT_EQ(0, COM_SleepTrace(0, 20000000, nullptr, 5));
-                  EXPECT_LE(20000000, NowNs() - start);
+                  EXPECT_LE(20000000, talvek::MonotonicNs() - start);
                   EXPECT_EQ(-1, COM_SleepTrace(0, 1000000000, nullptr, 5));
                   EXPECT_EQ(-1, COM_SleepTrace(-1, 0, nullptr, 5));
               }));
@@ -340,9 +334,9 @@ TEST(SleepTrace, SleepsSilentlyWithoutATag) {
 TEST(SleepTrace, WritesALineBeforeAndAfterWithATag) {
     EXPECT_EQ("[main, 42] : B4 0. 20000000 sec Sleep\n[main, 42] : After 0. 20000000 sec Sleep\n",
               Capture([] {
-                  const int64_t start = NowNs();
+                  const int64_t start = talvek::MonotonicNs();
                   EXPECT_EQ(41, COM_SleepTrace(0, 20000000, "main", 42));
-                  EXPECT_LE(20000000, NowNs() - start);
+                  EXPECT_LE(20000000, talvek::MonotonicNs() - start);
               }));
     EXPECT_EQ("[, -1] : B4 -1. 0 sec Sleep\n[, -1] : After -1. 0 sec Sleep\n",
               Capture([] { EXPECT_EQ(31, COM_SleepTrace(-1, 0, "", -1)); }));

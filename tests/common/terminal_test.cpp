@@ -12,12 +12,12 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
+#include "base/clock.h"
 #include "support/canary.h"
 #include "support/capture.h"
 #include "support/interruptions.h"
@@ -64,19 +64,13 @@ tTermDevInfo Device(int direction, speed_t speed) {
     return device;
 }
 
-double Now() {
-    struct timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
 TEST(OpenTermDevice, SetsTheBoardsLine) {
     const Pty pty;
     const struct termios before = pty.Setting();
     tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
-    const double start = Now();
+    const int64_t start = talvek::MonotonicMs();
     const Lines log = CaptureLog([&] { EXPECT_EQ(0, COM_OpenTermDevice(pty.name(), &device)); });
-    EXPECT_GE(Now() - start, 0.5);
+    EXPECT_GE(talvek::MonotonicMs() - start, 500);
     EXPECT_EQ((Lines{"COMMON:COM_OpenTermDevice(): Using default termios flags setting:",
                      "COMMON:COM_OpenTermDevice(): c_iflag: 0x500, c_oflag: 0x5, c_cflag: 0xCB0, "
                      "c_lflag: 0x823B"}),
@@ -289,9 +283,9 @@ TEST(OpenTermDevice, WaitsItsHalfSecondWhateverSignalsArrive) {
     const Pty pty;
     const Interruptions often{100};
     tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
-    const double start = Now();
+    const int64_t start = talvek::MonotonicMs();
     Capture([&] { COM_OpenTermDevice(pty.name(), &device); });
-    EXPECT_GE(Now() - start, 0.5);
+    EXPECT_GE(talvek::MonotonicMs() - start, 500);
     COM_CloseTermDevice(&device);
 }
 
@@ -630,7 +624,7 @@ TEST(GetSerialPort, SkipsALineWithoutANumber) {
 TEST(GetSerialPort, SucceedsWhenTheNodeCannotBeMade) {
     InBoardWorld([] {
         WriteFile("/proc/tty/driver/usb-serial", "6: x-1.3\n");
-        ASSERT_EQ(0, mount(nullptr, "/dev", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+        RemountReadOnly("/dev");
         char path[COM_SERIAL_PATH_SIZE] = "";
         const Lines log =
             CaptureLog([&] { EXPECT_EQ(0, COM_GetSerialPort(COM_SERIAL_USB_2, path)); });

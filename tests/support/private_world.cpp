@@ -119,6 +119,11 @@ void MountTmpfs(const std::string &dir, const std::string &options) {
         << dir << " : " << strerror(errno);
 }
 
+void RemountReadOnly(const std::string &dir) {
+    ASSERT_EQ(0, mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr))
+        << dir << " : " << strerror(errno);
+}
+
 void ReplaceDir(const std::string &dir) {
     MountTmpfs(dir);
 }
@@ -167,6 +172,12 @@ std::string ReadFile(const std::string &path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+mode_t ModeOf(const std::string &path) {
+    struct stat st = {};
+    EXPECT_EQ(0, stat(path.c_str(), &st)) << path;
+    return st.st_mode;
 }
 
 void FreshEtc() {

@@ -1,6 +1,8 @@
 #ifndef TALVEK_TESTS_SUPPORT_PRIVATE_WORLD_H
 #define TALVEK_TESTS_SUPPORT_PRIVATE_WORLD_H
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
 
@@ -24,8 +26,10 @@ void RunInPrivateWorld(unsigned worlds, const std::function<void()> &body, bool 
 // For bodies in a private world.
 // An empty writable directory over `dir`; the options are those of tmpfs(5).
 void MountTmpfs(const std::string &dir, const std::string &options = "mode=755");
+void RemountReadOnly(const std::string &dir);                         // what is mounted there
 void WriteFile(const std::string &path, const std::string &content);  // makes directories too
 std::string ReadFile(const std::string &path);  // empty when it cannot be read
+mode_t ModeOf(const std::string &path);         // st_mode of stat
 // A writable /etc that holds only the files that the C library looks for (passwd, group, hosts).
 void FreshEtc();
 // A directory of the test's own over `dir`, below which single files of /proc or /sys are made.
