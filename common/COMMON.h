@@ -48,6 +48,7 @@
 #include "log.h"
 #include "media.h"
 #include "net_info.h"
+#include "platform.h"
 #include "process.h"
 #include "settings.h"
 #include "system_info.h"
@@ -56,6 +57,7 @@
 #include "thread.h"
 #include "udp_broadcast.h"
 #include "unit_info.h"
+#include "version.h"
 #include "wide_types.h"
 
 #endif

@@ -30,6 +30,8 @@
  *
  * The headers are plain C11 that C++ can include too. */
 
+#include "../common/platform.h"
+#include "../common/version.h"
 #include "device.h"
 #include "disk_stat.h"
 #include "enumeration.h"

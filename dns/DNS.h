@@ -53,6 +53,8 @@
  * Whatever a server sends, a call reads only the bytes received and ends within its time-outs. The
  * headers are plain C11 and can be read by C++. */
 
+#include "../common/platform.h"
+#include "../common/version.h"
 #include "lookup.h"
 #include "name_server.h"
 #include "parser.h"

@@ -26,6 +26,8 @@
  *
  * The headers are plain C11 and can be read by C++. */
 
+#include "../common/platform.h"
+#include "../common/version.h"
 #include "client.h"
 #include "daemon.h"
 #include "handler.h"

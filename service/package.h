@@ -8,6 +8,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "../common/platform.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -48,8 +50,6 @@ static_assert(offsetof(tTalvekPkg, sn) == 8, "tTalvekPkg");
 static_assert(offsetof(tTalvekPkg, type) == 10, "tTalvekPkg");
 static_assert(offsetof(tTalvekPkg, sz) == 12, "tTalvekPkg");
 static_assert(offsetof(tTalvekPkg, chksum) == 14, "tTalvekPkg");
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
-              "the record has the byte order of the package");
 
 /* One connection of the daemon. The daemon fills it in for the handler. */
 typedef struct tTalvekClient {
