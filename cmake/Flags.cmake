@@ -4,7 +4,9 @@
 # recording appliance keeps files over 2 GiB and runs past January 2038. The public headers refuse a
 # program that is compiled otherwise.
 add_library(talvek_interface INTERFACE)
-target_include_directories(talvek_interface INTERFACE ${PROJECT_SOURCE_DIR})
+set_target_properties(talvek_interface PROPERTIES EXPORT_NAME interface)
+target_include_directories(talvek_interface INTERFACE
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
     target_compile_definitions(talvek_interface INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 endif()
@@ -48,24 +50,3 @@ if(TALVEK_COVERAGE)
         -Wl,--wrap=_exit,--wrap=raise,--undefined=__wrap__exit)
 endif()
 
-# talvek_add_library(<folder> [<shared folder>...]) makes talvek_<folder> of <folder>/*.cpp,
-# <folder>/internal/*.cpp and the sources of the shared folders. main.cpp belongs to a program. With
-# TALVEK_STATIC there is talvek_<folder>_musl too, of the same sources.
-function(talvek_add_library folder)
-    set(patterns ${PROJECT_SOURCE_DIR}/${folder}/*.cpp ${PROJECT_SOURCE_DIR}/${folder}/internal/*.cpp)
-    foreach(shared IN LISTS ARGN)
-        list(APPEND patterns ${shared}/*.cpp)
-    endforeach()
-    file(GLOB sources CONFIGURE_DEPENDS ${patterns})
-    list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
-    add_library(talvek_${folder} STATIC ${sources})
-    target_link_libraries(talvek_${folder} PUBLIC talvek_interface
-        PRIVATE $<BUILD_INTERFACE:talvek_inside>)
-    set_target_properties(talvek_${folder} PROPERTIES ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
-    if(TALVEK_STATIC)
-        add_library(talvek_${folder}_musl STATIC ${sources})
-        target_link_libraries(talvek_${folder}_musl PRIVATE talvek_inside talvek_musl)
-        set_target_properties(talvek_${folder}_musl PROPERTIES OUTPUT_NAME talvek_${folder}
-            ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/musl EXPORT_COMPILE_COMMANDS OFF)
-    endif()
-endfunction()
