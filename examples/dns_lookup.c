@@ -7,58 +7,47 @@
 
 #include <arpa/inet.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "dns/DNS.h"
-
-static int Usage(const char *pProgram) {
-    fprintf(stderr, "usage: %s [-t seconds] <host name | user@domain>\n", pProgram);
-    return 2;
-}
-
-static void PrintEntry(int number, const tDnsAddrEntry *pEntry) {
-    char address[INET_ADDRSTRLEN];
-    const struct in_addr in = {.s_addr = pEntry->addr};
-    inet_ntop(AF_INET, &in, address, sizeof address);
-    if (pEntry->type == DNS_TYPE_MX) {
-        printf("%2d  %-15s  MX, preference %d\n", number, address, pEntry->preference);
-    } else {
-        printf("%2d  %-15s  A\n", number, address);
-    }
-}
+#include "facts.h"
 
 int main(int argc, char *argv[]) {
     int timeout = DNS_DEFAULT_TIMEOUT;
-    int next = 1;
-    if (argc > 2 && strcmp(argv[1], "-t") == 0) {
-        char *pEnd = NULL;
-        const long seconds = strtol(argv[2], &pEnd, 10);
-        if (pEnd == argv[2] || *pEnd != '\0' || seconds < 0 || seconds > 3600) {
-            return Usage(argv[0]);
-        }
-        timeout = (int)seconds;
-        next = 3;
+    while (FactsOption(argc, argv, "t:", "[-t seconds] <host name | user@domain>") != -1) {
+        timeout = (int)FactsArgument(optarg, 0, 3600);
     }
-    if (argc != next + 1) {
-        return Usage(argv[0]);
+    if (argc != optind + 1) {
+        FactsWrongUse();
     }
 
-    const char *pName = argv[next];
+    const char *pName = argv[optind];
     /* A lookup leaves the entries unchanged that it does not write. */
     tDnsAddrEntry entries[DNS_MAX_ENTRIES];
     memset(entries, 0, sizeof entries);
     const int result = strchr(pName, '@') != NULL ? DNS_GetMX(pName, entries, timeout)
                                                   : DNS_GetA(pName, entries, timeout);
     int found = 0;
+    FactsText("name", pName);
+    FactsList("addresses");
     for (int i = 0; i < DNS_MAX_ENTRIES && result == DNS_OK; ++i) {
-        if (entries[i].valid) {
-            PrintEntry(++found, &entries[i]);
+        if (!entries[i].valid) {
+            continue;
         }
+        char address[INET_ADDRSTRLEN];
+        const struct in_addr in = {.s_addr = entries[i].addr};
+        inet_ntop(AF_INET, &in, address, sizeof address);
+        FactsItem();
+        FactsText("address", address);
+        if (entries[i].type == DNS_TYPE_MX) {
+            FactsNumber("preference", entries[i].preference, NULL);
+        }
+        ++found;
     }
+    FactsListEnd();
     if (found == 0) {
         fprintf(stderr, "%s: no address found\n", pName);
-        return 1;
     }
-    return 0;
+    return FactsEnd(found == 0 ? 1 : 0);
 }
