@@ -15,6 +15,7 @@ usage() {
 ./do coverage  lines and branches that the tests reach
 ./do lint      format, static analysis, manual pages, spelling, phrases
 ./do words     phrases that make a reader stop, in the tree or in the files named
+./do docs      the documents as a site in build/docs/site, and the manual pages of section 3
 ./do bench     measure speed and memory next to other programs
 ./do clean     remove build/
 ./do help      this list
@@ -83,7 +84,8 @@ need() {
     elif command -v sudo >/dev/null; then
         as_root=sudo
     else
-        fail "Run this as root, then $0 again: apt-get install --no-install-recommends $*"
+        fail "Packages are missing. As root, then $0 again:
+apt-get install --no-install-recommends $*"
     fi
     echo "Installing: $*"
     # The tests start the servers among the packages themselves; installing them starts none.
@@ -100,8 +102,8 @@ need() {
         fail "The packages could not be installed; as root: apt-get install --no-install-recommends $*"
 }
 
-# Sets up build/ for a preset.
-configure() {
+# Makes build/ and says so when nothing can be written there.
+writable() {
     mkdir build 2>/dev/null || :
     if [ "$(id -u)" -ne 0 ] && [ -d build ]; then
         foreign=$(find build ! -user "$(id -u)" -print -quit)
@@ -109,6 +111,11 @@ configure() {
             fail "$foreign belongs to another user: remove build/ or work in a checkout of your own."
     fi
     [ -w build ] || fail "$PWD cannot be written: copy it to where you can write."
+}
+
+# Sets up build/ for a preset.
+configure() {
+    writable
     cmake --preset "$1" >/dev/null
 }
 
@@ -233,6 +240,19 @@ lint() {
     echo "lint: nothing found"
 }
 
+# The documents as a site. A browser opens each page, follows the links and searches.
+docs() {
+    need docs
+    writable
+    rm -rf build/docs
+    mkdir -p build/docs/man/man3 build/docs/site
+    tools/docs/man-pages build/docs/man/man3
+    mandoc -T lint -W warning build/docs/man/man3/talvek_*.3
+    tools/docs/site build/docs/man/man3 build/docs/site
+    tools/docs/check build/docs/site
+    echo "The site begins at $PWD/build/docs/site/index.html"
+}
+
 case ${1:-help} in
 run) run ;;
 build) build ;;
@@ -253,6 +273,7 @@ board)
     shift
     board/run "$@"
     ;;
+docs) docs ;;
 lint) lint ;;
 words)
     shift
