@@ -39,7 +39,8 @@ if(TALVEK_SANITIZE)
         -fsanitize=${TALVEK_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(talvek_flags INTERFACE -fsanitize=${TALVEK_SANITIZE})
     # The instrumentation hides initialisations from the compiler; the plain build keeps the warning.
-    target_compile_options(talvek_flags INTERFACE -Wno-maybe-uninitialized)
+    target_compile_options(talvek_flags INTERFACE
+        $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()
 
 if(TALVEK_COVERAGE)

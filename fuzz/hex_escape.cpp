@@ -1,0 +1,33 @@
+// Escapes of quoted-printable text. The bytes as a text, and the bytes themselves there and back.
+
+#include <stdio.h>
+#include <string.h>
+
+#include <string>
+
+#include "common/io.h"
+#include "fuzz/support/oracle.h"
+#include "fuzz/support/target.h"
+
+FUZZ_TARGET(hex_escape) {
+    const talvek::fuzz::Bytes bytes = in.Rest();
+    const talvek::fuzz::Text text{bytes};
+    talvek::fuzz::Out out{text.length()};
+    const int count = COM_DecodeHexEscape(out.text(), text.get());
+    REQUIRE(count >= 0 && static_cast<size_t>(count) <= text.length());
+    REQUIRE(out.Untouched(0xA5, static_cast<size_t>(count)));
+    const talvek::fuzz::Text same{bytes};
+    REQUIRE(COM_DecodeHexEscape(same.get(), same.get()) == count);
+    REQUIRE(memcmp(same.get(), out.bytes(), static_cast<size_t>(count)) == 0);
+
+    std::string escaped;
+    for (const uint8_t byte : bytes) {
+        constexpr const char *kDigits = "0123456789ABCDEF";
+        escaped += '=';
+        escaped += kDigits[byte >> 4];
+        escaped += kDigits[byte & 15];
+    }
+    talvek::fuzz::Out back{escaped.size()};
+    REQUIRE(COM_DecodeHexEscape(back.text(), escaped.c_str()) == int(bytes.size()));
+    REQUIRE(bytes.empty() || memcmp(back.bytes(), bytes.data(), bytes.size()) == 0);
+}
