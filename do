@@ -14,6 +14,8 @@ usage() {
 ./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
 ./do coverage  lines and branches that the tests reach
 ./do lint      format, static analysis, manual pages, spelling, phrases
+./do fuzz      [seconds] [targets]: hostile bytes for everything that reads some
+               (docs/reliability.md)
 ./do words     phrases that make a reader stop, in the tree or in the files named
 ./do docs      the documents as a site in build/docs/site, and the manual pages of section 3
 ./do bench     measure speed and memory next to other programs
@@ -219,7 +221,7 @@ run_tests() {
 
 # Source files of the folders that are ours, whether or not git is here.
 sources() {
-    find base bench common dev dns examples service tests "$@"
+    find base bench common dev dns examples fuzz service tests "$@"
 }
 
 lint() {
@@ -235,7 +237,7 @@ lint() {
     for page in docs/*.[1-8]; do
         mandoc -T lint -W warning "$page"
     done
-    codespell --skip './.git*,./build' --ignore-words tools/lint/codespell-ignore.txt .
+    codespell --skip './.git*,./build,./fuzz/inputs' --ignore-words tools/lint/codespell-ignore.txt .
     tools/lint/words
     echo "lint: nothing found"
 }
@@ -275,6 +277,13 @@ board)
     ;;
 docs) docs ;;
 lint) lint ;;
+fuzz)
+    need "build fuzz"
+    configure fuzz
+    compile fuzz
+    shift
+    fuzz/run "$@"
+    ;;
 words)
     shift
     tools/lint/words "$@"

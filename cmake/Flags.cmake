@@ -16,7 +16,9 @@ add_library(talvek_flags INTERFACE)
 target_link_libraries(talvek_flags INTERFACE talvek_interface)
 target_compile_options(talvek_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wshadow
-    $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor>)
+    $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor>
+    # What a lock guards (base/thread_annotations.h); ./do fuzz compiles the libraries with clang.
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 if(TALVEK_WERROR)
     target_compile_options(talvek_flags INTERFACE -Werror)
 endif()

@@ -3,6 +3,9 @@
 
 #include <string.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "common/file.h"
 #include "fuzz/support/oracle.h"
 #include "fuzz/support/target.h"
@@ -13,7 +16,7 @@ namespace {
 constexpr const char *kPath = "/etc/settings";
 
 void Put(char (&field)[COM_FILE_ITEM_SIZE], talvek::fuzz::Bytes bytes) {
-    memcpy(field, bytes.data(), std::min(bytes.size(), sizeof field));
+    std::copy_n(bytes.begin(), std::min(bytes.size(), sizeof field), field);
 }
 
 }  // namespace
@@ -40,7 +43,8 @@ FUZZ_TARGET(edited_file) {
     const int count = COM_ReplaceItemsInFile(kPath, &request);
     REQUIRE(count >= 0 && count <= 2);
     const std::vector<uint8_t> after = world.Content(kPath);
-    REQUIRE(request.find_only == 0 || after == std::vector<uint8_t>(content.begin(), content.end()));
+    REQUIRE(request.find_only == 0 ||
+            after == std::vector<uint8_t>(content.begin(), content.end()));
     // Two lines more at most, each with its newline; no line grows otherwise.
     REQUIRE(after.size() <= content.size() + 2 * (COM_FILE_ITEM_SIZE + 1) + 1);
 }

@@ -37,16 +37,18 @@ void MendHeader(std::vector<uint8_t> &piece, uint8_t how) {
     memcpy(piece.data(), &header, sizeof header);
 }
 
-// Replies are whole packages with a good header.
+// Replies are whole packages with a good header. Of a register package that announces less than a
+// header, so much is echoed.
 size_t CheckReplies(const std::vector<std::vector<uint8_t>> &replies) {
     size_t results = 0;
     for (const std::vector<uint8_t> &reply : replies) {
         tTalvekPkg header;
-        REQUIRE(reply.size() >= sizeof header);
+        if (reply.size() < sizeof header) {
+            continue;
+        }
         memcpy(&header, reply.data(), sizeof header);
         const int type = TALVEK_CheckPkgHeader(&header, sizeof header);
         REQUIRE(type == TALVEK_PKG_REGISTER || type == TALVEK_PKG_RESULT);
-        // A header that announces less than itself is sent as far as it goes.
         REQUIRE(header.sz == reply.size());
         REQUIRE(type != TALVEK_PKG_RESULT || reply.size() == sizeof header + 4);
         results += type == TALVEK_PKG_RESULT ? 1 : 0;

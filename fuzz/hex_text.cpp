@@ -32,8 +32,7 @@ FUZZ_TARGET(hex_text) {
     talvek::fuzz::Out serial{DEV_IDE_SERIAL_SIZE};
     talvek::fuzz::Out firmware{DEV_IDE_FIRMWARE_SIZE};
     talvek::fuzz::Out model{DEV_IDE_MODEL_SIZE};
-    const int result =
-        Dev_GetDevIdentify("/dev/hda", serial.text(), firmware.text(), model.text());
+    const int result = Dev_GetDevIdentify("/dev/hda", serial.text(), firmware.text(), model.text());
     if (result == 0) {
         REQUIRE(serial.IsText() && firmware.IsText() && model.IsText());
     } else {

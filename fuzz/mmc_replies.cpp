@@ -1,9 +1,10 @@
 // Every command to a drive on its own: 1 byte for the command, the disc's descriptor of 64 bytes,
 // then the drive's answers (support/drive.h).
 
-#include <fcntl.h>
-#include <string.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
 
 #include "dev/DEV.h"
 #include "fuzz/support/drive.h"
@@ -16,9 +17,9 @@ namespace {
 constexpr const char *kPath = "/dev/sg0";
 
 using Query = int (*)(const char *, int, tDiscInfo *);
-constexpr Query kQueries[] = {Dev_GetConfiguration, Dev_ReadDiscInfo,  Dev_ReadTrackInfo,
+constexpr Query kQueries[] = {Dev_GetConfiguration, Dev_ReadDiscInfo,       Dev_ReadTrackInfo,
                               Dev_ReadDvdStruct,    Dev_ReadFormatCapacity, Dev_ReadCdATIP,
-                              Dev_ReadCdToc,        Dev_ReadDvdRToc,   Dev_GetCdInfo};
+                              Dev_ReadCdToc,        Dev_ReadDvdRToc,        Dev_GetCdInfo};
 
 }  // namespace
 
@@ -27,7 +28,7 @@ FUZZ_TARGET(mmc_replies) {
     talvek::fuzz::Out out{sizeof(tDiscInfo), 0};
     auto *disc = reinterpret_cast<tDiscInfo *>(out.bytes());
     const talvek::fuzz::Bytes before = in.Take(sizeof *disc);
-    memcpy(disc, before.data(), before.size());
+    std::copy(before.begin(), before.end(), out.bytes());
     const talvek::fuzz::World world;
     const talvek::fuzz::Drive drive{in};
     const int fd = talvek::fuzz::OpenMemory({});

@@ -12,8 +12,9 @@ FUZZ_TARGET(nal_units) {
     int type = -1;
     const int code = COM_FindStartCode(bytes.data(), size, &type);
     const void *found = size > 0 ? memmem(bytes.data(), bytes.size(), "\0\0\0\1", 4) : nullptr;
-    const int expected =
-        found != nullptr ? static_cast<int>(static_cast<const uint8_t *>(found) - bytes.data()) : -1;
+    const int expected = found != nullptr
+                             ? static_cast<int>(static_cast<const uint8_t *>(found) - bytes.data())
+                             : -1;
     if (expected >= 0 && expected + 4 < size) {
         REQUIRE(code == expected && type == (bytes.data()[code + 4] & 31));
     } else {

@@ -37,7 +37,7 @@ FUZZ_TARGET(network_tables) {
     REQUIRE(result == 0 || result == -1);
     REQUIRE(!out.Untouched());
 
-    talvek::fuzz::Out interface{COM_NET_IF_NAME_SIZE};
+    talvek::fuzz::Out interface { COM_NET_IF_NAME_SIZE };
     const int route = COM_GetDefaultRoute(interface.text());
     REQUIRE(route == 0 ? interface.IsText() : route == -1 && interface.Untouched());
 

@@ -20,9 +20,8 @@ FUZZ_TARGET(package_header) {
     const int packages = package->pkg_cnt_idx & TALVEK_PKG_CNT_MASK;
     const int index = package->pkg_cnt_idx >> TALVEK_PKG_IDX_SHIFT;
     const bool split = (package->ver_fragement & TALVEK_PKG_FRAGEMENT) != 0;
-    const bool good =
-        (package->ver_fragement & TALVEK_PKG_VER_MASK) == TALVEK_PKG_VERSION &&
-        (split ? packages >= 2 : packages == 1) && index <= packages &&
-        package->chksum == TALVEK_CalcPkgChecksum(package);
+    const bool good = (package->ver_fragement & TALVEK_PKG_VER_MASK) == TALVEK_PKG_VERSION &&
+                      (split ? packages >= 2 : packages == 1) && index <= packages &&
+                      package->chksum == TALVEK_CalcPkgChecksum(package);
     REQUIRE(type == (good ? package->type : 0));
 }

@@ -21,8 +21,8 @@ using talvek::fuzz::Text;
 void ReadPci(const Text &pattern) {
     constexpr int kMost = 3;
     Out ids{kMost * sizeof(uint32_t)};
-    const int count = COM_GetPciDeviceId(pattern.get(),
-                                         reinterpret_cast<uint32_t *>(ids.bytes()), kMost);
+    const int count =
+        COM_GetPciDeviceId(pattern.get(), reinterpret_cast<uint32_t *>(ids.bytes()), kMost);
     REQUIRE(count >= 0 && count <= kMost);
     REQUIRE(ids.Untouched(0xA5, static_cast<size_t>(count) * sizeof(uint32_t)));
     REQUIRE(COM_GetPciDevice(pattern.get()) >= 0);
@@ -90,5 +90,6 @@ FUZZ_TARGET(proc_tables) {
     ReadVersion();
     ReadProcesses(pattern);
     ReadPorts();
-    REQUIRE(COM_GetRxPackets("eth0") >= 0);
+    const int packets = COM_GetRxPackets("eth0");  // eight characters, one of which may be a sign
+    REQUIRE(packets > -10000000 && packets < 100000000);
 }

@@ -26,8 +26,8 @@ class Replay : public testing::Test {
         const std::string content{std::istreambuf_iterator<char>{file}, {}};
         ASSERT_FALSE(file.bad()) << path_;
         // A finding ends the program; the name of the case is the last line of its output then.
-        talvek::fuzz::Run(target_, {reinterpret_cast<const uint8_t *>(content.data()),
-                                    content.size()});
+        talvek::fuzz::Run(target_,
+                          {reinterpret_cast<const uint8_t *>(content.data()), content.size()});
     }
 
   private:

@@ -3,6 +3,9 @@
 
 #include <string.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "common/file_content.h"
 #include "common/io.h"
 #include "fuzz/support/oracle.h"
@@ -32,7 +35,7 @@ void SaveAndLoad(const Block &ring, int start, int size) {
     REQUIRE(world.Content(kPath) == expected);
     Out out{static_cast<size_t>(size)};
     REQUIRE(COM_LoadDataFromFile(kPath, out.bytes(), size) == COM_DATA_COMPLETE);
-    REQUIRE(memcmp(out.bytes(), expected.data(), expected.size()) == 0);
+    REQUIRE(std::equal(expected.begin(), expected.end(), out.bytes()));
 }
 
 }  // namespace

@@ -27,8 +27,7 @@ FUZZ_TARGET(rpc_reply) {
     }
     uint32_t word = 7;
     rpc::Outcome outcome;
-    const bool whole =
-        rpc::ReadReply({bytes.data(), bytes.size()}, stream, kXid, &word, outcome);
+    const bool whole = rpc::ReadReply({bytes.data(), bytes.size()}, stream, kXid, &word, outcome);
     REQUIRE(outcome.status <= rpc::RPC_FAILED);
     REQUIRE(whole || word == 7);
     const talvek::fuzz::World world;  // nothing on standard error

@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include <algorithm>
+
 #include "common/settings.h"
 #include "fuzz/support/oracle.h"
 #include "fuzz/support/target.h"
@@ -11,7 +13,7 @@ FUZZ_TARGET(settings_document) {
     const talvek::fuzz::Text document{in.Rest()};
     talvek::fuzz::Out out{sizeof(tXmlDataItem), 0};
     auto *item = reinterpret_cast<tXmlDataItem *>(out.bytes());
-    memcpy(item->name, name.data(), std::min(name.size(), sizeof item->name));
+    std::copy_n(name.begin(), std::min(name.size(), sizeof item->name), item->name);
     char before[sizeof item->name];
     memcpy(before, item->name, sizeof before);
     const int result = COM_ParserXmlData(document.get(), item);

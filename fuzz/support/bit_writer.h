@@ -45,7 +45,8 @@ class BitWriter {
             if (bits_ % 8 == 0) {
                 bytes_.push_back(0);
             }
-            bytes_.back() = static_cast<uint8_t>(bytes_.back() | (value >> i & 1) << (7 - bits_ % 8));
+            bytes_.back() =
+                static_cast<uint8_t>(bytes_.back() | (value >> i & 1) << (7 - bits_ % 8));
             ++bits_;
         }
     }

@@ -29,8 +29,8 @@ inline std::vector<uint8_t> BuildDnsMessage(Input &in) {
                 const uint8_t answers = in.U8() % 16;
                 const uint8_t authorities = in.U8() % 16;
                 const uint8_t additional = in.U8() % 16;
-                add(std::vector<uint8_t>{0xA9, 0xFA, 0x81, 0x80, 0, 1, 0, answers, 0, authorities, 0,
-                                         additional});
+                add(std::vector<uint8_t>{0xA9, 0xFA, 0x81, 0x80, 0, 1, 0, answers, 0, authorities,
+                                         0, additional});
                 break;
             }
             case 1: {

@@ -37,7 +37,7 @@ size_t SizeOf(unsigned long request) {
 }
 
 void Fill(void *pTo, Bytes bytes) {
-    memcpy(pTo, bytes.data(), bytes.size());
+    std::copy(bytes.begin(), bytes.end(), static_cast<uint8_t *>(pTo));
 }
 
 }  // namespace

@@ -54,6 +54,10 @@ std::vector<std::vector<uint8_t>> Peer::Received() {
     for (;;) {
         std::vector<uint8_t> piece(4096);
         const ssize_t count = recv(own_, piece.data(), piece.size(), MSG_DONTWAIT);
+        // Said once, before what was received, when the other end left pieces unread.
+        if (count < 0 && errno == ECONNRESET) {
+            continue;
+        }
         if (count <= 0) {
             return all;
         }
@@ -150,7 +154,7 @@ CAUGHT(ssize_t, recvfrom,
     }
     const std::vector<uint8_t> piece = g_internet->Next();
     const size_t count = std::min(size, piece.size());
-    memcpy(pBytes, piece.data(), count);
+    std::copy_n(piece.begin(), count, static_cast<uint8_t *>(pBytes));
     return static_cast<ssize_t>(count);
 }
 

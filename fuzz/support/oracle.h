@@ -15,11 +15,11 @@ namespace talvek::fuzz {
 [[noreturn]] void Fail(const char *pFile, int line, const char *pWhat);
 
 // What must hold after a call. Unlike assert it is never compiled out.
-#define REQUIRE(condition)                                      \
-    do {                                                        \
-        if (!(condition)) {                                     \
+#define REQUIRE(condition)                                        \
+    do {                                                          \
+        if (!(condition)) {                                       \
             ::talvek::fuzz::Fail(__FILE__, __LINE__, #condition); \
-        }                                                       \
+        }                                                         \
     } while (false)
 
 // A caller's output buffer of exactly `size` bytes, between canaries. With AddressSanitizer the

@@ -23,9 +23,9 @@ void Run(const Target &target, Bytes bytes);
 }  // namespace talvek::fuzz
 
 // Defines the target of a file; the name is that of the file.
-#define FUZZ_TARGET(name)                                               \
-    static void RunTarget(talvek::fuzz::Input &in);                     \
-    static const talvek::fuzz::Target g_target{#name, RunTarget};       \
+#define FUZZ_TARGET(name)                                         \
+    static void RunTarget(talvek::fuzz::Input &in);               \
+    static const talvek::fuzz::Target g_target{#name, RunTarget}; \
     static void RunTarget(talvek::fuzz::Input &in)
 
 #endif

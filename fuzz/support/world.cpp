@@ -220,9 +220,9 @@ CAUGHT(struct dirent *, CALL_READDIR, (DIR * stream)) {
     return &g_listing.entry;
 }
 
-#define HARMLESS(name, parameters, arguments)                              \
-    CAUGHT(int, name, parameters) {                                        \
-        return g_world == nullptr ? REAL(name) arguments : Pretend();      \
+#define HARMLESS(name, parameters, arguments)                         \
+    CAUGHT(int, name, parameters) {                                   \
+        return g_world == nullptr ? REAL(name) arguments : Pretend(); \
     }
 
 HARMLESS(mkdir, (const char *pPath, mode_t mode), (pPath, mode))

@@ -18,7 +18,7 @@ namespace talvek::fuzz {
 // either. What would change the machine (mount, mkdir, mknod, unlink, kill ...) succeeds and does
 // nothing; no process is started. What is printed on standard error is dropped.
 //
-// The calls are caught when the program is linked (ld --wrap): wraps.txt lists them.
+// The calls are caught when the program is linked (ld --wrap): CMakeLists.txt lists them.
 class World {
   public:
     World();

@@ -34,9 +34,9 @@
 #endif
 
 // Declares a caught call and the C library's own.
-#define CAUGHT(result, name, arguments)        \
-    extern "C" result REAL(name) arguments;    \
-    extern "C" result WRAP(name) arguments;    \
+#define CAUGHT(result, name, arguments)     \
+    extern "C" result REAL(name) arguments; \
+    extern "C" result WRAP(name) arguments; \
     extern "C" result WRAP(name) arguments
 
 #endif
