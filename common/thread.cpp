@@ -21,6 +21,10 @@
 
 namespace {
 
+using talvek::CancelGuard;
+using talvek::Mutex;
+using talvek::MutexLock;
+
 constexpr char kPidDir[] = "/var/run";
 constexpr int kMaxSleepRounds = 1000;
 
@@ -32,28 +36,29 @@ struct Watchdog {
 
 // Guards the registry. It is ready from the start and never destroyed: threads may register before
 // the watchdog is started and after it has ended.
-pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
-tThreadInfo *g_pThreads = nullptr;  // ends with an entry whose pid is 0
-Watchdog g_watchdog = {};
-pthread_mutex_t g_watchdogMutex = PTHREAD_MUTEX_INITIALIZER;
+constinit Mutex g_mutex;
+// Ends with an entry whose pid is 0.
+tThreadInfo *g_pThreads TALVEK_GUARDED_BY(g_mutex) TALVEK_PT_GUARDED_BY(g_mutex) = nullptr;
+constinit Mutex g_watchdogMutex;
+Watchdog g_watchdog TALVEK_GUARDED_BY(g_watchdogMutex) = {};
 
 // A thread may hold the registry while it logs, and a program may fork while it holds the stream of
 // the log. So fork waits only for a change of the array, which logs nothing when it succeeds, and
 // the child starts with free mutexes.
-pthread_mutex_t g_arrayMutex = PTHREAD_MUTEX_INITIALIZER;
+constinit Mutex g_arrayMutex TALVEK_ACQUIRED_AFTER(g_mutex);
 
-void LockArray() {
-    pthread_mutex_lock(&g_arrayMutex);
+void LockArray() TALVEK_ACQUIRE(g_arrayMutex) {
+    g_arrayMutex.Lock();
 }
 
-void UnlockArray() {
-    pthread_mutex_unlock(&g_arrayMutex);
+void UnlockArray() TALVEK_RELEASE(g_arrayMutex) {
+    g_arrayMutex.Unlock();
 }
 
-void UnlockInChild() {
+void UnlockInChild() TALVEK_RELEASE(g_arrayMutex) {
     UnlockArray();
-    pthread_mutex_init(&g_mutex, nullptr);
-    pthread_mutex_init(&g_watchdogMutex, nullptr);
+    g_mutex.Reset();
+    g_watchdogMutex.Reset();
 }
 
 void PrepareForForks() {
@@ -61,7 +66,7 @@ void PrepareForForks() {
     pthread_once(&once, [] { pthread_atfork(LockArray, UnlockArray, UnlockInChild); });
 }
 
-size_t CountThreads() {
+size_t CountThreads() TALVEK_REQUIRES(g_mutex) {
     size_t count = 0;
     while (g_pThreads != nullptr && g_pThreads[count].pid != 0) {
         ++count;
@@ -98,7 +103,7 @@ bool IsHealthy(tThreadInfo &thread) {
     return result == 0;
 }
 
-int CheckAllThreads(void * /*pUnused*/) {
+void CheckAllThreads() TALVEK_REQUIRES(g_mutex) {
     const size_t count = CountThreads();
     for (size_t i = 0; i < count; ++i) {
         if (!IsHealthy(g_pThreads[i])) {
@@ -106,7 +111,6 @@ int CheckAllThreads(void * /*pUnused*/) {
                    g_pThreads[i].pid, g_pThreads[i].name);
         }
     }
-    return 0;
 }
 
 }  // namespace
@@ -115,7 +119,7 @@ int COM_LogThread(const char *pName) {
     if (pName == nullptr) {
         return -1;
     }
-    const talvek::CancelGuard guard;
+    const CancelGuard guard;
     PrepareForForks();
     // The new entry and a new terminator replace the old terminator together.
     tThreadInfo pair[2] = {};
@@ -123,9 +127,9 @@ int COM_LogThread(const char *pName) {
     snprintf(pair[0].name, sizeof pair[0].name, "%s", pName);
     WritePidFile(pName);
 
-    const talvek::MutexLock lock{g_mutex};
+    const MutexLock lock{g_mutex};
     const size_t count = CountThreads();
-    const talvek::MutexLock change{g_arrayMutex};
+    const MutexLock change{g_arrayMutex};
     void *pBlock = g_pThreads;
     if (COM_ReallocAndCopyBuf((count + 2) * sizeof(tThreadInfo), &pBlock,
                               count * sizeof(tThreadInfo), pair, sizeof pair) == nullptr) {
@@ -136,8 +140,8 @@ int COM_LogThread(const char *pName) {
 }
 
 int COM_LogThreadMemUsage(int amount) {
-    const talvek::CancelGuard guard;
-    const talvek::MutexLock lock{g_mutex};
+    const CancelGuard guard;
+    const MutexLock lock{g_mutex};
     if (g_pThreads == nullptr) {
         return -1;
     }
@@ -158,9 +162,9 @@ int COM_LogThreadMemUsage(int amount) {
 }
 
 void COM_ShowThread(void) {
-    const talvek::CancelGuard guard;
+    const CancelGuard guard;
     // A registration may move the array, so reading it takes the lock too.
-    const talvek::MutexLock lock{g_mutex};
+    const MutexLock lock{g_mutex};
     const size_t count = CountThreads();
     for (size_t i = 0; i < count; ++i) {
         const tThreadInfo &thread = g_pThreads[i];
@@ -170,9 +174,9 @@ void COM_ShowThread(void) {
 }
 
 int COM_CreateThreadWatchdog(int period) {
-    const talvek::CancelGuard guard;
+    const CancelGuard guard;
     PrepareForForks();
-    const talvek::MutexLock lock{g_watchdogMutex};
+    const MutexLock lock{g_watchdogMutex};
     Watchdog &watchdog = g_watchdog;
     const pid_t process = getpid();
     int error = EBUSY;
@@ -189,8 +193,8 @@ int COM_CreateThreadWatchdog(int period) {
 }
 
 int COM_DestroyThreadWatchdog(void) {
-    const talvek::CancelGuard guard;
-    const talvek::MutexLock lock{g_watchdogMutex};
+    const CancelGuard guard;
+    const MutexLock lock{g_watchdogMutex};
     Watchdog &watchdog = g_watchdog;
     const int error = watchdog.process == getpid() ? pthread_cancel(watchdog.thread) : ESRCH;
     if (error != 0) {
@@ -208,8 +212,11 @@ void *COM_ThreadWatchdog(void *pData) {
     }
     const Watchdog &watchdog = *static_cast<const Watchdog *>(pData);
     for (;;) {
-        // Each call in a check disables cancellation, so a check is never cut short.
-        COM_CallLocked(&g_mutex, nullptr, CheckAllThreads);
+        {
+            const CancelGuard guard;  // a check is never cut short
+            const MutexLock lock{g_mutex};
+            CheckAllThreads();
+        }
         pthread_testcancel();
         COM_SleepAtLeast(&watchdog.period, kMaxSleepRounds);
     }

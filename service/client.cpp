@@ -4,7 +4,6 @@
 #include "service/client.h"
 
 #include <poll.h>
-#include <pthread.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -32,7 +31,7 @@ constexpr const char *kFunction = "TALVEK_Client";
 
 static_assert(PackageBuffer::kHeaderSize + TALVEK_COMMAND_MAX + 1 == TALVEK_PKG_MAX);
 
-pthread_mutex_t g_clientMutex = PTHREAD_MUTEX_INITIALIZER;
+constinit talvek::Mutex g_clientMutex;
 
 // One connection, and the package that is sent and received on it.
 class Exchange {

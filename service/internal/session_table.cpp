@@ -19,16 +19,16 @@ constexpr Slots AllFree() {
 
 // Initialised before InitSessions too: a handler may run in a program without a daemon.
 constinit Slots g_slots = AllFree();
-pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit Mutex g_mutex;
 
 }  // namespace
 
 void InitSessions() {
-    pthread_mutex_init(&g_mutex, nullptr);
+    g_mutex.Reset();
     g_slots.fill(kFreeSession);
 }
 
-pthread_mutex_t &SessionMutex() {
+Mutex &SessionMutex() {
     return g_mutex;
 }
 

@@ -1,8 +1,9 @@
 #ifndef TALVEK_SERVICE_INTERNAL_SESSION_TABLE_H
 #define TALVEK_SERVICE_INTERNAL_SESSION_TABLE_H
 
-#include <pthread.h>
 #include <stdint.h>
+
+#include "base/mutex_lock.h"
 
 namespace talvek {
 
@@ -13,10 +14,10 @@ constexpr int32_t kFreeSession = -1;
 void InitSessions();
 
 // Guards the slots.
-pthread_mutex_t &SessionMutex();
+Mutex &SessionMutex();
 
 // The slot of a session number below TALVEK_SESSIONS.
-int32_t &SessionSlot(uint32_t session);
+int32_t &SessionSlot(uint32_t session) TALVEK_REQUIRES(SessionMutex());
 
 }  // namespace talvek
 

@@ -1,22 +1,29 @@
 #include "base/mutex_lock.h"
 
-#include <errno.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 namespace {
 
+using talvek::Mutex;
 using talvek::MutexLock;
 
 TEST(MutexLock, LocksForItsScope) {
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    Mutex mutex;
     {
         const MutexLock lock{mutex};
-        EXPECT_EQ(EBUSY, pthread_mutex_trylock(&mutex));
+        EXPECT_FALSE(mutex.TryLock());
     }
-    EXPECT_EQ(0, pthread_mutex_trylock(&mutex));
-    pthread_mutex_unlock(&mutex);
-    pthread_mutex_destroy(&mutex);
+    ASSERT_TRUE(mutex.TryLock());
+    mutex.Unlock();
+}
+
+TEST(Mutex, IsUnlockedByReset) {
+    Mutex mutex;
+    mutex.Lock();
+    EXPECT_FALSE(mutex.TryLock());
+    mutex.Reset();
+    ASSERT_TRUE(mutex.TryLock());
+    mutex.Unlock();
 }
 
 }  // namespace

@@ -1,0 +1,25 @@
+#ifndef TALVEK_BASE_THREAD_ANNOTATIONS_H
+#define TALVEK_BASE_THREAD_ANNOTATIONS_H
+
+// What a lock guards, for the analysis of clang (-Wthread-safety; its documentation explains each
+// attribute). Other compilers ignore it.
+#if defined(__clang__)
+#define TALVEK_THREAD(attribute) __attribute__((attribute))
+#else
+#define TALVEK_THREAD(attribute)
+#endif
+
+#define TALVEK_CAPABILITY(name) TALVEK_THREAD(capability(name))
+#define TALVEK_SCOPED_CAPABILITY TALVEK_THREAD(scoped_lockable)
+#define TALVEK_GUARDED_BY(mutex) TALVEK_THREAD(guarded_by(mutex))
+#define TALVEK_PT_GUARDED_BY(mutex) TALVEK_THREAD(pt_guarded_by(mutex))
+#define TALVEK_ACQUIRED_AFTER(mutex) TALVEK_THREAD(acquired_after(mutex))
+#define TALVEK_ACQUIRE(...) TALVEK_THREAD(acquire_capability(__VA_ARGS__))
+#define TALVEK_TRY_ACQUIRE(...) TALVEK_THREAD(try_acquire_capability(__VA_ARGS__))
+#define TALVEK_RELEASE(...) TALVEK_THREAD(release_capability(__VA_ARGS__))
+#define TALVEK_REQUIRES(...) TALVEK_THREAD(requires_capability(__VA_ARGS__))
+#define TALVEK_RETURN_CAPABILITY(mutex) TALVEK_THREAD(lock_returned(mutex))
+// Before a function whose locking the analysis cannot follow; a comment says why.
+#define TALVEK_NO_THREAD_ANALYSIS TALVEK_THREAD(no_thread_safety_analysis)
+
+#endif
