@@ -38,7 +38,7 @@ const std::string kW3mDocs = "/usr/share/doc/w3m/";
         GTEST_SKIP() << name " is not installed (see packages.txt)"; \
     }
 
-std::vector<std::string> Lines(const std::string &text) {
+std::vector<std::string> SplitLines(const std::string &text) {
     std::vector<std::string> lines;
     for (size_t at = 0; at < text.size();) {
         const size_t end = std::min(text.find('\n', at), text.size());
@@ -113,7 +113,7 @@ std::string Attribute(const std::string &text, const char *pTag, const char *pNa
 }
 
 std::vector<std::string> Xpath(const std::string &expression) {
-    return Lines(RunCommand("xmllint --xpath '" + expression + "' " + kMimeDatabase));
+    return SplitLines(RunCommand("xmllint --xpath '" + expression + "' " + kMimeDatabase));
 }
 
 TEST(Documents, YieldTheAttributesThatXmllintPrints) {
@@ -152,8 +152,8 @@ TEST(Documents, YieldTheValuesThatXmllintPrints) {
 }
 
 std::string XmllintString(const std::string &text, const std::string &path) {
-    return Lines(RunCommand("echo '" + text + "' | xmllint --xpath 'string(" + path + ")' -") +
-                 "\n")[0];
+    return SplitLines(RunCommand("echo '" + text + "' | xmllint --xpath 'string(" + path + ")' -") +
+                      "\n")[0];
 }
 
 // Where scraping differs from XML: first the result of scraping, then that of xmllint.

@@ -9,11 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "support/bytes.h"
 #include "support/canary.h"
 
 namespace talvek::test::h264 {
-
-using Bytes = std::vector<uint8_t>;
 
 inline std::string Fixed(uint32_t value, uint32_t count) {
     std::string bits;

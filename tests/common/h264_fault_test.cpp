@@ -1,16 +1,13 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
-#include <vector>
-
 #include "common/h264.h"
+#include "support/bytes.h"
 #include "support/faults.h"
 
 namespace {
 
 using namespace talvek::test;
-
-using Bytes = std::vector<uint8_t>;
 
 // profile 66, level 30, sps_id 0, max_frame_num 16, pic_order_cnt_type 0, 4 bits of it, 1 frame, no
 // gaps, 4 by 3 macroblocks: 1 1 1 1 010 0 00100 011 1.

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "support/bytes.h"
 #include "support/canary.h"
 #include "support/capture.h"
 #include "support/private_world.h"
@@ -22,7 +23,6 @@
 namespace {
 
 using namespace talvek::test;
-using Bytes = std::vector<uint8_t>;
 
 // --- Content types ---
 

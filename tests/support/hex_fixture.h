@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-namespace talvek::test {
+#include "support/bytes.h"
 
-using Bytes = std::vector<uint8_t>;
+namespace talvek::test {
 
 // The replies of one fixture file. The line "[51]" begins the reply to opcode 51h, "[43 2=04]" that
 // to opcode 43h with 04h in byte 2 of the CDB. Two-digit hexadecimal bytes follow; "00*60" is sixty
