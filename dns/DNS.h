@@ -7,9 +7,9 @@
  *
  * Conventions that hold for every entry:
  *
- *   - Results are signed 32-bit integers: DNS_OK, or a negative code for failure (result.h). NULL
- *     for an argument is a failure.
- *   - Failures are logged on standard output with the module name DNS and the name of the
+ *   - Results are signed 32-bit integers: DNS_OK, or a negative code for failure (result.h). A NULL
+ *     argument is a failure, which is logged only for a name or the text of a server's address.
+ *   - Other failures are logged on standard output with the module name DNS and the name of the
  *     function, unless the entry says otherwise. errno has no meaning after a failure.
  *   - A name is a NUL-terminated text: a host name, a dotted address, or a mail address, of which
  *     only the text after the first "@" is used.
@@ -20,7 +20,7 @@
  *     for DNS_DEFAULT_TIMEOUT. A signal handler that interrupts a wait makes that wait fail.
  *   - There is no state: each query opens and closes its own socket, and each lookup reads
  *     /etc/resolv.conf. Calls may run in several threads at once.
- *   - Sockets and files are closed in programs that are executed (FD_CLOEXEC).
+ *   - Executed programs do not inherit sockets and files (FD_CLOEXEC).
  *   - Cancellation of a thread waits until a call is over.
  *   - No entry uses more than 8 KiB of stack.
  *

@@ -1,4 +1,4 @@
-// What is read from a response. No count and no offset in it is trusted: a byte outside the bytes
+// Reading of responses. No count and no offset in them is trusted: a byte outside the bytes
 // received reads as zero.
 
 #include "dns/parser.h"
@@ -80,7 +80,7 @@ class CutText {
     size_t used_ = 0;
 };
 
-// Whether the name came to its end, "," included.
+// Appends a name to the text. Whether the text has all of it, with the ",".
 bool Expand(BigEndianReader &response, size_t at, CutText &text) {
     int pointers = 0;
     while (response.Has(at, 1)) {

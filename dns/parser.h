@@ -1,7 +1,7 @@
 #ifndef TALVEK_DNS_PARSER_H
 #define TALVEK_DNS_PARSER_H
 
-/* What is read from a response. */
+/* Reading of responses: addresses, and names of mail exchangers. */
 
 #include "result.h"
 

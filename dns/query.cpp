@@ -91,8 +91,8 @@ ssize_t Send(const Query &query) {
                   reinterpret_cast<const struct sockaddr *>(query.server), sizeof *query.server);
 }
 
-// Receives the first datagram from any sender. The kernel drops a datagram with a bad checksum only
-// between the wait and the receive; the wait then goes on for the rest of its time.
+// Receives the first datagram from any sender. A datagram that the wait reported may be gone, for
+// example because of its checksum (select(2)); the wait then continues for the rest of its time.
 Ready Receive(const Query &query, Response &response) {
     const Deadline deadline = DeadlineOf(query.timeout);
     for (int empty = 0;; ++empty) {
