@@ -101,7 +101,8 @@ void Exchange::BuildCommand(const char *pCommand) {
     package_.Seal(++sn_);
 }
 
-// Returns 0 when the whole package has been written, else the result of the exchange.
+// Returns 0 when the whole package has been written, else the result of the exchange. A write that
+// returns 0 inside the package starts it again.
 int Exchange::Send() const {
     for (;;) {
         int ready;

@@ -102,7 +102,7 @@ class Listener {
     [[nodiscard]] bool WaitForClient() const;
     [[nodiscard]] bool ServeClient();
     [[nodiscard]] bool Accept();
-    void ReportAccept(int error);
+    void HandleFailedAccept(int error);
 
     const SocketAddress &at_;
     tTalvekClient &client_;
@@ -147,7 +147,7 @@ bool Listener::ServeClient() {
     }
     signals_.Unblock();
     if (!accepted) {
-        ReportAccept(error);
+        HandleFailedAccept(error);
         return false;
     }
     if (child == -1) {
@@ -177,7 +177,7 @@ bool Listener::Accept() {
 
 // A client for which there is no room stays in the queue, and the socket stays readable. Without a
 // pause the loop would do nothing but fail.
-void Listener::ReportAccept(int error) {
+void Listener::HandleFailedAccept(int error) {
     if (error == EAGAIN) {
         return;
     }

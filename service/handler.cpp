@@ -44,7 +44,7 @@ class Connection {
     enum class Next { kRead, kClose, kLeave };
 
     int WaitForFirstByte();
-    Next TakePackage();
+    Next ServePackage();
     Next Dispatch(int type);
     Next Register();
     Next RunCommand();
@@ -66,7 +66,7 @@ int Connection::Serve() {
             break;  // the client has closed, perhaps inside a package
         }
         held_ += static_cast<size_t>(count);
-        next = TakePackage();
+        next = ServePackage();
     }
     if (next == Next::kLeave) {
         return -1;
@@ -98,7 +98,7 @@ void Connection::ReportWait(const char *pOutcome, int line) const {
 
 // Serves the package in the buffer when it is complete. Bytes received after it are dropped with
 // it.
-Connection::Next Connection::TakePackage() {
+Connection::Next Connection::ServePackage() {
     if (held_ < PackageBuffer::kHeaderSize) {
         return Next::kRead;
     }
@@ -182,10 +182,10 @@ int SystemWithDefaultPipe(const char *pCommand) {
     fflush(stdout);
     const int status = system(pCommand);
     // A shell that cannot be executed counts as one that exits with 127 (POSIX); musl's system
-    // fails instead. After the errors named here there is no process, or no status.
-    constexpr int kShellNotExecuted = 127 << 8;
-    const bool ran = status != -1 || errno == EAGAIN || errno == ENOMEM || errno == ECHILD;
-    return ran ? status : kShellNotExecuted;
+    // fails instead. EAGAIN and ENOMEM: no process could be made; ECHILD: its status is lost.
+    constexpr int kShellExits127 = 127 << 8;
+    const bool notExecuted = status == -1 && errno != EAGAIN && errno != ENOMEM && errno != ECHILD;
+    return notExecuted ? kShellExits127 : status;
 }
 
 }  // namespace

@@ -14,10 +14,10 @@ extern "C" {
  *
  *   pClient  fd is the connected socket; session and sn are updated
  *
- * A package with a bad header or of an unknown type is logged and dropped. So are the bytes that
- * were received after any package in the same read. The connection ends when the client closes it,
- * when a read fails, when a package announces more than TALVEK_PKG_MAX bytes, and when a reply
- * cannot be sent although the client has not closed. Of these only the third is logged.
+ * A package with a bad header or of an unknown type is logged and dropped. Bytes received after a
+ * package in the same read are dropped with it. The connection ends when the client closes it, when
+ * a read fails, when a package announces more than TALVEK_PKG_MAX bytes, and when a reply cannot be
+ * sent although the client has not closed. Of these only the third is logged.
  *
  * Returns -1, with the connection open, for NULL, a negative fd, no memory (none of them logged)
  * and when no session is free. Otherwise fd is closed and set to -1. The result is 0 when the last
@@ -32,7 +32,7 @@ int TALVEK_DaemonHandler(tTalvekClient *pClient);
  *
  * Returns the exit status, 0 to 255, which is 127 when the shell cannot be executed. Returns -1,
  * with the reason on standard output, when the command was killed by a signal or no process could
- * be made for the shell; -1 for NULL. */
+ * be made for the shell; and -1 for NULL (not logged). */
 int TALVEK_RunCommand(const char *pCommand);
 
 #ifdef __cplusplus

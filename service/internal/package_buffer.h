@@ -37,7 +37,7 @@ class PackageBuffer {
     void SetType(uint16_t type);
     void SetSession(uint32_t session);
 
-    // Makes a zeroed header that of a single package without a payload.
+    // Turns a zeroed header into that of a single package without a payload.
     void InitHeader();
     // Copies bytes to an offset; false, with nothing copied, when they do not fit the package.
     bool Put(size_t offset, const void *pBytes, size_t count);

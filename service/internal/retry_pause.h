@@ -15,7 +15,7 @@ class RetryPause {
     static constexpr int64_t kLongestMs = 1000;
     static constexpr int64_t kLogIntervalMs = int64_t{60} * 1000;
 
-    // Counts a failure. Returns whether it is to be logged.
+    // Counts a failure. Returns whether to log it.
     bool Fail(int64_t now) {
         pauseMs_ = pauseMs_ == 0 ? kFirstMs : std::min(pauseMs_ * 2, kLongestMs);
         if (logged_ && now - loggedAt_ < kLogIntervalMs) {
