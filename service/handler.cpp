@@ -180,11 +180,13 @@ int SystemWithDefaultPipe(const char *pCommand) {
     }};
     // What was printed before the command must precede its output.
     fflush(stdout);
+    errno = 0;
     const int status = system(pCommand);
     // A shell that cannot be executed counts as one that exits with 127 (POSIX); musl's system
-    // fails instead. EAGAIN and ENOMEM: no process could be made; ECHILD: its status is lost.
+    // fails instead.
     constexpr int kShellExits127 = 127 << 8;
-    const bool notExecuted = status == -1 && errno != EAGAIN && errno != ENOMEM && errno != ECHILD;
+    const bool notExecuted =
+        status == -1 && (errno == ENOENT || errno == EACCES || errno == ENOEXEC);
     return notExecuted ? kShellExits127 : status;
 }
 

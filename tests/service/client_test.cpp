@@ -446,8 +446,8 @@ TEST(Client, LogsAFailedConnectWithPathAndLength) {
 }
 
 TEST(Client, UsesTheDefaultPathForNull) {
-    talvek::test::RunInPrivateWorld(talvek::test::kMounts, [] {
-        talvek::test::ReplaceDir("/var");
+    RunInPrivateWorld(kMounts, [] {
+        ReplaceDir("/var");
         const Lines lines = CaptureLog([&] { EXPECT_EQ(-1, TALVEK_Client(nullptr, "true")); });
         EXPECT_EQ((Lines{"TALVEK: connect("s + kDefaultName +
                          ", 17) failed : No such file or directory"}),

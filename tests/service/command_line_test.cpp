@@ -24,7 +24,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 TEST(CommandLine, WithoutAModeLogsThatAndReturnsZero) {
     for (const Arguments &arguments :
@@ -226,8 +225,8 @@ TEST(CommandLine, LogsEachTextThatIsCut) {
 }
 
 TEST(CommandLine, UsesTheDefaultSocket) {
-    talvek::test::RunInPrivateWorld(talvek::test::kMounts, [] {
-        talvek::test::ReplaceDir("/var");
+    RunInPrivateWorld(kMounts, [] {
+        ReplaceDir("/var");
         ASSERT_EQ(0, mkdir("/var/run", 0755));
         Daemon::Options options;
         options.socket = "/var/run/TALVEK";
@@ -261,6 +260,8 @@ TEST(CommandLine, DaemonLogsEachLineOnceFromTheBackground) {
     EXPECT_EQ("TALVEK: Daemon Mode - [" + path + "]", lines.at(0));
     EXPECT_EQ(1, once("TALVEK: Daemon Mode"));
     EXPECT_EQ(1, once("TALVEK: Master["));
+    EXPECT_TRUE(
+        daemon.Logs("] is leaving - you're on your own [" + std::to_string(daemon.pid()) + "]\n"));
     EXPECT_EQ(1, once("COMMON:COM_RemoveRealFile(): stat(" + path +
                       ") error : No such file or directory"));
     EXPECT_EQ(1, once("TALVEK: PID["));

@@ -45,6 +45,7 @@ struct Script {
     int acceptError = 0;
     int signalAfterAccept = 0;
 
+    unsigned addressRoom = 0;  // bytes for the client's address
     int rounds = 0;
     int pauses = 0;
     int pausesMs[16] = {};
@@ -91,6 +92,9 @@ int __wrap_accept4(int fd, sockaddr *pPeer, socklen_t *pLength, int flags) {
         --g_script->failingAccepts;
         errno = g_script->acceptError;
         return -1;
+    }
+    if (g_scripted) {
+        g_script->addressRoom = *pLength;
     }
     const int client = __real_accept4(fd, pPeer, pLength, flags);
     if (g_scripted && g_script->signalAfterAccept != 0) {
@@ -616,6 +620,24 @@ TEST(DaemonTest, SignalsEndAHandlerAlone) {
     EXPECT_EQ(0, daemon.Client("true").exitStatus());
 }
 
+// The C library's system ignores SIGINT while a command runs.
+TEST(DaemonTest, SIGINTEndsNoHandlerWhoseCommandRuns) {
+    const Daemon daemon;
+    EXPECT_EQ(3, daemon.Client("kill -INT $PPID; exit 3").exitStatus());
+}
+
+TEST(DaemonTest, SIGTERMEndsAHandlerAndLeavesItsCommandRunning) {
+    const Daemon daemon;
+    const TempDir dir;
+    const int fd = ConnectTo(daemon.socket());
+    ASSERT_TRUE(
+        Put(fd, CommandPkg("kill -TERM $PPID; " + Until(dir / "go") + "echo >" + (dir / "done"))));
+    EXPECT_TRUE(AtEnd(fd));
+    close(fd);
+    std::ofstream{dir / "go"};
+    EXPECT_TRUE(Eventually([&] { return Exists(dir / "done"); }));
+}
+
 TEST(DaemonTest, ServesAfterTheReaderOfItsLogHasClosed) {
     Daemon::Options options;
     options.logToPipe = true;
@@ -826,6 +848,7 @@ TEST_F(ScriptedDaemon, WaitsInRoundsOfFiveSecondsAndDoesNotLogThem) {
     Connect();
     EXPECT_TRUE(HasServed());
     EXPECT_EQ(3, g_script->rounds);
+    EXPECT_EQ(110u, g_script->addressRoom) << "sun_family and sun_path";
     EXPECT_TRUE(EndsBy(SIGTERM));
     EXPECT_EQ(std::string::npos, Log().find("select("));
 }

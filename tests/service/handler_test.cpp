@@ -458,7 +458,7 @@ TEST(Handler, ReturnsMinusOneWithoutAConnection) {
     EXPECT_EQ(-1, TALVEK_DaemonHandler(&client));
 }
 
-// Of a descriptor that is not open, below FD_SETSIZE and from there on.
+// A descriptor that is not open, below FD_SETSIZE and from there on.
 TEST(Handler, ReportsAFailedWait) {
     const int closed = open("/dev/null", O_RDONLY | O_CLOEXEC);
     close(closed);

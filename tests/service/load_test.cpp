@@ -33,7 +33,7 @@ std::string ExitOf(int status) {
     return "exit " + std::to_string(status);
 }
 
-// The listening process must have the descriptors of the start, and no child.
+// The listening process must have only the descriptors that it started with, and no child.
 void ExpectNothingLeft(const Daemon &daemon, int descriptors) {
     // When it has answered a last client, it has accepted all the others.
     EXPECT_EQ(6, daemon.Client("exit 6").exitStatus());
@@ -96,8 +96,7 @@ TEST(Load, ClientsThatCloseAtOnce) {
         const int fd = ConnectTo(daemon.socket());
         ASSERT_LE(0, fd);
         if (i % 2 == 0) {
-            talvek::test::Put(fd,
-                              talvek::test::RegisterPkg().substr(0, static_cast<size_t>(i % 17)));
+            Put(fd, RegisterPkg().substr(0, static_cast<size_t>(i % 17)));
         }
         close(fd);
     }

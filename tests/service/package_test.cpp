@@ -19,6 +19,20 @@
 
 namespace {
 
+bool g_sendsNothing = false;  // a write returns 0
+
+}  // namespace
+
+extern "C" {
+ssize_t __real_send(int fd, const void *pBytes, size_t size, int flags);
+ssize_t __wrap_send(int fd, const void *pBytes, size_t size, int flags);
+}
+ssize_t __wrap_send(int fd, const void *pBytes, size_t size, int flags) {
+    return g_sendsNothing ? 0 : __real_send(fd, pBytes, size, flags);
+}
+
+namespace {
+
 using namespace talvek::test;
 
 // Checks bytes that end at the end of readable memory.
@@ -42,7 +56,7 @@ TEST(PkgLayout, FieldsHaveTheirOffsets) {
     pkg.sz = 0x0E0D;
     pkg.chksum = 0x100F;
     const std::string bytes{reinterpret_cast<const char *>(&pkg), sizeof pkg};
-    EXPECT_EQ("81 32 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 ", talvek::test::Hex(bytes));
+    EXPECT_EQ("81 32 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f 10 ", Hex(bytes));
     EXPECT_EQ(1152, TALVEK_PKG_MAX);
     EXPECT_EQ(1, TALVEK_PKG_VERSION);
     EXPECT_EQ(0x11, TALVEK_PKG_SINGLE);
@@ -232,7 +246,7 @@ TEST_F(SendPkg, WritesUntilEverythingIsWritten) {
 
 TEST_F(SendPkg, WritesNothingForNothing) {
     EXPECT_EQ(0, Send(""));
-    EXPECT_TRUE(talvek::test::Quiet(fds_[1]));
+    EXPECT_TRUE(Quiet(fds_[1]));
 }
 
 TEST_F(SendPkg, FailsWithoutSIGPIPEWhenThePeerHasClosed) {
@@ -246,6 +260,12 @@ TEST_F(SendPkg, FailsWhenAWriteFails) {
     ASSERT_EQ(0, fcntl(fds_[0], F_SETFL, O_NONBLOCK));
     EXPECT_EQ(-1, Send(std::string(4 << 20, 'x')));
     EXPECT_EQ(EAGAIN, errno);
+}
+
+TEST_F(SendPkg, FailsWhenAWriteWritesNothing) {
+    g_sendsNothing = true;
+    EXPECT_EQ(-1, Send(kSmallest));
+    g_sendsNothing = false;
 }
 
 TEST_F(SendPkg, FailsWithoutClientPackageOrDescriptor) {

@@ -201,7 +201,8 @@ TEST(ProgramFile, RelocatedTablesAreReadOnlyInTheRunningDaemon) {
     EXPECT_EQ(end - begin, covered);
 }
 
-// A root directory with the program, a static shell and nothing else, as in an initramfs.
+// A root directory with the program, a static shell and nothing else, as in an initramfs; then
+// without the shell.
 TEST(ProgramFile, StaticOneRunsInARootWithNothingButAShell) {
     if (!StaticProgram()) {
         GTEST_SKIP() << "this build's program is linked dynamically";
@@ -232,6 +233,8 @@ TEST(ProgramFile, StaticOneRunsInARootWithNothingButAShell) {
         EXPECT_TRUE(daemon.Logs(Emulated() ? "/bin\n/log\n/socket\n/talvek\n/usr\n"
                                            : "/bin\n/log\n/socket\n/talvek\n"))
             << daemon.log();
+        fs::remove(root / "bin/sh");
+        EXPECT_EQ(127, RunProgram(client, enter).exitStatus());
     });
 }
 

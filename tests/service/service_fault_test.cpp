@@ -215,12 +215,23 @@ TEST(HandlerFault, ReleasesEverythingWhicheverCallFails) {
 }
 
 TEST(RunCommandFault, PrintsBothLinesWhenSystemFails) {
-    const Fault fault{"system", 0, EAGAIN};
-    EXPECT_EQ(
-        "some error is occured in that shell command\n"
-        "child process should not terminated normally WIFEXITED(ret) = 0\n",
-        Capture([] { EXPECT_EQ(-1, TALVEK_RunCommand("true")); }));
-    EXPECT_TRUE(Fault::Tripped());
+    for (const int error : {EAGAIN, ENOMEM, ECHILD, EINVAL, 0}) {
+        const Fault fault{"system", 0, error};
+        EXPECT_EQ(
+            "some error is occured in that shell command\n"
+            "child process should not terminated normally WIFEXITED(ret) = 0\n",
+            Capture([] { EXPECT_EQ(-1, TALVEK_RunCommand("true")); }));
+        EXPECT_TRUE(Fault::Tripped());
+    }
+}
+
+// musl's system fails in this case; glibc's returns the status 127.
+TEST(RunCommandFault, Returns127WhenTheShellCannotBeExecuted) {
+    for (const int error : {ENOENT, EACCES, ENOEXEC}) {
+        const Fault fault{"system", 0, error};
+        EXPECT_EQ("", Capture([] { EXPECT_EQ(127, TALVEK_RunCommand("true")); }));
+        EXPECT_TRUE(Fault::Tripped());
+    }
 }
 
 TEST(RunCommandFault, RunsNothingWhenSigactionFails) {

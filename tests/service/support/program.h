@@ -22,7 +22,7 @@ namespace talvek::test {
 // built for this machine's users.
 const char *ProgramPath();
 
-// Whether that is to be a static file, and what its C library calls an error.
+// Whether it must be a static file, and how its C library words an error.
 bool StaticProgram();
 const char *ProgramErrorText(int error);
 

@@ -18,7 +18,7 @@ void Append(std::string &bytes, uint32_t value, int count) {
     }
 }
 
-// These calls are others than those of the service, which tests catch or make fail.
+// Tests replace read and send, or make them fail, for the service; these functions use other calls.
 ssize_t ReadSome(int fd, char *pBytes, size_t size) {
     const iovec part{pBytes, size};
     return readv(fd, &part, 1);
