@@ -78,7 +78,8 @@ typedef struct tDiscInfo {
     uint32_t trackSize;      /* of the last track, in 2 KB blocks */
     uint32_t reserved;       /* 0 */
     uint64_t totalKB;        /* total capacity */
-    uint64_t usedKB;         /* used capacity */
+    uint64_t usedKB;         /* used capacity: totalKB of a finalized disc, 0 of an empty one; of
+                                an incomplete disc as the entry that reads it says */
 } tDiscInfo;
 
 /* Size and file system of a disk, as Dev_GetHDStat measures them. */
@@ -92,7 +93,7 @@ typedef struct tDiskStat {
     uint64_t deviceBytes; /* size of the whole block device */
 } tDiskStat;
 
-/* tDevInfo.busType. The enumeration finds no eSATA; it counts as ATA there. */
+/* tDevInfo.busType. The enumeration reports eSATA as ATA. */
 enum { DEV_BUS_ATA = 0, DEV_BUS_USB = 1, DEV_BUS_IEEE1394 = 2, DEV_BUS_ESATA = 3 };
 
 #define DEV_MAX_DEVICES 32      /* records of one enumeration, and rows of the map of nodes */

@@ -13,7 +13,7 @@ extern "C" {
 enum {
     DEV_HD_STAT_MOUNTED = 0,   /* measured where the disk is mounted; mountPoint is set */
     DEV_HD_STAT_OWN_MOUNT = 1, /* measured through a mount of its own; mountPoint is empty */
-    DEV_HD_STAT_FAILED = -1,   /* of u.disk only deviceBytes is set; mountPoint as found */
+    DEV_HD_STAT_FAILED = -1,   /* of u.disk only deviceBytes is set; mountPoint is set or emptied */
 };
 
 /* Measures a disk and its file system: u.disk and mountPoint of the record.

@@ -45,13 +45,15 @@ enum {
  *
  *   MAKE   a tool makes the file system: arg1 = its options
  *   LABEL  a tool handles the label: arg1 reads it, arg2 (a format) sets it
- *   CHECK  a tool repairs: arg1 automatically, arg2 whatever it finds (formats: the caller fills in
- *          "%c")
+ *   CHECK  a tool checks and repairs: arg1 = options for an automatic repair, arg2 = options that
+ *          force every repair (formats: the caller fills in "%c")
  *   MARK   set for xfs, ext4 and ext3; there is no tool */
 #define DEV_FS_CAP_MAKE 1
 #define DEV_FS_CAP_LABEL 2
 #define DEV_FS_CAP_CHECK 3
 #define DEV_FS_CAP_MARK 4
+
+#define DEV_FS_TOOL_SLOTS 5 /* tools of a row, used or not */
 
 /* A tool. All texts are constant; an argument that the tool does not have is NULL. */
 typedef struct tFsTool {
@@ -68,7 +70,7 @@ typedef struct tFsEntry {
     const char *name;      /* type for mount(2) */
     uint32_t mountFlags;   /* for mount(2): 0x400 MS_NOATIME, 0x001 MS_RDONLY */
     const char *mountData; /* options for mount(2), or NULL */
-    tFsTool tools[5];
+    tFsTool tools[DEV_FS_TOOL_SLOTS];
 } tFsEntry;
 
 /* Determines again what is supported and logs one line a row. The mask of a row that the kernel

@@ -33,8 +33,8 @@ typedef struct tSmartAttr {
  *   pFwRev    DEV_IDE_FIRMWARE_SIZE bytes, or NULL
  *   pModel    DEV_IDE_MODEL_SIZE bytes, or NULL; one of the three must be given
  *
- * The texts keep their trailing blanks. Returns 0, or -1: no output, no such disk (not logged, nor
- * is a NULL pDevPath), or too few data. */
+ * The texts keep their trailing blanks. Returns 0, or -1: no output is given, the file is too
+ * short, pDevPath is NULL or there is no such disk (the last two are not logged). */
 int Dev_GetDevIdentify(const char *pDevPath, char *pSerial, char *pFwRev, char *pModel);
 
 /* Dev_GetDevIdentify for the disk that is mounted on pMountPoint (as Dev_GetDevViaMount finds it,

@@ -3,7 +3,6 @@
 #include "dev/mmc_commands.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <array>
@@ -13,6 +12,7 @@
 #include "base/heap_buf.h"
 #include "dev/internal/mmc_request.h"
 #include "dev/internal/module_log.h"
+#include "dev/internal/used_kb.h"
 
 namespace {
 
@@ -183,17 +183,10 @@ void ParseTrackInfo(BigEndianReader reply, tDiscInfo &info) {
     fflush(stdout);
 }
 
-// On an incomplete disc the drive may report more free blocks than the nominal capacity has.
-uint64_t UsedKB(const tDiscInfo &info) {
+// What is not free. The drive may report more free blocks than the nominal capacity has.
+uint64_t NotFreeKB(const tDiscInfo &info) {
     const uint64_t freeKB = 2ULL * info.freeBlocks;
-    switch (info.discStatus) {
-        case DEV_DISC_INCOMPLETE:
-            return info.totalKB > freeKB ? info.totalKB - freeKB : 0;
-        case DEV_DISC_FINALIZED:
-            return info.totalKB;
-        default:
-            return 0;
-    }
+    return info.totalKB > freeKB ? info.totalKB - freeKB : 0;
 }
 
 struct NominalKB {
@@ -301,7 +294,7 @@ int Dev_GetConfiguration(const char *pDevPath, int fd, tDiscInfo *pInfo) {
         LOG("Get Null ptr\n");
         return DEV_QUERY_FAILED;
     }
-    const talvek::HeapBuf<uint8_t> buf{static_cast<uint8_t *>(malloc(DEV_REPLY_SIZE))};
+    const auto buf = talvek::HeapBuf<uint8_t>::Zeroed(DEV_REPLY_SIZE);
     if (!buf) {
         LOG("reply_buf = NULL\n");
         return DEV_QUERY_FAILED;
@@ -356,7 +349,7 @@ int Dev_ReadTrackInfo(const char *pDevPath, int fd, tDiscInfo *pInfo) {
     }
     ParseTrackInfo(request.reply(), *pInfo);
     if (HasDiscStatus(*pInfo)) {
-        pInfo->usedKB = UsedKB(*pInfo);
+        pInfo->usedKB = talvek::UsedKB(*pInfo, NotFreeKB(*pInfo));
     }
     return DEV_QUERY_OK;
 }
@@ -395,7 +388,7 @@ int Dev_ReadFormatCapacity(const char *pDevPath, int fd, tDiscInfo *pInfo) {
     }
     BigEndianReader reply = request.reply();
     const uint8_t listLength = reply.U8(3);
-    LOG("(%s) : reply_buf_len = %d\n", pDevPath != nullptr ? pDevPath : "", listLength);
+    LOG("(%s) : reply_buf_len = %d\n", talvek::PathOrEmpty(pDevPath), listLength);
     PrintCapacityList(reply.Sub(4, listLength));
     fflush(stdout);
     ParseFormatCapacity(reply, *pInfo);

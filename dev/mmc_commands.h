@@ -31,13 +31,12 @@ extern "C" {
 int Dev_GetConfiguration(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
 /* READ DISC INFORMATION: discStatus of a CD, DVD-R/RW, DVD+R/RW or BD; sessions of a CD, lastTrack
- * of the others. Other classes are unchanged. */
+ * of the others. For another class pInfo is unchanged. */
 int Dev_ReadDiscInfo(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
 /* READ TRACK INFORMATION of track lastTrack: freeBlocks and trackSize, which are printed with the
- * track's addresses, and usedKB by discStatus: totalKB less the free blocks on an incomplete disc
- * (0 when more than totalKB is free), totalKB on a finalized disc, otherwise 0. usedKB of a
- * DVD-ROM, DVD-RAM or DDCD is unchanged. */
+ * track's addresses, and usedKB (device.h): of an incomplete disc, totalKB less the free blocks (0
+ * when more than totalKB is free). usedKB of a DVD-ROM, DVD-RAM or DDCD is unchanged. */
 int Dev_ReadTrackInfo(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
 /* READ DVD STRUCTURE, physical format: totalKB of a DVD-R/RW or DVD+R/RW, a nominal capacity chosen

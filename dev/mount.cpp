@@ -2,6 +2,7 @@
 
 #include "dev/mount.h"
 
+#include <errno.h>
 #include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -174,6 +175,7 @@ int UnmountAndNotify(const char *pFunction, const char *pCall, const char *pDir,
 int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex) {
     const talvek::CancelGuard guard;
     if (!IsMountable(pSrc, pDir)) {
+        errno = EINVAL;
         return -1;
     }
     const bool isExport = strchr(pSrc, ':') != nullptr;

@@ -40,8 +40,8 @@ extern "C" {
  * precedes the names. A name is therefore never a command or an option.
  *
  * Returns 0 when a mount succeeded, else -1. With a row other than DEV_FS_NFS, errno is then that
- * of the last mount(2). For an export, returns the result of system(3): 0, the wait status of
- * /bin/mount, or -1. */
+ * of the last mount(2), or EINVAL for NULL and an empty pSrc. For an export, returns the result of
+ * system(3): 0, the wait status of /bin/mount, or -1. */
 int Dev_Mount(const char *pSrc, const char *pDir, unsigned fsIndex);
 
 /* Unmounts what is mounted on a directory. When that was an NFS mount (type "nfs", whose servers

@@ -7,7 +7,9 @@
 #include "base/cancel_guard.h"
 #include "base/path.h"
 #include "base/unique_fd.h"
+#include "dev/internal/mmc_request.h"
 #include "dev/internal/module_log.h"
+#include "dev/internal/used_kb.h"
 #include "dev/mmc_commands.h"
 #include "dev/optical_capacity.h"
 #include "dev/scsi.h"
@@ -118,28 +120,19 @@ int Dev_GetCdInfo(const char *pDevPath, int fd, tDiscInfo *pInfo) {
         LOG("Get Null ptr\n");
         return DEV_QUERY_FAILED;
     }
-    const char *pShown = pDevPath != nullptr ? pDevPath : "";
+    const char *pPath = talvek::PathOrEmpty(pDevPath);
     if (Dev_ReadCdATIP(pDevPath, fd, pInfo) != DEV_QUERY_OK) {
-        LOG("(%s) : Read CD ATIP error\n", pShown);
+        LOG("(%s) : Read CD ATIP error\n", pPath);
         return DEV_QUERY_FAILED;
     }
     if (Dev_ReadDiscInfo(pDevPath, fd, pInfo) != DEV_QUERY_OK) {
-        LOG("(%s) : Read CD DISC INFORMATION error\n", pShown);
+        LOG("(%s) : Read CD DISC INFORMATION error\n", pPath);
         return DEV_QUERY_FAILED;
     }
-    switch (pInfo->discStatus) {
-        case DEV_DISC_INCOMPLETE:
-            if (Dev_ReadCdToc(pDevPath, fd, pInfo) != DEV_QUERY_OK) {
-                LOG("(%s) : Read CD TOC error\n", pShown);
-            }
-            pInfo->usedKB = 2ULL * pInfo->nextLeadIn;
-            break;
-        case DEV_DISC_FINALIZED:
-            pInfo->usedKB = pInfo->totalKB;
-            break;
-        default:
-            pInfo->usedKB = 0;
-            break;
+    if (pInfo->discStatus == DEV_DISC_INCOMPLETE &&
+        Dev_ReadCdToc(pDevPath, fd, pInfo) != DEV_QUERY_OK) {
+        LOG("(%s) : Read CD TOC error\n", pPath);
     }
+    pInfo->usedKB = talvek::UsedKB(*pInfo, 2ULL * pInfo->nextLeadIn);
     return DEV_QUERY_OK;
 }

@@ -34,8 +34,8 @@ enum {
 int Dev_GetDiscInfo(tDevInfo *pDev);
 
 /* Reads what Dev_GetDiscInfo reports of a CD: ATIP, disc information and, on an incomplete disc,
- * the table of contents. usedKB by discStatus: twice nextLeadIn on an incomplete disc (when the
- * table cannot be read, nextLeadIn is the caller's), totalKB on a finalized one, otherwise 0.
+ * the table of contents. usedKB (device.h) of an incomplete disc is twice nextLeadIn; when the
+ * table cannot be read, nextLeadIn is the caller's.
  *
  *   pDevPath  for the log lines
  *   fd        the drive (scsi.h)

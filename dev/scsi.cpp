@@ -3,7 +3,6 @@
 #include "dev/scsi.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -199,7 +198,7 @@ int Dev_TestUnitReady(const char *pDevPath, int fd) {
 
 int Dev_Inquiry(const char *pDevPath, int fd, char *pModel) {
     const talvek::CancelGuard guard;
-    const talvek::HeapBuf<uint8_t> buf{static_cast<uint8_t *>(malloc(DEV_REPLY_SIZE))};
+    const auto buf = talvek::HeapBuf<uint8_t>::Zeroed(DEV_REPLY_SIZE);
     if (!buf) {
         LOG("reply_buf = NULL\n");
         return DEV_QUERY_FAILED;
@@ -210,7 +209,7 @@ int Dev_Inquiry(const char *pDevPath, int fd, char *pModel) {
     }
     char text[kInquiryTextSize + 1] = "";
     request.reply().Copy(0, text, kInquiryTextSize);
-    LOG("[%s] : pModel = %p\n", pDevPath != nullptr ? pDevPath : "", static_cast<void *>(pModel));
+    LOG("[%s] : pModel = %p\n", talvek::PathOrEmpty(pDevPath), static_cast<void *>(pModel));
     LOG("Vendor          = %.8s\n", text + kVendor);
     LOG("Product ID      = %.16s\n", text + kProduct);
     LOG("Revision        = %.4s\n", text + kRevision);

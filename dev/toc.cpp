@@ -9,6 +9,7 @@
 #include "base/cancel_guard.h"
 #include "dev/internal/mmc_request.h"
 #include "dev/internal/module_log.h"
+#include "dev/internal/used_kb.h"
 
 namespace {
 
@@ -17,16 +18,15 @@ using talvek::MmcRequest;
 using talvek::ReplyBuf;
 using talvek::WholeLength;
 
+using Cdb10 = std::array<uint8_t, 10>;
+
 constexpr uint32_t kHeaderLength = 4;
-constexpr std::array<uint8_t, 10> kReadToc = {0x43, 0, 0, 0, 0, 0, 0, 0, kHeaderLength, 0};
 
-constexpr uint8_t kMsf = 0x02;
-constexpr uint8_t kFormatAtip = 0x04;
-constexpr uint8_t kFirstTrack = 1;
-
-constexpr const char *kAtipLabel = "(0100b ; ATIP -MSF-)";
-constexpr const char *kCdTocLabel = "(0000b ; Formatted TOC -MSF-)";
-constexpr const char *kDvdTocLabel = "READ TOC/PMA/ATIP";
+// Byte 1: 02h asks for positions in minutes, seconds and frames, 0 for block addresses. Byte 2: the
+// format, 04h for the ATIP and 0 for the table of contents. Byte 6: the first track.
+constexpr Cdb10 kReadAtip = {0x43, 0x02, 0x04, 0, 0, 0, 0, 0, kHeaderLength, 0};
+constexpr Cdb10 kReadCdToc = {0x43, 0x02, 0, 0, 0, 0, 1, 0, kHeaderLength, 0};
+constexpr Cdb10 kReadDvdToc = {0x43, 0, 0, 0, 0, 0, 1, 0, kHeaderLength, 0};
 
 constexpr uint8_t kLeadOut = 0xAA;  // the track number of the lead-out
 
@@ -131,23 +131,6 @@ bool ParseDvdToc(BigEndianReader reply, uint32_t &leadOut) {
     return false;
 }
 
-uint64_t UsedKB(const tDiscInfo &info, uint32_t leadOut) {
-    switch (info.discStatus) {
-        case DEV_DISC_INCOMPLETE:
-            return (leadOut + 1ULL) * 2;
-        case DEV_DISC_FINALIZED:
-            return info.totalKB;
-        default:
-            return 0;
-    }
-}
-
-// Requests a table of contents from the first track on.
-bool ReadToc(MmcRequest &request, int fd) {
-    request.Patch(6, kFirstTrack);
-    return request.IssueTwice(fd, kHeaderLength, WholeLength);
-}
-
 }  // namespace
 
 int Dev_ReadCdATIP(const char *pDevPath, int fd, tDiscInfo *pInfo) {
@@ -157,9 +140,7 @@ int Dev_ReadCdATIP(const char *pDevPath, int fd, tDiscInfo *pInfo) {
         return DEV_QUERY_FAILED;
     }
     ReplyBuf buf;
-    MmcRequest request{kAtipLabel, pDevPath, kReadToc, buf};
-    request.Patch(1, kMsf);
-    request.Patch(2, kFormatAtip);
+    MmcRequest request{"(0100b ; ATIP -MSF-)", pDevPath, kReadAtip, buf};
     if (!request.IssueTwice(fd, kHeaderLength, WholeLength)) {
         return DEV_QUERY_FAILED;
     }
@@ -174,10 +155,10 @@ int Dev_ReadCdToc(const char *pDevPath, int fd, tDiscInfo *pInfo) {
         return DEV_QUERY_FAILED;
     }
     ReplyBuf buf;
-    MmcRequest request{kCdTocLabel, pDevPath, kReadToc, buf};
-    request.Patch(1, kMsf);
-    return ReadToc(request, fd) && ParseCdToc(request.reply(), *pInfo) ? DEV_QUERY_OK
-                                                                       : DEV_QUERY_FAILED;
+    MmcRequest request{"(0000b ; Formatted TOC -MSF-)", pDevPath, kReadCdToc, buf};
+    const bool found =
+        request.IssueTwice(fd, kHeaderLength, WholeLength) && ParseCdToc(request.reply(), *pInfo);
+    return found ? DEV_QUERY_OK : DEV_QUERY_FAILED;
 }
 
 int Dev_ReadDvdRToc(const char *pDevPath, int fd, tDiscInfo *pInfo) {
@@ -193,8 +174,8 @@ int Dev_ReadDvdRToc(const char *pDevPath, int fd, tDiscInfo *pInfo) {
     // Positions in minutes, seconds and frames cannot express the second half of a DVD, so block
     // addresses are requested.
     ReplyBuf buf;
-    MmcRequest request{kDvdTocLabel, pDevPath, kReadToc, buf};
-    if (!ReadToc(request, fd)) {
+    MmcRequest request{"READ TOC/PMA/ATIP", pDevPath, kReadDvdToc, buf};
+    if (!request.IssueTwice(fd, kHeaderLength, WholeLength)) {
         return DEV_QUERY_FAILED;
     }
     uint32_t leadOut = 0;
@@ -203,7 +184,7 @@ int Dev_ReadDvdRToc(const char *pDevPath, int fd, tDiscInfo *pInfo) {
     if (!found) {
         return DEV_QUERY_FAILED;
     }
-    pInfo->usedKB = UsedKB(*pInfo, leadOut);
+    pInfo->usedKB = talvek::UsedKB(*pInfo, (leadOut + 1ULL) * 2);
     LOG("Used capacity = %llu MB.\n", static_cast<unsigned long long>(pInfo->usedKB >> 10));
     return DEV_QUERY_OK;
 }

@@ -33,9 +33,9 @@ int Dev_ReadCdATIP(const char *pDevPath, int fd, tDiscInfo *pInfo);
  * track and the lead-out. */
 int Dev_ReadCdToc(const char *pDevPath, int fd, tDiscInfo *pInfo);
 
-/* Track list of a DVD-R or DVD+R, in logical block addresses, printed line by line, and usedKB by
- * discStatus: on an incomplete disc, twice the number of blocks up to and including the first block
- * of the lead-out; on a finalized one, totalKB; otherwise 0.
+/* Track list of a DVD-R or DVD+R, in logical block addresses, printed line by line, and usedKB
+ * (device.h): of an incomplete disc, twice the number of blocks up to and including the first block
+ * of the lead-out.
  *
  * Fails for other media, without a request, and when the list has no lead-out. */
 int Dev_ReadDvdRToc(const char *pDevPath, int fd, tDiscInfo *pInfo);

@@ -17,7 +17,7 @@ uint32_t WholeLength(BigEndianReader reply) {
 MmcRequest::MmcRequest(const char *pName, const char *pDevPath,
                        std::span<const uint8_t> cdbTemplate, std::span<uint8_t> reply)
     : buffer_(reply) {
-    snprintf(cmd_.label, sizeof cmd_.label, "(%s) %s", pDevPath != nullptr ? pDevPath : "", pName);
+    snprintf(cmd_.label, sizeof cmd_.label, "(%s) %s", PathOrEmpty(pDevPath), pName);
     std::copy(cdbTemplate.begin(), cdbTemplate.end(), cdb_.begin());
     cmd_.hdr.interface_id = 'S';
     cmd_.hdr.dxfer_direction = reply.empty() ? SG_DXFER_NONE : SG_DXFER_FROM_DEV;

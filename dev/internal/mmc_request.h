@@ -12,6 +12,11 @@
 
 namespace talvek {
 
+// A device path for a label or a log line; it may be NULL.
+inline const char *PathOrEmpty(const char *pDevPath) {
+    return pDevPath != nullptr ? pDevPath : "";
+}
+
 // A reply buffer for any allocation length. Declare it without an initialiser: a request clears the
 // bytes that it asks for and reads no others.
 using ReplyBuf = std::array<uint8_t, DEV_REPLY_SIZE>;

@@ -64,14 +64,31 @@ TEST(DiskStatFault, LogsThatTheFileSystemCannotBeMeasured) {
     WithDisks([] {
         tDevInfo dev{};
         strcpy(dev.devPath, "/dev/md1");
+        strcpy(dev.mountPoint, "/before");
         const Lines lines = CaptureLog([&] {
             const Fault fault{"statfs", 0, EIO};
             EXPECT_EQ(DEV_HD_STAT_FAILED, Dev_GetHDStat(&dev, DEV_FS_TMPFS));
         });
+        EXPECT_STREQ("", dev.mountPoint);
         ASSERT_EQ(1u, lines.size());
         EXPECT_EQ(0u, lines[0].find("DEV:Dev_GetHDStat(): statfs(/dev/md1, /var/Dev_GetHDStat_"));
         EXPECT_TRUE(lines[0].ends_with(") error : Input/output error"));
         EXPECT_TRUE(IsEmpty("/var"));
+    });
+}
+
+TEST(DiskStatFault, StoresTheMountPointOfADiskThatCannotBeMeasured) {
+    WithDisks([] {
+        ASSERT_EQ(0, mount("/dev/md1", "/mnt", "tmpfs", 0, nullptr));
+        tDevInfo dev{};
+        strcpy(dev.devPath, "/dev/md1");
+        EXPECT_EQ(Lines{"DEV:Dev_GetHDStat(): statfs(/dev/md1, /mnt) error : Input/output error"},
+                  CaptureLog([&] {
+                      const Fault fault{"statfs", 0, EIO};
+                      EXPECT_EQ(DEV_HD_STAT_FAILED, Dev_GetHDStat(&dev, DEV_FS_TMPFS));
+                  }));
+        EXPECT_STREQ("/mnt", dev.mountPoint);
+        EXPECT_EQ(0u, dev.u.disk.totalBytes);
     });
 }
 

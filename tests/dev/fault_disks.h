@@ -14,7 +14,7 @@
 namespace talvek::test {
 
 // Runs `body` in a world with a disk /dev/sda1 that is not mounted. tmpfs is the only file system,
-// so that any name can be mounted, /dev/md1 for example. /srv/partitions is /proc/partitions.
+// so that any name can be mounted, /dev/md1 for example. /run/partitions is /proc/partitions.
 inline void WithDisks(const std::function<void()> &body) {
     RunInPrivateWorld(kMounts, [&] {
         MountTmpfs("/var");

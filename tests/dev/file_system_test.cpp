@@ -101,7 +101,7 @@ static_assert(DEV_FS_XFS == 0 && DEV_FS_EXT4 == 1 && DEV_FS_EXT3 == 2 && DEV_FS_
               DEV_FS_SMBFS == 8 && DEV_FS_NFS == 9 && DEV_FS_TMPFS == 10 && DEV_FS_DETECT == 11);
 static_assert(DEV_FS_CAP_MAKE == 1 && DEV_FS_CAP_LABEL == 2 && DEV_FS_CAP_CHECK == 3 &&
               DEV_FS_CAP_MARK == 4);
-static_assert(DEV_FS_IS_UNMARKED == 0 && DEV_FS_IS_MARKED == 1);
+static_assert(DEV_FS_IS_UNMARKED == 0 && DEV_FS_IS_MARKED == 1 && DEV_FS_TOOL_SLOTS == 5);
 
 TEST(FsTypes, AreThoseOfTheKernel) {
     EXPECT_EQ(XFS_SUPER_MAGIC, DEV_FS_TYPE_XFS);
@@ -127,7 +127,7 @@ TEST(FsTable, HasElevenRows) {
         EXPECT_EQ(kExpected[i].initialCaps, row.caps);
         EXPECT_EQ(kExpected[i].flags, row.mountFlags);
         EXPECT_STREQ(kExpected[i].data, row.mountData);
-        for (size_t t = 0; t < 5; ++t) {
+        for (size_t t = 0; t < DEV_FS_TOOL_SLOTS; ++t) {
             const ExpectedTool none{};
             const ExpectedTool &tool = t < kExpected[i].tools.size() ? kExpected[i].tools[t] : none;
             EXPECT_EQ(tool.capBit, row.tools[t].capBit);

@@ -294,7 +294,7 @@ TEST_F(ReadTrackInfo, DerivesTheUsedCapacityFromTheStatus) {
     }
 }
 
-// A blank DVD-R has a few more blocks than its nominal capacity.
+// A DVD-R may have a few more blocks than its nominal capacity.
 TEST_F(ReadTrackInfo, ReportsNothingUsedWhenMoreIsFreeThanNominal) {
     info_ = Disc(3, 2);
     info_.discStatus = 1;

@@ -269,7 +269,7 @@ TEST_F(MmcCommand, FailsWithoutDescriptor) {
     for (const Command &command : kCommands) {
         if (command.query != BufferCapacity) {
             drive_.requests.clear();
-            const Lines lines = talvek::test::CaptureLog(
+            const Lines lines = CaptureLog(
                 [&] { EXPECT_EQ(DEV_QUERY_FAILED, command.query(kNode, fd_, nullptr)); });
             ASSERT_EQ(1U, lines.size());
             EXPECT_NE(std::string::npos, lines[0].find("(): Get Null ptr"));
@@ -285,7 +285,7 @@ struct LengthCase {
 };
 
 template <size_t kCount>
-void ExpectLengths(talvek::test::SimulatedDrive &drive, int fd, const Command &command,
+void ExpectLengths(SimulatedDrive &drive, int fd, const Command &command,
                    const LengthCase (&cases)[kCount]) {
     for (const LengthCase &item : cases) {
         drive.Reply(command.cdb[0], {static_cast<uint8_t>(item.announced >> 8),

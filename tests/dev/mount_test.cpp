@@ -113,6 +113,9 @@ TEST_F(Mount, RefusesMissingArguments) {
                   EXPECT_EQ(-1, Dev_Mount("", nullptr, DEV_FS_EXT4));
                   EXPECT_EQ(-1, Dev_Mount("/dev/sda1", nullptr, DEV_FS_DETECT));
               }));
+    errno = 0;
+    Dev_Mount("", "/mnt", DEV_FS_EXT4);
+    EXPECT_EQ(EINVAL, errno);
     EXPECT_TRUE(g_calls.empty());
 }
 

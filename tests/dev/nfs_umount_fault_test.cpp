@@ -21,7 +21,6 @@
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 constexpr in_port_t kPort = 20048;
 

@@ -21,13 +21,13 @@
 #include "dev/mount.h"
 #include "pretended_time.h"
 #include "rpc_peer.h"
+#include "support/await.h"
 #include "support/cancellation.h"
 #include "support/capture.h"
 
 namespace {
 
 using namespace talvek::test;
-using Lines = std::vector<std::string>;
 
 int g_umountResult = 0;
 std::function<void()> g_duringLookUp;
@@ -725,16 +725,6 @@ int CountUmnt(const std::string &log) {
         ++count;
     }
     return count;
-}
-
-bool Eventually(const std::function<bool()> &holds) {
-    for (int tries = 0; tries < 6000; ++tries) {
-        if (holds()) {
-            return true;
-        }
-        usleep(10000);
-    }
-    return false;
 }
 
 TEST(NfsUmount, NotifiesARealMountDaemon) {

@@ -29,13 +29,13 @@ TEST_F(DiscFault, NeedsMemoryForInquiryAndConfiguration) {
     const long blocks = HeldBlocks();
     char model[DEV_MODEL_SIZE] = "before";
     const Lines inquiry = CaptureLog([&] {
-        const Fault fault{"malloc", 0, ENOMEM};
+        const Fault fault{"calloc", 0, ENOMEM};
         EXPECT_EQ(DEV_QUERY_FAILED, Dev_Inquiry(kNode, fd_, model));
     });
     EXPECT_EQ(Lines{"DEV:Dev_Inquiry(): reply_buf = NULL"}, inquiry);
     EXPECT_STREQ("before", model);
     const Lines configuration = CaptureLog([&] {
-        const Fault fault{"malloc", 0, ENOMEM};
+        const Fault fault{"calloc", 0, ENOMEM};
         EXPECT_EQ(DEV_QUERY_FAILED, Dev_GetConfiguration(kNode, fd_, &info_));
     });
     EXPECT_EQ(Lines{"DEV:Dev_GetConfiguration(): reply_buf = NULL"}, configuration);
@@ -48,7 +48,7 @@ TEST_F(DiscFault, IdentifiesWithoutInquiry) {
     drive_.Load("dvd_rom.hex");
     tDevInfo dev = Drive();
     Capture([&] {
-        const Fault fault{"malloc", 0, ENOMEM};  // the buffer of INQUIRY
+        const Fault fault{"calloc", 0, ENOMEM};  // the buffer of INQUIRY
         EXPECT_EQ(DEV_DISC_INFO_OK, Dev_GetDiscInfo(&dev));
         EXPECT_TRUE(Fault::Tripped());
     });
@@ -67,9 +67,8 @@ TEST(RewritableCapacityFault, UnmountsWhenTheFileSystemCannotBeMeasured) {
                         "Input/output error"},
                   lines);
         EXPECT_EQ(7U, dev.u.disc.usedKB);
-        EXPECT_EQ(std::string::npos,
-                  talvek::test::ReadFile("/proc/self/mounts").find(" /var/bd_re "));
-        EXPECT_EQ(std::vector<double>{1.0}, talvek::test::TakePauses());
+        EXPECT_EQ(std::string::npos, ReadFile("/proc/self/mounts").find(" /var/bd_re "));
+        EXPECT_EQ(std::vector<double>{1.0}, TakePauses());
     });
 }
 
