@@ -443,8 +443,8 @@ TEST(SendAQuery, AcceptsDescriptorsAboveFdSetsize) {
     });
 }
 
-// Sends a datagram with a bad checksum, which the kernel reports as readable and drops when it is
-// read. (Short ones are checked and dropped on arrival.)
+// Sends a datagram with a bad checksum. The kernel drops it in the wait of a blocking socket, and
+// in the receive of a non-blocking one. (Short ones are dropped on arrival.)
 void SendBadDatagram(uint16_t port) {
     struct {
         struct udphdr udp;
