@@ -63,7 +63,12 @@ enum {
     DEV_DISC_RANDOM_ACCESS = 3
 };
 
-/* The disc in an optical drive, as Dev_GetDiscInfo finds it. */
+/* The disc in an optical drive, as Dev_GetDiscInfo finds it.
+ *
+ * usedKB is totalKB of a finalized disc and 0 of an empty or random-access one. Of an incomplete
+ * disc it is what the entry that reads the disc says. Of a finalized DVD+RW, and of a DVD-RW in
+ * restricted overwrite that is incomplete or finalized, Dev_GetDiscInfo measures the file system
+ * instead (optical_capacity.h). */
 typedef struct tDiscInfo {
     uint32_t discClass;      /* DEV_CLASS_... */
     uint32_t mediaKind;      /* DEV_MEDIA_... */
@@ -78,8 +83,7 @@ typedef struct tDiscInfo {
     uint32_t trackSize;      /* of the last track, in 2 KB blocks */
     uint32_t reserved;       /* 0 */
     uint64_t totalKB;        /* total capacity */
-    uint64_t usedKB;         /* used capacity: totalKB of a finalized disc, 0 of an empty one; of
-                                an incomplete disc as the entry that reads it says */
+    uint64_t usedKB;         /* used capacity */
 } tDiscInfo;
 
 /* Size and file system of a disk, as Dev_GetHDStat measures them. */

@@ -183,7 +183,8 @@ void ParseTrackInfo(BigEndianReader reply, tDiscInfo &info) {
     fflush(stdout);
 }
 
-// What is not free. The drive may report more free blocks than the nominal capacity has.
+// The part of totalKB that is not free; 0 when the drive reports more free blocks than the nominal
+// capacity has.
 uint64_t NotFreeKB(const tDiscInfo &info) {
     const uint64_t freeKB = 2ULL * info.freeBlocks;
     return info.totalKB > freeKB ? info.totalKB - freeKB : 0;

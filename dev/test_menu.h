@@ -34,8 +34,8 @@ void Dev_PrintTestMenu(const tDevTestMenu *pState);
  *   pIn     open for reading; stays open
  *
  * Results are printed on standard output before the next question. Cancellation of the thread waits
- * until the menu ends. Returns 0, or -1 for a NULL
- * argument (not logged). Uses DEV_REPLY_SIZE bytes (scsi.h) of stack more than other entries. */
+ * until the menu ends. Returns 0, or -1 for a NULL argument (not logged). Uses DEV_REPLY_SIZE bytes
+ * (scsi.h) of stack more than other entries. */
 int Dev_RunTestMenu(tDevTestMenu *pState, FILE *pIn);
 
 #ifdef __cplusplus

@@ -80,7 +80,7 @@ class CutText {
     size_t used_ = 0;
 };
 
-// Appends a name to the text. Whether the text has all of it, with the ",".
+// Appends the name at an offset. Returns whether the text has the whole name, with the ",".
 bool Expand(BigEndianReader &response, size_t at, CutText &text) {
     int pointers = 0;
     while (response.Has(at, 1)) {

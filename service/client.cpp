@@ -101,8 +101,8 @@ void Exchange::BuildCommand(const char *pCommand) {
     package_.Seal(++sn_);
 }
 
-// Returns 0 when the whole package has been written, else the result of the exchange. A write that
-// returns 0 inside the package starts it again.
+// Returns 0 when the whole package has been written, else the result of the exchange. After a write
+// that returns 0 inside the package, the whole package is sent again.
 int Exchange::Send() const {
     for (;;) {
         int ready;
