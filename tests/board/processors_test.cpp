@@ -1,5 +1,5 @@
-// What threads and processes do together, on one processor and on four: the test programs of the
-// library run once more, with processors switched on and off.
+// The watchdog and the registry of threads on one processor and on four: their tests run once more,
+// with processors switched on and off.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -55,15 +55,14 @@ void ExpectPasses(const std::string &program, const std::string &tests) {
 void ExpectHolds(long processors) {
     const Processors set{processors};
     ExpectPasses("common_thread_test", "ThreadWatchdog.*:Registry.*:LogThread.KeepsEveryEntry*");
-    ExpectPasses("service_load_test", "Load.ClientsAtOnce");
 }
 
-TEST(Threads, HoldOnOneProcessor) {
+TEST(Watchdog, HoldsOnOneProcessor) {
     NEEDS_EMULATED_BOARD();
     ExpectHolds(1);
 }
 
-TEST(Threads, HoldOnFourProcessors) {
+TEST(Watchdog, HoldsOnFourProcessors) {
     NEEDS_EMULATED_BOARD();
     ExpectHolds(4);
 }

@@ -49,10 +49,10 @@ TEST(LargeFile, IsReadAndExtended) {
     WriteFile(dir / "small", "more");
     Capture([&] {
         char start[6] = "";
-        EXPECT_EQ(0, COM_GetFileContent(path.c_str(), start, 5));
+        EXPECT_EQ(0, COM_GetFileContent(path.c_str(), start, sizeof start));
         EXPECT_STREQ("start", start);
         EXPECT_EQ(0, COM_AppendFileContent(path.c_str(), ", "));
-        EXPECT_EQ(0, COM_AppendFileToFile(path.c_str(), (dir / "small").c_str()));
+        EXPECT_EQ(4, COM_AppendFileToFile(path.c_str(), (dir / "small").c_str()));
     });
     EXPECT_EQ("end, more", Tail(path, kFiveGiB)) << std::filesystem::file_size(path);
 }
@@ -70,7 +70,7 @@ TEST(LargeFile, IsReportedWithItsSize) {
 TEST(LargeFile, IsRemovedWithItsDirectory) {
     TempDir dir;
     LargeFile(dir);
-    Capture([&] { EXPECT_EQ(0, COM_RemoveFileInDir(1, dir.path().c_str())); });
+    Capture([&] { EXPECT_EQ(1, _COM_RemoveFileInDir_(1, dir.path().c_str(), 0)); });
     EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 }
 
@@ -119,7 +119,7 @@ TEST(LateDate, OfAFileIsKept) {
     EXPECT_EQ(0, stat(path.c_str(), &st));
     EXPECT_EQ(In2040::kBegin, st.st_mtime);
     char text[16] = "";
-    Capture([&] { EXPECT_EQ(0, COM_GetFileContent(path.c_str(), text, 4)); });
+    Capture([&] { EXPECT_EQ(0, COM_GetFileContent(path.c_str(), text, sizeof text)); });
     EXPECT_STREQ("text", text);
 }
 
