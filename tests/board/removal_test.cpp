@@ -87,6 +87,30 @@ TEST(Removal, OfAMountedDiskLeavesItToBeUnmounted) {
     }
 }
 
+TEST(Removal, OfADriveWithAMountedDiscLeavesItToBeUnmounted) {
+    NEEDS_EMULATED_BOARD();
+    Monitor monitor;
+    monitor.AddFile("disc", "cd.iso", true);
+    monitor.Plug("pulled",
+                 R"("driver":"scsi-cd","bus":"scsi.0","drive":"disc","product":"PULLED")");
+    const SysfsDevice drive = AwaitDevice("PULLED");
+    const size_t fds = OpenFds();
+    MountPoint dir;
+    Capture([&] { EXPECT_EQ(0, Dev_Mount(drive.node.c_str(), dir.path(), DEV_FS_DETECT)); });
+    EXPECT_EQ("iso9660", dir.Type());
+    monitor.Pull("pulled");
+    AwaitNoDevice("PULLED");
+
+    tDevInfo dev = {};
+    strcpy(dev.devPath, drive.node.c_str());
+    strcpy(dev.sgPath, drive.sgNode.c_str());
+    dev.isOptical = 1;
+    Capture([&] { EXPECT_EQ(-1, Dev_GetDiscInfo(&dev)); });
+    Capture([&] { EXPECT_EQ(0, Dev_uMount(dir.path())); });
+    EXPECT_EQ("", dir.Type());
+    EXPECT_EQ(fds, OpenFds());
+}
+
 // Commands that are under way fail with the device, and what they held is released.
 TEST(Removal, OfADriveWhileItIsQueriedEndsTheQuery) {
     NEEDS_EMULATED_BOARD();

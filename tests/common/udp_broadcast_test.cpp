@@ -281,6 +281,9 @@ void WriteCapture(const std::string &path, const std::vector<std::string> &frame
 
 // tshark's checksum status: 1 good, 0 bad, 2 absent or not checked.
 TEST(SendUdpPackage, IsDecodedByAProtocolAnalyser) {
+    if (!HasCommand("tshark")) {
+        GTEST_SKIP() << "tshark is not installed (see packages.txt)";
+    }
     RunInPrivateWorld(kNetwork, [] {
         MakeLink(1600);
         const Catcher far{"far0"};
