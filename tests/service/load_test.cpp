@@ -13,20 +13,17 @@
 #include "service/client.h"
 #include "service/support/program.h"
 #include "service/support/wire.h"
-#include "support/emulator.h"
 
 namespace {
 
 using namespace talvek::test;
 
-// Starting a process costs many times as much with a sanitizer or on the target.
-int InARow() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return 200;
+// Starting a process costs many times as much with a sanitizer or on the target, emulated or not.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__arm__)
+constexpr int kInARow = 200;
 #else
-    return Emulated() ? 200 : 2000;
+constexpr int kInARow = 2000;
 #endif
-}
 constexpr int kAtOnce = 500;
 
 std::string ExitOf(int status) {
@@ -46,7 +43,7 @@ void ExpectNothingLeft(const Daemon &daemon, int descriptors) {
 TEST(Load, ClientsOneAfterAnother) {
     const Daemon daemon;
     const int descriptors = daemon.Descriptors();
-    for (int i = 0; i < InARow(); ++i) {
+    for (int i = 0; i < kInARow; ++i) {
         const int status = i % 256;
         ASSERT_EQ(status,
                   RunProgram({"-C", "-s", daemon.socket(), "-f", ExitOf(status)}).exitStatus())
