@@ -1,4 +1,4 @@
-// Identity and SMART attributes of an attached disk. The board's kernel no longer has the IDE driver
+// Identity and SMART attributes of an attached disk. The board's kernel no longer has the driver
 // that published them in /proc/ide, so the texts are made there of what the disk itself answers.
 
 #include "dev/ide.h"
@@ -69,8 +69,8 @@ TEST(AttachedDisk, HasTheIdentityThatHdparmReports) {
     });
 }
 
-// ATA PASS-THROUGH (16), PIO data-in, of SMART READ DATA (ACS-3 7.48.6): 30 entries of 12 bytes from
-// byte 2, each with its id first and its raw value from byte 5.
+// ATA PASS-THROUGH (16), PIO data-in, of SMART READ DATA (ACS-3 7.48.6): 30 entries of 12 bytes
+// from byte 2, each with its id first and its raw value from byte 5.
 TEST(AttachedDisk, HasTheSmartAttributesThatItAnswers) {
     NEEDS_EMULATED_BOARD();
     const std::string node = AwaitDevice("BOARD DISK").node;

@@ -1,4 +1,4 @@
-// The init script on the board: the service is started, looked at and stopped as an init system does.
+// The init script on the board starts, looks at and stops the service as an init system does.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -13,8 +13,8 @@ namespace {
 
 using namespace talvek::test;
 
-// The status with which the script ends (LSB 5.0, 22.2: "status" gives 0 for a running program and 3
-// for one that does not run).
+// The status with which the script ends (LSB 5.0, 22.2: "status" gives 0 for a running program and
+// 3 for one that does not run).
 int Script(const std::string &path, const std::string &action) {
     return atoi(RunCommand(path + " " + action + " >/dev/null 2>&1 </dev/null; echo $?").c_str());
 }
