@@ -34,7 +34,7 @@ static void ShowLine(char *pLine, size_t length) {
     struct timeval now;
     char time[COM_TIMEVAL_SIZE] = "";
     gettimeofday(&now, NULL);
-    COM_TimevalToStr(time, now.tv_sec, now.tv_usec);
+    COM_TimevalToStr(time, now.tv_sec, (long)now.tv_usec);
     pLine[length] = '\0';
     FactsItem();
     FactsText("time", time);
