@@ -3,7 +3,6 @@
 #include "service/static/heap.h"
 
 #include <errno.h>
-#include <pthread.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -39,10 +38,10 @@ struct Free {
     Free *next;
 };
 
-Free *g_free[std::bit_width(kLargest)];  // by power of two
-char *g_memory = talvek_heap_memory;     // what was not a block yet
-size_t g_left = kSize;
-pthread_mutex_t g_mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit Mutex g_mutex;
+Free *g_free[std::bit_width(kLargest)] TALVEK_GUARDED_BY(g_mutex);  // by power of two
+char *g_memory TALVEK_GUARDED_BY(g_mutex) = talvek_heap_memory;     // what was not a block yet
+size_t g_left TALVEK_GUARDED_BY(g_mutex) = kSize;
 
 Header *HeaderOf(void *block) {
     Header *header = static_cast<Header *>(block) - 1;
