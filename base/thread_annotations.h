@@ -18,8 +18,5 @@
 #define TALVEK_TRY_ACQUIRE(...) TALVEK_THREAD(try_acquire_capability(__VA_ARGS__))
 #define TALVEK_RELEASE(...) TALVEK_THREAD(release_capability(__VA_ARGS__))
 #define TALVEK_REQUIRES(...) TALVEK_THREAD(requires_capability(__VA_ARGS__))
-#define TALVEK_RETURN_CAPABILITY(mutex) TALVEK_THREAD(lock_returned(mutex))
-// Before a function whose locking the analysis cannot follow; a comment says why.
-#define TALVEK_NO_THREAD_ANALYSIS TALVEK_THREAD(no_thread_safety_analysis)
 
 #endif

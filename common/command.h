@@ -84,7 +84,7 @@ typedef struct tProcState {
  * with the text unchanged, when the state cannot be read.
  *
  * The text is the third word of the file, split at blanks and "/", and cut to 3 characters. If the
- * program's name contains one of these, the text and the result are of a part of the name. */
+ * program's name contains a blank or "/", text and result come from a part of the name. */
 int COM_CheckProcState(tProcState *pProc);
 
 /* Sleeps at least as long as asked, also when signals interrupt: the rest is slept in rounds of
@@ -92,7 +92,7 @@ int COM_CheckProcState(tProcState *pProc);
  * cancelled here.
  *
  *   pTime      time to sleep
- *   maxRounds  most rounds; a count that reaches it is logged, and 0 is reached at once
+ *   maxRounds  most rounds; a count that reaches it is logged, so 0 always is
  *
  * Returns the number of rounds, 0 when the first sleep was enough; -1 when pTime is NULL. */
 int COM_SleepAtLeast(const struct timespec *pTime, int maxRounds);

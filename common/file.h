@@ -47,7 +47,7 @@ enum {
  * be examined or removed (the others are removed all the same); 0 when the directory cannot be
  * opened. A directory inside it that cannot be opened, and any directory that cannot be removed at
  * the end, is logged and is no failure: the result counts what was removed. Each level of the tree
- * takes a descriptor, so a tree that is deeper than the descriptors last stays in part. */
+ * takes a descriptor: if none is left, the levels below stay. */
 int _COM_RemoveFileInDir_(int recursive, const char *pDir, int removeSelf);
 
 /* _COM_RemoveFileInDir_ with the directory itself removed too. */
@@ -130,15 +130,15 @@ typedef struct tFileItemRequest {
  * file, never a half-edited one; with find_only the file is unchanged. */
 int COM_ReplaceItemsInFile(const char *pFileName, tFileItemRequest *pRequest);
 
-/* Grows a heap buffer and copies into it.
+/* Resizes a heap buffer and copies into it.
  *
  *   size    new size of the whole block in bytes
  *   ppBuf   the block, or NULL for a first one; receives the new block
  *   offset  where the copy goes; the bytes from there to the end that it does not fill are zeroed
  *   pSrc    `length` bytes, which may be inside the block and overlap their destination; NULL
  *           copies none
- *   length  the copy ends at the end of the block; so does a source inside it, which a smaller
- *           block may have cut
+ *   length  fewer bytes are copied if the destination, or a source inside the block, would pass the
+ *           end of the new block
  *
  * Returns the new block, which belongs to the caller, or NULL with *ppBuf still valid. */
 void *COM_ReallocAndCopyBuf(size_t size, void **ppBuf, size_t offset, const void *pSrc,
