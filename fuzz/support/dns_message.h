@@ -12,7 +12,8 @@ namespace talvek::fuzz {
 // Builds a DNS message from the bytes, so that counts, names and records fit each other often. Each
 // step takes one byte, whose value modulo 8 decides:
 //
-//   0   a header of 12 bytes: the identifier and flags of a good response, and three counts below 16
+//   0   a header of 12 bytes: the identifier and flags of a good response, and three counts below
+//       16
 //   1   a label and its bytes      2   the end of a name      3   a compression pointer to a byte
 //   4   an address record without its owner: type, class, time to live, length 4, address
 //   5   a mail exchanger without owner and name: type, class, time to live, length, preference

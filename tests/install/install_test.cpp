@@ -1,5 +1,5 @@
-// An installation: what is copied where, what the shared libraries export, and programs of a user in C
-// and C++ that are linked with it by hand, by pkg-config and by CMake, with both compilers.
+// An installation: what is copied where, what the shared libraries export, and programs of a user
+// in C and C++ that are linked with it by hand, by pkg-config and by CMake, with both compilers.
 
 #include <gtest/gtest.h>
 

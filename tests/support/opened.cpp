@@ -5,7 +5,8 @@
 namespace talvek::test {
 
 std::vector<Opened> &OpenedFiles() {
-    // Kept beyond the last destructor: a program that measures coverage opens files at its very end.
+    // Kept beyond the last destructor: a program that measures coverage opens files at its very
+    // end.
     static std::vector<Opened> &files = *new std::vector<Opened>;
     return files;
 }
