@@ -1,7 +1,6 @@
 // The init script on the board starts, looks at and stops the service as an init system does.
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <string>
@@ -15,34 +14,49 @@ using namespace talvek::test;
 
 // The status with which the script ends (LSB 5.0, 22.2: "status" gives 0 for a running program and
 // 3 for one that does not run).
-int Script(const std::string &path, const std::string &action) {
-    return atoi(RunCommand(path + " " + action + " >/dev/null 2>&1 </dev/null; echo $?").c_str());
+std::string Script(const std::string &shell, const std::string &action) {
+    return RunCommand(shell + " /etc/init.d/talvek " + action +
+                      " >/dev/null 2>&1 </dev/null; echo $?");
+}
+
+// What the daemon at the usual socket is asked.
+std::string Asked() {
+    return RunCommand("/usr/bin/talvek -C -f 'exit 7' >/dev/null; echo $?");
+}
+
+// Installs a file of packaging/ with the folders of an installation below /usr. What is put there
+// is gone when the board is switched off.
+void Install(const std::string &file, const std::string &path) {
+    RunCommand("mkdir -p $(dirname " + path +
+               ") && sed 's|@CMAKE_INSTALL_FULL_BINDIR@|/usr/bin|; "
+               "s|@CMAKE_INSTALL_FULL_LIBEXECDIR@|/usr/libexec|' " +
+               file + " >" + path + " && chmod 755 " + path);
 }
 
 TEST(InitScript, StartsAndStopsTheService) {
     NEEDS_EMULATED_BOARD();
     const std::string checkout = BoardVariable("BOARD_CHECKOUT");
-    const std::string script = checkout + "/packaging/init.d/talvek";
-    if (!std::filesystem::exists(script)) {
+    const std::string packaging = checkout + "/packaging";
+    if (!std::filesystem::exists(packaging + "/init.d/talvek")) {
         GTEST_SKIP() << "there is no packaging/init.d/talvek";
     }
-    // What is put there is gone when the board is switched off.
-    RunCommand("install -D " + script + " /etc/init.d/talvek");
-    for (const char *pDir : {"/usr/bin", "/usr/sbin"}) {
-        RunCommand("install " + checkout + "/build/arm/talvek " + pDir + "/talvek");
+    Install(packaging + "/init.d/talvek", "/etc/init.d/talvek");
+    Install(packaging + "/talvek-listener", "/usr/libexec/talvek-listener");
+    RunCommand("install " + checkout + "/build/arm/talvek /usr/bin/talvek");
+    for (const std::string shell : {"sh", "busybox sh"}) {
+        SCOPED_TRACE(shell);
+        EXPECT_EQ("3", Script(shell, "status"));
+        EXPECT_EQ("0", Script(shell, "start")) << RunCommand("cat /var/log/talvek.log");
+        EXPECT_EQ("0", Script(shell, "status"));
+        EXPECT_EQ("7", Asked());
+        EXPECT_EQ("0", Script(shell, "start")) << "started twice";
+        EXPECT_EQ("7", Asked());
+        EXPECT_EQ("0", Script(shell, "restart"));
+        EXPECT_EQ("7", Asked());
+        EXPECT_EQ("0", Script(shell, "stop"));
+        EXPECT_EQ("3", Script(shell, "status"));
+        EXPECT_FALSE(std::filesystem::exists("/var/run/TALVEK"));
     }
-    const std::string installed = "/etc/init.d/talvek";
-    EXPECT_EQ(3, Script(installed, "status"));
-    EXPECT_EQ(0, Script(installed, "start"));
-    EXPECT_EQ(0, Script(installed, "status"));
-    EXPECT_EQ("7", RunCommand("talvek -C -f 'exit 7' >/dev/null; echo $?"));
-    EXPECT_EQ(0, Script(installed, "start")) << "started twice";
-    EXPECT_EQ("7", RunCommand("talvek -C -f 'exit 7' >/dev/null; echo $?"));
-    EXPECT_EQ(0, Script(installed, "restart"));
-    EXPECT_EQ("7", RunCommand("talvek -C -f 'exit 7' >/dev/null; echo $?"));
-    EXPECT_EQ(0, Script(installed, "stop"));
-    EXPECT_EQ(3, Script(installed, "status"));
-    EXPECT_FALSE(std::filesystem::exists("/var/run/TALVEK"));
 }
 
 }  // namespace
