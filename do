@@ -11,6 +11,8 @@ usage() {
 ./do sanitize  all tests under AddressSanitizer and UndefinedBehaviorSanitizer
 ./do thread    the tests of what runs in threads under ThreadSanitizer
 ./do arm       build for 32-bit ARM and run the test programs under qemu
+./do compilers build with clang, other flags and other processors (tools/compilers)
+./do abi       compare the shared libraries with the recorded interface (tools/abi)
 ./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
 ./do coverage  lines and branches that the tests reach
 ./do lint      format, static analysis, manual pages, spelling, phrases
@@ -295,6 +297,18 @@ bench)
     configure bench
     compile bench
     bench/run
+    ;;
+compilers)
+    need "build compilers"
+    shift
+    tools/compilers "$@"
+    ;;
+abi)
+    need "build abi"
+    configure default
+    compile default talvek_common_shared talvek_dev_shared talvek_dns_shared talvek_service_shared
+    shift
+    tools/abi "$@"
     ;;
 coverage)
     # Counts of an earlier build belong to other lines.

@@ -48,7 +48,7 @@ target_compile_options(talvek_musl INTERFACE -fPIE -nostdinc
     "SHELL:-isystem ${musl_include}" ${compiler_dirs}
     "SHELL:-isystem ${PROJECT_BINARY_DIR}/musl/kernel"
     # A request of ioctl is an int there, and some are larger.
-    -Wno-overflow
+    -Wno-overflow -Wno-sign-conversion
     # musl's pthread_cancel unwinds nothing, and nothing in the program throws.
     -fno-unwind-tables -fno-asynchronous-unwind-tables
     # The kernel maps the file at once: what is smaller takes less memory and time at every start.
