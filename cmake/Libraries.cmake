@@ -135,3 +135,17 @@ function(talvek_install_documents)
     file(GLOB examples CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/examples/*.[ch])
     install(FILES ${examples} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 endfunction()
+
+# What supervises the daemon. The unit and the script name the program by its path below
+# CMAKE_INSTALL_PREFIX.
+function(talvek_install_supervision)
+    install(PROGRAMS ${PROJECT_SOURCE_DIR}/packaging/talvek-listener
+        DESTINATION ${CMAKE_INSTALL_LIBEXECDIR})
+    configure_file(packaging/systemd/talvek.service talvek.service @ONLY)
+    install(FILES ${PROJECT_BINARY_DIR}/talvek.service DESTINATION lib/systemd/system)
+    configure_file(packaging/init.d/talvek init.d/talvek @ONLY)
+    install(PROGRAMS ${PROJECT_BINARY_DIR}/init.d/talvek
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/talvek/init.d)
+    install(FILES packaging/logrotate/talvek
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/talvek/logrotate.d)
+endfunction()

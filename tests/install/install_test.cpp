@@ -94,7 +94,9 @@ TEST_F(Install, CopiesWhatEachPartNeeds) {
         }
     };
     for (const char *name :
-         {"bin/talvek", "share/man/man8/talvek.8", "share/doc/talvek/examples/dns_lookup.c",
+         {"bin/talvek", "share/man/man8/talvek.8", "libexec/talvek-listener",
+          "lib/systemd/system/talvek.service", "share/talvek/init.d/talvek",
+          "share/talvek/logrotate.d/talvek", "share/doc/talvek/examples/dns_lookup.c",
           "include/talvek/common/COMMON.h", "include/talvek/dev/DEV.h", "include/talvek/dns/DNS.h",
           "include/talvek/service/TALVEK.h"}) {
         expect(Prefix() + "/" + name);
