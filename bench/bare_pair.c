@@ -1,10 +1,10 @@
 /* The least that a pair of C programs does for the same service; the yardstick of invoke_bench.
  *
- * As with talvek, the client sends its environment and a command over a Unix-domain socket. The
- * daemon forks a child for each client, which sets the environment, runs the command by system()
- * and sends the status back, with which the client ends. What talvek does beyond that is left out:
- * a register package with its reply before the command, checksums, log lines, time-outs, a bounded
- * look at what the peer sends, signals that end the daemon, sockets of an earlier one.
+ * The exchange over the Unix-domain socket is talvek's: the client sends its environment and gets it
+ * back, sends a command and gets its status, with which it ends. The daemon forks a child for each
+ * client, which sets the environment and runs the command by system(). What talvek does beyond that
+ * is left out: package headers with checksums, log lines, time-outs, packages that arrive in parts,
+ * signals that end the daemon, sockets of an earlier one.
  *
  *   bare_pair -D <socket>             daemon, in the foreground
  *   bare_pair -C <socket> <command>   client
@@ -19,7 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/* The command and the environment, each string with its NUL. */
+/* The environment, each string with its NUL; then the command. */
 static char g_message[65536];
 
 static struct sockaddr_un AddressOf(const char *path) {
@@ -38,7 +38,7 @@ static size_t Append(size_t size, const char *string) {
 }
 
 static int RunClient(const char *path, const char *command) {
-    size_t size = Append(0, command);
+    size_t size = 0;
     for (char **string = environ; *string != NULL; ++string) {
         size = Append(size, *string);
     }
@@ -46,7 +46,8 @@ static int RunClient(const char *path, const char *command) {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     int32_t status = 1;
     if (connect(fd, (const struct sockaddr *)&address, sizeof address) != 0 ||
-        write(fd, g_message, size) != (ssize_t)size ||
+        write(fd, g_message, size) != (ssize_t)size || read(fd, g_message, size) != (ssize_t)size ||
+        write(fd, command, strlen(command) + 1) <= 0 ||
         read(fd, &status, sizeof status) != sizeof status) {
         return 1;
     }
@@ -55,10 +56,10 @@ static int RunClient(const char *path, const char *command) {
 
 static void Serve(int fd) {
     const ssize_t size = read(fd, g_message, sizeof g_message);
-    if (size <= 0) {
+    if (size <= 0 || write(fd, g_message, (size_t)size) != size) {
         return;
     }
-    for (char *string = g_message + strlen(g_message) + 1; string < g_message + size;) {
+    for (char *string = g_message; string < g_message + size;) {
         char *next = string + strlen(string) + 1;
         char *value = strchr(string, '=');
         if (value != NULL) {
@@ -66,6 +67,9 @@ static void Serve(int fd) {
             setenv(string, value + 1, 1);
         }
         string = next;
+    }
+    if (read(fd, g_message, sizeof g_message) <= 0) {
+        return;
     }
     signal(SIGCHLD, SIG_DFL);
     const int result = system(g_message);

@@ -26,8 +26,11 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
+
+#include "bench/side_by_side.h"
 
 namespace {
 
@@ -38,6 +41,7 @@ constexpr int kRounds = 1000;
 constexpr int kCalls = 1000;  // of a burst
 constexpr size_t kInFlight = 16;
 constexpr int kBursts = 7;
+constexpr const char *kStatic = "talvek, static on musl";
 
 // The same environment for all: 600 bytes in 15 variables, as a login has it.
 std::vector<std::string> MakeEnvironment() {
@@ -111,8 +115,11 @@ double Fastest(const std::vector<double> &values) {
 struct Contender {
     std::string name;
     Words words;
-    int every = 1;         // takes part in each n-th round
-    bool inBursts = true;  // takes part in the bursts
+    const char *work;           // what it does, and where that is more or less
+    const char *aim = "";       // at most so much of its time for a call; 0 for none
+    const char *burstAim = "";  // the same in a burst
+    int every = 1;              // takes part in each n-th round
+    bool inBursts = true;       // takes part in the bursts
     std::vector<double> us = {};
     std::vector<double> burstUs = {};  // of a call
 };
@@ -227,28 +234,33 @@ class Servers {
 };
 
 bool AddTalvek(Servers &servers, std::vector<Contender> &contenders) {
-    for (const auto &[name, program] :
-         {std::pair{"talvek, static on musl", TALVEK_PROGRAM},
-          std::pair{"talvek, dynamic on glibc", TALVEK_DYNAMIC_PROGRAM}}) {
+    for (const auto &[name, program, aim] :
+         {std::tuple{kStatic, TALVEK_PROGRAM, ""},
+          std::tuple{"talvek, dynamic on glibc", TALVEK_DYNAMIC_PROGRAM, "0.62"}}) {
         const std::string socket = servers / fs::path{program}.parent_path().filename();
         if (servers.RunTalvek(program, socket) == -1) {
             return false;
         }
-        contenders.push_back({name, {program, "-C", "-f", "true", "-s", socket}});
+        contenders.push_back(
+            {name, {program, "-C", "-f", "true", "-s", socket}, "the same sources", aim});
     }
     return true;
 }
 
 bool AddBarePair(Servers &servers, std::vector<Contender> &contenders) {
-    for (const auto &[name, build] : {std::pair{"bare C pair, static on musl", "musl"},
-                                      std::pair{"bare C pair, static on glibc", "static"},
-                                      std::pair{"bare C pair, dynamic on glibc", "dynamic"}}) {
+    for (const auto &[name, build, aim] :
+         {std::tuple{"bare C pair, static on musl", "musl", "1.05"},
+          std::tuple{"bare C pair, static on glibc", "static", ""},
+          std::tuple{"bare C pair, dynamic on glibc", "dynamic", ""}}) {
         const std::string program = TALVEK_BINARY_DIR "/bench/bare_pair_" + std::string{build};
         const std::string socket = servers / ("pair_" + std::string{build});
         if (!servers.Run({program, "-D", socket}, socket)) {
             return false;
         }
-        contenders.push_back({name, {program, "-C", socket, "true"}});
+        contenders.push_back({name,
+                              {program, "-C", socket, "true"},
+                              "the same exchange without checks, log lines and time-outs",
+                              aim});
     }
     return true;
 }
@@ -260,7 +272,9 @@ bool AddS6(Servers &servers, std::vector<Contender> &contenders) {
         return true;
     }
     const std::string socket = servers / "s6";
-    contenders.push_back({"s6: s6-sudo, s6-ipcserver with s6-sudod", {"s6-sudo", socket, "true"}});
+    contenders.push_back({"s6-sudo, s6-ipcserver, s6-sudod",
+                          {"s6-sudo", socket, "true"},
+                          "no environment goes over; the standard streams do"});
     return servers.Run({"s6-ipcserver", "-c", "100", "-b", "128", socket, "s6-sudod", "sh", "-c"},
                        socket);
 }
@@ -275,8 +289,9 @@ bool AddUcspi(Servers &servers, std::vector<Contender> &contenders) {
     }
     const std::string socket = servers / "ucspi";
     contenders.push_back(
-        {"ucspi-unix: unixclient and unixserver with sh",
-         {"unixclient", socket, "sh", "-c", "echo true >&7; read -r status <&6; exit $status"}});
+        {"ucspi-unix with sh",
+         {"unixclient", socket, "sh", "-c", "echo true >&7; read -r status <&6; exit $status"},
+         "no environment goes over; a shell at each end"});
     return servers.Run(
         {"unixserver", "-q", "-c", "100", "-b", "128", "--", socket, "sh", "-c", kServe}, socket);
 }
@@ -286,8 +301,9 @@ bool AddSocat(Servers &servers, std::vector<Contender> &contenders) {
         return true;
     }
     const std::string socket = servers / "socat";
-    contenders.push_back({"socat at both ends with sh",
-                          {"sh", "-c", "exit $(echo true | socat - UNIX-CONNECT:" + socket + ")"}});
+    contenders.push_back({"socat with sh",
+                          {"sh", "-c", "exit $(echo true | socat - UNIX-CONNECT:" + socket + ")"},
+                          "no environment goes over; a shell at each end"});
     return servers.Run(
         {"socat", "UNIX-LISTEN:" + socket + ",fork,backlog=128", std::string{"SYSTEM:"} + kServe},
         socket);
@@ -321,8 +337,11 @@ bool AddDropbear(Servers &servers, std::vector<Contender> &contenders) {
         "/pid -p 127.0.0.1:" + port;
     servers.Keep(Start({"unshare", "--mount", "sh", "-c", server}));
     contenders.push_back(
-        {"dropbear: dbclient, with key exchange and login",
+        {"dropbear",
          {"dbclient", "-y", "-y", "-i", ssh + "/client", "-p", port, "root@127.0.0.1", "true"},
+         "over TCP, with key exchange, encryption and login",
+         "",
+         "",
          50,
          false});
     char row[32];
@@ -422,19 +441,25 @@ void Print(const std::vector<Contender> &contenders) {
     }
 }
 
-double MedianOf(const std::vector<Contender> &contenders, const std::string &name) {
-    const auto found =
-        std::find_if(contenders.begin(), contenders.end(),
-                     [&](const Contender &contender) { return contender.name == name; });
-    return Median(found->us);
+// The contender whose name begins with a text.
+const Contender &Find(const std::vector<Contender> &contenders, const std::string &begin) {
+    return *std::find_if(contenders.begin(), contenders.end(), [&](const Contender &contender) {
+        return contender.name.rfind(begin, 0) == 0;
+    });
 }
 
-void PrintRatios(const std::vector<Contender> &contenders) {
-    const double talvek = MedianOf(contenders, "talvek, static on musl");
-    printf("\na call of the static program takes %.2f of one of the dynamic program (aim: 0.62)\n",
-           talvek / MedianOf(contenders, "talvek, dynamic on glibc"));
-    printf("and %.2f of one of the bare C pair on musl (aim: 1.05)\n",
-           talvek / MedianOf(contenders, "bare C pair, static on musl"));
+void AddRows(const std::vector<Contender> &contenders) {
+    const Contender &talvek = Find(contenders, kStatic);
+    for (const Contender &peer : contenders) {
+        if (&peer == &talvek || peer.every != 1) {
+            continue;
+        }
+        AddRow({"a call", talvek.us}, {peer.name, peer.us}, "us", peer.work, peer.aim);
+        if (!peer.burstUs.empty()) {
+            AddRow({"a call, 16 at once", talvek.burstUs}, {peer.name, peer.burstUs}, "us",
+                   peer.work, peer.burstAim);
+        }
+    }
 }
 
 // A client that has registered with the program's package format and sends no command. The child
@@ -473,7 +498,10 @@ void CopyToDisk(const std::string &from, const std::string &to) {
 
 // A copy of the file, so that no other process shares its pages.
 bool PrintMemory(Servers &servers) {
-    bool good = true;
+    struct Kb {
+        double idleOwn, idlePss, handlerOwn;
+    };
+    std::vector<Kb> memory;
     for (const auto &[name, program] :
          {std::pair{"static", TALVEK_PROGRAM}, std::pair{"dynamic", TALVEK_DYNAMIC_PROGRAM}}) {
         const std::string copy = servers / (std::string{"copy_"} + name);
@@ -483,17 +511,27 @@ bool PrintMemory(Servers &servers) {
         if (daemon == -1) {
             return false;
         }
-        printf("\n%s, %ld bytes: idle daemon %ld kB (Private_Dirty), %ld kB (Pss)\n", name,
-               static_cast<long>(fs::file_size(copy)), MemoryOf(daemon, "Private_Dirty:"),
-               MemoryOf(daemon, "Pss:"));
+        const auto idleOwn = static_cast<double>(MemoryOf(daemon, "Private_Dirty:"));
+        const auto idlePss = static_cast<double>(MemoryOf(daemon, "Pss:"));
         int fd = -1;
         const pid_t handler = Handler(daemon, socket, &fd);
-        printf("a handler that waits for its command %ld kB of its own\n",
-               MemoryOf(handler, "Private_Dirty:") + MemoryOf(handler, "Private_Clean:"));
+        if (handler <= 0) {
+            return false;
+        }
+        const long handlerOwn =
+            MemoryOf(handler, "Private_Dirty:") + MemoryOf(handler, "Private_Clean:");
         close(fd);
-        good = good && handler > 0;
+        memory.push_back({idleOwn, idlePss, static_cast<double>(handlerOwn)});
+        printf("%s program: %ld bytes\n", name, static_cast<long>(fs::file_size(copy)));
     }
-    return good;
+    const auto add = [&memory](const char *pName, double Kb::*field, const char *pAim) {
+        AddRow({pName, {memory[0].*field}}, {"talvek, dynamic on glibc", {memory[1].*field}}, "kB",
+               "the same sources", pAim);
+    };
+    add("idle daemon, Private_Dirty", &Kb::idleOwn, "32 kB");
+    add("idle daemon, Pss", &Kb::idlePss, "230 kB");
+    add("waiting handler, its own", &Kb::handlerOwn, "60 kB");
+    return true;
 }
 
 }  // namespace
@@ -501,8 +539,8 @@ bool PrintMemory(Servers &servers) {
 int main() {
     Servers servers;
     std::vector<Contender> contenders{
-        {"sh -c true", {"sh", "-c", "true"}},
-        {"a program that does nothing, static on musl", {TALVEK_BINARY_DIR "/bench/nothing"}},
+        {"sh -c true", {"sh", "-c", "true"}, "one shell, no service", "", "1.35"},
+        {"nothing, static on musl", {TALVEK_BINARY_DIR "/bench/nothing"}, "ends at once"},
     };
     std::mt19937 random{20261121};
     if (!PrintMemory(servers) || !AddTalvek(servers, contenders) ||
@@ -514,6 +552,8 @@ int main() {
     }
     printf("\n");
     Print(contenders);
-    PrintRatios(contenders);
+    AddRows(contenders);
+    printf("\n");
+    PrintRows("invoke_bench");
     return 0;
 }
