@@ -20,7 +20,7 @@ usage() {
                (docs/reliability.md)
 ./do words     phrases that make a reader stop, in the tree or in the files named
 ./do docs      the documents as a site in build/docs/site, and the manual pages of section 3
-./do bench     measure speed and memory next to other programs
+./do bench     measure speed and memory next to other programs (docs/performance.md)
 ./do clean     remove build/
 ./do help      this list
 
@@ -296,7 +296,7 @@ bench)
     need "build bench"
     configure bench
     compile bench
-    bench/run
+    bench/run "${2:-}"
     ;;
 compilers)
     need "build compilers"

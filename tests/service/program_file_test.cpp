@@ -147,6 +147,18 @@ TEST(ProgramFile, NothingIsWritableAndExecutable) {
     EXPECT_EQ(0U, stack[0].p_flags & PF_X);
 }
 
+// The compiler's guard calls this function when a stack has been overwritten. The program's own
+// symbols are stripped, so the libraries that it is made of are read.
+TEST(ProgramFile, FunctionsGuardTheirStack) {
+    const std::string dir = std::string{TALVEK_BINARY_DIR} + (StaticProgram() ? "/musl" : "");
+    for (const char *module : {"common", "dev", "dns", "service"}) {
+        const std::string path = dir + "/libtalvek_" + module + ".a";
+        std::ifstream in{path, std::ios::binary};
+        const std::string library{std::istreambuf_iterator<char>{in}, {}};
+        EXPECT_NE(std::string::npos, library.find("__stack_chk_fail")) << path;
+    }
+}
+
 struct Mapping {
     uint64_t begin;
     uint64_t end;
