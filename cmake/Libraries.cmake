@@ -132,7 +132,20 @@ function(talvek_install_documents)
         string(REPLACE "." man section ${section})
         install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/${section})
     endforeach()
-    file(GLOB examples CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/examples/*.[ch])
+    # Section 3 is made from the headers.
+    find_program(PERL perl)
+    if(PERL)
+        file(GLOB headers CONFIGURE_DEPENDS common/*.h dev/*.h dns/*.h service/*.h)
+        set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+            ${headers} docs/talvek.8 tools/docs/man-pages)
+        file(REMOVE_RECURSE ${PROJECT_BINARY_DIR}/man3)
+        file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/man3)
+        execute_process(COMMAND ${PERL} tools/docs/man-pages ${PROJECT_BINARY_DIR}/man3
+            WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} COMMAND_ERROR_IS_FATAL ANY)
+        install(DIRECTORY ${PROJECT_BINARY_DIR}/man3 DESTINATION ${CMAKE_INSTALL_MANDIR})
+    endif()
+    file(GLOB examples CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/examples/*.[ch]
+        ${PROJECT_SOURCE_DIR}/examples/*.py)
     install(FILES ${examples} DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 endfunction()
 
