@@ -19,7 +19,7 @@ usage() {
 ./do fuzz      [seconds] [targets]: hostile bytes for everything that reads some
                (docs/reliability.md)
 ./do words     phrases that make a reader stop, in the tree or in the files named
-./do docs      the documents as a site in build/docs/site, and the manual pages of section 3
+./do docs      the documents as a site in build/docs/site, looked at in a browser
 ./do bench     measure speed and memory next to other programs (docs/performance.md)
 ./do clean     remove build/
 ./do help      this list
@@ -236,7 +236,8 @@ lint() {
     find base common dev dns service -name '*.cpp' |
         xargs -P "$(nproc)" -n 2 sh -c 'found=$(clang-tidy-14 -p build --quiet "$@" 2>&1) ||
             { echo "$found"; exit 1; }' sh
-    for page in docs/*.[1-8]; do
+    # The pages of section 3 are made from the headers when build/ is set up.
+    for page in docs/*.[1-8] build/man3/talvek_*.3; do
         mandoc -T lint -W warning "$page"
     done
     codespell --skip './.git*,./build,./fuzz/inputs' --ignore-words tools/lint/codespell-ignore.txt .
@@ -249,10 +250,9 @@ docs() {
     need docs
     writable
     rm -rf build/docs
-    mkdir -p build/docs/man/man3 build/docs/site
-    tools/docs/man-pages build/docs/man/man3
-    mandoc -T lint -W warning build/docs/man/man3/talvek_*.3
-    tools/docs/site build/docs/man/man3 build/docs/site
+    mkdir -p build/docs/man3 build/docs/site
+    tools/docs/man-pages build/docs/man3
+    tools/docs/site build/docs/man3 build/docs/site
     tools/docs/check build/docs/site
     echo "The site begins at $PWD/build/docs/site/index.html"
 }
