@@ -15,7 +15,6 @@
 #include "bench/side_by_side.h"
 #include "common/file_copy.h"
 
-extern char **environ;
 
 namespace {
 

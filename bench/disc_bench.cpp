@@ -36,7 +36,7 @@ void LoadReplies(const std::string &fixture) {
     std::ifstream in{TALVEK_SOURCE_DIR "/tests/dev/fixtures/" + fixture};
     uint8_t opcode = 0;
     for (std::string line; std::getline(in, line);) {
-        line = line.substr(0, line.find('#'));
+        line.resize(std::min(line.size(), line.find('#')));
         if (line.rfind('[', 0) == 0) {
             opcode = static_cast<uint8_t>(std::stoul(line.substr(1, 2), nullptr, 16));
             g_replies[opcode].clear();

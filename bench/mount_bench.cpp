@@ -70,10 +70,10 @@ bool EnterWorld() {
     return true;
 }
 
-#define NEED_WORLD(state)                                     \
-    if (!g_haveWorld) {                                       \
-        state.SkipWithError("no mount namespace of its own"); \
-        return;                                               \
+#define NEED_WORLD(state)                                       \
+    if (!g_haveWorld) {                                         \
+        (state).SkipWithError("no mount namespace of its own"); \
+        return;                                                 \
     }
 
 void InitFsArray(benchmark::State &state) {

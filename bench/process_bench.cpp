@@ -15,7 +15,6 @@
 #include "common/command.h"
 #include "common/process.h"
 
-extern char **environ;
 
 namespace {
 
