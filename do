@@ -17,6 +17,7 @@ usage() {
 ./do coverage  lines and branches that the tests reach
 ./do lint      format, static analysis, manual pages, spelling, phrases
 ./do analyse   more static analysis, of the benchmarks and fuzz targets too
+./do torture   what hostile peers and commands do to the daemon, in large crowds
 ./do fuzz      [seconds] [targets]: hostile bytes for everything that reads some
                (docs/reliability.md)
 ./do words     phrases that make a reader stop, in the tree or in the files named
@@ -325,6 +326,10 @@ board)
 docs) docs ;;
 lint) lint ;;
 analyse) analyse ;;
+torture)
+    export TALVEK_TORTURE=1
+    run_tests test "build test" '^service_(torture|load)_test'
+    ;;
 fuzz)
     need "build fuzz"
     configure fuzz
