@@ -15,7 +15,6 @@
 #include "bench/side_by_side.h"
 #include "common/file_copy.h"
 
-
 namespace {
 
 // A source of state.range(0) KiB and an existing destination, in a directory of their own.

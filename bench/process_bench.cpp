@@ -5,6 +5,7 @@
 #include <spawn.h>
 #include <stdlib.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -14,7 +15,6 @@
 #include "bench/side_by_side.h"
 #include "common/command.h"
 #include "common/process.h"
-
 
 namespace {
 
