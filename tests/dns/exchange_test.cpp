@@ -218,10 +218,11 @@ TEST(SendAQuery, ReceivesWithTheLongestTimeout) {
 TEST(SendAQuery, DoesNotWaitWithATimeoutOfZero) {
     InNetwork([] {
         ScriptedServer server{kServer, Deaf};
+        Pretend pretend;
         const Outcome outcome = Ask(DNS_SendAQuery, Socket(), 0);
         EXPECT_EQ(-1, outcome.result);
         EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): [0] select() timeout"}, outcome.log);
-        EXPECT_GT(20000, outcome.ms);
+        EXPECT_EQ((std::vector<Pretence::Wait>{{POLLOUT, 0}, {POLLIN, 0}}), pretend.waits);
     });
 }
 
@@ -232,7 +233,6 @@ TEST(SendAQuery, WaitsOneSecondForASilentServer) {
         EXPECT_EQ(-1, outcome.result);
         EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): [0] select() timeout"}, outcome.log);
         EXPECT_LE(1000, outcome.ms);
-        EXPECT_GT(20000, outcome.ms);
         EXPECT_EQ(1u, server.Queries().size());
     });
 }
@@ -258,7 +258,6 @@ TEST(SendAQuery, FailsOnADescriptorThatIsNotOpen) {
             EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): select(writeset:" + std::to_string(fd) +
                             ") timeout! : Bad file descriptor"},
                       outcome.log);
-            EXPECT_GT(20000, outcome.ms);
         }
     });
 }
@@ -304,11 +303,10 @@ Outcome AskUnderSignals(Send send, int timeout) {
 TEST(SendAQuery, FailsWhenASignalInterruptsTheWait) {
     InNetwork([] {
         ScriptedServer server{kServer, Deaf};
-        const Outcome outcome = AskUnderSignals(DNS_SendAQuery, 20);
+        const Outcome outcome = AskUnderSignals(DNS_SendAQuery, INT_MAX);
         EXPECT_EQ(-1, outcome.result);
         EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): [0] select() error : Interrupted system call"},
                   outcome.log);
-        EXPECT_GT(20000, outcome.ms);
     });
 }
 
@@ -421,11 +419,10 @@ TEST(SendAQuery, LogsAFailedReceive) {
         const struct sockaddr_in server = ServerAddress(kServer);
         ASSERT_EQ(0,
                   connect(fd, reinterpret_cast<const struct sockaddr *>(&server), sizeof server));
-        const Outcome outcome = Ask(DNS_SendAQuery, fd, 20);
+        const Outcome outcome = Ask(DNS_SendAQuery, fd, INT_MAX);
         EXPECT_EQ(-1, outcome.result);
         EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): recvfrom() error : Connection refused"},
                   outcome.log);
-        EXPECT_GT(20000, outcome.ms);
     });
 }
 
@@ -509,11 +506,14 @@ TEST(SendAQuery, KeepsItsTimeoutWhenTheKernelDropsADatagram) {
         const int fd = Socket(SOCK_NONBLOCK);
         ScriptedServer server{kServer, Deaf};
         SendBadDatagram(PortOf(fd));
+        Pretend pretend;
         const Outcome outcome = Ask(DNS_SendAQuery, fd, 1);
         EXPECT_EQ(-1, outcome.result);
         EXPECT_EQ(Lines{"DNS:DNS_SendAQuery(): [0] select() timeout"}, outcome.log);
         EXPECT_LE(1000, outcome.ms);
-        EXPECT_GT(20000, outcome.ms);
+        ASSERT_EQ(3u, pretend.waits.size());
+        EXPECT_EQ((Pretence::Wait{POLLIN, 1000}), pretend.waits[1]);
+        EXPECT_GE(1000, pretend.waits[2].ms) << "the rest of the second";
     });
 }
 
@@ -522,12 +522,11 @@ TEST(SendAQuery, DoesNotSpinOnASocketThatIsReadableAndEmpty) {
     InNetwork([] {
         const int fd = Socket();
         shutdown(fd, SHUT_RD);
-        const Outcome outcome = Ask(DNS_SendAQuery, fd, 20);
+        const Outcome outcome = Ask(DNS_SendAQuery, fd, INT_MAX);
         EXPECT_EQ(-1, outcome.result);
         EXPECT_EQ(
             Lines{"DNS:DNS_SendAQuery(): recvfrom() error : Resource temporarily unavailable"},
             outcome.log);
-        EXPECT_GT(20000, outcome.ms);
     });
 }
 
@@ -643,12 +642,11 @@ TEST(SendMXQuery, AsksAgainWhenTheReceiveFails) {
         const struct sockaddr_in server = ServerAddress(kServer);
         ASSERT_EQ(0,
                   connect(fd, reinterpret_cast<const struct sockaddr *>(&server), sizeof server));
-        const Outcome outcome = Ask(DNS_SendMXQuery, fd, 20);
+        const Outcome outcome = Ask(DNS_SendMXQuery, fd, INT_MAX);
         EXPECT_EQ(-1, outcome.result);
         EXPECT_EQ(Lines(2, "DNS:DNS_SendMXQuery(): recvfrom() error : Connection refused"),
                   outcome.log);
         EXPECT_TRUE(outcome.results.UntouchedFrom(0));
-        EXPECT_GT(20000, outcome.ms);
     });
 }
 
@@ -716,10 +714,9 @@ TEST(SendMXQuery, CountsASendErrorAsSent) {
 TEST(SendMXQuery, FailsAnAttemptWhenASignalInterruptsTheWait) {
     InNetwork([] {
         ScriptedServer server{kServer, Deaf};
-        const Outcome outcome = AskUnderSignals(DNS_SendMXQuery, 20);
+        const Outcome outcome = AskUnderSignals(DNS_SendMXQuery, INT_MAX);
         EXPECT_EQ(-1, outcome.result);
         EXPECT_EQ(Lines(2, "DNS:DNS_SendMXQuery(): select(&readset) timeout!"), outcome.log);
-        EXPECT_GT(20000, outcome.ms);
     });
 }
 
