@@ -222,6 +222,16 @@ TEST_F(Install, LinksByFindPackage) {
     }
 }
 
+// They name the headers as the tree does.
+TEST_F(Install, ExamplesCompileWithTheInstalledHeaders) {
+    RunCommand("cd " + Prefix() +
+               "/share/doc/talvek/examples && for source in *.c; do "
+               "[ $source = facts.c ] || gcc -std=c11 -D_GNU_SOURCE -I " +
+               Prefix() + "/include/talvek $source facts.c -L " + Lib() +
+               " -ltalvek_service -ltalvek_dev -ltalvek_dns -ltalvek_common -o example || exit; "
+               "done");
+}
+
 // A plug-in, for example.
 TEST_F(Install, ArchivesFitIntoASharedObject) {
     const TempDir dir;
