@@ -9,9 +9,9 @@
 
 #include <stdio.h>
 #include <string.h>
+#include <talvek/common/COMMON.h>
 #include <unistd.h>
 
-#include "common/COMMON.h"
 #include "facts.h"
 
 int main(int argc, char *argv[]) {

@@ -9,9 +9,9 @@
 
 #include <stdio.h>
 #include <string.h>
+#include <talvek/dev/DEV.h>
 #include <unistd.h>
 
-#include "dev/DEV.h"
 #include "facts.h"
 
 /* Indexed by DEV_CLASS_..., DEV_MEDIA_... and DEV_DISC_... */

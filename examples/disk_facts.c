@@ -8,9 +8,9 @@
 
 #include <stdio.h>
 #include <string.h>
+#include <talvek/dev/DEV.h>
 #include <unistd.h>
 
-#include "dev/DEV.h"
 #include "facts.h"
 
 static const char *FileSystem(uint32_t type) {

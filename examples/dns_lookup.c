@@ -8,9 +8,9 @@
 #include <arpa/inet.h>
 #include <stdio.h>
 #include <string.h>
+#include <talvek/dns/DNS.h>
 #include <unistd.h>
 
-#include "dns/DNS.h"
 #include "facts.h"
 
 int main(int argc, char *argv[]) {

@@ -7,10 +7,10 @@
  * Exits with 0 if the command did, else with 1.
  */
 
+#include <talvek/service/TALVEK.h>
 #include <unistd.h>
 
 #include "facts.h"
-#include "service/TALVEK.h"
 
 int main(int argc, char *argv[]) {
     const char *pSocket = TALVEK_SOCKET_PATH;

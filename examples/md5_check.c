@@ -7,9 +7,9 @@
  * Exits with 1 when a file differs or cannot be checked. MD5 finds damage, not forgery.
  */
 
+#include <talvek/common/COMMON.h>
 #include <unistd.h>
 
-#include "common/COMMON.h"
 #include "facts.h"
 
 int main(int argc, char *argv[]) {

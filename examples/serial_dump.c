@@ -12,9 +12,9 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/time.h>
+#include <talvek/common/COMMON.h>
 #include <unistd.h>
 
-#include "common/COMMON.h"
 #include "facts.h"
 
 enum { LINE_SIZE = 1024 }; /* a longer line is shown as several */

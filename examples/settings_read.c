@@ -7,9 +7,9 @@
 
 #include <stdio.h>
 #include <string.h>
+#include <talvek/common/COMMON.h>
 #include <unistd.h>
 
-#include "common/COMMON.h"
 #include "facts.h"
 
 enum { MAX_DOCUMENT = 65536 };

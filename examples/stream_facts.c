@@ -6,9 +6,9 @@
  */
 
 #include <stdio.h>
+#include <talvek/common/COMMON.h>
 #include <unistd.h>
 
-#include "common/COMMON.h"
 #include "facts.h"
 
 enum { MAX_BYTES = 16 << 20, NAL_SLICE = 1, NAL_IDR_SLICE = 5, NAL_SPS = 7 };

@@ -8,9 +8,9 @@
  */
 
 #include <string.h>
+#include <talvek/common/COMMON.h>
 #include <unistd.h>
 
-#include "common/COMMON.h"
 #include "facts.h"
 
 int main(int argc, char *argv[]) {
