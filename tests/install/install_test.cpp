@@ -222,12 +222,11 @@ TEST_F(Install, LinksByFindPackage) {
     }
 }
 
-// They name the headers as the tree does.
 TEST_F(Install, ExamplesCompileWithTheInstalledHeaders) {
     RunCommand("cd " + Prefix() +
                "/share/doc/talvek/examples && for source in *.c; do "
                "[ $source = facts.c ] || gcc -std=c11 -D_GNU_SOURCE -I " +
-               Prefix() + "/include/talvek $source facts.c -L " + Lib() +
+               Prefix() + "/include $source facts.c -L " + Lib() +
                " -ltalvek_service -ltalvek_dev -ltalvek_dns -ltalvek_common -o example || exit; "
                "done");
 }
