@@ -38,9 +38,11 @@ class MountPoint {
     char path_[32] = "/run/board-mount-XXXXXX";
 };
 
-// Skips a test where devices cannot be plugged in: on hardware of one's own.
+// Skips a test where devices cannot be plugged in: on hardware of one's own, and when board/init
+// did not start it.
 #define NEEDS_EMULATED_BOARD()                                                               \
-    if (::talvek::test::BoardPort("board.monitor").empty()) {                                \
+    if (::talvek::test::BoardPort("board.monitor").empty() ||                                \
+        ::talvek::test::BoardVariable("BOARD_MEDIA").empty()) {                              \
         GTEST_SKIP() << "needs the emulated board, whose devices can be plugged in and out"; \
     }
 
