@@ -14,6 +14,7 @@ usage() {
 ./do compilers build with clang, other flags and other processors (tools/compilers)
 ./do abi       compare the shared libraries with the recorded interface (tools/abi)
 ./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
+./do faults    every call of the C library fails in turn: all scenarios, or those that match
 ./do coverage  lines and branches that the tests reach
 ./do lint      format, static analysis, manual pages, spelling, phrases
 ./do analyse   more static analysis, of the benchmarks and fuzz targets too
@@ -228,6 +229,23 @@ sources() {
     find base bench common dev dns examples fuzz service tests "$@"
 }
 
+# Every name of the C library that the library imports is in calls.def or excused.txt.
+check_imports() {
+    nm -u build/faults/tests/faults/lib*_renamed.a | sed -n 's/^ *[Uw] //p' | sort -u |
+        grep -vE '^(__wrap_|_Z|_?COM_|Dev_|DNS_|TALVEK_|__tsan_init$)' >build/faults/imports.txt || :
+    grep -v '^#' tests/faults/excused.txt | tr ' ' '\n' | sort -u >build/faults/excused.txt
+    missing=$(comm -23 build/faults/imports.txt build/faults/excused.txt)
+    [ -z "$missing" ] || fail "Neither in calls.def nor in excused.txt of tests/faults:" $missing
+}
+
+faults() {
+    need "build test"
+    configure faults
+    compile faults faults
+    check_imports
+    build/faults/tests/faults/faults "$@"
+}
+
 lint() {
     need "build lint"
     configure default
@@ -358,6 +376,10 @@ abi)
     compile default talvek_common_shared talvek_dev_shared talvek_dns_shared talvek_service_shared
     shift
     tools/abi "$@"
+    ;;
+faults)
+    shift
+    faults "$@"
     ;;
 coverage)
     # Counts of an earlier build belong to other lines.
