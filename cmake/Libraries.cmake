@@ -50,7 +50,8 @@ function(talvek_add_library folder description)
         add_library(talvek_${folder}_shared SHARED $<TARGET_OBJECTS:talvek_${folder}>)
         set_target_properties(talvek_${folder}_shared PROPERTIES EXPORT_NAME ${folder}_shared
             OUTPUT_NAME talvek_${folder} VERSION ${PROJECT_VERSION}
-            SOVERSION ${PROJECT_VERSION_MAJOR} LINKER_LANGUAGE C INSTALL_RPATH "$ORIGIN"
+            SOVERSION ${PROJECT_VERSION_MAJOR} LINKER_LANGUAGE C
+            INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON
             LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/shared
             LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exported-names)
         target_include_directories(talvek_${folder}_shared INTERFACE ${talvek_include_dir})
