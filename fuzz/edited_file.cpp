@@ -14,6 +14,7 @@
 namespace {
 
 constexpr const char *kPath = "/etc/settings";
+constexpr size_t kLine = COM_FILE_ITEM_SIZE + 1;  // with its newline
 
 void Put(char (&field)[COM_FILE_ITEM_SIZE], talvek::fuzz::Bytes bytes) {
     std::copy_n(bytes.begin(), std::min(bytes.size(), sizeof field), field);
@@ -46,5 +47,5 @@ FUZZ_TARGET(edited_file) {
     REQUIRE(request.find_only == 0 ||
             after == std::vector<uint8_t>(content.begin(), content.end()));
     // Two lines more at most, each with its newline; no line grows otherwise.
-    REQUIRE(after.size() <= content.size() + 2 * (COM_FILE_ITEM_SIZE + 1) + 1);
+    REQUIRE(after.size() <= content.size() + 2 * kLine + 1);
 }
