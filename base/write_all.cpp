@@ -9,7 +9,7 @@
 
 namespace talvek {
 
-Written WriteAll(int fd, const void *pData, ssize_t size, int maxIdle) {
+Written WriteAll(int fd, const void *pData, ssize_t size, Interrupted interrupted, int maxIdle) {
     Written written{size, 0, -1};
     if (size < 0) {
         errno = EINVAL;
@@ -17,6 +17,7 @@ Written WriteAll(int fd, const void *pData, ssize_t size, int maxIdle) {
     }
     const FileLimitGuard limit;
     const char *bytes = static_cast<const char *>(pData);
+    const bool repeats = interrupted == Interrupted::kRepeats;
     int idle = 0;
     do {
         written.last = write(fd, bytes + written.done, static_cast<size_t>(size - written.done));
@@ -26,7 +27,7 @@ Written WriteAll(int fd, const void *pData, ssize_t size, int maxIdle) {
         } else if (written.last == 0 && written.done < size && ++idle == maxIdle) {
             errno = EIO;
             return written;
-        } else if (written.last < 0 && errno != EINTR) {
+        } else if (written.last < 0 && !(repeats && errno == EINTR)) {
             return written;
         }
     } while (written.done < size || written.last < 0);

@@ -1,10 +1,10 @@
 /* The least that a pair of C programs does for the same service; the yardstick of invoke_bench.
  *
- * The exchange over the Unix-domain socket is talvek's: the client sends its environment and gets it
- * back, sends a command and gets its status, with which it ends. The daemon forks a child for each
- * client, which sets the environment and runs the command by system(). What talvek does beyond that
- * is left out: package headers with checksums, log lines, time-outs, packages that arrive in parts,
- * signals that end the daemon, sockets of an earlier one.
+ * The exchange over the Unix-domain socket is talvek's: the client sends its environment and gets
+ * it back, sends a command and gets its status, with which it ends. The daemon forks a child for
+ * each client, which sets the environment and runs the command by system(). What talvek does beyond
+ * that is left out: package headers with checksums, log lines, time-outs, packages that arrive in
+ * parts, signals that end the daemon, sockets of an earlier one.
  *
  *   bare_pair -D <socket>             daemon, in the foreground
  *   bare_pair -C <socket> <command>   client

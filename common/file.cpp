@@ -304,7 +304,7 @@ int CopyBlocks(int from, int to) {
             return 0;
         }
         const auto length = static_cast<ssize_t>(strnlen(block, static_cast<size_t>(count)));
-        if (!talvek::WriteAll(to, block, length).complete()) {
+        if (!talvek::WriteAll(to, block, length, talvek::Interrupted::kRepeats).complete()) {
             LOG_ERRNO_AS(kFunction, "write() failed : %s");
             return -1;
         }

@@ -72,11 +72,12 @@ int WriteText(const char *pFunction, const char *pFileName, const char *pText, i
     // A text that is written in part is a success, without a log line.
     // Tested by SetFileContent.SucceedsForAPartOfTheText.
     const auto length = static_cast<ssize_t>(strlen(pText));
-    return talvek::WriteAll(fd.get(), pText, length).done > 0 ? 0 : -1;
+    return talvek::WriteAll(fd.get(), pText, length, talvek::Interrupted::kFails).done > 0 ? 0 : -1;
 }
 
 talvek::Written WriteRingPart(const char *pFunction, int fd, const char *pData, int size) {
-    const talvek::Written written = talvek::WriteAll(fd, pData, size, kMaxIdleWrites);
+    const talvek::Written written =
+        talvek::WriteAll(fd, pData, size, talvek::Interrupted::kFails, kMaxIdleWrites);
     if (!written.complete()) {
         LOG_ERRNO_AS(pFunction, "write(%d, %d) error : %s\n", static_cast<int>(written.done),
                      static_cast<int>(size - written.done));
@@ -167,7 +168,8 @@ int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int size) {
         LOG_ERRNO("open(%s) fail : %s\n", talvek::Shown(pFileName));
         return -1;
     }
-    const talvek::Written written = talvek::WriteAll(fd.get(), pData, size);
+    const talvek::Written written =
+        talvek::WriteAll(fd.get(), pData, size, talvek::Interrupted::kFails);
     if (written.complete()) {
         return COM_DATA_COMPLETE;
     }

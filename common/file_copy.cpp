@@ -101,7 +101,8 @@ int COM_CopyFile(const char *pDst, const char *pSrc) {
         if (count <= 0) {
             return static_cast<int>(count);
         }
-        if (!talvek::WriteAll(dst.get(), block.get(), count).complete()) {
+        if (!talvek::WriteAll(dst.get(), block.get(), count, talvek::Interrupted::kRepeats)
+                 .complete()) {
             LOG_ERRNO("write(%s,%d) failed : %s\n", pDst, dst.get());
             return -1;
         }
@@ -158,7 +159,8 @@ int COM_AppendFileToFile(const char *pDst, const char *pSrc) {
         if (count <= 0) {
             break;
         }
-        if (!talvek::WriteAll(dst.get(), block.get(), count).complete()) {
+        if (!talvek::WriteAll(dst.get(), block.get(), count, talvek::Interrupted::kRepeats)
+                 .complete()) {
             LOG_ERRNO("[%s] -> [%s] : write(%d, %d) failed : %s\n", pSrc, pDst, total,
                       static_cast<int>(count));
             return -1;

@@ -16,6 +16,7 @@
 
 namespace {
 
+using talvek::Interrupted;
 using talvek::UniqueFd;
 using talvek::WriteAll;
 using talvek::Written;
@@ -24,11 +25,12 @@ using namespace talvek::test;
 class WriteAllTest : public testing::Test {
   protected:
     // Writes "12345" by writes of the given kinds, with errno 0 before.
-    Written Write(const std::deque<ssize_t> &writes, int maxIdle = 1) {
+    Written Write(const std::deque<ssize_t> &writes, int maxIdle = 1,
+                  Interrupted interrupted = Interrupted::kRepeats) {
         fd_.Reset(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
         g_writes = writes;
         errno = 0;
-        const Written written = WriteAll(fd_.get(), "12345", 5, maxIdle);
+        const Written written = WriteAll(fd_.get(), "12345", 5, interrupted, maxIdle);
         EXPECT_TRUE(g_writes.empty()) << g_writes.size() << " writes are left";
         EXPECT_EQ(std::string{"12345"}.substr(0, static_cast<size_t>(written.done)),
                   ReadFile(path_));
@@ -58,6 +60,13 @@ TEST_F(WriteAllTest, ReturnsWhatWasWrittenBeforeAFailure) {
     EXPECT_FALSE(written.complete());
 }
 
+TEST_F(WriteAllTest, FailsOfAnInterruptionUnlessThatIsRepeated) {
+    const Written written = Write({3, -EINTR}, 1, Interrupted::kFails);
+    EXPECT_EQ(EINTR, errno);
+    EXPECT_EQ(3, written.done);
+    EXPECT_FALSE(written.complete());
+}
+
 TEST_F(WriteAllTest, GivesUpAfterSoManyWritesInARowThatTakeNothing) {
     EXPECT_TRUE(Write({0, 0, 1, 0, 0, 4}, 3).complete());
     const Written written = Write({0, 0, 1, 0, 0, 0}, 3);
@@ -71,16 +80,17 @@ TEST_F(WriteAllTest, GivesUpAfterSoManyWritesInARowThatTakeNothing) {
 
 TEST_F(WriteAllTest, WritesNothingOnce) {
     g_writes = {0};
-    const Written written = WriteAll(-1, nullptr, 0);
+    const Written written = WriteAll(-1, nullptr, 0, Interrupted::kFails);
     EXPECT_TRUE(written.complete());
     EXPECT_EQ(0, written.last);
     EXPECT_TRUE(g_writes.empty());
-    EXPECT_FALSE(WriteAll(-1, nullptr, 0).complete()) << "the descriptor is examined";
+    EXPECT_FALSE(WriteAll(-1, nullptr, 0, Interrupted::kFails).complete())
+        << "the descriptor is examined";
     EXPECT_EQ(EBADF, errno);
 }
 
 TEST_F(WriteAllTest, RefusesANegativeSize) {
-    const Written written = WriteAll(-1, "x", -1);
+    const Written written = WriteAll(-1, "x", -1, Interrupted::kFails);
     EXPECT_EQ(EINVAL, errno);
     EXPECT_EQ(0, written.done);
     EXPECT_FALSE(written.complete());

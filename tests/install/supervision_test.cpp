@@ -1,5 +1,5 @@
-// The init script on BusyBox: in a folder that holds nothing but BusyBox, the program and the script,
-// with processes, mounts and sockets of its own.
+// The init script on BusyBox: in a folder that holds nothing but BusyBox, the program and the
+// script, with processes, mounts and sockets of its own.
 
 #include <gtest/gtest.h>
 
