@@ -41,7 +41,7 @@ FUZZ_TARGET(network_tables) {
     const int route = COM_GetDefaultRoute(interface.text());
     REQUIRE(route == 0 ? interface.IsText() : route == -1 && interface.Untouched());
 
-    talvek::fuzz::Out servers{DNS_MAX_NAME_SERVERS * DNS_NAME_SERVER_SIZE};
+    talvek::fuzz::Out servers{size_t{DNS_MAX_NAME_SERVERS} * DNS_NAME_SERVER_SIZE};
     auto *texts = reinterpret_cast<char(*)[DNS_NAME_SERVER_SIZE]>(servers.bytes());
     const int count = DNS_GetNameServer(texts);
     REQUIRE(count >= 0 && count <= DNS_MAX_NAME_SERVERS);

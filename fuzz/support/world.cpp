@@ -220,6 +220,7 @@ CAUGHT(struct dirent *, CALL_READDIR, (DIR * stream)) {
     return &g_listing.entry;
 }
 
+// The arguments are lists in brackets. NOLINTNEXTLINE(bugprone-macro-parentheses)
 #define HARMLESS(name, parameters, arguments)                         \
     CAUGHT(int, name, parameters) {                                   \
         return g_world == nullptr ? REAL(name) arguments : Pretend(); \
