@@ -14,7 +14,7 @@ struct Written {
     [[nodiscard]] bool complete() const { return last >= 0 && done == size; }
 };
 
-// What becomes of a write that a signal interrupts before it took a byte.
+// What happens to a write that a signal interrupts before it took a byte.
 enum class Interrupted { kFails, kRepeats };
 
 // Writes `size` bytes in as many writes as it takes, but at least one. The kernel reports a full
