@@ -421,6 +421,11 @@ int Main(const char *pPattern) {
         fputs("needs root: the scenarios have mounts and sockets of their own\n", stderr);
         return 1;
     }
+    // A command takes over what the caller ignores, and a shell starts what runs in its background
+    // with SIGINT ignored.
+    for (int sig = 1; sig < NSIG; ++sig) {
+        signal(sig, SIG_DFL);
+    }
     g_sites = FindSites(fs::read_symlink("/proc/self/exe").c_str());
     g_totals = Shared<Totals>();
     std::vector<Scenario> scenarios;
