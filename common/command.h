@@ -47,7 +47,7 @@ int COM_System(const char *pCmd, int *pPid);
  *         blanks (0x20 alone); the first is the program's path
  *
  * Returns only when that fails: -1, with a log line. A command that does not fit is refused
- * ("Argument list too long"): cut, it would be another command. */
+ * ("Argument list too long"), because a truncated one would be another command. */
 int COM_ParserCMD(const char *pCmd);
 
 /* Sends SIGTERM to a process and then waits; whether the process has ended is not checked.
@@ -60,8 +60,8 @@ int COM_KillPid(int pid, unsigned usec);
 
 /* Signals one process.
  *
- *   pName  beginning of the path that the program was started by (/proc/<pid>/cmdline, of which 79
- *          bytes are compared); NULL to use pid
+ *   pName  beginning of the path that the program was started by (/proc/<pid>/cmdline), at most 79
+ *          bytes: a longer text matches nothing. NULL to use pid
  *   pid    the process, above 0; not used with a name
  *   sig    signal number
  *
@@ -72,7 +72,7 @@ int COM_KillPid(int pid, unsigned usec);
  * Returns the result of kill; -1 also when pid is below 1 or nothing matches (not logged). */
 int COM_KillProcess(const char *pName, int pid, int sig);
 
-/* A process and its last known state; the head of the entries of the thread registry. */
+/* A process and its last known state. Entries of the thread registry begin with these fields. */
 typedef struct tProcState {
     int32_t pid;
     char state[4]; /* state letter of /proc/<pid>/stat, see proc(5), NUL-terminated */
@@ -80,29 +80,29 @@ typedef struct tProcState {
 
 /* Reads a process's state into pProc->state. Nothing is logged.
  *
- * Returns 0 for a process that runs or sleeps; -1 for one that is stopped (T) or a zombie (Z), and,
- * with the text unchanged, when the state cannot be read.
+ * Returns -1 for a process that is stopped (T) or a zombie (Z); 0 for any other state. When the
+ * state cannot be read, returns -1 and leaves the text unchanged.
  *
- * The text is the third word of the file, split at blanks and "/", and cut to 3 characters. If the
- * program's name contains a blank or "/", text and result come from a part of the name. */
+ * The text is the third word of the file, split at blanks and "/", and truncated to 3 characters.
+ * If the program's name contains a blank or "/", text and result come from a part of the name. */
 int COM_CheckProcState(tProcState *pProc);
 
-/* Sleeps at least as long as asked, also when signals interrupt: the rest is slept in rounds of
- * 0.1 milliseconds. The time is that of gettimeofday, in whole microseconds. A thread can be
- * cancelled here.
+/* Sleeps at least as long as asked, unless maxRounds is reached first. After a signal, the rest is
+ * slept in rounds of 0.1 milliseconds. The time is that of gettimeofday, in whole microseconds. A
+ * thread can be cancelled here.
  *
  *   pTime      time to sleep
- *   maxRounds  most rounds; a count that reaches it is logged, so 0 always is
+ *   maxRounds  most rounds after the first sleep; a count that reaches it is logged, so 0 always is
  *
  * Returns the number of rounds, 0 when the first sleep was enough; -1 when pTime is NULL. */
 int COM_SleepAtLeast(const struct timespec *pTime, int maxRounds);
 
 /* Brings a network interface up or down with /sbin/ifconfig.
  *
- *   pIfName  the interface; the whole command may have 255 bytes
+ *   pIfName  the interface; the whole command has at most 255 bytes
  *
- * Returns the result of COM_System; -1 when the caller is not root, the name is NULL, or the
- * command is too long (only this is logged). */
+ * Returns the result of COM_System; -1 when the caller is not root, the name is NULL (neither is
+ * logged), or the command is too long (logged). */
 int COM_IfUp(const char *pIfName);
 int COM_IfDown(const char *pIfName);
 

@@ -7,7 +7,8 @@
  *
  * The text of a digest is lower-case hexadecimal and is written without a terminating NUL. For a
  * NUL-terminated text, pass a zeroed buffer of one byte more. The two families order their
- * arguments differently: MD5 takes its context first, SHA-1 last. NULL as data is no data. */
+ * arguments differently: MD5 takes its context first, SHA-1 last. NULL as data counts as no
+ * data. */
 
 #include <stddef.h>
 #include <stdint.h>
@@ -64,13 +65,13 @@ int COM_MakeFileMD5(char *pHex, const char *pFileName);
 /* Compares the MD5 digest of a file with the hash in its side file.
  *
  *   pFileName  the file to check
- *   pSuffix    suffix that makes the name of the side file from that of the file; NULL is ".md5"
+ *   pSuffix    added to pFileName, it gives the name of the side file; NULL means ".md5"
  *
  * The side file contains hashes, each followed by a file name, separated by blanks, tabs and line
  * ends. Its first 256 bytes are read. The first name whose last path component equals that of
- * pFileName decides, so the file may have moved. Hashes are compared exactly, so one in upper case
- * does not match. A name is compared with the "*" that `md5sum -b` puts before it, and a name with
- * a blank is not found.
+ * pFileName decides, so the directories may differ. Hashes are compared exactly, so one in upper
+ * case does not match. The "*" that `md5sum -b` puts before a name counts as part of it. A name
+ * with a blank is not found.
  *
  * Returns 0 when the file matches. Otherwise -1: the hashes differ or no hash precedes the name
  * (both hashes are printed), no name matches, or the side file is missing or empty (logged). */
