@@ -36,8 +36,8 @@ enum {
  *   pDir        the directory
  *   removeSelf  not 0: the directory itself is removed at the end
  *
- * An entry that is a symbolic link counts as what it leads to. Of a link to a file the link is
- * removed. A link to a directory counts as a directory: with COM_REMOVE_TREE that directory is
+ * An entry that is a symbolic link counts as what it leads to. A link to a file is removed; the
+ * file stays. A link to a directory counts as a directory: with COM_REMOVE_TREE that directory is
  * emptied, and the link stays. A link that leads nowhere, or back to a directory that is being
  * emptied, is a failure. A directory that is replaced by a link during the call is not followed.
  * The root directory, by whatever path or link, is never emptied: it counts as one that cannot be
@@ -114,8 +114,8 @@ typedef struct tFileItemRequest {
     int32_t find_only;        /* not 0: only counts the matches, the file is unchanged */
     int32_t match_substring;  /* not 0: the key may be anywhere in a line, and case matters; else
                                  a line begins with it, ignoring ASCII case */
-    int32_t append_unmatched; /* not 0: replacements without a match are added at the end, and
-                                 counted (with find_only, only counted) */
+    int32_t append_unmatched; /* not 0: the lines of items that have a key but no match are added at
+                                 the end, and counted (with find_only, only counted) */
     tFileItem *pItems;        /* owned by the caller; matches change key_len */
 } tFileItemRequest;
 

@@ -29,8 +29,8 @@ extern "C" {
  *
  * The file is read in blocks of 255 bytes, and each block is kept up to its first CR, LF or NUL. So
  * a file of one short line gives that line without its end; what a longer file gives depends on
- * where its blocks begin. Reading ends when `size` is used up, at the end of the file, and after
- * 4096 blocks in a row without a character to keep.
+ * where its blocks begin. Reading ends when `size` is used up, at the end of the file, at a failed
+ * read, and after 4096 blocks in a row without a character to keep.
  *
  * Returns 0 when at least one byte was read. Otherwise -1, and pBuf holds "unknown", truncated to
  * `size` characters (a negative size does not truncate). A missing file is not logged, nor is an
@@ -77,7 +77,8 @@ int COM_SaveDataIntoFile(const char *pFileName, const void *pData, int size);
  *                      (the failed write is logged)
  *   COM_DATA_PARTIAL   when some were written (logged)
  *   -1                 when the file cannot be opened; also when the bytes wrap and the part up to
- *                      the end of the ring was not written or is empty (start = ringSize) */
+ *                      the end of the ring was not completely written (logged) or is empty
+ *                      (start = ringSize) */
 int COM_SaveRingBufDataIntoFile(const char *pFileName, const void *pRing, int start, int ringSize,
                                 int size);
 
@@ -126,7 +127,7 @@ static_assert(offsetof(tUnitInfo, host_name) == 64, "the host name follows the p
 static_assert(offsetof(tUnitInfo, note) == 240, "the note follows the host name");
 
 /* Writes the identity of this unit. An empty field empties its file and counts as a failure (see
- * COM_SetFileContent). An empty host name does not, since the kernel accepts it.
+ * COM_SetFileContent). An empty host name is no failure, because the kernel accepts it.
  *
  * Returns the sum of the four results: 0 when all succeeded, else minus the number of failures. */
 int COM_SetUnitInfo(const tUnitInfo *pInfo);
@@ -144,12 +145,12 @@ enum {
 };
 
 /* Reads the revision of the unit's software: the letters and digits after "Revision: " in the first
- * 256 bytes of /etc/SVN. A revision of digits only is written with exactly the leading zeros that
- * make four digits: "123" and "000123" become "0123".
+ * 256 bytes of /etc/SVN. A revision of digits only is written as a number of at least four digits:
+ * "123" and "000123" become "0123".
  *
  *   pBuf  COM_SVN_REVISION_SIZE bytes
  *
- * Returns 0, or -1 with pBuf unchanged when the file or the revision is missing. */
+ * Returns 0, or -1 with pBuf unchanged when the file or "Revision: " is missing. */
 int COM_GetSvnRevision(char *pBuf);
 
 #ifdef __cplusplus

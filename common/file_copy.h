@@ -17,23 +17,26 @@ extern "C" {
  *         and the copy fails. It must not be the same file as pSrc, which would be emptied.
  *   pSrc  the file to copy
  *
- * Both files must belong to the caller, or the caller be privileged (O_NOATIME, else EPERM). Mode,
- * owner and times are not copied: a new file has mode 0664 less the umask. On a file system that
- * can share blocks between files (btrfs, xfs) the copy shares those of the source.
+ * An unprivileged caller must own both files (O_NOATIME, else EPERM). Mode, owner and times are not
+ * copied: a new file has mode 0664 less the umask. On a file system that can share blocks between
+ * files (btrfs, xfs) the copy shares those of the source.
  *
  * Returns 0 or -1; a failed copy leaves what was written. */
 int COM_CopyFile(const char *pDst, const char *pSrc);
 
 /* Moves a file to a lasting place and leaves a link: after success, pLink is a symbolic link with
- * the text pTarget. If pTarget does not exist, it is first made as a copy of the file pLink; else
- * it is unchanged. Missing directories of both are made (mode 0755).
+ * the text pTarget.
+ *
+ * If pLink exists and pTarget does not, pTarget is first made as a copy of the file pLink, with its
+ * missing directories (mode 0755). An existing pTarget is unchanged. If pLink does not exist, its
+ * missing directories are made, and pTarget may be missing.
  *
  * pTarget should be absolute: the copy is made relative to the current directory, but the text of a
  * link is relative to the directory of the link. The two must not be the same path: the file would
  * be removed.
  *
- * Returns the result of COM_CreateSymbolLink; -1 also when a path cannot be examined (not logged)
- * or pLink is not a regular file. */
+ * Returns the result of COM_CreateSymbolLink; -1 also when a path cannot be examined (not logged),
+ * or the copy fails or would be of something other than a regular file. */
 int COM_CopyAndLink(const char *pTarget, const char *pLink);
 
 /* Appends a file to another, which is created with mode 0777 less the umask when it is missing. A
