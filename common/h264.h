@@ -59,7 +59,7 @@ typedef struct tH264SpsInfo {
     uint32_t max_num_ref_frames;
     uint32_t width_in_mbs_minus1;
     uint32_t height_in_map_units_minus1;
-    uint32_t chroma_format_idc; /* this and the following: profiles 100, 110, 122 and 144 only */
+    uint32_t chroma_format_idc; /* this to use_default_8x8: profiles 100, 110, 122, 144 only */
     uint32_t bit_depth_luma_minus8;
     uint32_t bit_depth_chroma_minus8;
     uint32_t qpprime_y_zero_transform_bypass;
@@ -119,10 +119,12 @@ int COM_H264ParseSps(const uint8_t *pSps, tH264SpsInfo *pInfo);
  *   pSlice      the bytes after the NAL header byte; COM_H264_SLICE_REACH bytes may be read
  *   pSps        the active parameter set; its sps_id and max_frame_num are used
  *   pSliceInfo  receives the header at the first of the offsets 0 to 7 where pic_parameter_set_id
- *               equals sps_id, as single-stream encoders emit them; unchanged without such a header
+ *               equals sps_id, as single-stream encoders emit them, and where this or an earlier
+ *               offset had a valid slice_type (0 to 9); unchanged without such a header
  *
- * Returns the class of that slice (COM_H264_SLICE_...). Without such a header, the class at the
- * last offset with a valid slice_type; COM_H264_SLICE_NONE if there is none, and for NULL. */
+ * The search ends at that header. Returns the class (COM_H264_SLICE_...) of the last valid
+ * slice_type on the way, that of the header included; COM_H264_SLICE_NONE if there was none, and
+ * for NULL. */
 int COM_H264ParseSliceHeader(const uint8_t *pSlice, const tH264SpsInfo *pSps,
                              tH264SliceInfo *pSliceInfo);
 
