@@ -16,7 +16,7 @@ enum {
  *   fd       open for reading; stays open
  *   pLength  receives the number of characters, without the NUL; may be NULL
  *
- * Returns a NUL-terminated text, which the caller frees; an empty one at the end of the file.
+ * Returns a NUL-terminated text, which the caller frees; it is empty at the end of the file.
  * Returns NULL, leaves *pLength unchanged and logs the reason when the file cannot be read, there
  * is no memory, or more than COM_HEX_TEXT_MAX_FILE bytes are left. */
 char *COM_ReadHexDataInStrFormat(int fd, int *pLength);

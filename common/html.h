@@ -40,8 +40,10 @@ int COM_StripHtmlCode(char *pSrc, char **ppResult);
  *   keepTags  COM_HTML_CONTENT or COM_HTML_WITH_TAGS
  *
  * Opening and closing tags of the name are only counted: after a stray closing tag, the next
- * opening tag does not begin an element. Returns the size of the result in bytes, including the
- * NUL; -1 when the element is missing, not closed or empty, or there is no memory (logged). */
+ * opening tag does not begin an element.
+ *
+ * Returns the size of the result in bytes, including the NUL; -1 when the element is missing, not
+ * closed or empty, or there is no memory (logged). */
 int COM_ExtractHtmlTag(const char *pTag, const char *pHtml, char **ppResult, int keepTags);
 
 #ifdef __cplusplus

@@ -41,13 +41,13 @@ int COM_SendAll(int sock, const void *pData, int size);
  *   pRing     the ring's first byte
  *   offset    where the copy begins, 0 to ringSize; the caller keeps and wraps it
  *   ringSize  size of the ring in bytes; below 1, pRing is a plain buffer without a wrap
- *   size      bytes to copy. Not compared with ringSize: a longer copy goes round again.
+ *   size      bytes to copy, also more than ringSize: the copy wraps as often as it must
  *
  * Nothing is copied when a pointer is NULL, `size` is below 1 or `offset` is outside the ring. */
 void COM_ReadRingBuf(void *pDst, const void *pRing, int offset, int ringSize, int size);
 
-/* Copies into a ring buffer, the reverse of COM_ReadRingBuf. Of a copy that is longer than the
- * ring, its last bytes remain. */
+/* Copies into a ring buffer, the reverse of COM_ReadRingBuf. After a copy that is longer than the
+ * ring, the ring holds the last bytes. */
 void COM_WriteRingBuf(void *pRing, int offset, int ringSize, const void *pSrc, int size);
 
 /* Sleeps, with a line on standard output before and after the sleep when there is a tag.

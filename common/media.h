@@ -16,9 +16,9 @@ extern "C" {
 #endif
 
 /* Returns the content type for a file name, by the extension after its last ".": avi, rpt, txt,
- * log, jpg, jpe, jpeg, gif, bmp, pdf, rar, xml, zip, mpeg, mpg, mpe, mp4, lower case only. Any
- * other extension, none, and NULL give "text/plain". The result is a constant text. Each call is
- * logged. */
+ * log, jpg, jpe, jpeg, gif, bmp, pdf, rar, xml, zip, mpeg, mpg, mpe, mp4, lower case only. The type
+ * is "text/plain" for any other extension, for a name without one, and for NULL. The result is a
+ * constant text. Each call is logged. */
 const char *COM_GetMimeType(const char *pFileName);
 
 /* Identifiers of narrow-band audio codecs. */
@@ -67,7 +67,7 @@ static_assert(offsetof(tDigestChallenge, opaque) == 176, "opaque follows the non
  * header does not have is taken from a later one.
  *
  *   pRec  a missing parameter leaves its field unchanged, and an empty one empties it. A value that
- *         does not fit with its NUL is truncated, and a warning is logged
+ *         does not fit with its NUL is truncated, and a warning is logged.
  *
  * Returns 0, or -1 without the header. */
 int COM_ParseDigestChallenge(const char *pHeaders, tDigestChallenge *pRec);
@@ -98,7 +98,7 @@ int COM_FindStartCode(const void *pBuf, int size, int *pNalType);
 int COM_FindSeiPayload(const void *pBuf, int size, int *pPayloadType, int *pPayloadSize);
 
 /* Computes the Internet checksum (RFC 1071): the complement of the one's complement sum of the
- * 16-bit words in memory order. A zero byte is added after a last odd byte.
+ * 16-bit words in memory order. An odd last byte is padded with a zero byte.
  *
  *   pData  `size` bytes at any address; with NULL, or a size of 0 or less, the result is 0xFFFF
  *
