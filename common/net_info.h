@@ -5,7 +5,7 @@
  * name servers and MTU, and the hardware address of a neighbour. The sources are the interface
  * requests of netdevice(7), the tables of proc(5) and the files of resolv.conf(5).
  *
- * A flag picks the fact and its form. The forms of an address:
+ * A flag selects the fact and its form. The forms of an address:
  *
  *   form     bytes written                               after a failure
  *   TEXT     at most 16 with the NUL: 192.168.1.5        "0.0.0.0"
@@ -26,10 +26,10 @@
  * After a failure the hardware address is 00:00:00:00:00:00 in the flag's form. So the output of
  * every flag that the entry serves is well formed, whatever the result. Outputs may be unaligned.
  *
- * Interface names are NUL-terminated and have at most 15 characters; a longer name is the name of
- * no interface. Only COM_GetNetInfo knows the name "auto". A NULL name is the name of no interface,
- * unless the entry says otherwise. A flag that an entry does not serve is logged and fails. A NULL
- * output is a failure that is not logged.
+ * Interface names are NUL-terminated and have at most 15 characters. A longer name matches no
+ * interface, nor does a NULL name, unless the entry says otherwise. Only COM_GetNetInfo knows the
+ * name "auto". A flag that an entry does not serve is logged and fails. A NULL output is a failure
+ * that is not logged.
  *
  * The kernel's tables are read in lines of at most 255 characters and resolv.conf files in lines
  * of at most 159; what follows in a longer line counts as the next line. */
@@ -109,16 +109,16 @@ enum {
     COM_NET_IF_NAME_SIZE = 16       /* an interface name */
 };
 
-/* Answers any flag.
+/* Reads the fact that a flag selects; all flags are served.
  *
  *   flag   COM_NET_...
  *   pName  interface; NULL and "auto" name the interface of the default route or, when there is
- *          none, "eth0". For COM_NET_ARP_... the neighbour's IPv4 address as text; NULL is no
- *          neighbour then
+ *          none, "eth0". For COM_NET_ARP_... the neighbour's IPv4 address as text; NULL matches no
+ *          neighbour
  *   pOut   room for the flag's form and for COM_NET_UNKNOWN_SIZE bytes
  *
- * Returns the result of the entry that serves the flag. Any other flag is logged and stores the
- * text "unknown"; the result is -1. */
+ * Returns the result of the entry that serves the flag. A number that is no flag is logged, the
+ * output is the text "unknown", and the result is -1. */
 int COM_GetNetInfo(uint32_t flag, const char *pName, void *pOut);
 
 /* Hardware address of an interface (SIOCGIFHWADDR), COM_NET_MAC_... Returns 0; -1 with the zero

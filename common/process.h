@@ -1,7 +1,7 @@
 #ifndef TALVEK_COMMON_PROCESS_H
 #define TALVEK_COMMON_PROCESS_H
 
-/* Processes: pid files, stopping by command line, inherited descriptors, reading a command's
+/* Processes: pid files, stopping by program name, inherited descriptors, reading a command's
  * output. Failures are logged with the module name COMMON and the entry's own name. */
 
 #ifdef __cplusplus
@@ -10,15 +10,16 @@ extern "C" {
 
 /* Writes the caller's process id into a file, in decimal and without a newline.
  *
- * Always returns -1: the result carries no meaning. A file that cannot be written is logged. */
+ * Always returns -1, so the result means nothing. A file that cannot be written is logged. */
 int COM_SavePid(const char *pFileName);
 
 /* Sends SIGTERM to every process whose program name contains both texts. The program name is the
  * first argument in /proc/<pid>/cmdline, up to 128 bytes. An empty text is contained in every name.
  * The caller itself is signalled too if it matches.
  *
- * Returns 0 when at least one process was signalled, else -1 (NULL is logged). A process that
- * cannot be signalled is logged without a function name and does not end the search. */
+ * Returns 0 when at least one process was signalled, else -1 (NULL is logged, and so is a /proc
+ * that cannot be opened). A process that cannot be signalled is logged without a function name and
+ * does not end the search. */
 int COM_KillDhcpProc(const char *pFirst, const char *pSecond);
 
 /* Closes every descriptor above 2 that /proc/<pid>/fd lists.
@@ -33,8 +34,8 @@ int COM_CloseFdExceptSTD(int pid);
 
 enum { COM_COMMAND_LINE_SIZE = 256 }; /* bytes of the longest line handed over, with its NUL */
 
-/* A line of a command's output with its newline, NUL-terminated and valid during the call, or NULL
- * for the end; and the user argument. */
+/* Receives a line of a command's output and the user argument. The line has its newline and a NUL
+ * and is valid during the call; NULL means the end of the output. */
 typedef void (*tComLineFn)(const char *pLine, void *pUser);
 
 /* Runs a command line with /bin/sh and hands over each line that it writes to standard output.
@@ -45,7 +46,8 @@ typedef void (*tComLineFn)(const char *pLine, void *pUser);
  *   pCallback  called for each line (for a longer one, once for each 255 bytes), and once more with
  *              NULL when the command has ended; may be NULL
  *
- * SIGCHLD is set to its default action, and stays so: the status could not be collected otherwise.
+ * SIGCHLD is set to its default action, and keeps it after the call. If SIGCHLD were ignored, there
+ * would be no status.
  * The cost does not grow with the memory of the caller.
  *
  * Returns the wait status of the command as waitpid has it (256 for an exit with 1), and logs it

@@ -15,7 +15,8 @@ extern "C" {
 
 enum { COM_TERM_PATH_SIZE = 80 }; /* bytes of a device path in the record, with its NUL */
 
-/* Directions, the access modes of open(2). Any other value counts as COM_TERM_READ_ONLY. */
+/* Directions, the access modes of open(2). Any other value is logged and becomes
+ * COM_TERM_READ_ONLY. */
 enum { COM_TERM_READ_ONLY = 0, COM_TERM_WRITE_ONLY = 1, COM_TERM_READ_WRITE = 2 };
 
 /* Values of use_given_flags. Any other one counts as COM_TERM_DEFAULT_FLAGS. */
@@ -74,7 +75,7 @@ enum {
  * HUPCL, CLOCAL), c_lflag 0x823B (ISIG, ICANON, ECHO, ECHOE, ECHOK, ECHOCTL, IEXTEN). The words are
  * logged.
  *
- * The control characters are set in any case:
+ * The control characters are always set:
  *
  *   VINTR 3 (^C), VQUIT 28 (^\), VERASE 127, VKILL 21 (^U), VEOF 4 (^D), VSTART 17 (^Q),
  *   VSTOP 19 (^S), VSUSP 26 (^Z), VREPRINT 18 (^R), VDISCARD 15 (^O), VWERASE 23 (^W),
@@ -83,8 +84,8 @@ enum {
  * The input speed is the output speed, unless given flags ask for another one (CIBAUD). A speed
  * that is no B constant is logged, and no setting is applied (COM_TERM_NOT_SET).
  *
- * Returns 0, COM_TERM_NOT_SET or COM_TERM_NOT_OPENED. A NULL path cannot be opened (logged; `fd`
- * becomes -1), nor can a device with a NULL record (not logged). */
+ * Returns 0, COM_TERM_NOT_SET or COM_TERM_NOT_OPENED. For a NULL path it is COM_TERM_NOT_OPENED
+ * (logged; `fd` becomes -1), as for a NULL record (not logged). */
 int COM_OpenTermDevice(const char *pPath, tTermDevInfo *pDevInfo);
 
 /* Restores the saved setting, if it was read, and closes the device; `fd` becomes -1. The

@@ -24,7 +24,7 @@ typedef struct tUnitNetInfo {
     char name[COM_UNIT_NAME_SIZE];           /* host name */
     char ip[COM_NET_ADDRESS_TEXT_SIZE];      /* IPv4 address: 192.168.1.5 */
     char port[COM_PORT_SIZE];                /* /etc/Port, decimal */
-    char netmask[COM_NET_ADDRESS_TEXT_SIZE]; /* these like ip */
+    char netmask[COM_NET_ADDRESS_TEXT_SIZE]; /* this and the next two: like ip */
     char gateway[COM_NET_ADDRESS_TEXT_SIZE];
     char dns[COM_NET_ADDRESS_TEXT_SIZE]; /* first name server */
     char mac[24];                        /* hardware address: 00:11:22:AA:BB:CC */
@@ -38,8 +38,8 @@ typedef struct tUnitNetInfo {
 /* Fills a record with the identity and the network settings of this unit.
  *
  *   pInfo    all fields are overwritten except if_info_num and if_info
- *   pIfName  interface name as for COM_GetNetInfo. Its first 15 characters are stored in `dev`,
- *            also those of "auto"; NULL leaves `dev` empty. May be the `dev` of pInfo.
+ *   pIfName  interface name as for COM_GetNetInfo. Its first 15 characters are stored in `dev`;
+ *            "auto" is stored unchanged, and NULL leaves `dev` empty. May be the `dev` of pInfo.
  *
  * A text that is longer than its field is truncated. After a failed read the field has the failure
  * text of its reader: "unknown", "80" for the port, an address or hardware address of zeros. A host
