@@ -52,12 +52,12 @@ static_assert(offsetof(tXmlDataItem, text) == 96, "the text follows the numbers"
  *          characters, the text of items to 255, with a warning in the log.
  *
  * An attribute that the element does not have is taken from a later element. An attribute that no
- * later element has leaves its field unchanged (`text` of an integer setting is always written).
- * The items end with the element, or before the first one with an empty name. An <ITEM> without
- * `Name=` takes the next name in the document.
+ * later element has, or an empty one, leaves its field unchanged. Unless the setting is a text,
+ * `text` is always written. The items end with the element, or before the first one with an empty
+ * name. An <ITEM> without `Name=` takes the next name in the document.
  *
- * Returns 0, or -1 when no element has the name, that element or one before it has no "</DATA>" or
- * no name after it, or an argument is NULL. */
+ * Returns 0. Returns -1 when no element has the name, when no "</DATA>" or no name follows the
+ * start of that element or of one before it, or when an argument is NULL. */
 int COM_ParserXmlData(const char *pDoc, tXmlDataItem *pItem);
 
 #ifdef __cplusplus

@@ -2,7 +2,7 @@
 #define TALVEK_COMMON_SYSTEM_INFO_H
 
 /* What the kernel reports under /proc about memory, PCI devices, device tables and its own version
- * (proc(5)), and texts of points in time.
+ * (proc(5)), and times as text.
  *
  * Each call reads the file again. A file that cannot be opened is logged with the module name
  * COMMON and the entry's own name. A line that is longer than an entry's limit counts as several
@@ -29,10 +29,10 @@ enum {
  *
  *   pValue  COM_MEM_FIGURES numbers in kB, or NULL. The caller sets them before the first call and
  *           keeps them between calls: when one of them changed, all four are logged. A figure that
- *           the file does not name is unchanged; one that does not fit reads as INT32_MAX.
+ *           the file does not name is unchanged; one that exceeds 32 bits becomes INT32_MAX.
  *
- * Returns 0; -1 when the file cannot be opened, names none of the figures, or names the last one it
- * has without a number. */
+ * Returns 0; -1 when the file cannot be opened, has none of the figures, or has no number after the
+ * last of them. */
 int COM_GetMemAndSwap(int32_t *pValue);
 
 /* Reads the identifiers of PCI devices from /proc/bus/pci/devices: the second field of each line
@@ -76,8 +76,7 @@ enum { COM_KERNEL_TEXT_SIZE = 256 }; /* bytes that hold any output of COM_GetKer
  *   pRelease  COM_KERNEL_TEXT_SIZE bytes, or NULL if not needed: the three numbers and what is
  *             between them ("2.6.35")
  *   pExtra    COM_KERNEL_TEXT_SIZE bytes, or NULL if not needed: what follows the next character,
- *             up to white space ("rt1"). "Linux version 2.6.35 (..." gives the first word in the
- *             brackets with its bracket.
+ *             up to white space ("rt1"). "Linux version 2.6.35 (gcc ..." gives "(gcc".
  *
  * Returns 0, or -1 with nothing written when the file cannot be read or does not look like that. */
 int COM_GetKernelVersion(char *pRelease, char *pExtra);
@@ -93,7 +92,7 @@ enum {
  *   pBuf  COM_TIME_SIZE bytes
  *   t     seconds since 1970
  *
- * Returns 0, or -1 with nothing written when the year does not fit the calendar or pBuf is NULL. */
+ * Returns 0, or -1 with nothing written when the year does not fit struct tm or pBuf is NULL. */
 int COM_TimeToStr(char *pBuf, time_t t);
 
 /* Writes a time with microseconds: "YYYY/MM/DD hh:mm:ss.uuuuuu".
@@ -102,7 +101,7 @@ int COM_TimeToStr(char *pBuf, time_t t);
  *   usec  below 0, a second is added to it (-1 gives ".999999"), but the text keeps the second of
  *         `sec`
  *
- * Returns 0, or -1 with nothing written as COM_TimeToStr does. */
+ * Returns 0, or -1 with nothing written when COM_TimeToStr would. */
 int COM_TimevalToStr(char *pBuf, time_t sec, long usec);
 
 /* Writes a time and its text to standard output: "[seconds] -> [YYYY/MM/DD hh:mm:ss]", with
@@ -113,7 +112,7 @@ int COM_PrintTime(const char *pPrefix, int line, time_t t);
 
 /* Converts a time to calendar time in UTC: gmtime_r with its arguments the other way round.
  *
- * Returns pTm; NULL when the year does not fit it or pTm is NULL. */
+ * Returns pTm; NULL when the year does not fit in it or pTm is NULL. */
 struct tm *COM_GmTime(struct tm *pTm, time_t t);
 
 #ifdef __cplusplus
