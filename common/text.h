@@ -7,7 +7,7 @@
  *
  * Rules of all entries except COM_GetTwoNumbers and COM_ReplaceStr:
  *
- *   - The first place of a key in the text counts. ASCII case is ignored in keys and tags; the
+ *   - The first occurrence of a key in the text counts. ASCII case is ignored in keys and tags; the
  *     delimiters of a value (quotes, blank, line end, ">") are matched exactly.
  *   - pDst receives the value and a NUL. Each entry says whether `size` includes the NUL. A value
  *     that does not fit is truncated, "Warning! overflow (len, size) = (%d, %d)" is logged, and the
@@ -28,7 +28,7 @@ enum {
 /* Finds a key, ignoring ASCII case. An empty key is found at the start of any text. Takes time
  * proportional to the length of pSrc, whatever the texts are.
  *
- * Returns the first place of pKey in pSrc, or NULL. */
+ * Returns the first occurrence of pKey in pSrc, or NULL. */
 const char *COM_StrCaseStr(const char *pSrc, const char *pKey);
 
 /* Copies the text between the first pair of double quotes after the key. Other text may come
@@ -55,8 +55,10 @@ const char *COM_GetStrBeforeSpace(const char *pSrc, const char *pKey, char *pDst
 /* Copies the text from the end of the key to the end of its line, which is the nearer of LF and CR.
  * A last line without LF or CR is not found. An empty value is a success and leaves pDst empty.
  *
- *   pDst  `size` bytes, including the NUL; the warning also shows the key and at most 20 characters
- *         of the value, none that is not copied (with a size of 0 or less, all text after the key)
+ *   pDst  `size` bytes, including the NUL
+ *
+ * The warning also shows the key and the value, at most 20 characters of it and only those that are
+ * copied; with a size of 0 or less it shows all text after the key.
  *
  * Returns the position right after the key, or NULL when the key or the line end is missing. */
 const char *COM_GetStrBeforeEOL(const char *pSrc, const char *pKey, char *pDst, int size);

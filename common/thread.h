@@ -3,9 +3,10 @@
 
 /* The program's registry of its threads, and a watchdog that checks every registered process.
  *
- * The registry is the library's only state. Threads enter themselves, and entries stay. They are
- * found by process id. So the threads of a process differ by name only, and the first entry of the
- * process has the memory figure of all its threads. A forked child has a copy of the registry. */
+ * The registry and the watchdog are the library's only state. Threads enter themselves, and entries
+ * stay. An entry is found by its process id. So the threads of a process differ by name only, and
+ * the first entry of the process has the memory figure of all its threads. A forked child has a
+ * copy of the registry. */
 
 #include <assert.h>
 #include <stddef.h>
@@ -41,7 +42,7 @@ int COM_LogThread(const char *pName);
  *
  *   amount  bytes to add, negative to subtract
  *
- * Returns 0, also (silently) when the process has no entry; -1 when there is no entry at all. */
+ * Returns 0, also when the process has no entry (not logged); -1 when the registry is empty. */
 int COM_LogThreadMemUsage(int amount);
 
 /* Logs every entry: number, process id, name, last state, memory figure. */
@@ -65,7 +66,7 @@ int COM_DestroyThreadWatchdog(void);
 
 /* The watchdog's start routine. It never returns: cancellation ends it, between two checks.
  *
- *   pData  the watchdog's data as COM_CreateThreadWatchdog passes it; with NULL the routine returns
+ *   pData  the watchdog's data, passed by COM_CreateThreadWatchdog; with NULL the routine returns
  *          NULL at once */
 void *COM_ThreadWatchdog(void *pData);
 

@@ -2,8 +2,8 @@
 #define TALVEK_COMMON_WIDE_TYPES_H
 
 /* The library supports files over 2 GiB and dates after January 2038: off_t and time_t have 64
- * bits. A 32-bit program must be compiled like the library. Every header that uses these types
- * includes this one, because the compiler cannot report an argument of the wrong size. */
+ * bits. A 32-bit program must be compiled with the same sizes as the library. Every header that
+ * uses these types includes this one, because neither compiler nor linker reports a difference. */
 
 #include <assert.h>
 #include <sys/types.h>
