@@ -7,7 +7,7 @@ namespace talvek {
 
 // Disables cancellation of the calling thread for a scope. A request that arrives in the meantime
 // acts at the first cancellation point after the scope, so nothing that the scope owns is lost.
-// Every entry that blocks begins with one. Scopes nest.
+// Every entry that blocks begins with one, except those that can be cancelled. Scopes nest.
 class CancelGuard {
   public:
     CancelGuard() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }

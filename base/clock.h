@@ -12,9 +12,9 @@ int64_t MonotonicNs();
 // MonotonicNs in milliseconds.
 int64_t MonotonicMs();
 
-// Writes a time as "YYYY/MM/DD hh:mm:ss" in UTC; a year beyond 9999 or below 0 takes as many
-// characters as it needs, at most 27 with the NUL in all. False when the year does not fit the
-// calendar.
+// Writes a time as "YYYY/MM/DD hh:mm:ss" in UTC; a year above 9999 or below 0 takes as many
+// characters as it needs. The whole has at most 27 bytes with its NUL. False when the year does not
+// fit struct tm.
 bool FormatUtc(char *pDst, size_t size, time_t time);
 
 // The time at which a wait, or a series of waits, ends.
@@ -23,8 +23,8 @@ class Deadline {
     // `ms` milliseconds from now.
     explicit Deadline(int64_t ms);
 
-    // Milliseconds left, rounded up, so that a wait of this time ends after the deadline; 0 when
-    // it has passed.
+    // Milliseconds left, rounded up, so that a wait of this length does not end before the
+    // deadline; 0 when it has passed.
     [[nodiscard]] int64_t LeftMs() const;
 
   private:

@@ -9,9 +9,9 @@
 
 namespace talvek {
 
-// For a scope, a write beyond the limit of a file's size (RLIMIT_FSIZE) fails with EFBIG and does
-// not end the program with SIGXFSZ. Code that continues a write which was cut short needs it: the
-// limit shows only in the write after that one. The destructor keeps errno.
+// For a scope, a write beyond the limit of a file's size (RLIMIT_FSIZE) fails with EFBIG, and
+// SIGXFSZ does not end the program. Code that continues a write which was cut short needs it: only
+// the write after that one meets the limit. The destructor keeps errno.
 class FileLimitGuard {
   public:
     FileLimitGuard() {

@@ -9,7 +9,7 @@
 
 namespace talvek {
 
-// Owns a block of malloc, calloc or realloc.
+// Owns a block that malloc, calloc or realloc returned.
 template <typename T>
 class HeapBuf {
   public:

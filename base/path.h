@@ -7,9 +7,9 @@
 
 namespace talvek {
 
-// open, fopen and stat for a path that may be NULL, which fails with EFAULT. The C library declares
-// its own functions as never called with NULL. Descriptors are opened with O_CLOEXEC. `pMode` is
-// "r" or "w", alone or with "+".
+// open, fopen and stat for a path that may be NULL, which fails with EFAULT. The C library's own
+// functions are declared nonnull. Descriptors are opened with O_CLOEXEC. `pMode` is "r" or "w",
+// alone or with "+".
 int OpenPath(const char *pPath, int flags, mode_t mode = 0);
 FILE *OpenStream(const char *pPath, const char *pMode);
 int StatPath(const char *pPath, struct stat *pStat);

@@ -1,8 +1,8 @@
 #ifndef TALVEK_BASE_THREAD_ANNOTATIONS_H
 #define TALVEK_BASE_THREAD_ANNOTATIONS_H
 
-// What a lock guards, for the analysis of clang (-Wthread-safety; its documentation explains each
-// attribute). Other compilers ignore it.
+// State which lock guards what, for clang's analysis (-Wthread-safety; clang's documentation
+// explains each attribute). Other compilers ignore them.
 #if defined(__clang__)
 #define TALVEK_THREAD(attribute) __attribute__((attribute))
 #else

@@ -9,8 +9,8 @@
 
 namespace talvek {
 
-// Owns a stdio stream. `pClose` closes it: fclose for a file; pclose for a command, which it waits
-// for. The destructor keeps errno.
+// Owns a stdio stream. `pClose` closes it: fclose for a file; pclose for a command, whose end it
+// waits for. The destructor keeps errno.
 template <int (*pClose)(FILE *)>
 class UniqueStream {
   public:

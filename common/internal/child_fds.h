@@ -4,7 +4,7 @@
 namespace talvek {
 
 // Closes every descriptor above 2 of the calling process. Safe in a child that shares its parent's
-// memory (vfork): it makes system calls only, neither allocates nor locks.
+// memory (vfork): it only makes system calls and neither allocates nor locks.
 void CloseAllButStdFds();
 
 }  // namespace talvek
