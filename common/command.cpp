@@ -39,7 +39,7 @@ struct WordTable {
     char *args[COM_COMMAND_WORDS + 1];
 };
 
-// Splits at blanks; a command of blanks has one empty word. False when it does not fit.
+// Splits at blanks; a command of blanks alone has one empty word. False when it does not fit.
 bool SplitWords(const char *pCmd, WordTable &table) {
     size_t count = 0;
     for (const char *at = pCmd + strspn(pCmd, " "); *at != '\0' || count == 0;) {
@@ -67,7 +67,7 @@ void LogNotExecuted(const char *pCmd, int error) {
 // ---- running ----
 
 // Code that the child runs on the parent's memory. It is not instrumented: the child never returns
-// from these frames, so what a sanitizer recorded of them would remain in the parent.
+// from these frames, so what a sanitizer recorded for them would remain in the parent.
 #define TALVEK_CHILD_CODE __attribute__((no_sanitize("address", "thread")))
 
 // What COM_System changes of the process's signals. The actions of SIGINT and SIGQUIT belong to the
@@ -87,13 +87,13 @@ class CommandSignals {
         sigfillset(&all);
         return sigprocmask(SIG_BLOCK, &all, &mask_) == 0;
     }
-    // Blocks SIGCHLD alone beside what the caller had blocked.
+    // Sets the caller's mask again, with SIGCHLD blocked too.
     bool BlockChildOnly() const {
         sigset_t mask = mask_;
         sigaddset(&mask, SIGCHLD);
         return sigprocmask(SIG_SETMASK, &mask, nullptr) == 0;
     }
-    // Restores all of them, also when one cannot be; false then.
+    // Restores all of them, even if one fails; false then.
     bool Restore() const {
         const bool interrupt = sigaction(SIGINT, &interrupt_, nullptr) == 0;
         const bool quit = sigaction(SIGQUIT, &quit_, nullptr) == 0;
@@ -127,7 +127,7 @@ class CommandSignals {
     sigset_t mask_;
 };
 
-// What the child works with.
+// The child's stack, and what it needs to execute the program.
 struct Launch {
     alignas(max_align_t) char stack[16 * 1024];
     WordTable table;
@@ -163,15 +163,15 @@ int CollectStatus(pid_t pid) {
     return status;
 }
 
-// Other threads read the number without a lock.
+// Other threads read the id without a lock.
 void Publish(int *pPid, pid_t pid) {
     if (pPid != nullptr) {
         __atomic_store_n(pPid, pid, __ATOMIC_RELEASE);
     }
 }
 
-// Withdraws the number between the end of the child and the collection of its status: only after
-// the collection can another process get the number.
+// Clears the published id between the end of the child and the collection of its status: only after
+// the collection can another process get the same id.
 int AwaitChild(pid_t pid, int *pPid) {
     siginfo_t ignored;
     while (waitid(P_PID, static_cast<id_t>(pid), &ignored, WEXITED | WNOWAIT) == -1 &&
@@ -181,7 +181,7 @@ int AwaitChild(pid_t pid, int *pPid) {
     return CollectStatus(pid);
 }
 
-// Runs the program and returns its status; -1 without a process.
+// Runs the program and returns its status; -1 when no process can be made.
 //
 // docs/decisions/commands.md: the child runs on this process's memory, and this thread waits, until
 // the child executes the program (vfork). So the cost does not grow with the memory in use.

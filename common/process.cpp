@@ -1,4 +1,4 @@
-// Processes: pid files, stopping by command line, inherited descriptors, reading a command's
+// Processes: pid files, stopping by program name, inherited descriptors, reading a command's
 // output.
 
 #include "common/process.h"
@@ -114,7 +114,7 @@ int COM_CloseFdExceptSTD(int pid) {
         }
     }
     // The listing's own descriptor is closed last, since a long listing takes several reads.
-    // closedir then fails, and callers know that result.
+    // closedir then fails, and callers rely on that result.
     // Tested by CloseFdExceptSTD.ClosesItsOwnListingToo.
     if (ownListed) {
         close(own);

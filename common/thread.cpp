@@ -30,7 +30,7 @@ constexpr int kMaxSleepRounds = 1000;
 
 struct Watchdog {
     pthread_t thread;
-    pid_t process;  // that the thread runs in, 0 for none. A forked child has no such thread.
+    pid_t process;  // of the thread, 0 without a watchdog. A forked child has no such thread.
     struct timespec period;
 };
 
@@ -42,9 +42,9 @@ tThreadInfo *g_pThreads TALVEK_GUARDED_BY(g_mutex) TALVEK_PT_GUARDED_BY(g_mutex)
 constinit Mutex g_watchdogMutex;
 Watchdog g_watchdog TALVEK_GUARDED_BY(g_watchdogMutex) = {};
 
-// A thread may hold the registry while it logs, and a program may fork while it holds the stream of
-// the log. So fork waits only for a change of the array, which logs nothing when it succeeds, and
-// the child starts with free mutexes.
+// A thread may hold g_mutex while it waits for the stream of the log, and a program may fork while
+// it holds that stream. So fork waits only for g_arrayMutex, which guards a change of the array (it
+// logs only a failure), and the child starts with free mutexes.
 constinit Mutex g_arrayMutex TALVEK_ACQUIRED_AFTER(g_mutex);
 
 void LockArray() TALVEK_ACQUIRE(g_arrayMutex) {
@@ -77,7 +77,7 @@ size_t CountThreads() TALVEK_REQUIRES(g_mutex) {
 void WritePidFile(const char *pName) {
     constexpr const char *kFunction = "COM_LogThread";
     COM_Mkdir(kPidDir, 0775);
-    // The path is not cut, since a cut one would name another file.
+    // The path is never truncated, since that would name another file.
     const size_t size = sizeof "/var/run/.thread.pid" + strlen(pName);
     talvek::HeapBuf<char> path;
     if (path.Resize(size)) {

@@ -48,7 +48,7 @@ uint8_t Folded(const char *pAt) {
 }
 
 // The part of a NUL-terminated text that is known to hold no NUL. It grows with the search, so that
-// an early match does not cost the length of the whole text.
+// an early match does not cost a strlen of the whole text.
 class KnownText {
   public:
     explicit KnownText(const char *pText) : end_(pText) {}
@@ -191,8 +191,8 @@ size_t RarestByte(const Key &key) {
     return rarest;
 }
 
-// Finds a letter in either case. It keeps the next place of each case until it is passed, so that
-// no byte is read twice.
+// Finds a letter in either case. It keeps the next place of each case until that place is taken, so
+// that memchr reads no byte twice for the same case.
 class LetterScan {
   public:
     LetterScan(char lower, const char *from, size_t size)
@@ -235,8 +235,8 @@ const char *FindIgnoringCase(const char *pText, const char *pKey, size_t keySize
     KnownText text{pText};
     const size_t rarest = RarestByte(key);
     const char letter = static_cast<char>(key.At(rarest));
-    // The cost of a hit in bytes that memchr passes in the same time. When the hits have cost more
-    // than the text that was passed, the byte is not rare here.
+    // The cost of a hit, in bytes that memchr passes in the same time. When the hits have cost more
+    // than twice the text that was passed, the byte is not rare here.
     constexpr size_t kHitCost = 16;
     size_t cost = 0;
     // A match at `at` has the rarest byte at `at + rarest`.
