@@ -26,7 +26,7 @@ constexpr size_t kLengthOffset = 56;  // the last block ends with the length in 
 constexpr size_t kReadSize = 4096;
 constexpr size_t kSideFileSize = 256;
 
-// A bounded reader costs 13 % of the throughput here; the cores pass whole blocks only.
+// A bounded reader would cost 13 % of the throughput here. The callers pass whole blocks only.
 static_assert(std::endian::native == std::endian::little, "words are loaded in memory order");
 
 uint32_t LoadLittle(const uint8_t *pBytes) {
@@ -213,8 +213,8 @@ void Sha1Blocks(uint32_t (&state)[5], const uint8_t *pData, size_t count) {
     memcpy(state, r, sizeof r);
 }
 
-// Passes whole blocks to `blocks`. `block` holds the `held` bytes that were left over before, and
-// receives those that are left over now.
+// Passes whole blocks to `blocks`. `block` holds the `held` bytes that were left over by the calls
+// before, and receives those that are left over by this one.
 template <typename Blocks>
 void AddData(uint8_t (&block)[kBlockSize], size_t held, const void *pData, size_t size,
              Blocks blocks) {
@@ -277,7 +277,7 @@ template <typename Update>
     }
 }
 
-// The token before the first one that names the file; empty if that is the first token. NULL if no
+// The token before the first one that names the file; empty if no token precedes it. NULL if no
 // token names the file.
 const char *FindExpectedHash(char *pText, const char *pFileName) {
     constexpr const char *kDelimiters = "\r\n\t ";

@@ -33,7 +33,7 @@ namespace {
 
 constexpr size_t kPrefixSize = 256;
 
-// Makes one directory; an existing one will do.
+// Makes one directory; an existing one is a success too.
 int MakeOneDir(const char *pPath, mode_t mode) {
     if (mkdir(pPath, mode) == 0) {
         return 0;
@@ -49,7 +49,7 @@ int MakeOneDir(const char *pPath, mode_t mode) {
     return -1;
 }
 
-// A path that grows by a name a level and shrinks again.
+// A path that grows by one name for each level, and shrinks again.
 class Path {
   public:
     // Takes a text that is shorter than PATH_MAX; false without memory.
@@ -63,7 +63,7 @@ class Path {
     }
     [[nodiscard]] const char *text() const { return text_.get(); }
     [[nodiscard]] size_t length() const { return length_; }
-    // Appends "/name". If that is longer than a path can be, the name is cut and the result is
+    // Appends "/name". If the path would be too long, the name is truncated and the result is
     // false, with ENAMETOOLONG.
     bool Append(const char *pName) {
         const size_t room = PATH_MAX - length_;
@@ -140,7 +140,7 @@ bool TreeRemover::Admit(const struct stat &st) {
     }
     // Links are followed, so a link can lead back to a directory that is being emptied. The kernel
     // refuses a path with more than 40 links, with this same error. But with two such links in one
-    // directory, 2 to the 40th paths would be tried before.
+    // directory, 2 to the 40th paths would be tried before that.
     for (const Level *level = innermost_; level != nullptr; level = level->outer) {
         if (talvek::IsSameFile(st, level->identity)) {
             errno = ELOOP;
@@ -444,7 +444,7 @@ void LineEditor::AppendItems() {
         if (item.key_len < 1 || item.line[0] == '\0') {
             continue;
         }
-        // A last line without a newline does not run into the line that is added.
+        // A last line without a newline gets one, so that it does not run into the added line.
         // Tested by ReplaceItemsInFile.EndsAnOpenLastLineBeforeItAppends.
         char line[sizeof item.line + 3];
         snprintf(line, sizeof line, "%s%.*s\n", midLine_ ? "\n" : "",
@@ -494,8 +494,8 @@ void LineEditor::Finish() {
     if (result_ >= 0) {
         CopyBack();
     }
-    // Whatever failed, the file is cut to what was copied back: a failed edit leaves it empty,
-    // never half edited. Tested by ReplaceItemsInFileFault.LeavesTheFileWholeOrEmpty.
+    // Whatever failed, the file is truncated to what was copied back: a failed edit leaves it
+    // empty, never half edited. Tested by ReplaceItemsInFileFault.LeavesTheFileWholeOrEmpty.
     file_.Reset();
     if (truncate(fileName_, result_ < 0 ? 0 : copied_) != 0) {
         LOG_ERRNO_PLAIN("truncate(%s) error : %s\n", fileName_);
@@ -536,7 +536,7 @@ int COM_Mkdir(const char *pPath, mode_t mode) {
     for (const char *slash = strchr(pPath + 1, '/'); slash != nullptr;
          slash = strchr(slash + 1, '/')) {
         const size_t length = static_cast<size_t>(slash - pPath) + 1;
-        // A prefix that is cut would be another directory's name.
+        // A truncated prefix would be another directory's name.
         if (length >= kPrefixSize) {
             LOG("mkdir(%.*s) error : %s\n", static_cast<int>(length), pPath,
                 strerror(ENAMETOOLONG));
@@ -584,7 +584,7 @@ int COM_RemoveRealFile(const char *pPath) {
     char target[256] = "";
     const ssize_t length = readlink(pPath, target, sizeof target);
     if (length == static_cast<ssize_t>(sizeof target)) {
-        // The text of the link may go on, and what is cut would be another file's name.
+        // The text of the link may be longer, and a part of it would be another file's name.
         LOG("unlink(%s) failed : %s\n", pPath, strerror(ENAMETOOLONG));
         return -1;
     }
@@ -637,7 +637,7 @@ int COM_GetFdInfo(int fd, char *pPath, int verbose) {
     }
     struct stat st;
     if (length == static_cast<ssize_t>(COM_FD_PATH_SIZE)) {
-        // The path may go on, and what is cut would be another file's name.
+        // The path may be longer, and a part of it would be another file's name.
         LOG("stat(%s) fail : %s\n", path, strerror(ENAMETOOLONG));
         return -1;
     }

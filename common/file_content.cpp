@@ -114,7 +114,7 @@ struct FieldText {
     char text[kSize + 1] = {};
 };
 
-// Rewrites digits as "%04d" would write their value, for any number of digits.
+// Rewrites digits as printf's "%04d" would print their value, for any number of digits.
 void PadRevision(char *pDigits) {
     constexpr size_t kWidth = 4;
     const char *value = pDigits;
@@ -221,7 +221,7 @@ int COM_GetPort(char *pBuf, int size) {
     const talvek::CancelGuard guard;
     const int result = COM_GetFileContent("/etc/Port", pBuf, size);
     if (result == -1 && pBuf != nullptr && size != 0) {
-        // With a negative size "unknown" has taken its eight bytes.
+        // With a negative size, the text "unknown" was written in full: eight bytes.
         const size_t room = size < 0 ? sizeof kUnknown : static_cast<size_t>(size);
         snprintf(pBuf, room, "%d", COM_DEFAULT_PORT);
     }
@@ -231,7 +231,7 @@ int COM_GetPort(char *pBuf, int size) {
 int COM_SetPort(int port) {
     const talvek::CancelGuard guard;
     char text[COM_PORT_SIZE];
-    // No port number has more than five digits, so the result may be truncated.
+    // A port number has at most five digits. Only a number that is no port is truncated.
     const int length = snprintf(text, sizeof text, "%d", port);
     return length > 0 ? COM_SetFileContent("/etc/Port", text) : -1;
 }

@@ -32,8 +32,8 @@ constexpr size_t kCopyPathSize = 128;
 constexpr size_t kLinkPathSize = 1024;
 constexpr mode_t kNewDirMode = 0755;
 
-// Makes the directory of a path. If the path does not fit, that of its first kSize - 1 characters
-// is made: the same one or one above it.
+// Makes the directory of a path. If the path does not fit, the directory of its first kSize - 1
+// characters is made: the same one or one above it.
 template <size_t kSize>
 void MakeParentDir(const char *pPath) {
     char scratch[kSize];
@@ -52,8 +52,8 @@ talvek::UniqueFd OpenCopy(const char *pDst) {
     return fd;
 }
 
-// Lets the kernel copy what it can, which shares blocks where the file system does that and
-// elsewhere avoids a copy through this process. An error ends it: the read or write that follows
+// Lets the kernel copy what it can. The files share blocks where the file system supports it;
+// elsewhere the data does not pass through this process. An error ends it: the next read or write
 // meets the same error, or succeeds where the kernel cannot copy.
 void CopyInKernel(int src, int dst) {
     constexpr size_t kMost = size_t{1} << 30;
@@ -63,8 +63,8 @@ void CopyInKernel(int src, int dst) {
     }
 }
 
-// How many bytes an append may take: when the source is the destination, what it holds now, or the
-// appended bytes would be read again and again.
+// How many bytes an append may read. If the source is the destination, only what it holds now:
+// otherwise the appended bytes would be read again and again.
 int64_t AppendLimit(int dst, int src) {
     struct stat from;
     struct stat to;
