@@ -56,7 +56,7 @@ uint32_t NextBits(const tH264BitReader &reader) {
     return reader.cache << reader.consumed;
 }
 
-// Reads up to 31 bits, in two pieces if the cache may not have as many.
+// Reads up to 31 bits, in two pieces if the cache may have fewer.
 uint32_t ReadBits(tH264BitReader &reader, uint32_t count) {
     uint32_t value = 0;
     while (count > 0) {

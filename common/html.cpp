@@ -55,8 +55,8 @@ class StrippedText {
 
   private:
     // A short text grows byte by byte to exactly what it needs. A longer one at least doubles, so
-    // that the time is linear in the text. A refused step is halved for good: then few requests are
-    // refused, and the text still grows to the last byte that there is.
+    // that the time is linear in the text. After a refusal, all later steps are at most half as
+    // large: then few requests are refused, and the text can still use the last free byte.
     // Tested by StripHtmlCode.UsesAllMemoryWithFewRefusedRequests.
     bool Grow(size_t count) {
         constexpr size_t kShort = 64;
@@ -89,7 +89,7 @@ class StrippedText {
 
     talvek::HeapBuf<char> block_;
     size_t used_ = 0;
-    size_t size_ = 0;  // of the block that may be written; 0 for the caller's old block
+    size_t size_ = 0;  // writable bytes of the block; 0 for the caller's old block
     size_t largestStep_ = SIZE_MAX;
 };
 

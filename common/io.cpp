@@ -20,8 +20,8 @@
 
 namespace {
 
-// Calls `copy` for each piece of the ring that a copy of `size` bytes touches, in order, with its
-// offset, the number of bytes copied before it, and its size.
+// Calls `copy` for each piece of the ring that a copy of `size` bytes consists of, in order, with
+// its offset, the number of bytes copied before it, and its size.
 template <typename Copy>
 void ForEachRingPiece(int offset, int ringSize, int size, Copy copy) {
     if (size < 1 || offset < 0 || (ringSize > 0 && offset > ringSize)) {

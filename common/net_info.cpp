@@ -171,8 +171,8 @@ UniqueFd OpenRequestSocket(const char *pFunction) {
     return fd;
 }
 
-// A name that is too long for an interface is refused here. Cut to 15 characters it could be the
-// name of another interface.
+// A name that is too long for an interface is refused here. Truncated to 15 characters, it could be
+// the name of another interface.
 int RequestFact(const UniqueFd &fd, uint16_t request, const char *pIfName, ifreq &answer) {
     answer = {};
     const size_t length = pIfName != nullptr ? strlen(pIfName) : 0;
@@ -205,8 +205,8 @@ int ReadInterfaceMac(const char *pIfName, uint8_t (&mac)[ETH_ALEN]) {
     return 0;
 }
 
-// Cuts a line at the delimiters, of which several in a row count as one. False when it has fewer
-// columns.
+// Splits a line at the delimiters; several in a row count as one. False when it has fewer columns
+// than the array.
 template <size_t kCount>
 bool SplitColumns(char *pLine, const char *pDelimiters, const char *(&columns)[kCount]) {
     char *rest = nullptr;
@@ -279,8 +279,8 @@ struct Route {
     in_addr gateway;
 };
 
-// The kernel prints the number that the four bytes of the address form in memory, so storing the
-// number gives network byte order again.
+// The kernel prints the four bytes of the address as a number in host byte order, so storing the
+// number in memory gives network byte order again.
 bool ReadGateway(const char *pFunction, const char *pText, in_addr &gateway) {
     errno = 0;
     char *end = nullptr;
@@ -345,7 +345,7 @@ int ReadPeer(const char *pIfName, in_addr &peer) {
 }
 
 struct ResolvFile {
-    const char *saved;  // marks the setting as saved over a restart
+    const char *saved;  // its existence marks the setting as saved
     const char *inUse;
 };
 

@@ -30,8 +30,8 @@ struct Element {
 };
 
 // The first occurrence of a text at or after `from`. `last` is the result of an earlier call with a
-// smaller `from`, or NULL. While it is not passed it is still the first, so that a walk reads the
-// document once.
+// smaller `from`, or NULL. As long as `from` has not passed it, it is still the first, so that a
+// walk reads the document once.
 const char *NextFrom(const char *from, const char *last, const char *pPattern) {
     return last != nullptr && last >= from ? last : strstr(from, pPattern);
 }

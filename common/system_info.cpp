@@ -1,4 +1,4 @@
-// What the kernel reports under /proc, and texts of points in time.
+// What the kernel reports under /proc, and times as text.
 
 #include "common/system_info.h"
 
@@ -45,7 +45,7 @@ char *SecondField(char *pLine, const char *pDelimiters) {
                                                           : nullptr;
 }
 
-// Numbers end at the limits of 32 bits on every host, as `long` does on the unit.
+// Numbers are clamped to 32 bits on every host, as strtol does where `long` has 32 bits.
 int32_t ToInt32(const char *pText) {
     const long long value = strtoll(pText, nullptr, 10);
     return static_cast<int32_t>(std::clamp<long long>(value, INT32_MIN, INT32_MAX));
@@ -56,7 +56,7 @@ uint32_t HexToUint32(const char *pText) {
     return static_cast<uint32_t>(std::min<unsigned long long>(value, UINT32_MAX));
 }
 
-// The place of the figure that a line names, or COM_MEM_FIGURES.
+// The index of the figure that a line names, or COM_MEM_FIGURES.
 int FindMemKey(const char *pLine) {
     int key = 0;
     while (key < COM_MEM_FIGURES && strncmp(pLine, kMemKeys[key], strlen(kMemKeys[key])) != 0) {

@@ -158,7 +158,7 @@ bool IsPluggedInto(const char *pLine, const char *pUsbPort) {
     return length == strlen(pUsbPort) && strncmp(pDash + 1, pUsbPort, length) == 0;
 }
 
-// The adapter's number is the first piece of the line, split at "." and ":".
+// The adapter's number is the first piece of the line, which is split at "." and ":".
 bool StorePort(const char *pLine, char *pBuf) {
     const char *pNumber = pLine + strspn(pLine, ".:");
     const size_t digits = strspn(pNumber, "0123456789");

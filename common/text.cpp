@@ -127,7 +127,7 @@ void StoreIfWanted(int *pNumber, const NumberRun &run) {
 
 // A heap text that is rewritten from left to right. The finished part is at the start of the block,
 // the part still to be searched at its end, and free room lies between them. A byte moves once per
-// block and blocks grow by half, so the time is linear in the text and in what is inserted.
+// growth, which adds half the size, so the time is linear in the text and in what is inserted.
 class Rewrite {
   public:
     explicit Rewrite(char *pBlock) : block_(pBlock), end_(strlen(pBlock) + 1) {}
@@ -174,8 +174,8 @@ class Rewrite {
         end_ = size;
     }
 
-    // A short text gets exactly what it needs. A long one gets half as much on top if memory
-    // allows. Returns the size of the new block.
+    // A short text gets exactly what it needs. A long one gets half as much again if memory allows.
+    // Returns the size of the new block.
     size_t ResizeFor(size_t needed) {
         constexpr size_t kShort = 256;
         const size_t roomy = needed + needed / 2;  // less than `needed` when it wraps around

@@ -127,7 +127,7 @@ int SendPacket(const UniqueFd &fd, const char *pIfName, uint32_t mode, const Dat
     BuildPacket(datagram, packet);
     const sockaddr_ll link = LinkAddress(InterfaceIndex(fd, pIfName), mode);
     const auto *pLink = reinterpret_cast<const sockaddr *>(&link);
-    // sendto gives the same address, so the packet can be sent without the bind too.
+    // sendto has the same address, so the packet can be sent even if bind fails.
     if (bind(fd.get(), pLink, sizeof link) == -1) {
         LOG_ERRNO_AS(kFunction, "bind([%d][%s]) failed! : %s\n", link.sll_ifindex, Shown(pIfName));
     }

@@ -70,7 +70,7 @@ int ReadHostName(char (&name)[COM_UNIT_NAME_SIZE]) {
     return result;
 }
 
-// False for a text that would lead to another directory than that of an interface.
+// False for a text that could lead to a directory other than that of an interface.
 bool IsInterfaceName(const char *pName) {
     return *pName != '\0' && strlen(pName) < IFNAMSIZ && strchr(pName, '/') == nullptr &&
            strcmp(pName, ".") != 0 && strcmp(pName, "..") != 0;
