@@ -23,7 +23,7 @@ int64_t MonotonicMs() {
     return MonotonicNs() / kNsPerMs;
 }
 
-// Not by strftime, which would link the names of days and months into the static program (5 kB).
+// strftime would link the names of days and months into the static program (5 kB).
 bool FormatUtc(char *pDst, size_t size, time_t time) {
     struct tm calendar;
     if (gmtime_r(&time, &calendar) == nullptr) {
