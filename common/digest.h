@@ -44,7 +44,8 @@ void COM_Md5Init(tMd5Ctx *pCtx);
 /* Adds `size` bytes to the digest. */
 void COM_Md5Update(tMd5Ctx *pCtx, const void *pData, size_t size);
 
-/* Writes the digest of COM_MD5_SIZE bytes and zeroes the context. COM_Md5Init starts again. */
+/* Writes the digest of COM_MD5_SIZE bytes and zeroes the context. Call COM_Md5Init before the next
+ * digest. */
 void COM_Md5Final(uint8_t *pDigest, tMd5Ctx *pCtx);
 
 /* Writes the COM_MD5_HEX_SIZE characters of a digest. */
@@ -58,8 +59,9 @@ void COM_MakeStrMD5(char *pHex, const char *pText);
 /* Writes the COM_MD5_HEX_SIZE characters of the MD5 digest of a file. If a read fails, this is the
  * digest of the bytes before the failure.
  *
- * Returns the result of closing the file, usually 0. When the file cannot be opened, the result is
- * that of COM_Log for the message, a positive number (so for a NULL path). -1 when pHex is NULL. */
+ * Returns the result of closing the file, usually 0. When the file cannot be opened (also for a
+ * NULL path), the result is that of COM_Log for the message, a positive number. -1 when pHex is
+ * NULL. */
 int COM_MakeFileMD5(char *pHex, const char *pFileName);
 
 /* Compares the MD5 digest of a file with the hash in its side file.

@@ -82,7 +82,7 @@ enum { COM_FD_PATH_SIZE = 128 }; /* bytes of COM_GetFdInfo's path with its NUL *
 /* Reports what an open descriptor of this process refers to.
  *
  *   pPath    COM_FD_PATH_SIZE bytes for the path, or NULL
- *   verbose  not 0: the path and the file type are logged too
+ *   verbose  not 0: the path, the file type and, for a regular file, its size and offset are logged
  *
  * Returns 0. Returns -1 when the descriptor is not open, when it has no path that can be examined
  * (a socket, a pipe, a removed file), or when its path has COM_FD_PATH_SIZE bytes or more. */

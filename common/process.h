@@ -47,8 +47,7 @@ typedef void (*tComLineFn)(const char *pLine, void *pUser);
  *              NULL when the command has ended; may be NULL
  *
  * SIGCHLD is set to its default action, and keeps it after the call. If SIGCHLD were ignored, there
- * would be no status.
- * The cost does not grow with the memory of the caller.
+ * would be no status. The cost does not grow with the memory of the caller.
  *
  * Returns the wait status of the command as waitpid has it (256 for an exit with 1), and logs it
  * when it is not 0; -1 when the command cannot be started (pCallback is not called) or its status

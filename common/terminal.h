@@ -59,8 +59,8 @@ enum {
     COM_TERM_NOT_OPENED = -2 /* the device could not be opened */
 };
 
-/* Opens a terminal device, without making it the controlling one, and sets its line. The call takes
- * half a second: the line is left alone for that time after the open.
+/* Opens a terminal device and sets its line. It does not become the controlling terminal. The call
+ * takes half a second: the line is left alone for that time after the open.
  *
  *   pPath     device path; may be pDevInfo->path
  *   pDevInfo  the record; direction, speed and use_given_flags are read, and the flag words of
@@ -125,7 +125,8 @@ enum { COM_SERIAL_PATH_SIZE = 32 }; /* bytes of a serial port's device path with
  *   port  COM_SERIAL_ON_BOARD to COM_SERIAL_USB_4
  *   pBuf  COM_SERIAL_PATH_SIZE bytes for the device path
  *
- * The node of an adapter is made when it is missing (character device 188:number, mode 0664).
+ * The node of an adapter is made when it is missing (character device 188 * 256 + number, mode
+ * 0664).
  *
  * Returns 0; -1 when there is no such port (logged, except 0), no adapter in it, or no table of
  * adapters (logged). */
