@@ -101,7 +101,7 @@ int COM_TimeToStr(char *pBuf, time_t t);
  *   usec  below 0, a second is added to it (-1 gives ".999999"), but the text keeps the second of
  *         `sec`
  *
- * Returns 0, or -1 with nothing written when COM_TimeToStr would. */
+ * Returns 0, or -1 with nothing written when COM_TimeToStr fails. */
 int COM_TimevalToStr(char *pBuf, time_t sec, long usec);
 
 /* Writes a time and its text to standard output: "[seconds] -> [YYYY/MM/DD hh:mm:ss]", with

@@ -59,8 +59,8 @@ enum {
     COM_TERM_NOT_OPENED = -2 /* the device could not be opened */
 };
 
-/* Opens a terminal device and sets its line. It does not become the controlling terminal. The call
- * takes half a second: the line is left alone for that time after the open.
+/* Opens a terminal device and sets its line. The device does not become the controlling terminal.
+ * The call takes half a second: the line is left alone for that time after the open.
  *
  *   pPath     device path; may be pDevInfo->path
  *   pDevInfo  the record; direction, speed and use_given_flags are read, and the flag words of
