@@ -515,7 +515,7 @@ TEST(Registry, DoesNotDelayAForkWithStandardOutputLocked) {
         EXPECT_TRUE(OtherThreadsSleep());
         const pid_t child = fork();
         if (child == 0) {
-            _exit(0);
+            EndChild(true);
         }
         funlockfile(stdout);
         lister.join();
