@@ -187,7 +187,7 @@ int AwaitChild(pid_t pid, int *pPid) {
 // the child executes the program (vfork). So the cost does not grow with the memory in use.
 // qemu-user and valgrind make a copy all the same; the child's error reaches the parent through a
 // page that is shared even then.
-int Run(const char *pCmd, const CommandSignals &signals, int *pPid) {
+int RunAndAwait(const char *pCmd, const CommandSignals &signals, int *pPid) {
     constexpr const char *kFunction = "COM_System";
     constexpr int kAccess = PROT_READ | PROT_WRITE;
     talvek::HeapBuf<Launch> launch;
@@ -247,7 +247,7 @@ void Unlock(void *pMutex) {
     pthread_mutex_unlock(static_cast<pthread_mutex_t *>(pMutex));
 }
 
-int SetInterface(const char *pFunction, const char *pIfName, const char *pDirection) {
+int SetInterfaceState(const char *pFunction, const char *pIfName, const char *pDirection) {
     if (getuid() != 0 || pIfName == nullptr) {
         return -1;
     }
@@ -276,7 +276,7 @@ int COM_System(const char *pCmd, int *pPid) {
     if (!signals.Set()) {
         return -1;
     }
-    const int status = Run(pCmd, signals, pPid);
+    const int status = RunAndAwait(pCmd, signals, pPid);
     return signals.Restore() ? status : -1;
 }
 
@@ -336,7 +336,7 @@ int COM_KillProcess(const char *pName, int pid, int sig) {
             strncmp(line, pName, strlen(pName)) != 0) {
             continue;
         }
-        const int target = talvek::NumberOfEntry(name);
+        const int target = talvek::ParseEntryNumber(name);
         LOG("[pid:%d] - kill(%d[%s], %d)\n", getpid(), target, pName, sig);
         // An entry that is no process ("self") ends the search when it matches.
         // Tested by KillProcess.DoesNotSignalItsOwnProgramByName.
@@ -390,12 +390,12 @@ int COM_SleepAtLeast(const struct timespec *pTime, int maxRounds) {
 
 int COM_IfUp(const char *pIfName) {
     const talvek::CancelGuard guard;
-    return SetInterface(__func__, pIfName, "up");
+    return SetInterfaceState(__func__, pIfName, "up");
 }
 
 int COM_IfDown(const char *pIfName) {
     const talvek::CancelGuard guard;
-    return SetInterface(__func__, pIfName, "down");
+    return SetInterfaceState(__func__, pIfName, "down");
 }
 
 int COM_CallLocked(pthread_mutex_t *pMutex, void *pArg, int (*pFunction)(void *pArg)) {

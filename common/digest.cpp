@@ -83,8 +83,8 @@ template <typename Function, int kShift>
 
 // Four steps, after which each register is in its place again.
 template <typename Function, int kS0, int kS1, int kS2, int kS3>
-[[gnu::always_inline]] inline void Md5Turn(uint32_t *r, const uint32_t *x, const int (&k)[4],
-                                           const uint32_t (&t)[4]) {
+[[gnu::always_inline]] inline void Md5Steps(uint32_t *r, const uint32_t *x, const int (&k)[4],
+                                            const uint32_t (&t)[4]) {
     Md5Step<Function, kS0>(r[0], r[1], r[2], r[3], x[k[0]], t[0]);
     Md5Step<Function, kS1>(r[3], r[0], r[1], r[2], x[k[1]], t[1]);
     Md5Step<Function, kS2>(r[2], r[3], r[0], r[1], x[k[2]], t[2]);
@@ -100,41 +100,41 @@ void Md5Blocks(uint32_t (&state)[4], const uint8_t *pData, size_t count) {
         }
         const uint32_t before[4] = {r[0], r[1], r[2], r[3]};
 
-        Md5Turn<Md5F, 7, 12, 17, 22>(r, x, {0, 1, 2, 3},
-                                     {0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee});
-        Md5Turn<Md5F, 7, 12, 17, 22>(r, x, {4, 5, 6, 7},
-                                     {0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501});
-        Md5Turn<Md5F, 7, 12, 17, 22>(r, x, {8, 9, 10, 11},
-                                     {0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be});
-        Md5Turn<Md5F, 7, 12, 17, 22>(r, x, {12, 13, 14, 15},
-                                     {0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821});
+        Md5Steps<Md5F, 7, 12, 17, 22>(r, x, {0, 1, 2, 3},
+                                      {0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee});
+        Md5Steps<Md5F, 7, 12, 17, 22>(r, x, {4, 5, 6, 7},
+                                      {0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501});
+        Md5Steps<Md5F, 7, 12, 17, 22>(r, x, {8, 9, 10, 11},
+                                      {0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be});
+        Md5Steps<Md5F, 7, 12, 17, 22>(r, x, {12, 13, 14, 15},
+                                      {0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821});
 
-        Md5Turn<Md5G, 5, 9, 14, 20>(r, x, {1, 6, 11, 0},
-                                    {0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa});
-        Md5Turn<Md5G, 5, 9, 14, 20>(r, x, {5, 10, 15, 4},
-                                    {0xd62f105d, 0x02441453, 0xd8a1e681, 0xe7d3fbc8});
-        Md5Turn<Md5G, 5, 9, 14, 20>(r, x, {9, 14, 3, 8},
-                                    {0x21e1cde6, 0xc33707d6, 0xf4d50d87, 0x455a14ed});
-        Md5Turn<Md5G, 5, 9, 14, 20>(r, x, {13, 2, 7, 12},
-                                    {0xa9e3e905, 0xfcefa3f8, 0x676f02d9, 0x8d2a4c8a});
+        Md5Steps<Md5G, 5, 9, 14, 20>(r, x, {1, 6, 11, 0},
+                                     {0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa});
+        Md5Steps<Md5G, 5, 9, 14, 20>(r, x, {5, 10, 15, 4},
+                                     {0xd62f105d, 0x02441453, 0xd8a1e681, 0xe7d3fbc8});
+        Md5Steps<Md5G, 5, 9, 14, 20>(r, x, {9, 14, 3, 8},
+                                     {0x21e1cde6, 0xc33707d6, 0xf4d50d87, 0x455a14ed});
+        Md5Steps<Md5G, 5, 9, 14, 20>(r, x, {13, 2, 7, 12},
+                                     {0xa9e3e905, 0xfcefa3f8, 0x676f02d9, 0x8d2a4c8a});
 
-        Md5Turn<Md5H, 4, 11, 16, 23>(r, x, {5, 8, 11, 14},
-                                     {0xfffa3942, 0x8771f681, 0x6d9d6122, 0xfde5380c});
-        Md5Turn<Md5H, 4, 11, 16, 23>(r, x, {1, 4, 7, 10},
-                                     {0xa4beea44, 0x4bdecfa9, 0xf6bb4b60, 0xbebfbc70});
-        Md5Turn<Md5H, 4, 11, 16, 23>(r, x, {13, 0, 3, 6},
-                                     {0x289b7ec6, 0xeaa127fa, 0xd4ef3085, 0x04881d05});
-        Md5Turn<Md5H, 4, 11, 16, 23>(r, x, {9, 12, 15, 2},
-                                     {0xd9d4d039, 0xe6db99e5, 0x1fa27cf8, 0xc4ac5665});
+        Md5Steps<Md5H, 4, 11, 16, 23>(r, x, {5, 8, 11, 14},
+                                      {0xfffa3942, 0x8771f681, 0x6d9d6122, 0xfde5380c});
+        Md5Steps<Md5H, 4, 11, 16, 23>(r, x, {1, 4, 7, 10},
+                                      {0xa4beea44, 0x4bdecfa9, 0xf6bb4b60, 0xbebfbc70});
+        Md5Steps<Md5H, 4, 11, 16, 23>(r, x, {13, 0, 3, 6},
+                                      {0x289b7ec6, 0xeaa127fa, 0xd4ef3085, 0x04881d05});
+        Md5Steps<Md5H, 4, 11, 16, 23>(r, x, {9, 12, 15, 2},
+                                      {0xd9d4d039, 0xe6db99e5, 0x1fa27cf8, 0xc4ac5665});
 
-        Md5Turn<Md5I, 6, 10, 15, 21>(r, x, {0, 7, 14, 5},
-                                     {0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039});
-        Md5Turn<Md5I, 6, 10, 15, 21>(r, x, {12, 3, 10, 1},
-                                     {0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1});
-        Md5Turn<Md5I, 6, 10, 15, 21>(r, x, {8, 15, 6, 13},
-                                     {0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1});
-        Md5Turn<Md5I, 6, 10, 15, 21>(r, x, {4, 11, 2, 9},
-                                     {0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391});
+        Md5Steps<Md5I, 6, 10, 15, 21>(r, x, {0, 7, 14, 5},
+                                      {0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039});
+        Md5Steps<Md5I, 6, 10, 15, 21>(r, x, {12, 3, 10, 1},
+                                      {0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1});
+        Md5Steps<Md5I, 6, 10, 15, 21>(r, x, {8, 15, 6, 13},
+                                      {0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1});
+        Md5Steps<Md5I, 6, 10, 15, 21>(r, x, {4, 11, 2, 9},
+                                      {0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391});
 
         for (size_t i = 0; i < 4; ++i) {
             r[i] += before[i];

@@ -109,7 +109,7 @@ class TreeRemover {
     // already its path.
     bool Push(const char *pName, int flags);
     void Pop();
-    bool Admit(const struct stat &st);
+    bool MayBeEmptied(const struct stat &st);
     // The next entry of the innermost directory; NULL at its end.
     const char *NextName();
     void RemoveEntry(const char *pName);
@@ -131,7 +131,7 @@ class TreeRemover {
 };
 
 // Whether the opened directory may be emptied; logged if not.
-bool TreeRemover::Admit(const struct stat &st) {
+bool TreeRemover::MayBeEmptied(const struct stat &st) {
     // A link on a disk from outside must not cost the unit its root directory, nor must "..".
     // Tested by RemoveFileInDir.RefusesTheRootDirectoryByAnyName.
     if (talvek::IsSameFile(st, root_)) {
@@ -155,7 +155,7 @@ bool TreeRemover::Push(const char *pName, int flags) {
     auto level = talvek::HeapBuf<Level>::Zeroed(1);
     talvek::UniqueFd fd{openat(InnermostFd(), pName, O_RDONLY | O_DIRECTORY | O_CLOEXEC | flags)};
     const bool opened = level && fd && fstat(fd.get(), &level[0].identity) == 0;
-    if (opened && !Admit(level[0].identity)) {
+    if (opened && !MayBeEmptied(level[0].identity)) {
         return false;
     }
     if (!opened || (level[0].dir = fdopendir(fd.get())) == nullptr) {
@@ -311,7 +311,7 @@ int CopyBlocks(int from, int to) {
     }
 }
 
-bool Names(const char *pPath, int fd) {
+bool IsPathOf(const char *pPath, int fd) {
     struct stat open;
     struct stat named;
     return fstat(fd, &open) == 0 && talvek::StatPath(pPath, &named) == 0 &&
@@ -663,7 +663,7 @@ int COM_RenameFile(const char *pSrc, const char *pDst) {
     }
     // A file that is moved onto itself is unchanged, as with rename; opening it for writing would
     // empty it.
-    if (Names(pDst, from.get())) {
+    if (IsPathOf(pDst, from.get())) {
         return 0;
     }
     talvek::UniqueFd to{talvek::OpenPath(pDst, O_WRONLY | O_CREAT | O_TRUNC, 0664)};

@@ -330,7 +330,7 @@ bool FindRoute(const RouteSearch &search, char (&line)[kTableLine], Route &route
 }
 
 // A default route onto a point-to-point link has no gateway; the peer is the gateway then.
-int ReadPeer(const char *pIfName, in_addr &peer) {
+int ReadPointToPointPeer(const char *pIfName, in_addr &peer) {
     const UniqueFd fd = OpenRequestSocket("COM_SubGetGateway");
     if (!fd) {
         return -1;
@@ -491,7 +491,7 @@ int COM_SubGetGateway(uint32_t flag, const char *pIfName, void *pOut) {
     int result = 0;
     if (!FindRoute({__func__, kBlanks, pIfName}, line, route)) {
         route.gateway = {};
-        result = ReadPeer(pIfName, route.gateway);
+        result = ReadPointToPointPeer(pIfName, route.gateway);
     }
     WriteAddress(pRow->form, route.gateway, pOut);
     return result;

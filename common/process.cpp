@@ -88,7 +88,7 @@ int COM_KillDhcpProc(const char *pFirst, const char *pSecond) {
             strstr(line, pFirst) == nullptr || strstr(line, pSecond) == nullptr) {
             continue;
         }
-        if (Terminate(talvek::NumberOfEntry(entry->d_name), pFirst, pSecond)) {
+        if (Terminate(talvek::ParseEntryNumber(entry->d_name), pFirst, pSecond)) {
             result = 0;
         }
     }
@@ -106,7 +106,7 @@ int COM_CloseFdExceptSTD(int pid) {
     const int own = dirfd(dir.get());
     bool ownListed = false;
     while (const struct dirent *entry = readdir(dir.get())) {
-        const int fd = talvek::NumberOfEntry(entry->d_name);
+        const int fd = talvek::ParseEntryNumber(entry->d_name);
         if (fd == own) {
             ownListed = true;
         } else if (fd > STDERR_FILENO) {

@@ -55,7 +55,7 @@ void UnlockArray() TALVEK_RELEASE(g_arrayMutex) {
     g_arrayMutex.Unlock();
 }
 
-void UnlockInChild() TALVEK_RELEASE(g_arrayMutex) {
+void ResetInChild() TALVEK_RELEASE(g_arrayMutex) {
     UnlockArray();
     g_mutex.Reset();
     g_watchdogMutex.Reset();
@@ -63,7 +63,7 @@ void UnlockInChild() TALVEK_RELEASE(g_arrayMutex) {
 
 void PrepareForForks() {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once, [] { pthread_atfork(LockArray, UnlockArray, UnlockInChild); });
+    pthread_once(&once, [] { pthread_atfork(LockArray, UnlockArray, ResetInChild); });
 }
 
 size_t CountThreads() TALVEK_REQUIRES(g_mutex) {

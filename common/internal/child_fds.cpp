@@ -31,7 +31,7 @@ bool CloseListed() {
     while ((size = syscall(SYS_getdents64, listing, block, sizeof block)) > 0) {
         for (long at = 0; at < size;) {
             const auto *entry = reinterpret_cast<const dirent *>(block + at);
-            const int fd = talvek::NumberOfEntry(entry->d_name);
+            const int fd = talvek::ParseEntryNumber(entry->d_name);
             if (fd >= kFirst && fd != listing) {
                 close(fd);
             }

@@ -31,7 +31,7 @@ bool ReadCmdline(const char *pEntry, char *pLine, size_t size) {
     return true;
 }
 
-int NumberOfEntry(const char *pEntry) {
+int ParseEntryNumber(const char *pEntry) {
     const long long number = strtoll(pEntry, nullptr, 10);
     return number >= INT_MIN && number <= INT_MAX ? static_cast<int>(number) : 0;
 }

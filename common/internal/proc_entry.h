@@ -12,7 +12,7 @@ bool ReadCmdline(const char *pEntry, char *pLine, size_t size);
 
 // The number at the beginning of the name of an entry of /proc or /proc/<pid>/fd; 0 when there is
 // none or it does not fit an int.
-int NumberOfEntry(const char *pEntry);
+int ParseEntryNumber(const char *pEntry);
 
 }  // namespace talvek
 
