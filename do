@@ -13,6 +13,7 @@ usage() {
 ./do arm       build for 32-bit ARM and run the test programs under qemu
 ./do compilers build with clang, other flags and other processors (tools/compilers)
 ./do abi       compare the shared libraries with the recorded interface (tools/abi)
+./do package   Debian packages, and archives of the program for three processors (tools/package)
 ./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
 ./do faults    every call of the C library fails in turn: all scenarios, or those that match
 ./do coverage  lines and branches that the tests reach
@@ -380,6 +381,12 @@ abi)
 faults)
     shift
     faults "$@"
+    ;;
+package)
+    need "build package"
+    writable
+    shift
+    tools/package "$@"
     ;;
 coverage)
     # Counts of an earlier build belong to other lines.
