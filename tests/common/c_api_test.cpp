@@ -4,21 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include "support/command.h"
-
-namespace {
-
-using namespace talvek::test;
-
 TEST(CApi, CallsGoThrough) {
     EXPECT_NE(0, kModuleInC.pCallThrough());
 }
 
 TEST(CApi, DeclaresEveryEntryOfTheLibrary) {
-    if (!HasCommand("nm")) {
-        GTEST_SKIP() << "nm is not installed";
-    }
-    ExpectEveryEntryInC(TALVEK_BINARY_DIR "/libtalvek_common.a");
+    talvek::test::ExpectEveryEntryInC(TALVEK_BINARY_DIR "/libtalvek_common.a");
 }
-
-}  // namespace

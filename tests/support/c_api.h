@@ -38,8 +38,8 @@ extern const tCModule kModuleInC;
 
 namespace talvek::test {
 
-// Fails the test unless the public names in the library's archive are those of kModuleInC. Needs
-// nm.
+// Fails the test unless the public names in the library's archive are those of kModuleInC. Skips it
+// without nm.
 void ExpectEveryEntryInC(const char *pArchive);
 
 }  // namespace talvek::test
