@@ -69,6 +69,11 @@ void MakeTree() {
     WriteFile("/tmp/tree/lost+found/kept", "3");
 }
 
+// A descriptor that no command may inherit.
+void OpenFile() {
+    g_fd = open("/etc/passwd", O_RDONLY | O_CLOEXEC);
+}
+
 void MakeSleeper() {
     g_pid = fork();
     if (g_pid == 0) {
@@ -130,7 +135,7 @@ void CheckCopy(long result) {
 std::vector<Scenario> Commands() {
     return {
         {"COM_System",
-         nullptr,
+         OpenFile,
          [] {
              int pid = -1;
              const long status = COM_System("/bin/sh -c exit", &pid);
@@ -305,7 +310,7 @@ std::vector<Scenario> Files() {
          nullptr,
          {kOther, "/tmp/link"}},
         {"COM_GetFdInfo",
-         [] { g_fd = open("/etc/passwd", O_RDONLY | O_CLOEXEC); },
+         OpenFile,
          [] { return long{COM_GetFdInfo(g_fd, g_text, 1)}; },
          {0, -1},
          [](long result) { CHECK(result != 0 || strcmp(g_text, "/etc/passwd") == 0); }},
