@@ -93,7 +93,7 @@ need() {
         as_root=sudo
     else
         fail "Packages are missing. As root, then $0 again:
-apt-get install --no-install-recommends $*"
+apt-get update && apt-get install --no-install-recommends $*"
     fi
     echo "Installing: $*"
     # The tests start the servers among the packages themselves; installing them starts none.
@@ -205,6 +205,8 @@ run_tests() {
     fi
     need "$2" "$(find tests -name '*_test.cpp' | sed 's|^tests/\(.*\)/\(.*\)\.cpp$|\1_\2|' |
         grep -E -e "$filter" || :)"
+    # The C library of the static program.
+    [ "$preset" != arm ] || { writable; cmake/fetch-deb armhf build/arm/debs musl-dev; }
     configure "$preset"
     programs=
     if [ -n "$filter" ]; then
@@ -326,16 +328,11 @@ build) build ;;
 test) run_tests test "build test" "${2:-}" "${3:-}" ;;
 sanitize) run_tests asan "build test" "${2:-}" "${3:-}" ;;
 thread) run_tests tsan "build test" "${2:-}" "${3:-}" ;;
-arm)
-    need arm
-    # The C library of the static program.
-    cmake/fetch-deb armhf build/arm/debs musl-dev
-    run_tests arm "build test arm" "${2:-}" "${3:-}"
-    ;;
+arm) run_tests arm "build test arm" "${2:-}" "${3:-}" ;;
 board)
-    need "build arm"
     # With hardware of one's own there is no emulator.
-    [ -n "${BOARD_SSH-}" ] || need board
+    need "build arm $([ -n "${BOARD_SSH-}" ] || echo board)"
+    writable
     cmake/fetch-deb armhf build/arm/debs musl-dev
     configure arm
     compile arm
