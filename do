@@ -370,8 +370,7 @@ compilers)
     ;;
 abi)
     need "build abi"
-    configure default
-    compile default talvek_common_shared talvek_dev_shared talvek_dns_shared talvek_service_shared
+    writable
     shift
     tools/abi "$@"
     ;;
