@@ -30,7 +30,7 @@ constexpr int kMaxSleepRounds = 1000;
 
 struct Watchdog {
     pthread_t thread;
-    pid_t process;  // of the thread, 0 without a watchdog. A forked child has no such thread.
+    bool runs;  // false in a forked child: the thread is the parent's
     struct timespec period;
 };
 
@@ -59,6 +59,8 @@ void ResetInChild() TALVEK_RELEASE(g_arrayMutex) {
     UnlockArray();
     g_mutex.Reset();
     g_watchdogMutex.Reset();
+    const MutexLock lock{g_watchdogMutex};
+    g_watchdog.runs = false;
 }
 
 void PrepareForForks() {
@@ -141,6 +143,7 @@ int COM_LogThread(const char *pName) {
 
 int COM_LogThreadMemUsage(int amount) {
     const CancelGuard guard;
+    PrepareForForks();
     const MutexLock lock{g_mutex};
     if (g_pThreads == nullptr) {
         return -1;
@@ -163,6 +166,7 @@ int COM_LogThreadMemUsage(int amount) {
 
 void COM_ShowThread(void) {
     const CancelGuard guard;
+    PrepareForForks();
     // A registration may move the array, so reading it takes the lock too.
     const MutexLock lock{g_mutex};
     const size_t count = CountThreads();
@@ -178,13 +182,12 @@ int COM_CreateThreadWatchdog(int period) {
     PrepareForForks();
     const MutexLock lock{g_watchdogMutex};
     Watchdog &watchdog = g_watchdog;
-    const pid_t process = getpid();
     int error = EBUSY;
-    if (watchdog.process != process) {
+    if (!watchdog.runs) {
         // Checks without a pause would keep a processor busy.
         watchdog.period = {period < 1 ? 1 : period, 0};
         error = pthread_create(&watchdog.thread, nullptr, COM_ThreadWatchdog, &watchdog);
-        watchdog.process = error == 0 ? process : 0;
+        watchdog.runs = error == 0;
     }
     if (error != 0) {
         LOG("pthread_create() error = %d\n", error);
@@ -196,13 +199,13 @@ int COM_DestroyThreadWatchdog(void) {
     const CancelGuard guard;
     const MutexLock lock{g_watchdogMutex};
     Watchdog &watchdog = g_watchdog;
-    const int error = watchdog.process == getpid() ? pthread_cancel(watchdog.thread) : ESRCH;
+    const int error = watchdog.runs ? pthread_cancel(watchdog.thread) : ESRCH;
     if (error != 0) {
         LOG("pthread_cancel() error [%d]\n", error);
         return error;
     }
     pthread_join(watchdog.thread, nullptr);
-    watchdog.process = 0;
+    watchdog.runs = false;
     return 0;
 }
 

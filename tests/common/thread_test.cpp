@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -105,7 +106,7 @@ TEST(LogThread, MakesNoPidFileWithACutName) {
             EXPECT_NE(std::string::npos, log[0].find(") error : File name too long"));
         }
         // A path has at most 4095 characters, of which "/var/run/" and ".thread.pid" take 20. A
-        // name that were cut to fit would lose its ending, and name another file.
+        // path cut to fit would end elsewhere and so name another file.
         for (const size_t length : {4074, 4076, 4078, 4084, 4086}) {
             std::string name = "x";
             while (name.size() < length) {
@@ -142,6 +143,16 @@ TEST(LogThread, RegistersWithoutAPidFile) {
         EXPECT_EQ(
             (Lines{"COMMON:COM_LogThread(): [full] fprintf() error : No space left on device"}),
             CaptureLog([] { EXPECT_EQ(2, COM_LogThread("full")); }));
+    });
+}
+
+TEST(LogThread, RegistersWithoutADirectoryForThePidFile) {
+    InEmptyRegistry([] {
+        RemountReadOnly("/var");
+        EXPECT_EQ((Lines{"COMMON:COM_Mkdir(): mkdir(/var/run) error : Read-only file system",
+                         "COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : No such "
+                         "file or directory"}),
+                  CaptureLog([] { EXPECT_EQ(1, COM_LogThread("one")); }));
     });
 }
 
@@ -233,8 +244,8 @@ void FillPipe(int fd) {
 }
 
 // A process that registers itself as "watched" and enters a state in which it does not run. A child
-// of it, which has its registry, then runs `watch` with standard output on a pipe.
-// `watch` gets a function that lets AwaitMark() return.
+// of it, which has a copy of its registry, then runs `watch` with standard output on a pipe. The
+// argument of `watch` is a function that makes AwaitMark() return.
 class Watched {
   public:
     using Mark = std::function<void()>;
@@ -309,10 +320,11 @@ class Watched {
     std::string text_;
 };
 
-// Runs a watchdog of period 1 until it has warned `count` times of a process that `enter` brings
-// into its state. Expects nothing but these warnings, and then the two states in the registry. The
-// watching process is registered too, and healthy.
-void ExpectWarnings(int count, const std::function<void()> &enter, const std::string &state) {
+// Runs a watchdog until it has warned `count` times of a process that `enter` brings into its
+// state. Expects these warnings alone, and then the two entries in the registry: that process with
+// its state, and the watching process, which is healthy.
+void ExpectWarnings(int count, const std::function<void()> &enter, const std::string &state,
+                    int period = 1) {
     int stop[2];
     ASSERT_EQ(0, pipe2(stop, O_CLOEXEC));
     Watched watched{[&] {
@@ -322,7 +334,7 @@ void ExpectWarnings(int count, const std::function<void()> &enter, const std::st
                     [&](const Watched::Mark & /*mark*/) {
                         close(stop[1]);
                         COM_LogThread("watcher");
-                        EXPECT_EQ(0, COM_CreateThreadWatchdog(1));
+                        EXPECT_EQ(0, COM_CreateThreadWatchdog(period));
                         char byte;
                         EXPECT_EQ(0, read(stop[0], &byte, 1));
                         EXPECT_EQ(0, COM_DestroyThreadWatchdog());
@@ -367,6 +379,15 @@ TEST(ThreadWatchdog, WarnsOfAZombieEveryPeriod) {
     });
 }
 
+TEST(ThreadWatchdog, TakesAPeriodBelowOneSecondForOneSecond) {
+    InEmptyRegistry([] {
+        const int64_t start = talvek::MonotonicMs();
+        ExpectWarnings(
+            2, [] { _exit(0); }, "Z", 0);
+        EXPECT_GE(talvek::MonotonicMs() - start, 1000);
+    });
+}
+
 // Its state is the last one read, here none: it is gone before the watchdog starts.
 TEST(ThreadWatchdog, WarnsOfAProcessThatIsGoneEveryPeriod) {
     InEmptyRegistry([] {
@@ -376,8 +397,8 @@ TEST(ThreadWatchdog, WarnsOfAProcessThatIsGoneEveryPeriod) {
     });
 }
 
-// A check that cannot write its warning holds the lock; the end of the watchdog waits for it, and
-// then the registry is free.
+// A check that cannot write its warning holds the lock. COM_DestroyThreadWatchdog waits for the end
+// of the check, and then the registry is unlocked.
 TEST(ThreadWatchdog, FinishesACheckThatIsBlockedInItsWarning) {
     InEmptyRegistry([] {
         Watched watched{[] { raise(SIGSTOP); },
@@ -392,7 +413,7 @@ TEST(ThreadWatchdog, FinishesACheckThatIsBlockedInItsWarning) {
                             EXPECT_LT(held, fcntl(STDOUT_FILENO, F_GETPIPE_SZ));
                             COM_ShowThread();
                         }};
-        EXPECT_TRUE(InState(watched.AwaitMark(), 'S')) << "waits for the look";
+        EXPECT_TRUE(InState(watched.AwaitMark(), 'S')) << "waits for the check";
         const std::string output = watched.Read();
         const Lines lines = talvek::test::LogLines(output.substr(output.rfind('.') + 1));
         EXPECT_EQ(
@@ -419,6 +440,40 @@ TEST(ThreadWatchdog, EndsAtOnceAndCanBeStartedAgain) {
     });
 }
 
+// A signal ends the sleep of 1000 seconds, and the rest would take millions of rounds.
+TEST(ThreadWatchdog, SleepsAtMostAThousandRoundsAfterASignal) {
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(60);  // the reader sees an end in any case
+        dup2(ends[1], STDOUT_FILENO);
+        struct sigaction caught = {};
+        caught.sa_handler = [](int) {};
+        sigaction(SIGUSR1, &caught, nullptr);
+        COM_CreateThreadWatchdog(1000);
+        // Only the watchdog can take the signal now.
+        sigset_t signal;
+        sigemptyset(&signal);
+        sigaddset(&signal, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &signal, nullptr);
+        EXPECT_TRUE(OtherThreadsSleep());
+        kill(getpid(), SIGUSR1);
+        for (;;) {
+            pause();
+        }
+    }
+    close(ends[1]);
+    char text[128] = "";
+    EXPECT_LT(0, read(ends[0], text, sizeof text - 1));
+    EXPECT_EQ((Lines{"COMMON:COM_SleepAtLeast(): Woops! timeout = 1000"}),
+              talvek::test::LogLines(text));
+    close(ends[0]);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
 TEST(ThreadWatchdog, ReturnsWithoutItsData) {
     EXPECT_EQ(nullptr, COM_ThreadWatchdog(nullptr));
 }
@@ -436,14 +491,14 @@ TEST(ThreadWatchdog, RefusesASecondStartAndAStopWithoutAStart) {
     });
 }
 
-// Ends a child by another program: the blocks of the parent's other threads are lost in it, which
-// valgrind would report as leaks.
+// Ends a child by executing another program. In the child, nothing refers to the blocks of the
+// parent's other threads any more, which valgrind would report as leaks.
 [[noreturn]] void EndChild(bool good) {
     execl(good ? "/bin/true" : "/bin/false", "end", nullptr);
     _exit(2);
 }
 
-// A forked child has the registry; the watchdog stays in the parent.
+// A forked child has no watchdog.
 TEST(ThreadWatchdog, BelongsToTheProcessThatStartedIt) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "ThreadSanitizer lets no child of a program with threads start one";
@@ -463,6 +518,39 @@ TEST(ThreadWatchdog, BelongsToTheProcessThatStartedIt) {
         int status = -1;
         waitpid(child, &status, 0);
         EXPECT_EQ(0, status);
+        EXPECT_EQ(0, COM_DestroyThreadWatchdog());
+    });
+}
+
+// The first child of a process that is to have new process numbers is process 1; the second has the
+// number of the parent here.
+TEST(ThreadWatchdog, DoesNotBelongToAChildWithTheParentsNumber) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer lets no child of a program with threads start one";
+#endif
+    RunInPrivateWorld(kPids, [] {
+        ASSERT_EQ(2, getpid());
+        EXPECT_EQ(0, COM_CreateThreadWatchdog(1000));
+        ASSERT_EQ(0, unshare(CLONE_NEWPID)) << strerror(errno);
+        fflush(nullptr);
+        const pid_t init = fork();
+        if (init == 0) {
+            for (;;) {
+                pause();
+            }
+        }
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(60);
+            bool good = getpid() == 2;
+            Capture([&good] { good = good && COM_DestroyThreadWatchdog() == ESRCH; });
+            good = good && COM_CreateThreadWatchdog(1000) == 0;
+            good = good && COM_DestroyThreadWatchdog() == 0;
+            EndChild(good);
+        }
+        EXPECT_EQ(0, WaitFor(child));
+        kill(init, SIGKILL);
+        waitpid(init, nullptr, 0);
         EXPECT_EQ(0, COM_DestroyThreadWatchdog());
     });
 }
@@ -502,8 +590,8 @@ TEST(ThreadWatchdog, OfAForkedChildDoesNotWaitForACheckOfTheParent) {
     });
 }
 
-// A program may fork with standard output locked, while another thread holds the registry and waits
-// for that lock.
+// A program may fork while it holds the lock of standard output and another thread, which holds the
+// registry's lock, waits for it.
 TEST(Registry, DoesNotDelayAForkWithStandardOutputLocked) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "ThreadSanitizer takes locks of its own at a fork";
@@ -535,7 +623,7 @@ TEST(Registry, OutlastsCancellation) {
     });
 }
 
-// A child has the registry whole and unlocked while the parent's threads register and check.
+// While the parent's threads register and check, a child has all entries and can register at once.
 TEST(Registry, IsUnlockedInTheChildOfAFork) {
     InEmptyRegistry([] {
         constexpr int kEntries = 3000;
