@@ -138,7 +138,7 @@ std::string SignalsOfACommand() {
 
 TEST(System, KeepsTheSignalDisciplineOfSystem) {
     RunInPrivateWorld(kMounts, [] {
-        // As a program has them at its start, whatever runs this test.
+        // The actions that a program has at its start, whatever started this test.
         for (const int sig : {SIGINT, SIGQUIT, SIGCHLD, SIGUSR1, SIGPIPE}) {
             signal(sig, SIG_DFL);
         }
@@ -427,6 +427,18 @@ TEST(KillPid, GivesTimeAfterTheSignal) {
     EXPECT_EQ(0, COM_KillPid(child.pid(), 30'000));
     EXPECT_LE(std::chrono::milliseconds{29}, Clock::now() - start);
     EXPECT_EQ(SIGTERM, child.Wait());
+}
+
+// A signal ends the wait of an hour, and the rest would take millions of rounds.
+TEST(KillPid, WaitsAtMostAThousandRoundsAfterASignal) {
+    RunInPrivateWorld(kMounts, [] {
+        ChildProcess child{kSleep, Sleeper("sleep")};
+        EXPECT_EQ((Lines{"COMMON:COM_SleepAtLeast(): Woops! timeout = 1000"}), CaptureLog([&] {
+                      const Interruptions often{10};
+                      EXPECT_EQ(0, COM_KillPid(child.pid(), 3'600'000'000));
+                  }));
+        EXPECT_EQ(SIGTERM, child.Wait());
+    });
 }
 
 TEST(KillPid, ReportsAProcessThatIsGone) {

@@ -497,6 +497,31 @@ TEST(SaveRingBufDataIntoFile, ReportsAPartOfAWrappedRing) {
         saved.log);
 }
 
+TEST(SaveRingBufDataIntoFile, ReportsThePartUpToTheEndOfTheRingAlone) {
+    std::deque<ssize_t> empty(1000, 0);
+    empty.push_front(10);
+    for (const std::deque<ssize_t> &writes : {std::deque<ssize_t>{10, -EIO}, empty}) {
+        const Saved saved = SaveRing(90, 100, 30, writes);
+        EXPECT_EQ(1, saved.result);
+        EXPECT_EQ(Ring().substr(90), saved.content);
+        EXPECT_EQ(
+            (Lines{"COMMON:COM_SaveRingBufDataIntoFile(): write(0, 20) error : Input/output error",
+                   "COMMON:COM_SaveRingBufDataIntoFile(): write(FILE) size failed - "
+                   "10/[90,100]/30 - Input/output error"}),
+            saved.log);
+    }
+}
+
+TEST(SaveRingBufDataIntoFile, FailsAfterAThousandEmptyWritesBeforeTheEndOfTheRing) {
+    std::deque<ssize_t> writes(1000, 0);
+    writes.push_front(4);
+    const Saved saved = SaveRing(90, 100, 30, writes);
+    EXPECT_EQ(-1, saved.result);
+    EXPECT_EQ(Ring().substr(90, 4), saved.content);
+    EXPECT_EQ(Lines{"COMMON:COM_SaveRingBufDataIntoFile(): write(4, 6) error : Input/output error"},
+              saved.log);
+}
+
 TEST(SaveRingBufDataIntoFile, GivesUpAfterAThousandEmptyWrites) {
     const Saved saved = SaveRing(10, 100, 30, std::deque<ssize_t>(1000, 0));
     EXPECT_EQ(0, saved.result);

@@ -164,7 +164,7 @@ TEST(CloseFdExceptSTD, ClosesItsOwnListingToo) {
     });
 }
 
-// More than one read of the directory returns.
+// More entries than one read of the directory returns.
 TEST(CloseFdExceptSTD, ClosesThousands) {
     RunInPrivateWorld(kMounts, [] {
         rlimit limit;
@@ -321,6 +321,7 @@ TEST(PopenRead, ReportsACommandThatCannotBeStarted) {
     RunInPrivateWorld(kMounts, [] {
         rlimit limit;
         ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+        signal(SIGCHLD, SIG_IGN);
         Output output;
         const Lines log = CaptureLog([&] {
             const int firstFree = dup(STDOUT_FILENO);
@@ -331,6 +332,7 @@ TEST(PopenRead, ReportsACommandThatCannotBeStarted) {
         });
         EXPECT_EQ((Lines{"COMMON:COM_PopenRead(): popen(true) error : Too many open files"}), log);
         EXPECT_EQ(0, output.ends);
+        EXPECT_EQ(SIG_DFL, signal(SIGCHLD, SIG_DFL)) << "it is set before the command is started";
     });
 }
 

@@ -219,7 +219,7 @@ TEST(OpenTermDevice, RefusesASpeedThatIsNoConstant) {
     }
 }
 
-// Both calls of the line fail, and are logged.
+// Reading and applying the setting both fail, and both failures are logged.
 TEST(OpenTermDevice, LeavesADeviceOpenThatHasNoSetting) {
     tTermDevInfo device = Device(COM_TERM_READ_WRITE, B9600);
     const Lines log =
@@ -410,7 +410,7 @@ TEST(PrintTermFlags, ListsNothingOfAnEmptyWordButTheZeroSpeed) {
     EXPECT_EQ("(null) = [0x1] :\n", Capture([] { COM_PrintTermFlags(nullptr, 1, nullptr); }));
 }
 
-// One of two bits of a field does not name it.
+// A field of two bits is not listed for one of them.
 TEST(PrintTermFlags, NeedsAllBitsOfAField) {
     EXPECT_EQ("o = [0x200] :\n",
               Capture([] { COM_PrintTermFlags("o", 01000, COM_TermOutputFlags); }));
@@ -518,6 +518,19 @@ TEST(GetSerialPort, FindsAdaptersByTheirUsbPort) {
             EXPECT_EQ(0664U, node.st_mode & 07777);
             EXPECT_EQ(makedev(188, minor), node.st_rdev);
         }
+    });
+}
+
+// The device number is 188 * 256 + the adapter's number, so adapter 300 has the major number 189.
+TEST(GetSerialPort, AddsTheAdaptersNumberTo188Times256) {
+    InBoardWorld([] {
+        WriteFile("/proc/tty/driver/usb-serial", "300: x-1.3\n");
+        char path[COM_SERIAL_PATH_SIZE] = "";
+        EXPECT_EQ(0, COM_GetSerialPort(COM_SERIAL_USB_2, path));
+        EXPECT_STREQ("/dev/ttyUSB300", path);
+        struct stat node = {};
+        ASSERT_EQ(0, stat("/dev/ttyUSB300", &node));
+        EXPECT_EQ(dev_t{188 * 256 + 300}, node.st_rdev);
     });
 }
 

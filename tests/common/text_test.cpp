@@ -3,9 +3,13 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <malloc.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <random>
 #include <string>
@@ -877,6 +881,21 @@ TEST(ReplaceStr, FindsMatchesThatBeginInTheReplacement) {
     EXPECT_EQ("aa", Replace("aabb", "ab", "a"));
     EXPECT_EQ("ab", Replace("aab", "ab", "b"));  // the text before the replacement is finished
     EXPECT_EQ("xxxa", Replace("xaaaaa", "aaa", "xa"));
+}
+
+// The timer counts the processor time of the child, so it ends the child inside the call.
+TEST(ReplaceStr, NeverEndsIfTheNewTextContainsTheOldOne) {
+    const pid_t child = fork();
+    if (child == 0) {
+        const struct itimerval limit = {{0, 0}, {0, 200'000}};
+        setitimer(ITIMER_VIRTUAL, &limit, nullptr);
+        free(COM_ReplaceStr(strdup("a-b"), "-", "-"));
+        _exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(SIGVTALRM, WTERMSIG(status));
 }
 
 TEST(ReplaceStr, LeavesTheTextUnchangedForEmptyOrNull) {
