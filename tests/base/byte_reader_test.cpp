@@ -27,7 +27,7 @@ TEST(ByteReader, ReadsBothByteOrders) {
     EXPECT_FALSE(big.failed() || little.failed());
 }
 
-// Each field at every length of the bytes below its own, and at offsets whose end overflows.
+// Each field in buffers of 0 to 4 bytes, and at offsets whose end overflows.
 TEST(ByteReader, ReadsZeroWhereAFieldIsNotWhole) {
     const uint8_t bytes[4] = {1, 2, 3, 4};
     for (size_t length = 0; length <= sizeof bytes; ++length) {

@@ -95,7 +95,7 @@ TEST(PublicHeaders, CompileAlone) {
     }
 }
 
-// A 32-bit program with the narrow types is refused, whichever header of these it includes.
+// Each of these headers refuses a 32-bit program whose time_t and off_t have 32 bits.
 TEST(PublicHeaders, RefuseNarrowTypes) {
     const std::string compiler = "arm-linux-gnueabihf-gcc";
     if (!HasCommand(compiler)) {

@@ -44,8 +44,8 @@ TEST(Characters, EndsWithTheShorterText) {
     EXPECT_TRUE(EqualsIgnoringCase("", ""));
 }
 
-// Turkish has an i with and one without a dot, each in both cases; 0xD6 and 0xF6 are an O with dots
-// in both cases.
+// Turkish has an i with a dot and an i without, each in both cases. 0xD6 and 0xF6 are the two cases
+// of an O with two dots.
 TEST(Characters, IsTheSameInEveryLocale) {
     if (access("/usr/share/i18n/locales/tr_TR", R_OK) != 0) {
         GTEST_SKIP() << "the sources of the locales are not installed (packages.txt)";

@@ -31,8 +31,9 @@ TEST(FormatUtc, AgreesWithStrftimeInEveryYear) {
     }
 }
 
-// The calendar counts years from 1900 in an int. The last second of the last year fits 27 bytes.
-TEST(FormatUtc, HasRoomForTheLastYear) {
+// The calendar counts years from 1900 in an int. The text of its first year is the longest: 27
+// bytes with the NUL.
+TEST(FormatUtc, HasRoomForTheFirstAndTheLastYear) {
     EXPECT_EQ("2147485547/12/31 23:59:59", Utc(67768036191676799));
     EXPECT_EQ("-2147481748/01/01 00:00:00", Utc(-67768040609740800));
     EXPECT_EQ("(none)", Utc(67768036191676800));

@@ -24,7 +24,7 @@ using namespace talvek::test;
 
 class WriteAllTest : public testing::Test {
   protected:
-    // Writes "12345" by writes of the given kinds, with errno 0 before.
+    // Writes "12345". `writes` is what each write does (scripted_writes.h); errno is 0 before.
     Written Write(const std::deque<ssize_t> &writes, int maxIdle = 1,
                   Interrupted interrupted = Interrupted::kRepeats) {
         fd_.Reset(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
@@ -60,14 +60,14 @@ TEST_F(WriteAllTest, ReturnsWhatWasWrittenBeforeAFailure) {
     EXPECT_FALSE(written.complete());
 }
 
-TEST_F(WriteAllTest, FailsOfAnInterruptionUnlessThatIsRepeated) {
+TEST_F(WriteAllTest, FailsAfterAnInterruptionThatIsNotRepeated) {
     const Written written = Write({3, -EINTR}, 1, Interrupted::kFails);
     EXPECT_EQ(EINTR, errno);
     EXPECT_EQ(3, written.done);
     EXPECT_FALSE(written.complete());
 }
 
-TEST_F(WriteAllTest, GivesUpAfterSoManyWritesInARowThatTakeNothing) {
+TEST_F(WriteAllTest, GivesUpAfterTheGivenNumberOfIdleWritesInARow) {
     EXPECT_TRUE(Write({0, 0, 1, 0, 0, 4}, 3).complete());
     const Written written = Write({0, 0, 1, 0, 0, 0}, 3);
     EXPECT_EQ(EIO, errno);
@@ -78,7 +78,7 @@ TEST_F(WriteAllTest, GivesUpAfterSoManyWritesInARowThatTakeNothing) {
     EXPECT_EQ(EIO, errno);
 }
 
-TEST_F(WriteAllTest, WritesNothingOnce) {
+TEST_F(WriteAllTest, MakesOneWriteForNoBytes) {
     g_writes = {0};
     const Written written = WriteAll(-1, nullptr, 0, Interrupted::kFails);
     EXPECT_TRUE(written.complete());

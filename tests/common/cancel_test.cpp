@@ -1,4 +1,5 @@
-// Cancellation of threads: where it acts, what is held is released; everywhere else it waits.
+// Cancellation of threads: where it acts, everything held is released. Everywhere else it waits
+// until the call is over.
 
 #include <errno.h>
 #include <gtest/gtest.h>
@@ -44,8 +45,8 @@ void Set(int &flag) {
     __atomic_store_n(&flag, 1, __ATOMIC_RELEASE);
 }
 
-// Runs `body` in a thread and cancels the thread there when `ready` is true. The frame above the
-// call must be unwound too.
+// Runs `body` in a thread and cancels the thread when `ready` is true. The destructors of the frame
+// that calls `body` must run too.
 void CancelInside(const std::function<void()> &body, const std::function<bool()> &ready) {
     struct Job {
         const std::function<void()> &body;

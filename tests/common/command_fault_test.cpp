@@ -181,7 +181,7 @@ TEST(SystemFault, ClosesDescriptorsOneByOneWhereTheKernelKnowsNoRange) {
         ASSERT_EQ(9, dup2(0, 9));
         EXPECT_EQ("", InheritedWithoutCloseRange());
 
-        // More than one read of the listing returns.
+        // More entries than one read of the listing returns.
         while (dup(0) < 700) {
         }
         EXPECT_EQ("0\n1\n2\n3\n", Capture([] {

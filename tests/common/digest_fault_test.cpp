@@ -50,8 +50,8 @@ class DigestFault : public ::testing::Test {
     const std::string data_ = Data();
 };
 
-// The length of the part of the data, in blocks of 256 bytes, whose digest this is; the length of
-// the data when it is that of no part.
+// The length of the beginning of the data that has this digest, in steps of 256 bytes; the length
+// of all data if none has it.
 size_t PartOf(const std::string &data, const std::string &hex,
               std::string (*digest)(const std::string &)) {
     size_t size = 0;

@@ -217,7 +217,8 @@ std::string Strip(std::string html) {
     return text;
 }
 
-// What a browser does and stripping does not, as a change of the source that has the same effect.
+// Something that a browser does and stripping does not. `compensate` changes the source so that
+// stripping gives what the browser shows.
 struct Difference {
     const char *name;
     std::string (*compensate)(const std::string &);

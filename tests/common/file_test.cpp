@@ -347,8 +347,8 @@ TEST(RemoveFileInDir, RemovesNothingThroughALinkThatReplacesAnOuterDirectory) {
     EXPECT_TRUE(fs::is_empty(dir / "moved")) << "the directory that was open is emptied";
 }
 
-// The kernel gives up after 40 links; by then two links would have been followed 2 to the 40th
-// times.
+// The kernel refuses a path with more than 40 links. With two such links in one directory, 2 to the
+// 40th paths would be tried before that.
 TEST(RemoveFileInDir, FollowsNoLinkBackToADirectoryThatIsBeingEmptied) {
     const TempDir dir;
     WriteFile(dir / "top/a/file", "x");
@@ -436,7 +436,7 @@ TEST(RemoveFileInDir, ReturnsZeroWhenTheDirectoryCannotBeOpened) {
               }));
 }
 
-// A directory for which there is no descriptor is logged and left; its result is no failure.
+// A directory that no descriptor is left for is logged and stays, which is no failure.
 TEST(RemoveFileInDir, LeavesWhatIsDeeperThanTheDescriptorsLast) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
@@ -462,7 +462,8 @@ TEST(RemoveFileInDir, LeavesWhatIsDeeperThanTheDescriptorsLast) {
         });
         EXPECT_LT(0, removed) << "the files of the directories that were opened";
         EXPECT_GT(40, removed);
-        // One that cannot be opened, and each one above it, which is not empty.
+        // A line for the directory that cannot be opened, and one for each directory above it,
+        // which is not empty.
         ASSERT_EQ(static_cast<size_t>(removed) + 1, log.size());
         EXPECT_NE(std::string::npos, log[0].find(": opendir(/var/top/d/"));
         EXPECT_NE(std::string::npos, log[0].find("error : Too many open files"));
@@ -473,7 +474,8 @@ TEST(RemoveFileInDir, LeavesWhatIsDeeperThanTheDescriptorsLast) {
     });
 }
 
-// A tree deeper than a path can name: entries with a path are removed, the rest is a failure.
+// The tree is deeper than a path can be long. Entries whose path fits are removed; the others are a
+// failure.
 TEST(RemoveFileInDir, StopsWhereAPathEnds) {
     const TempDir dir;
     const std::string name(200, 'd');
@@ -911,7 +913,7 @@ class ReplaceItemsInFile : public ::testing::Test {
     static int Edit(std::vector<tFileItem> &&items, int flags = kNone, const char *pFile = kFile) {
         return Edit(items, flags, pFile);
     }
-    // The body begins with the content in the file and ends with no temporary copy left.
+    // Runs the body with this content in the file. No temporary copy may be left after it.
     static void Run(const std::string &content, const std::function<void()> &body) {
         RunInPrivateWorld(kMounts, [&] {
             MountTmpfs("/var");
@@ -1062,7 +1064,7 @@ TEST_F(ReplaceItemsInFile, OnlyCountsWithFindOnly) {
     });
 }
 
-// The kernel's file systems are searched like this.
+// The list of the kernel's file systems is searched like this.
 TEST_F(ReplaceItemsInFile, FindsAFileSystemOfTheKernel) {
     if (access("/proc/filesystems", W_OK) != 0) {
         GTEST_SKIP() << "only root opens files of /proc for reading and writing";
@@ -1249,14 +1251,14 @@ TEST(ReallocAndCopyBuf, CopiesFromInsideTheBlockItMoves) {
     const char *inside = static_cast<const char *>(block) + 2;
     ASSERT_NE(nullptr, COM_ReallocAndCopyBuf(kBig, &block, 8, inside, 6));
     EXPECT_STREQ("abcdefghcdefgh", static_cast<char *>(block));
-    // Source and place overlap.
+    // Source and destination overlap.
     inside = static_cast<const char *>(block) + 1;
     ASSERT_NE(nullptr, COM_ReallocAndCopyBuf(kBig, &block, 3, inside, 8));
     EXPECT_STREQ("abcbcdefghc", static_cast<char *>(block));
     free(block);
 }
 
-// What the smaller block no longer has is not copied.
+// The part of the source that the smaller block no longer has is not copied.
 TEST(ReallocAndCopyBuf, CutsASourceThatTheSmallerBlockCuts) {
     for (const size_t at : {size_t{58}, size_t{63}, size_t{64}, size_t{2000}}) {
         void *block = nullptr;

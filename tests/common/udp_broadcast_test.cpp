@@ -279,7 +279,7 @@ void WriteCapture(const std::string &path, const std::vector<std::string> &frame
     WriteFile(path, file);
 }
 
-// tshark's checksum status: 1 good, 0 bad, 2 absent or not checked.
+// tshark's checksum status is 1 for a checksum that is good.
 TEST(SendUdpPackage, IsDecodedByAProtocolAnalyser) {
     if (!HasCommand("tshark")) {
         GTEST_SKIP() << "tshark is not installed (see packages.txt)";

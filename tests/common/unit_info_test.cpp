@@ -128,7 +128,8 @@ TEST(UnitNetInfo, ReadsTheDefaultRouteOnce) {
                          "directory"}),
                   CaptureLog([&] { EXPECT_EQ(0, Fill(record, nullptr)); }));
         EXPECT_EQ("10.0.0.5", Field(record, 128, 16));
-        EXPECT_EQ("10.0.0.5", Field(record, 168, 16)) << "its peer, as the link has no other";
+        EXPECT_EQ("10.0.0.5", Field(record, 168, 16))
+            << "without a peer, the request gives the interface's own address";
     });
 }
 
