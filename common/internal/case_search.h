@@ -6,7 +6,7 @@
 namespace talvek {
 
 // Finds the first occurrence of the key in a NUL-terminated text, ignoring ASCII case, or NULL.
-// The cost is linear in the text, whatever both texts are. No byte after the text's NUL is read.
+// The cost is at most proportional to both lengths. No byte after the text's NUL is read.
 const char *FindIgnoringCase(const char *pText, const char *pKey, size_t keySize);
 
 }  // namespace talvek
