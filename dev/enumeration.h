@@ -35,7 +35,7 @@ int Dev_Get(tDevInfo *pDevs);
 int Dev_GetUSBFlashDevice(tDevInfo *pDevs);
 
 /* Reads the address and the readiness of the SCSI generic nodes /dev/sg0 to sg31, or /dev/sga to
- * sgz where there is no /dev/sg0.
+ * sgz where there is no /dev/sg0. The log then names the six rows that have no letter.
  *
  *   pMap  DEV_MAX_DEVICES rows, one for each node whether it exists or not
  *
