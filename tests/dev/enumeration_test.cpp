@@ -12,6 +12,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -342,6 +343,7 @@ TEST(Enumeration, SkipsADeviceWithoutAGenericNode) {
         // All four words of the address are compared.
         SimulatedDrive otherHost{{"/dev/sr1"}};
         otherHost.host = 2;
+        otherHost.hostText = "odd";
         otherHost.idlun = good->idlun;
         SimulatedDrive otherChannel{{"/dev/sr2"}};
         otherChannel.host = 1;
@@ -359,6 +361,7 @@ TEST(Enumeration, SkipsADeviceWithoutAGenericNode) {
         const Found found = Enumerate(Dev_Get);
         ASSERT_EQ(1, found.count);
         EXPECT_STREQ("/dev/sr0", found.devs[0].devPath);
+        EXPECT_HAS(found.lines, "DEV:Dev_Get(): Unknown host - string_buf = [odd]");
         EXPECT_EQ(O_RDONLY | O_NONBLOCK,
                   otherLun.openFlags & (O_ACCMODE | O_NONBLOCK));  // as a node
         // The records after the last device are unchanged.
@@ -444,9 +447,33 @@ TEST(Enumeration, ListsTheSizeOfADiskThatReportsSectorsOnly) {
         const Found found = Enumerate(Dev_Get);
         ASSERT_EQ(1, found.count);
         EXPECT_EQ(uint64_t{0xFFFFFFFF} * 512, found.devs[0].u.disk.deviceBytes);
-        EXPECT_HAS(found.lines,
-                   "DEV:Dev_GetHDStat(): ioctl(BLKGETSIZE64, /dev/sda) error : Invalid argument");
+        const auto at = [&found](const std::string &line) {
+            return std::find(found.lines.begin(), found.lines.end(), line);
+        };
+        const auto measured =
+            at("DEV:Dev_GetHDStat(): ioctl(BLKGETSIZE64, /dev/sda) error : Invalid argument");
+        const auto inquired = at("DEV:Dev_Inquiry(): Vendor          = MAKER   ");
+        ASSERT_NE(found.lines.end(), inquired);
+        EXPECT_LT(measured, inquired) << "a disk is measured before its model is read";
         EXPECT_TRUE(found.lines.back().ends_with(" : 0 MB(2097151)")) << found.lines.back();
+    });
+}
+
+// Detection tries the partitions and disks of /proc/partitions, and tmpfs accepts every device.
+TEST(Enumeration, DetectsTheFileSystemOfADisk) {
+    WithMachine("", [] {
+        WriteFile("/proc/filesystems", "nodev\ttmpfs\n");
+        WriteFile("/proc/partitions", "major minor  #blocks  name\n\n   8 0 512000 sda\n");
+        CaptureLog(Dev_InitFsArray);
+        const auto listed = MakeDevice("/dev/sda", "/dev/sg0", kUsbHost, 1);
+        const auto other = MakeDevice("/dev/sdb", "/dev/sg1", kUsbHost, 2);
+        const Found found = Enumerate(Dev_Get);
+        ASSERT_EQ(2, found.count);
+        EXPECT_EQ(uint32_t{DEV_FS_TYPE_TMPFS}, found.devs[0].u.disk.fsType);
+        EXPECT_LT(0u, found.devs[0].u.disk.totalBlocks);
+        EXPECT_STREQ("", found.devs[0].mountPoint);
+        EXPECT_EQ(0u, found.devs[1].u.disk.fsType);
+        EXPECT_EQ(0u, found.devs[1].u.disk.totalBlocks);
     });
 }
 
@@ -540,6 +567,8 @@ TEST(BuildSgMap, HasARowForEachGenericNode) {
                 EXPECT_EQ(0, memcmp(&unused, &map[k].scsiAddr, sizeof unused)) << k;
             }
         }
+        EXPECT_EQ(1, last->opens);
+        EXPECT_EQ(O_RDWR | O_NONBLOCK, last->openFlags & (O_ACCMODE | O_NONBLOCK));
         EXPECT_EQ(4u, map[0].scsiAddr.host);
         EXPECT_EQ(4u, map[0].scsiAddr.id);
         EXPECT_EQ(5u, map[31].scsiAddr.host);
