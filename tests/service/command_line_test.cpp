@@ -271,6 +271,18 @@ TEST(CommandLine, DaemonLogsEachLineOnceFromTheBackground) {
     EXPECT_EQ(7u, lines.size()) << daemon.log();
 }
 
+// A daemon that cannot bind ends at once.
+TEST(CommandLine, TheForegroundProcessLogsItsOwnId) {
+    const TempDir dir;
+    const int log = open((dir / "log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    const pid_t pid = StartProgram({"-D", "-s", dir / "missing/socket"}, log);
+    EXPECT_EQ(0, WaitFor(pid));
+    close(log);
+    EXPECT_NE(std::string::npos,
+              ReadFile(dir / "log")
+                  .find(": Master[" + std::to_string(pid) + "] is leaving - you're on your own ["));
+}
+
 TEST(CommandLine, AFailedBindIsReportedInTheLogOnly) {
     const TempDir dir;
     Daemon::Options options;

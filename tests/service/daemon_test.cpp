@@ -27,7 +27,10 @@
 #include <thread>
 #include <vector>
 
+#include "service/client.h"
 #include "service/handler.h"
+#include "service/internal/session_table.h"
+#include "service/session.h"
 #include "service/support/program.h"
 #include "service/support/waits.h"
 #include "service/support/wire.h"
@@ -53,10 +56,10 @@ struct Script {
 Script *g_script = nullptr;
 bool g_scripted = false;  // in the daemon and its children
 
-// The handler's argument, and the number of listening sockets while it ran, in a child of the
-// daemon.
+// In a child of the daemon: the handler's argument, and what it found when it ran.
 tTalvekClient g_handled = {};
-int g_listening = -1;
+int g_listening = -1;  // number of listening sockets
+int g_session = -1;    // the number that it would register; -1 also when the table is locked
 
 int CountListening() {
     int count = 0;
@@ -117,6 +120,10 @@ int WRAP_NANOSLEEP(const timespec *pTime, timespec *pLeft) {
 int __wrap_TALVEK_DaemonHandler(tTalvekClient *pClient) {
     g_handled = *pClient;
     g_listening = CountListening();
+    if (talvek::SessionMutex().TryLock()) {
+        talvek::SessionMutex().Unlock();
+        g_session = TALVEK_RegSession();
+    }
     return 5;
 }
 
@@ -166,12 +173,14 @@ TEST(DaemonTest, ServesARawPeer) {
     EXPECT_EQ(Hex(RegisterPkg("NAME=raw\0"s)), Hex(Take(fd, 25)));
     ASSERT_TRUE(Put(fd, CommandPkg("test $NAME = raw && exit 33")));
     EXPECT_EQ(Hex(ResultPkg(33)), Hex(Take(fd, 20)));
+    const std::vector<pid_t> children = daemon.Children();
+    ASSERT_EQ(1u, children.size());
     close(fd);
     EXPECT_TRUE(Eventually([&] { return daemon.Children().empty(); }));
-    const std::string pid = std::to_string(daemon.pid());
-    const std::string log = daemon.log();
-    EXPECT_EQ(1u, CountIn(log, "PID[" + pid + "]["));
-    EXPECT_EQ(1u, CountIn(log, "] fork() to handle client()\n"));
+    const std::string line = ": PID[" + std::to_string(daemon.pid()) + "][" +
+                             std::to_string(children[0]) + "] fork() to handle client()\n";
+    EXPECT_TRUE(daemon.Logs(line));
+    EXPECT_EQ(1u, CountIn(daemon.log(), "fork()"));
 }
 
 TEST(DaemonTest, ServesClientsSideBySide) {
@@ -210,8 +219,17 @@ struct Returned {
     tTalvekClient client;
     bool connected;  // the client's descriptor is open
     int listening;   // sockets that listened while the handler ran
+    int session;     // what the handler would register
     long drawn;      // the next random number
 };
+
+// Leaves the session table as a process might that has used it: locked, and without a free number.
+void UseUpSessions() {
+    talvek::SessionMutex().Lock();
+    for (uint32_t session = 0; session < TALVEK_SESSIONS; ++session) {
+        talvek::SessionSlot(session) = 1;
+    }
+}
 
 TEST(DaemonTest, ReturnsMinusOneInEachChildAfterItsHandler) {
     const TempDir dir;
@@ -224,12 +242,14 @@ TEST(DaemonTest, ReturnsMinusOneInEachChildAfterItsHandler) {
         if (daemon == 0) {
             signal(SIGCHLD, SIG_IGN);
             alarm(60);
+            UseUpSessions();
             Returned returned = {};
             returned.result = TALVEK_Daemon(path.c_str());
             returned.parent = getppid();
             returned.client = g_handled;
             returned.connected = fcntl(g_handled.fd, F_GETFD) != -1;
             returned.listening = g_listening;
+            returned.session = g_session;
             returned.drawn = random();
             const bool sent = write(ends[1], &returned, sizeof returned) == sizeof returned;
             _exit(sent ? 0 : 1);
@@ -249,6 +269,7 @@ TEST(DaemonTest, ReturnsMinusOneInEachChildAfterItsHandler) {
             EXPECT_EQ(0, returned.client.sn);
             EXPECT_TRUE(returned.connected);
             EXPECT_EQ(0, returned.listening);
+            EXPECT_EQ(0, returned.session) << "the daemon frees all numbers and the mutex";
             // The generator was seeded with the time of the start.
             bool seeded = false;
             for (time_t seed = before; seed <= time(nullptr); ++seed) {
@@ -379,6 +400,30 @@ TEST(DaemonTest, CutsAPathTo107Characters) {
     options.waitForSocket = false;
     const Daemon daemon{options};
     EXPECT_TRUE(daemon.Logs("bind(" + path.substr(0, 107) + ", 109) failed"));
+}
+
+TEST(DaemonTest, UsesTheDefaultPathForNull) {
+    RunInPrivateWorld(kMounts, [] {
+        ReplaceDir("/var");
+        ASSERT_EQ(0, mkdir("/var/run", 0755));
+        Capture([] {
+            const pid_t daemon = fork();
+            if (daemon == 0) {
+                signal(SIGCHLD, SIG_IGN);
+                alarm(60);
+                TALVEK_Daemon(nullptr);
+                _exit(0);
+            }
+            EXPECT_TRUE(Eventually([] {
+                const int fd = ConnectTo(TALVEK_SOCKET_PATH);
+                close(fd);
+                return fd >= 0;
+            }));
+            kill(daemon, SIGTERM);
+            EXPECT_TRUE(EndedBy(WaitFor(daemon), SIGTERM));
+        });
+        EXPECT_FALSE(Exists(TALVEK_SOCKET_PATH));
+    });
 }
 
 // The kernel would choose an address that no client knows.

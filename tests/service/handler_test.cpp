@@ -32,6 +32,7 @@ using namespace talvek::test;
 
 // The outcome of a handler in a process of its own.
 struct Served {
+    pid_t pid = -1;
     int wait = -1;
     int result = -99;
     tTalvekClient client = {};
@@ -72,6 +73,7 @@ Served Serve(const std::function<void(int fd)> &peer,
             _exit(0);
         }
         close(fds[1]);
+        served.pid = child;
         peer(fds[0]);
         close(fds[0]);
         served.wait = WaitFor(child);
@@ -475,13 +477,14 @@ TEST(Handler, ReportsAFailedWait) {
                 fflush(stdout);
                 _exit(result == -1 && client.fd == -1 ? 0 : 1);
             }
+            served.pid = child;
             served.wait = WaitFor(child);
         });
         EXPECT_EQ(0, served.wait);
         const std::regex form{
             "TALVEK,\\d+: \\[\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6}\\] "
-            "PID\\[4711\\]\\[\\d+\\] select\\(" +
-            std::to_string(fd) + "\\) error\n"};
+            "PID\\[4711\\]\\[" +
+            std::to_string(served.pid) + "\\] select\\(" + std::to_string(fd) + "\\) error\n"};
         EXPECT_TRUE(std::regex_match(served.output, form)) << served.output;
     }
 }
@@ -505,10 +508,10 @@ TEST(Handler, ReturnsMinusOneWithoutAFreeSession) {
 TEST(Handler, ReportsEveryFiveSecondsThatAClientIsSilent) {
     const Served served = Serve([](int fd) { EXPECT_EQ(0, Ask(fd, "true")); },
                                 [](tTalvekClient &) { Waits::TimeOut(3); });
-    const std::regex form{
-        "(TALVEK,\\d+: \\[[0-9/]{10} [0-9:]{8}\\.\\d{6}\\] PID\\[4711\\]\\[\\d+\\] "
-        "select\\(\\d+\\) timeout\n){3}"
-        "TALVEK,\\d+:TALVEK_DaemonHandler\\(\\): Command => \\[true\\]\n"};
+    const std::regex form{"(TALVEK,\\d+: \\[[0-9/]{10} [0-9:]{8}\\.\\d{6}\\] PID\\[4711\\]\\[" +
+                          std::to_string(served.pid) +
+                          "\\] select\\(\\d+\\) timeout\n){3}"
+                          "TALVEK,\\d+:TALVEK_DaemonHandler\\(\\): Command => \\[true\\]\n"};
     EXPECT_TRUE(std::regex_match(served.output, form)) << served.output;
 }
 

@@ -22,6 +22,7 @@
 #include "service/support/wire.h"
 #include "support/capture.h"
 #include "support/faults.h"
+#include "support/private_world.h"
 #include "support/temp_dir.h"
 
 // The real calls, for the tests themselves.
@@ -307,6 +308,18 @@ TEST(DaemonFault, ReturnsMinusOneAfterALoggedSetUpFailure) {
     EXPECT_TRUE(std::regex_match(
         listen[0], std::regex{"TALVEK: listen\\(\\d+, 1\\) failed : Operation not supported"}))
         << listen[0];
+}
+
+// The old file is removed after the socket has been made.
+TEST(DaemonFault, LeavesTheFileAtItsPathWithoutASocket) {
+    const TempDir dir;
+    const std::string path = dir / "socket";
+    WriteFile(path, "old");
+    EXPECT_EQ((Lines{"TALVEK: socket(AF_UNIX) failed : Too many open files"}), CaptureLog([&] {
+                  const Fault fault{"socket", 0, EMFILE};
+                  EXPECT_EQ(-1, TALVEK_Daemon(path.c_str()));
+              }));
+    EXPECT_EQ("old", ReadFile(path));
 }
 
 TEST(DaemonFault, AFailedSetUpRestoresTheSignals) {
