@@ -10,8 +10,8 @@
 namespace talvek {
 
 // For a scope, a write beyond the limit of a file's size (RLIMIT_FSIZE) fails with EFBIG, and
-// SIGXFSZ does not end the program. Code that continues a write which was cut short needs it: only
-// the write after that one meets the limit. The destructor keeps errno.
+// SIGXFSZ does not end the program. Code that continues short writes needs it: the kernel cuts one
+// write at the limit and raises the signal for the next. The destructor keeps errno.
 class FileLimitGuard {
   public:
     FileLimitGuard() {

@@ -19,7 +19,7 @@ class TALVEK_CAPABILITY("mutex") Mutex {
     [[nodiscard]] bool TryLock() TALVEK_TRY_ACQUIRE(true) {
         return pthread_mutex_trylock(&mutex_) == 0;
     }
-    // Unlocks it in a forked child, in which the thread that locked it does not exist.
+    // Unlocks it whichever thread has locked it. In a forked child that thread does not exist.
     void Reset() { pthread_mutex_init(&mutex_, nullptr); }
 
   private:

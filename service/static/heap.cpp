@@ -29,7 +29,7 @@ struct alignas(max_align_t) Header {
     uint32_t state;
 };
 
-// Values that other data hardly has.
+// Values that are unlikely in other data.
 constexpr uint32_t kUsed = 0x7553ED01;
 constexpr uint32_t kMapped = 0x7553ED02;
 
@@ -40,7 +40,7 @@ struct Free {
 
 constinit Mutex g_mutex;
 Free *g_free[std::bit_width(kLargest)] TALVEK_GUARDED_BY(g_mutex);  // by power of two
-char *g_memory TALVEK_GUARDED_BY(g_mutex) = talvek_heap_memory;     // what was not a block yet
+char *g_memory TALVEK_GUARDED_BY(g_mutex) = talvek_heap_memory;     // not a block yet
 size_t g_left TALVEK_GUARDED_BY(g_mutex) = kSize;
 
 Header *HeaderOf(void *block) {

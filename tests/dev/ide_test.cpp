@@ -376,7 +376,7 @@ TEST(SmartValue, SearchesToTheEndOfTheText) {
     for (size_t entry = 30; entry < 42; ++entry) {
         PutAttribute(sector, entry, 2, 0);
     }
-    // The 43rd begins with byte 506; its raw byte is the last but one: 506 + 5 = 511.
+    // The 43rd begins with byte 506. Its raw byte, 506 + 5 = 511, is the last but one of the text.
     sector[506] = 0xC2;
     sector[511] = 77;
     WithSmart(KernelText(sector), [] {

@@ -222,8 +222,8 @@ TEST_F(ExecMmc, FailsWhenSenseKeyAscOrAscqIsNotZero) {
     }
 }
 
-// SPC-3 4.5.2: response code, key, ASC and ASCQ are bytes 0 to 3. At the places of the fixed format
-// are the ASC (for the key) and descriptors or nothing (for ASC and ASCQ).
+// SPC-3 4.5.2: response code, key, ASC and ASCQ are bytes 0 to 3. So byte 2, the key in fixed
+// format, is the ASC, and bytes 12 and 13, the ASC and ASCQ there, are descriptors or absent.
 TEST_F(ExecMmc, ReadsSenseInDescriptorFormatAsFixedFormat) {
     SgAnswer answer = SgAnswer::Check(0, 0, 0);
     answer.sense = {0x72, 0x02, 0x3A, 0x00, 0, 0, 0, 0};  // not ready, no medium

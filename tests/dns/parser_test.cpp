@@ -316,7 +316,7 @@ TEST(ParserMx, RefusesAnAdditionalSectionThatDoesNotFit) {
     }
 }
 
-// Before offset 0 there is no byte, and beyond the end neither.
+// There is no byte before offset 0 and none beyond the end.
 TEST(ParserMx, ReadsAPreferenceOutsideTheResponseAsZero) {
     Bytes response(40, 0x77);
     response[9] = 0;

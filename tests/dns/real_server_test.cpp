@@ -39,7 +39,7 @@ constexpr char kDig[] = "/usr/bin/dig";
 // ---- The zones ----
 
 struct ZoneRecord {
-    std::string name;  // below ex.test; a name that ends in "." is whole
+    std::string name;  // relative to ex.test unless it ends in "."
     std::string type;
     int preference;
     std::string data;

@@ -49,7 +49,7 @@ const void *const g_first = [] {
     return first;
 }();
 
-// Whether a block lies in the heap's own memory; a mapping otherwise.
+// Whether a block lies in the heap's own memory and not in a mapping.
 bool IsInHeap(const void *block) {
     const auto begin = reinterpret_cast<uintptr_t>(g_first);
     const auto at = reinterpret_cast<uintptr_t>(block);
@@ -149,8 +149,8 @@ TEST(Heap, NothingIsNoBlock) {
     EXPECT_EQ(0U, SizeOf(nullptr));
 }
 
-// Allocates, resizes and releases at random and looks after every step that no block was written by
-// another.
+// Allocates, resizes and releases at random. After every step each block must still have its own
+// bytes.
 void Churn(unsigned seed, int steps) {
     struct Taken {
         unsigned char *bytes;

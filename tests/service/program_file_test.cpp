@@ -122,7 +122,7 @@ TEST(ProgramFile, DynamicOneNeedsTheCLibraryAlone) {
     const ProgramFile file;
     EXPECT_EQ(1U, file.Segments(PT_INTERP).size());
     std::vector<std::string> needed = file.Needed();
-    // On ARM the loader is named too, for helpers of the compiler that it holds.
+    // On ARM the loader is needed too: it has functions that the compiler's output calls.
     needed.erase(std::remove(needed.begin(), needed.end(), "ld-linux-armhf.so.3"), needed.end());
     EXPECT_EQ(std::vector<std::string>{"libc.so.6"}, needed);
 }

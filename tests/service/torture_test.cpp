@@ -201,7 +201,7 @@ TEST_F(Torture, HandlersAndCommandsKilledAtRandom) {
     }
 }
 
-// They hold the daemon's output and every descriptor that a command has.
+// The children that are left have the daemon's output and every other descriptor of a command.
 TEST_F(Torture, CommandsThatLeaveChildren) {
     const std::string list = daemon_.dir() / "children";
     for (int i = 0; i < 10; ++i) {
@@ -236,7 +236,7 @@ TEST_F(Torture, TheSocketRemovedAndReplaced) {
     ASSERT_EQ(0, rename(kept.c_str(), path.c_str()));
 }
 
-// With the memory of a process used up its client is served or sent away, and no other is affected.
+// A handler without memory serves its client or closes the connection. No other client is affected.
 TEST_F(Torture, MemoryUsedUp) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "a sanitizer ends the program when there is no memory";

@@ -16,11 +16,11 @@ std::string Capture(const std::function<void()> &body);
 // The same with descriptors 1 and 2 together.
 std::string CaptureAll(const std::function<void()> &body);
 
-// What was written until now, for the body of a capture or another thread meanwhile.
+// What has been written so far, for a call in the body of a capture or in another thread.
 std::string CapturedSoFar();
 
-// A log line without its line number: "COMMON:COM_Mkdir(): text" or "COMMON: text". Lines that do
-// not look like one stay as they are.
+// The lines of an output, log lines without their line numbers: "COMMON:COM_Mkdir(): text" or
+// "COMMON: text". Other lines are unchanged.
 Lines LogLines(const std::string &output);
 
 // "COMMON:function(): message" lines of what `body` logs, each with its newline cut off.

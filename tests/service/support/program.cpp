@@ -72,7 +72,7 @@ pid_t StartGuard(pid_t daemon, int *pPipe) {
 }  // namespace
 
 void FillPipe(int end) {
-    // An own open file description: the daemon's end stays in blocking mode.
+    // A second open file description, so that the daemon's end stays in blocking mode.
     const int fd =
         open(("/proc/self/fd/" + std::to_string(end)).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     EXPECT_LE(0, fd);
