@@ -94,12 +94,13 @@ TEST_F(Install, CopiesWhatEachPartNeeds) {
         }
     };
     for (const char *name :
-         {"bin/talvek", "share/man/man8/talvek.8", "share/man/man3/COM_GetMTU.3",
-          "share/man/man3/talvek_common_net_info.3", "libexec/talvek-listener",
-          "lib/systemd/system/talvek.service", "share/talvek/init.d/talvek",
-          "share/talvek/logrotate.d/talvek", "share/doc/talvek/examples/dns_lookup.c",
-          "share/doc/talvek/examples/facts.h", "share/doc/talvek/examples/net_facts.py",
-          "include/talvek/common/COMMON.h", "include/talvek/dev/DEV.h", "include/talvek/dns/DNS.h",
+         {"bin/talvek", "share/man/man8/talvek.8", "share/man/man8/talvek-listener.8",
+          "share/man/man3/COM_GetMTU.3", "share/man/man3/talvek_common_net_info.3",
+          "libexec/talvek-listener", "lib/systemd/system/talvek.service",
+          "share/talvek/init.d/talvek", "share/talvek/logrotate.d/talvek",
+          "share/doc/talvek/examples/dns_lookup.c", "share/doc/talvek/examples/facts.h",
+          "share/doc/talvek/examples/net_facts.py", "include/talvek/common/COMMON.h",
+          "include/talvek/dev/DEV.h", "include/talvek/dns/DNS.h",
           "include/talvek/service/TALVEK.h"}) {
         expect(Prefix() + "/" + name);
     }
