@@ -14,6 +14,8 @@ usage() {
 ./do compilers build with clang, other flags and other processors (tools/compilers)
 ./do abi       compare the shared libraries with the recorded interface (tools/abi)
 ./do package   Debian packages, and archives of the program for three processors (tools/package)
+./do package-test  makes the packages and tests them: contents, a second build, installation and
+               upgrade on a Debian of their own (packaging/test/run)
 ./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
 ./do faults    every call of the C library fails in turn: all scenarios, or those that match
 ./do coverage  lines and branches that the tests reach
@@ -383,6 +385,11 @@ package)
     writable
     shift
     tools/package "$@"
+    ;;
+package-test)
+    need "build package package-test"
+    writable
+    packaging/test/run
     ;;
 coverage)
     # Counts of an earlier build belong to other lines.

@@ -2,9 +2,8 @@
 // script, with processes, mounts and sockets of its own.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "support/command.h"
@@ -15,20 +14,50 @@ namespace {
 
 using namespace talvek::test;
 
-TEST(InitScript, StartsAndStopsTheDaemonAndSparesCommands) {
-    const TempDir dir;
-    const std::string root = dir / "root";
-    RunCommand("DESTDIR=" + root + " cmake --install " TALVEK_BINARY_DIR);
-    RunCommand("cd " + root +
-               " && mkdir -p bin proc tmp dev run etc/init.d var/log && "
-               "ln -s ../run var/run && : >dev/null && cp $(command -v busybox) bin/ && "
-               "for name in $(bin/busybox --list); do ln -s busybox bin/$name; done && "
-               "mv $(find . -path '*/init.d/talvek') etc/init.d/");
-    WriteFile(root + "/script", R"sh(set -eu
+// What is installed, in a root of BusyBox.
+class InitScript : public ::testing::Test {
+  protected:
+    InitScript() {
+        RunCommand("DESTDIR=" + root_ + " cmake --install " TALVEK_BINARY_DIR);
+        RunCommand("cd " + root_ +
+                   " && mkdir -p bin proc tmp dev run etc/init.d etc/default var/log && "
+                   "chmod 1777 tmp && ln -s ../run var/run && : >dev/null && "
+                   "cp $(command -v busybox) bin/ && "
+                   "for name in $(bin/busybox --list); do ln -s busybox bin/$name; done && "
+                   "cp $(find . -path '*/init.d/talvek') etc/init.d/");
+    }
+
+    // What a script in the root prints, but for the process ids. `after` is a command of this
+    // machine, and `last` a second script in the root.
+    [[nodiscard]] std::string Run(const std::string &script, const std::string &after = "",
+                                  const std::string &last = "") const {
+        const std::string begin = R"sh(set -eu
 PATH=/bin:/usr/bin:/usr/local/bin
 init=/etc/init.d/talvek
 fail() { echo "failed: $*"; cat /var/log/talvek.log; exit 1; }
 status() { code=0; $init status || code=$?; echo "status $code"; }
+)sh";
+        WriteFile(root_ + "/script", begin + script);
+        WriteFile(root_ + "/last", begin + last);
+        const std::string chroot = "chroot " + root_ + " /bin/sh ";
+        return RunCommand("unshare -" + std::string{getuid() == 0 ? "" : "r"} +
+                          "mnpf sh -ec 'mount -t proc proc " + root_ + "/proc; " + chroot +
+                          "/script; " + after + (after.empty() ? ":" : "; ") +
+                          (last.empty() ? "" : chroot + "/last") + "' | sed '/^talvek runs: /d'");
+    }
+
+    [[nodiscard]] const std::string &root() const { return root_; }
+
+  private:
+    const TempDir dir_;
+    const std::string root_ = dir_ / "root";
+};
+
+TEST_F(InitScript, StartsAndStopsTheDaemonAndSparesCommands) {
+    EXPECT_EQ(
+        "talvek does not run\nstatus 3\nthe command ends with 5\nthe next one ends with 6\n"
+        "talvek does not run\nstatus 3",
+        Run(R"sh(
 status
 $init start || fail start
 first=$($init status)
@@ -51,14 +80,63 @@ echo "the next one ends with $code"
 $init stop || fail stop
 status
 [ ! -e /var/run/TALVEK ] || fail "the socket is left"
-)sh");
-    const std::string output =
-        RunCommand("unshare -rmnpf sh -c 'mount -t proc proc " + root + "/proc && exec chroot " +
-                   root + " /bin/sh /script' | grep -v 'talvek runs: '");
+)sh"));
+}
+
+TEST_F(InitScript, AdmitsTheGroupThatIsSetUp) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "needs root, to become two other users";
+    }
+    WriteFile(root() + "/etc/passwd",
+              "root:x:0:0::/:/bin/sh\nmember:x:1001:1001::/:/bin/sh\n"
+              "stranger:x:1002:1002::/:/bin/sh\n");
+    WriteFile(root() + "/etc/group",
+              "root:x:0:\nmember:x:1001:\nstranger:x:1002:\noperators:x:1003:member\n");
     EXPECT_EQ(
-        "talvek does not run\nstatus 3\nthe command ends with 5\nthe next one ends with 6\n"
-        "talvek does not run\nstatus 3",
-        output);
+        "member 255\nstranger 255\nmember 6\nstranger 255\nsocket srwxrwx--- root operators\n"
+        "a file of a command -rw-rw----",
+        Run(R"sh(
+ask() {
+    code=0
+    su -s /bin/sh "$1" -c "/usr/local/bin/talvek -C -f 'echo >>/tmp/$1; exit 6' >/dev/null" || code=$?
+    echo "$1 $code"
+}
+$init start || fail start
+ask member
+ask stranger
+[ ! -e /tmp/member ] || fail "a member called before the group was set up"
+printf 'GROUP=operators\nUMASK=007\n' >/etc/default/talvek
+$init restart || fail restart
+ask member
+ask stranger
+[ ! -e /tmp/stranger ] || fail "a stranger called"
+echo "socket $(ls -l /var/run/TALVEK | awk '{ print $1, $3, $4 }')"
+echo "a file of a command $(ls -l /tmp/member | awk '{ print $1 }')"
+$init stop || fail stop
+)sh"));
+}
+
+TEST_F(InitScript, ItsLogIsRotatedUnderTheDaemon) {
+    const std::string log = root() + "/var/log/talvek.log";
+    const std::string rules = root() + "/rules";
+    RunCommand("sed 's|^/var/log/|" + root() + "/var/log/|' $(find " + root() +
+               " -path '*/logrotate.d/talvek') >" + rules);
+    EXPECT_EQ("", Run(R"sh(
+$init start || fail start
+talvek -C -f 'exit 6 # earlier' >/dev/null || :
+)sh",
+                      "logrotate --force --state " + root() + "/state " + rules,
+                      R"sh(
+talvek -C -f 'exit 6 # later' >/dev/null || :
+$init stop || fail stop
+)sh"));
+    const std::string earlier = RunCommand("zcat " + log + ".1.gz");
+    EXPECT_NE(std::string::npos, earlier.find("Command => [exit 6 # earlier]")) << earlier;
+    // Without a gap at its beginning: the daemon appends.
+    const std::string later = ReadFile(log);
+    EXPECT_EQ(0U, later.find("TALVEK")) << later;
+    EXPECT_NE(std::string::npos, later.find("Command => [exit 6 # later]")) << later;
+    EXPECT_EQ(std::string::npos, later.find("earlier")) << later;
 }
 
 }  // namespace
