@@ -1,4 +1,5 @@
-// The init script on the board starts, looks at and stops the service as an init system does.
+// The init script on the board starts, looks at and stops the service as an init system does, also
+// when the Debian package has brought it there.
 
 #include <gtest/gtest.h>
 
@@ -6,6 +7,7 @@
 #include <string>
 
 #include "board/support/board.h"
+#include "common/version.h"
 #include "support/command.h"
 
 namespace {
@@ -57,6 +59,26 @@ TEST(InitScript, StartsAndStopsTheService) {
         EXPECT_EQ("3", Script(shell, "status"));
         EXPECT_FALSE(std::filesystem::exists("/var/run/TALVEK"));
     }
+}
+
+// The board's packages were unpacked, not installed, so dpkg's database is empty: ours needs no other.
+TEST(InitScript, RunsTheServiceOfTheInstalledPackage) {
+    NEEDS_EMULATED_BOARD();
+    const std::string package =
+        BoardVariable("BOARD_CHECKOUT") + "/build/packages/talvek_" TALVEK_VERSION "_armhf.deb";
+    if (!std::filesystem::exists(package)) {
+        GTEST_SKIP() << "./do package makes build/packages, which is not there";
+    }
+    RunCommand("rm -f /usr/bin/talvek /usr/libexec/talvek-listener /etc/init.d/talvek");
+    RunCommand("touch /var/lib/dpkg/status && dpkg -i " + package);
+    EXPECT_EQ("", RunCommand("dpkg --verify talvek"));
+    RunCommand("cp /usr/share/talvek/init.d/talvek /etc/init.d/");
+    EXPECT_EQ("0", Script("sh", "start")) << RunCommand("cat /var/log/talvek.log");
+    EXPECT_EQ("7", Asked());
+    EXPECT_EQ("0", Script("sh", "stop"));
+    EXPECT_EQ("3", Script("sh", "status"));
+    RunCommand("dpkg --purge talvek && rm /etc/init.d/talvek");
+    EXPECT_EQ("", RunCommand("find /usr /lib /etc /var/lib/systemd -name '*talvek*' 2>/dev/null"));
 }
 
 }  // namespace
