@@ -22,6 +22,7 @@ class InitScript : public ::testing::Test {
         RunCommand("cd " + root_ +
                    " && mkdir -p bin proc tmp dev run etc/init.d etc/default var/log && "
                    "chmod 1777 tmp && ln -s ../run var/run && : >dev/null && "
+                   "chmod 666 dev/null && "
                    "cp $(command -v busybox) bin/ && "
                    "for name in $(bin/busybox --list); do ln -s busybox bin/$name; done && "
                    "cp $(find . -path '*/init.d/talvek') etc/init.d/");
@@ -91,9 +92,9 @@ TEST_F(InitScript, AdmitsTheGroupThatIsSetUp) {
               "root:x:0:0::/:/bin/sh\nmember:x:1001:1001::/:/bin/sh\n"
               "stranger:x:1002:1002::/:/bin/sh\n");
     WriteFile(root() + "/etc/group",
-              "root:x:0:\nmember:x:1001:\nstranger:x:1002:\noperators:x:1003:member\n");
+              "root:x:0:\nmember:x:1001:\nstranger:x:1002:\ncallers:x:1003:member\n");
     EXPECT_EQ(
-        "member 255\nstranger 255\nmember 6\nstranger 255\nsocket srwxrwx--- root operators\n"
+        "member 255\nstranger 255\nmember 6\nstranger 255\nsocket srwxrwx--- root callers\n"
         "a file of a command -rw-rw----",
         Run(R"sh(
 ask() {
@@ -105,7 +106,7 @@ $init start || fail start
 ask member
 ask stranger
 [ ! -e /tmp/member ] || fail "a member called before the group was set up"
-printf 'GROUP=operators\nUMASK=007\n' >/etc/default/talvek
+printf 'GROUP=callers\nUMASK=007\n' >/etc/default/talvek
 $init restart || fail restart
 ask member
 ask stranger
