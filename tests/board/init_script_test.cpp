@@ -61,7 +61,8 @@ TEST(InitScript, StartsAndStopsTheService) {
     }
 }
 
-// The board's packages were unpacked, not installed, so dpkg's database is empty: ours needs no other.
+// The board's packages were unpacked, not installed, so dpkg's database is empty: ours needs no
+// other.
 TEST(InitScript, RunsTheServiceOfTheInstalledPackage) {
     NEEDS_EMULATED_BOARD();
     const std::string package =

@@ -99,7 +99,8 @@ TEST_F(InitScript, AdmitsTheGroupThatIsSetUp) {
         Run(R"sh(
 ask() {
     code=0
-    su -s /bin/sh "$1" -c "/usr/local/bin/talvek -C -f 'echo >>/tmp/$1; exit 6' >/dev/null" || code=$?
+    call="/usr/local/bin/talvek -C -f 'echo >>/tmp/$1; exit 6' >/dev/null"
+    su -s /bin/sh "$1" -c "$call" || code=$?
     echo "$1 $code"
 }
 $init start || fail start
