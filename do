@@ -18,6 +18,7 @@ usage() {
                upgrade on a Debian of their own (packaging/test/run)
 ./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
 ./do faults    every call of the C library fails in turn: all scenarios, or those that match
+./do mutants   [count] [files]: changes of the source that the tests notice (docs/reliability.md)
 ./do coverage  lines and branches that the tests reach
 ./do lint      format, static analysis, manual pages, spelling, phrases
 ./do analyse   more static analysis, of the benchmarks and fuzz targets too
@@ -198,6 +199,10 @@ run() {
     echo "From here: 'build/talvek -D -s $socket' starts the daemon, '$client -f \"<command>\"' has it run a command; man -l docs/talvek.8 is the manual page."
 }
 
+test_programs() {
+    find tests -name '*_test.cpp' | sed 's|^tests/\(.*\)/\(.*\)\.cpp$|\1_\2|'
+}
+
 # run_tests <preset> "<sections>" [<programs> [<cases>]]
 run_tests() {
     preset=$1
@@ -205,8 +210,7 @@ run_tests() {
     if [ -n "${4:-}" ]; then
         export GTEST_FILTER="$4"
     fi
-    need "$2" "$(find tests -name '*_test.cpp' | sed 's|^tests/\(.*\)/\(.*\)\.cpp$|\1_\2|' |
-        grep -E -e "$filter" || :)"
+    need "$2" "$(test_programs | grep -E -e "$filter" || :)"
     # The C library of the static program.
     [ "$preset" != arm ] || { writable; cmake/fetch-deb armhf build/arm/debs musl-dev; }
     configure "$preset"
@@ -379,6 +383,13 @@ abi)
 faults)
     shift
     faults "$@"
+    ;;
+mutants)
+    need "build test mutants" "$(test_programs)"
+    configure mutants
+    compile mutants
+    shift
+    tools/mutants/run "$@"
     ;;
 package)
     need "build package"
