@@ -45,4 +45,10 @@ TEST(ByteWriter, WritesNoFieldThatDoesNotFit) {
     }
 }
 
+TEST(ByteWriter, HasNoRoomWithoutBytes) {
+    BigEndianWriter writer{nullptr, 4};
+    writer.U8(0, 1);
+    EXPECT_TRUE(writer.failed());
+}
+
 }  // namespace

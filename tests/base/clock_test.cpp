@@ -1,6 +1,7 @@
 #include "base/clock.h"
 
 #include <gtest/gtest.h>
+#include <stdint.h>
 #include <string.h>
 #include <time.h>
 
@@ -38,6 +39,18 @@ TEST(FormatUtc, HasRoomForTheFirstAndTheLastYear) {
     EXPECT_EQ("-2147481748/01/01 00:00:00", Utc(-67768040609740800));
     EXPECT_EQ("(none)", Utc(67768036191676800));
     EXPECT_EQ("(none)", Utc(std::numeric_limits<time_t>::max()));
+}
+
+TEST(MonotonicMs, IsTheTimeOfTheMonotonicClock) {
+    const auto now = [] {
+        struct timespec time;
+        clock_gettime(CLOCK_MONOTONIC, &time);
+        return int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
+    };
+    const int64_t before = now();
+    const int64_t between = talvek::MonotonicMs();
+    EXPECT_LE(before, between);
+    EXPECT_GE(now(), between);
 }
 
 TEST(Deadline, RoundsUpAndStopsAtZero) {

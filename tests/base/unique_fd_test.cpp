@@ -32,6 +32,29 @@ TEST(UniqueFd, ClosesAtItsEnd) {
     EXPECT_FALSE(UniqueFd{-1});
 }
 
+TEST(UniqueFd, OwnsNothingAfterAReset) {
+    const int fd = OpenNull();
+    UniqueFd owner{fd};
+    owner.Reset();
+    EXPECT_FALSE(IsOpen(fd));
+    EXPECT_EQ(-1, owner.get());
+}
+
+TEST(UniqueFd, OwnsDescriptorZero) {
+    const int saved = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+    {
+        const UniqueFd owner{STDIN_FILENO};
+        EXPECT_TRUE(owner);
+    }
+    EXPECT_FALSE(IsOpen(STDIN_FILENO));
+    UniqueFd other{dup(saved)};
+    EXPECT_EQ(STDIN_FILENO, other.get());
+    EXPECT_EQ(0, other.Close());
+    EXPECT_FALSE(IsOpen(STDIN_FILENO));
+    EXPECT_EQ(STDIN_FILENO, dup(saved));
+    close(saved);
+}
+
 TEST(UniqueFd, MovesItsDescriptor) {
     const int fd = OpenNull();
     const int other = OpenNull();

@@ -91,6 +91,12 @@ TEST(GetFileContent, KeepsOnlyTheFirstLineOfEachBlock) {
     EXPECT_EQ("8080", Content(std::string(3 * 255, '\n') + "8080\n", 16));
 }
 
+TEST(GetFileContent, ReadsUpTo4096BlocksInARowWithoutACharacterToKeep) {
+    const std::string first = "a" + std::string(254, '\n');
+    EXPECT_EQ("ab", Content(first + std::string(4095 * 255, '\n') + "b", 16));
+    EXPECT_EQ("a", Content(first + std::string(4096 * 255, '\n') + "b", 16));
+}
+
 TEST(GetFileContent, AppendsToTheTextInTheBuffer) {
     const TempDir dir;
     WriteFile(dir / "file", "12345678\n");

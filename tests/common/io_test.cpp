@@ -285,6 +285,15 @@ TEST(WriteRingBuf, CopiesToEveryOffsetEveryLength) {
     }
 }
 
+TEST(RingBuf, OfOneByteKeepsTheLastAndRefusesAnOffsetAfterIt) {
+    const CanaryBuf ring{1, '.'};
+    COM_WriteRingBuf(ring.bytes(), 2, 1, "x", 1);
+    EXPECT_TRUE(ring.UntouchedFrom(0));
+    COM_WriteRingBuf(ring.bytes(), 1, 1, "ab", 2);
+    EXPECT_EQ('b', ring.text()[0]);
+    EXPECT_TRUE(ring.Intact());
+}
+
 TEST(RingBuf, IsAPlainBufferWithoutARingSize) {
     for (const int size : {0, -1, INT_MIN}) {
         const GuardedCopy plain{"01234567", 8};

@@ -78,6 +78,12 @@ TEST(StrCaseStr, TakesTimeInProportionToTheText) {
     for (const std::string &key : keys) {
         EXPECT_EQ(nullptr, COM_StrCaseStr(text.c_str(), key.c_str()));
     }
+    // "b" is the rarer letter of the key, and every place of the text has it.
+    const std::string hits(500000, 'b');
+    for (const size_t before : {125000U, 250000U}) {
+        const std::string key = std::string(before, 'B') + "a" + std::string(250000 - before, 'b');
+        EXPECT_EQ(nullptr, COM_StrCaseStr(hits.c_str(), key.c_str()));
+    }
     EXPECT_LT(used.Seconds(), 5);
 }
 
@@ -126,6 +132,32 @@ TEST(StrCaseStr, FindsPeriodicKeysInPeriodicTexts) {
                           COM_StrCaseStr(text.text(), key.c_str()))
                     << unit << " : " << key;
             }
+        }
+    }
+}
+
+// Each of the first 256 hits costs 16 and passes 4 bytes, so the search goes on with two-way
+// matching.
+TEST(StrCaseStr, FindsEveryShortKeyAfterManyNearMisses) {
+    std::mt19937 random{3};
+    std::string before;
+    for (int i = 0; i < 300; ++i) {
+        before += "a.B.";
+    }
+    for (size_t size = 2; size <= 9; ++size) {
+        for (unsigned bits = 0; bits < 1U << size; ++bits) {
+            std::string key;
+            for (size_t i = 0; i < size; ++i) {
+                key += (bits >> i & 1) != 0 ? 'b' : 'a';
+            }
+            std::string after = RandomText(random, "aAbB", 20);
+            for (int i = 0; i < 8; ++i) {
+                after += key.substr(random() % size, random() % size);
+            }
+            const GuardedCopy text{(before + after + key).c_str()};
+            ASSERT_EQ(SearchByTheRule(text.text(), key.c_str()),
+                      COM_StrCaseStr(text.text(), key.c_str()))
+                << after << " : " << key;
         }
     }
 }

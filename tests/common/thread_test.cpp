@@ -207,6 +207,23 @@ TEST(LogThreadMemUsage, SumsUpInTheFirstEntryOfTheProcess) {
     });
 }
 
+TEST(LogThreadMemUsage, PassesOverTheEntriesOfOtherProcesses) {
+    InEmptyRegistry([] {
+        COM_LogThread("parent");
+        const pid_t child = fork();
+        if (child == 0) {
+            COM_LogThread("child");
+            const Lines lines = CaptureLog([] { COM_LogThreadMemUsage(5); });
+            const Lines expected = {"COMMON:COM_LogThreadMemUsage(): [1] : " + Pid() +
+                                    " - [5] - child"};
+            _exit(lines == expected ? 0 : 1);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(0, status);
+    });
+}
+
 TEST(LogThreadMemUsage, WrapsAt32Bits) {
     InEmptyRegistry([] {
         COM_LogThread("one");

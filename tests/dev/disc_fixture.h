@@ -2,6 +2,8 @@
 #define TALVEK_TESTS_DEV_DISC_FIXTURE_H
 
 #include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdio_ext.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -32,7 +34,10 @@ class DiscTest : public ::testing::Test {
 
     // Runs a query, expects `result` and returns what was printed.
     std::string TextOf(Query query, int result = DEV_QUERY_OK) {
-        return Capture([&] { EXPECT_EQ(result, query(kNode, fd_, &info_)); });
+        return Capture([&] {
+            EXPECT_EQ(result, query(kNode, fd_, &info_));
+            EXPECT_EQ(0U, __fpending(stdout)) << "what is printed is flushed";
+        });
     }
     Lines LinesOf(Query query, int result = DEV_QUERY_OK) {
         return LogLines(TextOf(query, result));

@@ -114,11 +114,15 @@ TEST_F(ReadCdToc, Reads99Tracks) {
     toc[1] = 0x22;
     toc[3] = 99;
     toc[4 + 8 * 98 + 5] = 70;  // track 99 at 70:00:00
-    toc[4 + 8 * 99 + 5] = 71;  // lead-out at 71:00:00
+    toc[4 + 8 * 99 + 5] = 71;  // lead-out at 71:00:10
+    toc[4 + 8 * 99 + 7] = 10;
     drive_.Reply(0x43, toc);
-    EXPECT_EQ(Line("Last track is 99"), LinesOf(Dev_ReadCdToc)[0]);
+    const Lines lines = LinesOf(Dev_ReadCdToc);
+    EXPECT_EQ(Line("Last track is 99"), lines[0]);
+    // 71:00:10 and 6750 + 150 frames, which are 92 seconds.
+    EXPECT_EQ(Line("Next Lead-in at 72:32:10"), lines[3]);
     EXPECT_EQ(70U * 4500 - 150, info_.lastTrackStart);
-    EXPECT_EQ(71U * 4500 + 6750, info_.nextLeadIn);
+    EXPECT_EQ(71U * 4500 + 10 + 6750, info_.nextLeadIn);
 }
 
 // Block addresses before 00:02:00 are negative.

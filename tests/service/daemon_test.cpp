@@ -221,6 +221,8 @@ struct Returned {
     int listening;   // sockets that listened while the handler ran
     int session;     // what the handler would register
     long drawn;      // the next random number
+    bool blocked;    // a signal that the daemon's starter had blocked
+    bool ends;       // SIGTERM has its default action
 };
 
 // Leaves the session table as a process might that has used it: locked, and without a free number.
@@ -241,10 +243,20 @@ TEST(DaemonTest, ReturnsMinusOneInEachChildAfterItsHandler) {
         const pid_t daemon = fork();
         if (daemon == 0) {
             signal(SIGCHLD, SIG_IGN);
+            signal(SIGTERM, SIG_IGN);
+            sigset_t mask;
+            sigemptyset(&mask);
+            sigaddset(&mask, SIGUSR2);
+            sigprocmask(SIG_BLOCK, &mask, nullptr);
             alarm(60);
             UseUpSessions();
             Returned returned = {};
             returned.result = TALVEK_Daemon(path.c_str());
+            sigprocmask(SIG_BLOCK, nullptr, &mask);
+            returned.blocked = sigismember(&mask, SIGUSR2) != 0;
+            struct sigaction action;
+            sigaction(SIGTERM, nullptr, &action);
+            returned.ends = action.sa_handler == SIG_DFL;
             returned.parent = getppid();
             returned.client = g_handled;
             returned.connected = fcntl(g_handled.fd, F_GETFD) != -1;
@@ -270,6 +282,8 @@ TEST(DaemonTest, ReturnsMinusOneInEachChildAfterItsHandler) {
             EXPECT_TRUE(returned.connected);
             EXPECT_EQ(0, returned.listening);
             EXPECT_EQ(0, returned.session) << "the daemon frees all numbers and the mutex";
+            EXPECT_FALSE(returned.blocked);
+            EXPECT_TRUE(returned.ends);
             // The generator was seeded with the time of the start.
             bool seeded = false;
             for (time_t seed = before; seed <= time(nullptr); ++seed) {
