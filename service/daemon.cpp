@@ -155,10 +155,13 @@ bool Listener::ServeClient() {
         COM_CloseFd(&client_.fd);
         return false;
     }
-    // Closed first, because the log line may block: while this end is open, the client does not
-    // notice that its handler has ended.
-    COM_CloseFd(&client_.fd);
+    // While this end is open, the client does not notice that its handler has ended. A log that
+    // nobody reads must not keep it open.
+    if (talvek::WaitReady(STDOUT_FILENO, POLLOUT, 0) == 0) {
+        COM_CloseFd(&client_.fd);
+    }
     LOG_PLAIN("PID[%d][%d] fork() to handle client()\n", client_.daemon_pid, child);
+    COM_CloseFd(&client_.fd);  // a second time it does nothing
     return false;
 }
 

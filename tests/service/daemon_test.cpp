@@ -10,6 +10,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/select.h>
@@ -52,6 +53,8 @@ struct Script {
     int rounds = 0;
     int pauses = 0;
     int pausesMs[16] = {};
+    std::atomic<int> closes = 0;  // of connections, by the daemon
+    int logged = 0;               // bytes of the log that nobody had read at the last one
 };
 Script *g_script = nullptr;
 bool g_scripted = false;  // in the daemon and its children
@@ -86,6 +89,8 @@ extern "C" {
 int __wrap_TALVEK_DaemonHandler(tTalvekClient *pClient);
 int __real_accept4(int fd, sockaddr *pPeer, socklen_t *pLength, int flags);
 int __wrap_accept4(int fd, sockaddr *pPeer, socklen_t *pLength, int flags);
+int __real_COM_CloseFd(int *pFd);
+int __wrap_COM_CloseFd(int *pFd);
 int REAL_NANOSLEEP(const timespec *pTime, timespec *pLeft);
 int WRAP_NANOSLEEP(const timespec *pTime, timespec *pLeft);
 }
@@ -104,6 +109,14 @@ int __wrap_accept4(int fd, sockaddr *pPeer, socklen_t *pLength, int flags) {
         raise(g_script->signalAfterAccept);
     }
     return client;
+}
+
+int __wrap_COM_CloseFd(int *pFd) {
+    if (g_scripted && *pFd >= 0) {
+        ioctl(STDOUT_FILENO, FIONREAD, &g_script->logged);
+        ++g_script->closes;
+    }
+    return __real_COM_CloseFd(pFd);
 }
 
 int WRAP_NANOSLEEP(const timespec *pTime, timespec *pLeft) {
@@ -925,6 +938,34 @@ TEST_F(ScriptedDaemon, DoublesItsPauseWhileThereIsNoRoomForAClient) {
     }
     EXPECT_TRUE(EndsBy(SIGTERM));
     EXPECT_EQ(1u, CountIn(Log(), "accept() failed : Too many open files"));
+}
+
+TEST_F(ScriptedDaemon, LogsTheForkBeforeItClosesTheConnection) {
+    Start();
+    Connect();
+    EXPECT_TRUE(HasServed());
+    EXPECT_TRUE(Eventually([] { return g_script->closes == 1; }));
+    EXPECT_TRUE(EndsBy(SIGTERM));
+    const std::string log = Log();
+    EXPECT_TRUE(log.ends_with("] fork() to handle client()\n")) << log;
+    EXPECT_EQ(log.size(), static_cast<size_t>(g_script->logged));
+}
+
+// Else the client would not notice its handler's end.
+TEST_F(ScriptedDaemon, ClosesTheConnectionBeforeItLogsTheForkWhenTheLogIsStalled) {
+    Start();
+    Connect();
+    EXPECT_TRUE(HasServed());
+    EXPECT_TRUE(ReadLogTo("fork() to handle client()\n"));
+    FillPipe(log_[1]);
+    int full = 0;
+    ASSERT_EQ(0, ioctl(log_[0], FIONREAD, &full));
+    Connect();
+    EXPECT_TRUE(HasServed());
+    EXPECT_TRUE(Eventually([] { return g_script->closes == 2; }));
+    EXPECT_EQ(full, g_script->logged);
+    EXPECT_TRUE(Sleeps());
+    EXPECT_TRUE(EndsBy(SIGTERM));
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, ScriptedDaemon, ::testing::Values(SIGTERM, SIGINT), kSignalName);
