@@ -23,6 +23,7 @@ usage() {
 ./do lint      format, static analysis, manual pages, spelling, phrases
 ./do analyse   more static analysis, of the benchmarks and fuzz targets too
 ./do torture   what hostile peers and commands do to the daemon, in large crowds
+./do soak      [minutes [commands]]: calls and kills without end, of a daemon that must not grow
 ./do fuzz      [seconds] [targets]: hostile bytes for everything that reads some
                (docs/reliability.md)
 ./do words     phrases that make a reader stop, in the tree or in the files named
@@ -358,6 +359,13 @@ fuzz)
     compile fuzz
     shift
     fuzz/run "$@"
+    ;;
+soak)
+    need "build test"
+    configure test
+    compile test soak
+    shift
+    build/tests/soak "$@"
     ;;
 words)
     shift
