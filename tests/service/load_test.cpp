@@ -1,5 +1,6 @@
 // Many clients: every status is correct, and nothing is left over.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
@@ -7,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -98,6 +101,96 @@ TEST(Load, ClientsThatCloseAtOnce) {
         close(fd);
     }
     ExpectNothingLeft(daemon, descriptors);
+}
+
+// What a caller got: the status of the call that wrote `id` into the list.
+struct Called {
+    int id;
+    int status;
+};
+
+// Calls without a pause until something comes through the gate, or its other end has gone. Each command leaves its number.
+[[noreturn]] void CallUntilStopped(int caller, const std::string &socket, const std::string &list,
+                                   int gate, int results) {
+    clearenv();
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(null, STDOUT_FILENO);
+    for (int id = caller * 1'000'000;; ++id) {
+        const std::string command = "echo " + std::to_string(id) + " >>" + list + "; exit 5";
+        const Called called = {id, TALVEK_Client(socket.c_str(), command.c_str())};
+        char byte;
+        if (write(results, &called, sizeof called) != sizeof called || read(gate, &byte, 1) != -1) {
+            fflush(nullptr);
+            _exit(0);
+        }
+    }
+}
+
+// Daemons that end and start while clients call. A call has its status, or it has failed and its
+// command has not been run: a client that the daemon has accepted is served, also when the daemon
+// ends meanwhile.
+TEST(Load, RestartsWhileClientsCall) {
+    const TempDir dir;
+    const std::string list = dir / "list";
+    int gate[2];
+    int results[2];
+    ASSERT_EQ(0, pipe2(gate, O_CLOEXEC | O_NONBLOCK));
+    ASSERT_EQ(0, pipe2(results, O_CLOEXEC));
+    std::vector<pid_t> callers;
+    for (int i = 0; i < 4; ++i) {
+        fflush(nullptr);
+        callers.push_back(fork());
+        if (callers.back() == 0) {
+            close(gate[1]);
+            CallUntilStopped(i, dir / "socket", list, gate[0], results[1]);
+        }
+    }
+    close(results[1]);
+
+    std::set<int> served;
+    int failed = 0;
+    const auto take = [&] {
+        Called called;
+        const ssize_t count = read(results[0], &called, sizeof called);
+        if (count == sizeof called && called.status == 5) {
+            served.insert(called.id);
+        } else if (count == sizeof called) {
+            EXPECT_TRUE(called.status == -1 || called.status == 1) << called.status;
+            ++failed;
+        }
+        return count == sizeof called;
+    };
+    Daemon::Options options;
+    options.dir = &dir;
+    for (int i = 0; i < (getenv("TALVEK_TORTURE") != nullptr ? 200 : 20); ++i) {
+        const int signal = i % 2 == 0 ? SIGTERM : SIGKILL;
+        Daemon daemon{options};
+        for (const size_t enough = served.size() + 10; served.size() < enough;) {
+            ASSERT_TRUE(take());
+        }
+        EXPECT_TRUE(EndedBy(daemon.Stop(signal), signal));
+    }
+    const Daemon last{options};
+    const int descriptors = last.Descriptors();
+    EXPECT_EQ(4, write(gate[1], "stop", 4));  // a byte for each
+    while (take()) {
+    }
+    for (const pid_t caller : callers) {
+        EXPECT_EQ(0, WaitFor(caller));
+    }
+    for (const int fd : {gate[0], gate[1], results[0]}) {
+        close(fd);
+    }
+
+    std::multiset<int> run;
+    std::ifstream in{list};
+    for (int id; in >> id;) {
+        run.insert(id);
+    }
+    EXPECT_EQ(served, (std::set<int>{run.begin(), run.end()}));
+    EXPECT_EQ(served.size(), run.size()) << "a command was run twice";
+    printf("%zu calls served, %d failed\n", served.size(), failed);
+    ExpectNothingLeft(last, descriptors);
 }
 
 }  // namespace

@@ -26,6 +26,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "service/support/program.h"
@@ -72,16 +73,6 @@ long Kilobytes(pid_t pid, const std::string &name) {
     }
     ADD_FAILURE() << "no " << name;
     return -1;
-}
-
-std::vector<pid_t> ChildrenOf(pid_t pid) {
-    const std::string task = std::to_string(pid);
-    std::ifstream in{"/proc/" + task + "/task/" + task + "/children"};
-    std::vector<pid_t> children;
-    for (pid_t child; in >> child;) {
-        children.push_back(child);
-    }
-    return children;
 }
 
 // Kills a child of `parent`, and no other process that has got its number meanwhile.

@@ -11,9 +11,12 @@
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -23,6 +26,8 @@
 
 #include "service/support/program.h"
 #include "service/support/wire.h"
+#include "support/emulator.h"
+#include "support/private_world.h"
 
 namespace {
 
@@ -50,6 +55,15 @@ long TicksOf(pid_t pid) {
 
 class Torture : public ::testing::Test {
   protected:
+    explicit Torture(const Daemon::Options &options = {}) : daemon_{InOwnDir(options)} {}
+
+    // A daemon of any user can make its socket there.
+    Daemon::Options InOwnDir(Daemon::Options options) const {
+        EXPECT_EQ(0, chmod(dir_.path().c_str(), 0777));
+        options.dir = &dir_;
+        return options;
+    }
+
     void TearDown() override {
         Serves();
         EXPECT_TRUE(Eventually([this] { return daemon_.Children().empty(); }))
@@ -79,6 +93,7 @@ class Torture : public ::testing::Test {
         return fd;
     }
 
+    const TempDir dir_;
     Daemon daemon_;
     int descriptors_ = daemon_.Descriptors();
 };
@@ -236,6 +251,91 @@ TEST_F(Torture, TheSocketRemovedAndReplaced) {
     ASSERT_EQ(0, rename(kept.c_str(), path.c_str()));
 }
 
+// The second daemon takes the path. The first goes on with the connections that it has.
+TEST_F(Torture, TheSocketTakenByAnotherDaemon) {
+    const std::string &path = daemon_.socket();
+    const std::string kept = daemon_.dir() / "kept";
+    const int before = Connect();
+    ASSERT_EQ(0, link(path.c_str(), kept.c_str()));
+    {
+        Daemon::Options options;
+        options.dir = &daemon_.dir();
+        Daemon second{options};
+        // The kernel lists the first one's socket with the same path.
+        ASSERT_TRUE(Eventually([&] {
+            struct stat first;
+            struct stat now;
+            const bool replaced = stat(kept.c_str(), &first) == 0 &&
+                                  stat(path.c_str(), &now) == 0 && first.st_ino != now.st_ino;
+            const int fd = replaced ? ConnectTo(path) : -1;
+            close(fd);
+            return fd >= 0;
+        }));
+        Serves();
+        EXPECT_TRUE(daemon_.Logs("PID[" + std::to_string(second.pid()) + "]["));
+        EXPECT_TRUE(EndedBy(second.Stop(SIGTERM), SIGTERM));
+    }
+    EXPECT_EQ(255, daemon_.Client("exit 6").exitStatus()) << "the second has removed its socket";
+    EXPECT_EQ(8u, U32(Talk(before, CommandPkg("exit 8")), 16)) << "a connection from before";
+    ASSERT_EQ(0, rename(kept.c_str(), path.c_str()));
+}
+
+// What a command's shell gets, in the kernel's copy.
+TEST_F(Torture, EnvironmentsWithHostileNames) {
+    const std::vector<std::string> strings = {
+        "PATH=/nowhere",
+        "IFS=/et",
+        "ENV=/nowhere",
+        "PS4=$(exit 9)",
+        "LD_PRELOAD=/nowhere.so",
+        "BASH_FUNC_talvek%%=() { echo never; }",
+        "SHELLOPTS=posix",
+        "A B\nC=1",
+        "\xFF\x80=\xC3\x28",
+        "X==y=",
+        "EMPTY=",
+        std::string(400, 'n') + "=" + std::string(200, 'v'),
+    };
+    std::string payload;
+    for (const std::string &string : strings) {
+        payload += string + '\0';
+        payload.append("=a name is missing\0", 19);
+    }
+    payload.append("no equals sign\0AFTER=1\0", 23);
+    ASSERT_LE(payload.size(), 1136u);
+    const std::string file = daemon_.dir() / "environment";
+    const int fd = Connect();
+    ASSERT_TRUE(Put(fd, RegisterPkg(payload)));
+    EXPECT_EQ(Hex(RegisterPkg(payload)), Hex(TakePkg(fd))) << "the reply is the same package";
+    ASSERT_TRUE(Put(fd, CommandPkg("/bin/cat /proc/$$/environ >" + file + "; exit 6")));
+    EXPECT_EQ(6u, U32(Take(fd, 20), 16));
+    close(fd);
+    const std::string environment = ReadFile(file);
+    for (const std::string &string : strings) {
+        const size_t at = ('\0' + environment).find('\0' + string + '\0');
+        EXPECT_NE(std::string::npos, at) << Hex(string) << " is not in " << Hex(environment);
+    }
+    EXPECT_EQ(std::string::npos, environment.find("a name is missing"));
+    EXPECT_EQ(std::string::npos, environment.find("AFTER")) << "the list ends without an =";
+    EXPECT_EQ(0, daemon_.Client("test -z \"$EMPTY$X\" && cat /dev/null").exitStatus())
+        << "the next client has an environment of its own";
+}
+
+// The clients wait in the queue; the daemon takes a pause after each attempt.
+TEST_F(Torture, DescriptorsUsedUp) {
+    rlimit before;
+    ASSERT_EQ(0, prlimit(daemon_.pid(), RLIMIT_NOFILE, nullptr, &before));
+    const rlimit none{static_cast<rlim_t>(descriptors_), before.rlim_max};
+    ASSERT_EQ(0, prlimit(daemon_.pid(), RLIMIT_NOFILE, &none, nullptr));
+    const int first = Connect();
+    const int second = Connect();
+    EXPECT_TRUE(daemon_.Logs("accept() failed"));
+    ASSERT_EQ(0, prlimit(daemon_.pid(), RLIMIT_NOFILE, &before, nullptr));
+    for (const int fd : {first, second}) {
+        EXPECT_EQ(8u, U32(Talk(fd, CommandPkg("exit 8")), 16));
+    }
+}
+
 // A handler without memory serves its client or closes the connection. No other client is affected.
 TEST_F(Torture, MemoryUsedUp) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -248,6 +348,170 @@ TEST_F(Torture, MemoryUsedUp) {
     const std::string reply = Talk(Connect(), RegisterPkg());
     EXPECT_TRUE(reply.empty() || reply.size() == 16) << reply.size();
     ASSERT_EQ(0, prlimit(daemon_.pid(), RLIMIT_AS, &before, nullptr));
+}
+
+// ---- A daemon whose log nobody reads ----
+
+class TortureByTheLog : public Torture {
+  protected:
+    TortureByTheLog() : Torture{ToAPipe()} {}
+
+    static Daemon::Options ToAPipe() {
+        Daemon::Options options;
+        options.logToPipe = true;
+        return options;
+    }
+};
+
+TEST_F(TortureByTheLog, StallsAndGoesOn) {
+    daemon_.StallLog();
+    std::vector<int> waiting;
+    for (int i = 0; i < 3; ++i) {  // one is accepted, two fill the queue
+        waiting.push_back(Connect());
+        ASSERT_TRUE(Put(waiting.back(), CommandPkg("exit 8")));
+        EXPECT_TRUE(InState(daemon_.pid(), 'S'));
+    }
+    for (const int fd : waiting) {
+        EXPECT_TRUE(Eventually([&] {
+            daemon_.DrainLog();
+            return !Quiet(fd);
+        }));
+        EXPECT_EQ(8u, U32(Take(fd, 20), 16));
+        close(fd);
+    }
+    daemon_.DrainLog();
+}
+
+// ---- A daemon of a user who may have few processes ----
+
+class TortureByProcesses : public Torture {
+  protected:
+    TortureByProcesses() : Torture{OfAUser()} {}
+
+    void SetUp() override {
+        if (getuid() != 0) {
+            GTEST_SKIP() << "needs root, to become a user without other processes";
+        }
+        if (Emulated()) {
+            GTEST_SKIP() << "the threads of an emulator count as processes";
+        }
+        std::istringstream limits{ReadFile("/proc/" + std::to_string(daemon_.pid()) + "/limits")};
+        std::string line;
+        while (std::getline(limits, line) && line.rfind("Max processes", 0) != 0) {
+        }
+        const std::string most = std::to_string(kProcesses);
+        ASSERT_NE(std::string::npos, line.find(" " + most + "  ")) << line;
+        struct stat process;
+        ASSERT_EQ(0, stat(("/proc/" + std::to_string(daemon_.pid())).c_str(), &process));
+        ASSERT_NE(0u, process.st_uid);
+        user_ = process.st_uid;
+    }
+
+    static Daemon::Options OfAUser() {
+        Daemon::Options options;
+        if (getuid() == 0) {
+            options.prepare = [] { BecomeUserWith(kProcesses); };
+        }
+        return options;
+    }
+
+    [[nodiscard]] size_t ProcessesOfTheUser() const {
+        size_t count = 0;
+        for (const auto &entry : std::filesystem::directory_iterator{"/proc"}) {
+            struct stat process;
+            count += entry.path().filename().string().find_first_not_of("0123456789") ==
+                         std::string::npos &&
+                     stat(entry.path().c_str(), &process) == 0 && process.st_uid == user_;
+        }
+        return count;
+    }
+
+    // This process adopts what a command leaves; a zombie counts as a process of its user.
+    void CollectOrphans() const {
+        for (const pid_t child : ChildrenOf(getpid())) {
+            if (child != daemon_.pid() && StateOf(child) == 'Z') {
+                EXPECT_EQ(child, waitpid(child, nullptr, 0));
+            }
+        }
+    }
+
+    static constexpr unsigned kProcesses = 40;
+    uid_t user_ = 0;
+};
+
+// Peers that find no process are sent away.
+TEST_F(TortureByProcesses, UsedUp) {
+    std::vector<int> peers;
+    for (unsigned i = 0; i < kProcesses + 20; ++i) {
+        peers.push_back(Connect());
+    }
+    EXPECT_TRUE(AtEnd(peers.back()));
+    EXPECT_TRUE(daemon_.Logs("Can't fork() child"));
+    for (const int fd : peers) {
+        close(fd);
+    }
+}
+
+// The bomb explodes inside the limit: whoever can fork does, and a shell that cannot ends.
+TEST_F(TortureByProcesses, AForkBombAsACommand) {
+    const std::string stop = daemon_.dir() / "stop";
+    const int fd = Connect();
+    ASSERT_TRUE(Put(fd, CommandPkg("b() { until test -e " + stop + "; do b & done; exit; }; b")));
+    EXPECT_TRUE(Eventually([&] {
+        CollectOrphans();
+        // Each peer is served or sent away.
+        const int peer = Connect();
+        const bool sent = Put(peer, RegisterPkg());
+        const std::string reply = Take(peer, 16);
+        EXPECT_TRUE(reply.empty() || (sent && reply.size() == 16)) << reply.size();
+        close(peer);
+        const std::string log = daemon_.log();  // with dash's words, and those of other shells
+        return log.find("Cannot fork") != std::string::npos ||
+               log.find("fork: ") != std::string::npos;
+    }));
+    WriteFile(stop, "");
+    EXPECT_TRUE(Eventually([&] {
+        CollectOrphans();
+        return !Quiet(fd);
+    })) << "the shell of the command ends";
+    close(fd);
+    EXPECT_TRUE(Eventually([&] {
+        CollectOrphans();
+        return ProcessesOfTheUser() == 1;
+    })) << ProcessesOfTheUser();
+}
+
+// ---- A time of day that jumps ----
+
+class TortureByTheClock : public Torture {
+  protected:
+    TortureByTheClock() : Torture{WithAClock()} {}
+
+    static Daemon::Options WithAClock() {
+        Daemon::Options options;
+#ifdef TALVEK_CLOCK_PRELOAD
+        options.prepare = [] { setenv("LD_PRELOAD", TALVEK_CLOCK_PRELOAD, 1); };
+#endif
+        return options;
+    }
+};
+
+TEST_F(TortureByTheClock, JumpsForwardAndBack) {
+#ifndef TALVEK_CLOCK_PRELOAD
+    GTEST_SKIP() << "the replaced clock is of this machine's kind, and without a sanitizer";
+#else
+    if (StaticProgram()) {
+        GTEST_SKIP() << "the dynamic program alone loads the replaced clock";
+    }
+    std::ifstream maps{"/proc/" + std::to_string(daemon_.pid()) + "/maps"};
+    const std::string mapped{std::istreambuf_iterator<char>{maps}, {}};
+    EXPECT_NE(std::string::npos, mapped.find(TALVEK_CLOCK_PRELOAD));
+    const int silent = Connect();
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(i, daemon_.Client("exit " + std::to_string(i)).exitStatus());
+    }
+    EXPECT_EQ(9u, U32(Talk(silent, CommandPkg("exit 9")), 16));
+#endif
 }
 
 }  // namespace

@@ -188,6 +188,16 @@ bool Gone(pid_t pid) {
     return state == '\0' || state == 'Z';
 }
 
+std::vector<pid_t> ChildrenOf(pid_t pid) {
+    const std::string task = std::to_string(pid);
+    std::ifstream in{"/proc/" + task + "/task/" + task + "/children"};
+    std::vector<pid_t> children;
+    for (pid_t child; in >> child;) {
+        children.push_back(child);
+    }
+    return children;
+}
+
 ::testing::AssertionResult EndedBy(int wait, int signal) {
     if (wait == -1 && !Inherits()) {
         return ::testing::AssertionSuccess();
@@ -281,13 +291,7 @@ bool Daemon::Logs(const std::string &text) const {
 }
 
 std::vector<pid_t> Daemon::Children() const {
-    const std::string task = std::to_string(pid_);
-    std::ifstream in{"/proc/" + task + "/task/" + task + "/children"};
-    std::vector<pid_t> children;
-    for (pid_t child; in >> child;) {
-        children.push_back(child);
-    }
-    return children;
+    return ChildrenOf(pid_);
 }
 
 int Daemon::Descriptors() const {

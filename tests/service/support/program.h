@@ -56,6 +56,9 @@ uint64_t SignalBits(std::initializer_list<int> signals);
 // Whether a process has ended. It need not be a child.
 bool Gone(pid_t pid);
 
+// The children of a process with one thread, zombies too.
+std::vector<pid_t> ChildrenOf(pid_t pid);
+
 // Fills a pipe, given by either end, so that the next write to it blocks.
 void FillPipe(int end);
 
