@@ -24,6 +24,7 @@ usage() {
 ./do analyse   more static analysis, of the benchmarks and fuzz targets too
 ./do torture   what hostile peers and commands do to the daemon, in large crowds
 ./do soak      [minutes [commands]]: calls and kills without end, of a daemon that must not grow
+./do valgrind  [programs]: the test programs under memcheck, those with threads under helgrind
 ./do fuzz      [seconds] [targets]: hostile bytes for everything that reads some
                (docs/reliability.md)
 ./do words     phrases that make a reader stop, in the tree or in the files named
@@ -366,6 +367,12 @@ soak)
     compile test soak
     shift
     build/tests/soak "$@"
+    ;;
+valgrind)
+    need "build test valgrind" "$(test_programs | grep -E -e "${2:-}" || :)"
+    configure test
+    shift
+    tools/valgrind/run "$@"
     ;;
 words)
     shift

@@ -235,7 +235,7 @@ constexpr Call kCalls[] = {
      [](const Objects & /*at*/) { COM_SendUdpBroadcast("lo", 1, 2, "x", 1); }},
     {"COM_GetUnitNetInfo",
      [](const Objects & /*at*/) {
-         tUnitNetInfo unit;
+         tUnitNetInfo unit = {};  // if_info_num is the caller's
          COM_GetUnitNetInfo(&unit, "lo");
          COM_ShowAllUnitInfo(1, &unit);
      }},
