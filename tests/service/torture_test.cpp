@@ -452,7 +452,7 @@ TEST_F(TortureByProcesses, UsedUp) {
     }
 }
 
-// The bomb explodes inside the limit: whoever can fork does, and a shell that cannot ends.
+// The bomb explodes inside the limit: each shell forks without end, and one that cannot ends.
 TEST_F(TortureByProcesses, AForkBombAsACommand) {
     const std::string stop = daemon_.dir() / "stop";
     const int fd = Connect();
