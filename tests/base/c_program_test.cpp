@@ -61,7 +61,7 @@ TEST(CProgram, LinksWithTheCLibraryAlone) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the archives need the sanitizer's runtime";
 #endif
-    if (!LauncherText().empty() || !HasCommand("gcc")) {
+    if (Foreign() || !HasCommand("gcc")) {
         GTEST_SKIP() << "no compiler here for the processor of the archives";
     }
     for (const char *compiler : {"gcc", "clang-14"}) {

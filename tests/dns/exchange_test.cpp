@@ -61,7 +61,7 @@ class Pretend : public Pretence {
 }  // namespace
 
 // With times of 64 bits on 32-bit machines these functions have other names.
-#if defined(__arm__)
+#if __SIZEOF_POINTER__ == 4
 #define REAL_PPOLL __real___ppoll64
 #define WRAP_PPOLL __wrap___ppoll64
 #define REAL_CLOCK_GETTIME __real___clock_gettime64
@@ -475,7 +475,7 @@ bool AwaitDrop(uint16_t port) {
         std::ifstream in{"/proc/net/udp"};
         for (std::string line; std::getline(in, line);) {
             if (line.find(local) != std::string::npos &&
-                std::stoi(line.substr(line.find_last_of(" ", line.find_last_not_of(" ")))) > 0) {
+                std::stoi(line.substr(line.find_last_of(' ', line.find_last_not_of(' ')))) > 0) {
                 return true;
             }
         }

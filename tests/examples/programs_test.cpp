@@ -88,7 +88,7 @@ TEST(NetFactsPython, ShowsAnInterface) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the shared library needs the sanitizer's runtime";
 #endif
-    if (Emulated() || !HasCommand("python3")) {
+    if (Foreign() || !HasCommand("python3")) {
         GTEST_SKIP() << "no python3 here for the processor of the shared library";
     }
     if (access(TALVEK_BINARY_DIR "/shared/libtalvek_common.so.1", R_OK) != 0) {

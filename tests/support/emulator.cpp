@@ -36,11 +36,16 @@ std::vector<std::string> FindLauncher() {
 }
 
 const std::vector<std::string> g_launcher = FindLauncher();
+const bool g_foreign = MachineOf("/proc/self/exe") != MachineOf("/bin/sh");
 
 }  // namespace
 
 bool Emulated() {
     return !g_launcher.empty();
+}
+
+bool Foreign() {
+    return g_foreign;
 }
 
 const std::vector<std::string> &Launcher() {
