@@ -1,5 +1,5 @@
-// Slice headers: the parameter set's id (1 byte) and largest frame number (4 bytes), 1 byte whose
-// low bit takes the rest as it is, the rest (support/bit_writer.h otherwise).
+// Slice headers: the parameter set's id (1 byte) and largest frame number (4 bytes), then the slice's
+// bytes (support/bit_writer.h).
 
 #include "common/h264.h"
 #include "fuzz/support/bit_writer.h"
@@ -10,16 +10,7 @@ FUZZ_TARGET(h264_slice) {
     tH264SpsInfo sps = {};
     sps.sps_id = in.U8();
     sps.max_frame_num = in.U32();
-    std::vector<uint8_t> bytes;
-    if ((in.U8() & 1) != 0) {
-        const talvek::fuzz::Bytes rest = in.Rest();
-        bytes.assign(rest.begin(), rest.end());
-    } else {
-        talvek::fuzz::BitWriter writer;
-        writer.Build(in, COM_H264_SLICE_REACH);
-        bytes = writer.bytes();
-    }
-    bytes.resize(COM_H264_SLICE_REACH);
+    const std::vector<uint8_t> bytes = talvek::fuzz::BytesOrBits(in, COM_H264_SLICE_REACH);
     const talvek::fuzz::Block slice{bytes};
     talvek::fuzz::Out out{sizeof(tH264SliceInfo)};
     auto *info = reinterpret_cast<tH264SliceInfo *>(out.bytes());

@@ -1,6 +1,4 @@
-// Sequence parameter sets. The first byte's low bit takes the rest as it is; without it the rest
-// builds the bits after profile and level (support/bit_writer.h). Zeros follow up to the size that
-// the parser may read.
+// Sequence parameter sets (support/bit_writer.h).
 
 #include "common/h264.h"
 #include "fuzz/support/bit_writer.h"
@@ -8,18 +6,8 @@
 #include "fuzz/support/target.h"
 
 FUZZ_TARGET(h264_sps) {
-    std::vector<uint8_t> bytes;
-    if ((in.U8() & 1) != 0) {
-        const talvek::fuzz::Bytes rest = in.Rest();
-        bytes.assign(rest.begin(), rest.end());
-    } else {
-        talvek::fuzz::BitWriter writer;
-        writer.Put(in.U8(), 8);
-        writer.Put(in.U16(), 16);
-        writer.Build(in, COM_H264_SPS_REACH);
-        bytes = writer.bytes();
-    }
-    bytes.resize(COM_H264_SPS_REACH);
+    // Profile and level are the first three bytes.
+    const std::vector<uint8_t> bytes = talvek::fuzz::BytesOrBits(in, COM_H264_SPS_REACH, 3);
     const talvek::fuzz::Block sps{bytes};
     talvek::fuzz::Out out{sizeof(tH264SpsInfo)};
     auto *info = reinterpret_cast<tH264SpsInfo *>(out.bytes());

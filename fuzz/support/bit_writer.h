@@ -62,6 +62,21 @@ class BitWriter {
     size_t bits_ = 0;
 };
 
+// `size` bytes, zeros after what the input has. The low bit of the input's first byte takes the rest
+// as it is; without it the rest builds the bits after `lead` bytes that are taken as they are.
+inline std::vector<uint8_t> BytesOrBits(Input &in, size_t size, size_t lead = 0) {
+    BitWriter writer;
+    if ((in.U8() & 1) != 0) {
+        lead = size;
+    }
+    for (const uint8_t byte : in.Take(lead)) {
+        writer.Put(byte, 8);
+    }
+    writer.Build(in, size);
+    writer.bytes().resize(size);
+    return writer.bytes();
+}
+
 }  // namespace talvek::fuzz
 
 #endif

@@ -34,10 +34,7 @@ uint64_t IsoKB(const Bytes &image) {
 }
 
 tDevInfo Record(const MmcDrive &drive) {
-    tDevInfo dev = {};
-    strcpy(dev.devPath, drive.node().c_str());
-    strcpy(dev.sgPath, drive.sgNode().c_str());
-    dev.isOptical = 1;
+    tDevInfo dev = DriveRecord(drive.node(), drive.sgNode());
     memset(&dev.u.disc, 0x55, sizeof dev.u.disc);
     return dev;
 }

@@ -101,10 +101,7 @@ TEST(Removal, OfADriveWithAMountedDiscLeavesItToBeUnmounted) {
     monitor.Pull("pulled");
     AwaitNoDevice("PULLED");
 
-    tDevInfo dev = {};
-    strcpy(dev.devPath, drive.node.c_str());
-    strcpy(dev.sgPath, drive.sgNode.c_str());
-    dev.isOptical = 1;
+    tDevInfo dev = DriveRecord(drive.node, drive.sgNode);
     Capture([&] { EXPECT_EQ(-1, Dev_GetDiscInfo(&dev)); });
     Capture([&] { EXPECT_EQ(0, Dev_uMount(dir.path())); });
     EXPECT_EQ("", dir.Type());
@@ -126,10 +123,7 @@ TEST(Removal, OfADriveWhileItIsQueriedEndsTheQuery) {
         std::thread querying{[&] {
             Capture([&] {
                 while (result == 0) {
-                    tDevInfo dev = {};
-                    strcpy(dev.devPath, device.node.c_str());
-                    strcpy(dev.sgPath, device.sgNode.c_str());
-                    dev.isOptical = 1;
+                    tDevInfo dev = DriveRecord(device.node, device.sgNode);
                     result = Dev_GetDiscInfo(&dev);
                     if (result == 0) {
                         EXPECT_EQ(uint32_t{DEV_CLASS_DVD_ROM}, dev.u.disc.discClass);
@@ -196,10 +190,7 @@ TEST(SilentDrive, CanBeTakenAwayInsideACommand) {
     NEEDS_EMULATED_BOARD();
     MmcDrive drive;
     drive.Insert("dvd_plus_r_open.hex");
-    tDevInfo dev = {};
-    strcpy(dev.devPath, drive.node().c_str());
-    strcpy(dev.sgPath, drive.sgNode().c_str());
-    dev.isOptical = 1;
+    tDevInfo dev = DriveRecord(drive.node(), drive.sgNode());
     const size_t fds = OpenFds();
     drive.Hang(true);
     int result = 0;
@@ -227,10 +218,7 @@ TEST(Drive, MayGetAnotherDiscAtAnyTime) {
         }
     }};
     for (int round = 0; round < 10; ++round) {
-        tDevInfo dev = {};
-        strcpy(dev.devPath, drive.node().c_str());
-        strcpy(dev.sgPath, drive.sgNode().c_str());
-        dev.isOptical = 1;
+        tDevInfo dev = DriveRecord(drive.node(), drive.sgNode());
         int result = 1;
         const std::string text = Capture([&] { result = Dev_GetDiscInfo(&dev); });
         EXPECT_TRUE(result == 0 || result == -129 || result == -130) << result << "\n" << text;

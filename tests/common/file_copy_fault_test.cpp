@@ -1,8 +1,6 @@
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -15,22 +13,6 @@
 namespace {
 
 using namespace talvek::test;
-
-TEST(CopyFileFault, EveryCallFails) {
-    const TempDir dir;
-    WriteFile(dir / "src", std::string(70000, 'x'));
-    const std::string src = dir / "src";
-    const std::string dst = dir / "a/dst";
-    EXPECT_LT(8, EveryCallFails(EIO, [&] {
-                  const int result = COM_CopyFile(dst.c_str(), src.c_str());
-                  if (result == 0) {
-                      EXPECT_EQ(70000U, ReadFile(dst).size());
-                  } else {
-                      EXPECT_EQ(-1, result);
-                      EXPECT_TRUE(Fault::Tripped());
-                  }
-              }));
-}
 
 TEST(CopyFileFault, CopiesWhatTheKernelCannot) {
     const TempDir dir;
@@ -71,34 +53,6 @@ TEST(CopyFileFault, DoesNotLogAFailedRead) {
     EXPECT_EQ(Lines{}, CaptureLog([&] {
                   const Fault fault{"read", 0, EIO};
                   EXPECT_EQ(-1, COM_CopyFile((dir / "dst").c_str(), (dir / "src").c_str()));
-              }));
-}
-
-TEST(CopyAndLinkFault, EveryCallFails) {
-    const TempDir dir;
-    const std::string link = dir / "link";
-    const std::string target = dir / "a/target";
-    EXPECT_LT(8, EveryCallFails(EACCES, [&] {
-                  std::filesystem::remove_all(dir / "a");
-                  std::filesystem::remove(link);
-                  WriteFile(link, "content");
-                  const int result = COM_CopyAndLink(target.c_str(), link.c_str());
-                  EXPECT_TRUE(result == 0 || Fault::Tripped());
-                  EXPECT_TRUE(result == 0 || result == -1) << result;
-                  EXPECT_TRUE(ReadFile(link) == "content" || ReadFile(target) == "content")
-                      << "the content is lost";
-              }));
-}
-
-TEST(AppendFileToFileFault, EveryCallFails) {
-    const TempDir dir;
-    const std::string src = dir / "src";
-    const std::string dst = dir / "dst";
-    WriteFile(src, std::string(5000, 'x'));
-    EXPECT_LT(6, EveryCallFails(EIO, [&] {
-                  unlink(dst.c_str());
-                  const int result = COM_AppendFileToFile(dst.c_str(), src.c_str());
-                  EXPECT_TRUE(result == -1 || result == 4096 || result == 5000) << result;
               }));
 }
 

@@ -226,19 +226,6 @@ TEST(ReplaceItemsInFileFault, LeavesTheFileWholeOrEmpty) {
     });
 }
 
-TEST(ReplaceItemsInFileFault, LeavesAFileThatIsOnlySearchedUnchanged) {
-    RunInPrivateWorld(kMounts, [] {
-        MountTmpfs("/var");
-        WriteFile("/var/file", "a=1\nb=2\n");
-        EXPECT_LT(3, EveryCallFails(EIO, [] {
-                      tFileItem items[] = {Item("b=", "b=two")};
-                      tFileItemRequest request = {1, 1, 0, 0, items};
-                      COM_ReplaceItemsInFile("/var/file", &request);
-                      EXPECT_EQ("a=1\nb=2\n", ReadFile("/var/file"));
-                  }));
-    });
-}
-
 TEST(ReplaceItemsInFileFault, NamesTheCallThatFailed) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");

@@ -11,20 +11,10 @@
 #include "common/io.h"
 #include "support/capture.h"
 #include "support/faults.h"
-#include "support/private_world.h"
 
 namespace {
 
 using namespace talvek::test;
-
-// Alone with process 1 and the children in which calls fail.
-TEST(CheckProcExistFault, EveryCallFails) {
-    RunInPrivateWorld(kPids, [] {
-        EXPECT_LT(6, EveryCallFails(EACCES, [] {
-                      EXPECT_EQ(-1, COM_CheckProcExist("no process has this name"));
-                  }));
-    });
-}
 
 TEST(CheckProcExistFault, SkipsAProcessThatCannotBeRead) {
     const Fault fault{"open", 0, ENOENT};

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -137,6 +138,14 @@ SysfsDevice AwaitDevice(const std::string &text) {
 
 void AwaitNoDevice(const std::string &text) {
     EXPECT_TRUE(Await([&] { return !SysfsDeviceOf(text); })) << text;
+}
+
+tDevInfo DriveRecord(const std::string &node, const std::string &sgNode) {
+    tDevInfo dev = {};
+    strcpy(dev.devPath, node.c_str());
+    strcpy(dev.sgPath, sgNode.c_str());
+    dev.isOptical = 1;
+    return dev;
 }
 
 }  // namespace talvek::test

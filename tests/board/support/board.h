@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "dev/device.h"
+
 // What the emulated board has, for the tests that run only there.
 
 namespace talvek::test {
@@ -72,6 +74,9 @@ SysfsDevice AwaitDevice(const std::string &text);
 
 // Waits until there is no such device.
 void AwaitNoDevice(const std::string &text);
+
+// What the entries for discs take of a drive with these nodes.
+tDevInfo DriveRecord(const std::string &node, const std::string &sgNode);
 
 }  // namespace talvek::test
 
