@@ -11,6 +11,9 @@ usage() {
 ./do sanitize  all tests under AddressSanitizer and UndefinedBehaviorSanitizer
 ./do thread    the tests of what runs in threads under ThreadSanitizer
 ./do arm       build for 32-bit ARM and run the test programs under qemu
+./do i686      the tests as 32-bit x86 programs, which run without an emulator
+./do unsigned-char
+               the tests with a char that is unsigned (-funsigned-char)
 ./do compilers build with clang, other flags and other processors (tools/compilers)
 ./do abi       compare the shared libraries with the recorded interface (tools/abi)
 ./do package   Debian packages, and archives of the program for three processors (tools/package)
@@ -21,7 +24,7 @@ usage() {
 ./do mutants   [count] [files]: changes of the source that the tests notice (docs/reliability.md)
 ./do coverage  lines and branches that the tests reach
 ./do lint      format, static analysis, manual pages, spelling, phrases
-./do analyse   more static analysis, of the benchmarks and fuzz targets too
+./do analyse   more static analysis, of tests, benchmarks and fuzz targets too
 ./do torture   what hostile peers and commands do to the daemon, in large crowds
 ./do soak      [minutes [commands]]: calls and kills without end, of a daemon that must not grow
 ./do valgrind  [programs]: the test programs under memcheck, those with threads under helgrind
@@ -33,8 +36,8 @@ usage() {
 ./do clean     remove build/
 ./do help      this list
 
-test, sanitize, thread, arm and coverage take the test programs to build and run as a regular
-expression, and after it the cases as a GoogleTest filter:
+test, sanitize, thread, arm, i686, unsigned-char and coverage take the test programs to build and
+run as a regular expression, and after it the cases as a GoogleTest filter:
     ./do test common_            everything of common/
     ./do test service_handler 'Handler.Serves*'
 tests/common/file_test.cpp is the program common_file_test.
@@ -214,7 +217,10 @@ run_tests() {
     fi
     need "$2" "$(test_programs | grep -E -e "$filter" || :)"
     # The C library of the static program.
-    [ "$preset" != arm ] || { writable; cmake/fetch-deb armhf build/arm/debs musl-dev; }
+    case $preset in
+    arm) writable && cmake/fetch-deb armhf build/arm/debs musl-dev ;;
+    i686) writable && cmake/fetch-deb i386 build/i686/debs musl-dev ;;
+    esac
     configure "$preset"
     programs=
     if [ -n "$filter" ]; then
@@ -276,7 +282,8 @@ lint() {
     echo "lint: nothing found"
 }
 
-# More than lint: the checks of cert and concurrency, the benchmarks and fuzz targets, and cppcheck.
+# More than lint: the checks of cert and concurrency, the benchmarks, fuzz targets, examples and tests,
+# and cppcheck.
 # What is left out:
 #   cert-err33-c, cert-env33-c    a text that cannot be written to the log has no other place to go;
 #                                 running a command line with the shell is what the service does
@@ -292,6 +299,15 @@ lint() {
 #   clang-analyzer-cplusplus.NewDeleteLeaks
 #                                 the short form; the loop variable of a benchmark; what GoogleTest
 #                                 keeps of a registered case
+# and for the tests, of which bugprone, cert, concurrency and performance are asked, further
+#   bugprone-implicit-widening-of-multiplication-result
+#                                 the factors are small constants
+#   bugprone-suspicious-missing-comma
+#                                 lists of log lines, of which one is longer than a line
+#   bugprone-suspicious-memory-comparison, cert-exp42-c, cert-flp37-c
+#                                 a record is unchanged when each byte is, padding included
+#   performance-inefficient-string-concatenation, performance-no-automatic-move
+#                                 the short form; the time of a test is that of its calls
 # Single reports that are wrong are named with their reason at the line (NOLINT) or in
 # tools/lint/cppcheck.txt.
 analyse() {
@@ -303,19 +319,30 @@ analyse() {
         base bench common dev dns examples fuzz service
     checks='cert-*,concurrency-*,-cert-err33-c,-cert-env33-c,-cert-dcl37-c,-cert-dcl51-cpp'
     checks="$checks,-concurrency-mt-unsafe"
-    find base common dev dns service -name '*.cpp' | tidy "$checks"
+    find base common dev dns service -name '*.cpp' | tidy -checks="$checks"
     checks="$checks,-cert-err58-cpp,-cert-msc32-c,-cert-msc51-cpp,-cert-err34-c"
     checks="$checks,-performance-inefficient-vector-operation,-clang-analyzer-deadcode.DeadStores"
     checks="$checks,-clang-analyzer-cplusplus.NewDeleteLeaks"
-    find bench fuzz -name '*.cpp' | tidy "$checks"
+    find bench fuzz examples -name '*.cpp' -o -name '*.c' | tidy -checks="$checks"
+    for check in implicit-widening-of-multiplication-result suspicious-missing-comma \
+        suspicious-memory-comparison easily-swappable-parameters reserved-identifier branch-clone; do
+        checks="$checks,-bugprone-$check"
+    done
+    checks="$checks,-cert-exp42-c,-cert-flp37-c,-performance-inefficient-string-concatenation"
+    checks="$checks,-performance-no-automatic-move,-performance-noexcept-move-constructor"
+    checks="-*,bugprone-*,performance-*,$checks"
+    # gcc warns of what it finds there; clang's warnings differ.
+    find tests -name '*_test.cpp' -o -path 'tests/*support/*.cpp' -o -path 'tests/faults/*.cpp' |
+        grep -v '^tests/board' |
+        tidy -checks="$checks" --extra-arg=-w --header-filter='/(base|common|dev|dns|service|tests)/'
     echo "analyse: nothing found"
 }
 
-# tidy <checks>: clang-tidy with more checks on the files that standard input lists.
+# tidy <option>...: clang-tidy on the files that standard input lists.
 tidy() {
-    xargs -P "$(nproc)" -n 2 sh -c '
-        found=$(clang-tidy-14 -p build/analyse --quiet -checks="$0" "$@" 2>&1) ||
-            { echo "$found"; exit 1; }' "$1"
+    xargs -P "$(nproc)" -n 2 sh -fc '
+        found=$(clang-tidy-14 -p build/analyse --quiet $0 "$@" 2>&1) ||
+            { echo "$found"; exit 1; }' "$*"
 }
 
 # The documents as a site. A browser opens each page, follows the links and searches.
@@ -337,6 +364,8 @@ test) run_tests test "build test" "${2:-}" "${3:-}" ;;
 sanitize) run_tests asan "build test" "${2:-}" "${3:-}" ;;
 thread) run_tests tsan "build test" "${2:-}" "${3:-}" ;;
 arm) run_tests arm "build test arm" "${2:-}" "${3:-}" ;;
+i686) run_tests i686 "build test i686" "${2:-}" "${3:-}" ;;
+unsigned-char) run_tests unsigned-char "build test" "${2:-}" "${3:-}" ;;
 board)
     # With hardware of one's own there is no emulator.
     need "build arm $([ -n "${BOARD_SSH-}" ] || echo board)"

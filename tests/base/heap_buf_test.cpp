@@ -16,7 +16,7 @@ TEST(HeapBuf, OwnsOneBlock) {
     EXPECT_EQ(0U, buf[0] | buf[1] | buf[2]);
     uint32_t *pBlock = buf.get();
     HeapBuf<uint32_t> moved{std::move(buf)};
-    EXPECT_FALSE(buf);
+    EXPECT_FALSE(buf);  // NOLINT(bugprone-use-after-move): what a move leaves
     EXPECT_EQ(pBlock, moved.get());
     moved = HeapBuf<uint32_t>::Zeroed(1);
     EXPECT_TRUE(moved);

@@ -17,7 +17,7 @@ TEST(UniqueDir, ClosesAtItsEnd) {
     {
         UniqueDir opened{opendir("/")};
         const UniqueDir dir{std::move(opened)};
-        EXPECT_FALSE(opened);
+        EXPECT_FALSE(opened);  // NOLINT(bugprone-use-after-move): what a move leaves
         ASSERT_TRUE(dir);
         fd = dirfd(dir.get());
     }

@@ -25,7 +25,7 @@ TEST(UniqueStream, ClosesAtItsEnd) {
         UniqueFile file;
         EXPECT_FALSE(file);
         file = std::move(first);
-        EXPECT_FALSE(first);
+        EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): what a move leaves
         const UniquePipe pipe{popen("true", "re")};
         fileFd = fileno(file.get());
         pipeFd = fileno(pipe.get());

@@ -11,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -338,7 +339,7 @@ TEST(Update, ReadsFromAnyAddress) {
     const std::string sha1 = Sha1(message);
     alignas(16) char room[256 + 16];
     for (size_t shift = 0; shift < 16; ++shift) {
-        memcpy(room + shift, message.data(), message.size());
+        std::copy(message.begin(), message.end(), room + shift);
         char hex[COM_MD5_HEX_SIZE];
         COM_MakeBufMD5(hex, room + shift, message.size());
         EXPECT_EQ(md5, std::string(hex, sizeof hex));

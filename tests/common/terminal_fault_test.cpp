@@ -55,14 +55,15 @@ TEST(TerminalFault, ReportsEachFailureOfTheLine) {
         const char *pCall;
         int result;
     } failures[] = {{"tcgetattr", COM_TERM_NOT_SET}, {"tcsetattr", COM_TERM_NOT_SET}};
-    for (const auto &[pCall, result] : failures) {
+    for (const auto &failure : failures) {
         tTermDevInfo device = Device();
         const std::string output = Capture([&] {
-            const Fault fault{pCall, 0, EIO};
-            EXPECT_EQ(result, COM_OpenTermDevice(name, &device));
+            const Fault fault{failure.pCall, 0, EIO};
+            EXPECT_EQ(failure.result, COM_OpenTermDevice(name, &device));
         });
-        EXPECT_NE(std::string::npos, output.find(std::string{"COM_OpenTermDevice(): "} + pCall +
-                                                 "(" + name + ") error : Input/output error\n"))
+        EXPECT_NE(std::string::npos,
+                  output.find(std::string{"COM_OpenTermDevice(): "} + failure.pCall + "(" + name +
+                              ") error : Input/output error\n"))
             << output;
         EXPECT_GE(device.fd, 0);
         const std::string closing = Capture([&] {
@@ -70,7 +71,7 @@ TEST(TerminalFault, ReportsEachFailureOfTheLine) {
             const int expected = device.saved_valid == 1 ? -1 : 0;
             EXPECT_EQ(expected, COM_CloseTermDevice(&device));
         });
-        EXPECT_EQ(strcmp(pCall, "tcgetattr") == 0, closing.empty()) << closing;
+        EXPECT_EQ(strcmp(failure.pCall, "tcgetattr") == 0, closing.empty()) << closing;
         EXPECT_EQ(-1, device.fd);
     }
     close(master);

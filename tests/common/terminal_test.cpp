@@ -508,15 +508,16 @@ TEST(GetSerialPort, FindsAdaptersByTheirUsbPort) {
                         {COM_SERIAL_USB_3, "/dev/ttyUSB1", 1},
                         {COM_SERIAL_USB_4, "/dev/ttyUSB12", 12}};
         umask(0);
-        for (const auto &[port, pPath, minor] : expected) {
+        for (const auto &adapter : expected) {
             CanaryBuf path{COM_SERIAL_PATH_SIZE};
-            EXPECT_EQ("", Capture([&] { EXPECT_EQ(0, COM_GetSerialPort(port, path.text())); }));
-            EXPECT_STREQ(pPath, path.text());
+            EXPECT_EQ("",
+                      Capture([&] { EXPECT_EQ(0, COM_GetSerialPort(adapter.port, path.text())); }));
+            EXPECT_STREQ(adapter.pPath, path.text());
             struct stat node = {};
-            ASSERT_EQ(0, stat(pPath, &node)) << pPath;
+            ASSERT_EQ(0, stat(adapter.pPath, &node)) << adapter.pPath;
             EXPECT_TRUE(S_ISCHR(node.st_mode));
             EXPECT_EQ(0664U, node.st_mode & 07777);
-            EXPECT_EQ(makedev(188, minor), node.st_rdev);
+            EXPECT_EQ(makedev(188, adapter.minor), node.st_rdev);
         }
     });
 }

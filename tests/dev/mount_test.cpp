@@ -80,7 +80,7 @@ int NoSuchDevice(const MountCall &) {
     return -1;
 }
 
-std::function<int(const MountCall &)> OnlyMounts(std::string src, std::string type) {
+std::function<int(const MountCall &)> OnlyMounts(const std::string &src, const std::string &type) {
     return [src, type](const MountCall &call) {
         if (call.src == src && call.type == type) {
             return 0;

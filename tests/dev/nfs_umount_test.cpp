@@ -414,16 +414,10 @@ TEST(NfsUmount, ReportsWhatTheServerRefuses) {
 
 // ---- Time
 
-// A listener whose queue is full drops new connections; the attempt ends after 3 seconds.
+// The attempt to connect ends after 3 seconds.
 TEST(NfsUmount, FallsBackToUdpWhenTheConnectionTakesTooLong) {
     InWorld([] {
-        const int listener = BoundSocket(SOCK_STREAM, kPort);
-        ASSERT_EQ(0, listen(listener, 0));
-        const sockaddr_in at = Loopback(kPort);
-        for (int i = 0; i < 3; ++i) {
-            const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-            connect(fd, reinterpret_cast<const sockaddr *>(&at), sizeof at);
-        }
+        MakeFullListener(kPort);
         RpcPeer udp{SOCK_DGRAM, kPort, RpcPeer::Accept};
         PretendedTime time;
         time.inVain = [](short events) { return events == POLLOUT; };

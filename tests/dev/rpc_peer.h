@@ -87,6 +87,17 @@ inline int BoundSocket(int type, in_port_t port) {
     return fd;
 }
 
+// A listener whose queue is full drops new connections. It lasts as long as the process.
+inline void MakeFullListener(in_port_t port) {
+    EXPECT_EQ(0, listen(BoundSocket(SOCK_STREAM, port), 0));
+    const sockaddr_in at = Loopback(port);
+    for (int i = 0; i < 3; ++i) {
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        EXPECT_TRUE(connect(fd, reinterpret_cast<const sockaddr *>(&at), sizeof at) == 0 ||
+                    errno == EINPROGRESS);
+    }
+}
+
 // Runs `body` in a network that has only a loopback interface.
 inline void WithLoopback(const std::function<void()> &body, unsigned worlds = 0) {
     RunInPrivateWorld(kMounts | kNetwork | worlds, [&] {

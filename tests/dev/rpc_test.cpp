@@ -558,16 +558,9 @@ TEST(Call, EndsAtItsDeadline) {
     });
 }
 
-// A listener whose queue is full drops what comes.
 TEST(Call, EndsAtItsDeadlineWithoutAConnection) {
     WithLoopback([] {
-        const int listener = BoundSocket(SOCK_STREAM, kPort);
-        ASSERT_EQ(0, listen(listener, 0));
-        const sockaddr_in at = Loopback(kPort);
-        for (int i = 0; i < 3; ++i) {
-            const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-            connect(fd, reinterpret_cast<const sockaddr *>(&at), sizeof at);
-        }
+        MakeFullListener(kPort);
         PretendedTime time;
         time.inVain = [](short events) { return events == POLLOUT; };
         const Outcome outcome = CallServer(SOCK_STREAM);

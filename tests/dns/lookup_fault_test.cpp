@@ -20,16 +20,17 @@ using Via = int (*)(const char *, const char *, tDnsAddrEntry *, int);
 
 TEST(LookupFault, LogsAFailedSocket) {
     RunWithResolvConf("", [] {
-        for (const auto &[via, name] : {std::pair<Via, std::string>{DNS_GetAviaNameServer, "A"},
-                                        {DNS_GetMXviaNameServer, "MX"}}) {
+        for (const auto &entry : {std::pair<Via, std::string>{DNS_GetAviaNameServer, "A"},
+                                  {DNS_GetMXviaNameServer, "MX"}}) {
             Results results;
             for (const std::string call : {"socket", "bind"}) {
-                EXPECT_EQ((Lines{"DNS:DNS_Get" + name + "viaNameServer(): " + call +
+                EXPECT_EQ((Lines{"DNS:DNS_Get" + entry.second + "viaNameServer(): " + call +
                                  "() error : Too many open files"}),
                           CaptureLog([&] {
                               const int fds = HeldFds();
                               const Fault fault{call.c_str(), 0, EMFILE};
-                              EXPECT_EQ(-1, via("127.0.0.1", "ex.test", results.entries, 0));
+                              EXPECT_EQ(-1,
+                                        entry.first("127.0.0.1", "ex.test", results.entries, 0));
                               EXPECT_EQ(fds, HeldFds());
                           }));
                 EXPECT_TRUE(results.UntouchedFrom(0));

@@ -55,7 +55,7 @@ uint8_t TypeOf(const Bytes &query) {
     return query[query.size() - 3];
 }
 
-ScriptedServer::Script Answering(std::vector<std::string> addresses) {
+ScriptedServer::Script Answering(const std::vector<std::string> &addresses) {
     return [addresses](const Bytes &query, int) {
         Builder response{query};
         for (const std::string &address : addresses) {
@@ -67,7 +67,7 @@ ScriptedServer::Script Answering(std::vector<std::string> addresses) {
 
 // Answers MX queries with exchangers a, b, ... at 10.0.1.1, 10.0.1.2, ..., and A queries
 // with 10.0.0.1.
-ScriptedServer::Script Exchanging(std::vector<int> preferences) {
+ScriptedServer::Script Exchanging(const std::vector<int> &preferences) {
     return [preferences](const Bytes &query, int) {
         Builder response{query};
         if (TypeOf(query) == DNS_TYPE_A) {

@@ -17,7 +17,7 @@ using namespace talvek::test;
 // The servers of a resolv.conf. The unused buffers must stay untouched.
 std::vector<std::string> ServersOf(const std::string &resolvConf) {
     WriteFile("/etc/resolv.conf", resolvConf);
-    const CanaryBuf buffers{DNS_MAX_NAME_SERVERS * DNS_NAME_SERVER_SIZE};
+    const CanaryBuf buffers{size_t{DNS_MAX_NAME_SERVERS} * DNS_NAME_SERVER_SIZE};
     const auto servers = reinterpret_cast<char(*)[DNS_NAME_SERVER_SIZE]>(buffers.text());
     const int count = DNS_GetNameServer(servers);
     EXPECT_LE(0, count);

@@ -550,7 +550,7 @@ struct Reference {
         }
         const int n = ar - buf[9] > 1 ? ar - buf[9] : 1;
         for (int i = 0; i < n; ++i) {
-            const uint8_t *pRecord = &buf[size_t(length - 16 * ar + 16 * i)];
+            const uint8_t *pRecord = buf.data() + length - 16 * ar + 16 * i;
             tDnsAddrEntry entry = {1, pRecord[1], 0, 15, 0};
             entry.preference = pRecord[1] > 0 ? buf[pRecord[1] - 1u] : uint8_t{0};
             memcpy(&entry.addr, pRecord + 12, 4);

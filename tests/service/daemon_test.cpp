@@ -706,7 +706,7 @@ TEST(DaemonTest, SIGTERMEndsAHandlerAndLeavesItsCommandRunning) {
         Put(fd, CommandPkg("kill -TERM $PPID; " + Until(dir / "go") + "echo >" + (dir / "done"))));
     EXPECT_TRUE(AtEnd(fd));
     close(fd);
-    std::ofstream{dir / "go"};
+    WriteFile(dir / "go", "");
     EXPECT_TRUE(Eventually([&] { return Exists(dir / "done"); }));
 }
 

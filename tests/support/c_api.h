@@ -15,7 +15,7 @@ typedef struct tCEntry {
 } tCEntry;
 
 #define C_ENTRY(name) \
-    { #name, (void (*)(void))name }
+    { #name, (void (*)(void))(name) }
 
 typedef struct tCTable {
     const char *pName;

@@ -62,11 +62,11 @@ bool Trips(const char *pName) {
 }  // namespace
 
 // A call that fails without having done anything.
-#define FAULT_CALL(name, type, failure, params, args)       \
-    extern "C" type __real_##name params;                   \
-    extern "C" type __wrap_##name params;                   \
-    type __wrap_##name params {                             \
-        return Trips(#name) ? failure : __real_##name args; \
+#define FAULT_CALL(name, type, failure, params, args)         \
+    extern "C" type __real_##name params;                     \
+    extern "C" type __wrap_##name params;                     \
+    type __wrap_##name params {                               \
+        return Trips(#name) ? (failure) : __real_##name args; \
     }
 
 // A call that releases what it was given even when it fails.

@@ -171,7 +171,7 @@ void SimulatedDrive::Reply(uint8_t opcode, Bytes data, std::map<size_t, uint8_t>
     stored_.push_back({opcode, std::move(where), std::move(data)});
 }
 
-Bytes &SimulatedDrive::Data(uint8_t opcode, std::map<size_t, uint8_t> where) {
+Bytes &SimulatedDrive::Data(uint8_t opcode, const std::map<size_t, uint8_t> &where) {
     if (Find(opcode, where) == nullptr) {
         ADD_FAILURE() << "no reply to change for opcode " << int{opcode};
         Reply(opcode, {}, where);

@@ -67,7 +67,7 @@ class SimulatedDrive {
     // Changes bytes of a reply.
     void Patch(uint8_t opcode, size_t at, const Bytes &bytes, std::map<size_t, uint8_t> where = {});
     // The bytes of that reply.
-    [[nodiscard]] Bytes &Data(uint8_t opcode, std::map<size_t, uint8_t> where = {});
+    [[nodiscard]] Bytes &Data(uint8_t opcode, const std::map<size_t, uint8_t> &where = {});
     // The next request with this opcode gets this answer; each further call is for the one after
     // it.
     void Next(uint8_t opcode, SgAnswer answer);
