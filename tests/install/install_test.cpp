@@ -142,9 +142,11 @@ TEST_F(Install, HasOneVersion) {
                   RunCommand("PKG_CONFIG_PATH=" + Lib() +
                              "/pkgconfig pkg-config --modversion talvek-" + module));
     }
-    EXPECT_NE(
-        std::string::npos,
-        FileText(Prefix() + "/share/man/man8/talvek.8").find("\n.Os talvek " TALVEK_VERSION "\n"));
+    for (const std::string page : {"talvek", "talvek-listener"}) {
+        EXPECT_NE(std::string::npos, FileText(Prefix() + "/share/man/man8/" + page + ".8")
+                                         .find("\n.Os talvek " TALVEK_VERSION "\n"))
+            << page;
+    }
 }
 
 // Every exported name is an entry of the module's public headers, and every entry that the archive
