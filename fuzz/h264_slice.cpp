@@ -1,5 +1,5 @@
-// Slice headers: the parameter set's id (1 byte) and largest frame number (4 bytes), then the slice's
-// bytes (support/bit_writer.h).
+// Slice headers: the parameter set's id (1 byte) and largest frame number (4 bytes), then the bytes
+// of the slice (support/bit_writer.h).
 
 #include "common/h264.h"
 #include "fuzz/support/bit_writer.h"

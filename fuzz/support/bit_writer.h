@@ -62,8 +62,8 @@ class BitWriter {
     size_t bits_ = 0;
 };
 
-// `size` bytes, zeros after what the input has. The low bit of the input's first byte takes the rest
-// as it is; without it the rest builds the bits after `lead` bytes that are taken as they are.
+// `size` bytes, zeros after what the input has. The low bit of the first byte takes the rest as it
+// is; without it the rest builds the bits after `lead` bytes that are taken as they are.
 inline std::vector<uint8_t> BytesOrBits(Input &in, size_t size, size_t lead = 0) {
     BitWriter writer;
     if ((in.U8() & 1) != 0) {
