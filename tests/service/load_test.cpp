@@ -109,7 +109,8 @@ struct Called {
     int status;
 };
 
-// Calls without a pause until something comes through the gate, or its other end has gone. Each command leaves its number.
+// Calls without a pause until something comes through the gate, or its other end has gone. Each
+// command leaves its number.
 [[noreturn]] void CallUntilStopped(int caller, const std::string &socket, const std::string &list,
                                    int gate, int results) {
     clearenv();
