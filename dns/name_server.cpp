@@ -25,9 +25,7 @@ const char *ServerOfLine(char *pLine) {
         return nullptr;
     }
     char *pRest = nullptr;
-    if (strtok_r(pLine, kDelimiters, &pRest) == nullptr) {
-        return nullptr;
-    }
+    strtok_r(pLine, kDelimiters, &pRest);
     return strtok_r(nullptr, kDelimiters, &pRest);
 }
 

@@ -165,8 +165,9 @@ TEST(GetEntryViaMtab, RefusesNullPointers) {
     const Lines lines = CaptureLog([&] {
         EXPECT_EQ(-1, Dev_GetEntryViaMtab(nullptr, nullptr));
         EXPECT_EQ(-1, Dev_GetEntryViaMtab(nullptr, &entry));
+        EXPECT_EQ(-1, Dev_GetEntryViaMtab("/", nullptr));
     });
-    ASSERT_EQ(2u, lines.size());
+    ASSERT_EQ(3u, lines.size());
     EXPECT_EQ("DEV:Dev_GetEntryViaMtab(): ((nil), (nil)) : Null ptr", lines[0]);
 }
 

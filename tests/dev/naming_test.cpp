@@ -265,7 +265,12 @@ TEST(ConvertMajorMinor, LogsInvalidPairs) {
                       EXPECT_EQ("-1", NameOfPair(major, minor));
                   }));
     }
-    CaptureLog([] { EXPECT_EQ(-1, Dev_ConvertMajorMinor(8, 0, nullptr, 10)); });
+    CaptureLog([] {
+        char name[1] = {'x'};
+        EXPECT_EQ(-1, Dev_ConvertMajorMinor(8, 0, nullptr, 10));
+        EXPECT_EQ(-1, Dev_ConvertMajorMinor(8, 0, name, 0));
+        EXPECT_EQ('x', name[0]);
+    });
 }
 
 TEST(ConvertMajorMinor, CutsANameToItsBufferWithAWarning) {

@@ -7,11 +7,32 @@
 #include <signal.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <random>
 #include <thread>
 #include <vector>
+
+// While it is set, the kernel has no memory for the code under test.
+static bool g_noMemory = false;
+
+// 32-bit programs call the variant with a 64-bit offset.
+#define WRAP_MMAP(name)                                                                       \
+    extern "C" void *__real_##name(void *at, size_t size, int access, int flags, int fd,      \
+                                   off_t offset);                                             \
+    extern "C" void *__wrap_##name(void *at, size_t size, int access, int flags, int fd,      \
+                                   off_t offset);                                             \
+    void *__wrap_##name(void *at, size_t size, int access, int flags, int fd, off_t offset) { \
+        if (g_noMemory) {                                                                     \
+            errno = ENOMEM;                                                                   \
+            return MAP_FAILED;                                                                \
+        }                                                                                     \
+        return __real_##name(at, size, access, flags, fd, offset);                            \
+    }
+WRAP_MMAP(mmap)
+WRAP_MMAP(mmap64)
 
 namespace {
 
@@ -216,6 +237,36 @@ TEST(HeapDeathTest, OnlyABlockInUseCanBeReleased) {
             Release(other + 32);
         },
         ::testing::KilledBySignal(SIGABRT), "");
+}
+
+// Whether an allocation returns null, with ENOMEM.
+template <typename Body>
+bool HasNoMemory(Body body) {
+    errno = 0;
+    return body() == nullptr && errno == ENOMEM;
+}
+
+// In a process of its own, because it uses the heap up.
+TEST(HeapDeathTest, FailsWhenTheKernelHasNoMemory) {
+    EXPECT_EXIT(
+        {
+            g_noMemory = true;
+            bool good = HasNoMemory([] { return Allocate(kSize); }) &&
+                        HasNoMemory([] { return AllocateZeroed(1, kSize); });
+            // What the heap has is still handed out.
+            const auto takeAll = [] {
+                void *block;
+                do {
+                    block = Allocate(1200);
+                } while (block != nullptr);
+                return block;
+            };
+            good = good && Allocate(1200) != nullptr && HasNoMemory(takeAll);
+            g_noMemory = false;
+            good = good && Allocate(1200) != nullptr;
+            _exit(good ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 // Later blocks lie in mapped memory, many in one mapping.
