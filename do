@@ -22,7 +22,7 @@ usage() {
 ./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
 ./do faults    every call of the C library fails in turn: all scenarios, or those that match
 ./do mutants   [count] [files]: changes of the source that the tests notice (docs/reliability.md)
-./do coverage  lines and branches that the tests reach
+./do coverage  lines and branches that the tests reach, and the aims (docs/reliability.md)
 ./do lint      format, static analysis, manual pages, spelling, phrases
 ./do analyse   more static analysis, of tests, benchmarks and fuzz targets too
 ./do torture   what hostile peers and commands do to the daemon, in large crowds
@@ -241,6 +241,20 @@ run_tests() {
     [ "$failed" -eq 0 ] || exit 1
 }
 
+# Failing calls take ways that the tests do not, so their scenarios count too.
+coverage() {
+    # Counts of an earlier build belong to other lines.
+    [ ! -d build/coverage ] || find build/coverage -name '*.gcda' -delete
+    run_tests coverage "build test coverage" "$@"
+    if [ -n "$1" ]; then
+        tools/coverage part
+        return
+    fi
+    compile coverage faults
+    build/coverage/tests/faults/faults .
+    tools/coverage
+}
+
 # Source files of the folders that are ours, whether or not git is here.
 sources() {
     find base bench common dev dns examples fuzz service tests "$@"
@@ -446,13 +460,7 @@ package-test)
     writable
     packaging/test/run
     ;;
-coverage)
-    # Counts of an earlier build belong to other lines.
-    [ ! -d build/coverage ] || find build/coverage -name '*.gcda' -delete
-    run_tests coverage "build test coverage" "${2:-}" "${3:-}"
-    gcovr --root . --object-directory build/coverage --filter '(base|common|dev|dns|service)/' \
-        --exclude-throw-branches --exclude-unreachable-branches --txt
-    ;;
+coverage) coverage "${2:-}" "${3:-}" ;;
 clean) rm -rf build ;;
 help) usage ;;
 *)

@@ -46,10 +46,13 @@ if(TALVEK_SANITIZE)
 endif()
 
 if(TALVEK_COVERAGE)
+    # The product counts, and so do the tests that compile a header of base/ (tests/CMakeLists.txt).
     add_library(coverage_at_exit STATIC ${PROJECT_SOURCE_DIR}/tests/support/coverage_at_exit.cpp)
     target_link_libraries(talvek_flags INTERFACE coverage_at_exit)
-    target_compile_options(talvek_flags INTERFACE --coverage -fprofile-update=atomic)
+    # The compiler would have fork and execv write the counts, which a child of COM_System, on its small
+    # stack and the memory of its parent, must not.
+    set(TALVEK_COUNTS -O0 --coverage -fprofile-update=atomic -fno-builtin-fork -fno-builtin-execv)
+    target_compile_options(talvek_inside INTERFACE ${TALVEK_COUNTS})
     target_link_options(talvek_flags INTERFACE --coverage
-        -Wl,--wrap=_exit,--wrap=raise,--undefined=__wrap__exit)
+        -Wl,--wrap=_exit,--wrap=abort,--wrap=raise,--undefined=__wrap__exit)
 endif()
-

@@ -60,6 +60,8 @@ void BuildAndRun(const std::string &compiler, const std::string &libraries) {
 TEST(CProgram, LinksWithTheCLibraryAlone) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the archives need the sanitizer's runtime";
+#elif defined(TALVEK_COVERAGE)
+    GTEST_SKIP() << "the archives need the runtime of the counters";
 #endif
     if (Foreign() || !HasCommand("gcc")) {
         GTEST_SKIP() << "no compiler here for the processor of the archives";

@@ -14,12 +14,20 @@ namespace {
 
 using namespace talvek::test;
 
+// The optimiser makes malloc of a realloc without a block. The build for coverage has no optimiser,
+// so there the name of the file comes first.
+#ifdef TALVEK_COVERAGE
+constexpr int kRegistryGrows = 1;
+#else
+constexpr int kRegistryGrows = 0;
+#endif
+
 TEST(ThreadFault, KeepsTheEntriesWithoutMemoryForAnother) {
     RunInPrivateWorld(talvek::test::kMounts, [] {
         MountTmpfs("/var");
         EXPECT_EQ(1, COM_LogThread("one"));
         const Lines log = CaptureLog([] {
-            const Fault fault{"realloc", 0, ENOMEM};
+            const Fault fault{"realloc", kRegistryGrows, ENOMEM};
             EXPECT_EQ(-1, COM_LogThread("two"));
         });
         // Three entries: the old one, the new one and the terminator.

@@ -220,14 +220,17 @@ WRAPPER(int, munmap, (void *mapping, size_t size)) {
     --g_blocks;
     return munmap(mapping, size);
 }
-WRAPPER(ssize_t, __getdelim, (char **line, size_t *size, int end, FILE *stream)) {
-    if (FAILS(__getdelim) != 0) {
-        return -1;
-    }
+static ssize_t CountedLine(char **line, size_t *size, int end, FILE *stream) {
     const bool first = *line == nullptr;
     const ssize_t length = __getdelim(line, size, end, stream);
     g_blocks += first && *line != nullptr;
     return length;
+}
+WRAPPER(ssize_t, __getdelim, (char **line, size_t *size, int end, FILE *stream)) {
+    return FAILS(__getdelim) != 0 ? -1 : CountedLine(line, size, end, stream);
+}
+WRAPPER(ssize_t, getline, (char **line, size_t *size, FILE *stream)) {
+    return FAILS(getline) != 0 ? -1 : CountedLine(line, size, '\n', stream);
 }
 
 WRAPPER(int, printf, (const char *format, ...)) {
