@@ -167,7 +167,7 @@ TEST(SystemFault, HasNoStatusAfterAnyOtherFailureToWait) {
 // no /proc.
 std::string InheritedWithoutCloseRange() {
     WriteFile("/var/script",
-              "for fd in 3 4 5 6 7 8 9; do eval \": <&$fd\" 2>/dev/null && echo $fd; done\n");
+              "for fd in 3 4 5 6 7 8 9; do eval \"true <&$fd\" 2>/dev/null && echo $fd; done\n");
     return Capture([] {
         const Fault fault{"syscall", 0, ENOSYS};
         COM_System("/bin/sh /var/script", nullptr);
