@@ -31,6 +31,7 @@
 #include "support/await.h"
 #include "support/cancellation.h"
 #include "support/capture.h"
+#include "support/emulator.h"
 #include "support/private_world.h"
 
 namespace {
@@ -545,6 +546,9 @@ TEST(ThreadWatchdog, DoesNotBelongToAChildWithTheParentsNumber) {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "ThreadSanitizer lets no child of a program with threads start one";
 #endif
+    if (Emulated()) {
+        GTEST_SKIP() << "threads of the emulator take process numbers";
+    }
     RunInPrivateWorld(kPids, [] {
         ASSERT_EQ(2, getpid());
         EXPECT_EQ(0, COM_CreateThreadWatchdog(1000));
