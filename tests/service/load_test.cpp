@@ -133,6 +133,9 @@ struct Called {
 TEST(Load, RestartsWhileClientsCall) {
     const TempDir dir;
     const std::string list = dir / "list";
+    Daemon::Options options;
+    options.dir = &dir;
+    const int descriptors = Daemon{options}.Descriptors();  // while nobody calls
     int gate[2];
     int results[2];
     ASSERT_EQ(0, pipe2(gate, O_CLOEXEC | O_NONBLOCK));
@@ -161,8 +164,6 @@ TEST(Load, RestartsWhileClientsCall) {
         }
         return count == sizeof called;
     };
-    Daemon::Options options;
-    options.dir = &dir;
     for (int i = 0; i < (getenv("TALVEK_TORTURE") != nullptr ? 200 : 20); ++i) {
         const int signal = i % 2 == 0 ? SIGTERM : SIGKILL;
         Daemon daemon{options};
@@ -172,7 +173,6 @@ TEST(Load, RestartsWhileClientsCall) {
         EXPECT_TRUE(EndedBy(daemon.Stop(signal), signal));
     }
     const Daemon last{options};
-    const int descriptors = last.Descriptors();
     EXPECT_EQ(4, write(gate[1], "stop", 4));  // a byte for each
     while (take()) {
     }
