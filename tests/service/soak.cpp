@@ -7,6 +7,7 @@
 //                        the program's file is a copy that no other process maps.
 //   time of a call       three times the 99th percentile. A machine becomes slower by itself, so
 //                        the percentile is divided by that of `sh -c` started in the same minute.
+//                        It is judged in runs of at least eight minutes.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -37,6 +38,7 @@ using namespace talvek::test;
 using Clock = std::chrono::steady_clock;
 using Words = std::vector<std::string>;
 
+constexpr double kLongestPeriod = 60;  // seconds of a sample
 constexpr size_t kAtOnce = 4;
 constexpr int kWarmUp = 500;  // calls before the first sample
 constexpr unsigned kCallsPerKill = 50;
@@ -94,7 +96,7 @@ class Soak {
         : end_(Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                   std::chrono::duration<double>(minutes * 60))),
           // A short run has eight samples too.
-          period_(std::min(60.0, minutes * 60 / 8)),
+          period_(std::min(kLongestPeriod, minutes * 60 / 8)),
           commands_(commands) {
         environment_.resize(3);
         for (size_t i = 0; i < environment_.size(); ++i) {
@@ -307,7 +309,9 @@ void Soak::Compare() const {
             static_cast<double>(Percentile(pPart->ours, 0.999)), ours / shells, pPart->pss,
             pPart->dirty, pPart->descriptors);
     }
-    EXPECT_LE(relative[1], kSlower * relative[0]) << "99th percentile of a call";
+    if (period_ >= kLongestPeriod) {
+        EXPECT_LE(relative[1], kSlower * relative[0]) << "99th percentile of a call";
+    }
 }
 
 bool Soak::Run() {
