@@ -42,14 +42,7 @@ TEST_F(Cancellation, WaitsUntilTheClientReturns) {
     const TempDir dir;
     const std::string path = dir / "socket";
     const int listener = ListenAt(path);
-    std::thread daemon{[listener] {
-        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        TakePkg(fd);
-        Put(fd, RegisterPkg());
-        TakePkg(fd);
-        Put(fd, ResultPkg(7));
-        close(fd);
-    }};
+    std::thread daemon{AnswerOneClient, listener, 7};
     EXPECT_TRUE(OutlastsCancellation([&] { EXPECT_EQ(7, TALVEK_Client(path.c_str(), "true")); }));
     daemon.join();
     close(listener);

@@ -56,14 +56,7 @@ TEST(Stack, OfTheClientIsNoMoreThanPromised) {
     const TempDir dir;
     const std::string path = dir / "socket";
     const int listener = ListenAt(path);
-    std::thread daemon{[listener] {
-        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        TakePkg(fd);
-        Put(fd, RegisterPkg());
-        TakePkg(fd);
-        Put(fd, ResultPkg(7));
-        close(fd);
-    }};
+    std::thread daemon{AnswerOneClient, listener, 7};
     const std::string command(TALVEK_COMMAND_MAX, 'x');
     EXPECT_LE(QuietUse([&] { EXPECT_EQ(7, TALVEK_Client(path.c_str(), command.c_str())); }),
               kPromise);

@@ -167,4 +167,13 @@ int ListenAt(const std::string &path) {
     return fd;
 }
 
+void AnswerOneClient(int listener, int32_t status) {
+    const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    TakePkg(fd);
+    Put(fd, RegisterPkg());
+    TakePkg(fd);
+    Put(fd, ResultPkg(status));
+    close(fd);
+}
+
 }  // namespace talvek::test

@@ -58,6 +58,9 @@ int ConnectTo(const std::string &path);
 // A listening socket at `path`.
 int ListenAt(const std::string &path);
 
+// A daemon's part of one exchange: accepts a client and answers its command with a status.
+void AnswerOneClient(int listener, int32_t status);
+
 }  // namespace talvek::test
 
 #endif
