@@ -25,7 +25,7 @@ const char *ServerOfLine(char *pLine) {
         return nullptr;
     }
     char *pRest = nullptr;
-    strtok_r(pLine, kDelimiters, &pRest);
+    strtok_r(pLine, kDelimiters, &pRest);  // the keyword is there
     return strtok_r(nullptr, kDelimiters, &pRest);
 }
 
