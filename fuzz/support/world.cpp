@@ -220,11 +220,12 @@ CAUGHT(struct dirent *, CALL_READDIR, (DIR * stream)) {
     return &g_listing.entry;
 }
 
-// The arguments are lists in brackets. NOLINTNEXTLINE(bugprone-macro-parentheses)
+// The arguments are lists in brackets. NOLINTBEGIN(bugprone-macro-parentheses)
 #define HARMLESS(name, parameters, arguments)                         \
     CAUGHT(int, name, parameters) {                                   \
         return g_world == nullptr ? REAL(name) arguments : Pretend(); \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 HARMLESS(mkdir, (const char *pPath, mode_t mode), (pPath, mode))
 HARMLESS(mknod, (const char *pPath, mode_t mode, dev_t dev), (pPath, mode, dev))

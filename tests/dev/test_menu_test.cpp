@@ -735,7 +735,7 @@ TEST(DevMenu, EndsAtTheEndOfInputOfATerminal) {
 
 // Without SIGHUP the program ends at the end of input.
 TEST(DevMenu, EndsWithItsTerminal) {
-    Terminal plain;
+    Terminal plain{[] { signal(SIGHUP, SIG_DFL); }};  // nohup gives the tests SIG_IGN
     plain.Until("Item : ");
     plain.HangUp();
     const int status = plain.Wait();
