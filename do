@@ -399,8 +399,10 @@ torture)
     ;;
 fuzz)
     need "build fuzz"
-    configure fuzz
-    compile fuzz
+    for preset in fuzz $([ "${2-}" != long ] || echo fuzz-long); do
+        configure $preset
+        compile $preset
+    done
     shift
     fuzz/run "$@"
     ;;

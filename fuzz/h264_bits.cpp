@@ -1,5 +1,5 @@
-// The bit reader: a program of reads, and a scaling list. 1 byte: steps; for each step 1 byte; then
-// the bytes that are read, exactly as many as there are.
+// The bit reader: a program of reads, and a scaling list. 1 byte: steps, modulo 64; for each step
+// 1 byte; then the bytes that are read, exactly as many as there are.
 
 #include <vector>
 
@@ -55,7 +55,7 @@ class PlainReader {
 }  // namespace
 
 FUZZ_TARGET(h264_bits) {
-    const talvek::fuzz::Bytes steps = in.Take(in.U8());
+    const talvek::fuzz::Bytes steps = in.Take(in.U8() % 64);
     const talvek::fuzz::Block bytes{in.Rest()};
     tH264BitReader reader;
     COM_H264InitBitReader(&reader, bytes.data(), bytes.size());

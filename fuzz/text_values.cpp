@@ -50,7 +50,13 @@ void Replace(const Text &text, const Text &key) {
         return;  // the call would not end
     }
     char *replaced = COM_ReplaceStr(strdup(text.get()), key.get(), kNew);
-    REQUIRE(key.length() == 0 || strstr(replaced, key.get()) == nullptr);
+    std::string expected = text.str();
+    size_t at = key.length() == 0 ? std::string::npos : expected.find(key.get());
+    while (at != std::string::npos) {
+        expected.replace(at, key.length(), kNew);
+        at = expected.find(key.get(), at);
+    }
+    REQUIRE(expected == replaced);
     free(replaced);
 }
 
