@@ -158,6 +158,8 @@ TEST(Heap, ResizeKeepsTheContent) {
     EXPECT_EQ(block, Resize(block, 3)) << "a smaller one stays where it is";
     auto *larger = static_cast<char *>(Resize(block, 5000));
     EXPECT_STREQ("123456789", larger);
+    Blocks blocks;
+    EXPECT_EQ(block, blocks.Take(10)) << "the smaller one is free again";
     errno = 0;
     EXPECT_EQ(nullptr, Resize(larger, SIZE_MAX));
     EXPECT_EQ(ENOMEM, errno);
