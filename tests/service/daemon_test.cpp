@@ -163,9 +163,9 @@ size_t CountIn(const std::string &text, const std::string &part) {
     return count;
 }
 
-// A command that waits for a file, at most 10 seconds.
+// A command that waits for a file, longer than a test waits for anything.
 std::string Until(const std::string &path) {
-    return "for i in $(seq 1000); do test -e " + path + " && break; sleep 0.01; done; ";
+    return "for i in $(seq 10000); do test -e " + path + " && break; sleep 0.01; done; ";
 }
 
 // Runs a command, which may be longer than the program's limit, and returns its status.
@@ -492,7 +492,7 @@ TEST(DaemonTest, AClientWhoseHandlerIsKilledEndsWithOne) {
     options.prepare = [&] { static_cast<void>(chdir(dir.path().c_str())); };
     const Daemon daemon{options};
     const pid_t client = StartProgram(
-        {"-C", "-s", daemon.socket(), "-f", "echo $PPID $$ >x; mv x mark; exec sleep 20"},
+        {"-C", "-s", daemon.socket(), "-f", "echo $PPID $$ >x; mv x mark; exec sleep 1000"},
         STDOUT_FILENO);
     ASSERT_TRUE(Eventually([&] { return Exists(dir / "mark"); }));
     std::istringstream mark{ReadFile(dir / "mark")};

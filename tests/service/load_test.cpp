@@ -128,8 +128,7 @@ struct Called {
 }
 
 // Daemons that end and start while clients call. A call has its status, or it has failed and its
-// command has not been run: a client that the daemon has accepted is served, also when the daemon
-// ends meanwhile.
+// command has not been run.
 TEST(Load, RestartsWhileClientsCall) {
     const TempDir dir;
     const std::string list = dir / "list";

@@ -134,6 +134,7 @@ class Soak {
     std::mt19937 random_{7};
     std::vector<Words> environment_;
     Daemon daemon_;
+    const int descriptors_ = daemon_.Descriptors();  // without a client
     std::map<pid_t, Call> running_;
     std::vector<Sample> samples_;
     Sample now_;
@@ -251,6 +252,9 @@ void Soak::Drain() {
     }
     EXPECT_TRUE(Eventually([this] { return daemon_.Children().empty(); }))
         << daemon_.Children().size() << " children or zombies";
+    // The daemon closes its end of a connection after it has started the handler.
+    EXPECT_TRUE(Eventually([this] { return daemon_.Descriptors() == descriptors_; }))
+        << daemon_.Descriptors() << " descriptors";
 }
 
 void Soak::TakeSample() {

@@ -73,7 +73,8 @@ class Torture : public ::testing::Test {
         // Half a second is the window in which the work is measured.
         const long before = TicksOf(daemon_.pid());
         usleep(500 * 1000);
-        EXPECT_EQ(before, TicksOf(daemon_.pid())) << "works without a client";
+        // One wake-up may end a tick that began earlier; a loop uses fifty.
+        EXPECT_GE(before + 1, TicksOf(daemon_.pid())) << "works without a client";
     }
 
     // A good client is served.
