@@ -50,6 +50,7 @@ constexpr int kRunSeconds = 20;
 constexpr int kMostFaults = 3;   // in one run
 constexpr uint32_t kAWhile = 5;  // calls, where a failure for ever is not plausible
 constexpr int kMostReports = 200;
+constexpr int kFinished = 42;  // exit status of a run that came to its end
 
 // What all workers share.
 struct Totals {
@@ -126,8 +127,8 @@ Holdings Look() {
         }
     }
     sigprocmask(SIG_BLOCK, nullptr, &now.mask);
-    for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGHUP}) {
-        struct sigaction action;
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction action = {};
         sigaction(signal, nullptr, &action);
         now.actions[signal] = action.sa_handler;
     }
@@ -148,9 +149,9 @@ void CheckNothingLeft(const Scenario &scenario, const Holdings &before) {
         waitpid(peer, nullptr, 0);
     }
     // A child that has lost its parent ends soon; one that runs on is found by the time of a run.
-    int status;
     pid_t child;
-    while ((child = waitpid(-1, &status, 0)) > 0) {
+    while ((child = waitpid(-1, nullptr, 0)) > 0) {
+        CHECK(g_children.count(child) == 0 || FailsIn({"waitpid", "waitid"}));
     }
     const Holdings now = Look();
     CHECK(now.fds == before.fds);
@@ -201,7 +202,7 @@ void CheckNothingLeft(const Scenario &scenario, const Holdings &before) {
     }
     CheckNothingLeft(scenario, before);
     fflush(stdout);
-    _exit(0);
+    _exit(kFinished);
 }
 
 void Report(const Scenario &scenario, const std::vector<Fault> &plan, const std::string &verdict) {
@@ -251,7 +252,7 @@ bool RunOnce(const Scenario &scenario, const std::vector<Fault> &plan) {
         verdict = "it hangs";
     } else if (WIFSIGNALED(status)) {
         verdict = std::string{"ended by "} + strsignal(WTERMSIG(status));
-    } else if (WEXITSTATUS(status) != 0) {
+    } else if (WEXITSTATUS(status) != kFinished) {
         verdict = "the process ended";
     }
     for (size_t i = 0; i < g_sites.size(); ++i) {
@@ -420,11 +421,6 @@ int Main(const char *pPattern) {
     if (getuid() != 0) {
         fputs("needs root: the scenarios have mounts and sockets of their own\n", stderr);
         return 1;
-    }
-    // A command takes over what the caller ignores, and a shell starts what runs in its background
-    // with SIGINT ignored.
-    for (int sig = 1; sig < NSIG; ++sig) {
-        signal(sig, SIG_DFL);
     }
     g_sites = FindSites(fs::read_symlink("/proc/self/exe").c_str());
     g_totals = Shared<Totals>();

@@ -156,7 +156,7 @@ void CheckDaemon(long result) {
     CHECK(result != 2 || !Passes());
 }
 
-void EndDaemons(long /*result*/) {
+void EndDaemons() {
     pid_t child;
     std::ifstream children{"/proc/thread-self/children"};
     while (children >> child) {
@@ -271,11 +271,16 @@ std::vector<Scenario> ServiceScenarios() {
              const long result = RunMain({"talvek", "-D", "-s", kSocket});
              const bool served = IsServed(0);
              CHECK(served || !Undisturbed());
-             EndDaemons(0);
+             EndDaemons();
              return result;
          },
          {0},
-         nullptr,
+         // The program leaves its child to itself, and SIGCHLD ignored.
+         [](long /*result*/) {
+             while (waitpid(-1, nullptr, 0) > 0) {
+             }
+             signal(SIGCHLD, SIG_DFL);
+         },
          {kSocket}},
         {"program, no mode",
          nullptr,

@@ -35,6 +35,7 @@ namespace talvek::faults {
 
 Run *g_run = nullptr;
 std::atomic<long> g_blocks = 0;
+std::set<pid_t> g_children;
 std::vector<Site> g_sites;
 
 namespace {
@@ -252,6 +253,19 @@ WRAPPER(int, fprintf, (FILE * stream, const char *format, ...)) {
     const int length = vfprintf(stream, format, args);
     va_end(args);
     return length;
+}
+
+static pid_t CountedChild(pid_t child) {
+    if (child > 0) {
+        g_children.insert(child);
+    }
+    return child;
+}
+WRAPPER(pid_t, fork, (void)) {
+    return FAILS(fork) != 0 ? -1 : CountedChild(fork());
+}
+WRAPPER(int, clone, (int (*run)(void *), void *stack, int flags, void *arg)) {
+    return FAILS(clone) != 0 ? -1 : CountedChild(clone(run, stack, flags, arg));
 }
 
 // ECHILD comes when the child was collected elsewhere.

@@ -3,7 +3,10 @@
 
 #include <stdint.h>
 
+#include <sys/types.h>
+
 #include <atomic>
+#include <set>
 #include <vector>
 
 // The calls that the library makes of the C library, each of which asks here whether it fails.
@@ -40,6 +43,9 @@ constexpr uintptr_t kThroughPointer = UINTPTR_MAX;
 
 // What the library holds in this process.
 extern std::atomic<long> g_blocks;
+
+// The processes that the library started in this one.
+extern std::set<pid_t> g_children;
 
 struct Site {
     uintptr_t returns;  // address after the call, or kThroughPointer
