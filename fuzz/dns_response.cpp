@@ -17,7 +17,7 @@ using talvek::fuzz::Out;
 constexpr uint8_t kFill = 0xA5;
 
 // What a parser may have stored.
-void CheckEntries(const Out &out, int result, int type, const char *) {
+void CheckEntries(const Out &out, int result, int type) {
     if (result != DNS_OK) {
         REQUIRE(result == DNS_NO_ANSWER && out.Untouched());
         return;
@@ -42,13 +42,13 @@ void ParseAll(const Block &message) {
         Out out{sizeof(tDnsAddrEntry) * DNS_MAX_ENTRIES};
         const int result =
             DNS_ParserA(message.data(), length, reinterpret_cast<tDnsAddrEntry *>(out.bytes()));
-        CheckEntries(out, result, DNS_TYPE_A, "A");
+        CheckEntries(out, result, DNS_TYPE_A);
     }
     {
         Out out{sizeof(tDnsAddrEntry) * DNS_MAX_ENTRIES};
         const int result =
             DNS_ParserMX(message.data(), length, reinterpret_cast<tDnsAddrEntry *>(out.bytes()));
-        CheckEntries(out, result, DNS_TYPE_MX, "MX");
+        CheckEntries(out, result, DNS_TYPE_MX);
     }
     const int answers = DNS_CheckMXAnswer(message.data(), length, 30);
     REQUIRE(answers == (length > 7 && message.data()[7] != 0 ? DNS_OK : DNS_NO_ANSWER));

@@ -5,6 +5,7 @@
 //   piece    the bytes received
 
 #include <string.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 
@@ -38,8 +39,9 @@ void MendHeader(std::vector<uint8_t> &piece, uint8_t how) {
 }
 
 // Replies are whole packages with a good header. Of a register package that announces less than a
-// header, so much is echoed.
-size_t CheckReplies(const std::vector<std::vector<uint8_t>> &replies) {
+// header, so much is echoed. A result is what the wait status of the command says.
+size_t CheckReplies(const std::vector<std::vector<uint8_t>> &replies, int waitStatus) {
+    const int32_t status = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1;
     size_t results = 0;
     for (const std::vector<uint8_t> &reply : replies) {
         tTalvekPkg header;
@@ -50,8 +52,11 @@ size_t CheckReplies(const std::vector<std::vector<uint8_t>> &replies) {
         const int type = TALVEK_CheckPkgHeader(&header, sizeof header);
         REQUIRE(type == TALVEK_PKG_REGISTER || type == TALVEK_PKG_RESULT);
         REQUIRE(header.sz == reply.size());
-        REQUIRE(type != TALVEK_PKG_RESULT || reply.size() == sizeof header + 4);
-        results += type == TALVEK_PKG_RESULT ? 1 : 0;
+        if (type == TALVEK_PKG_RESULT) {
+            REQUIRE(reply.size() == sizeof header + sizeof status);
+            REQUIRE(memcmp(reply.data() + sizeof header, &status, sizeof status) == 0);
+            ++results;
+        }
     }
     return results;
 }
@@ -78,7 +83,7 @@ FUZZ_TARGET(handler_session) {
     const int result = TALVEK_DaemonHandler(&connection);
     REQUIRE(result == 0 || result == -1 || result == TALVEK_NO_REPLY);
     REQUIRE(connection.fd == -1);
-    REQUIRE(CheckReplies(client.Received()) == world.commands.size());
+    REQUIRE(CheckReplies(client.Received(), world.commandStatus) == world.commands.size());
     for (const std::string &command : world.commands) {
         REQUIRE(command.size() <= TALVEK_PKG_MAX - sizeof(tTalvekPkg));
     }

@@ -1,6 +1,7 @@
 // Unmounting an NFS export: a piece with /proc/mounts, then pieces with what the portmapper and the
-// mount daemon send. The identifier of the last call replaces the first four bytes of a piece whose
-// first byte is even, or those after the record mark when it is a multiple of 4.
+// mount daemon send. A piece whose first byte is even gets the identifier of the last call: at its
+// start, or over a stream after the record mark. The mark gets the length of the piece when that
+// byte is a multiple of 4.
 
 #include <string.h>
 

@@ -23,6 +23,7 @@ class Replay : public testing::Test {
 
     void TestBody() override {
         std::ifstream file{path_, std::ios::binary};
+        ASSERT_TRUE(file.is_open()) << path_;
         const std::string content{std::istreambuf_iterator<char>{file}, {}};
         ASSERT_FALSE(file.bad()) << path_;
         // A finding ends the program; the name of the case is the last line of its output then.

@@ -1,5 +1,6 @@
 // A settings document: a line with the setting's name, then the document.
 
+#include <stddef.h>
 #include <string.h>
 
 #include <algorithm>
@@ -11,7 +12,8 @@
 FUZZ_TARGET(settings_document) {
     const talvek::fuzz::Bytes name = in.Line();
     const talvek::fuzz::Text document{in.Rest()};
-    talvek::fuzz::Out out{sizeof(tXmlDataItem), 0};
+    talvek::fuzz::Out out{sizeof(tXmlDataItem)};
+    memset(out.bytes(), 0, offsetof(tXmlDataItem, text) + 1);  // the text is empty
     auto *item = reinterpret_cast<tXmlDataItem *>(out.bytes());
     std::copy_n(name.begin(), std::min(name.size(), sizeof item->name), item->name);
     char before[sizeof item->name];

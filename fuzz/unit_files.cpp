@@ -31,7 +31,8 @@ FUZZ_TARGET(unit_files) {
     talvek::fuzz::Input answers{content};
     const talvek::fuzz::Drive kernel{answers};
     {
-        talvek::fuzz::Out out{static_cast<size_t>(size < 8 ? 8 : size), 0};
+        talvek::fuzz::Out out{static_cast<size_t>(size < 8 ? 8 : size)};
+        out.text()[0] = '\0';
         const int result = COM_GetFileContent("/etc/Model", out.text(), size);
         REQUIRE(result == 0 || result == -1);
         REQUIRE(out.IsText());

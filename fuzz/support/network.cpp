@@ -116,10 +116,10 @@ CAUGHT(int, socket, (int domain, int type, int protocol)) {
 }
 
 CAUGHT(int, connect, (int fd, const struct sockaddr *pTo, socklen_t size)) {
-    int domain = AF_UNIX;
-    socklen_t domainSize = sizeof domain;
-    if (g_internet == nullptr && getsockopt(fd, SOL_SOCKET, SO_TYPE, &domain, &domainSize) == 0 &&
-        domain == SOCK_SEQPACKET) {
+    int type = 0;
+    socklen_t typeSize = sizeof type;
+    if (g_internet == nullptr && getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &typeSize) == 0 &&
+        type == SOCK_SEQPACKET) {
         return 0;  // an offered connection
     }
     return g_internet != nullptr ? 0 : REAL(connect)(fd, pTo, size);
