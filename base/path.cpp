@@ -25,6 +25,14 @@ FILE *OpenStream(const char *pPath, const char *pMode) {
     return ::fopen(pPath, mode);
 }
 
+FILE *StreamOn(UniqueFd &fd, const char *pMode) {
+    FILE *stream = fd ? ::fdopen(fd.get(), pMode) : nullptr;
+    if (stream != nullptr) {
+        static_cast<void>(fd.Release());
+    }
+    return stream;
+}
+
 int StatPath(const char *pPath, struct stat *pStat) {
     if (pPath == nullptr) {
         errno = EFAULT;

@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include "base/unique_fd.h"
+
 namespace talvek {
 
 // open, fopen and stat for a path that may be NULL, which fails with EFAULT. The C library's own
@@ -13,6 +15,10 @@ namespace talvek {
 int OpenPath(const char *pPath, int flags, mode_t mode = 0);
 FILE *OpenStream(const char *pPath, const char *pMode);
 int StatPath(const char *pPath, struct stat *pStat);
+
+// A stream on an open descriptor, which it then owns. NULL with errno unchanged when `fd` is empty;
+// NULL on failure, and `fd` then keeps its descriptor.
+FILE *StreamOn(UniqueFd &fd, const char *pMode);
 
 // How a path or name that may be NULL appears in a message.
 inline const char *Shown(const char *pPath) {

@@ -18,6 +18,7 @@
 
 #include "base/cancel_guard.h"
 #include "base/characters.h"
+#include "base/file_limit_guard.h"
 #include "base/heap_buf.h"
 #include "base/path.h"
 #include "base/scope_exit.h"
@@ -383,8 +384,8 @@ bool LineEditor::Open() {
         copyName_[0] = '\0';
         return false;
     }
-    made.Reset();
-    copy_.Reset(talvek::OpenStream(copyName_, "w+"));
+    // Opened by its name, it could be another file: /var may be writable by others.
+    copy_.Reset(talvek::StreamOn(made, "w+"));
     if (!copy_) {
         LOG_ERRNO_AS(kFunction, "fopen(%s) failed : %s\n", copyName_);
         return false;
@@ -691,6 +692,8 @@ int COM_ReplaceItemsInFile(const char *pFileName, tFileItemRequest *pRequest) {
         (pRequest->pItems == nullptr && pRequest->count > 0)) {
         return -1;
     }
+    // The editor's streams write once more when they are closed.
+    const talvek::FileLimitGuard limit;
     return LineEditor{pFileName, *pRequest}.Run();
 }
 

@@ -13,6 +13,7 @@
 
 #include "base/cancel_guard.h"
 #include "base/characters.h"
+#include "base/file_limit_guard.h"
 #include "base/path.h"
 #include "base/unique_dir.h"
 #include "base/unique_stream.h"
@@ -59,7 +60,8 @@ int COM_SavePid(const char *pFileName) {
     if (pFileName == nullptr) {
         return -1;
     }
-    talvek::UniqueFile stream{talvek::OpenStream(pFileName, "w")};
+    const talvek::FileLimitGuard limit;
+    const talvek::UniqueFile stream{talvek::OpenStream(pFileName, "w")};
     if (!stream) {
         LOG_ERRNO("open(%s) error : %s\n", pFileName);
         return -1;

@@ -3,6 +3,7 @@
 #include "common/thread.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -11,9 +12,11 @@
 #include <unistd.h>
 
 #include "base/cancel_guard.h"
+#include "base/file_limit_guard.h"
 #include "base/heap_buf.h"
 #include "base/mutex_lock.h"
 #include "base/path.h"
+#include "base/unique_fd.h"
 #include "base/unique_stream.h"
 #include "common/command.h"
 #include "common/file.h"
@@ -85,7 +88,11 @@ void WritePidFile(const char *pName) {
     if (path.Resize(size)) {
         snprintf(path.get(), size, "%s/%s.thread.pid", kPidDir, pName);
     }
-    const talvek::UniqueFile file{path ? talvek::OpenStream(path.get(), "w") : nullptr};
+    // A link in the file's place is not followed, and a FIFO without a reader does not block.
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK;
+    talvek::UniqueFd fd{path ? talvek::OpenPath(path.get(), kFlags, 0666) : -1};
+    const talvek::FileLimitGuard limit;
+    const talvek::UniqueFile file{talvek::StreamOn(fd, "w")};
     if (!file) {
         LOG_ERRNO_AS(kFunction, "fopen(%s) error : %s\n", path ? path.get() : pName);
         return;

@@ -20,6 +20,7 @@ using talvek::OpenPath;
 using talvek::OpenStream;
 using talvek::Shown;
 using talvek::StatPath;
+using talvek::StreamOn;
 using talvek::UniqueFd;
 using talvek::UniqueFile;
 using namespace talvek::test;
@@ -62,6 +63,24 @@ TEST(Path, StreamIsClosedWithItsData) {
         fputs("data", stream.get());
     }
     EXPECT_EQ("data", ReadFile(path));
+}
+
+TEST(Path, StreamTakesOverADescriptor) {
+    const TempDir dir;
+    UniqueFd fd{OpenPath((dir / "file").c_str(), O_WRONLY | O_CREAT, 0600)};
+    const int number = fd.get();
+    UniqueFile stream{StreamOn(fd, "w")};
+    ASSERT_TRUE(stream);
+    EXPECT_FALSE(fd) << "it has one owner";
+    EXPECT_EQ(number, fileno(stream.get()));
+    EXPECT_EQ(FD_CLOEXEC, fcntl(number, F_GETFD));
+    EXPECT_EQ(0, stream.Close());
+    errno = ELOOP;
+    EXPECT_EQ(nullptr, StreamOn(fd, "w"));
+    EXPECT_EQ(ELOOP, errno) << "why there is no descriptor";
+    fd.Reset(OpenPath((dir / "file").c_str(), O_RDONLY));
+    EXPECT_EQ(nullptr, StreamOn(fd, "no mode"));
+    EXPECT_TRUE(fd) << "the caller still owns it";
 }
 
 TEST(IsSameFile, ComparesTheFilesAndNotTheirNames) {

@@ -247,8 +247,8 @@ TEST(ReplaceItemsInFileFault, NamesTheCallThatFailed) {
         const std::string entry = "COMMON:COM_ReplaceItemsInFile(): ";
         EXPECT_EQ(Lines{entry + "mkstemp() failed : Input/output error"}, log("mkostemp", 0));
         EXPECT_EQ(Lines{entry + "fopen(/var/COM_XXXXXX) failed : Input/output error"},
-                  log("fopen", 0));
-        EXPECT_EQ(Lines{entry + "fopen(/var/file) failed : Input/output error"}, log("fopen", 1));
+                  log("fdopen", 0));
+        EXPECT_EQ(Lines{entry + "fopen(/var/file) failed : Input/output error"}, log("fopen", 0));
         EXPECT_EQ(Lines{entry + "fprintf() fail : /var/COM_XXXXXX : Input/output error"},
                   log("fputs", 0));
         EXPECT_EQ(Lines{entry + "fprintf() fail : /var/COM_XXXXXX : Input/output error"},

@@ -23,6 +23,7 @@
 #include "base/unique_fd.h"
 #include "support/canary.h"
 #include "support/capture.h"
+#include "support/file_size_limit.h"
 #include "support/private_world.h"
 #include "support/scripted_writes.h"
 #include "support/temp_dir.h"
@@ -1198,6 +1199,20 @@ TEST_F(ReplaceItemsInFile, EmptiesTheFileWhenTheResultDoesNotFit) {
         EXPECT_EQ("", ReadFile(file)) << "never half edited";
         EXPECT_TRUE(fs::exists(file));
     });
+}
+
+// A limit below the buffer of a stream is met when the copy is flushed, and again when it is closed.
+TEST_F(ReplaceItemsInFile, ReportsAFileSizeLimitAsAFailedEdit) {
+    std::string text;
+    while (text.size() < 10240) {
+        text += "line of a long file\n";
+    }
+    for (const off_t limit : {5, 8192}) {
+        Run(text, [limit] {
+            EXPECT_TRUE(UnderFileSizeLimit(limit, [] { return Edit({Item("a=", "a=2")}) == -1; }));
+            EXPECT_EQ(0U, fs::file_size(kFile));
+        });
+    }
 }
 
 // ---- COM_ReallocAndCopyBuf ----

@@ -16,6 +16,7 @@
 
 #include "support/capture.h"
 #include "support/child_process.h"
+#include "support/file_size_limit.h"
 #include "support/interruptions.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
@@ -43,6 +44,12 @@ TEST(SavePid, ReportsAFileThatCannotBeWritten) {
                   EXPECT_EQ(-1, COM_SavePid("/dev/full"));
                   EXPECT_EQ(-1, COM_SavePid(nullptr));
               }));
+}
+
+TEST(SavePid, OutlastsAFileSizeLimit) {
+    const TempDir dir;
+    EXPECT_TRUE(UnderFileSizeLimit(0, [&] { return COM_SavePid((dir / "pid").c_str()) == -1; }));
+    EXPECT_EQ("", ReadFile(dir / "pid"));
 }
 
 // ---- COM_KillDhcpProc ----

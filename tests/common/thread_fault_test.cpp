@@ -50,8 +50,14 @@ TEST(ThreadFault, LogsAPidFileThatCannotBeWritten) {
         EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : Too many "
                          "open files"}),
                   CaptureLog([] {
-                      const Fault fault{"fopen", 0, EMFILE};
+                      const Fault fault{"open", 0, EMFILE};
                       EXPECT_EQ(2, COM_LogThread("one"));
+                  }));
+        EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : Cannot "
+                         "allocate memory"}),
+                  CaptureLog([] {
+                      const Fault fault{"fdopen", 0, ENOMEM};
+                      EXPECT_EQ(3, COM_LogThread("one"));
                   }));
     });
 }

@@ -32,6 +32,7 @@
 #include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/emulator.h"
+#include "support/file_size_limit.h"
 #include "support/private_world.h"
 
 namespace {
@@ -153,6 +154,42 @@ TEST(LogThread, RegistersWithoutADirectoryForThePidFile) {
         EXPECT_EQ((Lines{"COMMON:COM_Mkdir(): mkdir(/var/run) error : Read-only file system",
                          "COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : No such "
                          "file or directory"}),
+                  CaptureLog([] { EXPECT_EQ(1, COM_LogThread("one")); }));
+    });
+}
+
+TEST(LogThread, OutlastsAFileSizeLimit) {
+    InEmptyRegistry([] {
+        EXPECT_TRUE(UnderFileSizeLimit(0, [] { return COM_LogThread("one") == 1; }));
+        EXPECT_EQ("", ReadFile("/var/run/one.thread.pid"));
+    });
+}
+
+TEST(LogThread, WritesNothingThroughALink) {
+    InEmptyRegistry([] {
+        WriteFile("/var/run/other", "text");
+        ASSERT_EQ(0, symlink("/var/run/other", "/var/run/one.thread.pid"));
+        ASSERT_EQ(0, symlink("/var/run/new", "/var/run/two.thread.pid"));
+        EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : Too many "
+                         "levels of symbolic links",
+                         "COMMON:COM_LogThread(): fopen(/var/run/two.thread.pid) error : Too many "
+                         "levels of symbolic links"}),
+                  CaptureLog([] {
+                      EXPECT_EQ(1, COM_LogThread("one"));
+                      EXPECT_EQ(2, COM_LogThread("two"));
+                  }));
+        EXPECT_EQ("text", ReadFile("/var/run/other"));
+        EXPECT_EQ(-1, access("/var/run/new", F_OK));
+    });
+}
+
+TEST(LogThread, DoesNotWaitForTheReaderOfAFifo) {
+    InEmptyRegistry([] {
+        alarm(60);  // a wait for the reader would have no end
+        ASSERT_EQ(0, mkdir("/var/run", 0755));
+        ASSERT_EQ(0, mkfifo("/var/run/one.thread.pid", 0600));
+        EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : No such "
+                         "device or address"}),
                   CaptureLog([] { EXPECT_EQ(1, COM_LogThread("one")); }));
     });
 }
