@@ -2,6 +2,7 @@
 
 #include "dev/optical_capacity.h"
 
+#include <errno.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
@@ -23,6 +24,20 @@ struct Measurement {
     const char *function;
     const char *dir;
 };
+
+// Makes the directory. A link in its place would let whoever writes in /var choose what is unmounted
+// and mounted over.
+bool MakeMountDir(const char *pDir) {
+    struct stat st;
+    if (COM_Mkdir(pDir, kDirMode) != 0) {
+        return false;
+    }
+    if (lstat(pDir, &st) == 0 && S_ISLNK(st.st_mode)) {
+        errno = ENOTDIR;
+        return false;
+    }
+    return true;
+}
 
 bool MeasureMounted(const Measurement &what, tDevInfo &dev) {
     struct statfs fs = {};
@@ -58,7 +73,7 @@ int Measure(const Measurement &what, tDevInfo *pDev) {
         LOG_AS(what.function, "Get Null ptr\n");
         return DEV_QUERY_FAILED;
     }
-    if (COM_Mkdir(what.dir, kDirMode) != 0) {
+    if (!MakeMountDir(what.dir)) {
         LOG_ERRNO_AS(what.function, "COM_Mkdir(%s) error : %s\n", what.dir);
         return DEV_QUERY_FAILED;
     }

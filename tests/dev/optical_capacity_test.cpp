@@ -118,6 +118,19 @@ TEST(RewritableCapacity, FailsWhenTheDirectoryIsAFile) {
     });
 }
 
+TEST(RewritableCapacity, RefusesALinkToADirectory) {
+    RunInPrivateWorld(kMounts, [] {
+        MountTmpfs("/var");
+        ASSERT_EQ(0, mkdir("/var/other", 0755));
+        MountTmpfs("/var/other");
+        for (const Measure &item : kMeasures) {
+            ASSERT_EQ(0, symlink("/var/other", item.dir));
+            ExpectNoDirectory(item, "Not a directory");
+        }
+        EXPECT_TRUE(IsMounted("/var/other")) << "nothing is unmounted through the link";
+    });
+}
+
 TEST(RewritableCapacity, FailsWhenTheDiscCannotBeMounted) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
