@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 
 #include "common/unit_info.h"
@@ -15,9 +16,10 @@ using talvek::fuzz::Out;
 using talvek::fuzz::Text;
 
 // RFC 4648, section 4.
+constexpr const char *kAlphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
 std::string Encode(Bytes bytes) {
-    constexpr const char *kAlphabet =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string text;
     for (size_t i = 0; i < bytes.size(); i += 3) {
         const size_t count = std::min<size_t>(3, bytes.size() - i);
@@ -32,6 +34,24 @@ std::string Encode(Bytes bytes) {
     return text;
 }
 
+// The bytes of a text up to its first "=", without the characters that are not in the alphabet.
+std::string Decode(const std::string &text) {
+    std::string bytes;
+    uint32_t group = 0;
+    int bits = 0;
+    for (const char c : text.substr(0, text.find('='))) {
+        if (const char *pAt = strchr(kAlphabet, c); pAt != nullptr) {
+            group = group << 6 | static_cast<uint32_t>(pAt - kAlphabet);
+            bits += 6;
+            if (bits >= 8) {
+                bits -= 8;
+                bytes += static_cast<char>(group >> bits & 0xFF);
+            }
+        }
+    }
+    return bytes;
+}
+
 }  // namespace
 
 FUZZ_TARGET(base64) {
@@ -39,7 +59,9 @@ FUZZ_TARGET(base64) {
     const Text text{bytes};
     Out out{text.length() * 3 / 4};
     const int count = COM_Base64Decode(out.bytes(), text.get());
-    REQUIRE(count >= 0 && static_cast<size_t>(count) <= out.size());
+    const std::string expected = Decode(text.str());
+    REQUIRE(count == static_cast<int>(expected.size()));
+    REQUIRE(memcmp(expected.data(), out.bytes(), expected.size()) == 0);
     REQUIRE(out.Untouched(0xA5, static_cast<size_t>(count)));
 
     // In place.

@@ -155,7 +155,9 @@ TEST_F(Torture, PeersThatNeverRead) {
         // Until neither end takes any more, which the handler's sleep shows.
         EXPECT_TRUE(Eventually([&] {
             const ssize_t count = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-            return count < 0 && errno == EAGAIN && InState(daemon_.Children().back(), 'S');
+            const bool full = count < 0 && errno == EAGAIN;
+            const std::vector<pid_t> handlers = daemon_.Children();
+            return full && handlers.size() == deaf.size() + 1 && StateOf(handlers.back()) == 'S';
         }));
         deaf.push_back(fd);
     }
