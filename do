@@ -21,7 +21,7 @@ usage() {
                upgrade on a Debian of their own (packaging/test/run)
 ./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
 ./do faults    every call of the C library fails in turn: all scenarios, or those that match
-./do mutants   [count] [files]: changes of the source that the tests notice (docs/reliability.md)
+./do mutants   [count] [files] [sample]: changes of the source that the tests notice (docs/reliability.md)
 ./do coverage  lines and branches that the tests reach, and the aims (docs/reliability.md)
 ./do lint      format, static analysis, manual pages, spelling, phrases
 ./do analyse   more static analysis, of tests, benchmarks and fuzz targets too
