@@ -180,8 +180,8 @@ Bytes &SimulatedDrive::Data(uint8_t opcode, const std::map<size_t, uint8_t> &whe
 }
 
 void SimulatedDrive::Patch(uint8_t opcode, size_t at, const Bytes &bytes,
-                           std::map<size_t, uint8_t> where) {
-    Bytes &data = Data(opcode, std::move(where));
+                           const std::map<size_t, uint8_t> &where) {
+    Bytes &data = Data(opcode, where);
     ASSERT_LE(at + bytes.size(), data.size());
     std::copy(bytes.begin(), bytes.end(), data.begin() + static_cast<std::ptrdiff_t>(at));
 }

@@ -65,7 +65,8 @@ class SimulatedDrive {
     // have, so that two forms of one command can differ.
     void Reply(uint8_t opcode, Bytes data, std::map<size_t, uint8_t> where = {});
     // Changes bytes of a reply.
-    void Patch(uint8_t opcode, size_t at, const Bytes &bytes, std::map<size_t, uint8_t> where = {});
+    void Patch(uint8_t opcode, size_t at, const Bytes &bytes,
+               const std::map<size_t, uint8_t> &where = {});
     // The bytes of that reply.
     [[nodiscard]] Bytes &Data(uint8_t opcode, const std::map<size_t, uint8_t> &where = {});
     // The next request with this opcode gets this answer; each further call is for the one after
