@@ -14,6 +14,8 @@ namespace {
 
 using namespace talvek::test;
 
+constexpr const char *kStranger = "root:x:0:0::/:/bin/sh\nstranger:x:1002:1002::/:/bin/sh\n";
+
 // What is installed, in a root of BusyBox.
 class InitScript : public ::testing::Test {
   protected:
@@ -29,7 +31,8 @@ class InitScript : public ::testing::Test {
     }
 
     // What a script in the root prints, but for the process ids. `after` is a command of this
-    // machine, and `last` a second script in the root.
+    // machine, and `last` a second script in the root. The root is a mount, without which BusyBox
+    // makes no further mount namespace in it.
     [[nodiscard]] std::string Run(const std::string &script, const std::string &after = "",
                                   const std::string &last = "") const {
         const std::string begin = R"sh(set -eu
@@ -37,13 +40,15 @@ PATH=/bin:/usr/bin:/usr/local/bin
 init=/etc/init.d/talvek
 fail() { echo "failed: $*"; cat /var/log/talvek.log; exit 1; }
 status() { code=0; $init status || code=$?; echo "status $code"; }
+own_pid() { sed -n 's/.*on your own \[\(.*\)\]/\1/p' "$1"; }
 )sh";
         WriteFile(root_ + "/script", begin + script);
         WriteFile(root_ + "/last", begin + last);
         const std::string chroot = "chroot " + root_ + " /bin/sh ";
         return RunCommand("unshare -" + std::string{getuid() == 0 ? "" : "r"} +
-                          "mnpf sh -ec 'mount -t proc proc " + root_ + "/proc; " + chroot +
-                          "/script; " + after + (after.empty() ? ":" : "; ") +
+                          "mnpf sh -ec 'mount --rbind " + root_ + " " + root_ +
+                          "; mount -t proc proc " + root_ + "/proc; " + chroot + "/script; " +
+                          after + (after.empty() ? ":" : "; ") +
                           (last.empty() ? "" : chroot + "/last") + "' | sed '/^talvek runs: /d'");
     }
 
@@ -114,6 +119,100 @@ ask stranger
 [ ! -e /tmp/stranger ] || fail "a stranger called"
 echo "socket $(ls -l /var/run/TALVEK | awk '{ print $1, $3, $4 }')"
 echo "a file of a command $(ls -l /tmp/member | awk '{ print $1 }')"
+$init stop || fail stop
+)sh"));
+}
+
+// A socket's path may hold a newline, and /proc/net/unix shows it as it is: a line that names the
+// init script's socket and the inode of a socket that root has. In mounts of one's own the path is
+// free.
+TEST_F(InitScript, NoOtherUserSaysWhichProcessIsTheDaemon) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "needs root, to become another user";
+    }
+    WriteFile(root() + "/etc/passwd", kStranger);
+    std::string expected;
+    for (const std::string process :
+         {"another program", "a handler", "a client", "another daemon", "a stranger's daemon"}) {
+        expected += process + "\ntalvek does not run\nstatus 3\na command ends with 6\n" +
+                    "talvek does not run\nstatus 3\n";
+    }
+    expected.pop_back();
+    EXPECT_EQ(expected, Run(R"sh(
+await() {
+    tries=600
+    until "$@"; do
+        tries=$((tries - 1))
+        [ $tries -gt 0 ] || fail "not within a minute: $*"
+        sleep 0.1
+    done
+}
+shown() { grep -q "$1" /proc/net/unix; }
+socket_of() { ls -l "/proc/$1/fd" | sed -n 's/.* socket:\[\(.*\)\]$/\1/p' | tail -n 1; }
+has_socket() { [ -n "$(socket_of "$1")" ]; }
+# spared <text> <pid>: the process is no daemon at the socket and is not ended as one.
+spared() {
+    echo "$1"
+    status
+    $init start || fail start
+    code=0
+    talvek -C -f 'exit 6' >/tmp/client || code=$?
+    echo "a command ends with $code"
+    $init stop || fail stop
+    status
+    kill -0 "$2" || fail "$1 was ended"
+}
+# The stranger's socket pretends that the one of a process of root listens at the usual path.
+pretend() {
+    await has_socket "$2"
+    line="0 0 0 00010000 0 0 $(socket_of "$2") /var/run/TALVEK"
+    path="x
+$line"
+    su stranger -c "cd /tmp && mkdir -p '${path%/*}' && talvek -D -s '$path' >/tmp/pretended"
+    await shown "^$line\$"
+    spared "$@"
+}
+syslogd -n -O /tmp/syslog & pretend "another program" $!
+
+$init start || fail start
+mkfifo /tmp/go /tmp/running
+talvek -C -f 'echo $PPID >/tmp/running; read line </tmp/go' >/tmp/waiting & client=$!
+read -r handler </tmp/running
+$init stop || fail stop
+pretend "a handler" "$handler"
+pretend "a client" $client
+
+talvek -D -s /run/other >/tmp/other
+pretend "another daemon" "$(/usr/local/libexec/talvek-listener /run/other 60)"
+
+unshare -m sh -c 'mount -t tmpfs -o mode=777 none /run && exec su stranger -c "talvek -D"' \
+    >/tmp/stranger
+await shown " /var/run/TALVEK\$"
+spared "a stranger's daemon" "$(own_pid /tmp/stranger)"
+)sh"));
+}
+
+// Also after the program has been replaced by a later version, and where a user sees no process of
+// others.
+TEST_F(InitScript, ListenerFindsTheDaemonOfTheCallerAndOfTheSocketsOwner) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "needs root, to become another user";
+    }
+    WriteFile(root() + "/etc/passwd", kStranger);
+    EXPECT_EQ("", Run(R"sh(
+listener=/usr/local/libexec/talvek-listener
+mount -o remount,hidepid=2 /proc
+su stranger -c "talvek -D -s /tmp/own >/tmp/log"
+cp /usr/local/bin/talvek /usr/local/bin/later
+mv /usr/local/bin/later /usr/local/bin/talvek
+pid=$(own_pid /tmp/log)
+[ "$($listener /tmp/own 60)" = "$pid" ] || fail "not found by root"
+[ "$(su stranger -c "$listener /tmp/own")" = "$pid" ] || fail "not found by its user"
+$init start || fail start
+chown stranger /var/run/TALVEK
+$init status || fail "not found at a socket that was given away"
+rm /var/run/TALVEK
+$init status || fail "not found without its socket's file"
 $init stop || fail stop
 )sh"));
 }
