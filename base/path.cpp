@@ -6,6 +6,8 @@
 #include <fcntl.h>
 #include <string.h>
 
+#include "base/unique_fd.h"
+
 namespace talvek {
 
 int OpenPath(const char *pPath, int flags, mode_t mode) {
@@ -25,10 +27,11 @@ FILE *OpenStream(const char *pPath, const char *pMode) {
     return ::fopen(pPath, mode);
 }
 
-FILE *StreamOn(UniqueFd &fd, const char *pMode) {
-    FILE *stream = fd ? ::fdopen(fd.get(), pMode) : nullptr;
+FILE *StreamOn(int fd, const char *pMode) {
+    UniqueFd owner{fd};
+    FILE *stream = owner ? ::fdopen(fd, pMode) : nullptr;
     if (stream != nullptr) {
-        static_cast<void>(fd.Release());
+        static_cast<void>(owner.Release());
     }
     return stream;
 }

@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
-#include "base/unique_fd.h"
-
 namespace talvek {
 
 // open, fopen and stat for a path that may be NULL, which fails with EFAULT. The C library's own
@@ -16,9 +14,9 @@ int OpenPath(const char *pPath, int flags, mode_t mode = 0);
 FILE *OpenStream(const char *pPath, const char *pMode);
 int StatPath(const char *pPath, struct stat *pStat);
 
-// A stream on an open descriptor, which it then owns. NULL with errno unchanged when `fd` is empty;
-// NULL on failure, and `fd` then keeps its descriptor.
-FILE *StreamOn(UniqueFd &fd, const char *pMode);
+// A stream on an open descriptor, which it then owns. A failure closes the descriptor; -1 in its
+// place is a failure that leaves errno.
+FILE *StreamOn(int fd, const char *pMode);
 
 // How a path or name that may be NULL appears in a message.
 inline const char *Shown(const char *pPath) {

@@ -385,7 +385,7 @@ bool LineEditor::Open() {
         return false;
     }
     // Opened by its name, it could be another file: /var may be writable by others.
-    copy_.Reset(talvek::StreamOn(made, "w+"));
+    copy_.Reset(talvek::StreamOn(made.Release(), "w+"));
     if (!copy_) {
         LOG_ERRNO_AS(kFunction, "fopen(%s) failed : %s\n", copyName_);
         return false;

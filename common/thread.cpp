@@ -16,7 +16,6 @@
 #include "base/heap_buf.h"
 #include "base/mutex_lock.h"
 #include "base/path.h"
-#include "base/unique_fd.h"
 #include "base/unique_stream.h"
 #include "common/command.h"
 #include "common/file.h"
@@ -90,7 +89,7 @@ void WritePidFile(const char *pName) {
     }
     // A link in the file's place is not followed, and a FIFO without a reader does not block.
     constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK;
-    talvek::UniqueFd fd{path ? talvek::OpenPath(path.get(), kFlags, 0666) : -1};
+    const int fd = path ? talvek::OpenPath(path.get(), kFlags, 0666) : -1;
     const talvek::FileLimitGuard limit;
     const talvek::UniqueFile file{talvek::StreamOn(fd, "w")};
     if (!file) {

@@ -67,20 +67,19 @@ TEST(Path, StreamIsClosedWithItsData) {
 
 TEST(Path, StreamTakesOverADescriptor) {
     const TempDir dir;
-    UniqueFd fd{OpenPath((dir / "file").c_str(), O_WRONLY | O_CREAT, 0600)};
-    const int number = fd.get();
+    const int fd = OpenPath((dir / "file").c_str(), O_WRONLY | O_CREAT, 0600);
     UniqueFile stream{StreamOn(fd, "w")};
     ASSERT_TRUE(stream);
-    EXPECT_FALSE(fd) << "it has one owner";
-    EXPECT_EQ(number, fileno(stream.get()));
-    EXPECT_EQ(FD_CLOEXEC, fcntl(number, F_GETFD));
+    EXPECT_EQ(fd, fileno(stream.get()));
+    EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD));
     EXPECT_EQ(0, stream.Close());
     errno = ELOOP;
-    EXPECT_EQ(nullptr, StreamOn(fd, "w"));
+    EXPECT_EQ(nullptr, StreamOn(-1, "w"));
     EXPECT_EQ(ELOOP, errno) << "why there is no descriptor";
-    fd.Reset(OpenPath((dir / "file").c_str(), O_RDONLY));
+    EXPECT_EQ(fd, OpenPath((dir / "file").c_str(), O_RDONLY));
     EXPECT_EQ(nullptr, StreamOn(fd, "no mode"));
-    EXPECT_TRUE(fd) << "the caller still owns it";
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "a failure closes it";
 }
 
 TEST(IsSameFile, ComparesTheFilesAndNotTheirNames) {
