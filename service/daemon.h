@@ -12,7 +12,7 @@ extern "C" {
  *                TALVEK_SOCKET_PATH. The file at the path is removed first (COM_RemoveRealFile)
  *
  * The caller must ignore SIGCHLD, so that finished children leave no zombies. The daemon ignores
- * SIGPIPE.
+ * SIGPIPE and SIGXFSZ.
  *
  * Returns -1 when the socket cannot be set up, with the caller's signal actions and mask restored;
  * and -1 in each child after its client has been served: the caller then ends the process. The

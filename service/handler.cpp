@@ -11,18 +11,18 @@
 #include <unistd.h>
 
 #include "base/cancel_guard.h"
-#include "base/scope_exit.h"
 #include "base/wait.h"
 #include "common/COMMON.h"
 #include "service/internal/module_log.h"
 #include "service/internal/package_buffer.h"
 #include "service/internal/wait_round.h"
+#include "service/internal/write_signals.h"
 #include "service/session.h"
 
 namespace {
 
 using talvek::PackageBuffer;
-using talvek::ScopeExit;
+using talvek::WriteSignals;
 
 constexpr const char *kFunction = "TALVEK_DaemonHandler";
 
@@ -167,19 +167,12 @@ Connection::Next Connection::Reply(uint16_t sn) {
     return goOn ? Next::kRead : Next::kClose;
 }
 
-// The service ignores SIGPIPE; commands expect its default action.
-int SystemWithDefaultPipe(const char *pCommand) {
-    struct sigaction pipeDefault = {};
-    pipeDefault.sa_handler = SIG_DFL;
-    struct sigaction pipeBefore;
-    const bool changed = sigaction(SIGPIPE, &pipeDefault, &pipeBefore) == 0;
-    const ScopeExit restore{[&] {
-        if (changed) {
-            sigaction(SIGPIPE, &pipeBefore, nullptr);
-        }
-    }};
-    // What was printed before the command must precede its output.
+// The service ignores SIGPIPE and SIGXFSZ; commands expect their default actions.
+int SystemWithDefaultSignals(const char *pCommand) {
+    // What was printed before the command must precede its output. Such a write of the service
+    // itself must not raise the signals.
     fflush(stdout);
+    const WriteSignals defaults{SIG_DFL};
     errno = 0;
     const int status = system(pCommand);
     // A shell that cannot be executed counts as one that exits with 127 (POSIX); musl's system
@@ -220,7 +213,7 @@ int TALVEK_RunCommand(const char *pCommand) {
         return installed;
     }
 
-    const int status = SystemWithDefaultPipe(pCommand);
+    const int status = SystemWithDefaultSignals(pCommand);
     if (status == -1) {
         PutLine("some error is occured in that shell command");
     }

@@ -27,8 +27,8 @@ int TALVEK_DaemonHandler(tTalvekClient *pClient);
 
 /* Runs a command line with the system's shell and waits for its end.
  *
- * The command starts with the default actions of SIGCHLD and SIGPIPE and with this process's
- * signal mask. SIGCHLD stays at its default in this process.
+ * The command starts with the default actions of SIGCHLD, SIGPIPE and SIGXFSZ and with this
+ * process's signal mask. SIGCHLD stays at its default in this process.
  *
  * Returns the exit status, 0 to 255, which is 127 when the shell cannot be executed. Returns -1,
  * with the reason on standard output, when the command was killed by a signal or no process could

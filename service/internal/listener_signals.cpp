@@ -56,8 +56,6 @@ ListenerSignals::ListenerSignals() {
     const struct sigaction stop = ActionOf(EndProcess, stopSignals_);
     sigaction(SIGTERM, &stop, &oldTerm_);
     sigaction(SIGINT, &stop, &oldInt_);
-    const struct sigaction ignore = ActionOf(SIG_IGN);
-    sigaction(SIGPIPE, &ignore, &oldPipe_);
     Unblock();
 }
 
@@ -67,7 +65,6 @@ ListenerSignals::~ListenerSignals() {
     }
     sigaction(SIGTERM, &oldTerm_, nullptr);
     sigaction(SIGINT, &oldInt_, nullptr);
-    sigaction(SIGPIPE, &oldPipe_, nullptr);
     sigprocmask(SIG_SETMASK, &oldMask_, nullptr);
 }
 
@@ -86,6 +83,7 @@ void ListenerSignals::SetSocket(const char *pPath) {
 
 void ListenerSignals::ReleaseInChild() {
     released_ = true;
+    ignored_.Keep();
     const struct sigaction end = ActionOf(SIG_DFL);
     sigaction(SIGTERM, &end, nullptr);
     sigaction(SIGINT, &end, nullptr);

@@ -3,6 +3,8 @@
 
 #include <signal.h>
 
+#include "service/internal/write_signals.h"
+
 namespace talvek {
 
 // The signals of the listening process while this object lives.
@@ -13,7 +15,8 @@ namespace talvek {
 // interrupt it. The two signals are blocked only from the bind to SetSocket and from accept to
 // fork, where nothing waits.
 //
-// SIGPIPE is ignored: the service outlives the reader of its log.
+// SIGPIPE and SIGXFSZ are ignored: the service outlives the reader of its log, and goes on when the
+// log's file may not grow.
 class ListenerSignals {
   public:
     ListenerSignals();
@@ -29,7 +32,8 @@ class ListenerSignals {
 
     // For a child, while the signals are blocked: SIGTERM and SIGINT get their default actions,
     // also where the daemon's starter had them ignored, and no signal is blocked any more. The
-    // child's commands inherit the mask. SIGPIPE stays ignored.
+    // child's commands inherit the mask. SIGPIPE and
+    // SIGXFSZ stay ignored.
     void ReleaseInChild();
 
   private:
@@ -37,7 +41,7 @@ class ListenerSignals {
     sigset_t oldMask_;
     struct sigaction oldTerm_;
     struct sigaction oldInt_;
-    struct sigaction oldPipe_;
+    WriteSignals ignored_{SIG_IGN};
     bool released_ = false;
 };
 

@@ -576,7 +576,7 @@ TEST_P(StoppingSignal, EndsADaemonWhoseStarterIgnoredIt) {
     Daemon daemon{options};
     const std::string path = daemon.dir() / "status";
     EXPECT_EQ(0, Ask(daemon, "cat /proc/self/status >" + path));
-    const uint64_t bits = SignalBits({SIGTERM, SIGINT, SIGPIPE, SIGCHLD});
+    const uint64_t bits = SignalBits({SIGTERM, SIGINT, SIGPIPE, SIGXFSZ, SIGCHLD});
     EXPECT_EQ(0u, SignalMask(path, "SigIgn:") & bits)
         << "commands start with their default actions";
     EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
@@ -720,6 +720,27 @@ TEST(DaemonTest, ServesAfterTheReaderOfItsLogHasClosed) {
     }
     EXPECT_EQ(255, daemon.Client("kill -PIPE $$").exitStatus()) << "commands do not ignore SIGPIPE";
     EXPECT_TRUE(EndedBy(daemon.Stop(SIGTERM), SIGTERM));
+}
+
+// A few lines fill the log up to the limit; the next ones are lost.
+TEST(DaemonTest, ServesAfterItsLogHasReachedTheLimitOfAFilesSize) {
+    static constexpr rlim_t kLimit = 1024;
+    Daemon::Options options;
+    options.prepare = [] {
+        const rlimit limit{kLimit, RLIM_INFINITY};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    };
+    Daemon daemon{options};
+    for (int i = 1; i <= 20; ++i) {
+        EXPECT_EQ(i, daemon.Client("exit " + std::to_string(i)).exitStatus());
+    }
+    EXPECT_EQ(kLimit, daemon.log().size());
+    const std::string file = daemon.dir() / "file";
+    EXPECT_EQ(-1, Ask(daemon, "exec head -c 4096 /dev/zero >" + file))
+        << "a signal kills a command at the limit";
+    EXPECT_EQ(kLimit, ReadFile(file).size());
+    EXPECT_TRUE(EndedBy(daemon.Stop(SIGTERM), SIGTERM));
+    EXPECT_FALSE(Exists(daemon.socket()));
 }
 
 // The daemon blocks in the log line about the fork. Neither the end of the handler nor that of the

@@ -60,6 +60,7 @@ Served Serve(const std::function<void(int fd)> &peer,
             close(fds[0]);
             signal(SIGCHLD, SIG_IGN);
             signal(SIGPIPE, SIG_IGN);
+            signal(SIGXFSZ, SIG_IGN);
             clearenv();
             setenv("PATH", "/usr/bin:/bin", 1);
             pShared->client.daemon_pid = 4711;
@@ -515,11 +516,11 @@ TEST(Handler, ReportsEveryFiveSecondsThatAClientIsSilent) {
     EXPECT_TRUE(std::regex_match(served.output, form)) << served.output;
 }
 
-TEST(Handler, CommandsStartWithSIGCHLDAndSIGPIPEAtTheirDefaults) {
+TEST(Handler, CommandsStartWithTheDefaultActionsOfSignalsThatTheServiceIgnores) {
     const TempDir dir;
     const std::string path = dir / "status";
     Serve([&](int fd) { EXPECT_EQ(0, Ask(fd, "cat /proc/self/status >" + path)); });
-    const uint64_t bits = SignalBits({SIGCHLD, SIGPIPE});
+    const uint64_t bits = SignalBits({SIGCHLD, SIGPIPE, SIGXFSZ});
     EXPECT_EQ(0u, SignalMask(path, "SigIgn:") & bits);
     EXPECT_EQ(0u, SignalMask(path, "SigBlk:") & bits);
 }
@@ -544,14 +545,17 @@ class RunCommand : public ::testing::Test {
     void SetUp() override {
         sigaction(SIGCHLD, nullptr, &child_);
         sigaction(SIGPIPE, nullptr, &pipe_);
+        sigaction(SIGXFSZ, nullptr, &fileSize_);
     }
     void TearDown() override {
         sigaction(SIGCHLD, &child_, nullptr);
         sigaction(SIGPIPE, &pipe_, nullptr);
+        sigaction(SIGXFSZ, &fileSize_, nullptr);
     }
 
     struct sigaction child_;
     struct sigaction pipe_;
+    struct sigaction fileSize_;
 };
 
 TEST_F(RunCommand, ReturnsTheExitStatus) {
@@ -576,6 +580,7 @@ TEST_F(RunCommand, RunsNothingForNull) {
 TEST_F(RunCommand, CollectsTheStatusWhenSIGCHLDWasIgnored) {
     signal(SIGCHLD, SIG_IGN);
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
     EXPECT_EQ(3, TALVEK_RunCommand("exit 3"));
     struct sigaction now;
     sigaction(SIGCHLD, nullptr, &now);
@@ -584,12 +589,36 @@ TEST_F(RunCommand, CollectsTheStatusWhenSIGCHLDWasIgnored) {
     EXPECT_EQ(1, sigismember(&now.sa_mask, SIGCHLD));
     sigaction(SIGPIPE, nullptr, &now);
     EXPECT_EQ(SIG_IGN, now.sa_handler) << "SIGPIPE is restored";
+    sigaction(SIGXFSZ, nullptr, &now);
+    EXPECT_EQ(SIG_IGN, now.sa_handler) << "SIGXFSZ is restored";
 }
 
-TEST_F(RunCommand, ACommandMayDieOfSIGPIPE) {
+TEST_F(RunCommand, ACommandMayDieOfASignalThatItsCallerIgnores) {
     signal(SIGPIPE, SIG_IGN);
-    EXPECT_EQ("child process should not terminated normally WIFEXITED(ret) = 0\n",
-              Capture([] { EXPECT_EQ(-1, TALVEK_RunCommand("kill -PIPE $$")); }));
+    signal(SIGXFSZ, SIG_IGN);
+    for (const char *pCommand : {"kill -PIPE $$", "kill -XFSZ $$"}) {
+        EXPECT_EQ("child process should not terminated normally WIFEXITED(ret) = 0\n",
+                  Capture([=] { EXPECT_EQ(-1, TALVEK_RunCommand(pCommand)); }));
+    }
+}
+
+// The caller's own lines, which the call writes first, do not raise the signals.
+TEST_F(RunCommand, ACallerThatIgnoresSIGPIPEOutlivesTheReaderOfItsOutput) {
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+    close(ends[0]);
+    fflush(stdout);
+    const pid_t caller = fork();
+    if (caller == 0) {
+        dup2(ends[1], STDOUT_FILENO);
+        signal(SIGPIPE, SIG_IGN);
+        printf("before");
+        _exit(TALVEK_RunCommand("exit 3"));
+    }
+    close(ends[1]);
+    const int status = WaitFor(caller);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(3, WEXITSTATUS(status));
 }
 
 TEST_F(RunCommand, BufferedOutputPrecedesTheCommandsOnce) {

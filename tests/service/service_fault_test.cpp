@@ -340,8 +340,10 @@ TEST(DaemonFault, AFailedSetUpRestoresTheSignals) {
     sigprocmask(SIG_BLOCK, nullptr, &maskAfter);
     EXPECT_EQ(before.sa_handler, after.sa_handler);
     EXPECT_EQ(sigismember(&maskBefore, SIGTERM), sigismember(&maskAfter, SIGTERM));
-    sigaction(SIGPIPE, nullptr, &after);
-    EXPECT_EQ(SIG_DFL, after.sa_handler);
+    for (const int ignored : {SIGPIPE, SIGXFSZ}) {
+        sigaction(ignored, nullptr, &after);
+        EXPECT_EQ(SIG_DFL, after.sa_handler);
+    }
 }
 
 void ExpectService(const std::string &path) {

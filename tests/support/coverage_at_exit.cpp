@@ -24,11 +24,20 @@ static void ReturnToRoot() {
     [[maybe_unused]] const bool returned = chroot(".") == 0;
 }
 
-void __wrap__exit(int status) {
-    // The limit under which a test looks at the code is not for the files of the counts. Who may
-    // not lift it must not report: a file that is cut is lost for all programs.
+// The limit under which a test looks at the code is not for the files of the counts. Who may not
+// lift it must not report: a file that is cut is lost for all programs.
+static bool LiftFileSizeLimit() {
     const struct rlimit none = {RLIM_INFINITY, RLIM_INFINITY};
-    if (setrlimit(RLIMIT_FSIZE, &none) == 0) {
+    return setrlimit(RLIMIT_FSIZE, &none) == 0;
+}
+
+// After main, the counts are reported by a destructor of the compiler's, which comes later.
+__attribute__((destructor)) static void LiftFileSizeLimitAfterMain() {
+    LiftFileSizeLimit();
+}
+
+void __wrap__exit(int status) {
+    if (LiftFileSizeLimit()) {
         ReturnToRoot();
         __gcov_dump();
         __gcov_reset();  // after vfork, the memory is that of the parent, which reports the rest
@@ -42,7 +51,9 @@ void __wrap_abort() {
 }
 
 int __wrap_raise(int number) {
-    __gcov_dump();
+    if (LiftFileSizeLimit()) {
+        __gcov_dump();
+    }
     __gcov_reset();  // it may live on, and reports the rest later
     return __real_raise(number);
 }
