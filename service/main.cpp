@@ -10,8 +10,11 @@
 
 #include "service/TALVEK.h"
 #include "service/internal/module_log.h"
+#include "service/internal/write_signals.h"
 
 namespace {
+
+using talvek::WriteSignals;
 
 enum class Mode { kNone = 0, kClient = 1, kDaemon = 2 };
 
@@ -76,16 +79,28 @@ void Options::SetField(char *pField, size_t size, const char *pText) {
 }
 
 // When the caller has closed a standard stream, a socket must not get its number: log lines and the
-// output of commands would be sent to the peer.
-void OpenMissingStandardStreams() {
+// output of commands would be sent to the peer. Without /dev (early boot), the root directory is
+// opened: reads and writes on it fail. Returns false when that fails too.
+bool OpenMissingStandardStreams() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-        if (fcntl(fd, F_GETFD) == -1 && errno == EBADF) {
-            static_cast<void>(open("/dev/null", O_RDWR));  // gets the lowest free number, this one
+        // What is opened gets the lowest free number, this one.
+        if (fcntl(fd, F_GETFD) == -1 && errno == EBADF && open("/dev/null", O_RDWR) == -1 &&
+            open("/", O_RDONLY) == -1) {
+            return false;
         }
     }
+    return true;
+}
+
+// The lines about the options must not end a daemon's start when nobody can read them. A client and
+// its other lines have the caller's actions.
+Options ReadOptions(int argc, char **argv) {
+    const WriteSignals ignored{SIG_IGN};
+    return Options{argc, argv};
 }
 
 int RunDaemon(const char *pSocketPath) {
+    const WriteSignals ignored{SIG_IGN};
     signal(SIGCHLD, SIG_IGN);
     LOG_PLAIN("Daemon Mode - [%s]\n", pSocketPath);
     const pid_t child = fork();
@@ -103,8 +118,10 @@ int RunDaemon(const char *pSocketPath) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    OpenMissingStandardStreams();
-    const Options options{argc, argv};
+    if (!OpenMissingStandardStreams()) {
+        return 1;
+    }
+    const Options options = ReadOptions(argc, argv);
     switch (options.mode()) {
         case Mode::kClient:
             LOG_PLAIN("Client Mode - [%s][%s]\n", options.path(), options.command());

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include "service/support/program.h"
 #include "service/support/wire.h"
 #include "support/capture.h"
+#include "support/emulator.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
 
@@ -324,20 +326,43 @@ TEST(CommandLine, DaemonStaysInItsDirectoryAndSession) {
     EXPECT_EQ(getsid(0), getsid(daemon.pid()));
 }
 
+void CloseStandardStreams() {
+    close(0);
+    close(1);
+    close(2);
+}
+
+// Ends a daemon that only its socket names: the parent of a handler is the listening process.
+void EndDaemonAt(const std::string &path) {
+    const TempDir dir;
+    const std::string parent = dir / "parent";
+    EXPECT_EQ(0, RunProgram({"-C", "-s", path, "-f",
+                             "sed -n 's/^PPid:\t//p' /proc/$PPID/status >" + parent})
+                     .exitStatus());
+    const pid_t pid = std::stoi("0" + ReadFile(parent));
+    ASSERT_GT(pid, 1);
+    EXPECT_EQ(0, kill(pid, SIGTERM));
+    EXPECT_TRUE(Eventually([&] { return access(path.c_str(), F_OK) != 0; }));
+}
+
+// A daemon serves clients at a path, and ends.
+void ExpectService(const std::string &path) {
+    int fd = -1;
+    ASSERT_TRUE(Eventually([&] { return (fd = ConnectTo(path)) >= 0; }));
+    close(fd);
+    EXPECT_EQ(5, RunProgram({"-C", "-s", path, "-f", "exit 5"}).exitStatus());
+    EndDaemonAt(path);
+}
+
 // A socket must not get the number of a standard stream that the caller has closed.
 TEST(CommandLine, SocketsDoNotReplaceClosedStandardStreams) {
     const TempDir dir;
     Daemon daemon;
-    const auto closeAll = [] {
-        close(0);
-        close(1);
-        close(2);
-    };
     for (int missing = 0; missing <= 3; ++missing) {
         const Outcome outcome =
             RunProgram({"-C", "-f", "echo out; exit 4", "-s", daemon.socket()}, [&] {
                 if (missing == 3) {
-                    closeAll();
+                    CloseStandardStreams();
                 } else {
                     close(missing);
                 }
@@ -346,7 +371,7 @@ TEST(CommandLine, SocketsDoNotReplaceClosedStandardStreams) {
     }
     // Nobody can read the log of this daemon; a command reports its process id.
     const std::string path = dir / "quiet";
-    const Outcome started = RunProgram({"-D", "-s", path}, closeAll);
+    const Outcome started = RunProgram({"-D", "-s", path}, CloseStandardStreams);
     EXPECT_EQ(0, started.exitStatus());
     EXPECT_TRUE(Eventually([&] { return access(path.c_str(), F_OK) == 0; }));
     Outcome outcome;
@@ -362,15 +387,78 @@ TEST(CommandLine, SocketsDoNotReplaceClosedStandardStreams) {
     for (const char *pNull : {"0 -> /dev/null", "1 -> /dev/null", "2 -> /dev/null"}) {
         EXPECT_NE(std::string::npos, fds.find(pNull)) << fds;
     }
-    // Its handler's parent is the listening process.
-    const std::string parent = dir / "parent";
-    EXPECT_EQ(0, RunProgram({"-C", "-s", path, "-f",
-                             "sed -n 's/^PPid:\t//p' /proc/$PPID/status >" + parent})
-                     .exitStatus());
-    const pid_t pid = std::stoi("0" + ReadFile(parent));
-    ASSERT_GT(pid, 1);
-    EXPECT_EQ(0, kill(pid, SIGTERM));
-    EXPECT_TRUE(Eventually([&] { return access(path.c_str(), F_OK) != 0; }));
+    EndDaemonAt(path);
+}
+
+// As early at boot, before /dev is there.
+TEST(CommandLine, SocketsDoNotReplaceClosedStandardStreamsWithoutDevNull) {
+    RunInPrivateWorld(kMounts | kPids, [] {
+        const TempDir dir;
+        ReplaceDir("/dev");
+        const std::string path = dir / "socket";
+        ASSERT_EQ(0, RunProgram({"-D", "-s", path}, CloseStandardStreams).exitStatus());
+        int fd = -1;
+        ASSERT_TRUE(Eventually([&] { return (fd = ConnectTo(path)) >= 0; }));
+        EXPECT_TRUE(Put(fd, RegisterPkg()));
+        EXPECT_EQ(Hex(RegisterPkg()), Hex(Take(fd, 16)));
+        const std::string file = dir / "fds";
+        EXPECT_TRUE(Put(fd, CommandPkg("ls -l /proc/$PPID/fd >" + file + "; echo out; exit 9")));
+        EXPECT_EQ(0, shutdown(fd, SHUT_WR));
+        EXPECT_EQ(Hex(ResultPkg(9)), Hex(Take(fd, 4096))) << "packages alone, and no line";
+        close(fd);
+        const std::string fds = ReadFile(file);
+        for (const char *pRoot : {"0 -> /\n", "1 -> /\n", "2 -> /\n"}) {
+            EXPECT_NE(std::string::npos, fds.find(pRoot)) << fds;
+        }
+        EXPECT_EQ(
+            4, RunProgram({"-C", "-s", path, "-f", "exit 4"}, CloseStandardStreams).exitStatus());
+        EndDaemonAt(path);
+    });
+}
+
+TEST(CommandLine, EndsWithOneWhenAMissingStandardStreamCannotBeOpened) {
+    if (!StaticProgram() || Emulated()) {
+        GTEST_SKIP() << "a loader or an emulator needs descriptors";
+    }
+    for (const char *pMode : {"-C", "-D"}) {
+        const Outcome outcome = RunProgram({pMode, "-s", "/nowhere/socket"}, [] {
+            CloseStandardStreams();
+            const rlimit none{0, 0};
+            setrlimit(RLIMIT_NOFILE, &none);
+        });
+        EXPECT_EQ(1, outcome.exitStatus());
+    }
+}
+
+// Every line of the start is lost, those about the options included.
+TEST(CommandLine, ADaemonStartsWithALogThatTakesNoLine) {
+    RunInPrivateWorld(kMounts | kPids, [] {
+        const TempDir dir;
+        const std::string path = dir / "socket";
+        const Arguments arguments{"-D", "-x", "-s", std::string(129, 'p'), "-s", path};
+        int ends[2];
+        ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+        close(ends[0]);
+        ASSERT_EQ(0, WaitFor(StartProgram(arguments, ends[1]))) << "nobody reads the log";
+        ExpectService(path);
+
+        const std::string full(1024, '.');
+        WriteFile(dir / "log", full);
+        const int file =
+            open((dir / "log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+        const pid_t limited = StartProgram(arguments, file, [] {
+            const rlimit limit{1024, RLIM_INFINITY};
+            setrlimit(RLIMIT_FSIZE, &limit);
+        });
+        ASSERT_EQ(0, WaitFor(limited)) << "the log may not grow";
+        ExpectService(path);
+        EXPECT_EQ(full, ReadFile(dir / "log"));
+
+        EXPECT_TRUE(EndedBy(WaitFor(StartProgram({"-C", "-s", path}, ends[1])), SIGPIPE))
+            << "a client ends as other programs do";
+        close(file);
+        close(ends[1]);
+    });
 }
 
 }  // namespace
