@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,6 +27,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "service/client.h"
@@ -676,6 +678,45 @@ TEST_P(StoppingSignal, EndsADaemonWhoseLogIsStalled) {
     close(fd);
 }
 
+// The log is a terminal, which its user has stopped with ^S.
+TEST_P(StoppingSignal, EndsADaemonAndAHandlerWhoseTerminalIsStopped) {
+    Daemon::Options options;
+    options.logToTerminal = true;
+    Daemon daemon{options};
+    EXPECT_EQ(3, daemon.Client("exit 3").exitStatus());
+    daemon.ControlTerminal(TCOOFF);
+    const int fd = ConnectTo(daemon.socket());
+    ASSERT_TRUE(Put(fd, CommandPkg("exit 6")));
+    EXPECT_TRUE(BlockedOn(daemon.pid(), STDOUT_FILENO)) << "logs the fork";
+    const std::vector<pid_t> handlers = daemon.Children();
+    ASSERT_EQ(1u, handlers.size());
+    EXPECT_TRUE(BlockedOn(handlers[0], STDOUT_FILENO)) << "logs the command";
+    EXPECT_TRUE(Quiet(fd));
+    kill(handlers[0], GetParam());
+    EXPECT_TRUE(AtEnd(fd));
+    close(fd);
+    EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
+    EXPECT_FALSE(Exists(daemon.socket()));
+}
+
+TEST(DaemonTest, CallsWaitUntilAStoppedTerminalGoesOn) {
+    Daemon::Options options;
+    options.logToTerminal = true;
+    const Daemon daemon{options};
+    daemon.ControlTerminal(TCOOFF);
+    const int first = ConnectTo(daemon.socket());
+    ASSERT_TRUE(Put(first, CommandPkg("exit 6")));
+    EXPECT_TRUE(BlockedOn(daemon.pid(), STDOUT_FILENO));
+    const int second = ConnectTo(daemon.socket());
+    ASSERT_TRUE(Put(second, CommandPkg("exit 7")));
+    EXPECT_TRUE(Quiet(first));
+    daemon.ControlTerminal(TCOON);
+    EXPECT_EQ(6u, U32(Take(first, 20), 16));
+    EXPECT_EQ(7u, U32(Take(second, 20), 16));
+    close(first);
+    close(second);
+}
+
 TEST(DaemonTest, SignalsEndAHandlerAlone) {
     const Daemon daemon;
     for (const int signal : {SIGTERM, SIGINT}) {
@@ -739,6 +780,63 @@ TEST(DaemonTest, ServesAfterItsLogHasReachedTheLimitOfAFilesSize) {
     EXPECT_EQ(-1, Ask(daemon, "exec head -c 4096 /dev/zero >" + file))
         << "a signal kills a command at the limit";
     EXPECT_EQ(kLimit, ReadFile(file).size());
+    EXPECT_TRUE(EndedBy(daemon.Stop(SIGTERM), SIGTERM));
+    EXPECT_FALSE(Exists(daemon.socket()));
+}
+
+TEST(DaemonTest, ServesWhileTheDiskOfItsLogIsFull) {
+    const TempDir dir;
+    RunInPrivateWorld(kMounts | kPids, [&dir] {
+        MountTmpfs(dir.path(), "size=64k");
+        Daemon::Options options;
+        options.dir = &dir;
+        Daemon daemon{options};
+        const std::string path = dir / "log";
+        const int log = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+        // Whole pages first, then what is left of the last one.
+        for (const size_t size : {size_t{4096}, size_t{1}}) {
+            while (write(log, std::string(size, '.').data(), size) > 0) {
+            }
+            EXPECT_EQ(ENOSPC, errno);
+        }
+        const size_t full = daemon.log().size();
+        for (int i = 1; i <= 20; ++i) {
+            EXPECT_EQ(i, daemon.Client("exit " + std::to_string(i)).exitStatus());
+        }
+        EXPECT_EQ(full, daemon.log().size());
+
+        ASSERT_EQ(0, ftruncate(log, 0));
+        close(log);
+        EXPECT_EQ(21, daemon.Client("exit 21").exitStatus());
+        EXPECT_TRUE(daemon.Logs("Command => [exit 21]\n"));
+        EXPECT_EQ(std::string::npos, daemon.log().find("[exit 20]")) << "lost lines stay lost";
+        EXPECT_TRUE(EndedBy(daemon.Stop(SIGTERM), SIGTERM));
+        EXPECT_FALSE(Exists(daemon.socket()));
+    });
+}
+
+TEST(DaemonTest, ServesWithinSmallLimits) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer needs more memory";
+#endif
+    Daemon::Options options;
+    options.prepare = [] {
+        const std::pair<__rlimit_resource, rlim_t> limits[] = {{RLIMIT_STACK, 128 * 1024},
+                                                               {RLIMIT_DATA, 1024 * 1024},
+                                                               {RLIMIT_CORE, 0},
+                                                               {RLIMIT_MEMLOCK, 0},
+                                                               {RLIMIT_SIGPENDING, 0}};
+        for (const auto &[resource, most] : limits) {
+            const rlimit limit{most, most};
+            if (setrlimit(resource, &limit) != 0) {
+                _exit(125);
+            }
+        }
+    };
+    Daemon daemon{options};
+    for (int i = 1; i <= 3; ++i) {
+        EXPECT_EQ(i, daemon.Client("exit " + std::to_string(i)).exitStatus());
+    }
     EXPECT_TRUE(EndedBy(daemon.Stop(SIGTERM), SIGTERM));
     EXPECT_FALSE(Exists(daemon.socket()));
 }

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,8 +32,7 @@ namespace {
 
 // Makes this process the parent of the orphans among its descendants.
 bool Inherits() {
-    static const bool inherits = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
-    return inherits;
+    return prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
 }
 
 std::string ReadAll(int fd) {
@@ -45,6 +45,31 @@ std::string ReadAll(int fd) {
         at += count;
     }
     return text;
+}
+
+// A terminal that passes bytes on unchanged: its user's end, and the end of programs.
+void OpenTerminal(int *pUser, int *pPrograms) {
+    *pUser = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_EQ(0, grantpt(*pUser));
+    EXPECT_EQ(0, unlockpt(*pUser));
+    *pPrograms = open(ptsname(*pUser), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    termios line;
+    EXPECT_EQ(0, tcgetattr(*pPrograms, &line));
+    cfmakeraw(&line);
+    EXPECT_EQ(0, tcsetattr(*pPrograms, TCSANOW, &line));
+}
+
+// Reads until an expression matches. False at the end of the text.
+bool ReadTo(int fd, const std::regex &expression, std::smatch &match, std::string &text) {
+    char block[4096];
+    ssize_t count;
+    while (!std::regex_search(text, match, expression)) {
+        if ((count = read(fd, block, sizeof block)) <= 0) {
+            return false;
+        }
+        text.append(block, static_cast<size_t>(count));
+    }
+    return true;
 }
 
 // Kills the daemon when this process dies.
@@ -221,6 +246,8 @@ Daemon::Daemon(const Options &options)
         EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
         logPipe_ = ends[0];
         out = ends[1];
+    } else if (options.logToTerminal) {
+        OpenTerminal(&logPipe_, &out);
     } else {
         out = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     }
@@ -228,14 +255,10 @@ Daemon::Daemon(const Options &options)
     EXPECT_EQ(0, WaitFor(first)) << "the foreground process leaves with 0";
     close(out);
     std::string text = log();
-    if (options.logToPipe) {
-        text.resize(4096);
-        text.resize(static_cast<size_t>(std::max<ssize_t>(0, read(logPipe_, text.data(), 4096))));
-    }
     const std::regex leaving{"Master\\[" + std::to_string(first) +
                              "\\] is leaving - you're on your own \\[(\\d+)\\]\n"};
     std::smatch part;
-    if (!std::regex_search(text, part, leaving)) {
+    if (!ReadTo(logPipe_, leaving, part, text)) {
         ADD_FAILURE() << "no daemon was started:\n" << text;
         return;
     }
@@ -275,6 +298,12 @@ void Daemon::DrainLog() const {
     char block[4096];
     while (read(fd, block, sizeof block) > 0) {
     }
+    close(fd);
+}
+
+void Daemon::ControlTerminal(int action) const {
+    const int fd = open(ptsname(logPipe_), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_EQ(0, tcflow(fd, action));
     close(fd);
 }
 

@@ -74,6 +74,7 @@ class Daemon {
         std::string socket = "socket";       // in the directory, unless it begins with "/"
         std::function<void()> prepare = {};  // runs before the program is executed
         bool logToPipe = false;              // instead of to a file
+        bool logToTerminal = false;          // instead of to a file
         bool waitForSocket = true;
         const TempDir *dir = nullptr;  // a directory of the test's instead
     };
@@ -104,6 +105,9 @@ class Daemon {
     void StallLog() const;  // fills the pipe, so that the next write blocks
     void DrainLog() const;  // reads what is there
 
+    // With logToTerminal: TCOOFF stops its output, as ^S does, and TCOON continues it.
+    void ControlTerminal(int action) const;
+
     // Sends a signal (0 for none), waits for the end and returns the wait status. A daemon that
     // ends before its foreground process has none.
     int Stop(int signal);
@@ -115,7 +119,7 @@ class Daemon {
     pid_t pid_ = -1;
     pid_t guard_ = -1;
     int guardPipe_ = -1;
-    int logPipe_ = -1;
+    int logPipe_ = -1;  // the reader's end of the pipe or terminal
 };
 
 }  // namespace talvek::test
