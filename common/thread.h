@@ -59,7 +59,8 @@ void COM_ShowThread(void);
 int COM_CreateThreadWatchdog(int period);
 
 /* Ends the watchdog and waits for its end. A sleeping watchdog ends at once; a check that has begun
- * is finished first, with its log lines.
+ * is finished first, with its log lines. glibc's pthread_cancel loads libgcc_s.so.1 and aborts the
+ * process when it cannot, for example without a free descriptor.
  *
  * Returns 0, or the error number of pthread_cancel; ESRCH when no watchdog runs in this process. */
 int COM_DestroyThreadWatchdog(void);

@@ -20,12 +20,12 @@ extern "C" {
  * each string. The first string that does not fit and all after it are left out, with a warning
  * in the log.
  *
- * Returns the status that the daemon reports: the exit status, 0 to 255, or -1 for a command that
- * was killed or for whose shell no process could be made. Returns -1 as well when the daemon cannot
- * be reached or waited for, when there is no memory (not logged), and when the command is NULL or
- * too long. Returns TALVEK_NO_RESULT when the exchange ends without a status: the daemon closed the
- * connection, sent something other than a reply, or could not be written to. Of these only a bad
- * header is logged.
+ * Returns the status that the daemon reports, unchanged. This daemon reports the exit status, 0 to
+ * 255, or -1 for a command that was killed or for whose shell no process could be made. Returns -1
+ * as well when the daemon cannot be reached or waited for, when there is no memory (not logged),
+ * and when the command is NULL or too long. Returns TALVEK_NO_RESULT when the exchange ends without
+ * a status: the daemon closed the connection, sent something other than a reply, or could not be
+ * written to. Of these only a bad header is logged.
  *
  * Waits for as long as the command runs. Calls in several threads run one after another. */
 int TALVEK_Client(const char *pSocketPath, const char *pCommand);
