@@ -553,6 +553,16 @@ TEST(DaemonTest, HandlersAndCommandsStartWithAnEmptySignalMask) {
     close(fd);
 }
 
+// As nohup starts it.
+TEST(DaemonTest, SignalsThatItsStarterIgnoresStayIgnoredInCommands) {
+    Daemon::Options options;
+    options.prepare = [] { signal(SIGHUP, SIG_IGN); };
+    const Daemon daemon{options};
+    const std::string status = daemon.dir() / "status";
+    EXPECT_EQ(0, Ask(daemon, "cat /proc/self/status >" + status));
+    EXPECT_EQ(SignalBits({SIGHUP}), SignalMask(status, "SigIgn:") & SignalBits({SIGHUP}));
+}
+
 class StoppingSignal : public ::testing::TestWithParam<int> {};
 
 const auto kSignalName = [](const ::testing::TestParamInfo<int> &param) {
