@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <utility>
@@ -407,8 +408,13 @@ TEST(CommandLine, SocketsDoNotReplaceClosedStandardStreamsWithoutDevNull) {
         EXPECT_EQ(Hex(ResultPkg(9)), Hex(Take(fd, 4096))) << "packages alone, and no line";
         close(fd);
         const std::string fds = ReadFile(file);
-        for (const char *pRoot : {"0 -> /\n", "1 -> /\n", "2 -> /\n"}) {
-            EXPECT_NE(std::string::npos, fds.find(pRoot)) << fds;
+        // An emulator with a library root of its own lists that for "/".
+        const int root = open("/", O_RDONLY | O_CLOEXEC);
+        const std::string target =
+            std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(root));
+        close(root);
+        for (const char *pStream : {"0 -> ", "1 -> ", "2 -> "}) {
+            EXPECT_NE(std::string::npos, fds.find(pStream + target + "\n")) << fds;
         }
         EXPECT_EQ(
             4, RunProgram({"-C", "-s", path, "-f", "exit 4"}, CloseStandardStreams).exitStatus());
