@@ -25,8 +25,8 @@ struct Measurement {
     const char *dir;
 };
 
-// Makes the directory. A link in its place would let whoever writes in /var choose what is unmounted
-// and mounted over.
+// Makes the directory. With a link in its place, whoever writes in /var would choose what is
+// unmounted and mounted over.
 bool MakeMountDir(const char *pDir) {
     struct stat st;
     if (COM_Mkdir(pDir, kDirMode) != 0) {

@@ -1201,7 +1201,8 @@ TEST_F(ReplaceItemsInFile, EmptiesTheFileWhenTheResultDoesNotFit) {
     });
 }
 
-// A limit below the buffer of a stream is met when the copy is flushed, and again when it is closed.
+// A limit below the buffer of a stream is met when the copy is flushed, and again when it is
+// closed.
 TEST_F(ReplaceItemsInFile, ReportsAFileSizeLimitAsAFailedEdit) {
     std::string text;
     while (text.size() < 10240) {

@@ -1,7 +1,7 @@
-// Linked into every test program, which so starts in the same way whatever starts it: descriptors 0,
-// 1 and 2 are open, no signal is ignored or blocked, and the umask is the usual one. A shell starts
+// Linked into every test program, which starts in the same way whatever starts it: descriptors 0, 1
+// and 2 are open, no signal is ignored or blocked, and the umask is the usual one. A shell starts
 // what runs in its background with SIGINT ignored, nohup with SIGHUP, and the programs and commands
-// of a test take that over.
+// of a test inherit that.
 //
 // The kernel is called without the C library: programs that watch its calls are not ready yet.
 
