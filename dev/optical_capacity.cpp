@@ -25,7 +25,7 @@ struct Measurement {
     const char *dir;
 };
 
-// Makes the directory. With a link in its place, whoever writes in /var would choose what is
+// Makes the directory. With a link in its place, a user who may write in /var would choose what is
 // unmounted and mounted over.
 bool MakeMountDir(const char *pDir) {
     struct stat st;
