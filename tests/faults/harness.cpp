@@ -99,8 +99,7 @@ std::string TextOf(const Fault &fault) {
 
 // What a process holds, and what could be left of a run.
 struct Holdings {
-    int fds = 0;
-    long blocks = g_blocks;
+    Held held = HeldNow();
     std::string mounts;
     std::set<std::string> files;
     sigset_t mask = {};
@@ -116,9 +115,6 @@ std::string Content(const char *pPath) {
 
 Holdings Look() {
     Holdings now;
-    for (int fd = 0; fd < 256; ++fd) {
-        now.fds += fcntl(fd, F_GETFD) >= 0;
-    }
     now.mounts = Content("/proc/self/mounts");
     for (const char *pTop : {"/tmp", "/var", "/etc", "/mnt"}) {
         std::error_code ignored;
@@ -154,8 +150,8 @@ void CheckNothingLeft(const Scenario &scenario, const Holdings &before) {
         CHECK(g_children.count(child) == 0 || FailsIn({"waitpid", "waitid"}));
     }
     const Holdings now = Look();
-    CHECK(now.fds == before.fds);
-    CHECK(now.blocks == before.blocks);
+    CHECK(now.held.fds == before.held.fds);
+    CHECK(now.held.blocks == before.held.blocks);
     CHECK(now.mounts == before.mounts || FailsIn({"umount", "umount2"}));
     CHECK(memcmp(&now.mask, &before.mask, sizeof now.mask) == 0);
     CHECK(now.actions == before.actions || FailsIn({"sigaction"}));
@@ -171,11 +167,38 @@ void CheckNothingLeft(const Scenario &scenario, const Holdings &before) {
     CHECK(std::distance(fs::directory_iterator{"/proc/self/task"}, {}) == 1);
 }
 
+bool g_mayOverflow = false;
+
+// Any process of a run may crash, a handler of the daemon too; its parent may not notice it.
+void ReportCrash(int signal) {
+    if (!g_mayOverflow || signal != SIGSEGV) {
+        char text[64];
+        snprintf(text, sizeof text, "no process ends by SIG%s", sigabbrev_np(signal));
+        Check(false, text);
+    }
+}
+
+// The action holds for one signal. The instruction, or abort, raises it again.
+void ReportCrashes() {
+    // A listener that cannot give SIGTERM its default action handles it again and again.
+    g_mayOverflow = FailsIn({"sigaction"});
+    alignas(16) static char stack[64 * 1024];
+    const stack_t onOverflow = {stack, 0, sizeof stack};
+    sigaltstack(&onOverflow, nullptr);
+    struct sigaction action = {};
+    action.sa_handler = ReportCrash;
+    action.sa_flags = static_cast<int>(SA_ONSTACK | SA_RESETHAND);
+    for (const int signal : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL}) {
+        sigaction(signal, &action, nullptr);
+    }
+}
+
 [[noreturn]] void RunInChild(const Scenario &scenario) {
     setpgid(0, 0);
     prctl(PR_SET_CHILD_SUBREAPER, 1);
     dup2(g_log, STDOUT_FILENO);
     dup2(g_log, STDERR_FILENO);
+    ReportCrashes();
     unshare(CLONE_NEWNS);
     test::MountTmpfs("/tmp");
     test::MountTmpfs("/var");
@@ -381,6 +404,14 @@ void Check(bool holds, const char *pText) {
     if (!holds && g_run->verdict[0] == '\0') {
         snprintf(g_run->verdict, sizeof g_run->verdict, "%s", pText);
     }
+}
+
+Held HeldNow() {
+    Held now = {0, g_blocks};
+    for (int fd = 0; fd < 256; ++fd) {
+        now.fds += fcntl(fd, F_GETFD) >= 0;
+    }
+    return now;
 }
 
 bool Undisturbed() {

@@ -35,6 +35,13 @@ struct Scenario {
 void Check(bool holds, const char *pText);
 #define CHECK(condition) ::talvek::faults::Check((condition), #condition)
 
+// What a process holds: open descriptors, and blocks that the library handed out or keeps.
+struct Held {
+    int fds;
+    long blocks;
+};
+Held HeldNow();
+
 // Whether nothing has failed until now.
 bool Undisturbed();
 
