@@ -131,14 +131,6 @@ Holdings Look() {
     return now;
 }
 
-// Whether the plan makes a call of one of these fail. What such a call was to undo stays then.
-bool FailsIn(std::initializer_list<const char *> names) {
-    return std::any_of(g_run->plan, g_run->plan + g_run->planned, [&](const Fault &fault) {
-        const std::string callee = CalleeName(g_sites[static_cast<size_t>(fault.site)].callee);
-        return std::find(names.begin(), names.end(), callee) != names.end();
-    });
-}
-
 void CheckNothingLeft(const Scenario &scenario, const Holdings &before) {
     for (const pid_t peer : g_peers) {
         kill(peer, SIGKILL);
@@ -149,6 +141,7 @@ void CheckNothingLeft(const Scenario &scenario, const Holdings &before) {
     while ((child = waitpid(-1, nullptr, 0)) > 0) {
         CHECK(g_children.count(child) == 0 || FailsIn({"waitpid", "waitid"}));
     }
+    // What a failing call was to undo stays.
     const Holdings now = Look();
     CHECK(now.held.fds == before.held.fds);
     CHECK(now.held.blocks == before.held.blocks);
@@ -422,6 +415,13 @@ bool Undisturbed() {
 bool FailsWith(int error) {
     return std::any_of(g_run->plan, g_run->plan + g_run->planned,
                        [error](const Fault &fault) { return fault.error == error; });
+}
+
+bool FailsIn(std::initializer_list<const char *> names) {
+    return std::any_of(g_run->plan, g_run->plan + g_run->planned, [&](const Fault &fault) {
+        const std::string callee = CalleeName(g_sites[static_cast<size_t>(fault.site)].callee);
+        return std::find(names.begin(), names.end(), callee) != names.end();
+    });
 }
 
 void Free(void *block) {

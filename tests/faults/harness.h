@@ -4,6 +4,7 @@
 #include <limits.h>
 
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,9 @@ bool Undisturbed();
 
 // Whether the plan has a failure with this error.
 bool FailsWith(int error);
+
+// Whether the plan makes a call of one of these functions fail.
+bool FailsIn(std::initializer_list<const char *> names);
 
 // Releases a block that the library handed out.
 void Free(void *block);

@@ -132,7 +132,9 @@ bool IsServed(pid_t daemon) {
 // from the clients before.
 void CheckHeld(const Held &before) {
     const Held now = HeldNow();
-    CHECK(now.fds == before.fds);
+    // A handler without memory leaves the connection to its caller. The program opens what seems to
+    // be missing of the standard streams.
+    CHECK(now.fds == before.fds || FailsIn({"calloc", "fcntl"}));
     CHECK(now.blocks == before.blocks);
 }
 
@@ -159,7 +161,7 @@ long RunDaemon() {
         return WEXITSTATUS(status) == 77 ? 1 : served ? 0 : 2;
     }
     // A handler that cannot give the signal its default action back ends by an overflow.
-    CHECK(WTERMSIG(status) == SIGTERM || FailsWith(EINVAL));
+    CHECK(WTERMSIG(status) == SIGTERM || FailsIn({"sigaction"}));
     return served ? 0 : 2;
 }
 
