@@ -290,7 +290,7 @@ std::vector<Scenario> ServiceScenarios() {
              EndDaemons();
              return result;
          },
-         {0},
+         {0, 1},
          // The program leaves its child to itself, and SIGCHLD ignored.
          [](long /*result*/) {
              while (waitpid(-1, nullptr, 0) > 0) {
@@ -303,7 +303,7 @@ std::vector<Scenario> ServiceScenarios() {
          [] {
              return RunMain({"talvek", "-f", std::string(100, 'x')});
          },
-         {0}},
+         {0, 1}},
     };
 }
 
