@@ -169,9 +169,9 @@ void ReportCrash(int signal) {
         snprintf(text, sizeof text, "no process ends by SIG%s", sigabbrev_np(signal));
         Check(false, text);
     }
+    raise(signal);  // its action is the default now
 }
 
-// The action holds for one signal. The instruction, or abort, raises it again.
 void ReportCrashes() {
     // A listener that cannot give SIGTERM its default action handles it again and again.
     g_mayOverflow = FailsIn({"sigaction"});
