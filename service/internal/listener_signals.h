@@ -32,8 +32,7 @@ class ListenerSignals {
 
     // For a child, while the signals are blocked: SIGTERM and SIGINT get their default actions,
     // also where the daemon's starter had them ignored, and no signal is blocked any more. The
-    // child's commands inherit the mask. SIGPIPE and
-    // SIGXFSZ stay ignored.
+    // child's commands inherit the mask. SIGPIPE and SIGXFSZ stay ignored.
     void ReleaseInChild();
 
   private:
