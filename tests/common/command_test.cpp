@@ -386,8 +386,11 @@ TEST(ParserCMD, RefusesMoreWordsThanFit) {
         if (fits) {
             EXPECT_EQ(command.substr(10) + "\n", output);
         } else {
-            EXPECT_EQ((Lines{"COMMON:COM_ParserCMD(): [/bin/echo] error : Argument list too long"}),
-                      LogLines(output));
+            const Lines refused{
+                "COMMON:COM_ParserCMD(): [/bin/echo] error : Argument list too long"};
+            EXPECT_EQ(refused, LogLines(output));
+            errno = 0;
+            EXPECT_EQ(refused, CaptureLog([&] { EXPECT_EQ(-1, COM_ParserCMD(command.c_str())); }));
         }
     }
 }

@@ -162,6 +162,20 @@ TEST(StrCaseStr, FindsEveryShortKeyAfterManyNearMisses) {
     }
 }
 
+// Before the match and before the key are the same bytes.
+TEST(StrCaseStr, ComparesNothingBeforeTheKey) {
+    const std::string key = "2====abab";
+    std::string text;
+    for (const size_t misses : {0, 300}) {
+        for (size_t i = 0; i < misses; ++i) {
+            text += "a.B.";
+        }
+        text += "====abab";
+        EXPECT_EQ(text.c_str() + 4 * misses + 4, COM_StrCaseStr(text.c_str(), key.c_str() + 5));
+        text.clear();
+    }
+}
+
 TEST(StrCaseStr, ReadsNothingAfterTheText) {
     const std::string text = "WWW-Authenticate: Digest realm";
     for (size_t length = 0; length <= text.size(); ++length) {

@@ -193,7 +193,9 @@ TEST(Client, ReceivesAReplyInSeveralReadsAfterItsHeader) {
         Take(fd, 21);
         Put(fd, ResultPkg(6).substr(0, 17));
         EXPECT_TRUE(HasRead(fd));
-        Put(fd, ResultPkg(6).substr(17));
+        Put(fd, ResultPkg(6).substr(17, 2));
+        EXPECT_TRUE(HasRead(fd));
+        Put(fd, ResultPkg(6).substr(19));
     }};
     EXPECT_EQ(6, daemon.Ask("true"));
 }
@@ -263,6 +265,13 @@ std::vector<Fault> Faults() {
          [](int fd) {
              TakePkg(fd);
              Put(fd, Sized(1, 100, "A=1"));
+         }},
+        {"SendsNoMoreInsideTheRegisterReply",
+         [](int fd) {
+             TakePkg(fd);
+             Put(fd, Sized(1, 100, "A=1"));
+             shutdown(fd, SHUT_WR);
+             EXPECT_TRUE(AtEnd(fd)) << "the client goes on";
          }},
         {"ClosesAfterTheCommand", [](int fd) { TakeCommand(fd); }},
         {"ClosesInsideTheResult",

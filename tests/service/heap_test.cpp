@@ -156,6 +156,7 @@ TEST(Heap, ResizeKeepsTheContent) {
     auto *block = static_cast<char *>(Resize(nullptr, 10));
     memcpy(block, "123456789", 10);
     EXPECT_EQ(block, Resize(block, 3)) << "a smaller one stays where it is";
+    EXPECT_EQ(block, Resize(block, SizeOf(block))) << "and one of its size";
     auto *larger = static_cast<char *>(Resize(block, 5000));
     EXPECT_STREQ("123456789", larger);
     Blocks blocks;
