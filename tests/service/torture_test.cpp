@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "service/package.h"
 #include "service/support/program.h"
 #include "service/support/wire.h"
 #include "support/emulator.h"
@@ -147,7 +148,9 @@ TEST_F(Torture, PeersThatSendAByteAtATime) {
 
 // The handler of such a peer waits in its write; the others do not notice.
 TEST_F(Torture, PeersThatNeverRead) {
-    const std::string bytes = RegisterPkg(std::string(1000, 'x') + std::string{"=1\0", 3});
+    // Each read of the handler takes one package, the largest, also when several have arrived.
+    const std::string bytes = RegisterPkg(std::string(1133, 'x') + std::string{"=1\0", 3});
+    ASSERT_EQ(size_t{TALVEK_PKG_MAX}, bytes.size());
     std::vector<int> deaf;
     for (int i = 0; i < 10; ++i) {
         const int fd = Connect();
