@@ -198,7 +198,7 @@ TEST(MountTable, LogsAMissingFile) {
 TEST(MountTable, AcceptsAndReturnsNamesWithoutEscapes) {
     WithMounts(
         "/dev/my\\040disk /mnt/a\\040b\\011c\\012d\\134e\\043f ext4 rw 0 0\n"
-        "/dev/sdb \\134\\13\\9400\\400\\ ext4 rw 0 0\n",
+        "/dev/sdb \\134\\13\\9400\\191\\119\\400\\ ext4 rw 0 0\n",
         [] {
             EXPECT_EQ("/mnt/a b\tc\nd\\e#f", MountPointOf("/dev/my disk", 0));
             EXPECT_EQ("/mnt/a b\tc\nd\\e#f", MountPointOf("/dev/my disk", 12));
@@ -207,7 +207,7 @@ TEST(MountTable, AcceptsAndReturnsNamesWithoutEscapes) {
             ASSERT_EQ(0, Dev_GetEntryViaMtab("/mnt/a b\tc\nd\\e#f", &entry));
             EXPECT_STREQ("/dev/my disk", entry.device);
             // Other backslashes are unchanged.
-            EXPECT_EQ("\\\\13\\9400\\400\\", MountPointOf("/dev/sdb", 8));
+            EXPECT_EQ("\\\\13\\9400\\191\\119\\400\\", MountPointOf("/dev/sdb", 8));
         });
 }
 
