@@ -42,7 +42,7 @@ ChildProcess::ChildProcess(const char *path, const std::vector<std::string> &arg
 }
 
 ChildProcess::~ChildProcess() {
-    if (!collected_) {
+    if (!collected_ && pid_ > 0) {
         kill(pid_, SIGKILL);
         Wait();
     }

@@ -360,6 +360,9 @@ Outcome Daemon::Client(const std::string &command) const {
 }
 
 int Daemon::Stop(int signal) {
+    if (pid_ <= 0) {
+        return -1;  // it was not started, and the signal would reach every process
+    }
     kill(pid_, signal);
     if (!Eventually([this] { return Gone(pid_); })) {
         ADD_FAILURE() << "the daemon did not end";
