@@ -100,14 +100,7 @@ TEST(CommandLine, ClientExitsWithTheLowestEightBitsOfAResult) {
     const std::string path = dir / "socket";
     const int listener = ListenAt(path);
     for (const auto &[result, status] : {std::pair{300, 44}, {-1, 255}, {256, 0}}) {
-        std::thread daemon{[listener, result = result] {
-            const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-            TakePkg(fd);
-            Put(fd, RegisterPkg());
-            TakePkg(fd);
-            Put(fd, ResultPkg(result));
-            close(fd);
-        }};
+        std::thread daemon{AnswerOneClient, listener, result};
         EXPECT_EQ(status, RunProgram({"-C", "-f", "true", "-s", path}).exitStatus());
         daemon.join();
     }
