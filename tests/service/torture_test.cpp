@@ -457,6 +457,8 @@ TEST_F(TortureByProcesses, UsedUp) {
     for (const int fd : peers) {
         close(fd);
     }
+    // Until the handlers have ended, there is no process for the good client either.
+    EXPECT_TRUE(Eventually([this] { return daemon_.Children().empty(); }));
 }
 
 // The bomb explodes inside the limit: each shell forks without end, and one that cannot ends.
