@@ -13,6 +13,7 @@ namespace {
 class PlainReader {
   public:
     explicit PlainReader(talvek::fuzz::Bytes bytes) {
+        payload_.reserve(bytes.size());
         for (size_t i = 0, zeros = 0; i < bytes.size(); ++i) {
             if (bytes[i] == 3 && zeros >= 2) {
                 zeros = 0;

@@ -14,6 +14,7 @@ namespace {
 // "=" and two hexadecimal digits are a byte; every other character is itself.
 std::string Decode(const std::string &text) {
     std::string bytes;
+    bytes.reserve(text.size());
     for (size_t i = 0; i < text.size(); ++i) {
         const std::string digits = text[i] == '=' ? text.substr(i + 1, 2) : "";
         if (digits.size() == 2 &&
@@ -42,12 +43,11 @@ FUZZ_TARGET(hex_escape) {
     REQUIRE(COM_DecodeHexEscape(same.get(), same.get()) == count);
     REQUIRE(memcmp(same.get(), out.bytes(), static_cast<size_t>(count)) == 0);
 
-    std::string escaped;
-    for (const uint8_t byte : bytes) {
-        constexpr const char *kDigits = "0123456789ABCDEF";
-        escaped += '=';
-        escaped += kDigits[byte >> 4];
-        escaped += kDigits[byte & 15];
+    constexpr const char *kDigits = "0123456789ABCDEF";
+    std::string escaped(3 * bytes.size(), '=');
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        escaped[3 * i + 1] = kDigits[bytes[i] >> 4];
+        escaped[3 * i + 2] = kDigits[bytes[i] & 15];
     }
     talvek::fuzz::Out back{escaped.size()};
     REQUIRE(COM_DecodeHexEscape(back.text(), escaped.c_str()) == int(bytes.size()));

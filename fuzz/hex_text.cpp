@@ -27,8 +27,7 @@ FUZZ_TARGET(hex_text) {
     close(fd);
 
     talvek::fuzz::World world;
-    world.AddFile("/proc/ide/hda/identify", content);
-    world.AddFile("/proc/ide/hda/smart_values", content);
+    world.AddFiles({"/proc/ide/hda/identify", "/proc/ide/hda/smart_values"}, content);
     world.AddFile("/proc/mounts", {});
     talvek::fuzz::Out serial{DEV_IDE_SERIAL_SIZE};
     talvek::fuzz::Out firmware{DEV_IDE_FIRMWARE_SIZE};

@@ -12,8 +12,7 @@ FUZZ_TARGET(menu_input) {
     const talvek::fuzz::Bytes typed = in.Rest();
     talvek::fuzz::World world;
     world.AddFile("/input", typed);
-    world.AddFile("/proc/mounts", {});
-    world.AddFile("/proc/partitions", {});
+    world.AddFiles({"/proc/mounts", "/proc/partitions"}, {});
     const talvek::fuzz::Drive nothing{in};
     FILE *input = fopen("/input", "r");
     REQUIRE(input != nullptr);

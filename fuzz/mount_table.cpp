@@ -25,9 +25,7 @@ FUZZ_TARGET(mount_table) {
     const talvek::fuzz::Text mountPoint{in.Line()};
     const talvek::fuzz::Bytes table = in.Rest();
     talvek::fuzz::World world;
-    world.AddFile("/proc/mounts", table);
-    world.AddFile("/proc/partitions", table);
-    world.AddFile("/proc/filesystems", table);
+    world.AddFiles({"/proc/mounts", "/proc/partitions", "/proc/filesystems"}, table);
     {
         Out out{DEV_MOUNT_TEXT_SIZE};
         CheckText(out, Dev_nGetMPT(device.get(), out.text(), length));

@@ -34,15 +34,13 @@ FUZZ_TARGET(network_tables) {
     const talvek::fuzz::Text name{in.Line()};
     const talvek::fuzz::Bytes table = in.Piece();
     talvek::fuzz::World world;
-    world.AddFile("/proc/net/route", table);
-    world.AddFile("/proc/net/arp", table);
+    world.AddFiles({"/proc/net/route", "/proc/net/arp"}, table);
     const talvek::fuzz::Bytes resolver = in.Rest();
     world.AddFile("/etc/resolv.conf", resolver);
     if ((which & 0x80) != 0) {
-        for (const char *pPath : {"/etc/resolv.conf.wan", "/mtd1/resolv.conf.wan",
-                                  "/etc/resolv.conf.uplink", "/mtd1/resolv.conf.uplink"}) {
-            world.AddFile(pPath, resolver);
-        }
+        world.AddFiles({"/etc/resolv.conf.wan", "/mtd1/resolv.conf.wan", "/etc/resolv.conf.uplink",
+                        "/mtd1/resolv.conf.uplink"},
+                       resolver);
     }
     talvek::fuzz::Input answers{table};
     const talvek::fuzz::Drive kernel{answers};

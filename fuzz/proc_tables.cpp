@@ -78,12 +78,10 @@ FUZZ_TARGET(proc_tables) {
     const Text pattern{in.Line()};
     const talvek::fuzz::Bytes content = in.Rest();
     talvek::fuzz::World world;
-    for (const char *pPath :
-         {"/proc/bus/pci/devices", "/proc/meminfo", "/proc/net/dev", "/proc/version",
-          "/proc/1/stat", "/proc/1/cmdline", "/proc/tty/driver/usb-serial",
-          "/sys/class/net/eth0/statistics/rx_packets"}) {
-        world.AddFile(pPath, content);
-    }
+    world.AddFiles({"/proc/bus/pci/devices", "/proc/meminfo", "/proc/net/dev", "/proc/version",
+                    "/proc/1/stat", "/proc/1/cmdline", "/proc/tty/driver/usb-serial",
+                    "/sys/class/net/eth0/statistics/rx_packets"},
+                   content);
     world.AddDirectory("/proc", {".", "..", "1", "2", "self"});
     ReadPci(pattern);
     ReadMemory();

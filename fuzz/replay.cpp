@@ -26,9 +26,11 @@ class Replay : public testing::Test {
         ASSERT_TRUE(file.is_open()) << path_;
         const std::string content{std::istreambuf_iterator<char>{file}, {}};
         ASSERT_FALSE(file.bad()) << path_;
+        const talvek::fuzz::Block block{
+            {reinterpret_cast<const uint8_t *>(content.data()), content.size()}};
+        talvek::fuzz::Input in{{block.data(), block.size()}};
         // A finding ends the program; the name of the case is the last line of its output then.
-        talvek::fuzz::Run(target_,
-                          {reinterpret_cast<const uint8_t *>(content.data()), content.size()});
+        target_.run(in);
     }
 
   private:

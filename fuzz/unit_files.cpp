@@ -23,11 +23,9 @@ FUZZ_TARGET(unit_files) {
     const int size = in.U8();
     const talvek::fuzz::Bytes content = in.Rest();
     talvek::fuzz::World world;
-    for (const char *pPath :
-         {"/etc/Model", "/etc/Proj", "/etc/Note", "/etc/Port", "/etc/SVN", "/etc/hostname",
-          "/etc/resolv.conf", "/proc/net/route", "/data", "/data.md5"}) {
-        world.AddFile(pPath, content);
-    }
+    world.AddFiles({"/etc/Model", "/etc/Proj", "/etc/Note", "/etc/Port", "/etc/SVN",
+                    "/etc/hostname", "/etc/resolv.conf", "/proc/net/route", "/data", "/data.md5"},
+                   content);
     talvek::fuzz::Input answers{content};
     const talvek::fuzz::Drive kernel{answers};
     {

@@ -4,6 +4,7 @@
 #include <stdint.h>
 
 #include <bit>
+#include <utility>
 #include <vector>
 
 #include "fuzz/support/input.h"
@@ -33,21 +34,17 @@ class BitWriter {
                     PutCode(in.U32() & 0x7FFFFFFF);
                     break;
                 case 3:
-                    for (const uint8_t byte : in.Take(step >> 2)) {
-                        Put(byte, 8);
-                    }
+                    PutBytes(in.Take(step >> 2));
                     break;
             }
         }
     }
+    // The low bits of a value, at most 32.
     void Put(uint32_t value, int count) {
-        for (int i = count - 1; i >= 0; --i) {
-            if (bits_ % 8 == 0) {
-                bytes_.push_back(0);
-            }
-            bytes_.back() =
-                static_cast<uint8_t>(bytes_.back() | (value >> i & 1) << (7 - bits_ % 8));
-            ++bits_;
+        bits_ = bits_ << count | (value & ((uint64_t{1} << count) - 1));
+        for (waiting_ += count; waiting_ >= 8;) {
+            waiting_ -= 8;
+            bytes_.push_back(static_cast<uint8_t>(bits_ >> waiting_));
         }
     }
     void PutCode(uint32_t number) {
@@ -55,11 +52,22 @@ class BitWriter {
         Put(0, width - 1);
         Put(number + 1, width);
     }
-    [[nodiscard]] std::vector<uint8_t> &bytes() { return bytes_; }
+    void PutBytes(Bytes bytes) {
+        for (const uint8_t byte : bytes) {
+            Put(byte, 8);
+        }
+    }
+    // `size` bytes, zeros after what was put.
+    std::vector<uint8_t> Finish(size_t size) {
+        Put(0, 7);
+        bytes_.resize(size);
+        return std::move(bytes_);
+    }
 
   private:
     std::vector<uint8_t> bytes_;
-    size_t bits_ = 0;
+    uint64_t bits_ = 0;  // the last `waiting_` of them are not in bytes_ yet
+    int waiting_ = 0;
 };
 
 // `size` bytes, zeros after what the input has. The low bit of the first byte takes the rest as it
@@ -69,12 +77,9 @@ inline std::vector<uint8_t> BytesOrBits(Input &in, size_t size, size_t lead = 0)
     if ((in.U8() & 1) != 0) {
         lead = size;
     }
-    for (const uint8_t byte : in.Take(lead)) {
-        writer.Put(byte, 8);
-    }
+    writer.PutBytes(in.Take(lead));
     writer.Build(in, size);
-    writer.bytes().resize(size);
-    return writer.bytes();
+    return writer.Finish(size);
 }
 
 }  // namespace talvek::fuzz

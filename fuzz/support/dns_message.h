@@ -14,7 +14,8 @@ namespace talvek::fuzz {
 //
 //   0   a header of 12 bytes: the identifier and flags of a good response, and three counts below
 //       16
-//   1   a label and its bytes      2   the end of a name      3   a compression pointer to a byte
+//   1   a label and its bytes      2   the end of a name
+//   3   a compression pointer; the step's upper bits are the upper bits of its target
 //   4   an address record without its owner: type, class, time to live, length 4, address
 //   5   a mail exchanger without owner and name: type, class, time to live, length, preference
 //   6   bytes as they are          7   one byte at any place of the message is replaced
@@ -25,7 +26,8 @@ inline std::vector<uint8_t> BuildDnsMessage(Input &in) {
         message.insert(message.end(), bytes.begin(), bytes.end());
     };
     while (!in.empty() && message.size() < kMost) {
-        switch (in.U8() % 8) {
+        const uint8_t step = in.U8();
+        switch (step % 8) {
             case 0: {
                 const uint8_t answers = in.U8() % 16;
                 const uint8_t authorities = in.U8() % 16;
@@ -44,7 +46,7 @@ inline std::vector<uint8_t> BuildDnsMessage(Input &in) {
                 message.push_back(0);
                 break;
             case 3:
-                message.push_back(0xC0);
+                message.push_back(static_cast<uint8_t>(0xC0 | step >> 3));
                 message.push_back(in.U8());
                 break;
             case 4:

@@ -54,11 +54,9 @@ int Drive::Execute(void *pArg) {
     auto &hdr = *static_cast<sg_io_hdr_t *>(pArg);
     REQUIRE(++requests <= kMaxRequests);
     REQUIRE(hdr.interface_id == 'S' && hdr.timeout > 0);
-    // The driver would write as much as is announced.
-    if (hdr.dxfer_direction == SG_DXFER_FROM_DEV) {
-        memset(hdr.dxferp, 0, hdr.dxfer_len);
-    }
-    memset(hdr.sbp, 0, hdr.mx_sb_len);
+    // The driver may write as much as is announced, and what it does not write reads as 0.
+    REQUIRE(hdr.dxfer_direction != SG_DXFER_FROM_DEV || IsFilled(hdr.dxferp, hdr.dxfer_len, 0));
+    REQUIRE(IsFilled(hdr.sbp, hdr.mx_sb_len, 0));
     const int behaviour = in_.U8();
     const Bytes piece = in_.Piece();
     hdr.info = 0;

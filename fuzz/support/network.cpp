@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "fuzz/support/oracle.h"
@@ -83,19 +84,26 @@ Internet::~Internet() {
 }
 
 void Internet::Receive(Input &in) {
+    constexpr uint16_t kFails = 0xFF00;
+    constexpr int kErrors[] = {EAGAIN, EINTR, ECONNREFUSED, ECONNRESET, ENOMEM};
     while (!in.empty()) {
-        const Bytes piece = in.Piece();
-        pieces.emplace_back(piece.begin(), piece.end());
+        const uint16_t length = in.U16();
+        if (length >= kFails) {
+            pieces.push_back({{}, kErrors[length % std::size(kErrors)]});
+        } else {
+            const Bytes piece = in.Take(length);
+            pieces.push_back({{piece.begin(), piece.end()}, 0});
+        }
     }
 }
 
-std::vector<uint8_t> Internet::Next() {
-    std::vector<uint8_t> piece;
+Internet::Piece Internet::Next() {
+    Piece piece = {};
     if (!pieces.empty()) {
         piece = std::move(pieces.front());
         pieces.pop_front();
         if (alter_ != nullptr) {
-            alter_(piece, sent);
+            alter_(piece.bytes, sent);
         }
     }
     return piece;
@@ -152,9 +160,13 @@ CAUGHT(ssize_t, recvfrom,
     if (g_internet == nullptr) {
         return REAL(recvfrom)(fd, pBytes, size, flags, pFrom, pFromSize);
     }
-    const std::vector<uint8_t> piece = g_internet->Next();
-    const size_t count = std::min(size, piece.size());
-    std::copy_n(piece.begin(), count, static_cast<uint8_t *>(pBytes));
+    const talvek::fuzz::Internet::Piece piece = g_internet->Next();
+    if (piece.error != 0) {
+        errno = piece.error;
+        return -1;
+    }
+    const size_t count = std::min(size, piece.bytes.size());
+    std::copy_n(piece.bytes.begin(), count, static_cast<uint8_t *>(pBytes));
     return static_cast<ssize_t>(count);
 }
 

@@ -50,17 +50,22 @@ class Internet {
     Internet(const Internet &) = delete;
     Internet &operator=(const Internet &) = delete;
 
-    // The pieces of the input, each after its length of two bytes.
+    // The pieces of the input, each after its length of two bytes. A length from 0xFF00 on is that
+    // of no piece: the receive fails.
     void Receive(Input &in);
 
-    std::deque<std::vector<uint8_t>> pieces;
+    struct Piece {
+        std::vector<uint8_t> bytes;
+        int error;  // errno of a receive that fails, or 0
+    };
+    std::deque<Piece> pieces;
     std::vector<uint8_t> sent;  // the last message
     int sends = 0;
     int64_t now = int64_t{1000000000} * 1000;  // ns
     int64_t waited = 0;                        // ns
 
     // For the calls that are caught.
-    std::vector<uint8_t> Next();
+    Piece Next();
 
   private:
     Alter alter_;

@@ -22,6 +22,12 @@ namespace talvek::fuzz {
         }                                                         \
     } while (false)
 
+// Whether all bytes of a block have the same value.
+inline bool IsFilled(const void *pBlock, size_t size, uint8_t fill) {
+    const auto *bytes = static_cast<const uint8_t *>(pBlock);
+    return size == 0 || (bytes[0] == fill && memcmp(bytes, bytes + 1, size - 1) == 0);
+}
+
 // A caller's output buffer of exactly `size` bytes, between canaries. With AddressSanitizer the
 // canaries cannot be touched at all; without it their content is checked at the end.
 class Out {
@@ -36,9 +42,8 @@ class Out {
     }
     ~Out() {
         ASAN_UNPOISON_MEMORY_REGION(block_, kMargin + size_ + kMargin);
-        for (size_t i = 0; i < kMargin; ++i) {
-            REQUIRE(block_[i] == kCanary && bytes()[size_ + i] == kCanary);
-        }
+        REQUIRE(IsFilled(block_, kMargin, kCanary));
+        REQUIRE(IsFilled(bytes() + size_, kMargin, kCanary));
         free(block_);
     }
     Out(const Out &) = delete;
@@ -52,12 +57,7 @@ class Out {
     [[nodiscard]] bool IsText() const { return memchr(bytes(), 0, size_) != nullptr; }
     // Whether no byte from `offset` on was written.
     [[nodiscard]] bool Untouched(uint8_t fill = 0xA5, size_t offset = 0) const {
-        for (size_t i = offset; i < size_; ++i) {
-            if (bytes()[i] != fill) {
-                return false;
-            }
-        }
-        return true;
+        return offset >= size_ || IsFilled(bytes() + offset, size_ - offset, fill);
     }
 
   private:

@@ -22,12 +22,6 @@ Target *Targets() {
     return g_first;
 }
 
-void Run(const Target &target, Bytes bytes) {
-    const Block exact{bytes};
-    Input in{{exact.data(), exact.size()}};
-    target.run(in);
-}
-
 void Fail(const char *pFile, int line, const char *pWhat) {
     // Not through stderr: a target may have redirected it.
     dprintf(STDERR_FILENO, "%s:%d: does not hold: %s\n", pFile, line, pWhat);

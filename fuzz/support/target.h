@@ -18,8 +18,6 @@ struct Target {
 // The targets of this program; NULL ends them.
 Target *Targets();
 
-void Run(const Target &target, Bytes bytes);
-
 }  // namespace talvek::fuzz
 
 // Defines the target of a file; the name is that of the file.

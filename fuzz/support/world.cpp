@@ -66,13 +66,16 @@ World::World() : stderr_(stderr) {
 World::~World() {
     g_world = nullptr;
     stderr = stderr_;
-    for (const File &file : files_) {
-        close(file.fd);
+    for (const int fd : fds_) {
+        close(fd);
     }
 }
 
-void World::AddFile(const char *pPath, Bytes content) {
-    files_.push_back({pPath, OpenMemory(content)});
+void World::AddFiles(std::initializer_list<const char *> paths, Bytes content) {
+    fds_.push_back(OpenMemory(content));
+    for (const char *pPath : paths) {
+        files_.push_back({pPath, fds_.back()});
+    }
 }
 
 void World::AddDirectory(const char *pPath, std::vector<std::string> names) {

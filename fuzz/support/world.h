@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <sys/statfs.h>
 
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -26,7 +27,9 @@ class World {
     World(const World &) = delete;
     World &operator=(const World &) = delete;
 
-    void AddFile(const char *pPath, Bytes content);
+    void AddFile(const char *pPath, Bytes content) { AddFiles({pPath}, content); }
+    // Files with the same content, which are links to one file.
+    void AddFiles(std::initializer_list<const char *> paths, Bytes content);
     void AddDirectory(const char *pPath, std::vector<std::string> names);
     // The content of a file that was added.
     [[nodiscard]] std::vector<uint8_t> Content(const char *pPath) const;
@@ -53,6 +56,7 @@ class World {
 
   private:
     std::vector<File> files_;
+    std::vector<int> fds_;
     std::vector<Directory> directories_;
     FILE *stderr_;
 };
