@@ -60,10 +60,12 @@ TEST(ByteReader, CopiesAllOrZeros) {
     uint8_t copied[3] = {9, 9, 9};
     EXPECT_TRUE(reader.Copy(1, copied, 2));
     EXPECT_EQ((std::vector<uint8_t>{2, 3, 9}), std::vector<uint8_t>(copied, copied + 3));
+    EXPECT_TRUE(reader.Copy(0, copied + 2, 1));
+    EXPECT_EQ(1, copied[2]);
     EXPECT_TRUE(reader.Copy(3, copied, 0));
     EXPECT_FALSE(reader.failed());
     EXPECT_FALSE(reader.Copy(2, copied, 2));
-    EXPECT_EQ((std::vector<uint8_t>{0, 0, 9}), std::vector<uint8_t>(copied, copied + 3));
+    EXPECT_EQ((std::vector<uint8_t>{0, 0, 1}), std::vector<uint8_t>(copied, copied + 3));
     EXPECT_TRUE(reader.failed());
     BigEndianReader none{nullptr, 0};
     EXPECT_TRUE(none.Copy(0, copied, 0));

@@ -24,7 +24,8 @@ TEST(ByteWriter, WritesBothByteOrders) {
     little.U32(3, 0x84050607);
     EXPECT_EQ(0, memcmp(bytes, "\x81\x03\x02\x07\x06\x05\x84", 7));
     little.Copy(5, "xy", 2);
-    EXPECT_EQ(0, memcmp(bytes + 5, "xy", 2));
+    little.Copy(4, "w", 1);
+    EXPECT_EQ(0, memcmp(bytes + 4, "wxy", 3));
     EXPECT_FALSE(big.failed() || little.failed());
 }
 

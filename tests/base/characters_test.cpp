@@ -1,4 +1,4 @@
-// Case-insensitive comparison in a program whose locale folds case differently from ASCII.
+// Characters, also in a program whose locale folds case differently from ASCII.
 
 #include "base/characters.h"
 
@@ -30,6 +30,17 @@ TEST(Characters, FoldsTheTwentySixLettersAlone) {
         const char c = static_cast<char>(code);
         const bool upper = code >= 0x41 && code <= 0x5A;
         EXPECT_EQ(upper ? static_cast<char>(code + 0x20) : c, talvek::LowerCase(c)) << code;
+    }
+}
+
+TEST(Characters, AreClassifiedAsInTheCLocale) {
+    for (int code = 0; code < 256; ++code) {
+        const char c = static_cast<char>(code);
+        EXPECT_EQ(isdigit(code) != 0, talvek::IsDigit(c)) << code;
+        EXPECT_EQ(isalpha(code) != 0, talvek::IsLetter(c)) << code;
+        EXPECT_EQ(isspace(code) != 0, talvek::IsSpace(c)) << code;
+        const int value = isxdigit(code) != 0 ? std::stoi(std::string(1, c), nullptr, 16) : -1;
+        EXPECT_EQ(value, talvek::HexValue(c)) << code;
     }
 }
 

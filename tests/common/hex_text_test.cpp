@@ -110,8 +110,12 @@ TEST(ReadHexData, ReadsFilesOfAnySize) {
 TEST(ReadHexData, RefusesMoreThanAMebibyte) {
     EXPECT_EQ(kMaxFile - 1, TextOf(std::string(kMaxFile - 1, 'f')).size());
     EXPECT_EQ(kMaxFile, TextOf(std::string(kMaxFile, 'f')).size());
-    for (const char filler : {'f', ' '}) {
-        const MemoryFile file{std::string(kMaxFile + 1, filler)};
+    // After 4094 digits, one more has room in the first block: the blanks are read one by one.
+    const std::string digits(4094, 'f');
+    for (const std::string &content :
+         {std::string(kMaxFile + 1, 'f'), std::string(kMaxFile + 1, ' '),
+          digits + std::string(kMaxFile + 1 - digits.size(), ' ')}) {
+        const MemoryFile file{content};
         EXPECT_EQ(Lines{"COMMON:COM_ReadHexDataInStrFormat(): read(" + std::to_string(file.fd()) +
                         ") error : File too large"},
                   CaptureLog([&] { EXPECT_EQ(kNothing, TextOf(file.fd())); }));

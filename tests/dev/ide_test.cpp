@@ -288,6 +288,9 @@ TEST(IdViaMount, FillsTheOutputsThatAreGiven) {
         char firmware[DEV_IDE_FIRMWARE_SIZE];
         EXPECT_EQ(0, Dev_GetIDViaMount("/whole", nullptr, firmware, nullptr));
         EXPECT_EQ(kFirmware, firmware);
+        char serial[DEV_IDE_SERIAL_SIZE];
+        EXPECT_EQ(0, Dev_GetIDViaMount("/whole", serial, nullptr, nullptr));
+        EXPECT_EQ(Filled(kSerial, 20), serial);
     });
 }
 

@@ -160,6 +160,16 @@ TEST(GetEntryViaMtab, ReturnsTheWholeEntry) {
         });
 }
 
+TEST(GetEntryViaMtab, FindsTheRootDirectory) {
+    WithMounts(kMountLines, [] {
+        for (const char *pRoot : {"/", "//", "///"}) {
+            tMountEntry entry;
+            ASSERT_EQ(0, Dev_GetEntryViaMtab(pRoot, &entry)) << pRoot;
+            EXPECT_STREQ("/dev/sdc2", entry.device);
+        }
+    });
+}
+
 TEST(GetEntryViaMtab, RefusesNullPointers) {
     tMountEntry entry;
     const Lines lines = CaptureLog([&] {
@@ -337,6 +347,17 @@ TEST(CheckPartition, DoesNotFindOtherNames) {
                 }
                 EXPECT_EQ(-1, Dev_CheckPartition(nullptr));
             }));
+    });
+}
+
+TEST(CheckPartition, SkipsLinesWithoutThreeNumbers) {
+    const std::string list =
+        "8 0 sda\n8 0 100sdb\n8 x 100 sdc\n8 0 100 1 sdd\n8\t0\t100\tsde\tsdf\n";
+    WithProc("", list, [] {
+        for (const char *pName : {"sda", "sdb", "sdc", "sdd", "sdf"}) {
+            EXPECT_EQ(-1, Dev_CheckPartition(pName)) << pName;
+        }
+        EXPECT_EQ(0, Dev_CheckPartition("sde"));
     });
 }
 

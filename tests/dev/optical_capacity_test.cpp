@@ -43,6 +43,7 @@ bool IsMounted(const std::string &dir) {
 TEST(RewritableCapacity, MountsTheDriveForReading) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
+        umask(0);
         for (const Measure &item : kMeasures) {
             g_isoMounts.clear();
             TakePauses();
@@ -60,6 +61,7 @@ TEST(RewritableCapacity, MountsTheDriveForReading) {
             EXPECT_EQ(std::vector<double>{1.0}, TakePauses());
             struct stat st = {};
             EXPECT_EQ(0, stat(item.dir, &st)) << "the directory stays";
+            EXPECT_EQ(mode_t{S_IFDIR | 0755}, st.st_mode);
         }
     });
 }
