@@ -323,6 +323,18 @@ std::string Printed(const std::string &arguments) {
     return Capture([&] { EXPECT_EQ(0, COM_System(command.text(), nullptr)); });
 }
 
+// In a child: a program that is executed would replace this one and end it with success.
+int ParserCmd(const char *pCmd) {
+    constexpr int kRefused = 77;
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(COM_ParserCMD(pCmd) == -1 ? kRefused : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    return status == ExitWith(kRefused) ? -1 : 0;
+}
+
 TEST(ParserCMD, SplitsAtBlanksAlone) {
     EXPECT_EQ("<a><b>", Printed(" a b"));
     EXPECT_EQ("<a><b>", Printed(" a b ")) << "a blank after the last word";
@@ -345,11 +357,11 @@ TEST(ParserCMD, TakesACommandOfBlanksAsOneEmptyWord) {
     for (const char *pCmd : {"", " ", "     "}) {
         const GuardedCopy command{pCmd};
         EXPECT_EQ((Lines{"COMMON:COM_ParserCMD(): [] error : No such file or directory"}),
-                  CaptureLog([&] { EXPECT_EQ(-1, COM_ParserCMD(command.text())); }));
+                  CaptureLog([&] { EXPECT_EQ(-1, ParserCmd(command.text())); }));
         Capture([&] { EXPECT_EQ(ExitWith(127), COM_System(command.text(), nullptr)); });
     }
     EXPECT_EQ((Lines{"COMMON:COM_ParserCMD(): pCMD == NULL"}),
-              CaptureLog([] { EXPECT_EQ(-1, COM_ParserCMD(nullptr)); }));
+              CaptureLog([] { EXPECT_EQ(-1, ParserCmd(nullptr)); }));
 }
 
 // A word has up to 127 characters and the NUL.
@@ -369,7 +381,7 @@ TEST(ParserCMD, RefusesAWordThatDoesNotFit) {
     }
     const std::string path = "/bin/../" + std::string(120 - 3, '/') + "bin/echo";
     EXPECT_EQ((Lines{"COMMON:COM_ParserCMD(): [" + path + "] error : Argument list too long"}),
-              CaptureLog([&] { EXPECT_EQ(-1, COM_ParserCMD(path.c_str())); }));
+              CaptureLog([&] { EXPECT_EQ(-1, ParserCmd(path.c_str())); }));
 }
 
 // 128 pointers, the NULL after the last word included: 127 words.
@@ -390,7 +402,7 @@ TEST(ParserCMD, RefusesMoreWordsThanFit) {
                 "COMMON:COM_ParserCMD(): [/bin/echo] error : Argument list too long"};
             EXPECT_EQ(refused, LogLines(output));
             errno = 0;
-            EXPECT_EQ(refused, CaptureLog([&] { EXPECT_EQ(-1, COM_ParserCMD(command.c_str())); }));
+            EXPECT_EQ(refused, CaptureLog([&] { EXPECT_EQ(-1, ParserCmd(command.c_str())); }));
         }
     }
 }

@@ -950,7 +950,7 @@ TEST_F(ReplaceItemsInFile, AppendsOnlyWhatIsUnmatchedAndNotEmpty) {
     Run("a=1\n", [] {
         tFileItem used = Item("u=", "u=0");
         used.key_len = 0;
-        EXPECT_EQ(2, Edit({Item("a=", "a=one"), Item("b=", ""), used, Item("c=", "c=3")}, kAppend));
+        EXPECT_EQ(2, Edit({Item("a=", "a=one"), Item("b=", ""), used, Item("c", "c=3")}, kAppend));
         EXPECT_EQ("a=one\nc=3\n", ReadFile(kFile));
     });
 }

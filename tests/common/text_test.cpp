@@ -438,6 +438,17 @@ TEST(GetLineAfterKey, ReturnsTheLineInANewBlock) {
     free(line);
 }
 
+TEST(GetLineAfterKey, ReturnsABlockWithoutSpareRoom) {
+    const std::string value(10000, 'v');
+    char *line = nullptr;
+    EXPECT_NE(nullptr, COM_GetLineAfterKey(("k=" + value + "\n").c_str(), "k=", &line));
+    EXPECT_EQ(value, line);
+#if !defined(__SANITIZE_ADDRESS__)
+    EXPECT_LT(malloc_usable_size(line), 10001u + 64);
+#endif
+    free(line);
+}
+
 TEST(GetLineAfterKey, FailsForAMissingKeyAnEmptyOrAnUnfinishedLine) {
     for (const char *pText : {"", "k=", "k=abc", "k=\n", "k=\r\nx\n", "x=a\n"}) {
         char *line = nullptr;

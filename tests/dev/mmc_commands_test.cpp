@@ -496,6 +496,18 @@ TEST_F(ReadFormatCapacity, ReadsDescriptorsThatDidNotArriveAsZero) {
     EXPECT_EQ(0U, TotalKB(3, 3));
 }
 
+// The second request has the length of the first reply, here two formattable descriptors.
+TEST_F(ReadFormatCapacity, CountsTheDescriptorsOfTheSecondReply) {
+    const Bytes longList = CapacityList(
+        24, {Descriptor(9, 2, 2048), Descriptor(100, 0x00, 2048), Descriptor(200, 0x00, 2048)});
+    Bytes shortList = longList;
+    shortList[3] = 16;
+    drive_.Reply(0x23, shortList);
+    drive_.Next(0x23, SgAnswer::Data(longList));
+    EXPECT_EQ(200U, TotalKB(4, 3));
+    EXPECT_EQ(28U, drive_.requests.back().length);
+}
+
 class ReadBufferCapacity : public DiscTest {};
 
 TEST_F(ReadBufferCapacity, RoundsUpToWholeMebibytes) {

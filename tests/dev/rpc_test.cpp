@@ -728,7 +728,10 @@ TEST(Call, ComesFromAPortBelow1024) {
 TEST(Call, FindsTheOneFreePortBelow1024) {
     WithLoopback([] {
         RpcPeer peer{SOCK_DGRAM, kPort, RpcPeer::Accept};
-        for (const in_port_t only : {in_port_t{600}, in_port_t{777}, in_port_t{1023}}) {
+        // The search begins at a port that depends on the clock.
+        const PretendedTime time;
+        constexpr auto kTriedFirst = static_cast<in_port_t>(600 + PretendedTime::kStart % 424);
+        for (const in_port_t only : {in_port_t{600}, kTriedFirst, in_port_t{1023}}) {
             const std::vector<int> sockets = Occupy(600, 1023, only);
             EXPECT_EQ(RPC_SUCCESS, CallServer(SOCK_DGRAM).status);
             EXPECT_EQ(only, peer.sourcePort());

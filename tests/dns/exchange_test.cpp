@@ -522,11 +522,13 @@ TEST(SendAQuery, DoesNotSpinOnASocketThatIsReadableAndEmpty) {
     InNetwork([] {
         const int fd = Socket();
         shutdown(fd, SHUT_RD);
+        const Pretend pretend;
         const Outcome outcome = Ask(DNS_SendAQuery, fd, INT_MAX);
         EXPECT_EQ(-1, outcome.result);
         EXPECT_EQ(
             Lines{"DNS:DNS_SendAQuery(): recvfrom() error : Resource temporarily unavailable"},
             outcome.log);
+        EXPECT_EQ(1u + 17, pretend.waits.size()) << "one to send, and one for each read";
     });
 }
 

@@ -44,12 +44,13 @@
 
 namespace {
 
-// For a daemon in a child of this program: the calls of accept4 that fail or raise a signal, and
-// what it did. In shared memory.
+// For a daemon in a child of this program: the calls that fail or raise a signal, and what it did.
+// In shared memory.
 struct Script {
     int failingAccepts = 0;
     int acceptError = 0;
     int signalAfterAccept = 0;
+    int signalAfterBind = 0;
 
     unsigned addressRoom = 0;  // bytes for the client's address
     int rounds = 0;
@@ -91,6 +92,8 @@ extern "C" {
 int __wrap_TALVEK_DaemonHandler(tTalvekClient *pClient);
 int __real_accept4(int fd, sockaddr *pPeer, socklen_t *pLength, int flags);
 int __wrap_accept4(int fd, sockaddr *pPeer, socklen_t *pLength, int flags);
+int __real_bind(int fd, const sockaddr *pAddress, socklen_t length);
+int __wrap_bind(int fd, const sockaddr *pAddress, socklen_t length);
 int __real_COM_CloseFd(int *pFd);
 int __wrap_COM_CloseFd(int *pFd);
 int REAL_NANOSLEEP(const timespec *pTime, timespec *pLeft);
@@ -111,6 +114,14 @@ int __wrap_accept4(int fd, sockaddr *pPeer, socklen_t *pLength, int flags) {
         raise(g_script->signalAfterAccept);
     }
     return client;
+}
+
+int __wrap_bind(int fd, const sockaddr *pAddress, socklen_t length) {
+    const int result = __real_bind(fd, pAddress, length);
+    if (g_scripted && result == 0 && g_script->signalAfterBind != 0) {
+        raise(g_script->signalAfterBind);
+    }
+    return result;
 }
 
 int __wrap_COM_CloseFd(int *pFd) {
@@ -1100,6 +1111,14 @@ TEST_F(ScriptedDaemon, ClosesTheConnectionBeforeItLogsTheForkWhenTheLogIsStalled
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, ScriptedDaemon, ::testing::Values(SIGTERM, SIGINT), kSignalName);
+
+// The signal arrives before the daemon has noted that the socket is its own.
+TEST_P(ScriptedDaemon, RemovesASocketThatItHasBoundBeforeASignalEndsIt) {
+    g_script->signalAfterBind = GetParam();
+    Start();
+    EXPECT_TRUE(EndedBy(WaitFor(pid_), GetParam()));
+    EXPECT_FALSE(Exists(path()));
+}
 
 // The signal arrives between accept and fork.
 TEST_P(ScriptedDaemon, ServesAClientThatItHasAcceptedBeforeASignalEndsIt) {

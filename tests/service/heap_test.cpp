@@ -127,7 +127,14 @@ TEST(Heap, WhatDoesNotFitHasAMappingOfItsOwn) {
     auto *larger = static_cast<char *>(Resize(large, 100 * kSize));
     ASSERT_NE(nullptr, larger);
     EXPECT_EQ(static_cast<ptrdiff_t>(kSize), std::count(larger, larger + kSize, 'x'));
+    // The middle of the mapping, at the start of a page.
+    char *inside = larger + 50 * kSize;
+    inside -= reinterpret_cast<uintptr_t>(inside) % static_cast<uintptr_t>(getpagesize());
+    unsigned char resident = 0;
+    EXPECT_EQ(0, mincore(inside, 1, &resident)) << "mapped";
     Release(larger);
+    EXPECT_EQ(-1, mincore(inside, 1, &resident)) << "not mapped any more";
+    EXPECT_EQ(ENOMEM, errno);
 }
 
 TEST(Heap, RefusesMoreThanThereCanBe) {
