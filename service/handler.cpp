@@ -175,11 +175,15 @@ int SystemWithDefaultSignals(const char *pCommand) {
     const WriteSignals defaults{SIG_DFL};
     errno = 0;
     const int status = system(pCommand);
-    // A shell that cannot be executed counts as one that exits with 127 (POSIX); musl's system
-    // fails instead.
+    // The C libraries differ on a shell that cannot be started: glibc's system counts it as one that
+    // exits with 127, musl's fails. POSIX: it fails when no process can be made, and the status is
+    // 127 when the shell cannot be executed.
     constexpr int kShellExits127 = 127 << 8;
+    if (status == kShellExits127 && (errno == EAGAIN || errno == ENOMEM)) {
+        return -1;
+    }
     const bool notExecuted =
-        status == -1 && (errno == ENOENT || errno == EACCES || errno == ENOEXEC);
+        status == -1 && (errno == ENOENT || errno == EACCES || errno == ENOEXEC || errno == E2BIG);
     return notExecuted ? kShellExits127 : status;
 }
 

@@ -22,6 +22,7 @@
 #include "service/support/waits.h"
 #include "service/support/wire.h"
 #include "support/capture.h"
+#include "support/emulator.h"
 #include "support/private_world.h"
 #include "support/temp_dir.h"
 
@@ -571,6 +572,33 @@ TEST_F(RunCommand, ReturnsTheExitStatus) {
 TEST_F(RunCommand, ReportsACommandThatWasKilled) {
     EXPECT_EQ("child process should not terminated normally WIFEXITED(ret) = 0\n",
               Capture([] { EXPECT_EQ(-1, TALVEK_RunCommand("kill -KILL $$")); }));
+}
+
+// With the C library of this test. What musl does is simulated in service_fault_test.
+TEST_F(RunCommand, ReportsThatNoProcessCouldBeMade) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "needs root, to become a user without other processes";
+    }
+    if (Emulated()) {
+        GTEST_SKIP() << "the threads of an emulator count as processes";
+    }
+    EXPECT_EQ(
+        "some error is occured in that shell command\n"
+        "child process should not terminated normally WIFEXITED(ret) = 0\n",
+        Capture([] {
+            const pid_t caller = fork();
+            if (caller == 0) {
+                BecomeUserWith(1);
+                _exit(TALVEK_RunCommand("exit 3") == -1 ? 0 : 1);
+            }
+            EXPECT_EQ(0, WaitFor(caller));
+        }));
+}
+
+TEST_F(RunCommand, Returns127WhenTheShellCannotTakeItsEnvironment) {
+    setenv("LONG", std::string(200'000, 'x').c_str(), 1);  // Linux: one string of 128 KiB at most
+    EXPECT_EQ("", Capture([] { EXPECT_EQ(127, TALVEK_RunCommand("exit 3")); }));
+    unsetenv("LONG");
 }
 
 TEST_F(RunCommand, RunsNothingForNull) {
