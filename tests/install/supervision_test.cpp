@@ -217,6 +217,46 @@ $init stop || fail stop
 )sh"));
 }
 
+// A later daemon takes the path. The kernel lists both sockets with it.
+TEST_F(InitScript, ListenerFindsTheDaemonThatWasStartedLast) {
+    EXPECT_EQ("", Run(R"sh(
+listener=/usr/local/libexec/talvek-listener
+talvek -D >/tmp/0
+$listener /var/run/TALVEK 60 >/dev/null || fail "the first daemon"
+for i in 1 2 3 4 5 6; do
+    talvek -D >/tmp/$i
+    last=$(own_pid /tmp/$i)
+    tries=600
+    until [ "$(grep -c ' /var/run/TALVEK$' /proc/net/unix)" = $((i + 1)) ]; do
+        tries=$((tries - 1))
+        [ $tries -gt 0 ] || fail "daemon $i does not listen"
+        sleep 0.1
+    done
+    found=$($listener /var/run/TALVEK)
+    [ "$found" = "$last" ] || fail "$found found, not $last"
+done
+)sh"));
+}
+
+// Where sleep takes no fractions, a wait has no more pauses of a second than it has seconds.
+TEST_F(InitScript, ListenerWaitsForSoManySeconds) {
+    EXPECT_EQ("status 1", Run(R"sh(
+code=0
+(
+    sleep() {
+        [ "$1" = 1 ] || return 1
+        echo >>/tmp/pauses
+        busybox sleep 1
+    }
+    set -- /run/nobody 3
+    . /usr/local/libexec/talvek-listener
+) || code=$?
+echo "status $code"
+pauses=$(wc -l </tmp/pauses)
+[ "$pauses" -ge 1 ] && [ "$pauses" -le 3 ] || fail "$pauses pauses"
+)sh"));
+}
+
 TEST_F(InitScript, ItsLogIsRotatedUnderTheDaemon) {
     const std::string log = root() + "/var/log/talvek.log";
     const std::string rules = root() + "/rules";
