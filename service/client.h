@@ -27,7 +27,9 @@ extern "C" {
  * a status: the daemon closed the connection, sent something other than a reply, or could not be
  * written to. Of these only a bad header is logged.
  *
- * Waits for as long as the command runs. Calls in several threads run one after another. */
+ * Waits for as long as the command runs. A signal that runs a handler in this thread can end the
+ * call with one of these failures. A command that the daemon has received runs to its end all the
+ * same. Calls in several threads run one after another. */
 int TALVEK_Client(const char *pSocketPath, const char *pCommand);
 
 #ifdef __cplusplus

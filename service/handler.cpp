@@ -175,9 +175,9 @@ int SystemWithDefaultSignals(const char *pCommand) {
     const WriteSignals defaults{SIG_DFL};
     errno = 0;
     const int status = system(pCommand);
-    // The C libraries differ on a shell that cannot be started: glibc's system counts it as one that
-    // exits with 127, musl's fails. POSIX: it fails when no process can be made, and the status is
-    // 127 when the shell cannot be executed.
+    // For a shell that cannot be started, glibc's system returns the status 127, and musl's fails.
+    // POSIX: it fails when no process can be made, and the status is 127 when the shell cannot be
+    // executed.
     constexpr int kShellExits127 = 127 << 8;
     if (status == kShellExits127 && (errno == EAGAIN || errno == ENOMEM)) {
         return -1;

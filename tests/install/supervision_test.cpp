@@ -100,7 +100,7 @@ TEST_F(InitScript, AdmitsTheGroupThatIsSetUp) {
               "root:x:0:\nmember:x:1001:\nstranger:x:1002:\ncallers:x:1003:member\n");
     EXPECT_EQ(
         "member 255\nstranger 255\nmember 6\nstranger 255\nsocket srwxrwx--- root callers\n"
-        "a file of a command -rw-rw----",
+        "a file of a command -rw-rw----\nthe log -rw-------",
         Run(R"sh(
 ask() {
     code=0
@@ -119,6 +119,7 @@ ask stranger
 [ ! -e /tmp/stranger ] || fail "a stranger called"
 echo "socket $(ls -l /var/run/TALVEK | awk '{ print $1, $3, $4 }')"
 echo "a file of a command $(ls -l /tmp/member | awk '{ print $1 }')"
+echo "the log $(ls -l /var/log/talvek.log | awk '{ print $1 }')"
 $init stop || fail stop
 )sh"));
 }

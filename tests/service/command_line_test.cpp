@@ -320,6 +320,24 @@ TEST(CommandLine, DaemonStaysInItsDirectoryAndSession) {
     EXPECT_EQ(getsid(0), getsid(daemon.pid()));
 }
 
+TEST(CommandLine, CommandsInheritTheDaemonsInputDescriptorsAndProcessGroup) {
+    const TempDir dir;
+    WriteFile(dir / "input", "20 1\n");
+    WriteFile(dir / "other", "21\n");
+    Daemon::Options options;
+    options.prepare = [&] {
+        setpgid(0, 0);
+        dup2(open((dir / "input").c_str(), O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+        dup2(open((dir / "other").c_str(), O_RDONLY | O_CLOEXEC), 7);
+    };
+    Daemon daemon{options};
+    EXPECT_EQ(20, daemon.Client("read status rest; exit $status").exitStatus());
+    EXPECT_EQ(21, daemon.Client("read status <&7; exit $status").exitStatus());
+    EXPECT_EQ(1, daemon.Client("kill 0").exitStatus()) << "its handler gets the signal too";
+    EXPECT_TRUE(EndedBy(daemon.Stop(0), SIGTERM)) << "and the daemon";
+    EXPECT_NE(0, access(daemon.socket().c_str(), F_OK));
+}
+
 void CloseStandardStreams() {
     close(0);
     close(1);
