@@ -161,7 +161,7 @@ bool Listener::ServeClient() {
         COM_CloseFd(&client_.fd);
     }
     LOG_PLAIN("PID[%d][%d] fork() to handle client()\n", client_.daemon_pid, child);
-    COM_CloseFd(&client_.fd);  // a second time it does nothing
+    COM_CloseFd(&client_.fd);  // does nothing if it is closed
     return false;
 }
 

@@ -169,8 +169,8 @@ Connection::Next Connection::Reply(uint16_t sn) {
 
 // The service ignores SIGPIPE and SIGXFSZ; commands expect their default actions.
 int SystemWithDefaultSignals(const char *pCommand) {
-    // What was printed before the command must precede its output. Such a write of the service
-    // itself must not raise the signals.
+    // What was printed before the command must precede its output. It is written while the signals
+    // are still ignored.
     fflush(stdout);
     const WriteSignals defaults{SIG_DFL};
     errno = 0;

@@ -92,8 +92,8 @@ bool OpenMissingStandardStreams() {
     return true;
 }
 
-// The lines about the options must not end a daemon's start when nobody can read them. A client and
-// its other lines have the caller's actions.
+// Lines about the options come before the mode is known, and a daemon must start although nobody can
+// read them. From then on a client has the caller's actions.
 Options ReadOptions(int argc, char **argv) {
     const WriteSignals ignored{SIG_IGN};
     return Options{argc, argv};

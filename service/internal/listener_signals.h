@@ -27,7 +27,7 @@ class ListenerSignals {
     void Block() const;
     void Unblock() const;
 
-    // Sets the socket to remove, which the path names now. Only while the signals are blocked.
+    // Sets the file to remove: the one that the path names now. Only while the signals are blocked.
     static void SetSocket(const char *pPath);
 
     // For a child, while the signals are blocked: SIGTERM and SIGINT get their default actions,

@@ -51,7 +51,7 @@ Header *HeaderOf(void *block) {
     return header;
 }
 
-// Null, with errno ENOMEM, when there is no memory; Take too.
+// Map and Take return null, with errno ENOMEM, when there is no memory.
 void *Map(size_t bytes) {
     void *memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return memory != MAP_FAILED ? memory : nullptr;
