@@ -92,8 +92,8 @@ bool OpenMissingStandardStreams() {
     return true;
 }
 
-// Lines about the options come before the mode is known, and a daemon must start although nobody can
-// read them. From then on a client has the caller's actions.
+// Lines about the options come before the mode is known, and a daemon must start although nobody
+// reads them. From then on a client has the caller's actions.
 Options ReadOptions(int argc, char **argv) {
     const WriteSignals ignored{SIG_IGN};
     return Options{argc, argv};
