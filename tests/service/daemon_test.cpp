@@ -694,8 +694,7 @@ TEST_P(StoppingSignal, EndsADaemonWhoseLogIsStalled) {
     daemon.StallLog();
     const int fd = ConnectTo(daemon.socket());
     ASSERT_TRUE(Put(fd, CommandPkg("exit 6")));
-    EXPECT_TRUE(
-        Eventually([&] { return daemon.Children().size() == 1 && StateOf(daemon.pid()) == 'S'; }));
+    EXPECT_TRUE(BlockedOn(daemon.pid(), STDOUT_FILENO)) << "logs the fork";
     EXPECT_TRUE(EndedBy(daemon.Stop(GetParam()), GetParam()));
     EXPECT_FALSE(Exists(daemon.socket()));
     EXPECT_TRUE(Eventually([&] {
@@ -878,12 +877,11 @@ TEST(DaemonTest, AHandlerEndsWhileTheLogIsStalled) {
     const int fd = ConnectTo(daemon.socket());
     ASSERT_TRUE(Put(fd, RegisterPkg()));
     EXPECT_EQ(Hex(RegisterPkg()), Hex(Take(fd, 16)));
-    EXPECT_TRUE(Eventually([&] { return StateOf(daemon.pid()) == 'S'; }));
+    EXPECT_TRUE(BlockedOn(daemon.pid(), STDOUT_FILENO)) << "logs the fork";
     ASSERT_TRUE(Put(fd, CommandPkg("true")));
-    ASSERT_TRUE(HasRead(fd));
     const std::vector<pid_t> handlers = daemon.Children();
     ASSERT_EQ(1u, handlers.size());
-    EXPECT_TRUE(Eventually([&] { return StateOf(handlers[0]) == 'S'; })) << "logs the command";
+    EXPECT_TRUE(BlockedOn(handlers[0], STDOUT_FILENO)) << "logs the command";
     kill(handlers[0], SIGTERM);
     EXPECT_TRUE(AtEnd(fd));
     close(fd);
@@ -1051,9 +1049,7 @@ class ScriptedDaemon : public ::testing::TestWithParam<int> {
         }));
     }
     bool HasServed() { return Take(served_[0], 1) == "s"; }
-    bool Sleeps() {
-        return Eventually([&] { return StateOf(pid_) == 'S'; });
-    }
+    bool BlocksInItsLog() { return BlockedOn(pid_, STDOUT_FILENO); }
     // The rest of the log; only after the daemon has ended.
     std::string Log() { return Take(log_[0], 64 * 1024); }
     // Reads the log up to a text.
@@ -1131,7 +1127,7 @@ TEST_F(ScriptedDaemon, ClosesTheConnectionBeforeItLogsTheForkWhenTheLogIsStalled
     EXPECT_TRUE(HasServed());
     EXPECT_TRUE(Eventually([] { return g_script->closes == 2; }));
     EXPECT_EQ(full, g_script->logged);
-    EXPECT_TRUE(Sleeps());
+    EXPECT_TRUE(BlocksInItsLog());
     EXPECT_TRUE(EndsBy(SIGTERM));
 }
 
@@ -1160,7 +1156,7 @@ TEST_P(ScriptedDaemon, ServesAClientThatItHasAcceptedBeforeASignalEndsIt) {
 TEST_P(ScriptedDaemon, EndsWhileItLogsThatThereIsNoOldSocket) {
     FillPipe(log_[1]);
     Start();
-    EXPECT_TRUE(Sleeps());
+    EXPECT_TRUE(BlocksInItsLog());
     EXPECT_TRUE(EndsBy(GetParam()));
     EXPECT_FALSE(Exists(path()));
 }
@@ -1173,7 +1169,7 @@ TEST_P(ScriptedDaemon, EndsWhileItLogsAFork) {
     FillPipe(log_[1]);
     Connect();
     EXPECT_TRUE(HasServed());
-    EXPECT_TRUE(Sleeps());
+    EXPECT_TRUE(BlocksInItsLog());
     EXPECT_TRUE(EndsBy(GetParam()));
     EXPECT_FALSE(Exists(path()));
 }
@@ -1181,7 +1177,7 @@ TEST_P(ScriptedDaemon, EndsWhileItLogsAFork) {
 // The log fills up with messages of the failing call.
 TEST_P(ScriptedDaemon, EndsWhileItLogsAFailedWait) {
     Start([] { Waits::Fail(EINVAL); });
-    EXPECT_TRUE(Sleeps());
+    EXPECT_TRUE(BlocksInItsLog());
     EXPECT_TRUE(EndsBy(GetParam()));
     EXPECT_FALSE(Exists(path()));
     EXPECT_LT(100u, CountIn(Log(), "error : Invalid argument\n"));
@@ -1193,7 +1189,7 @@ TEST_P(ScriptedDaemon, EndsWhileItLogsAFailedAccept) {
     Start();
     Connect();
     EXPECT_TRUE(Eventually([&] { return g_script->failingAccepts < 1'000'000; }));
-    EXPECT_TRUE(Sleeps());
+    EXPECT_TRUE(BlocksInItsLog());
     EXPECT_TRUE(EndsBy(GetParam()));
     EXPECT_FALSE(Exists(path()));
     EXPECT_LT(100u, CountIn(Log(), "accept() failed : Protocol error\n"));

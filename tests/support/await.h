@@ -21,7 +21,8 @@ constexpr int kPatienceMs = 60000;
 // Waits until the descriptor can be read, or its peer has gone.
 [[nodiscard]] bool Readable(int fd, int ms = kPatienceMs);
 
-// Waits until the peer of a socket or pipe has read everything that was written to it.
+// Waits until the peer of a socket or pipe has read everything that was written to it. Its read may
+// still bring what is written next.
 [[nodiscard]] bool HasRead(int fd);
 
 // The state of a process or thread by its directory in /proc: 'R' runs, 'S' sleeps, 'T' is stopped,

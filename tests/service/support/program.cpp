@@ -72,6 +72,22 @@ bool ReadTo(int fd, const std::regex &expression, std::smatch &match, std::strin
     return true;
 }
 
+// The inodes of the sockets that listen at a path, as /proc/net/unix lists them.
+std::set<std::string> ListenersAt(const std::string &path) {
+    std::set<std::string> inodes;
+    std::ifstream in{"/proc/net/unix"};
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words{line};
+        std::string number, references, protocol, flags, type, state, inode;
+        words >> number >> references >> protocol >> flags >> type >> state >> inode;
+        // __SO_ACCEPTCON marks a listening socket (Linux net/unix/af_unix.c: unix_seq_show).
+        if (flags == "00010000" && line.ends_with(" " + path)) {
+            inodes.insert(inode);
+        }
+    }
+    return inodes;
+}
+
 // Kills the daemon when this process dies.
 pid_t StartGuard(pid_t daemon, int *pPipe) {
     int ends[2];
@@ -236,7 +252,8 @@ std::vector<pid_t> ChildrenOf(pid_t pid) {
 Daemon::Daemon(const Options &options)
     : dir_(options.dir != nullptr ? options.dir : &ownDir_),
       socket_(options.socket[0] == '/' || options.socket.empty() ? options.socket
-                                                                 : *dir_ / options.socket) {
+                                                                 : *dir_ / options.socket),
+      earlier_(ListenersAt(socket_)) {
     // The process that is started ends at once, and the daemon becomes our child.
     static_cast<void>(Inherits());
     const std::string logPath = *dir_ / "log";
@@ -336,19 +353,11 @@ int Daemon::Descriptors() const {
     return count - 2;  // "." and ".."
 }
 
-// Asks the kernel, since a connection would be served and logged.
+// Asks the kernel, since a connection would be served and logged. The socket of a daemon that was
+// killed lasts until the handler that it forked last has closed its copy.
 bool Daemon::Listening() const {
-    std::ifstream in{"/proc/net/unix"};
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream words{line};
-        std::string number;
-        std::string references;
-        std::string protocol;
-        std::string flags;
-        words >> number >> references >> protocol >> flags;
-        // __SO_ACCEPTCON marks a listening socket (Linux net/unix/af_unix.c: unix_seq_show).
-        if (flags == "00010000" && line.size() > socket_.size() &&
-            line.compare(line.size() - socket_.size() - 1, std::string::npos, " " + socket_) == 0) {
+    for (const std::string &inode : ListenersAt(socket_)) {
+        if (earlier_.count(inode) == 0) {
             return true;
         }
     }

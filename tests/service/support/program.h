@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -95,7 +96,7 @@ class Daemon {
 
     [[nodiscard]] std::vector<pid_t> Children() const;
     [[nodiscard]] int Descriptors() const;
-    [[nodiscard]] bool Listening() const;
+    [[nodiscard]] bool Listening() const;  // this daemon, not an earlier one at its path
 
     // Runs the program as a client of this daemon.
     [[nodiscard]] Outcome Client(const std::string &command) const;
@@ -116,6 +117,7 @@ class Daemon {
     TempDir ownDir_;
     const TempDir *dir_;
     std::string socket_;
+    std::set<std::string> earlier_;  // sockets that listen at the path already
     pid_t pid_ = -1;
     pid_t guard_ = -1;
     int guardPipe_ = -1;

@@ -7,9 +7,9 @@
 
 namespace talvek::test {
 
-// Simulates waits (base/wait.h) of this process that time out, without taking the time. For
-// programs whose link wraps ppoll and __ppoll64, its name with a time of 64 bits on 32-bit
-// machines.
+// Simulates waits (base/wait.h) of this process that time out, without taking the time. Any other
+// wait lasts until its event, so that a slow machine makes no round more. For programs whose link
+// wraps ppoll and __ppoll64, its name with a time of 64 bits on 32-bit machines.
 class Waits {
   public:
     struct Wait {
