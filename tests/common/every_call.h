@@ -50,7 +50,9 @@ struct Objects {
     UniqueFd peer;
     UniqueFd master{posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)};
     char terminal[COM_TERM_PATH_SIZE] = "";
-    ChildProcess sleeper{"/bin/sleep", Sleeper("talvek-call")};
+    // Another program that makes these calls at the same time has a sleeper of its own.
+    const std::string name = "talvek-call-" + std::to_string(getpid()) + ".";
+    ChildProcess sleeper{"/bin/sleep", Sleeper(name)};
 };
 
 struct Call {
@@ -89,7 +91,7 @@ constexpr Call kCalls[] = {
     {"COM_SavePid", [](const Objects &at) { COM_SavePid(at.other.c_str()); }},
     {"COM_CloseFdExceptSTD", [](const Objects & /*at*/) { COM_CloseFdExceptSTD(0); }},
     {"COM_KillDhcpProc",
-     [](const Objects & /*at*/) { EXPECT_EQ(0, COM_KillDhcpProc("talvek", "-call")); }},
+     [](const Objects &at) { EXPECT_EQ(0, COM_KillDhcpProc("talvek", at.name.c_str())); }},
     {"COM_KillPid", [](const Objects &at) { EXPECT_EQ(0, COM_KillPid(at.sleeper.pid(), 1)); }},
     {"COM_KillProcess",
      [](const Objects & /*at*/) { EXPECT_EQ(-1, COM_KillProcess("/no/program", 0, 0)); }},

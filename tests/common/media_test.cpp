@@ -449,7 +449,7 @@ TEST(CheckSum16, EqualsTheKernelsChecksum) {
         LoopbackUp();
         const int fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMP);
         ASSERT_GE(fd, 0) << strerror(errno);
-        const struct timeval limit = {5, 0};
+        const struct timeval limit = {60, 0};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         struct sockaddr_in loopback = {};
         loopback.sin_family = AF_INET;

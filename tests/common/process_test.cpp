@@ -371,7 +371,7 @@ TEST(PopenRead, ReadsOnAfterASignal) {
         Output output;
         EXPECT_EQ(0,
                   COM_PopenRead("sleep 0.1; echo 1; sleep 0.1; echo 2", nullptr, &output, Collect));
-        EXPECT_GT(Interruptions::count(), 5);
+        EXPECT_LT(0, Interruptions::count());
         EXPECT_EQ((Lines{"1\n", "2\n"}), output.lines);
     });
 }

@@ -298,14 +298,15 @@ void FillPipe(int fd) {
     ASSERT_EQ(0, fcntl(fd, F_SETFL, 0));
 }
 
-// A process that registers itself as "watched" and enters a state in which it does not run. A child
-// of it, which has a copy of its registry, then runs `watch` with standard output on a pipe. The
-// argument of `watch` is a function that makes AwaitMark() return.
+// A process that registers itself as "watched" and enters a state (StateOf) in which it does not
+// run. A child of it, which has a copy of its registry, then runs `watch` with standard output on a
+// pipe. The argument of `watch` is a function that makes AwaitMark() return.
 class Watched {
   public:
     using Mark = std::function<void()>;
 
-    Watched(const std::function<void()> &enter, const std::function<void(const Mark &)> &watch) {
+    Watched(const std::function<void()> &enter, char state,
+            const std::function<void(const Mark &)> &watch) {
         int pipeFds[2];
         int markFds[2];
         EXPECT_EQ(0, pipe2(pipeFds, O_CLOEXEC));
@@ -315,14 +316,12 @@ class Watched {
         if (pid_ == 0) {
             close(pipeFds[0]);
             COM_LogThread("watched");
-            tProcState self = {getpid(), ""};
+            const pid_t self = getpid();
             if (fork() == 0) {
                 alarm(60);  // the reader sees an end in any case
                 dup2(pipeFds[1], STDOUT_FILENO);
                 close(pipeFds[1]);
-                while (COM_CheckProcState(&self) == 0) {
-                    usleep(1000);
-                }
+                EXPECT_TRUE(InState(self, state));
                 watch([&markFds] {
                     const pid_t own = getpid();
                     EXPECT_EQ(ssize_t{sizeof own}, write(markFds[1], &own, sizeof own));
@@ -386,6 +385,7 @@ void ExpectWarnings(int count, const std::function<void()> &enter, const std::st
                         close(stop[1]);
                         enter();
                     },
+                    state[0],
                     [&](const Watched::Mark & /*mark*/) {
                         close(stop[1]);
                         COM_LogThread("watcher");
@@ -456,7 +456,7 @@ TEST(ThreadWatchdog, WarnsOfAProcessThatIsGoneEveryPeriod) {
 // of the check, and then the registry is unlocked.
 TEST(ThreadWatchdog, FinishesACheckThatIsBlockedInItsWarning) {
     InEmptyRegistry([] {
-        Watched watched{[] { raise(SIGSTOP); },
+        Watched watched{[] { raise(SIGSTOP); }, 'T',
                         [](const Watched::Mark &mark) {
                             FillPipe(STDOUT_FILENO);
                             EXPECT_EQ(0, COM_CreateThreadWatchdog(1));
@@ -619,7 +619,7 @@ TEST(ThreadWatchdog, OfAForkedChildDoesNotWaitForACheckOfTheParent) {
     GTEST_SKIP() << "ThreadSanitizer lets no child of a program with threads start one";
 #endif
     InEmptyRegistry([] {
-        Watched watched{[] { raise(SIGSTOP); },
+        Watched watched{[] { raise(SIGSTOP); }, 'T',
                         [](const Watched::Mark &mark) {
                             FillPipe(STDOUT_FILENO);
                             COM_CreateThreadWatchdog(1);
