@@ -169,7 +169,8 @@ run() {
     # The file is there a moment before the socket listens (flag 00010000, __SO_ACCEPTCON).
     until [ -S $socket ] && grep -q " 00010000 .* $socket\$" /proc/net/unix; do
         tries=$((tries + 1))
-        [ $tries -lt 50 ] || { echo "the daemon did not start:" >&2; cat $log >&2; exit 1; }
+        [ $tries -lt 600 ] && kill -0 "$daemon" 2>/dev/null ||
+            { echo "the daemon did not start:" >&2; cat $log >&2; exit 1; }
         sleep 0.1
     done
 
@@ -191,7 +192,7 @@ run() {
 
     kill "$daemon"
     tries=0
-    while [ -S $socket ] && [ $tries -lt 50 ]; do
+    while [ -S $socket ] && [ $tries -lt 600 ]; do
         tries=$((tries + 1))
         sleep 0.1
     done
