@@ -220,7 +220,7 @@ TEST_F(GetHDStat, LogsADeviceWithoutASize) {
 
 TEST_F(GetHDStat, LogsThatTheDirectoryCannotBeMade) {
     Run([] {
-        ASSERT_EQ(0, mount(nullptr, "/var", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+        RemountReadOnly("/var");
         tDevInfo dev = DiskAt("/dev/md0");
         const Lines lines =
             CaptureLog([&] { EXPECT_EQ(DEV_HD_STAT_FAILED, Dev_GetHDStat(&dev, DEV_FS_TMPFS)); });

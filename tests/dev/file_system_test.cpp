@@ -4,7 +4,6 @@
 #include <linux/magic.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -221,7 +220,7 @@ TEST(InitFsArray, DisablesAllRowsWhenTheLookUpFails) {
         ReplaceDir("/proc");
         WriteFile("/proc/filesystems", kAll);
         MountTmpfs("/var");
-        ASSERT_EQ(0, mount(nullptr, "/var", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+        RemountReadOnly("/var");
         const Lines lines = CaptureLog(Dev_InitFsArray);
         ASSERT_EQ(12u, lines.size());
         EXPECT_EQ("COMMON:COM_ReplaceItemsInFile(): mkstemp() failed : Read-only file system",

@@ -103,7 +103,7 @@ void ExpectNoDirectory(const Measure &item, const char *error) {
 TEST(RewritableCapacity, FailsWhenTheDirectoryCannotBeMade) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/var");
-        ASSERT_EQ(0, mount(nullptr, "/var", nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+        RemountReadOnly("/var");
         for (const Measure &item : kMeasures) {
             ExpectNoDirectory(item, "Read-only file system");
         }
