@@ -134,7 +134,8 @@ TEST_F(InitScript, NoOtherUserSaysWhichProcessIsTheDaemon) {
     WriteFile(root() + "/etc/passwd", kStranger);
     std::string expected;
     for (const std::string process :
-         {"another program", "a handler", "a client", "another daemon", "a stranger's daemon"}) {
+         {"another program", "another program by this name", "a handler", "a client",
+          "another daemon", "a stranger's daemon"}) {
         expected += process + "\ntalvek does not run\nstatus 3\na command ends with 6\n" +
                     "talvek does not run\nstatus 3\n";
     }
@@ -174,6 +175,8 @@ $line"
     spared "$@"
 }
 syslogd -n -O /tmp/syslog & pretend "another program" $!
+ln -s /bin/busybox /tmp/talvek
+(exec -a syslogd /tmp/talvek -n -O /tmp/syslog) & pretend "another program by this name" $!
 
 $init start || fail start
 mkfifo /tmp/go /tmp/running
