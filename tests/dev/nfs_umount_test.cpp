@@ -108,11 +108,11 @@ std::string UnmountWith(const std::string &device, const std::string &options,
         if (child == 0) {
             const int held = static_cast<int>(
                 std::distance(std::filesystem::directory_iterator{"/proc/self/fd"}, {}));
-            ASSERT_EQ(0, unshare(CLONE_NEWNS));
+            EXPECT_EQ(0, unshare(CLONE_NEWNS));
             // The files of the process itself stay visible.
             MountTmpfs("/mnt");
             std::filesystem::create_directories("/mnt/real");
-            ASSERT_EQ(0, mount("/proc", "/mnt/real", nullptr, MS_BIND | MS_REC, nullptr));
+            EXPECT_EQ(0, mount("/proc", "/mnt/real", nullptr, MS_BIND | MS_REC, nullptr));
             ReplaceDir("/proc");
             WriteFile("/proc/mounts", device + " /mnt nfs " + options + " 0 0\n");
             {

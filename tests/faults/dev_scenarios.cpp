@@ -338,9 +338,9 @@ std::vector<Scenario> DevScenarios() {
          MakeDisk,
          [] {
              Dev_InitFsArray();
-             return long{Dev_FsCheckFlag("tmpfs", DEV_FS_IS_MARKED)} * 0;
+             return long{Dev_FsCheckFlag("tmpfs", DEV_FS_IS_UNMARKED)};
          },
-         {0}},
+         {0, -1}},
         {"Dev_GetDevIdentify",
          MakeIde,
          [] {

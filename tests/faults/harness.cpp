@@ -344,7 +344,7 @@ void Work(const std::vector<Scenario> &scenarios) {
     });
 }
 
-// "<function> <callee> <reason>" of each line of the list of exceptions, as function and callee.
+// "<function> <callee> : <reason>" of each line of the list of exceptions, as function and callee.
 std::set<std::string> Exceptions() {
     std::set<std::string> exceptions;
     std::ifstream in{TALVEK_SOURCE_DIR "/tests/faults/exceptions.txt"};

@@ -43,7 +43,7 @@ constexpr size_t kAtOnce = 4;
 constexpr int kWarmUp = 500;  // calls before the first sample
 constexpr unsigned kCallsPerKill = 50;
 constexpr double kSlower = 3;        // how much is a failure
-constexpr unsigned kPatience = 120;  // seconds in which the calls of a moment must end
+constexpr unsigned kPatience = 120;  // seconds in which a call must end
 
 // What is known of the listening process, and of the calls since the sample before.
 struct Sample {
@@ -201,18 +201,15 @@ void Soak::Judge(const Call &call, int status) {
             << "wait status " << status << " for " << call.expected;
         ++hit_;
     }
-    if (call.shell) {
-        if (good) {
-            now_.shells.push_back(0);
-        }
-    } else {
+    const std::chrono::duration<float, std::milli> took = Clock::now() - call.start;
+    EXPECT_LT(took.count(), 1000.F * kPatience);
+    if (!call.shell) {
         ++calls_;
         ++now_.calls;
     }
-    const std::chrono::duration<float, std::milli> took = Clock::now() - call.start;
-    if (call.shell && good) {
-        now_.shells.back() = took.count();
-    } else if (call.timed && good && !call.disturbed) {
+    if (good && call.shell) {
+        now_.shells.push_back(took.count());
+    } else if (good && call.timed && !call.disturbed) {
         now_.ours.push_back(took.count());
     }
 }
