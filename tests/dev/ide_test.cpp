@@ -14,6 +14,7 @@
 
 #include "ide_fixture.h"
 #include "support/canary.h"
+#include "support/cancellation.h"
 #include "support/capture.h"
 #include "support/command.h"
 #include "support/private_world.h"
@@ -210,6 +211,12 @@ TEST(DevIdentify, AcceptsAnyCharactersAndAnyBytes) {
         EXPECT_EQ("AB\xFF\n" + std::string(16, '\0'), read.serial);
         EXPECT_EQ(std::string("\0O", 2) + std::string(6, '\0'), read.firmware);
         EXPECT_EQ(std::string(40, '\0'), read.model);
+    });
+}
+
+TEST(DevIdentify, OutlastsCancellation) {
+    WithIdentity(PlainIdentity(), [] {
+        EXPECT_TRUE(OutlastsCancellation([] { ExpectPlainIdentity(Identify("hda")); }));
     });
 }
 
@@ -413,6 +420,11 @@ TEST(SmartValue, EndsWithTheText) {
 TEST(SmartValue, ReadsUpperCaseAndUnbrokenText) {
     // Bytes 0 to 15: the id is byte 3, the raw byte byte 6.
     WithSmart("001000C20000ABCD0000000000000000", [] { EXPECT_EQ(0xAB, ValueOf("hda", 0xC2)); });
+}
+
+TEST(SmartValue, OutlastsCancellation) {
+    WithSmart(KernelText(FullSmart()),
+              [] { EXPECT_TRUE(OutlastsCancellation([] { EXPECT_EQ(199, ValueOf("hda", 1)); })); });
 }
 
 TEST(SmartValue, IsSilentWithoutADisk) {

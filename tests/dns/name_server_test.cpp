@@ -77,7 +77,7 @@ TEST(GetNameServer, SkipsOtherLines) {
                                                "nameserver \n"
                                                " nameserver 10.8.8.8\n"
                                                "Nameserver 10.7.7.7\n"
-                                               "nameserve\n"
+                                               "nameserve 10.6.6.6\n"
                                                "\n"
                                                "options timeout:1\n"
                                                "nameserver 10.0.0.1\n"));
