@@ -506,6 +506,9 @@ TEST_F(ReadFormatCapacity, CountsTheDescriptorsOfTheSecondReply) {
     drive_.Next(0x23, SgAnswer::Data(longList));
     EXPECT_EQ(200U, TotalKB(4, 3));
     EXPECT_EQ(28U, drive_.requests.back().length);
+    drive_.Patch(0x23, 3, {8});
+    drive_.Next(0x23, SgAnswer::Data(longList));
+    EXPECT_EQ(5U, TotalKB(4, 3)) << "none";
 }
 
 class ReadBufferCapacity : public DiscTest {};
