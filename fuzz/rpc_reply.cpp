@@ -1,5 +1,5 @@
-// Replies of RPC servers, against a plain decoder: 1 byte, bit 0: a stream; bit 1: the reply has the
-// identifier of the call; then the bytes received.
+// Replies of RPC servers, against a plain decoder: 1 byte, bit 0: a stream; bit 1: the reply has
+// the identifier of the call; then the bytes received.
 
 #include <string.h>
 
