@@ -17,24 +17,27 @@ usage() {
 ./do compilers build with clang, other flags and other processors (tools/compilers)
 ./do abi       compare the shared libraries with the recorded interface (tools/abi)
 ./do package   Debian packages, and archives of the program for three processors (tools/package)
-./do package-test  makes the packages and tests them: contents, a second build, installation and
+./do package-test  make the packages and test them: contents, a second build, installation and
                upgrade on a Debian of their own (packaging/test/run)
 ./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
-./do faults    every call of the C library fails in turn: all scenarios, or those that match
-./do mutants   [count] [files] [sample]: changes of the source that the tests notice (docs/reliability.md)
-./do coverage  lines and branches that the tests reach, and the aims (docs/reliability.md)
+./do faults    [expression]: every call of the C library fails in turn, in all scenarios or those
+               that match
+./do mutants   [count] [files] [sample]: which changes of the source the tests notice
+./do coverage  lines and branches that the tests reach, and the aims
 ./do lint      format, static analysis, manual pages, spelling, phrases
 ./do analyse   more static analysis, of tests, benchmarks and fuzz targets too
 ./do torture   what hostile peers and commands do to the daemon, in large crowds
-./do soak      [minutes [commands]]: calls and kills without end, of a daemon that must not grow
+./do soak      [minutes [commands]]: calls and kills without a pause; the daemon must not grow
 ./do valgrind  [programs]: the test programs under memcheck, those with threads under helgrind
-./do fuzz      [seconds] [targets]: hostile bytes for everything that reads some
-               (docs/reliability.md)
+./do fuzz      [seconds] [targets]: hostile bytes for everything that reads bytes from outside;
+               "long" in place of the seconds takes hours
 ./do words     phrases that make a reader stop, in the tree or in the files named
 ./do docs      the documents as a site in build/docs/site, looked at in a browser
 ./do bench     measure speed and memory next to other programs (docs/performance.md)
 ./do clean     remove build/
 ./do help      this list
+
+docs/reliability.md says more about faults, mutants, coverage, torture, soak, valgrind and fuzz.
 
 test, sanitize, thread, arm, i686, unsigned-char and coverage take the test programs to build and
 run as a regular expression, and after it the cases as a GoogleTest filter:

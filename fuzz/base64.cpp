@@ -1,4 +1,4 @@
-// Base64. The bytes as a text, and the bytes themselves there and back.
+// Base64: decodes the bytes as a text, and encodes and decodes them as bytes.
 
 #include <string.h>
 

@@ -1,4 +1,4 @@
-// What a daemon answers to a client. Each read of the client brings
+// What a daemon answers to a client. For each read of the client:
 //
 //   1 byte   bit 0: the header's checksum is made good, if there is a whole header
 //   piece    the bytes received

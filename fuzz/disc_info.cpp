@@ -1,6 +1,6 @@
-// A drive with a disc as a whole, as Dev_GetDiscInfo finds it and as the enumeration does: 1 byte
-// whose low bit chooses the enumeration, 8 bytes for the size of the file system on a disc, then
-// the drive's answers (support/drive.h).
+// A whole identification (Dev_GetDiscInfo) or enumeration (Dev_Get): 1 byte whose low bit chooses
+// the enumeration, 8 bytes for the size of the file system on a disc, then the drive's answers
+// (support/drive.h).
 
 #include <string.h>
 

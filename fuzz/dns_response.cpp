@@ -1,7 +1,10 @@
-// The parsers of DNS responses, against plain readings of what their headers say. The first byte's
-// low bit takes the rest as it is; without it the rest builds a message (support/dns_message.h).
-// Two bytes are an offset in the message and the size of a text; bits 1 to 3 of the first byte are
-// the offset's upper bits, and bit 4 makes it negative.
+// The parsers of DNS responses, against plain readings of what their headers say.
+//
+//   1 byte   bit 0: the rest is the message; without it the rest builds one
+//            (support/dns_message.h); bits 1 to 3: upper bits of an offset in the message; bit 4:
+//            the offset is negative
+//   1 byte   the offset's lower bits
+//   1 byte   the size of the text that a name is expanded into
 
 #include <string.h>
 

@@ -1,5 +1,5 @@
-// Editing a file line by line: 1 byte of options; a line each for two keys and two replacements;
-// then the file.
+// Editing a file line by line: 1 byte of options; twice a line with a key and a line with its
+// replacement; then the file.
 
 #include <string.h>
 

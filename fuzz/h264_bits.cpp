@@ -1,5 +1,5 @@
-// The bit reader: a program of reads, and a scaling list. 1 byte: steps, modulo 64; for each step
-// 1 byte; then the bytes that are read, exactly as many as there are.
+// The bit reader: 1 byte with the number of steps, modulo 64; 1 byte for each step, which reads a
+// code or a scaling list or skips bits; then the bytes that are read.
 
 #include <vector>
 

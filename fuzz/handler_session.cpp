@@ -1,4 +1,5 @@
-// A whole session of a client with the daemon's handler. Each read of the handler brings
+// A whole session of a client with the daemon's handler: 2 bytes with the wait status of every
+// command, then for each read of the handler
 //
 //   1 byte   bit 0: the header's checksum is made good, if there is a whole header; bit 1: so is
 //            its version; bit 2: so is its size

@@ -1,4 +1,4 @@
-// Escapes of quoted-printable text. The bytes as a text, and the bytes themselves there and back.
+// Escapes of quoted-printable text: decodes the bytes as a text; escapes and decodes them as bytes.
 
 #include <stdio.h>
 #include <string.h>

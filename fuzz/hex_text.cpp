@@ -1,4 +1,5 @@
-// Hexadecimal text of the kernel, and the identity and the health of a disk in it.
+// Hexadecimal text of the kernel, and the identity and the health of a disk in it: 1 byte with the
+// SMART attribute, then the text.
 
 #include <stdlib.h>
 #include <string.h>

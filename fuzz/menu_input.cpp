@@ -1,4 +1,4 @@
-// What a technician types into the device menu; the drives answer nothing.
+// What a technician types into the device menu; the drives' answers are empty.
 
 #include <string.h>
 

@@ -1,5 +1,5 @@
-// Every command to a drive on its own: 1 byte for the command, the disc's descriptor of 64 bytes,
-// then the drive's answers (support/drive.h).
+// Every command to a drive on its own: 1 byte for the command, the disc's record of 64 bytes, then
+// the drive's answers (support/drive.h).
 
 #include <unistd.h>
 

@@ -1,6 +1,6 @@
 // Routes, neighbours and name servers: 1 byte for the fact, whose high bit gives each interface a
-// resolver's file of its own; a line with the interface or the neighbour's address, a piece with
-// the kernel's table, then a resolver's file.
+// resolver's file of its own; a line with the interface or the neighbour's address, a piece that is
+// both the kernel's table and its answers to ioctl, then a resolver's file.
 
 #include <string.h>
 

@@ -1,7 +1,7 @@
 // Unmounting an NFS export: a piece with /proc/mounts, then pieces with what the portmapper and the
 // mount daemon send. A piece whose first byte is even gets the identifier of the last call: at its
-// start, or over a stream after the record mark. The mark gets the length of the piece when that
-// byte is a multiple of 4.
+// start, or in a stream after the record mark. If that byte is a multiple of 4, the mark gets the
+// length of the piece.
 
 #include <string.h>
 

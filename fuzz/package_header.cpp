@@ -1,4 +1,4 @@
-// The header check of a package. The first byte's low bit makes the checksum good.
+// The header check of a package: 1 byte whose low bit makes the checksum good, then the package.
 
 #include "fuzz/support/oracle.h"
 #include "fuzz/support/target.h"

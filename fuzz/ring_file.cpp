@@ -1,5 +1,5 @@
-// Ring buffers in memory and their files: size of the ring, offset, and size to copy, 2 bytes each;
-// 1 byte whose low bit makes offset and size fit; then the ring's bytes.
+// Ring buffers in memory and their files: offset and size to copy, 2 bytes each; 1 byte whose low
+// bit makes both fit; then the ring's bytes.
 
 #include <string.h>
 

@@ -1,5 +1,5 @@
 // The unit's own files (identity, port, revision, host name) and an MD5 side file: 1 byte for the
-// size of the caller's buffer, then the content, which every file has.
+// size of the caller's buffer, then the content of every file and of the kernel's answers.
 
 #include <string.h>
 

@@ -17,7 +17,7 @@ namespace talvek::fuzz {
 //   0   single bits: the next byte's low bits, as many as the step's upper bits say
 //   1   an Exp-Golomb code (H.264, clause 9.1) of a number of one byte
 //   2   an Exp-Golomb code of a number of four bytes
-//   3   bytes as they are, as many as the step's upper bits say
+//   3   bytes unchanged, as many as the step's upper bits say
 class BitWriter {
   public:
     void Build(Input &in, size_t most) {
@@ -70,8 +70,8 @@ class BitWriter {
     int waiting_ = 0;
 };
 
-// `size` bytes, zeros after what the input has. The low bit of the first byte takes the rest as it
-// is; without it the rest builds the bits after `lead` bytes that are taken as they are.
+// `size` bytes, zeros after what the input has. With the low bit of the first byte the rest is
+// taken unchanged; without it `lead` bytes are, and what follows builds the bits after them.
 inline std::vector<uint8_t> BytesOrBits(Input &in, size_t size, size_t lead = 0) {
     BitWriter writer;
     if ((in.U8() & 1) != 0) {

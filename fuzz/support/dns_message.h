@@ -18,7 +18,7 @@ namespace talvek::fuzz {
 //   3   a compression pointer; the step's upper bits are the upper bits of its target
 //   4   an address record without its owner: type, class, time to live, length 4, address
 //   5   a mail exchanger without owner and name: type, class, time to live, length, preference
-//   6   bytes as they are          7   one byte at any place of the message is replaced
+//   6   bytes unchanged            7   one byte at any place of the message is replaced
 inline std::vector<uint8_t> BuildDnsMessage(Input &in) {
     constexpr size_t kMost = 1200;
     std::vector<uint8_t> message;

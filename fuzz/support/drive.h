@@ -12,8 +12,8 @@ namespace talvek::fuzz {
 //            fails; from 240 on: it succeeds and the residue is wrong
 //   piece    the reply, cut to the length requested; for a CHECK CONDITION, the sense bytes
 //
-// An interface request takes 16 bytes for its answer; every other one takes 8, of which the last
-// decides whether it fails (from 250 on).
+// An interface request takes 16 bytes for its answer, the driver's version none. Every other one
+// takes 8, of which the last makes it fail (from 250 on); the name of a host comes after them.
 class Drive {
   public:
     explicit Drive(Input &in);

@@ -56,7 +56,7 @@ class Input {
     Bytes rest_;
 };
 
-// Bytes in a heap block of exactly their size, in which AddressSanitizer sees every read beyond.
+// Bytes in a heap block of exactly their size: AddressSanitizer reports every read beyond them.
 class Block {
   public:
     explicit Block(Bytes bytes) : size_(bytes.size()), data_(new uint8_t[size_]) {

@@ -37,12 +37,12 @@ class Peer {
     int other_;
 };
 
-// The internet that the code under test sees while this object lives: every socket sends what it
-// likes and receives the pieces in their order. A wait for input without a piece takes its whole
-// time by the program's clock, at once.
+// The internet that the code under test sees while this object lives: every send succeeds, and the
+// pieces are received in their order. A wait for input that has no piece returns at once, and the
+// program's clock moves on by its whole time.
 class Internet {
   public:
-    // Alters a piece before it is received, knowing what was sent last. NULL changes nothing.
+    // Alters a piece before it is received; `sent` is the last message. NULL changes nothing.
     using Alter = void (*)(std::vector<uint8_t> &piece, Bytes sent);
 
     explicit Internet(Alter alter = nullptr);
@@ -50,8 +50,8 @@ class Internet {
     Internet(const Internet &) = delete;
     Internet &operator=(const Internet &) = delete;
 
-    // The pieces of the input, each after its length of two bytes. A length from 0xFF00 on is that
-    // of no piece: the receive fails.
+    // The pieces of the input, each after its length of two bytes. From 0xFF00 on it is no length:
+    // the receive fails.
     void Receive(Input &in);
 
     struct Piece {
