@@ -952,20 +952,36 @@ TEST(DaemonTest, ServesWithSocketsAboveFdSetsize) {
     EXPECT_FALSE(Exists(daemon.socket()));
 }
 
-// The daemon of a user who may have three processes: the daemon and two handlers.
-TEST(DaemonTest, AFailedForkClosesThatConnectionOnly) {
-    if (getuid() != 0) {
-        GTEST_SKIP() << "needs root, to become a user without other processes";
+// A user who may have so many processes, the daemon among them.
+class DaemonOfAUser : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (getuid() != 0) {
+            GTEST_SKIP() << "needs root, to become a user without other processes";
+        }
+        if (Emulated()) {
+            GTEST_SKIP() << "the threads of an emulator count as processes";
+        }
+        ASSERT_EQ(0, chmod(dir_.path().c_str(), 0777));
     }
-    if (Emulated()) {
-        GTEST_SKIP() << "the threads of an emulator count as processes";
+
+    [[nodiscard]] Daemon::Options With(unsigned processes) const {
+        Daemon::Options options;
+        options.dir = &dir_;
+        options.prepare = [processes] {
+            setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // the leak check needs a process
+            BecomeUserWith(processes);
+        };
+        return options;
     }
-    const TempDir dir;
-    ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
-    Daemon::Options options;
-    options.dir = &dir;
-    options.prepare = [] { BecomeUserWith(3); };
-    const Daemon daemon{options};
+
+  private:
+    const TempDir dir_;
+};
+
+// The third process is the second handler.
+TEST_F(DaemonOfAUser, AFailedForkClosesThatConnectionOnly) {
+    const Daemon daemon{With(3)};
     const int first = ConnectTo(daemon.socket());
     const int second = ConnectTo(daemon.socket());
     ASSERT_TRUE(Eventually([&] { return daemon.Children().size() == 2; }));
@@ -979,23 +995,9 @@ TEST(DaemonTest, AFailedForkClosesThatConnectionOnly) {
     EXPECT_EQ(9, daemon.Client("exit 9").exitStatus());
 }
 
-// The daemon of a user who may have two processes: the daemon and a handler, and none for a shell.
-TEST(DaemonTest, AClientWhoseCommandFindsNoProcessEndsWith255) {
-    if (getuid() != 0) {
-        GTEST_SKIP() << "needs root, to become a user without other processes";
-    }
-    if (Emulated()) {
-        GTEST_SKIP() << "the threads of an emulator count as processes";
-    }
-    const TempDir dir;
-    ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
-    Daemon::Options options;
-    options.dir = &dir;
-    options.prepare = [] {
-        setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // the leak check needs a process
-        BecomeUserWith(2);
-    };
-    const Daemon daemon{options};
+// The second process is the handler; there is none for a shell.
+TEST_F(DaemonOfAUser, AClientWhoseCommandFindsNoProcessEndsWith255) {
+    const Daemon daemon{With(2)};
     EXPECT_EQ(255, daemon.Client("exit 3").exitStatus());
     EXPECT_TRUE(daemon.Logs("some error is occured in that shell command\n"));
 }
