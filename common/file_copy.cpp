@@ -83,7 +83,7 @@ int COM_CopyFile(const char *pDst, const char *pSrc) {
     }
     // The destination is opened, and so emptied, even if the source cannot be opened.
     // Tested by CopyFile.EmptiesTheDestinationWhenTheSourceIsMissing.
-    const talvek::UniqueFd dst = OpenCopy(pDst);
+    talvek::UniqueFd dst = OpenCopy(pDst);
     if (!dst) {
         LOG_ERRNO("open(%s) failed : %s\n", talvek::Shown(pDst));
     }
@@ -98,8 +98,11 @@ int COM_CopyFile(const char *pDst, const char *pSrc) {
     }
     for (;;) {
         const ssize_t count = read(src.get(), block.get(), kCopyBlock);
-        if (count <= 0) {
-            return static_cast<int>(count);
+        if (count < 0) {
+            return -1;
+        }
+        if (count == 0) {
+            break;
         }
         if (!talvek::WriteAll(dst.get(), block.get(), count, talvek::Interrupted::kRepeats)
                  .complete()) {
@@ -107,6 +110,12 @@ int COM_CopyFile(const char *pDst, const char *pSrc) {
             return -1;
         }
     }
+    // Some file systems report only here that there was no room.
+    if (dst.Close() != 0) {
+        LOG_ERRNO("close(%s) failed : %s\n", pDst);
+        return -1;
+    }
+    return 0;
 }
 
 int COM_CopyAndLink(const char *pTarget, const char *pLink) {

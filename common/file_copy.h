@@ -4,7 +4,8 @@
 /* Copies of whole files.
  *
  * A file that cannot be opened and a write that fails are logged with the module name COMMON and
- * the entry's own name; a failed read is not. */
+ * the entry's own name, as is a destination of COM_CopyFile whose close fails; a failed read is
+ * not. */
 
 #ifdef __cplusplus
 extern "C" {

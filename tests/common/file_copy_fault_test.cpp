@@ -1,6 +1,8 @@
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <string.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -54,6 +56,31 @@ TEST(CopyFileFault, DoesNotLogAFailedRead) {
                   const Fault fault{"read", 0, EIO};
                   EXPECT_EQ(-1, COM_CopyFile((dir / "dst").c_str(), (dir / "src").c_str()));
               }));
+}
+
+// NFS and disk quotas can report as late as that that there was no room.
+TEST(CopyFileFault, ReportsADestinationThatCannotBeClosed) {
+    const TempDir dir;
+    WriteFile(dir / "src", "x");
+    for (const int error : {EIO, ENOSPC, EDQUOT}) {
+        const std::string text = "COMMON:COM_CopyFile(): close(" + dir / "dst" + ") failed : ";
+        EXPECT_EQ(Lines{text + strerror(error)}, CaptureLog([&] {
+                      const Fault fault{"close", 0, error};
+                      EXPECT_EQ(-1, COM_CopyFile((dir / "dst").c_str(), (dir / "src").c_str()));
+                  }));
+    }
+}
+
+TEST(CopyAndLinkFault, KeepsTheFileWhoseCopyCannotBeClosed) {
+    const TempDir dir;
+    WriteFile(dir / "file", "x");
+    CaptureLog([&] {
+        const Fault fault{"close", 0, EIO};
+        EXPECT_EQ(-1, COM_CopyAndLink((dir / "target").c_str(), (dir / "file").c_str()));
+        EXPECT_TRUE(Fault::Tripped());
+    });
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(dir / "file")));
+    EXPECT_EQ("x", ReadFile(dir / "file"));
 }
 
 TEST(AppendFileToFileFault, ReportsThatThereIsNoMemory) {
