@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include "base/heap_buf.h"
 #include "base/mutex_lock.h"
 #include "base/path.h"
+#include "base/unique_fd.h"
 #include "base/unique_stream.h"
 #include "common/command.h"
 #include "common/file.h"
@@ -78,6 +80,25 @@ size_t CountThreads() TALVEK_REQUIRES(g_mutex) {
     return count;
 }
 
+// Opens a pid file and empties it. What somebody else has put in its place is not followed, opened
+// without end or emptied: a symbolic link, a FIFO without a reader, another file's hard link.
+talvek::UniqueFd OpenPidFile(const char *pPath) {
+    talvek::UniqueFd fd{
+        talvek::OpenPath(pPath, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0666)};
+    struct stat st;
+    if (!fd || fstat(fd.get(), &st) != 0) {
+        return {};
+    }
+    if (!S_ISREG(st.st_mode) || st.st_nlink != 1) {
+        errno = EMLINK;
+        return {};
+    }
+    if (ftruncate(fd.get(), 0) != 0) {
+        return {};
+    }
+    return fd;
+}
+
 void WritePidFile(const char *pName) {
     constexpr const char *kFunction = "COM_LogThread";
     COM_Mkdir(kPidDir, 0775);
@@ -87,11 +108,9 @@ void WritePidFile(const char *pName) {
     if (path.Resize(size)) {
         snprintf(path.get(), size, "%s/%s.thread.pid", kPidDir, pName);
     }
-    // A link in the file's place is not followed, and a FIFO without a reader does not block.
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK;
-    const int fd = path ? talvek::OpenPath(path.get(), kFlags, 0666) : -1;
+    talvek::UniqueFd fd = path ? OpenPidFile(path.get()) : talvek::UniqueFd{};
     const talvek::FileLimitGuard limit;
-    const talvek::UniqueFile file{talvek::StreamOn(fd, "w")};
+    const talvek::UniqueFile file{talvek::StreamOn(fd.Release(), "w")};
     if (!file) {
         LOG_ERRNO_AS(kFunction, "fopen(%s) error : %s\n", path ? path.get() : pName);
         return;

@@ -33,8 +33,9 @@ static_assert(offsetof(tThreadInfo, name) == 12, "layout of a registry entry");
 
 /* Enters the calling thread under a name and writes its process id, as decimal digits without a
  * newline, into /var/run/<name>.thread.pid. A pid file that cannot be written is logged and does
- * not stop the registration; a symbolic link in its place is not followed. Entering a name again
- * makes a second entry.
+ * not stop the registration. A symbolic link in its place is not followed; a file that has another
+ * name too, and what is no regular file, is not written. Entering a name again makes a second
+ * entry.
  *
  * Returns the number of entries, or -1 when pName is NULL or there is no memory. */
 int COM_LogThread(const char *pName);

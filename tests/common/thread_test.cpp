@@ -183,6 +183,25 @@ TEST(LogThread, WritesNothingThroughALink) {
     });
 }
 
+TEST(LogThread, WritesNoOtherFileThroughItsHardLink) {
+    InEmptyRegistry([] {
+        WriteFile("/var/run/other", "text");
+        ASSERT_EQ(0, link("/var/run/other", "/var/run/one.thread.pid"));
+        EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : Too many "
+                         "links"}),
+                  CaptureLog([] { EXPECT_EQ(1, COM_LogThread("one")); }));
+        EXPECT_EQ("text", ReadFile("/var/run/other"));
+    });
+}
+
+TEST(LogThread, ShortensALongerPidFile) {
+    InEmptyRegistry([] {
+        WriteFile("/var/run/one.thread.pid", "12345678901234");
+        EXPECT_EQ(1, COM_LogThread("one"));
+        EXPECT_EQ(std::to_string(getpid()), ReadFile("/var/run/one.thread.pid"));
+    });
+}
+
 TEST(LogThread, DoesNotWaitForTheReaderOfAFifo) {
     InEmptyRegistry([] {
         alarm(60);  // a wait for the reader would have no end
@@ -191,6 +210,11 @@ TEST(LogThread, DoesNotWaitForTheReaderOfAFifo) {
         EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : No such "
                          "device or address"}),
                   CaptureLog([] { EXPECT_EQ(1, COM_LogThread("one")); }));
+        const int reader = open("/var/run/one.thread.pid", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : Too many "
+                         "links"}),
+                  CaptureLog([] { EXPECT_EQ(2, COM_LogThread("one")); }));
+        close(reader);
     });
 }
 
