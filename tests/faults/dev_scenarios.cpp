@@ -188,6 +188,10 @@ long QueryShortReplies() {
     g_drive->Reply(0x23, test::Bytes{0, 0, 0, 200} + test::Bytes(200));
     g_drive->Next(0x52, test::SgAnswer::Data({0, 4, 1, 1}));
     QueryDisc();
+    // The list that the first reply announced is missing from the second.
+    g_drive->Next(0x23, test::SgAnswer::Data({0, 0, 0, 8, 0, 0, 0, 0, 0, 0, 0, 0}));
+    g_drive->Reply(0x23, {0, 0, 0, 0});
+    QueryDisc();
     return 0;
 }
 

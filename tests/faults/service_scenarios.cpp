@@ -76,6 +76,13 @@ void TakeReply(long /*result*/) {
     g_reply = Take(g_pair[1], 4096);
 }
 
+// The status is 127 when the shell cannot be executed, and then only.
+void CheckNoShell(long result) {
+    const bool noShell =
+        FailsWith(ENOENT) || FailsWith(EACCES) || FailsWith(ENOEXEC) || FailsWith(E2BIG);
+    CHECK((result == 127) == noShell);
+}
+
 // Whether no failure of the plan is for ever.
 bool Passes() {
     for (int i = 0; i < g_run->planned; ++i) {
@@ -246,11 +253,16 @@ std::vector<Scenario> ServiceScenarios() {
          Handle,
          {1, 0, -1},
          TakeReply},
-        {"TALVEK_RunCommand", nullptr, [] { return long{TALVEK_RunCommand("exit 3")}; }, {3, -1}},
+        {"TALVEK_RunCommand",
+         nullptr,
+         [] { return long{TALVEK_RunCommand("exit 3")}; },
+         {3, 127, -1},
+         CheckNoShell},
         {"TALVEK_RunCommand, signal",
          nullptr,
          [] { return long{TALVEK_RunCommand("kill -9 $$")}; },
-         {-1}},
+         {-1, 127},
+         CheckNoShell},
         {"TALVEK_SendPkg, no socket",
          [] { CHECK(pipe2(g_pair, O_CLOEXEC) == 0); },
          [] {

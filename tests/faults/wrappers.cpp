@@ -234,6 +234,21 @@ WRAPPER(ssize_t, getline, (char **line, size_t *size, FILE *stream)) {
     return FAILS(getline) != 0 ? -1 : CountedLine(line, size, '\n', stream);
 }
 
+WRAPPER(size_t, fread, (void *block, size_t size, size_t count, FILE *stream)) {
+    const int error = FAILS(fread);
+    return error == 0 || error == kShort ? fread(block, size, error == 0 ? count : 1, stream) : 0;
+}
+WRAPPER(size_t, fwrite, (const void *block, size_t size, size_t count, FILE *stream)) {
+    const int error = FAILS(fwrite);
+    if (error != 0 && error != kShort) {
+        return 0;
+    }
+    const size_t done = fwrite(block, size, error == 0 ? count : 1, stream);
+    if (error == kShort) {
+        errno = ENOSPC;  // a part is written only when the rest fails
+    }
+    return done;
+}
 WRAPPER(int, printf, (const char *format, ...)) {
     if (FAILS(printf) != 0) {
         return -1;
