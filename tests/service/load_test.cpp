@@ -1,4 +1,5 @@
-// Many clients: every status is correct, and nothing is left over.
+// Many clients: every status is correct, and nothing is left over. With TALVEK_TORTURE in the
+// environment (`./do torture`) the crowds are larger.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -31,16 +32,6 @@ constexpr int kAtOnce = 500;
 
 std::string ExitOf(int status) {
     return "exit " + std::to_string(status);
-}
-
-// The listening process must have only the descriptors that it started with, and no child.
-void ExpectNothingLeft(const Daemon &daemon, int descriptors) {
-    // When it has answered a last client, it has accepted all the others.
-    EXPECT_EQ(6, daemon.Client("exit 6").exitStatus());
-    EXPECT_TRUE(Eventually([&] { return daemon.Children().empty(); }))
-        << daemon.Children().size() << " children or zombies";
-    EXPECT_TRUE(Eventually([&] { return daemon.Descriptors() == descriptors; }))
-        << daemon.Descriptors();
 }
 
 TEST(Load, ClientsOneAfterAnother) {
@@ -92,7 +83,7 @@ TEST(Load, ClientsAtOnce) {
 TEST(Load, ClientsThatCloseAtOnce) {
     const Daemon daemon;
     const int descriptors = daemon.Descriptors();
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < (Torturing() ? 5000 : 500); ++i) {
         const int fd = ConnectTo(daemon.socket());
         ASSERT_LE(0, fd);
         if (i % 2 == 0) {
@@ -163,7 +154,7 @@ TEST(Load, RestartsWhileClientsCall) {
         }
         return count == sizeof called;
     };
-    for (int i = 0; i < (getenv("TALVEK_TORTURE") != nullptr ? 200 : 20); ++i) {
+    for (int i = 0; i < (Torturing() ? 200 : 20); ++i) {
         const int signal = i % 2 == 0 ? SIGTERM : SIGKILL;
         Daemon daemon{options};
         for (const size_t enough = served.size() + 10; served.size() < enough;) {

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -59,11 +59,8 @@ bool Eventually(const std::function<bool()> &condition, int ms) {
 }
 
 bool Readable(int fd, int ms) {
-    fd_set set;
-    FD_ZERO(&set);
-    FD_SET(fd, &set);
-    const timespec time{ms / 1000, ms % 1000 * 1'000'000L};
-    return pselect(fd + 1, &set, nullptr, nullptr, &time, nullptr) == 1;
+    pollfd one = {fd, POLLIN, 0};
+    return poll(&one, 1, ms) == 1 && (one.revents & POLLNVAL) == 0;
 }
 
 // The kernel counts the bytes in the peer's receive queue to the sender (unix(7), SIOCOUTQ); for a

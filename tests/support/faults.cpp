@@ -186,7 +186,6 @@ FAULT_CALL(posix_fadvise, int, EIO, (int fd, off_t at, off_t size, int advice),
 FAULT_CALL(ppoll, int, -1,
            (struct pollfd * fds, nfds_t n, const struct timespec *t, const sigset_t *s),
            (fds, n, t, s))
-FAULT_CALL(poll, int, -1, (struct pollfd * fds, nfds_t n, int ms), (fds, n, ms))
 FAULT_RELEASE(close, int, -1, (int fd), (fd))
 
 // Streams and directories.

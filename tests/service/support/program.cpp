@@ -18,7 +18,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 
@@ -45,6 +47,22 @@ std::string ReadAll(int fd) {
         at += count;
     }
     return text;
+}
+
+// Clock ticks of processor time that a process has used (proc(5), stat, fields 14 and 15).
+long TicksOf(pid_t pid) {
+    std::ifstream stat{"/proc/" + std::to_string(pid) + "/stat"};
+    const std::string text{std::istreambuf_iterator<char>{stat}, {}};
+    std::istringstream fields{text.substr(text.rfind(')') + 1)};
+    std::string skipped;
+    for (int field = 3; field < 14; ++field) {
+        fields >> skipped;
+    }
+    long user = -1;
+    long system = -1;
+    fields >> user >> system;
+    EXPECT_GE(user, 0);
+    return user + system;
 }
 
 // A terminal that passes bytes on unchanged: its user's end, and the end of programs.
@@ -386,6 +404,34 @@ int Daemon::Stop(int signal) {
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
     return status;
+}
+
+bool Torturing() {
+    return getenv("TALVEK_TORTURE") != nullptr;
+}
+
+void ExpectServes(const Daemon &daemon) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(6, daemon.Client("exit 6").exitStatus());
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    if (Torturing()) {
+        EXPECT_LT(took.count(), 1.0);
+        printf("a good client was served in %.3f s\n", took.count());
+    }
+}
+
+void ExpectNothingLeft(const Daemon &daemon, int descriptors) {
+    // When it has answered this client, it has accepted all the others.
+    ExpectServes(daemon);
+    EXPECT_TRUE(Eventually([&] { return daemon.Children().empty(); }))
+        << daemon.Children().size() << " children or zombies";
+    EXPECT_TRUE(Eventually([&] { return daemon.Descriptors() == descriptors; }))
+        << daemon.Descriptors();
+    // Half a second is the window in which the work is measured.
+    const long before = TicksOf(daemon.pid());
+    usleep(500 * 1000);
+    // A wake-up may end a tick that began earlier; a loop uses fifty.
+    EXPECT_GT(before + 5, TicksOf(daemon.pid())) << "works without a client";
 }
 
 }  // namespace talvek::test

@@ -124,6 +124,17 @@ class Daemon {
     int logPipe_ = -1;  // the reader's end of the pipe or terminal
 };
 
+// Whether TALVEK_TORTURE is set: crowds are larger, and the time in which a good client is served
+// counts.
+bool Torturing();
+
+// Sends a good client, which must get its status; with TALVEK_TORTURE within a second.
+void ExpectServes(const Daemon &daemon);
+
+// After everything that clients did: a good client is served, and the listening process has no
+// child and no zombie, only the descriptors that it started with, and uses no processor time.
+void ExpectNothingLeft(const Daemon &daemon, int descriptors);
+
 }  // namespace talvek::test
 
 #endif
