@@ -14,12 +14,13 @@ usage() {
 ./do i686      the tests as 32-bit x86 programs, which run without an emulator
 ./do unsigned-char
                the tests with a char that is unsigned (-funsigned-char)
-./do compilers build with clang, other flags and other processors (tools/compilers)
-./do abi       compare the shared libraries with the recorded interface (tools/abi)
-./do package   Debian packages, and archives of the program for three processors (tools/package)
+./do compilers [builds]: with clang, other flags and other processors (tools/compilers)
+./do abi       [record]: compare the shared libraries with the recorded interface (tools/abi)
+./do package   [architectures]: Debian packages, and archives of the program (tools/package)
 ./do package-test  make the packages and test them: contents, a second build, installation and
                upgrade on a Debian of their own (packaging/test/run)
-./do board     the test programs on a 32-bit ARM Linux in an emulator (docs/board.md)
+./do board     [programs | shell | times]: the test programs on a 32-bit ARM Linux in an emulator
+               (docs/board.md)
 ./do faults    [expression]: every call of the C library fails in turn, in all scenarios or those
                that match
 ./do mutants   [count] [files] [sample]: which changes of the source the tests notice
@@ -32,8 +33,8 @@ usage() {
 ./do fuzz      [seconds] [targets]: hostile bytes for everything that reads bytes from outside;
                "long" in place of the seconds takes hours
 ./do words     phrases that make a reader stop, in the tree or in the files named
-./do docs      the documents as a site in build/docs/site, looked at in a browser
-./do bench     measure speed and memory next to other programs (docs/performance.md)
+./do docs      the documents as a site in build/docs/site; a browser without a window checks it
+./do bench     [programs]: speed and memory next to other programs (docs/performance.md)
 ./do clean     remove build/
 ./do help      this list
 
@@ -291,6 +292,12 @@ lint() {
     find base common dev dns service -name '*.cpp' |
         xargs -P "$(nproc)" -n 2 sh -c 'found=$(clang-tidy-14 -p build --quiet "$@" 2>&1) ||
             { echo "$found"; exit 1; }' sh
+    # It reads no header of the C library. Reports that are wrong are in tools/lint/cppcheck.txt.
+    cppcheck --quiet --error-exitcode=1 --enable=warning,performance,portability -j "$(nproc)" \
+        --language=c++ --std=c++20 -D_GNU_SOURCE -D__BYTE_ORDER__=1234 \
+        -D__ORDER_LITTLE_ENDIAN__=1234 -D'timercmp(a,b,op)=((a)->tv_sec op (b)->tv_sec)' \
+        --suppressions-list=tools/lint/cppcheck.txt -I. \
+        base bench common dev dns examples fuzz service
     # The pages of section 3 are made from the headers when build/ is set up.
     for page in docs/*.[1-8] build/man3/talvek_*.3; do
         mandoc -T lint -W warning "$page"
@@ -300,8 +307,7 @@ lint() {
     echo "lint: nothing found"
 }
 
-# More than lint: the checks of cert and concurrency, the benchmarks, fuzz targets, examples and tests,
-# and cppcheck.
+# More than lint: the checks of cert and concurrency, the benchmarks, fuzz targets, examples and tests.
 # What is left out:
 #   cert-err33-c, cert-env33-c    a text that cannot be written to the log has no other place to go;
 #                                 running a command line with the shell is what the service does
@@ -326,15 +332,11 @@ lint() {
 #                                 a record is unchanged when each byte is, padding included
 #   performance-inefficient-string-concatenation, performance-no-automatic-move
 #                                 the short form; the time of a test is that of its calls
-# Single reports that are wrong are named with their reason at the line (NOLINT) or in
-# tools/lint/cppcheck.txt.
+# The board's own tests (tests/board) are compiled for ARM alone, so nothing here has their commands.
+# Single reports that are wrong are named with their reason at the line (NOLINT).
 analyse() {
     need "build test bench analyse"
     configure analyse
-    cppcheck --quiet --error-exitcode=1 --enable=warning,performance,portability -j "$(nproc)" \
-        --language=c++ --std=c++20 -D_GNU_SOURCE -D__BYTE_ORDER__=1234 \
-        -D__ORDER_LITTLE_ENDIAN__=1234 -I. --suppressions-list=tools/lint/cppcheck.txt \
-        base bench common dev dns examples fuzz service
     checks='cert-*,concurrency-*,-cert-err33-c,-cert-env33-c,-cert-dcl37-c,-cert-dcl51-cpp'
     checks="$checks,-concurrency-mt-unsafe"
     find base common dev dns service -name '*.cpp' | tidy -checks="$checks"
@@ -350,8 +352,7 @@ analyse() {
     checks="$checks,-performance-no-automatic-move,-performance-noexcept-move-constructor"
     checks="-*,bugprone-*,performance-*,$checks"
     # gcc warns of what it finds there; clang's warnings differ.
-    find tests -name '*_test.cpp' -o -path 'tests/*support/*.cpp' -o -path 'tests/faults/*.cpp' |
-        grep -v '^tests/board' |
+    find tests -name '*.cpp' | grep -v '^tests/board' |
         tidy -checks="$checks" --extra-arg=-w --header-filter='/(base|common|dev|dns|service|tests)/'
     echo "analyse: nothing found"
 }

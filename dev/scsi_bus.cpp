@@ -27,6 +27,7 @@ bool ScanHost(const char *pFunction, const char *pHost) {
         LOG_ERRNO_AS(pFunction, "open(%s) error : %s\n", path);
         return false;
     }
+    // The kernel takes the text whole; the rest of a short write would be another request.
     if (write(fd.get(), kEverything, sizeof kEverything - 1) < 0) {
         LOG_ERRNO_AS(pFunction, "write(%s) error : %s\n", path);
         return false;
