@@ -3,6 +3,7 @@
 
 #include <stdint.h>
 
+#include <array>
 #include <vector>
 
 #include "fuzz/support/input.h"
@@ -22,6 +23,7 @@ namespace talvek::fuzz {
 inline std::vector<uint8_t> BuildDnsMessage(Input &in) {
     constexpr size_t kMost = 1200;
     std::vector<uint8_t> message;
+    message.reserve(kMost + UINT8_MAX);
     const auto add = [&message](Bytes bytes) {
         message.insert(message.end(), bytes.begin(), bytes.end());
     };
@@ -32,8 +34,8 @@ inline std::vector<uint8_t> BuildDnsMessage(Input &in) {
                 const uint8_t answers = in.U8() % 16;
                 const uint8_t authorities = in.U8() % 16;
                 const uint8_t additional = in.U8() % 16;
-                add(std::vector<uint8_t>{0xA9, 0xFA, 0x81, 0x80, 0, 1, 0, answers, 0, authorities,
-                                         0, additional});
+                add(std::array<uint8_t, 12>{0xA9, 0xFA, 0x81, 0x80, 0, 1, 0, answers, 0,
+                                            authorities, 0, additional});
                 break;
             }
             case 1: {
@@ -50,11 +52,11 @@ inline std::vector<uint8_t> BuildDnsMessage(Input &in) {
                 message.push_back(in.U8());
                 break;
             case 4:
-                add(std::vector<uint8_t>{0, 1, 0, 1, 0, 0, 0, 60, 0, 4});
+                add(std::array<uint8_t, 10>{0, 1, 0, 1, 0, 0, 0, 60, 0, 4});
                 add(in.Take(4));
                 break;
             case 5:
-                add(std::vector<uint8_t>{0, 15, 0, 1, 0, 0, 0, 60, 0, in.U8(), 0, in.U8()});
+                add(std::array<uint8_t, 12>{0, 15, 0, 1, 0, 0, 0, 60, 0, in.U8(), 0, in.U8()});
                 break;
             case 6:
                 add(in.Take(in.U8()));

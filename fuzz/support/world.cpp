@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "fuzz/support/oracle.h"
@@ -22,6 +23,9 @@ namespace talvek::fuzz {
 namespace {
 
 World *g_world = nullptr;
+
+// Files of worlds that have ended, for the next ones: making a file takes longer than writing it.
+std::vector<int> g_idle;
 
 // A directory stream that is read.
 struct Listing {
@@ -37,9 +41,36 @@ int FailWith(int error) {
     return -1;
 }
 
+void Fill(int fd, Bytes content) {
+    REQUIRE(pwrite(fd, content.data(), content.size(), 0) == ssize_t(content.size()));
+}
+
 FILE *Nothing() {
     static FILE *const nothing = fopen("/dev/null", "w");
     return nothing;
+}
+
+// A stream that reads a file without a descriptor of its own, which saves most of its system calls.
+struct Reading {
+    int fd;
+    off64_t at;
+};
+
+ssize_t ReadOn(void *pReading, char *pBuffer, size_t size) {
+    auto *reading = static_cast<Reading *>(pReading);
+    const ssize_t count = pread64(reading->fd, pBuffer, size, reading->at);
+    reading->at += std::max<ssize_t>(count, 0);
+    return count;
+}
+
+int EndReading(void *pReading) {
+    delete static_cast<Reading *>(pReading);
+    return 0;
+}
+
+FILE *StreamThatReads(int fd) {
+    return fopencookie(new Reading{fd, 0}, "r",
+                       {.read = ReadOn, .write = nullptr, .seek = nullptr, .close = EndReading});
 }
 
 // A calm default for what would change the machine.
@@ -52,7 +83,7 @@ int Pretend() {
 int OpenMemory(Bytes content) {
     const int fd = memfd_create("input", MFD_CLOEXEC);
     REQUIRE(fd >= 0);
-    REQUIRE(pwrite(fd, content.data(), content.size(), 0) == ssize_t(content.size()));
+    Fill(fd, content);
     return fd;
 }
 
@@ -67,12 +98,20 @@ World::~World() {
     g_world = nullptr;
     stderr = stderr_;
     for (const int fd : fds_) {
-        close(fd);
+        REQUIRE(ftruncate(fd, 0) == 0);
+        g_idle.push_back(fd);
     }
 }
 
 void World::AddFiles(std::initializer_list<const char *> paths, Bytes content) {
-    fds_.push_back(OpenMemory(content));
+    files_.reserve(files_.size() + paths.size());
+    if (g_idle.empty()) {
+        fds_.push_back(OpenMemory(content));
+    } else {
+        fds_.push_back(g_idle.back());
+        g_idle.pop_back();
+        Fill(fds_.back(), content);
+    }
     for (const char *pPath : paths) {
         files_.push_back({pPath, fds_.back()});
     }
@@ -114,6 +153,7 @@ using talvek::fuzz::FailWith;
 using talvek::fuzz::g_listing;
 using talvek::fuzz::g_world;
 using talvek::fuzz::Pretend;
+using talvek::fuzz::StreamThatReads;
 using talvek::fuzz::World;
 
 CAUGHT(int, CALL_OPEN, (const char *pPath, int flags, ...)) {
@@ -143,6 +183,10 @@ CAUGHT(FILE *, CALL_FOPEN, (const char *pPath, const char *pMode)) {
     }
     const bool both = strchr(pMode, '+') != nullptr;
     const bool writes = pMode[0] == 'w';
+    if (const World::File *pFile = g_world->Find(pPath);
+        pFile != nullptr && pMode[0] == 'r' && !both) {
+        return StreamThatReads(pFile->fd);
+    }
     const int access = both ? O_RDWR : (writes ? O_WRONLY : O_RDONLY);
     const int fd = WRAP(CALL_OPEN)(pPath, access | O_CLOEXEC | (writes ? O_TRUNC : 0));
     return fd >= 0 ? fdopen(fd, pMode) : nullptr;
@@ -192,7 +236,7 @@ CAUGHT(int, CALL_MKOSTEMP, (char *pTemplate, int flags)) {
         return REAL(CALL_MKOSTEMP)(pTemplate, flags);
     }
     if (g_world->Find(pTemplate) == nullptr) {
-        g_world->AddFile(pTemplate, {});
+        g_world->AddFile(g_world->temporary.emplace_back(pTemplate).c_str(), {});
     }
     return WRAP(CALL_OPEN)(pTemplate, O_RDWR | O_CLOEXEC);
 }

@@ -7,7 +7,9 @@
 #include <sys/statfs.h>
 
 #include <initializer_list>
+#include <list>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fuzz/support/input.h"
@@ -28,7 +30,7 @@ class World {
     World &operator=(const World &) = delete;
 
     void AddFile(const char *pPath, Bytes content) { AddFiles({pPath}, content); }
-    // Files with the same content, which are links to one file.
+    // Files with the same content, which are links to one file. The paths outlive the world.
     void AddFiles(std::initializer_list<const char *> paths, Bytes content);
     void AddDirectory(const char *pPath, std::vector<std::string> names);
     // The content of a file that was added.
@@ -44,15 +46,16 @@ class World {
 
     // For the calls that are caught.
     struct File {
-        std::string path;
+        std::string_view path;
         int fd;
     };
     struct Directory {
-        std::string path;
+        std::string_view path;
         std::vector<std::string> names;
     };
     [[nodiscard]] const File *Find(const char *pPath) const;
     [[nodiscard]] const Directory *FindDirectory(const char *pPath) const;
+    std::list<std::string> temporary;  // paths of temporary files
 
   private:
     std::vector<File> files_;
