@@ -569,6 +569,9 @@ TEST_F(PrintTime, WritesSecondsAndText) {
               Capture([] { EXPECT_EQ(0, COM_PrintTime(nullptr, 7, 5)); }));
     EXPECT_EQ("main,7: [-1] -> [1969/12/31 23:59:59]\n",
               Capture([] { EXPECT_EQ(0, COM_PrintTime("main", 7, -1)); }));
+    EXPECT_EQ("[2147483648] -> [2038/01/19 03:14:08]\n", Capture([] {
+                  EXPECT_EQ(0, COM_PrintTime(nullptr, 7, static_cast<time_t>(2147483648)));
+              }));
 }
 
 TEST_F(PrintTime, WritesNothingForATimeThatCannotBeConverted) {

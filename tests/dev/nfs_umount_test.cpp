@@ -691,7 +691,7 @@ NFS_CORE_PARAM {
 }
 NFSv4 { Graceless = true; }
 EXPORT {
-    Export_Id = 1; Path = /srv/export; Pseudo = /export; Protocols = 3; Transports = UDP, TCP;
+    Export_Id = 1; Path = /mnt/export; Pseudo = /export; Protocols = 3; Transports = UDP, TCP;
     Access_Type = RW; Squash = none; SecType = sys; FSAL { Name = VFS; }
 }
 LOG { Default_Log_Level = EVENT; COMPONENTS { NFSPROTO = DEBUG; } }
@@ -717,7 +717,7 @@ void Stop(pid_t process) {
 
 int CountUmnt(const std::string &log) {
     int count = 0;
-    for (size_t at = 0; (at = log.find("MNT_UMNT path /srv/export", at)) != std::string::npos;
+    for (size_t at = 0; (at = log.find("MNT_UMNT path /mnt/export", at)) != std::string::npos;
          ++at) {
         ++count;
     }
@@ -735,16 +735,16 @@ TEST(NfsUmount, NotifiesARealMountDaemon) {
     RunInPrivateWorld(kMounts | kNetwork | kPids, [] {
         RunCommand("ip link set lo up");
         MountTmpfs("/run");
-        MountTmpfs("/srv");
+        MountTmpfs("/mnt");
         MountTmpfs("/var/lib");
         for (const char *pDir :
-             {"/run/rpcbind", "/run/ganesha", "/srv/export", "/var/lib/nfs/ganesha"}) {
+             {"/run/rpcbind", "/run/ganesha", "/mnt/export", "/var/lib/nfs/ganesha"}) {
             std::filesystem::create_directories(pDir);
         }
-        WriteFile("/srv/ganesha.conf", kGaneshaConfig);
+        WriteFile("/mnt/ganesha.conf", kGaneshaConfig);
         const char *const kPortmapper[] = {"/sbin/rpcbind", "-f", "-i", nullptr};
         const char *const kDaemon[] = {
-            "/usr/bin/ganesha.nfsd", "-F",   "-f", "/srv/ganesha.conf", "-L", "/srv/log", "-p",
+            "/usr/bin/ganesha.nfsd", "-F",   "-f", "/mnt/ganesha.conf", "-L", "/mnt/log", "-p",
             "/run/ganesha.pid",      nullptr};
         const pid_t portmapper = Start(kPortmapper);
         const auto registered = [](const char *pWhat) {
@@ -760,11 +760,11 @@ TEST(NfsUmount, NotifiesARealMountDaemon) {
         for (const char *pOptions : {"proto=tcp,mountport=20048,addr=127.0.0.1",
                                      "proto=udp,mountport=20048,addr=127.0.0.1",
                                      "proto=tcp,addr=127.0.0.1", "proto=udp,addr=127.0.0.1"}) {
-            EXPECT_EQ("", UnmountWith("127.0.0.1:/srv/export", pOptions));
+            EXPECT_EQ("", UnmountWith("127.0.0.1:/mnt/export", pOptions));
             ++count;
-            EXPECT_TRUE(Eventually([&] { return CountUmnt(ReadFile("/srv/log")) == count; }))
+            EXPECT_TRUE(Eventually([&] { return CountUmnt(ReadFile("/mnt/log")) == count; }))
                 << pOptions << "\n"
-                << ReadFile("/srv/log");
+                << ReadFile("/mnt/log");
         }
         Stop(daemon);
         Stop(portmapper);
