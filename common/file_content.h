@@ -39,8 +39,8 @@ int COM_GetFileContent(const char *pFileName, char *pBuf, int size);
 
 /* Replaces the content of a file with a text, without its NUL.
  *
- * Returns 0 when at least one byte was written, else -1. So an empty text empties the file and
- * returns -1. */
+ * Returns 0 when at least one byte was written, also when the disk had no room for the rest, else
+ * -1. So an empty text empties the file and returns -1. */
 int COM_SetFileContent(const char *pFileName, const char *pText);
 
 /* Appends a text to a file. Otherwise like COM_SetFileContent. */
