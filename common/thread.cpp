@@ -80,8 +80,8 @@ size_t CountThreads() TALVEK_REQUIRES(g_mutex) {
     return count;
 }
 
-// Opens a pid file and empties it. What somebody else has put in its place is not followed, opened
-// without end or emptied: a symbolic link, a FIFO without a reader, another file's hard link.
+// Opens a pid file and empties it. A symbolic link in its place is not followed, a FIFO without a
+// reader does not block, and a file that has another name too is not emptied.
 talvek::UniqueFd OpenPidFile(const char *pPath) {
     talvek::UniqueFd fd{
         talvek::OpenPath(pPath, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0666)};
@@ -89,8 +89,8 @@ talvek::UniqueFd OpenPidFile(const char *pPath) {
     if (!fd || fstat(fd.get(), &st) != 0) {
         return {};
     }
-    if (!S_ISREG(st.st_mode) || st.st_nlink != 1) {
-        errno = EMLINK;
+    if (!S_ISREG(st.st_mode) || st.st_nlink > 1) {
+        errno = S_ISREG(st.st_mode) ? EMLINK : ENXIO;
         return {};
     }
     if (ftruncate(fd.get(), 0) != 0) {

@@ -6,8 +6,8 @@
  * Each entry mounts pDev->devPath read-only as ISO 9660 on a directory of its own below /var, sets
  * u.disc.usedKB from f_bsize * f_blocks of statfs(2), unmounts, and waits one second for the drive.
  * The directory is made if it does not exist, and anything mounted on it before is unmounted. A
- * symbolic link in its place is not followed and counts as a directory that cannot be made. Only
- * root may be able to rename in /var: a directory that another user replaces after that look is
+ * symbolic link in its place is not followed and counts as a directory that cannot be made. No
+ * user but root must be able to rename in /var: a directory that is replaced after this check is
  * used.
  *
  * Returns DEV_QUERY_OK, or DEV_QUERY_FAILED with usedKB unchanged: pDev is NULL, or making the

@@ -29,8 +29,9 @@ class World {
     World(const World &) = delete;
     World &operator=(const World &) = delete;
 
+    // Paths are not copied: they must outlive the world.
     void AddFile(const char *pPath, Bytes content) { AddFiles({pPath}, content); }
-    // Files with the same content, which are links to one file. The paths outlive the world.
+    // Files with the same content, which are links to one file.
     void AddFiles(std::initializer_list<const char *> paths, Bytes content);
     void AddDirectory(const char *pPath, std::vector<std::string> names);
     // The content of a file that was added.

@@ -59,6 +59,16 @@ TEST(ThreadFault, LogsAPidFileThatCannotBeWritten) {
                       const Fault fault{"fdopen", 0, ENOMEM};
                       EXPECT_EQ(3, COM_LogThread("one"));
                   }));
+        int count = 3;
+        for (const char *call : {"fstat", "ftruncate"}) {
+            EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : "
+                             "Input/output error"}),
+                      CaptureLog([&] {
+                          const Fault fault{call, 0, EIO};
+                          EXPECT_EQ(++count, COM_LogThread("one"));
+                      }))
+                << call;
+        }
     });
 }
 

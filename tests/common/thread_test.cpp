@@ -198,7 +198,7 @@ TEST(LogThread, ShortensALongerPidFile) {
     InEmptyRegistry([] {
         WriteFile("/var/run/one.thread.pid", "12345678901234");
         EXPECT_EQ(1, COM_LogThread("one"));
-        EXPECT_EQ(std::to_string(getpid()), ReadFile("/var/run/one.thread.pid"));
+        EXPECT_EQ(Pid(), ReadFile("/var/run/one.thread.pid"));
     });
 }
 
@@ -211,8 +211,8 @@ TEST(LogThread, DoesNotWaitForTheReaderOfAFifo) {
                          "device or address"}),
                   CaptureLog([] { EXPECT_EQ(1, COM_LogThread("one")); }));
         const int reader = open("/var/run/one.thread.pid", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : Too many "
-                         "links"}),
+        EXPECT_EQ((Lines{"COMMON:COM_LogThread(): fopen(/var/run/one.thread.pid) error : No such "
+                         "device or address"}),
                   CaptureLog([] { EXPECT_EQ(2, COM_LogThread("one")); }));
         close(reader);
     });

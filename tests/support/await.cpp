@@ -60,7 +60,7 @@ bool Eventually(const std::function<bool()> &condition, int ms) {
 
 bool Readable(int fd, int ms) {
     pollfd one = {fd, POLLIN, 0};
-    return poll(&one, 1, ms) == 1 && (one.revents & POLLNVAL) == 0;
+    return fd >= 0 && poll(&one, 1, ms) == 1 && (one.revents & POLLNVAL) == 0;
 }
 
 // The kernel counts the bytes in the peer's receive queue to the sender (unix(7), SIOCOUTQ); for a
