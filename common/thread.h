@@ -33,9 +33,8 @@ static_assert(offsetof(tThreadInfo, name) == 12, "layout of a registry entry");
 
 /* Enters the calling thread under a name and writes its process id, as decimal digits without a
  * newline, into /var/run/<name>.thread.pid. A pid file that cannot be written is logged and does
- * not stop the registration. A symbolic link in its place is not followed; a file that has another
- * name too, and what is no regular file, is not written. Entering a name again makes a second
- * entry.
+ * not stop the registration. In its place a symbolic link is not followed, and a file with further
+ * hard links, a FIFO or a device is not written. Entering a name again makes a second entry.
  *
  * Returns the number of entries, or -1 when pName is NULL or there is no memory. */
 int COM_LogThread(const char *pName);

@@ -6,9 +6,9 @@
  * Each entry mounts pDev->devPath read-only as ISO 9660 on a directory of its own below /var, sets
  * u.disc.usedKB from f_bsize * f_blocks of statfs(2), unmounts, and waits one second for the drive.
  * The directory is made if it does not exist, and anything mounted on it before is unmounted. A
- * symbolic link in its place is not followed and counts as a directory that cannot be made. No
- * user but root must be able to rename in /var: a directory that is replaced after this check is
- * used.
+ * symbolic link in its place is not followed and counts as a directory that cannot be made.
+ * Other users must not be able to rename in /var: a directory that they put in its place after this
+ * check is used.
  *
  * Returns DEV_QUERY_OK, or DEV_QUERY_FAILED with usedKB unchanged: pDev is NULL, or making the
  * directory, mounting (a disc without ISO 9660) or statfs failed. Two threads must not measure the
