@@ -150,7 +150,8 @@ await() {
     done
 }
 shown() { grep -q "$1" /proc/net/unix; }
-socket_of() { ls -l "/proc/$1/fd" | sed -n 's/.* socket:\[\(.*\)\]$/\1/p' | tail -n 1; }
+# A process that has just begun opens and closes descriptors while ls reads them.
+socket_of() { ls -l "/proc/$1/fd" 2>/dev/null | sed -n 's/.* socket:\[\(.*\)\]$/\1/p' | tail -n 1; }
 has_socket() { [ -n "$(socket_of "$1")" ]; }
 # spared <text> <pid>: the process is no daemon at the socket and is not ended as one.
 spared() {
