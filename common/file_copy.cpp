@@ -8,6 +8,7 @@
 #include <limits.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -73,6 +74,14 @@ int64_t AppendLimit(int dst, int src) {
     return same ? int64_t{from.st_size} : INT64_MAX;
 }
 
+// Removes a part of a copy; if its path is a symbolic link, the file that the link names.
+void RemovePart(const char *pPath) {
+    char file[PATH_MAX];
+    if (realpath(pPath, file) != nullptr) {
+        unlink(file);
+    }
+}
+
 }  // namespace
 
 int COM_CopyFile(const char *pDst, const char *pSrc) {
@@ -132,8 +141,12 @@ int COM_CopyAndLink(const char *pTarget, const char *pLink) {
             return -1;
         }
         MakeParentDir<kLinkPathSize>(pTarget);
-        if ((!S_ISREG(link.st_mode) && !S_ISLNK(link.st_mode)) ||
-            COM_CopyFile(pTarget, pLink) != 0) {
+        if (!S_ISREG(link.st_mode) && !S_ISLNK(link.st_mode)) {
+            return -1;
+        }
+        if (COM_CopyFile(pTarget, pLink) != 0) {
+            // The next call would take it for the whole file.
+            RemovePart(pTarget);
             return -1;
         }
     }

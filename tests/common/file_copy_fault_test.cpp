@@ -81,6 +81,7 @@ TEST(CopyAndLinkFault, KeepsTheFileWhoseCopyCannotBeClosed) {
     });
     EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(dir / "file")));
     EXPECT_EQ("x", ReadFile(dir / "file"));
+    EXPECT_FALSE(std::filesystem::exists(dir / "target"));
 }
 
 TEST(AppendFileToFileFault, ReportsThatThereIsNoMemory) {

@@ -330,13 +330,22 @@ TEST(CopyAndLink, FailsOnPathsThatCannotBeExamined) {
 TEST(CopyAndLink, KeepsTheFileWhenTheCopyFails) {
     RunInPrivateWorld(kMounts, [] {
         MountTmpfs("/mnt");
-        WriteFile("/mnt/src", "x");
-        ASSERT_EQ(0, mkdir("/mnt/full", 0755));
-        MountTmpfs("/mnt/full", "size=4k");
-        WriteFile("/mnt/full/room", Bytes(4096));
-        CaptureLog([] { EXPECT_EQ(-1, COM_CopyAndLink("/mnt/full/target", "/mnt/src")); });
-        EXPECT_EQ("x", ReadFile("/mnt/src"));
-        EXPECT_EQ("", LinkText("/mnt/src"));
+        const std::string content = Bytes(8192);
+        WriteFile("/mnt/src", content);
+        ASSERT_EQ(0, mkdir("/mnt/small", 0755));
+        MountTmpfs("/mnt/small", "size=4k");
+        // Twice: a part that the first call left would be the whole target of the second.
+        for (int call = 0; call < 2; ++call) {
+            CaptureLog([] { EXPECT_EQ(-1, COM_CopyAndLink("/mnt/small/target", "/mnt/src")); });
+            EXPECT_TRUE(content == ReadFile("/mnt/src"));
+            EXPECT_EQ("", LinkText("/mnt/src"));
+            EXPECT_FALSE(std::filesystem::exists("/mnt/small/target"));
+        }
+        // The target may be a link to a file that is not there yet.
+        ASSERT_EQ(0, symlink("small/target", "/mnt/later"));
+        CaptureLog([] { EXPECT_EQ(-1, COM_CopyAndLink("/mnt/later", "/mnt/src")); });
+        EXPECT_EQ("small/target", LinkText("/mnt/later"));
+        EXPECT_FALSE(std::filesystem::exists("/mnt/small/target"));
     });
 }
 

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "common/COMMON.h"
 #include "faults/harness.h"
@@ -404,6 +405,8 @@ std::vector<Scenario> Files() {
              CHECK(result != 0 || ReadFile("/tmp/a/file") == Long() || FailsWith(ENOENT));
              CHECK(ReadFile(kFile) == Long() || ReadFile("/tmp/a/file") == Long() ||
                    FailsWith(ENOENT));
+             CHECK(!std::filesystem::exists("/tmp/a/file") || ReadFile("/tmp/a/file") == Long() ||
+                   FailsIn({"realpath", "unlink"}));
          },
          {"/tmp/a", "/tmp/a/file"}},
         {"COM_AppendFileToFile",
