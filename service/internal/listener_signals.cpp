@@ -16,27 +16,13 @@ struct Socket {
 };
 constinit Socket g_socket = {};
 
-struct sigaction ActionOf(void (*pHandler)(int), const sigset_t &mask) {
-    struct sigaction action = {};
-    action.sa_handler = pHandler;
-    action.sa_mask = mask;
-    return action;
-}
-
-struct sigaction ActionOf(void (*pHandler)(int)) {
-    sigset_t none;
-    sigemptyset(&none);
-    return ActionOf(pHandler, none);
-}
-
-// Handles a stop signal. Calls only what a handler may call (signal-safety(7)).
+// Handles a stop signal, whose action is the default by then (SA_RESETHAND). Calls only what a
+// handler may call (signal-safety(7)).
 void EndProcess(int signal) {
     // Another daemon may have taken the path over.
     if (FileId{g_socket.path} == g_socket.id) {
         unlink(g_socket.path);
     }
-    const struct sigaction end = ActionOf(SIG_DFL);
-    sigaction(signal, &end, nullptr);
     sigset_t own;
     sigemptyset(&own);
     sigaddset(&own, signal);
@@ -53,7 +39,10 @@ ListenerSignals::ListenerSignals() {
     sigaddset(&stopSignals_, SIGINT);
     sigprocmask(SIG_BLOCK, &stopSignals_, &oldMask_);
     g_socket = {};
-    const struct sigaction stop = ActionOf(EndProcess, stopSignals_);
+    struct sigaction stop = {};
+    stop.sa_handler = EndProcess;
+    stop.sa_mask = stopSignals_;
+    stop.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGTERM, &stop, &oldTerm_);
     sigaction(SIGINT, &stop, &oldInt_);
     Unblock();
@@ -84,7 +73,8 @@ void ListenerSignals::SetSocket(const char *pPath) {
 void ListenerSignals::ReleaseInChild() {
     released_ = true;
     ignored_.Keep();
-    const struct sigaction end = ActionOf(SIG_DFL);
+    struct sigaction end = {};
+    end.sa_handler = SIG_DFL;
     sigaction(SIGTERM, &end, nullptr);
     sigaction(SIGINT, &end, nullptr);
     sigset_t none;
