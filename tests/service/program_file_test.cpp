@@ -1,10 +1,19 @@
 // The program's file: what it needs to run and how it is protected.
 
 #include <elf.h>
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <link.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <signal.h>
+#include <stddef.h>
 #include <string.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -211,6 +220,33 @@ TEST(ProgramFile, RelocatedTablesAreReadOnlyInTheRunningDaemon) {
         }
     }
     EXPECT_EQ(end - begin, covered);
+}
+
+// From now on, each mprotect of this process and of the programs that it executes fails.
+void RefuseMprotect() {
+    sock_filter instructions[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_mprotect, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {std::size(instructions), instructions};
+    const rlimit noCore = {0, 0};
+    if (setrlimit(RLIMIT_CORE, &noCore) != 0 || prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+        prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0) {
+        _exit(125);
+    }
+}
+
+TEST(ProgramFile, StaticOneDoesNotRunWithWritableTables) {
+    if (!StaticProgram()) {
+        GTEST_SKIP() << "the loader protects the tables of a dynamic program";
+    }
+    if (Emulated()) {
+        GTEST_SKIP() << "the emulator would need mprotect too";
+    }
+    const int wait = RunProgram({"-h"}, RefuseMprotect).wait;
+    EXPECT_TRUE(WIFSIGNALED(wait) && WTERMSIG(wait) == SIGABRT) << wait;
 }
 
 // A root directory with the program, a static shell and nothing else, as in an initramfs; then
