@@ -8,7 +8,6 @@
 #include <limits.h>
 #include <stdint.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -74,14 +73,6 @@ int64_t AppendLimit(int dst, int src) {
     return same ? int64_t{from.st_size} : INT64_MAX;
 }
 
-// Removes a part of a copy; if its path is a symbolic link, the file that the link names.
-void RemovePart(const char *pPath) {
-    char file[PATH_MAX];
-    if (realpath(pPath, file) != nullptr) {
-        unlink(file);
-    }
-}
-
 }  // namespace
 
 int COM_CopyFile(const char *pDst, const char *pSrc) {
@@ -144,9 +135,12 @@ int COM_CopyAndLink(const char *pTarget, const char *pLink) {
         if (!S_ISREG(link.st_mode) && !S_ISLNK(link.st_mode)) {
             return -1;
         }
+        // Not so for a link to nothing, nor for "<new directory>/../<file>".
+        const bool isNew = lstat(pTarget, &target) != 0 && errno == ENOENT;
         if (COM_CopyFile(pTarget, pLink) != 0) {
-            // The next call would take it for the whole file.
-            RemovePart(pTarget);
+            if (isNew) {
+                unlink(pTarget);  // the next call would take a part for the whole file
+            }
             return -1;
         }
     }

@@ -37,8 +37,9 @@ int COM_CopyFile(const char *pDst, const char *pSrc);
  * be removed.
  *
  * Returns the result of COM_CreateSymbolLink; -1 also when a path cannot be examined (not logged),
- * or the copy fails or would be of something other than a regular file. What a failed copy has
- * written is removed, since the next call would take it for the whole file. */
+ * or the copy fails or would be of something other than a regular file. A failed copy is removed,
+ * unless pTarget is a symbolic link; directories that were made stay. The next call takes a part
+ * that remains, for example after a power failure, for the whole file. */
 int COM_CopyAndLink(const char *pTarget, const char *pLink);
 
 /* Appends a file to another, which is created with mode 0777 less the umask when it is missing. A

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "support/capture.h"
+#include "support/child_process.h"
 #include "support/file_size_limit.h"
 #include "support/opened.h"
 #include "support/private_world.h"
@@ -341,12 +342,25 @@ TEST(CopyAndLink, KeepsTheFileWhenTheCopyFails) {
             EXPECT_EQ("", LinkText("/mnt/src"));
             EXPECT_FALSE(std::filesystem::exists("/mnt/small/target"));
         }
-        // The target may be a link to a file that is not there yet.
-        ASSERT_EQ(0, symlink("small/target", "/mnt/later"));
-        CaptureLog([] { EXPECT_EQ(-1, COM_CopyAndLink("/mnt/later", "/mnt/src")); });
-        EXPECT_EQ("small/target", LinkText("/mnt/later"));
-        EXPECT_FALSE(std::filesystem::exists("/mnt/small/target"));
     });
+}
+
+// A program that runs cannot be opened for writing.
+TEST(CopyAndLink, RemovesNothingThatItHasNotMade) {
+    const TempDir dir;
+    WriteFile(dir / "src", "x");
+    std::filesystem::copy_file("/bin/sleep", dir / "kept");
+    const ChildProcess sleeper{(dir / "kept").c_str(), Sleeper("kept")};
+    const std::string target = dir / "missing/../kept";
+    EXPECT_EQ(
+        Lines{"COMMON:COM_CopyFile(): open(" + target + ") failed : Text file busy"},
+        CaptureLog([&] { EXPECT_EQ(-1, COM_CopyAndLink(target.c_str(), (dir / "src").c_str())); }));
+    EXPECT_TRUE(std::filesystem::exists(dir / "kept"));
+    // A link to a file that cannot be made.
+    ASSERT_EQ(0, symlink("/proc/none", (dir / "nothing").c_str()));
+    CaptureLog([&] { EXPECT_EQ(-1, CopyAndLink(dir / "nothing", dir / "src")); });
+    EXPECT_EQ("/proc/none", LinkText(dir / "nothing"));
+    EXPECT_EQ("x", ReadFile(dir / "src"));
 }
 
 TEST(AppendFileToFile, AppendsEverySizeAroundTheBlock) {

@@ -246,6 +246,7 @@ done
 // Where sleep takes no fractions, a wait has no more pauses of a second than it has seconds.
 TEST_F(InitScript, ListenerWaitsForSoManySeconds) {
     EXPECT_EQ("status 1", Run(R"sh(
+: >/tmp/pauses
 code=0
 (
     sleep() {
@@ -258,7 +259,7 @@ code=0
 ) || code=$?
 echo "status $code"
 pauses=$(wc -l </tmp/pauses)
-[ "$pauses" -ge 1 ] && [ "$pauses" -le 3 ] || fail "$pauses pauses"
+[ "$pauses" -le 3 ] || fail "$pauses pauses"
 )sh"));
 }
 
