@@ -149,7 +149,8 @@ std::string NsdConfig(const std::string &dir) {
            "  pidfile: \"\"\n"
            "  server-count: 1\n"
            "  zonesdir: \"" +
-           dir + "\"\n  xfrdfile: \"" + dir + "/xfrd.state\"\n  zonelistfile: \"" + dir +
+           dir + "\"\n  xfrdfile: \"" + dir + "/xfrd.state\"\n  xfrdir: \"" + dir +
+           "\"\n  zonelistfile: \"" + dir +
            "/zone.list\"\n"
            "remote-control:\n"
            "  control-enable: no\n"

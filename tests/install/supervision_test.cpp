@@ -192,7 +192,7 @@ pretend "another daemon" "$(/usr/local/libexec/talvek-listener /run/other 60)"
 
 unshare -m sh -c 'mount -t tmpfs -o mode=777 none /run && exec su stranger -c "talvek -D"' \
     >/tmp/stranger
-await shown " /var/run/TALVEK\$"
+await shown " 00010000 .* /var/run/TALVEK\$"
 spared "a stranger's daemon" "$(own_pid /tmp/stranger)"
 )sh"));
 }
@@ -222,7 +222,8 @@ $init stop || fail stop
 )sh"));
 }
 
-// A later daemon takes the path. The kernel lists both sockets with it.
+// A later daemon takes the path. The kernel lists both sockets with it; one that listens has the
+// flag 00010000.
 TEST_F(InitScript, ListenerFindsTheDaemonThatWasStartedLast) {
     EXPECT_EQ("", Run(R"sh(
 listener=/usr/local/libexec/talvek-listener
@@ -232,7 +233,7 @@ for i in 1 2 3 4 5 6; do
     talvek -D >/tmp/$i
     last=$(own_pid /tmp/$i)
     tries=600
-    until [ "$(grep -c ' /var/run/TALVEK$' /proc/net/unix)" = $((i + 1)) ]; do
+    until [ "$(grep -c ' 00010000 .* /var/run/TALVEK$' /proc/net/unix)" = $((i + 1)) ]; do
         tries=$((tries - 1))
         [ $tries -gt 0 ] || fail "daemon $i does not listen"
         sleep 0.1
