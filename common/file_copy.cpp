@@ -135,7 +135,8 @@ int COM_CopyAndLink(const char *pTarget, const char *pLink) {
         if (!S_ISREG(link.st_mode) && !S_ISLNK(link.st_mode)) {
             return -1;
         }
-        // Not so for a link to nothing, nor for "<new directory>/../<file>".
+        // False for a link to nothing, and for a file that exists and whose path goes through a
+        // directory that was missing.
         const bool isNew = lstat(pTarget, &target) != 0 && errno == ENOENT;
         if (COM_CopyFile(pTarget, pLink) != 0) {
             if (isNew) {

@@ -244,10 +244,12 @@ done
 )sh"));
 }
 
-// Where sleep takes no fractions, a wait has no more pauses of a second than it has seconds.
+// Not less, and where sleep takes no fractions, with no more pauses of a second than seconds.
 TEST_F(InitScript, ListenerWaitsForSoManySeconds) {
     EXPECT_EQ("status 1", Run(R"sh(
 : >/tmp/pauses
+seconds() { cut -d . -f 1 /proc/uptime; }
+begin=$(seconds)
 code=0
 (
     sleep() {
@@ -259,6 +261,7 @@ code=0
     . /usr/local/libexec/talvek-listener
 ) || code=$?
 echo "status $code"
+[ $(($(seconds) - begin)) -ge 3 ] || fail "it did not wait"
 pauses=$(wc -l </tmp/pauses)
 [ "$pauses" -le 3 ] || fail "$pauses pauses"
 )sh"));
